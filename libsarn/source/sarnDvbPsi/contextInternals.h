@@ -1,0 +1,45 @@
+// What the files of the analysis context share among themselves.
+#pragma once
+
+#include <bit>
+#include <cstdint>
+
+#include "sarn/tsStream.h"
+#include "sharedAccess.h"
+
+inline constexpr int64_t kTableIntervalLimitMs = 500;  // PAT and PMT repetition, ETSI TR 101 290 5.2.1
+
+// Creates a handle whose messages are counted on `stream`. Null without memory.
+dvbpsi_s* newPsiHandle(ts_stream_t* stream);
+
+// Creates the five decoders of a new context. False at the first one that cannot be attached; what has been
+// attached until then stays for deleteDecoders.
+bool attachDecoders(ts_stream_t* stream);
+
+// Detaches the decoders that are attached and deletes the handles that are not null.
+void deleteDecoders(ts_stream_t* stream);
+
+// Makes `pmt` the record of PMT PID `pid`, so that this PID's ts_pid_t leads to it. Null only unlinks.
+void setPmtPid(ts_pmt_t* pmt, ts_pid_t* pid);
+
+// Adds to a set that the timer thread may be reading.
+inline void insertPid(PidSet& set, uint32_t pid) {
+    uint64_t& word = set[pid / 64];
+    relaxedStore(word, word | uint64_t{1} << pid % 64);
+}
+
+// Calls f(pid) for every member, ascending.
+template <typename F>
+void forEachPid(const PidSet& set, F&& f) {
+    for (uint32_t index = 0; index < set.size(); ++index) {
+        for (uint64_t word = relaxedLoad(set[index]); word != 0; word &= word - 1) {
+            f(index * 64 + static_cast<uint32_t>(std::countr_zero(word)));
+        }
+    }
+}
+
+// Counts on the stream and on one of its PIDs.
+inline void countError(ts_stream_t& stream, ts_pid_t& pid, Tr101290 counter) {
+    ++stream.tr101290[counter];
+    ++pid.tr101290[counter];
+}
