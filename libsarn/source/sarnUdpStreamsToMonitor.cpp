@@ -1,10 +1,12 @@
 // The stream table and the classification of captured frames.
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 
 #include "sarn/sarnDvbPsi.h"
 #include "sarn/sarnLog.h"
@@ -84,11 +86,12 @@ void learnStream(UdpStream& stream, const uint8_t* frame, uint32_t capturedLengt
                                           sarnUdpStreams_determineEthernetType(frame));
 }
 
-// Whole packets of the length that the first datagram announced, as far as this frame was captured.
-uint32_t payloadLength(const UdpStream& stream, uint32_t capturedLength) {
-    const uint32_t whole = stream.udpHeader->length / static_cast<uint32_t>(kTsPacketSize) * kTsPacketSize;
-    const uint32_t captured = capturedLength > stream.payloadOffset ? capturedLength - stream.payloadOffset : 0;
-    return whole < captured ? whole : captured;
+// The transport packets of one frame: as many whole ones as the first datagram announced, as far as this
+// frame was captured.
+std::span<const uint8_t> transportPackets(const UdpStream& stream, std::span<const uint8_t> frame) {
+    const std::size_t announced = stream.udpHeader->length / kTsPacketSize * std::size_t{kTsPacketSize};
+    const auto captured = frame.subspan(std::min<std::size_t>(stream.payloadOffset, frame.size()));
+    return captured.first(std::min(announced, captured.size()));
 }
 
 void processDatagram(UdpStream& stream, const uint8_t* frame, uint32_t capturedLength, uint64_t arrivalMs,
@@ -104,9 +107,9 @@ void processDatagram(UdpStream& stream, const uint8_t* frame, uint32_t capturedL
         stream.wrongSource = true;
         return;
     }
-    sarnDvbPsi_process(stream.tsStream, frame + stream.payloadOffset,
-                       static_cast<int32_t>(payloadLength(stream, capturedLength)), static_cast<int64_t>(arrivalMs),
-                       arrivalTicks);
+    const auto packets = transportPackets(stream, {frame, capturedLength});
+    sarnDvbPsi_process(stream.tsStream, packets.data(), static_cast<int32_t>(packets.size()),
+                       static_cast<int64_t>(arrivalMs), arrivalTicks);
 }
 
 }  // namespace
@@ -125,8 +128,8 @@ UdpStream* sarnUdpStreams_findStream(UdpStreamTable* table, uint32_t group, pthr
     return stream;
 }
 
-UdpStream* sarnUdpStreams_addStream(UdpStreamTable* table, uint32_t group, uint32_t userData, uint32_t streamId,
-                                    const char* name, pthread_rwlock_t* lock) {
+UdpStream* sarnUdpStreams_addStream(UdpStreamTable* table, uint32_t group, uint32_t userData,
+                                    uint32_t streamId, const char* name, pthread_rwlock_t* lock) {
     const TableWriteGuard guard(lock, kAddLockLine);
     auto* stream = static_cast<UdpStream*>(calloc(1, sizeof(UdpStream)));
     if (stream == nullptr) {
@@ -162,9 +165,11 @@ void sarnUdpStreams_deleteAll(UdpStreamTable* table) {
 }
 
 void sarnUdpStreams_printStreams(UdpStreamTable* table) {
-    for (const UdpStream* stream = *table; stream != nullptr; stream = static_cast<const UdpStream*>(stream->hh.next)) {
+    for (const UdpStream* stream = *table; stream != nullptr;
+         stream = static_cast<const UdpStream*>(stream->hh.next)) {
         const in_addr group{.s_addr = stream->group};
-        printf("%d %s %s %d \n", static_cast<int>(stream->streamId), stream->name, inet_ntoa(group), stream->port);
+        printf("%d %s %s %d \n", static_cast<int>(stream->streamId), stream->name, inet_ntoa(group),
+               stream->port);
     }
 }
 

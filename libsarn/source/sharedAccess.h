@@ -1,12 +1,13 @@
-// Accesses to what the timer thread and the analysing thread share without a lock, and a guard for spin locks.
+// Accesses to what the timer thread and the analysing thread share without a lock, and a guard for spin
+// locks.
 #pragma once
 
 #include <pthread.h>
 
 #include <atomic>
 
-// Relaxed: each value stands for itself, nothing is published through it. On the machines in question these are
-// plain loads and stores.
+// Relaxed: each value stands for itself, nothing is published through it. On the machines in question these
+// are plain loads and stores.
 template <typename T>
 T relaxedLoad(const T& value) {
     return std::atomic_ref<T>(const_cast<T&>(value)).load(std::memory_order_relaxed);

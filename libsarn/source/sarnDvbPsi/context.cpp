@@ -34,8 +34,8 @@ constexpr uint32_t kTdtPid = 0x14;
 constexpr int32_t kDefaultPidTimeoutSeconds = 5;
 constexpr uint64_t kBitrateSpanPackets = 70000;
 
-// A context spans several megabytes of which a few pages are ever touched. Mapped directly, untouched pages cost
-// nothing, and small pages keep it so where the system would hand out huge ones.
+// A context spans several megabytes of which a few pages are ever touched. Mapped directly, untouched pages
+// cost nothing, and small pages keep it so where the system would hand out huge ones.
 ts_stream_t* allocateContext() {
     void* block = mmap(nullptr, sizeof(ts_stream_t), PROT_READ | PROT_WRITE,
                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);

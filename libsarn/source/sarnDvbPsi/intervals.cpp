@@ -51,7 +51,8 @@ void latchPid(ts_pid_t& slot, const ts_pid_t& live) {
 
 void sarnDvbPsi_timerTick(int64_t nowSeconds) {
     const SpinGuard guard(knownStreams_spinlock);
-    for (KnownStream* known = knownStreams; known != nullptr; known = static_cast<KnownStream*>(known->hh.next)) {
+    for (KnownStream* known = knownStreams; known != nullptr;
+         known = static_cast<KnownStream*>(known->hh.next)) {
         countSilentPids(*known->stream, nowSeconds);
     }
 }
@@ -67,7 +68,8 @@ void* thread_timer_function(void*) {
 
 void sarnDvbPsi_latchInterval(ts_stream_t* stream, int32_t intervalId) {
     ts_stream_t* slot = stream->p_intervals + intervalId;
-    // Only records of PIDs that were ever touched can differ from the slot's, and the masks only once written.
+    // Only records of PIDs that were ever touched can differ from the slot's, and the masks only once
+    // written.
     copyRecord(slot, stream, offsetof(ts_stream_t, pid),
                offsetof(ts_stream_t, tr101290) + kPidError * sizeof(uint64_t));
     slot->tr101290[kPidError] = relaxedLoad(stream->tr101290[kPidError]);

@@ -11,7 +11,7 @@ struct KnownStream {
     UT_hash_handle hh;
 };
 
-// Guards `knownStreams` and keeps its contexts alive while held. Initialised with the first context; no other lock
-// is taken while it is held.
+// Guards `knownStreams` and keeps its contexts alive while held. Initialised with the first context; no other
+// lock is taken while it is held.
 extern pthread_spinlock_t knownStreams_spinlock;
 extern KnownStream* knownStreams;

@@ -57,7 +57,8 @@ T* grow(T* array, uint32_t count, int line) {
 }
 
 void assertInterval(int32_t intervalId, int line) {
-    SARN_ASSERT_AT(intervalId < 1 && intervalId >= 0, "intervalId < 1 && intervalId >=0", kSarnDvbPsiFile, line);
+    SARN_ASSERT_AT(intervalId < 1 && intervalId >= 0, "intervalId < 1 && intervalId >=0", kSarnDvbPsiFile,
+                   line);
 }
 
 // The loss ratio; `unless there is traffic` the value given stays.
@@ -69,12 +70,12 @@ void updateLossRatio(Metrics& metrics) {
     }
 }
 
-// The mean rate between first and last packet, lost ones included; 0 below 200 ms. A rate beyond 32 bits keeps the
-// low 32 of its integer part.
+// The mean rate between first and last packet, lost ones included; 0 below 200 ms. A rate beyond 32 bits
+// keeps the low 32 of its integer part.
 template <typename Metrics>
 uint32_t meanBitrate(const Metrics& metrics) {
-    const auto duration =
-        static_cast<int64_t>(static_cast<uint64_t>(metrics.lastSeen) - static_cast<uint64_t>(metrics.firstSeen));
+    const auto duration = static_cast<int64_t>(static_cast<uint64_t>(metrics.lastSeen) -
+                                               static_cast<uint64_t>(metrics.firstSeen));
     if (duration < kBitrateMinimumMs) {
         return 0;
     }
@@ -186,7 +187,8 @@ TsMetrics* sarnDvbPsi_getTsMetricsInterval(ts_stream_t* stream, int32_t interval
     TsMetrics* tsMetricsCurrent = sarnDvbPsi_getTsMetricsCumulative(stream);
     tsMetricsCurrent->nullPackets -= tsMetricsPrev->nullPackets;
     SARN_ASSERT_AT(tsMetricsPrev->packetsLost <= tsMetricsCurrent->packetsLost,
-                   "tsMetricsPrev->packetsLost <= tsMetricsCurrent->packetsLost", kSarnDvbPsiFile, kTsLostLine);
+                   "tsMetricsPrev->packetsLost <= tsMetricsCurrent->packetsLost", kSarnDvbPsiFile,
+                   kTsLostLine);
     tsMetricsCurrent->packetsOther -= tsMetricsPrev->packetsOther;
     tsMetricsCurrent->packetsLost -= tsMetricsPrev->packetsLost;
     tsMetricsCurrent->packetsReceived -= tsMetricsPrev->packetsReceived;
@@ -248,7 +250,8 @@ PidMetrics* sarnDvbPsi_getPidMetricsInterval(ts_stream_t* stream, uint16_t pid, 
     pidMetricsCurrent->gopWordA = static_cast<uint32_t>(entry.nal_state[0]);
     pidMetricsCurrent->gopWordB = static_cast<uint32_t>(entry.nal_state[1]);
     SARN_ASSERT_AT(pidMetricsPrev->packetsLost <= pidMetricsCurrent->packetsLost,
-                   "pidMetricsPrev->packetsLost <= pidMetricsCurrent->packetsLost", kSarnDvbPsiFile, kPidLostLine);
+                   "pidMetricsPrev->packetsLost <= pidMetricsCurrent->packetsLost", kSarnDvbPsiFile,
+                   kPidLostLine);
     // The PID's own current count is taken off, not the latched one, so an interval shows 0 here.
     pidMetricsCurrent->packetsOther -= entry.i_scrambled;
     pidMetricsCurrent->packetsLost -= pidMetricsPrev->packetsLost;
@@ -269,7 +272,8 @@ PidMetrics* sarnDvbPsi_getPidMetricsInterval(ts_stream_t* stream, uint16_t pid, 
     return pidMetricsCurrent;
 }
 
-UdpMetrics* getUdpMetrics(uint8_t ttl, uint8_t dscp, uint8_t ecn, uint64_t igmpJoinTime, const ts_stream_t* stream) {
+UdpMetrics* getUdpMetrics(uint8_t ttl, uint8_t dscp, uint8_t ecn, uint64_t igmpJoinTime,
+                          const ts_stream_t* stream) {
     auto* metrics = static_cast<UdpMetrics*>(calloc(1, sizeof(UdpMetrics)));
     metrics->ttl = ttl;
     metrics->dscp = dscp;

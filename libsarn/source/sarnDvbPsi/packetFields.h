@@ -1,5 +1,5 @@
-// Every bit field of the transport packet header, the adaptation field (ISO/IEC 13818-1 2.4.3) and the PES header
-// (2.4.3.6) that the analysis reads. Nobody else shifts and masks.
+// Every bit field of the transport packet header, the adaptation field (ISO/IEC 13818-1 2.4.3) and the PES
+// header (2.4.3.6) that the analysis reads. Nobody else shifts and masks.
 #pragma once
 
 #include <cstdint>
@@ -87,8 +87,8 @@ inline bool afeSeamlessSplice(uint8_t flags) {
 
 // Whether a PES packet start code prefix stands at `offset`, wholly inside the packet.
 inline bool pesStartsAt(TsPacket packet, uint32_t offset) {
-    return offset + 3 <= static_cast<uint32_t>(kTsPacketSize) && packet[offset] == 0 && packet[offset + 1] == 0 &&
-           packet[offset + 2] == 1;
+    return offset + 3 <= static_cast<uint32_t>(kTsPacketSize) && packet[offset] == 0 &&
+           packet[offset + 1] == 0 && packet[offset + 2] == 1;
 }
 
 // Fields of the PES header that starts at `offset`; 0 where they lie outside the packet.

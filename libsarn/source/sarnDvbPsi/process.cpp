@@ -27,11 +27,11 @@ constexpr uint16_t kSdtPid = 17;
 constexpr uint16_t kEitPid = 18;
 constexpr uint16_t kTdtPid = 20;
 
-constexpr uint8_t kGoodRunInSync = 5;      // sync is regained with the fifth good packet in a row
-constexpr uint8_t kBadRunOutOfSync = 2;    // and lost with the third failure in a row
+constexpr uint8_t kGoodRunInSync = 5;    // sync is regained with the fifth good packet in a row
+constexpr uint8_t kBadRunOutOfSync = 2;  // and lost with the third failure in a row
 constexpr uint8_t kBadRunLimit = 249;
 constexpr int64_t kPresenceCheckPeriodMs = 500;
-constexpr int64_t kPcrRepetitionLimitMs = 40;         // ETSI TR 101 290 5.2.2
+constexpr int64_t kPcrRepetitionLimitMs = 40;  // ETSI TR 101 290 5.2.2
 constexpr int64_t kPcrDiscontinuityLimitNs = 100'000'000;
 constexpr int64_t kPcrAccuracyLimitNs = 500;
 constexpr int64_t kPtsRepetitionLimitMs = 700;
@@ -40,9 +40,9 @@ constexpr double kBitrateSpanBitsPerMegahertz = 105280000000000.0;  // 70000 pac
 constexpr double kTicksPerMicrosecond = 54;
 constexpr double kPacketNanobits = 1504.0 * 1e9;
 constexpr int kDuplicateGap = 16;
-constexpr uint16_t kSamplePeriod = 1000;   // frames until a slot of the two sample buffers is used again
+constexpr uint16_t kSamplePeriod = 1000;  // frames until a slot of the two sample buffers is used again
 constexpr uint8_t kVideoStreamId = 0xE0;
-constexpr uint32_t kPesHeaderEnd = 13;     // behind the TS header and a PES header without its data
+constexpr uint32_t kPesHeaderEnd = 13;  // behind the TS header and a PES header without its data
 constexpr uint8_t kAdaptationLengthWithPcr = 7;
 
 // Differences of clocks that the network or a capture file controls may be anything: they wrap.
@@ -73,9 +73,9 @@ struct Step {
     ts_pid_t& pid;
     const Arrival& arrival;
     TsPacket packet;
-    int32_t readable;         // bytes from the packet's start to the datagram's end
-    uint16_t number;          // the PID
-    uint8_t gap;              // continuity_counter values missing before this packet, 0 to 15
+    int32_t readable;  // bytes from the packet's start to the datagram's end
+    uint16_t number;   // the PID
+    uint8_t gap;       // continuity_counter values missing before this packet, 0 to 15
     bool continuityError;
 };
 
@@ -165,9 +165,10 @@ void checkPresence(ts_stream_t& stream, int64_t now) {
 void closeBitrateSpan(ts_stream_t& stream, uint64_t nowHr) {
     const uint64_t span = nowHr - stream.i_bitrate_start_hr;
     const bool first = stream.i_packets == kBitrateSpanPackets;
-    stream.i_bitrate = first || span == 0 ? 0
-                                          : saturate<uint64_t>(kBitrateSpanBitsPerMegahertz /
-                                                               static_cast<double>(span) * kTicksPerMicrosecond);
+    stream.i_bitrate = first || span == 0
+                           ? 0
+                           : saturate<uint64_t>(kBitrateSpanBitsPerMegahertz / static_cast<double>(span) *
+                                                kTicksPerMicrosecond);
     stream.i_bitrate_start_hr = nowHr;
     stream.i_next_bitrate_packet += kBitrateSpanPackets;
 }
@@ -306,7 +307,8 @@ void estimateGop(const Step& s, const PesSample* samples) {
     }
     // A fixed debugging aid for these four PIDs.
     if (s.number == 1641 || s.number == 1661 || s.number == 1501 || s.number == 531) {
-        printf("stream->pid[i_pid].i_nal_count %d %d\n", static_cast<int>(static_cast<uint32_t>(s.pid.i_nal_count)),
+        printf("stream->pid[i_pid].i_nal_count %d %d\n",
+               static_cast<int>(static_cast<uint32_t>(s.pid.i_nal_count)),
                static_cast<int>(static_cast<uint32_t>(s.pid.i_nal_count >> 32)));
     }
 }
@@ -339,7 +341,8 @@ void samplePes(const Step& s) {
     estimateGop(s, samples);
 }
 
-// A PES start counts wherever its prefix stands at the payload's begin; payload_unit_start_indicator is not asked.
+// A PES start counts wherever its prefix stands at the payload's begin; payload_unit_start_indicator is not
+// asked.
 inline void readPesStart(const Step& s) {
     s.pid.i_payload_offset = tsHasAdaptationField(s.packet) && tsHasPayload(s.packet)
                                  ? static_cast<uint8_t>(tsAdaptationFieldLength(s.packet) + 1)
@@ -352,7 +355,8 @@ inline void readPesStart(const Step& s) {
         samplePes(s);
     }
     if (pesStreamId(s.packet, pes) == kVideoStreamId) {
-        const auto behindHeader = static_cast<uint8_t>(s.pid.i_payload_offset + pesHeaderDataLength(s.packet, pes));
+        const auto behindHeader =
+            static_cast<uint8_t>(s.pid.i_payload_offset + pesHeaderDataLength(s.packet, pes));
         parse_nal(s.packet.data(), static_cast<uint8_t>(kPesHeaderEnd + behindHeader), s.readable,
                   &s.pid.nal_state[0], &s.pid.nal_state[1]);
     }
@@ -365,7 +369,8 @@ void measurePcrJitter(const Step& s) {
     const int64_t deviation = wrappingSub(elapsed, wrappingSub(pid.i_pcr, pid.i_prev_pcr));
     const int64_t distance = deviation < 0 ? wrappingSub(0, deviation) : deviation;
     const auto step = static_cast<int32_t>(wrappingSub(distance, pid.i_pcr_jitter) >> 4);
-    pid.i_pcr_jitter = static_cast<int32_t>(static_cast<uint32_t>(pid.i_pcr_jitter) + static_cast<uint32_t>(step));
+    pid.i_pcr_jitter =
+        static_cast<int32_t>(static_cast<uint32_t>(pid.i_pcr_jitter) + static_cast<uint32_t>(step));
     for (ts_pid_t* record : {&pid, &s.stream.p_intervals->pid[s.number]}) {
         if (record->i_max_pcr_jitter < pid.i_pcr_jitter) {
             record->i_max_pcr_jitter_time = static_cast<uint64_t>(s.arrival.ms);
@@ -381,7 +386,8 @@ void checkPcrAccuracy(const Step& s) {
     if (s.stream.i_bitrate == 0) {
         return;
     }
-    const double transmission = static_cast<double>(packets) * kPacketNanobits / static_cast<double>(s.stream.i_bitrate);
+    const double transmission =
+        static_cast<double>(packets) * kPacketNanobits / static_cast<double>(s.stream.i_bitrate);
     const auto advance = static_cast<double>(wrappingSub(s.pid.i_pcr, s.pid.i_prev_pcr));
     const auto accuracy = saturate<int64_t>(advance - transmission);
     if (accuracy > kPcrAccuracyLimitNs || accuracy < -kPcrAccuracyLimitNs) {
@@ -421,8 +427,8 @@ void measurePcr(const Step& s) {
     }
 }
 
-// The extension's length byte stands at `q`. The piecewise rate is read from where its offset, counted from the
-// packet's start, is added to q once more; the records keep what that yields.
+// The extension's length byte stands at `q`. The piecewise rate is read from where its offset, counted from
+// the packet's start, is added to q once more; the records keep what that yields.
 void readAdaptationExtension(const Step& s, uint32_t q) {
     ts_pid_t& pid = s.pid;
     const auto at = [&s](uint32_t offset) { return tsByteAt(s.packet, offset); };
@@ -441,7 +447,8 @@ void readAdaptationExtension(const Step& s, uint32_t q) {
         r += 2;
     }
     if (pid.b_piecewise_rate) {
-        pid.i_piecewise_rate = static_cast<uint32_t>((at(q + r) & 0x3F) << 16 | at(q + r + 1) << 8 | at(q + r + 2));
+        pid.i_piecewise_rate =
+            static_cast<uint32_t>((at(q + r) & 0x3F) << 16 | at(q + r + 1) << 8 | at(q + r + 2));
         r += 3;
     }
     if (pid.b_seamless_splice) {
@@ -502,16 +509,18 @@ inline void checkPts(const Step& s, uint32_t payload) {
         !pesHasOptionalHeader(pesStreamId(s.packet, payload)) || !pesHasPts(s.packet, payload)) {
         return;
     }
-    if (s.pid.i_last_pts_time != 0 && wrappingSub(s.arrival.ms, s.pid.i_last_pts_time) > kPtsRepetitionLimitMs) {
+    if (s.pid.i_last_pts_time != 0 &&
+        wrappingSub(s.arrival.ms, s.pid.i_last_pts_time) > kPtsRepetitionLimitMs) {
         countError(s.stream, s.pid, kPtsError);
     }
     s.pid.i_last_pts_time = s.arrival.ms;
 }
 
-// The gap is taken modulo 16, so no packet is classed as a duplicate: a repeated one counts 15 lost packets, which
-// readers of the records rely on.
+// The gap is taken modulo 16, so no packet is classed as a duplicate: a repeated one counts 15 lost packets,
+// which readers of the records rely on.
 void accountContinuity(const Step& s) {
-    if (s.gap == kDuplicateGap && std::equal(s.pid.last_header.begin(), s.pid.last_header.end(), s.packet.begin())) {
+    if (s.gap == kDuplicateGap &&
+        std::equal(s.pid.last_header.begin(), s.pid.last_header.end(), s.packet.begin())) {
         ++s.stream.i_duplicated;
         ++s.pid.i_duplicated;
     } else {
@@ -566,7 +575,8 @@ inline void analysePacket(ts_stream_t& stream, TsPacket packet, int32_t readable
 
 }  // namespace
 
-int32_t sarnDvbPsi_process(ts_stream_t* stream, const uint8_t* buf, int32_t len, int64_t now_ms, uint64_t now_hr) {
+int32_t sarnDvbPsi_process(ts_stream_t* stream, const uint8_t* buf, int32_t len, int64_t now_ms,
+                           uint64_t now_hr) {
     const Arrival arrival = makeArrival(now_ms, now_hr);
     if (!stream->b_started || now_ms < stream->i_earliest_seen) {
         relaxedStore(stream->i_earliest_seen, now_ms);

@@ -40,7 +40,8 @@ void dropPmt(ts_stream_t* stream, uint16_t pid) {
 
 void dropPmtsMissingFrom(const dvbpsi_pat_t& pat, ts_stream_t* stream) {
     std::bitset<kPidCount> announced;
-    for (const dvbpsi_pat_program_t* program = pat.p_first_program; program != nullptr; program = program->p_next) {
+    for (const dvbpsi_pat_program_t* program = pat.p_first_program; program != nullptr;
+         program = program->p_next) {
         announced.set(program->i_pid & kPidMask);
     }
     for (ts_pmt_t* pmt = stream->p_pmts; pmt != nullptr;) {
@@ -121,8 +122,8 @@ void checkPmtInterval(ts_stream_t& stream, ts_pmt_t& pmt) {
     }
 }
 
-// A PMT entry may list more descriptors than the record holds tags: the first 256 stay, and their number is kept
-// modulo 256.
+// A PMT entry may list more descriptors than the record holds tags: the first 256 stay, and their number is
+// kept modulo 256.
 void recordElementaryStream(ts_stream_t& stream, uint16_t programNumber, const dvbpsi_pmt_es_t& es) {
     const auto number = static_cast<uint16_t>(es.i_pid & kPidMask);
     ts_pid_t& pid = stream.pid[number];
@@ -206,17 +207,17 @@ dvbpsi_t* newPsiHandle(ts_stream_t* stream) {
 }
 
 bool attachDecoders(ts_stream_t* stream) {
-    const auto attachDemux = [stream](dvbpsi_t* handle) { return dvbpsi_AttachDemux(handle, newSubtable, stream); };
-    stream->pat_handle = newDecoder(stream, [stream](dvbpsi_t* handle) {
-        return dvbpsi_pat_attach(handle, onPat, stream);
-    });
+    const auto attachDemux = [stream](dvbpsi_t* handle) {
+        return dvbpsi_AttachDemux(handle, newSubtable, stream);
+    };
+    stream->pat_handle =
+        newDecoder(stream, [stream](dvbpsi_t* handle) { return dvbpsi_pat_attach(handle, onPat, stream); });
     if (stream->pat_handle == nullptr) {
         return false;
     }
     guardSections(stream->pat_handle);
-    stream->cat_handle = newDecoder(stream, [stream](dvbpsi_t* handle) {
-        return dvbpsi_cat_attach(handle, onCat, stream);
-    });
+    stream->cat_handle =
+        newDecoder(stream, [stream](dvbpsi_t* handle) { return dvbpsi_cat_attach(handle, onCat, stream); });
     if (stream->cat_handle == nullptr) {
         return false;
     }

@@ -11,7 +11,8 @@
 
 namespace {
 
-constexpr char kRuler[] = "-----------------------------------------------------------------------------------";
+constexpr char kRuler[] =
+    "-----------------------------------------------------------------------------------";
 static_assert(sizeof kRuler - 1 == 83);
 
 using ull = unsigned long long;
@@ -46,7 +47,8 @@ class Columns {
 
     Columns& append(auto value, auto... format) {
         text_[size_++] = ';';
-        const auto result = std::to_chars(text_.data() + size_, text_.data() + kCapacity - 1, value, format...);
+        const auto result =
+            std::to_chars(text_.data() + size_, text_.data() + kCapacity - 1, value, format...);
         size_ = static_cast<std::size_t>(result.ptr - text_.data());
         return *this;
     }
@@ -66,10 +68,9 @@ void printCounters(const std::array<const char*, kTr101290Half>& formats, const 
 }
 
 constexpr std::array<const char*, kTr101290Half> kFirstPriorityFormats = {
-    "    TS_sync_loss:\t\t%10llu\n",    "    Sync_byte_error:\t%10llu\n",
-    "    PAT_error: \t\t\t%10llu\n",    "    PAT_error_2: \t\t%10llu\n",
-    "    Continuity_count_error: %10llu\n", "    PMT_error: \t\t\t%10llu\n",
-    "    PMT_error_2: \t\t%10llu\n",    "    PID_error: \t\t\t%10llu\n",
+    "    TS_sync_loss:\t\t%10llu\n", "    Sync_byte_error:\t%10llu\n",       "    PAT_error: \t\t\t%10llu\n",
+    "    PAT_error_2: \t\t%10llu\n", "    Continuity_count_error: %10llu\n", "    PMT_error: \t\t\t%10llu\n",
+    "    PMT_error_2: \t\t%10llu\n", "    PID_error: \t\t\t%10llu\n",
 };
 constexpr std::array<const char*, kTr101290Half> kSecondPriorityFormats = {
     "    Transport_error\t\t%10llu\n",
@@ -121,13 +122,15 @@ void sarnDvbPsi_printPidMetricsToFile(PidMetrics* cumulative, PidMetrics* interv
 
 void sarnDvbPsi_printTsMetricsCumulative(const TsMetrics* metrics) {
     puts("---------------------sarnDvbPsi_printTsMetrics-------------------------------------");
-    printf("TS first seen at %lld. TS last seen at %lld. TS duration: %lld\n", static_cast<ll>(metrics->firstSeen),
-           static_cast<ll>(metrics->lastSeen), duration(metrics->firstSeen, metrics->lastSeen));
-    printf("Whole TS packets received: %llu. Whole TS packets lost: %llu. PLR: %f. NULL packets received: %llu. "
-           "Total bitrate %u Duplicated: %llu. OOS: %llu\n",
-           static_cast<ull>(metrics->packetsReceived), static_cast<ull>(metrics->packetsLost), metrics->plr,
-           static_cast<ull>(metrics->nullPackets), metrics->totalBitrate, static_cast<ull>(metrics->packetsDuplicated),
-           static_cast<ull>(metrics->packetsOutOfSequence));
+    printf("TS first seen at %lld. TS last seen at %lld. TS duration: %lld\n",
+           static_cast<ll>(metrics->firstSeen), static_cast<ll>(metrics->lastSeen),
+           duration(metrics->firstSeen, metrics->lastSeen));
+    printf(
+        "Whole TS packets received: %llu. Whole TS packets lost: %llu. PLR: %f. NULL packets received: %llu. "
+        "Total bitrate %u Duplicated: %llu. OOS: %llu\n",
+        static_cast<ull>(metrics->packetsReceived), static_cast<ull>(metrics->packetsLost), metrics->plr,
+        static_cast<ull>(metrics->nullPackets), metrics->totalBitrate,
+        static_cast<ull>(metrics->packetsDuplicated), static_cast<ull>(metrics->packetsOutOfSequence));
     puts("TR101290p2");
     printCounters(kSecondPriorityFormats, metrics->tr101290p2);
     puts("TR101290p1");
@@ -147,10 +150,11 @@ void sarnDvbPsi_printPidMetricsCumulative(const PidMetrics* metrics) {
         printf("                First seen: %lld. Last seen: %lld. Duration: %lld [ms]\n",
                static_cast<ll>(metrics->firstSeen), static_cast<ll>(metrics->lastSeen),
                duration(metrics->firstSeen, metrics->lastSeen));
-        printf("                Packets received: %llu. Packets lost: %llu. PLR: % f. Packets duplicated: %llu. "
-               "Packets out of sequence %llu\n",
-               static_cast<ull>(metrics->packetsReceived), static_cast<ull>(metrics->packetsLost), metrics->plr,
-               static_cast<ull>(metrics->packetsDuplicated), static_cast<ull>(metrics->packetsOutOfSequence));
+        printf(
+            "                Packets received: %llu. Packets lost: %llu. PLR: % f. Packets duplicated: %llu. "
+            "Packets out of sequence %llu\n",
+            static_cast<ull>(metrics->packetsReceived), static_cast<ull>(metrics->packetsLost), metrics->plr,
+            static_cast<ull>(metrics->packetsDuplicated), static_cast<ull>(metrics->packetsOutOfSequence));
         printf("                Bitrate average: %u\n", metrics->bitrateAverage);
         if (metrics->isPcrPid) {
             puts("                This is PCR pid.");
@@ -174,8 +178,8 @@ void sarnDvbPsi_printChannelsInfo(const ChannelsInfo* info) {
     printcf(1, "Total PMTs detected: %d\n", static_cast<int>(info->count));
     for (uint32_t i = 0; i < info->count; ++i) {
         const ChannelInfo& channel = info->channels[i];
-        printcf(1, "    Channel nr: %d, PMT pid: %d. SDT decoded name: %s\n", static_cast<int>(channel.programNumber),
-                channel.pmtPid, channel.sdtName);
+        printcf(1, "    Channel nr: %d, PMT pid: %d. SDT decoded name: %s\n",
+                static_cast<int>(channel.programNumber), channel.pmtPid, channel.sdtName);
         for (uint32_t k = 0; k < channel.elementaryPidCount; ++k) {
             printcf(1, "        Elementary stream PID: %d.\n", channel.elementaryPids[k]);
         }
