@@ -27,5 +27,5 @@ inline constexpr const char* kGopFile = "source/gop";
 #define SARN_ASSERT(condition, text) SARN_ASSERT_AT(condition, text, __FILE__, __LINE__)
 
 // The C library declares this only when assertions are enabled; these invariants always are.
-extern "C" [[noreturn]] void __assert_fail(const char* assertion, const char* file, unsigned int line,
-                                           const char* function) noexcept;
+extern "C" void __assert_fail(const char* assertion, const char* file, unsigned int line,
+                              const char* function) noexcept __attribute__((noreturn));
