@@ -35,9 +35,10 @@ struct GopResult {
     uint8_t unused[2];
 };
 
-// Classifies `count` frames (500 in this system) as I, P or B by size and folds the result into `gop`. Prints
-// the estimate before and after to standard output. Aborts when length and B frames come out equal and not 0.
-// frameCounter is the PID's running number of frames.
+// Classifies `count` frames (500 in this system, at least 2) as I, P or B by size and folds the result into
+// `gop`. The frames are left as they are. Prints the estimate before and after to standard output. Aborts
+// when length and B frames come out equal and not 0. frameCounter, the PID's running number of frames, is not
+// used.
 void calculateGOP(const PesSample* frames, int32_t count, Gop* gop, uint64_t frameCounter, uint16_t pid);
 
 // The I and P coefficients for a reference size in bytes.

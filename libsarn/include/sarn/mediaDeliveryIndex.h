@@ -23,7 +23,7 @@ struct MdiMeasurement {
     uint8_t firstPacketPending;      // 1 until the first packet
 };
 
-// Returns a new measurement, to be released with mdi_cleanup.
+// Returns a new measurement, to be released with mdi_cleanup; running out of memory is not handled.
 MdiMeasurement* mdi_start_new_measurement();
 
 // Accounts one 188-byte transport packet. `arrival` is its capture time, `drainRate` the stream's current

@@ -22,11 +22,13 @@ struct JitterMeasurement {
     uint8_t started;               // 0 until the first datagram
 };
 
-// Returns a new measurement, to be released with jitter_cleanup.
+// Returns a new measurement, to be released with jitter_cleanup; running out of memory is not handled. The
+// ring, the sum and the times are set by the first datagrams.
 JitterMeasurement* jitter_start_new_measurement();
 
 // Accounts one datagram with its capture time; `j` must not be null. Every 4096th call after the first closes
-// a block: the divisor is 4096 also for the first block, which holds only 4095 real intervals.
+// a block: the divisor is 4096 also for the first block, which holds only 4095 real intervals. A clock
+// that steps back gives a huge interval.
 void jitter_received_packet_cb(JitterMeasurement* j, const timeval* arrival);
 
 // Copies variance (ms^2), its maximum, mean and maximum inter-arrival time (ms). Returns 0 also for a null
