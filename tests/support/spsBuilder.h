@@ -2,6 +2,7 @@
 // payload.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <vector>
@@ -88,7 +89,9 @@ inline std::vector<uint8_t> spsBody(const Sps& sps) {
 // Puts a four-byte start code and a NAL header before the bytes; 0x67 heads a parameter set, 0x09 a
 // delimiter.
 inline std::vector<uint8_t> nalUnit(uint8_t header, const std::vector<uint8_t>& body) {
-    std::vector<uint8_t> nal = {0, 0, 0, 1, header};
-    nal.insert(nal.end(), body.begin(), body.end());
+    std::vector<uint8_t> nal(5 + body.size(), 0);
+    nal[3] = 1;
+    nal[4] = header;
+    std::copy(body.begin(), body.end(), nal.begin() + 5);
     return nal;
 }

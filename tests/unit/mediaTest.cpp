@@ -148,7 +148,7 @@ TEST(TransportQualityIndex, FollowsBandLossAndSeed) {
     for (const Case& c : cases) {
         double index = 0.0;
         double seed = c.seed;
-        getTransportQualityIndex(c.kbps, c.loss, 30.0, &index, &seed);
+        getTransportQualityIndex(c.kbps, c.loss, 60.0, &index, &seed);
         EXPECT_NEAR(index, c.expectedIndex, 1e-12) << c.kbps << " kbit/s, loss " << c.loss;
         EXPECT_EQ(seed, c.expectedSeed);
     }
