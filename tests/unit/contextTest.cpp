@@ -1,0 +1,182 @@
+// What a context learns from PAT and PMT, the silence check, and the latch.
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "support/analysisContext.h"
+
+namespace {
+
+using test::AnalysisContext;
+using test::kStartMs;
+using test::TsStream;
+
+using Programs = std::map<uint32_t, uint16_t>;
+
+Programs programsOf(AnalysisContext& context) {
+    Programs programs;
+    ChannelsInfo* info = sarnDvbPsi_getChannelsInfo(context.get());
+    for (uint32_t i = 0; i < info->count; ++i) {
+        const uint16_t pid = info->channels[i].pmtPid;
+        programs[info->channels[i].programNumber] = pid;
+        EXPECT_EQ(findPmtByPid(context.get(), pid), context->pid[pid].p_pmt);
+    }
+    sarnDvbPsi_freeChannelsInfo(info);
+    return programs;
+}
+
+TEST(PmtList, FollowsEveryPat) {
+    AnalysisContext context;
+    struct Case {
+        std::initializer_list<std::pair<uint16_t, uint16_t>> pat;
+        Programs expected;
+    };
+    const Case cases[] = {
+        {{{1, 0x100}, {2, 0x200}}, {{1, 0x100}, {2, 0x200}}},
+        {{{1, 0x200}, {2, 0x100}}, {{1, 0x200}, {2, 0x100}}},            // swapped
+        {{{1, 0x300}}, {{1, 0x300}}},                                    // moved, one gone
+        {{{1, 0x300}, {2, 0x300}, {0, 0x10}}, {{0, 0x10}, {2, 0x300}}},  // two on one PID: the later stays
+        {{{7, 0x1FFF}, {7, 0x44}, {8, 0}}, {{7, 0x44}, {8, 0}}},         // named twice; odd PIDs
+        {{}, {}},
+    };
+    uint8_t version = 0;
+    TsStream packets;
+    for (const Case& c : cases) {
+        context.feed(packets.pat(c.pat, version++));
+        EXPECT_EQ(programsOf(context), c.expected) << "PAT " << int{version};
+    }
+}
+
+TEST(PmtList, KeepsTypesAndTheFirst256DescriptorTagsOfAnEntry) {
+    AnalysisContext context;
+    test::Bytes many;
+    for (int i = 0; i < 258; ++i) {
+        many = psi::concat({many, psi::descriptor(static_cast<uint8_t>(i), {})});
+    }
+    TsStream packets;
+    context.feed(packets.pat({{5, 0x100}})
+                     .pmt(5, 0x100, 0x101, {{0x1B, 0x101, psi::descriptor(0x28, {1})}, {0x06, 0x102, many}}));
+    EXPECT_EQ(context->pid[0x101].i_stream_type, 0x1B);
+    EXPECT_EQ(context->pid[0x101].descriptor_tags[0], 0x28);
+    EXPECT_EQ(context->pid[0x101].i_program_number, 5);
+    EXPECT_TRUE(context->pid[0x101].b_pcr_pid);
+    EXPECT_EQ(context->pid[0x102].i_descriptor_count, 2) << "258 modulo 256";
+    EXPECT_EQ(context->pid[0x102].descriptor_tags[255], 255);
+
+    PidMetrics* unseen = sarnDvbPsi_getPidMetricsInterval(context.get(), 0x102, 0);
+    EXPECT_EQ(unseen->seen, 0);
+    EXPECT_EQ(unseen->streamType, 0x06);
+    EXPECT_EQ(unseen->descriptorTags[1], 1);
+    EXPECT_EQ(unseen->mosScore, 0);
+    sarnDvbPsi_freePidMetricsInterval(unseen);
+}
+
+TEST(TableIntervals, CountLatePatAndPmtByTheirArrival) {
+    struct Case {
+        uint16_t program;
+        int64_t ms;
+        uint64_t patError2;
+        uint64_t pmtError;
+        uint64_t pmtError2;
+    };
+    for (const Case& c : {Case{1, 500, 0, 0, 0}, Case{1, 600, 1, 1, 1}, Case{0, 600, 1, 1, 0}}) {
+        AnalysisContext context;
+        TsStream packets;
+        context.feed(packets.pat({{c.program, 0x100}}, 0).pmt(c.program, 0x100, 0x101, {}, 0));
+        context->i_next_check = INT64_MAX;  // the presence check counts the same things
+        context.feed(packets.pat({{c.program, 0x100}}, 1), c.ms);
+        context.feed(packets.pmt(c.program, 0x100, 0x101, {}, 1), c.ms);
+        EXPECT_EQ(context.errors(kPatError2, 0), c.patError2);
+        EXPECT_EQ(context.errors(kPatError), c.ms > 500 ? 1u : 0u) << "PID 0 itself came late";
+        EXPECT_EQ(context.errors(kPmtError, 0x100), c.pmtError);
+        EXPECT_EQ(context.errors(kPmtError2), c.pmtError2);
+    }
+}
+
+TEST(TableIntervals, PresenceIsCheckedEvery500Ms) {
+    AnalysisContext context;
+    TsStream packets;
+    context.feed(packets.pat({{1, 0x100}}));
+    for (const auto& [ms, pat, pmt] : {std::tuple{499, 0u, 0u}, {500, 0u, 1u}, {999, 0u, 1u}, {1000, 1u, 2u}}) {
+        context.feed(packets.null(), ms);
+        EXPECT_EQ(context.errors(kPatError), pat) << ms;
+        EXPECT_EQ(context.errors(kPatError2, 0), pat) << ms;
+        EXPECT_EQ(context.errors(kPmtError, 0x100), pmt) << ms << ": the PMT PID was never seen";
+        EXPECT_EQ(context.errors(kPmtError2), pmt) << ms;
+    }
+}
+
+TEST(SilenceCheck, CountsSeenPidsThatAreNotIgnored) {
+    AnalysisContext context;
+    TsStream packets;
+    context.feed(packets.pat({{1, 0x100}}).pmt(1, 0x100, 0x101, {{0x1B, 0x101}, {0xFF, 0x102}}).payload(0x101));
+    context.feed(packets.payload(0x102).payload(0x103).null(), -kStartMs + 4000);
+    sarnDvbPsi_timerTick(9);
+    EXPECT_EQ(context.errors(kPidError), 0u) << "last seen exactly at the limit";
+    sarnDvbPsi_timerTick(10);
+    EXPECT_EQ(context.errors(kPidError), 2u) << "wall-clock times stay above the threshold; 8191 is not examined";
+    sarnDvbPsi_setPidNumberState(context.get(), 0x103, 1);
+    sarnDvbPsi_setPidTypeState(context.get(), 0xFF, 1);
+    sarnDvbPsi_timerTick(10);
+    EXPECT_EQ(context.errors(kPidError), 2u);
+    sarnDvbPsi_resetPidIgnoreState(context.get());
+    sarnDvbPsi_timerTick(10);
+    EXPECT_EQ(context.errors(kPidError, 0x103), 2u);
+    EXPECT_EQ(context.errors(kPidError, 0x102), 1u) << "the state of type 255 survives the reset";
+    sarnDvbPsi_setPidErrorPeriod(context.get(), 6);
+    sarnDvbPsi_timerTick(10);
+    EXPECT_EQ(context.errors(kPidError), 3u);
+}
+
+TEST(Latch, MakesIntervalsDifferencesAndRestartsTheJitterMaximum) {
+    AnalysisContext context;
+    TsStream packets;
+    packets.pat({{1, 0x100}}).pmt(1, 0x100, 0x101, {{0x1B, 0x101}});
+    packets.pcr(0x101, 0).payload(0x101).lose(0x101, 2).payload(0x101, 3);
+    context.feed(packets);
+    context.feed(packets.pcr(0x101, 0), 160);
+    context.feed(packets.payload(0x101), 1000);
+    sarnDvbPsi_latchInterval(context.get(), 0);
+
+    TsMetrics* quiet = sarnDvbPsi_getTsMetricsInterval(context.get(), 0);
+    EXPECT_EQ(quiet->packetsReceived, 0u);
+    EXPECT_EQ(quiet->totalBitrate, 0u);
+    EXPECT_DOUBLE_EQ(quiet->plr, 2.0 / 11) << "without traffic the cumulative ratio stays";
+    sarnDvbPsi_freeTsMetricsInterval(quiet);
+    PidMetrics* pid = sarnDvbPsi_getPidMetricsInterval(context.get(), 0x101, 0);
+    EXPECT_EQ(pid->pcrJitterUs, 10'000);
+    EXPECT_EQ(pid->maxPcrJitterUs, 0);
+    sarnDvbPsi_freePidMetricsInterval(pid);
+
+    context.feed(packets.payload(0x101, 24).lose(0x101, 1).payload(0x101, 25).pcr(0x101, 0), 2000);
+    TsMetrics* loss = sarnDvbPsi_getTsMetricsInterval(context.get(), 0);
+    EXPECT_EQ(loss->packetsReceived, 50u);
+    EXPECT_EQ(loss->packetsLost, 1u);
+    EXPECT_EQ(loss->totalBitrate, 51u * 1504) << "over the second since the last packet before the latch";
+    EXPECT_EQ(loss->tr101290p1[kContinuityCountError], 1u);
+    sarnDvbPsi_freeTsMetricsInterval(loss);
+    pid = sarnDvbPsi_getPidMetricsInterval(context.get(), 0x101, 0);
+    EXPECT_EQ(pid->maxPcrJitterUs, pid->pcrJitterUs);
+    EXPECT_EQ(pid->maxPcrDate, static_cast<uint64_t>(kStartMs + 2000));
+    sarnDvbPsi_freePidMetricsInterval(pid);
+}
+
+TEST(ContextDeathTest, AbortsOnBrokenInvariants) {
+    AnalysisContext context;
+    EXPECT_DEATH(sarnDvbPsi_getTsMetricsInterval(context.get(), 1), "intervalId < 1 && intervalId >=0");
+    EXPECT_DEATH(sarnDvbPsi_getPidMetricsInterval(context.get(), 0, -1), "source/sarnDvbPsi:2375");
+    EXPECT_DEATH(sarnDvbPsi_setPidNumberState(context.get(), 8192, 1), "pidNumber < 8192");
+    EXPECT_DEATH(sarnDvbPsi_exit(context->p_intervals), "knownStream != \\(\\(void \\*\\)0\\)");
+}
+
+TEST(UserData, IsKeptPerContextAndPid) {
+    AnalysisContext context;
+    sarnDvbPsi_setTsStreamUserData(context.get(), 7);
+    sarnDvbPsi_setPidUserData(context.get(), 0x10000 + 5, 8);
+    sarnDvbPsi_setPidUserData(context.get(), 8192, 9);
+    EXPECT_EQ(sarnDvbPsi_getTsStreamUserData(context.get()), 7u);
+    EXPECT_EQ(sarnDvbPsi_getPidUserData(context.get(), 5), 8u);
+    EXPECT_EQ(sarnDvbPsi_getPidUserData(context.get(), 8192), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,222 @@
+// The packet loop: synchronisation, continuity, clocks and the ETSI TR 101 290 counters.
+#include <gtest/gtest.h>
+
+#include "sarn/packetJitter.h"
+#include "support/analysisContext.h"
+
+namespace {
+
+using test::AnalysisContext;
+using test::Bytes;
+using test::TsStream;
+
+constexpr uint16_t kVideoPid = 0x101;
+constexpr uint64_t kPcrHz = 27'000'000;
+constexpr std::size_t kTsPacketBytes = 188;
+
+Bytes datagramOf(TsStream& packets) {
+    return packets.takeDatagrams(100).at(0);
+}
+
+Bytes payloadDatagram(int count) {
+    TsStream packets;
+    return datagramOf(packets.payload(kVideoPid, count));
+}
+
+TEST(PacketLoop, CountsWholePacketsAndTreatsPartialTailAsLostBytes) {
+    AnalysisContext context;
+    Bytes datagram = payloadDatagram(7);
+    context.feed(datagram);
+    EXPECT_EQ(context->i_packets, 7u);
+    EXPECT_EQ(context->i_lost_bytes, 0u);
+    EXPECT_EQ(context->p_jitter->arrivalCount, 1u);
+
+    datagram.resize(datagram.size() - 88);
+    context.feed(datagram);
+    EXPECT_EQ(context->i_packets, 13u);
+    EXPECT_EQ(context->i_lost_bytes, 100u);
+    EXPECT_EQ(context.errors(kSyncByteError), 1u);
+    EXPECT_EQ(context->p_jitter->arrivalCount, 1u) << "a call that ends in a partial packet is not measured";
+}
+
+TEST(PacketLoop, LosesSyncOnceAtThirdFailureAndRegainsItWithFifthPacket) {
+    AnalysisContext context;
+    const Bytes garbage(200, 0x55);
+    const Bytes four = payloadDatagram(4);
+    for (int i = 0; i < 4; ++i) {
+        context.feed(garbage);
+    }
+    EXPECT_EQ(context.errors(kTsSyncLoss), 0u) << "was never in sync";
+    context.feed(four);
+    EXPECT_FALSE(context->b_in_sync);
+    context.feed(four);
+    EXPECT_TRUE(context->b_in_sync);
+    context.feed(garbage);
+    context.feed(garbage);
+    EXPECT_EQ(context.errors(kTsSyncLoss), 0u);
+    for (int i = 0; i < 3; ++i) {
+        context.feed(garbage);
+    }
+    EXPECT_EQ(context.errors(kTsSyncLoss), 1u);
+    EXPECT_EQ(context->i_lost_bytes, 9 * 200u);
+    for (int i = 0; i < 300; ++i) {
+        context.feed(garbage);
+    }
+    EXPECT_EQ(context->i_sync_bad_run, 57) << "305 failures, wrapping from 250 to 2";
+}
+
+TEST(PacketLoop, CountsContinuityGaps) {
+    struct Case {
+        const char* name;
+        void (*damage)(TsStream&);
+        uint64_t errors;
+        uint64_t lost;
+    };
+    const Case cases[] = {
+        {"three lost", [](TsStream& s) { s.lose(kVideoPid, 3).payload(kVideoPid); }, 1, 3},
+        {"repeated packet", [](TsStream& s) { s.repeatLast(); }, 1, 15},
+        {"gap before a packet without payload", [](TsStream& s) { s.lose(kVideoPid, 3).pcr(kVideoPid, 1); }, 0, 0},
+        {"null packets", [](TsStream& s) { s.null().lose(test::kNullPid, 2).null(); }, 0, 0},
+        {"discontinuity indicator without PCR",
+         [](TsStream& s) {
+             s.lose(kVideoPid, 2).payload(kVideoPid);
+             s.last()[3] |= 0x20;
+             s.last()[4] = 1;
+             s.last()[5] = 0x80;
+         },
+         1, 2},
+        {"discontinuity indicator with PCR",
+         [](TsStream& s) {
+             s.lose(kVideoPid, 2).payload(kVideoPid);
+             s.last()[3] |= 0x20;
+             s.last()[4] = 7;
+             s.last()[5] = 0x90;
+         },
+         0, 0},
+    };
+    for (const Case& c : cases) {
+        AnalysisContext context;
+        TsStream packets;
+        packets.payload(kVideoPid, 2);
+        c.damage(packets);
+        context.feed(packets);
+        EXPECT_EQ(context.errors(kContinuityCountError), c.errors) << c.name;
+        EXPECT_EQ(context.errors(kContinuityCountError, kVideoPid), c.errors) << c.name;
+        EXPECT_EQ(context->i_lost, c.lost) << c.name;
+        EXPECT_EQ(context->pid[kVideoPid].i_out_of_sequence, c.errors) << c.name;
+        EXPECT_EQ(context->i_duplicated, 0u) << c.name;
+    }
+}
+
+TEST(PacketLoop, ComputesBitrateFromTheSecondSpanOn) {
+    AnalysisContext context;
+    TsStream packets;
+    const Bytes datagram = datagramOf(packets.null(7));
+    const auto feedSpan = [&](int64_t from, int64_t to) {
+        for (int i = 0; i < 10000; ++i) {
+            context.feed(datagram, from + (to - from) * (i + 1) / 10000);
+        }
+    };
+    feedSpan(0, 5000);
+    EXPECT_EQ(context->i_bitrate, 0u);
+    feedSpan(5000, 15000);
+    EXPECT_EQ(context->i_bitrate, 10'528'000u);  // 70000 packets of 1504 bits in 10 s
+    feedSpan(15000, 15000);
+    EXPECT_EQ(context->i_bitrate, 0u) << "a span of no time";
+}
+
+TEST(PacketLoop, ChecksPcrAgainstArrivalAndItsOwnSteps) {
+    struct Case {
+        const char* name;
+        int64_t arrivalMs;
+        int64_t pcrMs;
+        bool discontinuity;
+        uint64_t repetition;
+        uint64_t discontinuityErrors;
+    };
+    const Case cases[] = {
+        {"40 ms", 40, 40, false, 0, 0},           {"41 ms late", 41, 40, false, 1, 0},
+        {"step of 101 ms", 40, 101, false, 0, 1}, {"signalled step", 40, 101, true, 0, 0},
+        {"backwards", 40, -500, false, 0, 0},     {"late and wide", 200, 200, false, 1, 1},
+    };
+    for (const Case& c : cases) {
+        AnalysisContext context;
+        TsStream packets;
+        context.feed(packets.pcr(kVideoPid, 10 * kPcrHz));
+        packets.pcr(kVideoPid, static_cast<uint64_t>(10'000 + c.pcrMs) * (kPcrHz / 1000), c.discontinuity);
+        testing::internal::CaptureStderr();
+        context.feed(packets, c.arrivalMs);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.pcrMs < 0 ? "stofain: Warning wrapping PCR\n" : "");
+        EXPECT_EQ(context.errors(kPcrRepetitionError, kVideoPid), c.repetition) << c.name;
+        EXPECT_EQ(context.errors(kPcrDiscontinuityIndicatorError), c.discontinuityErrors) << c.name;
+        EXPECT_EQ(context.errors(kPcrError), c.repetition + c.discontinuityErrors) << c.name;
+        const int64_t deviationNs = std::abs(c.arrivalMs - c.pcrMs) * 1'000'000;
+        EXPECT_EQ(context->pid[kVideoPid].i_pcr_jitter, deviationNs / 16) << c.name;
+    }
+}
+
+TEST(PacketLoop, CountsLatePtsPerPid) {
+    AnalysisContext context;
+    TsStream packets;
+    for (const auto& [ms, errors] : {std::pair{0, 0u}, {700, 0u}, {1401, 1u}, {1500, 1u}}) {
+        packets.pes(kVideoPid, {.pts = 1});
+        packets.pes(0x102, {.streamId = 0xBE, .pts = 1});  // padding has no PTS
+        context.feed(packets, ms);
+        EXPECT_EQ(context.errors(kPtsError), errors) << ms;
+        EXPECT_EQ(context.errors(kPtsError, 0x102), 0u);
+    }
+}
+
+TEST(PacketLoop, CountsScrambledPacketsAndThoseBeforeAnyCat) {
+    AnalysisContext context;
+    TsStream packets;
+    packets.payload(kVideoPid);
+    packets.last()[3] |= 0xC0;
+    packets.last()[1] |= 0x80;
+    packets.section(1, psi::section(1, 0xFFFF, 0, psi::descriptor(9, {0x0B, 0, 0xE1, 0})));
+    packets.payload(kVideoPid);
+    packets.last()[3] |= 0x80;
+    context.feed(packets);
+    EXPECT_EQ(context->pid[kVideoPid].i_scrambled, 2u);
+    EXPECT_EQ(context.errors(kCatError), 1u);
+    EXPECT_EQ(context.errors(kTransportError, kVideoPid), 1u);
+}
+
+// Lengths inside a packet that lead out of it read zeros, and nothing outside is touched (the sanitizers watch).
+TEST(PacketLoop, StaysInsideTheDatagramWhateverItsLengthsSay) {
+    AnalysisContext context;
+    TsStream tables;
+    context.feed(tables.pat({{1, 0x100}}).pmt(1, 0x100, kVideoPid, {{0x1B, kVideoPid}}));
+    for (const uint16_t pid : {uint16_t{0}, uint16_t{1}, uint16_t{0x11}, uint16_t{0x100}, kVideoPid}) {
+        for (int length = 0; length < 256; ++length) {
+            const auto packet = std::make_unique<uint8_t[]>(kTsPacketBytes);
+            std::fill_n(packet.get(), kTsPacketBytes, static_cast<uint8_t>(length));
+            packet[0] = 0x47;
+            packet[1] = static_cast<uint8_t>(0x40 | pid >> 8);
+            packet[2] = static_cast<uint8_t>(pid);
+            packet[3] = static_cast<uint8_t>(0x30 | (length & 0x0F));
+            packet[5] = 0x0F;  // all optional fields but the PCR
+            context.feed({packet.get(), kTsPacketBytes});
+        }
+    }
+    EXPECT_EQ(context->pid[kVideoPid].i_packets, 256u);
+    EXPECT_EQ(context.errors(kSyncByteError), 0u);
+}
+
+TEST(PacketLoop, CallsThePidsHookWithEveryPacket) {
+    AnalysisContext context;
+    int calls = 0;
+    sarnDvbPsi_setPidDataCallback(
+        context.get(), kVideoPid,
+        [](int32_t length, const uint8_t* packet, void* data) {
+            EXPECT_EQ(length, 188);
+            EXPECT_EQ(packet[0], 0x47);
+            ++*static_cast<int*>(data);
+        },
+        &calls);
+    TsStream packets;
+    context.feed(packets.payload(kVideoPid, 3).null(2));
+    EXPECT_EQ(calls, 3);
+}
+
+}  // namespace
