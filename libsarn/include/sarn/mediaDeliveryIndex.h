@@ -33,6 +33,11 @@ MdiMeasurement* mdi_start_new_measurement();
 int32_t mdi_received_packet_cb(MdiMeasurement* m, const timeval* arrival, uint32_t drainRate,
                                uint32_t cumulativeLost);
 
+// The same as `count` calls of mdi_received_packet_cb with these arguments; `m` must not be null. The packets of one
+// datagram share their arrival, so the analysis accounts them together.
+void mdi_received_packets_cb(MdiMeasurement* m, const timeval* arrival, uint32_t drainRate,
+                             uint32_t cumulativeLost, uint32_t count);
+
 // Copies the delay factor (ms), its maximum, the loss of the last closed interval and its maximum.
 // Returns 0, or -1 with nothing written for a null measurement.
 int32_t mdi_get_result(const MdiMeasurement* m, float* delayFactor, float* delayFactorMaximum,

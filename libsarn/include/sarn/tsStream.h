@@ -59,22 +59,21 @@ using PidDataCallback = void (*)(int32_t length, const uint8_t* packet, void* da
 // Everything kept per PID. What every packet touches stands first, in as few cache lines as it fits; what a
 // PMT or a rare event touches follows.
 struct alignas(64) ts_pid_t {
-    uint64_t i_packets;           // received
-    int64_t i_prev_seen;          // arrival of the previous packet
-    int64_t i_last_seen;          // arrival of the last packet; the timer thread reads it
+    uint64_t i_packets;   // received
+    int64_t i_prev_seen;  // arrival of the previous packet
+    int64_t i_last_seen;  // arrival of the last packet; the timer thread reads it
+    // First bytes of the last packet: its header bits, as sarnDvbPsi/packetFields.h reads them, and the start of the
+    // adaptation field.
+    std::array<uint8_t, kLastHeaderSize> last_header;
+    int32_t i_pid;  // written at the first packet, and by a PAT for PMT PIDs
+    uint8_t i_cc;   // continuity_counter of the last packet
+    // 1 when a packet needs no more than counting: the PID was seen, has no hook, and carries no PSI.
+    uint8_t b_routine;
+    uint8_t i_stream_type;  // from the PMT that lists this PID; the timer thread reads it
+    uint8_t b_seen;         // 1 after the first packet
+
     PidDataCallback pf_callback;  // hook called with every packet, or null
     ts_pmt_t* p_pmt;              // the PMT record whose table this PID carries, or null
-    std::array<uint8_t, kLastHeaderSize> last_header;  // start of the previous packet
-    int32_t i_pid;              // written at the first packet, and by a PAT for PMT PIDs
-    uint8_t i_cc;               // continuity_counter of the last packet
-    uint8_t b_seen;             // 1 after the first packet
-    uint8_t b_transport_error;  // header bits of the last packet
-    uint8_t b_payload_unit_start;
-    uint8_t b_transport_priority;
-    uint8_t i_scrambling;  // transport_scrambling_control, 0 to 3
-    uint8_t b_adaptation_field;
-    uint8_t i_payload_offset;  // adaptation_field_length + 1 with adaptation_field_control 3, else 0
-    uint8_t i_stream_type;     // from the PMT that lists this PID; the timer thread reads it
 
     // Adaptation field of the last packet that had a non-empty one.
     uint8_t b_discontinuity;

@@ -1,6 +1,7 @@
 #include "sarn/mediaDeliveryIndex.h"
 
 #include <cstdlib>
+#include <limits>
 
 #include "saturate.h"
 
@@ -30,6 +31,20 @@ float secondsSinceIntervalStart(const MdiMeasurement& m, const timeval& arrival)
         static_cast<uint32_t>(arrival.tv_usec) - static_cast<uint32_t>(m.intervalStartMicroseconds);
     const auto elapsed = static_cast<int32_t>(seconds * 1000000U + microseconds);
     return static_cast<float>(elapsed / kMicrosecondsPerSecond);
+}
+
+// What has left the buffer since the interval began, bytes.
+float drained(const MdiMeasurement& m, float elapsed) {
+    return static_cast<float>(m.drainRate) * elapsed;
+}
+
+// The buffer's level when `packets` of the interval have come and the next one is about to.
+int32_t levelBefore(uint32_t packets, float drain) {
+    return saturate<int32_t>(static_cast<float>(packets * kPacketBytes) - drain);
+}
+
+int32_t levelAfter(int32_t before) {
+    return static_cast<int32_t>(static_cast<uint32_t>(before) + kPacketBytes);
 }
 
 void extendSwing(MdiMeasurement& m, int32_t level) {
@@ -80,12 +95,10 @@ int32_t mdi_received_packet_cb(MdiMeasurement* m, const timeval* arrival, uint32
         m->firstPacketPending = 0;
     }
     const float elapsed = secondsSinceIntervalStart(*m, *arrival);
-    const float received = static_cast<float>(m->packetsInInterval * kPacketBytes);
-    const auto before = saturate<int32_t>(received - static_cast<float>(m->drainRate) * elapsed);
-    const auto after = static_cast<int32_t>(static_cast<uint32_t>(before) + kPacketBytes);
+    const int32_t before = levelBefore(m->packetsInInterval, drained(*m, elapsed));
     ++m->packetsInInterval;
     extendSwing(*m, before);
-    extendSwing(*m, after);
+    extendSwing(*m, levelAfter(before));
     if (elapsed > kIntervalSeconds) {
         closeInterval(*m, cumulativeLost);
         openInterval(*m, *arrival, drainRate);
@@ -93,6 +106,33 @@ int32_t mdi_received_packet_cb(MdiMeasurement* m, const timeval* arrival, uint32
         return handle != 0 ? handle : 1;
     }
     return 0;
+}
+
+void mdi_received_packets_cb(MdiMeasurement* m, const timeval* arrival, uint32_t drainRate,
+                             uint32_t cumulativeLost, uint32_t count) {
+    if (count == 0) {
+        return;
+    }
+    // Only the first packet can close the interval: behind it no time has passed.
+    mdi_received_packet_cb(m, arrival, drainRate, cumulativeLost);
+    if (--count == 0) {
+        return;
+    }
+    // The level only rises from packet to packet, so the first and the last one hold the extremes - unless 32 bits
+    // wrap in between.
+    const float drain = drained(*m, secondsSinceIntervalStart(*m, *arrival));
+    const int32_t lowest = levelBefore(m->packetsInInterval, drain);
+    const uint64_t last = uint64_t{m->packetsInInterval} + count - 1;
+    const int32_t highest = levelBefore(static_cast<uint32_t>(last), drain);
+    if (last * kPacketBytes > std::numeric_limits<uint32_t>::max() || levelAfter(highest) < highest) {
+        for (; count > 0; --count) {
+            mdi_received_packet_cb(m, arrival, drainRate, cumulativeLost);
+        }
+        return;
+    }
+    m->packetsInInterval += count;
+    extendSwing(*m, lowest);
+    extendSwing(*m, levelAfter(highest));
 }
 
 int32_t mdi_get_result(const MdiMeasurement* m, float* delayFactor, float* delayFactorMaximum,

@@ -204,13 +204,21 @@ void freeLatched(ts_stream_t* stream) {
     stream->p_intervals = nullptr;
 }
 
+void updateRoutine(ts_pid_t& pid) {
+    pid.b_routine =
+        pid.b_seen && pid.pf_callback == nullptr && pid.p_pmt == nullptr && pid.i_pid > kLastFixedPsiPid;
+}
+
 void setPmtPid(ts_pmt_t* pmt, ts_pid_t* pid) {
-    if (pmt->p_pid != nullptr && pmt->p_pid->p_pmt == pmt) {
-        pmt->p_pid->p_pmt = nullptr;
+    ts_pid_t* old = pmt->p_pid;
+    if (old != nullptr && old->p_pmt == pmt) {
+        old->p_pmt = nullptr;
+        updateRoutine(*old);
     }
     pmt->p_pid = pid;
     if (pid != nullptr) {
         pid->p_pmt = pmt;
+        updateRoutine(*pid);
     }
 }
 

@@ -19,6 +19,11 @@ bool attachDecoders(ts_stream_t* stream);
 // Detaches the decoders that are attached and deletes the handles that are not null.
 void deleteDecoders(ts_stream_t* stream);
 
+inline constexpr int32_t kLastFixedPsiPid = 20;  // up to here PIDs may carry tables whatever the PAT says
+
+// To be called when what b_routine depends on has changed.
+void updateRoutine(ts_pid_t& pid);
+
 // Makes `pmt` the record of PMT PID `pid`, so that this PID's ts_pid_t leads to it. Null only unlinks.
 void setPmtPid(ts_pmt_t* pmt, ts_pid_t* pid);
 

@@ -369,6 +369,7 @@ void sarnDvbPsi_setPidDataCallback(ts_stream_t* stream, uint16_t pid, PidDataCal
         insertPid(stream->touched, pid);
         stream->pid[pid].pf_callback = callback;
         stream->pid[pid].p_callback_data = data;
+        updateRoutine(stream->pid[pid]);
     }
 }
 

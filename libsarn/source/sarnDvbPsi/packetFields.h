@@ -2,7 +2,9 @@
 // header (2.4.3.6) that the analysis reads. Nobody else shifts and masks.
 #pragma once
 
+#include <bit>
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 #include "sarn/tsStream.h"
@@ -19,32 +21,49 @@ inline uint8_t tsByteAt(TsPacket packet, uint32_t offset) {
     return offset < static_cast<uint32_t>(kTsPacketSize) ? packet[offset] : uint8_t{0};
 }
 
-inline bool tsTransportErrorIndicator(TsPacket packet) {
-    return (packet[1] & 0x80) != 0;
-}
-inline bool tsPayloadUnitStart(TsPacket packet) {
-    return (packet[1] & 0x40) != 0;
-}
-inline bool tsTransportPriority(TsPacket packet) {
-    return (packet[1] & 0x20) != 0;
-}
-inline uint16_t tsPid(TsPacket packet) {
-    return static_cast<uint16_t>((packet[1] & 0x1F) << 8 | packet[2]);
-}
-inline uint8_t tsScramblingControl(TsPacket packet) {
-    return packet[3] >> 6;
-}
-inline bool tsHasAdaptationField(TsPacket packet) {
-    return (packet[3] & 0x20) != 0;
-}
-inline bool tsHasPayload(TsPacket packet) {
-    return (packet[3] & 0x10) != 0;
-}
-inline uint8_t tsContinuityCounter(TsPacket packet) {
-    return packet[3] & 0x0F;
-}
+// The four bytes of a packet's header as one number, read once.
+class TsHeader {
+  public:
+    explicit TsHeader(const uint8_t* packet) {
+        memcpy(&word_, packet, sizeof word_);
+        if constexpr (std::endian::native == std::endian::little) {
+            word_ = __builtin_bswap32(word_);
+        }
+    }
+    bool transportErrorIndicator() const {
+        return (word_ & 0x800000) != 0;
+    }
+    bool payloadUnitStart() const {
+        return (word_ & 0x400000) != 0;
+    }
+    bool transportPriority() const {
+        return (word_ & 0x200000) != 0;
+    }
+    uint16_t pid() const {
+        return word_ >> 8 & 0x1FFF;
+    }
+    uint8_t scramblingControl() const {
+        return word_ >> 6 & 0x03;
+    }
+    bool hasAdaptationField() const {
+        return (word_ & 0x20) != 0;
+    }
+    bool hasPayload() const {
+        return (word_ & 0x10) != 0;
+    }
+    uint8_t continuityCounter() const {
+        return word_ & 0x0F;
+    }
+    // No error indicated, not scrambled, no adaptation field, but payload.
+    bool isClearPayloadOnly() const {
+        return (word_ & 0x8000F0) == 0x10;
+    }
 
-// REQUIRES: tsHasAdaptationField.
+  private:
+    uint32_t word_;
+};
+
+// REQUIRES: the header's hasAdaptationField().
 inline uint8_t tsAdaptationFieldLength(TsPacket packet) {
     return packet[4];
 }

@@ -1,6 +1,4 @@
 // The packet loop: every transport packet of every datagram passes here.
-#include <sys/time.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +11,7 @@
 #include "sarn/sarnDvbPsi.h"
 #include "sarn/sarnLog.h"
 #include "sarnDvbPsi/contextInternals.h"
-#include "sarnDvbPsi/packetFields.h"
+#include "sarnDvbPsi/packetStep.h"
 #include "sarnDvbPsi/sectionGuard.h"
 #include "saturate.h"
 
@@ -26,58 +24,20 @@ constexpr uint16_t kNitPid = 16;
 constexpr uint16_t kSdtPid = 17;
 constexpr uint16_t kEitPid = 18;
 constexpr uint16_t kTdtPid = 20;
+static_assert(kTdtPid == kLastFixedPsiPid);
 
 constexpr uint8_t kGoodRunInSync = 5;    // sync is regained with the fifth good packet in a row
 constexpr uint8_t kBadRunOutOfSync = 2;  // and lost with the third failure in a row
 constexpr uint8_t kBadRunLimit = 249;
 constexpr int64_t kPresenceCheckPeriodMs = 500;
-constexpr int64_t kPcrRepetitionLimitMs = 40;  // ETSI TR 101 290 5.2.2
-constexpr int64_t kPcrDiscontinuityLimitNs = 100'000'000;
-constexpr int64_t kPcrAccuracyLimitNs = 500;
 constexpr int64_t kPtsRepetitionLimitMs = 700;
 constexpr uint64_t kBitrateSpanPackets = 70000;
-constexpr double kBitrateSpanBitsPerMegahertz = 105280000000000.0;  // 70000 packets x 188 x 8 bits x 10^6
+constexpr double kBitrateSpanMegabits = 105280000000000.0;  // 70000 packets x 188 x 8 bits x 10^6
 constexpr double kTicksPerMicrosecond = 54;
-constexpr double kPacketNanobits = 1504.0 * 1e9;
 constexpr int kDuplicateGap = 16;
 constexpr uint16_t kSamplePeriod = 1000;  // frames until a slot of the two sample buffers is used again
 constexpr uint8_t kVideoStreamId = 0xE0;
 constexpr uint32_t kPesHeaderEnd = 13;  // behind the TS header and a PES header without its data
-constexpr uint8_t kAdaptationLengthWithPcr = 7;
-
-// Differences of clocks that the network or a capture file controls may be anything: they wrap.
-int64_t wrappingSub(int64_t a, int64_t b) {
-    return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
-}
-int64_t wrappingAdd(int64_t a, int64_t b) {
-    return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
-}
-int64_t wrappingMul(int64_t a, int64_t b) {
-    return static_cast<int64_t>(static_cast<uint64_t>(a) * static_cast<uint64_t>(b));
-}
-
-// When a datagram came, in the units that the steps want.
-struct Arrival {
-    int64_t ms;
-    uint64_t hr;
-    timeval time;
-};
-
-Arrival makeArrival(int64_t nowMs, uint64_t nowHr) {
-    return {nowMs, nowHr, {.tv_sec = nowMs / 1000, .tv_usec = nowMs % 1000 * 1000}};
-}
-
-// One packet on its way through the steps.
-struct Step {
-    ts_stream_t& stream;
-    ts_pid_t& pid;
-    const Arrival& arrival;
-    TsPacket packet;
-    int32_t readable;  // bytes from the packet's start to the datagram's end
-    uint16_t number;   // the PID
-    uint8_t gap;       // continuity_counter values missing before this packet, 0 to 15
-    bool continuityError;
-};
 
 // Distance from `buf[i]` to the next sync byte with a whole packet behind it; what remains if there is none.
 int32_t findSync(const uint8_t* buf, int32_t len, int32_t i) {
@@ -103,42 +63,48 @@ void countSyncFailure(ts_stream_t& stream, int32_t skipped) {
     }
 }
 
-// Moves `i` to the next packet. False when the datagram holds none.
-inline bool synchronise(ts_stream_t& stream, const uint8_t* buf, int32_t len, int32_t& i) {
-    if (buf[i] == kSyncByte && len - i >= kTsPacketSize) [[likely]] {
-        stream.i_sync_bad_run = 0;
-        if (stream.i_sync_good_run < kGoodRunInSync) {
-            ++stream.i_sync_good_run;
-        }
-        if (stream.i_sync_good_run == kGoodRunInSync) {
-            stream.b_in_sync = 1;
-        }
-        return true;
-    }
+[[gnu::noinline]] void resynchronise(ts_stream_t& stream, const uint8_t* buf, int32_t len, int32_t& i) {
     const int32_t skipped = findSync(buf, len, i);
     countSyncFailure(stream, skipped);
     i += skipped;
-    if (i >= len) {
-        return false;
+    SARN_ASSERT(i >= len || buf[i] == kSyncByte, "buf[i] == 0x47");
+}
+
+inline void countGoodPacket(ts_stream_t& stream) {
+    if (stream.i_sync_bad_run == 0 && stream.i_sync_good_run == kGoodRunInSync) [[likely]] {
+        return;
     }
-    SARN_ASSERT(buf[i] == kSyncByte, "buf[i] == 0x47");
-    return true;
+    stream.i_sync_bad_run = 0;
+    if (++stream.i_sync_good_run >= kGoodRunInSync) {
+        stream.i_sync_good_run = kGoodRunInSync;
+        stream.b_in_sync = 1;
+    }
 }
 
-inline void countPacket(const Step& s) {
-    ++s.pid.i_packets;
-    ++s.stream.i_packets;
-    s.pid.i_prev_seen = s.pid.i_last_seen;
-    relaxedStore(s.pid.i_last_seen, s.arrival.ms);
-    s.stream.i_last_time = s.arrival.ms;
-    s.stream.i_last_time_hr = s.arrival.hr;
+// Moves `i` to the next packet. False when the datagram holds none.
+inline bool synchronise(ts_stream_t& stream, const uint8_t* buf, int32_t len, int32_t& i) {
+    if (len - i >= kTsPacketSize && buf[i] == kSyncByte) [[likely]] {
+        countGoodPacket(stream);
+        return true;
+    }
+    resynchronise(stream, buf, len, i);
+    return i < len;
 }
 
-void startStream(ts_stream_t& stream, const Arrival& arrival) {
+[[gnu::noinline]] void startStream(ts_stream_t& stream, const Arrival& arrival) {
     stream.b_started = 1;
     stream.i_first_time = arrival.ms;
     stream.i_bitrate_start_hr = arrival.hr;
     stream.i_next_check = wrappingAdd(arrival.ms, kPresenceCheckPeriodMs);
+}
+
+inline void countPacket(ts_stream_t& stream, ts_pid_t& pid, const Arrival& arrival) {
+    ++pid.i_packets;
+    ++stream.i_packets;
+    pid.i_prev_seen = pid.i_last_seen;
+    relaxedStore(pid.i_last_seen, arrival.ms);
+    stream.i_last_time = arrival.ms;
+    stream.i_last_time_hr = arrival.hr;
 }
 
 bool isOverdue(const ts_pid_t& pid, int64_t now) {
@@ -146,7 +112,7 @@ bool isOverdue(const ts_pid_t& pid, int64_t now) {
 }
 
 // Whether PAT and PMTs still come. One check moves the schedule by one period, however many have passed.
-void checkPresence(ts_stream_t& stream, int64_t now) {
+[[gnu::noinline]] void checkPresence(ts_stream_t& stream, int64_t now) {
     stream.i_next_check = wrappingAdd(stream.i_next_check, kPresenceCheckPeriodMs);
     if (isOverdue(stream.pid[kPatPid], now)) {
         insertPid(stream.touched, kPatPid);
@@ -161,34 +127,45 @@ void checkPresence(ts_stream_t& stream, int64_t now) {
     }
 }
 
+// Accounts a datagram's packets in the delivery index, as many at once as share bit rate and loss. Only the
+// first packet of a datagram can close an interval, so the loss known before it is what counts.
+class DeliveryIndexFeed {
+  public:
+    DeliveryIndexFeed(ts_stream_t& stream, const Arrival& arrival)
+        : stream_(stream), arrival_(arrival), accounted_(stream.i_packets), lost_(stream.i_lost) {}
+
+    // Accounts the packets up to the stream's count `packets`.
+    void advanceTo(uint64_t packets) {
+        if (stream_.i_bitrate != 0) {
+            mdi_received_packets_cb(
+                stream_.p_mdi, &arrival_.time, static_cast<uint32_t>(stream_.i_bitrate / 8),
+                static_cast<uint32_t>(lost_), static_cast<uint32_t>(packets - accounted_));
+        }
+        accounted_ = packets;
+        lost_ = stream_.i_lost;
+    }
+
+  private:
+    ts_stream_t& stream_;
+    const Arrival& arrival_;
+    uint64_t accounted_;
+    uint64_t lost_;
+};
+
 // The rate over the last 70000 packets; the first span only starts the clock.
-void closeBitrateSpan(ts_stream_t& stream, uint64_t nowHr) {
+[[gnu::noinline]] void closeBitrateSpan(ts_stream_t& stream, uint64_t nowHr) {
     const uint64_t span = nowHr - stream.i_bitrate_start_hr;
-    const bool first = stream.i_packets == kBitrateSpanPackets;
-    stream.i_bitrate = first || span == 0
-                           ? 0
-                           : saturate<uint64_t>(kBitrateSpanBitsPerMegahertz / static_cast<double>(span) *
-                                                kTicksPerMicrosecond);
+    if (stream.i_packets == kBitrateSpanPackets || span == 0) {
+        stream.i_bitrate = 0;
+    } else {
+        stream.i_bitrate =
+            saturate<uint64_t>(kBitrateSpanMegabits / static_cast<double>(span) * kTicksPerMicrosecond);
+    }
     stream.i_bitrate_start_hr = nowHr;
     stream.i_next_bitrate_packet += kBitrateSpanPackets;
 }
 
-inline void feedDeliveryIndex(const Step& s) {
-    if (s.stream.i_bitrate != 0) {
-        mdi_received_packet_cb(s.stream.p_mdi, &s.arrival.time, static_cast<uint32_t>(s.stream.i_bitrate / 8),
-                               static_cast<uint32_t>(s.stream.i_lost));
-    }
-}
-
-inline void readHeader(const Step& s) {
-    s.pid.b_transport_error = tsTransportErrorIndicator(s.packet);
-    s.pid.b_payload_unit_start = tsPayloadUnitStart(s.packet);
-    s.pid.b_transport_priority = tsTransportPriority(s.packet);
-    s.pid.i_scrambling = tsScramblingControl(s.packet);
-    s.pid.b_adaptation_field = tsHasAdaptationField(s.packet);
-}
-
-void routePat(const Step& s) {
+void routePat(Step s) {
     if (!pushPsiPacket(s.stream.pat_handle, s.packet.data())) {
         countError(s.stream, s.pid, kPatError);
         countError(s.stream, s.pid, kPatError2);
@@ -196,16 +173,16 @@ void routePat(const Step& s) {
     if (s.pid.i_prev_seen != 0 && wrappingSub(s.pid.i_last_seen, s.pid.i_prev_seen) > kTableIntervalLimitMs) {
         countError(s.stream, s.pid, kPatError);
     }
-    if (s.pid.i_scrambling != 0) {
+    if (s.header.scramblingControl() != 0) {
         countError(s.stream, s.pid, kPatError);
         countError(s.stream, s.pid, kPatError2);
     }
 }
 
-void routePmt(const Step& s) {
+void routePmt(Step s) {
     const ts_pmt_t& pmt = *s.pid.p_pmt;
     pushPsiPacket(pmt.handle, s.packet.data());
-    if (s.pid.i_scrambling == 0) {
+    if (s.header.scramblingControl() == 0) {
         return;
     }
     countError(s.stream, s.pid, kPmtError);
@@ -214,13 +191,7 @@ void routePmt(const Step& s) {
     }
 }
 
-inline void routePsi(const Step& s) {
-    if (s.number > kTdtPid) [[likely]] {
-        if (s.pid.p_pmt != nullptr && s.number != kNullPid) {
-            routePmt(s);
-        }
-        return;
-    }
+void routePsi(Step s) {
     switch (s.number) {
         case kPatPid:
             routePat(s);
@@ -241,6 +212,7 @@ inline void routePsi(const Step& s) {
             pushPsiPacket(s.stream.eit_handle, s.packet.data());
             break;
         case kNitPid:
+        case kNullPid:
             break;
         default:
             if (s.pid.p_pmt != nullptr) {
@@ -250,12 +222,13 @@ inline void routePsi(const Step& s) {
     }
 }
 
-void startPid(const Step& s) {
+void startPid(Step s) {
     ts_pid_t& pid = s.pid;
     pid.i_pid = s.number;
     pid.b_seen = 1;
     pid.i_first_seen = s.arrival.ms;
-    pid.i_cc = tsContinuityCounter(s.packet);
+    // The counter that this packet follows, so that the continuity check finds no gap.
+    pid.i_cc = (s.header.continuityCounter() + 15) & 0x0F;
     pid.b_sampled = 0;
     if (pid.p_gop_result == nullptr) {
         pid.p_gop_result = static_cast<GopResult*>(calloc(1, sizeof(GopResult)));
@@ -269,24 +242,30 @@ void startPid(const Step& s) {
     }
     insertPid(s.stream.touched, s.number);
     insertPid(s.stream.seen, s.number);
+    updateRoutine(pid);
 }
 
-inline void checkContinuity(Step& s) {
-    if (!s.pid.b_seen) [[unlikely]] {
+// What only some PIDs need: a table's packet goes to its decoder, a new PID is set up.
+[[gnu::noinline]] void handleSpecialPid(Step s) {
+    routePsi(s);
+    if (!s.pid.b_seen) {
         startPid(s);
-        return;
     }
-    const uint8_t counter = tsContinuityCounter(s.packet);
-    s.gap = static_cast<uint8_t>((counter + 15 - s.pid.i_cc) & 0x0F);
-    s.continuityError = s.gap != 0 && tsHasPayload(s.packet);
-    s.pid.i_cc = counter;
 }
 
-inline void countIndicators(const Step& s) {
-    if (s.pid.b_transport_error) [[unlikely]] {
+// continuity_counter values missing before this packet, 0 to 15.
+inline uint8_t checkContinuity(ts_pid_t& pid, TsHeader header) {
+    const uint8_t counter = header.continuityCounter();
+    const auto gap = static_cast<uint8_t>((counter + 15 - pid.i_cc) & 0x0F);
+    pid.i_cc = counter;
+    return gap;
+}
+
+void countIndicators(Step s) {
+    if (s.header.transportErrorIndicator()) {
         countError(s.stream, s.pid, kTransportError);
     }
-    if (s.pid.i_scrambling != 0) [[unlikely]] {
+    if (s.header.scramblingControl() != 0) {
         if (!s.stream.b_cat_received) {
             countError(s.stream, s.pid, kCatError);
         }
@@ -300,7 +279,7 @@ PesSample* newSamples() {
 }
 
 // Every 500th frame the sizes of the buffer just written go into the GOP estimate.
-void estimateGop(const Step& s, const PesSample* samples) {
+void estimateGop(Step s, const PesSample* samples) {
     if (s.pid.i_nal_count % kGopFrames == 0) {
         calculateGOP(samples, kGopFrames, &s.pid.gop, s.pid.i_nal_count, s.number);
         return;
@@ -314,9 +293,9 @@ void estimateGop(const Step& s, const PesSample* samples) {
 }
 
 // Takes the size of the frame that ended with this PES start.
-void samplePes(const Step& s) {
+void samplePes(Step s, uint8_t payloadOffset) {
     ts_pid_t& pid = s.pid;
-    pid.i_byte_offset = pid.i_packets * kTsPacketSize + pid.i_payload_offset;
+    pid.i_byte_offset = pid.i_packets * kTsPacketSize + payloadOffset;
     pid.i_pes_bytes = pid.i_byte_offset - pid.i_prev_pes_offset;
     pid.i_prev_pes_offset = pid.i_byte_offset;
     ++pid.i_nal_count;
@@ -341,171 +320,32 @@ void samplePes(const Step& s) {
     estimateGop(s, samples);
 }
 
-// A PES start counts wherever its prefix stands at the payload's begin; payload_unit_start_indicator is not
-// asked.
-inline void readPesStart(const Step& s) {
-    s.pid.i_payload_offset = tsHasAdaptationField(s.packet) && tsHasPayload(s.packet)
-                                 ? static_cast<uint8_t>(tsAdaptationFieldLength(s.packet) + 1)
-                                 : uint8_t{0};
-    const uint32_t pes = kTsHeaderSize + s.pid.i_payload_offset;
-    if (!pesStartsAt(s.packet, pes)) {
-        return;
-    }
+void readPes(Step s, uint8_t payloadOffset) {
+    const uint32_t pes = kTsHeaderSize + payloadOffset;
     if (isVideoStreamType(s.pid.i_stream_type)) {
-        samplePes(s);
+        samplePes(s, payloadOffset);
     }
     if (pesStreamId(s.packet, pes) == kVideoStreamId) {
-        const auto behindHeader =
-            static_cast<uint8_t>(s.pid.i_payload_offset + pesHeaderDataLength(s.packet, pes));
+        const auto behindHeader = static_cast<uint8_t>(payloadOffset + pesHeaderDataLength(s.packet, pes));
         parse_nal(s.packet.data(), static_cast<uint8_t>(kPesHeaderEnd + behindHeader), s.readable,
                   &s.pid.nal_state[0], &s.pid.nal_state[1]);
     }
 }
 
-// Jitter of PCR arrival, smoothed as RFC 3550 smooths RTP's.
-void measurePcrJitter(const Step& s) {
-    ts_pid_t& pid = s.pid;
-    const int64_t elapsed = wrappingMul(wrappingSub(s.arrival.ms, pid.i_prev_pcr_time), 1'000'000);
-    const int64_t deviation = wrappingSub(elapsed, wrappingSub(pid.i_pcr, pid.i_prev_pcr));
-    const int64_t distance = deviation < 0 ? wrappingSub(0, deviation) : deviation;
-    const auto step = static_cast<int32_t>(wrappingSub(distance, pid.i_pcr_jitter) >> 4);
-    pid.i_pcr_jitter =
-        static_cast<int32_t>(static_cast<uint32_t>(pid.i_pcr_jitter) + static_cast<uint32_t>(step));
-    for (ts_pid_t* record : {&pid, &s.stream.p_intervals->pid[s.number]}) {
-        if (record->i_max_pcr_jitter < pid.i_pcr_jitter) {
-            record->i_max_pcr_jitter_time = static_cast<uint64_t>(s.arrival.ms);
-            record->i_max_pcr_jitter = pid.i_pcr_jitter;
-        }
+// A PES start counts wherever its prefix stands at the payload's begin; payload_unit_start_indicator is not
+// asked.
+void readPesStart(Step s) {
+    uint8_t payloadOffset = 0;
+    if (s.header.hasAdaptationField() && s.header.hasPayload()) {
+        payloadOffset = static_cast<uint8_t>(tsAdaptationFieldLength(s.packet) + 1);
+    }
+    if (pesStartsAt(s.packet, kTsHeaderSize + payloadOffset)) {
+        readPes(s, payloadOffset);
     }
 }
 
-// Whether the PCR advanced as the packets between the two PCRs take at the stream's bit rate.
-void checkPcrAccuracy(const Step& s) {
-    const uint64_t packets = s.stream.i_packets - s.pid.i_packets_at_pcr;
-    s.pid.i_packets_at_pcr = s.stream.i_packets;
-    if (s.stream.i_bitrate == 0) {
-        return;
-    }
-    const double transmission =
-        static_cast<double>(packets) * kPacketNanobits / static_cast<double>(s.stream.i_bitrate);
-    const auto advance = static_cast<double>(wrappingSub(s.pid.i_pcr, s.pid.i_prev_pcr));
-    const auto accuracy = saturate<int64_t>(advance - transmission);
-    if (accuracy > kPcrAccuracyLimitNs || accuracy < -kPcrAccuracyLimitNs) {
-        countError(s.stream, s.pid, kPcrAccuracyError);
-    }
-}
-
-void measurePcr(const Step& s) {
-    ts_pid_t& pid = s.pid;
-    const int64_t pcr = tsPcrNanoseconds(s.packet);
-    const int64_t old = pid.i_pcr;
-    pid.i_pcr = pcr;
-    if (pid.i_first_pcr == 0) {
-        pid.i_first_pcr = pcr;
-    }
-    if (pcr < pid.i_last_pcr) {
-        fputs(s.continuityError ? "stofain: Warning wrapping PCR on discontinuity\n"
-                                : "stofain: Warning wrapping PCR\n",
-              stderr);
-    }
-    pid.i_prev_pcr = old;
-    pid.i_prev_pcr_time = pid.i_last_pcr_time;
-    pid.i_last_pcr_time = s.arrival.ms;
-    pid.i_last_pcr = pcr;
-    if (pid.i_prev_pcr_time == 0) {
-        return;
-    }
-    measurePcrJitter(s);
-    checkPcrAccuracy(s);
-    if (wrappingSub(pid.i_last_pcr_time, pid.i_prev_pcr_time) > kPcrRepetitionLimitMs) {
-        countError(s.stream, pid, kPcrRepetitionError);
-        countError(s.stream, pid, kPcrError);
-    }
-    if (!pid.b_discontinuity && wrappingSub(pid.i_last_pcr, pid.i_prev_pcr) > kPcrDiscontinuityLimitNs) {
-        countError(s.stream, pid, kPcrDiscontinuityIndicatorError);
-        countError(s.stream, pid, kPcrError);
-    }
-}
-
-// The extension's length byte stands at `q`. The piecewise rate is read from where its offset, counted from
-// the packet's start, is added to q once more; the records keep what that yields.
-void readAdaptationExtension(const Step& s, uint32_t q) {
-    ts_pid_t& pid = s.pid;
-    const auto at = [&s](uint32_t offset) { return tsByteAt(s.packet, offset); };
-    pid.i_af_extension_length = at(q);
-    if (pid.i_af_extension_length == 0) {
-        return;
-    }
-    const uint8_t flags = at(q + 1);
-    pid.b_ltw = afeLtw(flags);
-    pid.b_piecewise_rate = afePiecewiseRate(flags);
-    pid.b_seamless_splice = afeSeamlessSplice(flags);
-    uint32_t r = q;
-    if (pid.b_ltw) {
-        pid.b_ltw_valid = at(q + 2) >> 7;
-        pid.i_ltw_offset = at(q + 2) & 0x7F;
-        r += 2;
-    }
-    if (pid.b_piecewise_rate) {
-        pid.i_piecewise_rate =
-            static_cast<uint32_t>((at(q + r) & 0x3F) << 16 | at(q + r + 1) << 8 | at(q + r + 2));
-        r += 3;
-    }
-    if (pid.b_seamless_splice) {
-        pid.i_splice_type = at(r) & 0xF0;
-    }
-}
-
-// splice_countdown is taken as sign and magnitude.
-int8_t spliceCountdown(uint8_t byte) {
-    const int magnitude = byte & 0x7F;
-    return static_cast<int8_t>((byte & 0x80) != 0 ? -magnitude : magnitude);
-}
-
-// Returns where the payload begins by the sum of the fields that are present; stuffing is not skipped.
-uint32_t readAdaptationField(Step& s) {
-    ts_pid_t& pid = s.pid;
-    const AdaptationFlags flags = tsAdaptationFlags(s.packet);
-    pid.b_discontinuity = flags.discontinuity;
-    pid.b_random_access = flags.randomAccess;
-    pid.b_es_priority = flags.esPriority;
-    pid.b_splicing_point = flags.splicingPoint;
-    pid.b_private_data = flags.privateData;
-    pid.b_af_extension = flags.extension;
-    uint32_t q = kAdaptationFlags;
-    if (flags.pcr) {
-        q += kPcrFieldSize;
-        if (tsAdaptationFieldLength(s.packet) >= kAdaptationLengthWithPcr) {
-            measurePcr(s);
-            if (flags.discontinuity) {
-                // Without a PCR the indicator excuses nothing.
-                printcf(2, "stofain: Server signalled the continuity counter discontinuity\n");
-                s.continuityError = false;
-            }
-        }
-    }
-    if (flags.opcr) {
-        q += kPcrFieldSize;
-    }
-    if (flags.splicingPoint) {
-        q += 1;
-        pid.i_splice_countdown = spliceCountdown(tsByteAt(s.packet, q));
-    }
-    if (flags.privateData) {
-        q += 1;
-        pid.i_private_data_length = tsByteAt(s.packet, q);
-        q += pid.i_private_data_length;
-    }
-    if (flags.extension) {
-        q += 1;
-        readAdaptationExtension(s, q);
-    }
-    q += 2;
-    return q - 1;
-}
-
-inline void checkPts(const Step& s, uint32_t payload) {
-    if (!s.pid.b_payload_unit_start || !pesStartsAt(s.packet, payload) ||
+void checkPts(Step s, uint32_t payload) {
+    if (!s.header.payloadUnitStart() || !pesStartsAt(s.packet, payload) ||
         !pesHasOptionalHeader(pesStreamId(s.packet, payload)) || !pesHasPts(s.packet, payload)) {
         return;
     }
@@ -518,40 +358,45 @@ inline void checkPts(const Step& s, uint32_t payload) {
 
 // The gap is taken modulo 16, so no packet is classed as a duplicate: a repeated one counts 15 lost packets,
 // which readers of the records rely on.
-void accountContinuity(const Step& s) {
-    if (s.gap == kDuplicateGap &&
+[[gnu::noinline]] void accountContinuity(Step s, uint8_t gap) {
+    if (gap == kDuplicateGap &&
         std::equal(s.pid.last_header.begin(), s.pid.last_header.end(), s.packet.begin())) {
         ++s.stream.i_duplicated;
         ++s.pid.i_duplicated;
     } else {
-        s.stream.i_lost += s.gap;
-        s.pid.i_lost += s.gap;
+        s.stream.i_lost += gap;
+        s.pid.i_lost += gap;
     }
     ++s.stream.i_out_of_sequence;
     ++s.pid.i_out_of_sequence;
     countError(s.stream, s.pid, kContinuityCountError);
 }
 
-inline void analysePayload(Step& s) {
+// All that a packet may need behind its counting, in order.
+[[gnu::noinline]] void analysePayload(Step s, uint8_t gap) {
     countIndicators(s);
     readPesStart(s);
+    bool continuityError = gap != 0 && s.header.hasPayload();
     uint32_t payload = kTsHeaderSize;
-    if (s.pid.b_adaptation_field && tsAdaptationFieldLength(s.packet) != 0) {
-        payload = readAdaptationField(s);
+    if (s.header.hasAdaptationField() && tsAdaptationFieldLength(s.packet) != 0) {
+        const AdaptationResult field = readAdaptationField(s, continuityError);
+        payload = field.payload;
+        continuityError = continuityError && !field.signalsDiscontinuity;
     }
     checkPts(s, payload);
-    if (s.continuityError) [[unlikely]] {
-        accountContinuity(s);
+    if (continuityError) {
+        accountContinuity(s, gap);
     }
 }
 
-inline void analysePacket(ts_stream_t& stream, TsPacket packet, int32_t readable, const Arrival& arrival) {
-    const uint16_t number = tsPid(packet);
-    Step s{stream, stream.pid[number], arrival, packet, readable, number, 0, false};
-    if (s.pid.pf_callback != nullptr) [[unlikely]] {
-        s.pid.pf_callback(kTsPacketSize, packet.data(), s.pid.p_callback_data);
-    }
-    countPacket(s);
+// Most packets only go on with a PES packet: clear payload, expected counter, no start code. For these none
+// of the steps of analysePayload has anything to do.
+inline bool isContinuation(TsPacket packet, TsHeader header, uint8_t gap) {
+    return gap == 0 && header.isClearPayloadOnly() && !pesStartsAt(packet, kTsHeaderSize);
+}
+
+// The one-off and the periodic work that falls due with this packet.
+inline void handleSchedule(ts_stream_t& stream, const Arrival& arrival, DeliveryIndexFeed& deliveryIndex) {
     if (!stream.b_started) [[unlikely]] {
         startStream(stream, arrival);
     }
@@ -559,34 +404,60 @@ inline void analysePacket(ts_stream_t& stream, TsPacket packet, int32_t readable
         checkPresence(stream, arrival.ms);
     }
     if (stream.i_packets == stream.i_next_bitrate_packet) [[unlikely]] {
+        deliveryIndex.advanceTo(stream.i_packets - 1);
         closeBitrateSpan(stream, arrival.hr);
     }
-    feedDeliveryIndex(s);
-    readHeader(s);
-    routePsi(s);
-    checkContinuity(s);
+}
+
+inline void analysePacket(ts_stream_t& stream, TsPacket packet, int32_t readable, const Arrival& arrival,
+                          DeliveryIndexFeed& deliveryIndex) {
+    const TsHeader header(packet.data());
+    const uint16_t number = header.pid();
+    ts_pid_t& pid = stream.pid[number];
+    // Made where it is needed: the usual packet keeps everything in registers.
+    const auto step = [&] { return Step{stream, pid, arrival, packet, header, readable, number}; };
+    if (!pid.b_routine && pid.pf_callback != nullptr) [[unlikely]] {
+        pid.pf_callback(kTsPacketSize, packet.data(), pid.p_callback_data);
+    }
+    countPacket(stream, pid, arrival);
+    handleSchedule(stream, arrival, deliveryIndex);
+    if (!pid.b_routine) [[unlikely]] {
+        handleSpecialPid(step());
+    }
+    const uint8_t gap = checkContinuity(pid, header);
     if (number == kNullPid) {
         ++stream.i_null_packets;
-    } else {
-        analysePayload(s);
+    } else if (!isContinuation(packet, header, gap)) [[unlikely]] {
+        analysePayload(step(), gap);
     }
-    std::copy_n(packet.begin(), kLastHeaderSize, s.pid.last_header.begin());
+    memcpy(pid.last_header.data(), packet.data(), kLastHeaderSize);
+}
+
+// False when the datagram ended in something that is no whole packet.
+bool analysePackets(ts_stream_t& stream, const uint8_t* buf, int32_t len, const Arrival& arrival) {
+    DeliveryIndexFeed deliveryIndex(stream, arrival);
+    bool whole = true;
+    for (int32_t i = 0; i < len; i += kTsPacketSize) {
+        whole = synchronise(stream, buf, len, i);
+        if (!whole) {
+            break;
+        }
+        analysePacket(stream, TsPacket(buf + i, kTsPacketSize), len - i, arrival, deliveryIndex);
+    }
+    deliveryIndex.advanceTo(stream.i_packets);
+    return whole;
 }
 
 }  // namespace
 
 int32_t sarnDvbPsi_process(ts_stream_t* stream, const uint8_t* buf, int32_t len, int64_t now_ms,
                            uint64_t now_hr) {
-    const Arrival arrival = makeArrival(now_ms, now_hr);
+    const Arrival arrival{now_ms, now_hr, {.tv_sec = now_ms / 1000, .tv_usec = now_ms % 1000 * 1000}};
     if (!stream->b_started || now_ms < stream->i_earliest_seen) {
         relaxedStore(stream->i_earliest_seen, now_ms);
     }
-    for (int32_t i = 0; i < len; i += kTsPacketSize) {
-        if (!synchronise(*stream, buf, len, i)) {
-            return 1;
-        }
-        analysePacket(*stream, TsPacket(buf + i, kTsPacketSize), len - i, arrival);
+    if (analysePackets(*stream, buf, len, arrival)) {
+        jitter_received_packet_cb(stream->p_jitter, &arrival.time);
     }
-    jitter_received_packet_cb(stream->p_jitter, &arrival.time);
     return 1;
 }
