@@ -33,8 +33,8 @@ MdiMeasurement* mdi_start_new_measurement();
 int32_t mdi_received_packet_cb(MdiMeasurement* m, const timeval* arrival, uint32_t drainRate,
                                uint32_t cumulativeLost);
 
-// The same as `count` calls of mdi_received_packet_cb with these arguments; `m` must not be null. The packets of one
-// datagram share their arrival, so the analysis accounts them together.
+// The same as `count` calls of mdi_received_packet_cb with these arguments; `m` must not be null. The packets
+// of one datagram share their arrival, so the analysis accounts them together.
 void mdi_received_packets_cb(MdiMeasurement* m, const timeval* arrival, uint32_t drainRate,
                              uint32_t cumulativeLost, uint32_t count);
 

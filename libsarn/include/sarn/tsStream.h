@@ -62,8 +62,8 @@ struct alignas(64) ts_pid_t {
     uint64_t i_packets;   // received
     int64_t i_prev_seen;  // arrival of the previous packet
     int64_t i_last_seen;  // arrival of the last packet; the timer thread reads it
-    // First bytes of the last packet: its header bits, as sarnDvbPsi/packetFields.h reads them, and the start of the
-    // adaptation field.
+    // First bytes of the last packet: its header bits, as sarnDvbPsi/packetFields.h reads them, and the start
+    // of the adaptation field.
     std::array<uint8_t, kLastHeaderSize> last_header;
     int32_t i_pid;  // written at the first packet, and by a PAT for PMT PIDs
     uint8_t i_cc;   // continuity_counter of the last packet
@@ -169,7 +169,7 @@ struct ts_stream_t {
     uint8_t b_cat_received;
     uint64_t i_packets;              // accepted, all PIDs
     uint64_t i_next_bitrate_packet;  // the i_packets that ends the current bit-rate span
-    int64_t i_next_check;            // ms, next PAT/PMT presence check
+    int64_t i_next_check;            // ms, next PAT/PMT presence check; at first the lowest value
     int64_t i_last_time;             // ms, arrival of the last packet
     uint64_t i_last_time_hr;
     uint64_t i_bitrate;     // bit/s; 0 until the second span of 70000 packets has ended

@@ -1,5 +1,6 @@
 #include "sarn/mediaDeliveryIndex.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <limits>
 
@@ -54,6 +55,24 @@ void extendSwing(MdiMeasurement& m, int32_t level) {
     if (m.bufferMinimum > level) {
         m.bufferMinimum = level;
     }
+}
+
+// Accounts `count` packets that arrive together. The level only rises from one to the next, so the first and
+// the last hold the extremes. False, with nothing accounted, when 32 bits wrap on the way.
+bool accountRise(MdiMeasurement& m, float drain, uint32_t count) {
+    if (count == 0) {
+        return true;
+    }
+    const uint64_t last = uint64_t{m.packetsInInterval} + count - 1;
+    const int32_t highest = levelBefore(static_cast<uint32_t>(last), drain);
+    if (last * kPacketBytes > std::numeric_limits<uint32_t>::max() || levelAfter(highest) < highest) {
+        return false;
+    }
+    const int32_t lowest = levelBefore(m.packetsInInterval, drain);
+    m.packetsInInterval += count;
+    m.bufferMinimum = std::min(m.bufferMinimum, lowest);
+    m.bufferMaximum = std::max(m.bufferMaximum, levelAfter(highest));
+    return true;
 }
 
 void closeInterval(MdiMeasurement& m, uint32_t cumulativeLost) {
@@ -113,26 +132,19 @@ void mdi_received_packets_cb(MdiMeasurement* m, const timeval* arrival, uint32_t
     if (count == 0) {
         return;
     }
-    // Only the first packet can close the interval: behind it no time has passed.
-    mdi_received_packet_cb(m, arrival, drainRate, cumulativeLost);
-    if (--count == 0) {
+    float elapsed = secondsSinceIntervalStart(*m, *arrival);
+    if (m->firstPacketPending != 0 || elapsed > kIntervalSeconds) {
+        // Only the first packet can open or close an interval: behind it no time has passed.
+        mdi_received_packet_cb(m, arrival, drainRate, cumulativeLost);
+        --count;
+        elapsed = secondsSinceIntervalStart(*m, *arrival);
+    }
+    if (accountRise(*m, drained(*m, elapsed), count)) {
         return;
     }
-    // The level only rises from packet to packet, so the first and the last one hold the extremes - unless 32 bits
-    // wrap in between.
-    const float drain = drained(*m, secondsSinceIntervalStart(*m, *arrival));
-    const int32_t lowest = levelBefore(m->packetsInInterval, drain);
-    const uint64_t last = uint64_t{m->packetsInInterval} + count - 1;
-    const int32_t highest = levelBefore(static_cast<uint32_t>(last), drain);
-    if (last * kPacketBytes > std::numeric_limits<uint32_t>::max() || levelAfter(highest) < highest) {
-        for (; count > 0; --count) {
-            mdi_received_packet_cb(m, arrival, drainRate, cumulativeLost);
-        }
-        return;
+    for (; count > 0; --count) {
+        mdi_received_packet_cb(m, arrival, drainRate, cumulativeLost);
     }
-    m->packetsInInterval += count;
-    extendSwing(*m, lowest);
-    extendSwing(*m, levelAfter(highest));
 }
 
 int32_t mdi_get_result(const MdiMeasurement* m, float* delayFactor, float* delayFactorMaximum,

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <mutex>
 #include <type_traits>
 
@@ -154,6 +155,7 @@ ts_stream_t* sarnDvbPsi_init(int32_t debug) {
     }
     stream->i_pid_timeout = kDefaultPidTimeoutSeconds;
     stream->i_next_bitrate_packet = kBitrateSpanPackets;
+    stream->i_next_check = std::numeric_limits<int64_t>::min();
 
     startTimerThread();
     registerContext(stream);

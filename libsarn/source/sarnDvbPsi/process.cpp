@@ -63,11 +63,13 @@ void countSyncFailure(ts_stream_t& stream, int32_t skipped) {
     }
 }
 
-[[gnu::noinline]] void resynchronise(ts_stream_t& stream, const uint8_t* buf, int32_t len, int32_t& i) {
+// Returns where the next packet begins, or `len`.
+[[gnu::noinline]] int32_t resynchronise(ts_stream_t& stream, const uint8_t* buf, int32_t len, int32_t i) {
     const int32_t skipped = findSync(buf, len, i);
     countSyncFailure(stream, skipped);
     i += skipped;
     SARN_ASSERT(i >= len || buf[i] == kSyncByte, "buf[i] == 0x47");
+    return i;
 }
 
 inline void countGoodPacket(ts_stream_t& stream) {
@@ -81,17 +83,16 @@ inline void countGoodPacket(ts_stream_t& stream) {
     }
 }
 
-// Moves `i` to the next packet. False when the datagram holds none.
-inline bool synchronise(ts_stream_t& stream, const uint8_t* buf, int32_t len, int32_t& i) {
-    if (len - i >= kTsPacketSize && buf[i] == kSyncByte) [[likely]] {
+// Where the packet at or behind `i` begins; `len` when the datagram holds none.
+inline int32_t synchronise(ts_stream_t& stream, const uint8_t* buf, int32_t len, int32_t i) {
+    if (i <= len - kTsPacketSize && buf[i] == kSyncByte) [[likely]] {
         countGoodPacket(stream);
-        return true;
+        return i;
     }
-    resynchronise(stream, buf, len, i);
-    return i < len;
+    return resynchronise(stream, buf, len, i);
 }
 
-[[gnu::noinline]] void startStream(ts_stream_t& stream, const Arrival& arrival) {
+void startStream(ts_stream_t& stream, const Arrival& arrival) {
     stream.b_started = 1;
     stream.i_first_time = arrival.ms;
     stream.i_bitrate_start_hr = arrival.hr;
@@ -103,8 +104,6 @@ inline void countPacket(ts_stream_t& stream, ts_pid_t& pid, const Arrival& arriv
     ++stream.i_packets;
     pid.i_prev_seen = pid.i_last_seen;
     relaxedStore(pid.i_last_seen, arrival.ms);
-    stream.i_last_time = arrival.ms;
-    stream.i_last_time_hr = arrival.hr;
 }
 
 bool isOverdue(const ts_pid_t& pid, int64_t now) {
@@ -112,7 +111,7 @@ bool isOverdue(const ts_pid_t& pid, int64_t now) {
 }
 
 // Whether PAT and PMTs still come. One check moves the schedule by one period, however many have passed.
-[[gnu::noinline]] void checkPresence(ts_stream_t& stream, int64_t now) {
+void checkPresence(ts_stream_t& stream, int64_t now) {
     stream.i_next_check = wrappingAdd(stream.i_next_check, kPresenceCheckPeriodMs);
     if (isOverdue(stream.pid[kPatPid], now)) {
         insertPid(stream.touched, kPatPid);
@@ -395,13 +394,19 @@ inline bool isContinuation(TsPacket packet, TsHeader header, uint8_t gap) {
     return gap == 0 && header.isClearPayloadOnly() && !pesStartsAt(packet, kTsHeaderSize);
 }
 
-// The one-off and the periodic work that falls due with this packet.
-inline void handleSchedule(ts_stream_t& stream, const Arrival& arrival, DeliveryIndexFeed& deliveryIndex) {
-    if (!stream.b_started) [[unlikely]] {
+// A new context's check is due at once, with which the stream starts.
+[[gnu::noinline]] void handleDueCheck(ts_stream_t& stream, const Arrival& arrival) {
+    if (!stream.b_started) {
         startStream(stream, arrival);
     }
-    if (arrival.ms >= stream.i_next_check) [[unlikely]] {
+    if (arrival.ms >= stream.i_next_check) {
         checkPresence(stream, arrival.ms);
+    }
+}
+
+inline void handleSchedule(ts_stream_t& stream, const Arrival& arrival, DeliveryIndexFeed& deliveryIndex) {
+    if (arrival.ms >= stream.i_next_check) [[unlikely]] {
+        handleDueCheck(stream, arrival);
     }
     if (stream.i_packets == stream.i_next_bitrate_packet) [[unlikely]] {
         deliveryIndex.advanceTo(stream.i_packets - 1);
@@ -436,13 +441,19 @@ inline void analysePacket(ts_stream_t& stream, TsPacket packet, int32_t readable
 // False when the datagram ended in something that is no whole packet.
 bool analysePackets(ts_stream_t& stream, const uint8_t* buf, int32_t len, const Arrival& arrival) {
     DeliveryIndexFeed deliveryIndex(stream, arrival);
+    const uint64_t packetsBefore = stream.i_packets;
     bool whole = true;
     for (int32_t i = 0; i < len; i += kTsPacketSize) {
-        whole = synchronise(stream, buf, len, i);
-        if (!whole) {
+        i = synchronise(stream, buf, len, i);
+        if (i >= len) {
+            whole = false;
             break;
         }
         analysePacket(stream, TsPacket(buf + i, kTsPacketSize), len - i, arrival, deliveryIndex);
+    }
+    if (stream.i_packets != packetsBefore) {
+        stream.i_last_time = arrival.ms;
+        stream.i_last_time_hr = arrival.hr;
     }
     deliveryIndex.advanceTo(stream.i_packets);
     return whole;
