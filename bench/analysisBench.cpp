@@ -2,7 +2,7 @@
 // many streams, and one tick of the silence timer.
 #include <benchmark/benchmark.h>
 
-#include <optional>
+#include <algorithm>
 
 #include "sarn/sarnDvbPsi.h"
 #include "workload.h"
@@ -14,11 +14,6 @@ constexpr std::size_t kWarmUpPackets = 150'000;
 // With many streams the warm-up only has to touch what each stream uses.
 constexpr std::size_t kWarmUpFramesPerStream = 200;
 
-bench::Recording& recording() {
-    static bench::Recording theRecording;
-    return theRecording;
-}
-
 void reportPerPacket(benchmark::State& state) {
     const auto packets = static_cast<double>(state.iterations()) * bench::kPacketsPerFrame;
     state.counters["ns/packet"] =
@@ -26,27 +21,29 @@ void reportPerPacket(benchmark::State& state) {
 }
 
 void floorOfHeaders(benchmark::State& state) {
+    const bench::Recording recording(static_cast<uint32_t>(state.range(0)));
     std::vector<uint64_t> perPid(kPidCount);
     std::size_t index = 0;
     for (auto _ : state) {
-        bench::countHeaders({recording().frame(index++), bench::kFrameSize}, perPid);
+        bench::countHeaders({recording.frame(index++), bench::kFrameSize}, perPid);
     }
     benchmark::DoNotOptimize(perPid.data());
     reportPerPacket(state);
 }
-BENCHMARK(floorOfHeaders);
+BENCHMARK(floorOfHeaders)->Arg(1);
 
 void analysis(benchmark::State& state) {
     const auto streams = static_cast<uint32_t>(state.range(0));
+    const bench::Recording recording(streams);
     const uint64_t before = bench::residentBytes();
-    bench::Table table(streams);
+    bench::Table table(recording);
     const std::size_t warmUp =
-        streams == 1 ? kWarmUpPackets / bench::kPacketsPerFrame + 1 : kWarmUpFramesPerStream * streams;
+        std::max(kWarmUpPackets / bench::kPacketsPerFrame + 1, kWarmUpFramesPerStream * streams);
     for (std::size_t i = 0; i < warmUp; ++i) {
-        table.feed(recording());
+        table.feed();
     }
     for (auto _ : state) {
-        table.feed(recording());
+        table.feed();
     }
     state.counters["KiB/stream"] = static_cast<double>(bench::residentBytes() - before) / 1024 / streams;
     reportPerPacket(state);
@@ -54,9 +51,10 @@ void analysis(benchmark::State& state) {
 BENCHMARK(analysis)->Arg(1)->Arg(10)->Arg(100)->Arg(1000);
 
 void timerTick(benchmark::State& state) {
-    bench::Table table(1000);
+    const bench::Recording recording(1000);
+    bench::Table table(recording);
     for (std::size_t i = 0; i < 1000 * kWarmUpFramesPerStream; ++i) {
-        table.feed(recording());
+        table.feed();
     }
     const int64_t nowSeconds = 1'700'000'100;
     for (auto _ : state) {

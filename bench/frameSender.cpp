@@ -31,19 +31,16 @@ int openSocket(const std::string& interface) {
     return fd;
 }
 
-// Every group gets the recording in order, so that no stream shows a gap.
 class Batch {
   public:
-    Batch(bench::Recording& recording, uint32_t groups) : recording_(recording), groups_(groups) {}
+    explicit Batch(const bench::Recording& recording) : recording_(recording) {}
 
     // Prepares up to kBatch frames; returns how many.
     std::size_t fill(uint64_t remaining) {
         const std::size_t count = std::min<uint64_t>(kBatch, remaining);
-        for (std::size_t i = 0; i < count; ++i, ++next_) {
-            auto& frame = frames_[i];
-            memcpy(frame.data(), recording_.frame(next_ / groups_), frame.size());
-            bench::writeHeaders(frame.data(), bench::groupAddress(static_cast<uint32_t>(next_ % groups_)));
-            vectors_[i] = {.iov_base = frame.data(), .iov_len = frame.size()};
+        for (std::size_t i = 0; i < count; ++i) {
+            vectors_[i] = {.iov_base = const_cast<uint8_t*>(recording_.frame(next_++)),
+                           .iov_len = bench::kFrameSize};
             messages_[i] = {};
             messages_[i].msg_hdr.msg_iov = &vectors_[i];
             messages_[i].msg_hdr.msg_iovlen = 1;
@@ -55,10 +52,8 @@ class Batch {
     }
 
   private:
-    bench::Recording& recording_;
-    uint32_t groups_;
+    const bench::Recording& recording_;
     uint64_t next_ = 0;
-    std::array<std::array<uint8_t, bench::kFrameSize>, kBatch> frames_{};
     std::array<iovec, kBatch> vectors_{};
     std::array<mmsghdr, kBatch> messages_{};
 };
@@ -89,9 +84,9 @@ int main(int argc, char** argv) {
     app.add_option("--groups", groups);
     CLI11_PARSE(app, argc, argv);
 
-    bench::Recording recording;
+    const bench::Recording recording(groups);
     const int fd = openSocket(interface);
-    Batch batch(recording, groups);
+    Batch batch(recording);
     const auto start = std::chrono::steady_clock::now();
     for (uint64_t sent = 0; sent < count;) {
         const std::size_t size = batch.fill(count - sent);

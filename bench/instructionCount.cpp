@@ -17,7 +17,7 @@ constexpr std::size_t kWarmUpFrames = 150'000 / bench::kPacketsPerFrame + 1;
 }  // namespace
 
 // A name for callgrind to collect in, so kept out of line.
-extern "C" __attribute__((noinline)) void measuredFloor(bench::Recording& recording,
+extern "C" __attribute__((noinline)) void measuredFloor(const bench::Recording& recording,
                                                         std::vector<uint64_t>& perPid, std::size_t frames) {
     for (std::size_t i = 0; i < frames; ++i) {
         bench::countHeaders({recording.frame(i), bench::kFrameSize}, perPid);
@@ -30,11 +30,11 @@ int main(int argc, char** argv) {
         return 2;
     }
     const auto frames = static_cast<std::size_t>(strtoull(argv[2], nullptr, 10));
-    bench::Recording recording;
+    const bench::Recording recording(1);
     if (strcmp(argv[1], "analysis") == 0) {
-        bench::Table table(1);
+        bench::Table table(recording);
         for (std::size_t i = 0; i < kWarmUpFrames + frames; ++i) {
-            table.feed(recording);
+            table.feed();
         }
     } else {
         std::vector<uint64_t> perPid(kPidCount);

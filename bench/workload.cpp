@@ -41,24 +41,37 @@ void writeHeaders(uint8_t* frame, uint32_t group) {
     frame[25] = static_cast<uint8_t>(sum);
 }
 
-Recording::Recording() {
+namespace {
+
+std::vector<uint8_t> readTransportStream() {
     const char* path = getenv("KESTOR_BENCH_TS");
-    std::ifstream file(path != nullptr ? path : "", std::ios::binary);
+    std::ifstream file(path != nullptr ? path : "", std::ios::binary | std::ios::ate);
     if (!file) {
         fprintf(stderr, "KESTOR_BENCH_TS must name a transport stream; bench/run.sh makes one\n");
         exit(1);
     }
-    std::vector<uint8_t> payload(kPacketsPerFrame * kTsPacketSize);
-    while (file.read(reinterpret_cast<char*>(payload.data()), static_cast<std::streamsize>(payload.size()))) {
-        const std::size_t start = bytes_.size();
-        bytes_.resize(start + kFrameSize);
-        writeHeaders(bytes_.data() + start, groupAddress(0));
-        memcpy(bytes_.data() + start + kHeadersSize, payload.data(), payload.size());
+    std::vector<uint8_t> bytes(static_cast<std::size_t>(file.tellg()));
+    file.seekg(0);
+    file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return bytes;
+}
+
+}  // namespace
+
+Recording::Recording(uint32_t groups) : groups_(groups) {
+    const std::vector<uint8_t> packets = readTransportStream();
+    const std::size_t rounds = packets.size() / kPayloadSize / groups;
+    bytes_.resize(rounds * groups * kFrameSize);
+    for (std::size_t i = 0; i < rounds * groups; ++i) {
+        uint8_t* frame = bytes_.data() + i * kFrameSize;
+        writeHeaders(frame, groupAddress(static_cast<uint32_t>(i % groups)));
+        memcpy(frame + kHeadersSize, packets.data() + (i % groups * rounds + i / groups) * kPayloadSize,
+               kPayloadSize);
     }
 }
 
-Table::Table(uint32_t streams) : table_(sarnUdpStreams_initialize()), streams_(streams) {
-    for (uint32_t i = 0; i < streams; ++i) {
+Table::Table(const Recording& recording) : recording_(recording), table_(sarnUdpStreams_initialize()) {
+    for (uint32_t i = 0; i < recording.groups(); ++i) {
         sarnUdpStreams_addStream(table_, groupAddress(i), 0, 0, "bench", &lock_);
     }
 }
@@ -68,17 +81,11 @@ Table::~Table() {
     free(table_);
 }
 
-void Table::feed(Recording& recording) {
-    const std::size_t start = recording.frames() / streams_ * nextStream_;
-    uint8_t* frame = recording.frame(start + round_);
-    const uint32_t group = groupAddress(nextStream_);
-    memcpy(frame + 30, &group, sizeof group);
-    const auto us = kStartUs + static_cast<uint64_t>(static_cast<double>(round_) * kFrameUs);
-    sarnUdpStreams_processIpPacket(table_, frame, kFrameSize, us / 1000, us * kTicksPerUs, &lock_);
-    if (++nextStream_ == streams_) {
-        nextStream_ = 0;
-        ++round_;
-    }
+void Table::feed() {
+    const std::size_t round = next_ / recording_.groups();
+    const auto us = kStartUs + static_cast<uint64_t>(static_cast<double>(round) * kFrameUs);
+    sarnUdpStreams_processIpPacket(table_, recording_.frame(next_++), kFrameSize, us / 1000, us * kTicksPerUs,
+                                   &lock_);
 }
 
 void countHeaders(std::span<const uint8_t> frame, std::vector<uint64_t>& perPid) {

@@ -138,10 +138,11 @@ UdpStream* sarnUdpStreams_addStream(UdpStreamTable* table, uint32_t group, uint3
     stream->group = group;
     stream->userData = userData;
     stream->streamId = streamId;
-    stream->name = strdup(name);
-    stream->tsStream = sarnDvbPsi_init(0);
+    // Right behind the record, where every datagram looks as well.
     stream->ipHeader = static_cast<Ipv4HeaderImage*>(calloc(1, sizeof(Ipv4HeaderImage)));
     stream->udpHeader = static_cast<UdpHeaderImage*>(calloc(1, sizeof(UdpHeaderImage)));
+    stream->name = strdup(name);
+    stream->tsStream = sarnDvbPsi_init(0);
     HASH_ADD(hh, *table, group, sizeof stream->group, stream);
     return stream;
 }
