@@ -198,7 +198,8 @@ struct ts_stream_t {
     int32_t i_pat_version;
     int32_t i_ts_id;
     uint8_t i_cat_version;
-    uint8_t i_splice_protocol_version;  // of the last splice_info_section
+    uint8_t i_splice_protocol_version;    // of the last splice_info_section
+    std::array<uint32_t, 3> si_sections;  // of unfinished tables, held by the demultiplexers
     ts_pid_t* p_pat_pid;
     ts_pid_t* p_cat_pid;
     ts_pid_t* p_sdt_pid;

@@ -227,6 +227,7 @@ bool attachDecoders(ts_stream_t* stream) {
         if (*handle == nullptr) {
             return false;
         }
+        guardSections(*handle);
     }
     return true;
 }

@@ -12,7 +12,14 @@ struct dvbpsi_s;
 // library returns, false for a null handle or one without a decoder.
 bool pushPsiPacket(dvbpsi_s* handle, const uint8_t* packet);
 
-// Puts a check in front of the PAT, CAT or PMT decoder attached to the handle: sections whose lengths do not
-// fit into each other are dropped before the decoder sees them, all others pass unchanged. Call after each
-// attach.
+// Puts a check in front of the decoder attached to the handle (PAT, CAT, PMT or a demultiplexer whose
+// new-subtable data is its ts_stream_t): sections whose lengths do not fit into each other, or that are
+// numbered behind their last_section_number, are dropped before the decoder sees them; all others pass
+// unchanged. Of a demultiplexer it also bounds the sections that wait for the rest of their tables. Call
+// after each attach.
 void guardSections(dvbpsi_s* handle);
+
+// Sections that the unfinished tables of one demultiplexer hold, up to 4 KiB each, before those of tables
+// with more than two sections are dropped. The schedule EITs of a whole network, whose numbering has gaps by
+// design, would pile up otherwise.
+inline constexpr uint32_t kMaxHeldSections = 8192;

@@ -1,0 +1,196 @@
+#include "sarnDvbPsi/sectionGuard.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <span>
+
+#include "sarn/tsStream.h"
+#include "sarnDvbPsi/dvbpsiHeaders.h"
+
+namespace {
+
+using Bytes = std::span<const uint8_t>;
+
+// How the payload of a table's section is made up: fixed fields, a descriptor loop behind its 12-bit length,
+// the 16-bit length of the entries, then entries of fixed fields and a descriptor loop each. Loop lengths
+// stand in the last two bytes of the fixed fields in front of them.
+struct SectionLayout {
+    uint8_t firstTableId;
+    uint8_t lastTableId;
+    std::size_t headSize;
+    bool headLoop;
+    bool entriesLength;
+    std::size_t entrySize;  // 0: no entries
+    bool entryLoop;
+};
+
+// ISO/IEC 13818-1 2.4.4 and ETSI EN 300 468 clause 5.2. The descriptors of a CAT need no check: like every
+// descriptor loop they are read up to the end of what holds them.
+constexpr SectionLayout kLayouts[] = {
+    {0x00, 0x00, 0, false, false, 4, false},  // PAT
+    {0x02, 0x02, 4, true, false, 5, true},    // PMT
+    {0x40, 0x41, 2, true, true, 6, true},     // NIT
+    {0x42, 0x42, 3, false, false, 5, true},   // SDT
+    {0x4A, 0x4A, 2, true, true, 6, true},     // BAT
+    {0x4E, 0x6F, 6, false, false, 12, true},  // EIT
+    {0x70, 0x70, 5, false, false, 0, false},  // TDT
+    {0x73, 0x73, 7, true, false, 0, false},   // TOT
+};
+
+constexpr std::size_t kLengthSize = 2;
+
+// Takes `size` bytes off the front of `rest`, and with `loop` as many more as their last two say.
+bool take(Bytes& rest, std::size_t size, bool loop) {
+    if (rest.size() < size) {
+        return false;
+    }
+    if (loop) {
+        size += static_cast<std::size_t>((rest[size - 2] & 0x0F) << 8 | rest[size - 1]);
+        if (rest.size() < size) {
+            return false;
+        }
+    }
+    rest = rest.subspan(size);
+    return true;
+}
+
+bool payloadFits(const SectionLayout& layout, Bytes payload) {
+    if (!take(payload, layout.headSize, layout.headLoop)) {
+        return false;
+    }
+    if (layout.entriesLength) {
+        Bytes behind = payload;
+        if (!take(behind, kLengthSize, true)) {
+            return false;
+        }
+        payload = payload.first(payload.size() - behind.size()).subspan(kLengthSize);
+    }
+    while (layout.entrySize != 0 && !payload.empty()) {
+        if (!take(payload, layout.entrySize, layout.entryLoop)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool sectionFits(const dvbpsi_psi_section_t& section) {
+    if (section.p_payload_end < section.p_payload_start || section.i_number > section.i_last_number) {
+        return false;
+    }
+    const auto layout = std::find_if(std::begin(kLayouts), std::end(kLayouts), [&](const SectionLayout& row) {
+        return section.i_table_id >= row.firstTableId && section.i_table_id <= row.lastTableId;
+    });
+    return layout == std::end(kLayouts) ||
+           payloadFits(*layout, {section.p_payload_start, section.p_payload_end});
+}
+
+// The gather functions of the library's decoders, which it sets but does not declare.
+enum Kind : std::size_t { kPat, kCat, kPmt, kKindCount };
+using Gathers = std::array<dvbpsi_callback_gather_t, kKindCount>;
+
+template <typename Attach>
+dvbpsi_callback_gather_t gatherOf(Attach attach, void (*detach)(dvbpsi_t*)) {
+    dvbpsi_callback_gather_t gather = nullptr;
+    dvbpsi_t* handle = dvbpsi_new(nullptr, DVBPSI_MSG_NONE);
+    if (handle != nullptr && attach(handle)) {
+        gather = handle->p_decoder->pf_gather;
+        detach(handle);
+    }
+    dvbpsi_delete(handle);
+    return gather;
+}
+
+const Gathers& gathers() {
+    static const Gathers learned = {gatherOf(
+                                        [](dvbpsi_t* handle) {
+                                            return dvbpsi_pat_attach(
+                                                handle, [](void*, dvbpsi_pat_t*) {}, nullptr);
+                                        },
+                                        dvbpsi_pat_detach),
+                                    gatherOf(
+                                        [](dvbpsi_t* handle) {
+                                            return dvbpsi_cat_attach(
+                                                handle, [](void*, dvbpsi_cat_t*) {}, nullptr);
+                                        },
+                                        dvbpsi_cat_detach),
+                                    gatherOf(
+                                        [](dvbpsi_t* handle) {
+                                            return dvbpsi_pmt_attach(
+                                                handle, 1, [](void*, dvbpsi_pmt_t*) {}, nullptr);
+                                        },
+                                        dvbpsi_pmt_detach)};
+    return learned;
+}
+
+template <Kind kind>
+void gatherGuarded(dvbpsi_t* handle, dvbpsi_psi_section_t* section) {
+    if (sectionFits(*section)) {
+        gathers()[kind](handle, section);
+    } else {
+        dvbpsi_DeletePSISections(section);
+    }
+}
+
+uint32_t sectionsHeld(dvbpsi_demux_t* demux, uint8_t tableId, uint16_t extension) {
+    uint32_t count = 0;
+    if (const dvbpsi_demux_subdec_t* subtable = dvbpsi_demuxGetSubDec(demux, tableId, extension);
+        subtable != nullptr && subtable->p_decoder != nullptr) {
+        for (const dvbpsi_psi_section_t* section = subtable->p_decoder->p_sections; section != nullptr;
+             section = section->p_next) {
+            ++count;
+        }
+    }
+    return count;
+}
+
+// Tables of up to two sections, as most are, and present/following EITs, always get through: there is room
+// for kMaxSubtables of them besides.
+bool isLarge(const dvbpsi_psi_section_t& section) {
+    return section.i_last_number > 1;
+}
+
+uint32_t& heldCount(ts_stream_t& stream, const dvbpsi_t* handle) {
+    return stream.si_sections[handle == stream.sdt_handle ? 0 : handle == stream.eit_handle ? 1 : 2];
+}
+
+void demuxGuarded(dvbpsi_t* handle, dvbpsi_psi_section_t* section) {
+    auto* demux = reinterpret_cast<dvbpsi_demux_t*>(handle->p_decoder);
+    uint32_t& held = heldCount(*static_cast<ts_stream_t*>(demux->p_new_cb_data), handle);
+    if (!sectionFits(*section) || (isLarge(*section) && held >= kMaxHeldSections)) {
+        dvbpsi_DeletePSISections(section);
+        return;
+    }
+    const uint8_t tableId = section->i_table_id;
+    const uint16_t extension = section->i_extension;
+    const uint32_t before = sectionsHeld(demux, tableId, extension);
+    dvbpsi_Demux(handle, section);
+    held += sectionsHeld(demux, tableId, extension) - before;
+}
+
+}  // namespace
+
+bool pushPsiPacket(dvbpsi_s* handle, const uint8_t* packet) {
+    // The library follows the adaptation field and the pointer_field, up to 255 bytes each, and copies up to
+    // another 255 from there.
+    constexpr std::size_t kReach = 4 + 1 + 255 + 1 + 255 + 255;
+    if (handle == nullptr || !dvbpsi_decoder_present(handle)) {
+        return false;
+    }
+    std::array<uint8_t, std::max<std::size_t>(kReach, kTsPacketSize)> copy{};
+    std::copy_n(packet, kTsPacketSize, copy.begin());
+    return dvbpsi_packet_push(handle, copy.data());
+}
+
+void guardSections(dvbpsi_s* handle) {
+    dvbpsi_callback_gather_t& gather = handle->p_decoder->pf_gather;
+    if (gather == dvbpsi_Demux) {
+        gather = demuxGuarded;
+    } else if (gather == gathers()[kPat]) {
+        gather = gatherGuarded<kPat>;
+    } else if (gather == gathers()[kCat]) {
+        gather = gatherGuarded<kCat>;
+    } else if (gather == gathers()[kPmt]) {
+        gather = gatherGuarded<kPmt>;
+    }
+}
