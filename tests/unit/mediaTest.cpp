@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <random>
+#include <tuple>
 
 #include "sarn/mediaDeliveryIndex.h"
 #include "sarn/packetJitter.h"
@@ -86,6 +88,29 @@ TEST_F(MediaDeliveryIndex, LevelsAndTimesBeyondTheirRangeSaturateAndWrap) {
     EXPECT_EQ(m->bufferMinimum, INT32_MIN + 187);
     EXPECT_TRUE(feed(5'000'000));  // wraps to 705.032704 s, the level falls to the lowest one
     EXPECT_FLOAT_EQ(m->delayFactor, -1.0F / 4294967296.0F * 1000.0F);
+}
+
+TEST_F(MediaDeliveryIndex, DatagramsAtOnceEqualTheirPacketsOneByOne) {
+    const auto state = [](const MdiMeasurement& x) {
+        return std::tuple(x.packetsInInterval, x.bufferMaximum, x.bufferMinimum, x.delayFactor,
+                          x.closedIntervals, x.lostInLastInterval);
+    };
+    MdiMeasurement* atOnce = mdi_start_new_measurement();
+    std::minstd_rand random;
+    int64_t now = 0;
+    for (int i = 0; i < 20000; ++i) {
+        now += random() % 97 == 0 ? 1700 : random() % 3;
+        const uint32_t rate =
+            i < 10000 ? 500'000 + static_cast<uint32_t>(random() % 4096) : 1U << (random() % 32);
+        const int packets = static_cast<int>(random() % 8);
+        const timeval arrival = atMs(now);
+        mdi_received_packets_cb(atOnce, &arrival, rate, static_cast<uint32_t>(i),
+                                static_cast<uint32_t>(packets));
+        feed(now, rate, static_cast<uint32_t>(i), packets);
+        ASSERT_EQ(state(*m), state(*atOnce)) << "datagram " << i;
+    }
+    EXPECT_GT(m->closedIntervals, 100U);
+    mdi_cleanup(atOnce);
 }
 
 TEST(MediaMeasures, NullRecordsAreAnswered) {
