@@ -156,11 +156,11 @@ void leaveGroup(T_interface* device, uint32_t group) {
 
 void clearStreams(T_interface* device) {
     const WriteLock hold(&device->channelListLock);
-    ChannelRecord* channel;
-    ChannelRecord* next;
-    HASH_ITER(hh, device->channelList, channel, next) {
-        HASH_DEL(device->channelList, channel);
-        delete channel;
+    ChannelRecord* next = device->channelList;
+    HASH_CLEAR(hh, device->channelList);
+    while (next) {
+        const std::unique_ptr<ChannelRecord> channel(next);
+        next = static_cast<ChannelRecord*>(channel->hh.next);
     }
 }
 

@@ -242,7 +242,7 @@ void analyzeMessage(T_interface* device, zmq::message_t* frame) {
     }
 }
 
-void analyzeResponseMessage(T_interface* device, ConfigurationMessage message) {
+void analyzeResponseMessage(T_interface* device, const ConfigurationMessage& message) {
     const TasksResponse& response = message.response();
     if (response.has_passive_monitoring()) {
         device->passiveMonitoring = response.passive_monitoring();
@@ -254,7 +254,7 @@ void analyzeResponseMessage(T_interface* device, ConfigurationMessage message) {
     }
 }
 
-void analyzeClearErrorMessage(T_interface* device, ConfigurationMessage message) {
+void analyzeClearErrorMessage(T_interface* device, const ConfigurationMessage& message) {
     const bool clearAll = message.clear().clearall();
     printf("Dupa!!!!%d\n\n\n\n\n\n\n\n", clearAll);
     if (!clearAll) {

@@ -24,6 +24,6 @@ void create_message(T_interface* device, configuration::ConfigurationMessage* me
 void analyzeMessage(T_interface* device, zmq::message_t* frame);
 // Applies a response: in monitoring mode the changes of the channel set, under commandLock; in channel-scan
 // mode new groups, for which the scan worker is started (after stopping and joining a running one).
-void analyzeResponseMessage(T_interface* device, configuration::ConfigurationMessage message);
+void analyzeResponseMessage(T_interface* device, const configuration::ConfigurationMessage& message);
 // Replaces every channel's stream with a fresh one when the request says so. Takes channelListLock.
-void analyzeClearErrorMessage(T_interface* device, configuration::ConfigurationMessage message);
+void analyzeClearErrorMessage(T_interface* device, const configuration::ConfigurationMessage& message);

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <bit>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -131,7 +132,7 @@ int pcapStartAnalyzing(T_interface* device) {
 
 void* MyPacketCaptureThreadFunction(void* argument) {
     const intptr_t result = captureFrames(static_cast<T_interface*>(argument));
-    return reinterpret_cast<void*>(result);
+    return std::bit_cast<void*>(result);
 }
 
 int LostPacketsInPcapCount(T_interface*) {
