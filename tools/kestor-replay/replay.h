@@ -1,0 +1,67 @@
+// The monitor over recorded frames: time is what the capture's stamps say.
+#pragma once
+
+#include <pcap/pcap.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kestor.h"
+
+// An opened capture file whose frames pass the probe's filter. Failures throw std::runtime_error with a text
+// for the operator.
+class CaptureFile {
+  public:
+    struct Frame {
+        const uint8_t* data;  // valid until the next call
+        uint32_t length;      // bytes captured, as many as the probe would capture at most
+        uint64_t seconds;     // stamp, nanoseconds cut off
+        uint64_t microseconds;
+
+        uint64_t stampUs() const {
+            return seconds * 1'000'000 + microseconds;
+        }
+    };
+
+    explicit CaptureFile(const std::string& path);
+    // The next frame, or nothing at the end of the file.
+    std::optional<Frame> next();
+
+  private:
+    struct Closer {
+        void operator()(pcap_t* handle) const {
+            pcap_close(handle);
+        }
+    };
+    std::string path_;
+    std::unique_ptr<pcap_t, Closer> handle_;
+};
+
+// Group texts as addresses in network byte order, each once; throws on what is no multicast group.
+std::vector<uint32_t> parseGroups(const std::vector<std::string>& texts);
+
+// One pass over a capture file. Memory grows with the number of groups, not with the file.
+class Replay {
+  public:
+    // Without groups, every multicast destination in the file, in order of first appearance.
+    Replay(const std::string& path, std::vector<uint32_t> groups);
+
+    // Analyses all frames. Every second of the stamps, and once at the end, writes one snapshot of all groups
+    // followed by an empty line. A file that breaks off throws, after the snapshot of what it holds.
+    void run(FILE* records);
+
+  private:
+    void addGroups(uint64_t joinTimeMs);
+    void writeSnapshot(FILE* records);
+    // Writes a snapshot for each due time that `frame` has reached.
+    void writeDueSnapshots(const CaptureFile::Frame& frame, FILE* records);
+
+    CaptureFile capture_;
+    std::vector<uint32_t> groups_;
+    T_interface device_{MODE_MONITOR};
+    uint64_t nextSnapshotUs_ = 0;
+};

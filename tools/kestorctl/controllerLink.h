@@ -1,0 +1,48 @@
+// The controller's end of the probe's control link.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+#include <zmq.hpp>
+
+#include "config.pb.h"
+
+using namespace std::chrono_literals;
+
+// What ends the program with exit status 1; the text says it to the operator.
+struct LinkError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Listens where the probe asks. The probe asks on a new connection every time, takes one answer per request
+// and drops the connection after a time; so an answer has to be given soon, and a request may stay
+// unanswered. For use by one thread.
+class ControllerLink {
+  public:
+    // Throws LinkError when another controller listens there.
+    ControllerLink();
+
+    // The probe's next request: one that it made while this link was open, so that an answer still finds it
+    // waiting. Nothing when none came in time.
+    std::optional<configuration::TasksRequest> waitForRequest(std::chrono::milliseconds timeout);
+
+    // Whether the next request comes within that time; the one that waitForRequest returned stays answerable.
+    bool asksAgainWithin(std::chrono::milliseconds time);
+
+    // Answers the request that waitForRequest returned last; at most once a request. The destructor waits
+    // until the answer has left.
+    void answer(const configuration::ConfigurationMessage& message);
+
+  private:
+    // Frames in front of the body of a request: the connection's address and an empty one.
+    using Envelope = std::vector<zmq::message_t>;
+    std::optional<configuration::TasksRequest> receive();
+
+    zmq::context_t context_{1};
+    zmq::socket_t socket_{context_, zmq::socket_type::router};
+    std::chrono::steady_clock::time_point open_;
+    Envelope asker_;
+};

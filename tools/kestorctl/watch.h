@@ -1,0 +1,14 @@
+// The viewer of the results.
+#pragma once
+
+#include <chrono>
+
+struct WatchOptions {
+    bool once = false;
+    bool json = false;
+    std::chrono::milliseconds timeout;  // how long a snapshot that is wanted once may take
+};
+
+// Shows snapshots as they come: one with `once`, otherwise without end. Returns the exit status: 1 when there
+// is no results pipe or no snapshot came in time.
+int runWatch(const WatchOptions& options);
