@@ -18,10 +18,10 @@ using Bytes = std::span<const uint8_t>;
 struct SectionLayout {
     uint8_t firstTableId;
     uint8_t lastTableId;
-    std::size_t headSize;
+    uint8_t headSize;
     bool headLoop;
     bool entriesLength;
-    std::size_t entrySize;  // 0: no entries
+    uint8_t entrySize;  // 0: no entries
     bool entryLoop;
 };
 
@@ -74,6 +74,12 @@ bool payloadFits(const SectionLayout& layout, Bytes payload) {
     return true;
 }
 
+bool hasShortForm(uint8_t tableId) {
+    constexpr uint8_t kTdt = 0x70;
+    constexpr uint8_t kTot = 0x73;
+    return tableId == kTdt || tableId == kTot;
+}
+
 bool sectionFits(const dvbpsi_psi_section_t& section) {
     if (section.p_payload_end < section.p_payload_start || section.i_number > section.i_last_number) {
         return false;
@@ -81,7 +87,9 @@ bool sectionFits(const dvbpsi_psi_section_t& section) {
     const auto layout = std::find_if(std::begin(kLayouts), std::end(kLayouts), [&](const SectionLayout& row) {
         return section.i_table_id >= row.firstTableId && section.i_table_id <= row.lastTableId;
     });
+    // What should have the long form and has not, the library refuses with an error message, which counts.
     return layout == std::end(kLayouts) ||
+           (!section.b_syntax_indicator && !hasShortForm(section.i_table_id)) ||
            payloadFits(*layout, {section.p_payload_start, section.p_payload_end});
 }
 
@@ -171,13 +179,13 @@ void demuxGuarded(dvbpsi_t* handle, dvbpsi_psi_section_t* section) {
 }  // namespace
 
 bool pushPsiPacket(dvbpsi_s* handle, const uint8_t* packet) {
-    // The library follows the adaptation field and the pointer_field, up to 255 bytes each, and copies up to
-    // another 255 from there.
-    constexpr std::size_t kReach = 4 + 1 + 255 + 1 + 255 + 255;
+    // The library follows an adaptation field and a pointer_field of up to 255 bytes each to the byte behind
+    // them.
+    constexpr std::size_t kReach = 4 + 1 + 255 + 1 + 255 + 1;
     if (handle == nullptr || !dvbpsi_decoder_present(handle)) {
         return false;
     }
-    std::array<uint8_t, std::max<std::size_t>(kReach, kTsPacketSize)> copy{};
+    std::array<uint8_t, kReach> copy{};
     std::copy_n(packet, kTsPacketSize, copy.begin());
     return dvbpsi_packet_push(handle, copy.data());
 }

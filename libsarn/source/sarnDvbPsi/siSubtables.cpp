@@ -124,20 +124,20 @@ constexpr int kStandardError = 0;
 struct SubtableDecoder {
     uint8_t firstTableId;
     uint8_t lastTableId;
-    bool (*attach)(dvbpsi_t* handle, uint8_t tableId, uint16_t extension, ts_stream_t* stream);
     int failureLevel;  // of the log, or kStandardError
+    bool (*attach)(dvbpsi_t* handle, uint8_t tableId, uint16_t extension, ts_stream_t* stream);
     const char* failure;
 };
 
 // ETSI EN 300 468 table 2, ANSI/SCTE 35 table 5.
 constexpr SubtableDecoder kDecoders[] = {
-    {0x40, 0x41, attachTable<dvbpsi_nit_attach, onNit>, 2, "stofain: Failed to attach NIT subdecoder\n"},
-    {0x42, 0x42, attachTable<dvbpsi_sdt_attach, onSdt>, 2, "stofain: Failed to attach SDT subdecoder\n"},
-    {0x4A, 0x4A, attachTable<dvbpsi_bat_attach, onBat>, 2, "stofain: Failed to attach BAT subdecoder\n"},
-    {0x4E, 0x6F, attachTable<dvbpsi_eit_attach, onEit>, 4, "stofain: Failed to attach EIT subdecoder\n"},
-    {0x70, 0x70, attachTot, 4, "stofain: Failed to attach TOT subdecoder\n"},
-    {0x73, 0x73, attachTot, 4, "stofain: Failed to attach TOT subdecoder\n"},
-    {kSpliceTableId, kSpliceTableId, attachSplice, kStandardError,
+    {0x40, 0x41, 2, attachTable<dvbpsi_nit_attach, onNit>, "stofain: Failed to attach NIT subdecoder\n"},
+    {0x42, 0x42, 2, attachTable<dvbpsi_sdt_attach, onSdt>, "stofain: Failed to attach SDT subdecoder\n"},
+    {0x4A, 0x4A, 2, attachTable<dvbpsi_bat_attach, onBat>, "stofain: Failed to attach BAT subdecoder\n"},
+    {0x4E, 0x6F, 4, attachTable<dvbpsi_eit_attach, onEit>, "stofain: Failed to attach EIT subdecoder\n"},
+    {0x70, 0x70, 4, attachTot, "stofain: Failed to attach TOT subdecoder\n"},
+    {0x73, 0x73, 4, attachTot, "stofain: Failed to attach TOT subdecoder\n"},
+    {kSpliceTableId, kSpliceTableId, kStandardError, attachSplice,
      "stofain: Failed to attach SIS subdecoder\n"},
 };
 

@@ -24,6 +24,17 @@ Bytes contentOf(const dvbpsi_descriptor_t& descriptor) {
     return {descriptor.p_data, descriptor.i_length};
 }
 
+// Bytes of a descriptor loop; the library leaves its own field for them at 0 in SDT services.
+int loopLength(const dvbpsi_descriptor_t* descriptors) {
+    constexpr int kDescriptorHeaderSize = 2;
+    int length = 0;
+    for (const dvbpsi_descriptor_t* descriptor = descriptors; descriptor != nullptr;
+         descriptor = descriptor->p_next) {
+        length += kDescriptorHeaderSize + descriptor->i_length;
+    }
+    return length;
+}
+
 uint32_t read32(Bytes bytes) {
     return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
            static_cast<uint32_t>(bytes[2]) << 8 | bytes[3];
@@ -174,7 +185,7 @@ void dumpSdt(DumpSink& sink, const dvbpsi_sdt_t& sdt) {
         sink.print("\t  | EIT present  : %s\n", yesNo(service->b_eit_present));
         sink.print("\t  | Running      : %s\n", yesNo(service->i_running_status == kRunning));
         sink.print("\t  | Free CA      : %s\n", yesNo(service->b_free_ca));
-        sink.print("\t  | Descriptor loop length: %d\n", service->i_descriptors_length);
+        sink.print("\t  | Descriptor loop length: %d\n", loopLength(service->p_first_descriptor));
         dumpDescriptors(sink, kEntryPrefix, service->p_first_descriptor);
     }
 }
