@@ -1,0 +1,95 @@
+// The records' columns: their documentation, and lines taken apart by them.
+#include "recordColumns.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <set>
+
+#include "recordParser.h"
+#include "support/process.h"
+
+namespace {
+
+using records::Column;
+using records::Kind;
+
+// Number of a column in records of that kind, counted from 1, or a dash.
+std::string numberOf(std::string_view name, Kind kind) {
+    const auto columns = records::columnsOf(kind);
+    const auto found = std::ranges::find(columns, name, &Column::name);
+    if (name == records::kDescriptorTagsColumn.name)
+        return std::to_string(columns.size() + 1) + "...";
+    return found == columns.end() ? "-" : std::to_string(found - columns.begin() + 1);
+}
+
+std::string row(const Column& column, std::initializer_list<Kind> kinds) {
+    std::string text = "|";
+    for (const Kind kind : kinds)
+        text += " " + numberOf(column.name, kind) + " |";
+    text += " `" + std::string(column.name) + "` | " + std::string(records::typeName(column.type)) + " |";
+    return text + " " + std::string(column.unit.empty() ? "-" : column.unit) + " | " +
+           std::string(column.meaning) + " |";
+}
+
+TEST(RecordColumns, AreDocumentedOneByOne) {
+    std::vector<std::string> expected;
+    for (const Column& column : records::columnsOf(Kind::kStream))
+        expected.push_back(row(column, {Kind::kStream}));
+    std::vector<Column> pidColumns(records::kKnownPidColumns.begin(), records::kKnownPidColumns.end());
+    pidColumns.push_back(records::kDescriptorTagsColumn);
+    for (const Column& column : pidColumns)
+        expected.push_back(row(column, {Kind::kPat, Kind::kUnlistedPid, Kind::kKnownPid}));
+
+    std::ifstream file(test::sourceDir() + "/docs/records.md");
+    std::vector<std::string> rows;
+    for (std::string line; std::getline(file, line);)
+        if (line.starts_with("| ") && line.find(" | `") != std::string::npos)
+            rows.push_back(line);
+    EXPECT_THAT(rows, testing::ElementsAreArray(expected));
+
+    for (const auto& [kind, label] : records::kKinds) {
+        std::set<std::string_view> names;
+        for (const Column& column : records::columnsOf(kind))
+            EXPECT_TRUE(names.insert(column.name).second) << column.name << " twice in " << label;
+    }
+}
+
+// A well-formed line whose column `index` (from 0) holds `value` instead of its own number.
+std::string line(Kind kind, std::size_t index = 0, const std::string& value = "239.1.1.1") {
+    const auto columns = records::columnsOf(kind);
+    std::string text = "239.1.1.1;1;0;" + std::string(records::kKinds[static_cast<std::size_t>(kind)].label);
+    for (std::size_t i = records::kLabelColumn + 1; i < columns.size(); ++i)
+        text += ";" + (i == index                             ? value
+                       : columns[i].name == "descriptorCount" ? "2"
+                                                              : std::to_string(i + 1));
+    return text + (kind == Kind::kStream ? "" : ";82;40");
+}
+
+TEST(RecordParser, TakesLinesApartAndTellsWhatIsWrong) {
+    for (const auto& [kind, label] : records::kKinds) {
+        const auto result = parseRecord(line(kind));
+        ASSERT_TRUE(std::holds_alternative<Record>(result)) << label << std::get<std::string>(result);
+        const auto& record = std::get<Record>(result);
+        EXPECT_EQ(record.kind(), kind);
+        EXPECT_EQ(std::to_string(record.integer("packetsReceived")), numberOf("packetsReceived", kind));
+        EXPECT_EQ(record.fields().back(), kind == Kind::kStream ? numberOf("igmpLatency", kind) : "40");
+    }
+    const auto highest = parseRecord(line(Kind::kStream, 42, "18446744073709551615"));
+    EXPECT_EQ(std::get<Record>(highest).integer("igmpLatency"), -1);
+    const std::pair<std::string, const char*> malformed[] = {
+        {"", "no label"},
+        {"239.1.1.1;1;0;XY;1", "unknown label"},
+        {line(Kind::kStream) + ";1", "1 columns behind the last instead of 0"},
+        {line(Kind::kPat) + ";1", "3 columns behind the last instead of 2"},
+        {line(Kind::kPat).substr(0, 40), "columns instead of 43"},
+        {line(Kind::kKnownPid, 4, "-1"), "column 5 (streamType) is no unsigned value"},
+        {line(Kind::kStream, 33, "1.5x"), "column 34 (mdiDelayFactor) is no fraction value"},
+        {line(Kind::kStream, 6, ""), "column 7 (sourcePort) is no unsigned value"},
+    };
+    for (const auto& [text, problem] : malformed)
+        EXPECT_THAT(std::get<std::string>(parseRecord(text)), testing::HasSubstr(problem)) << text;
+}
+
+}  // namespace
