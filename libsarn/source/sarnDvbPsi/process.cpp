@@ -461,9 +461,18 @@ bool analysePackets(ts_stream_t& stream, const uint8_t* buf, int32_t len, const 
 
 }  // namespace
 
+// With many streams a datagram finds nothing of its own in the caches. The first packet's PID record is fetched while
+// the context is (bench/analysisBench, 1000 streams).
+inline void prefetchFirstPid(const ts_stream_t& stream, const uint8_t* buf, int32_t len) {
+    if (len >= kTsPacketSize) {
+        __builtin_prefetch(&stream.pid[TsHeader(buf).pid()], 1);
+    }
+}
+
 int32_t sarnDvbPsi_process(ts_stream_t* stream, const uint8_t* buf, int32_t len, int64_t now_ms,
                            uint64_t now_hr) {
     const Arrival arrival{now_ms, now_hr, {.tv_sec = now_ms / 1000, .tv_usec = now_ms % 1000 * 1000}};
+    prefetchFirstPid(*stream, buf, len);
     if (!stream->b_started || now_ms < stream->i_earliest_seen) {
         relaxedStore(stream->i_earliest_seen, now_ms);
     }
