@@ -43,7 +43,7 @@ probe() { # count rate
   received=$("$bin/kestorctl" watch --once --json |
     python3 -c 'import json, sys
 records = [json.loads(line) for line in sys.stdin if line.startswith("{")]
-print(sum(r["packets_received"] for r in records if r["kind"] == 0) // 7)')
+print(sum(r["packetsReceived"] for r in records if r["kind"] == 0) // 7)')
   kill $pid
   wait $pid 2>/dev/null || true
   awk -v b="$before" -v a="$after" -v n="$1" -v r="$received" \
