@@ -192,8 +192,8 @@ def row(case, truth, estimate):
     ]
 
 
-HEADER = ["video", "content", "true GOP", "true B", "one calculation: GOP", "B", "usable", "reported GOP, first",
-          "at the end (min to max)", "B", "size reported"]
+HEADER = ["video", "content", "true GOP", "true B", "500 frames: GOP", "500 frames: B", "usable", "first GOP",
+          "last GOP (min to max)", "last B", "picture size"]
 
 
 def main():
