@@ -1,0 +1,65 @@
+# A thin front to the CMake presets (CMakePresets.json) and the scripts.
+#
+#   make run                 the probe on two channels encoded here, shown live, until Ctrl-C
+#   make run RUN_SECONDS=30  the same for so long
+#   make run GROUPS="239.1.1.1 239.1.1.2"   real groups on this machine's eth0 (root)
+#   make test                unit and end-to-end tests
+#   make help                everything else
+
+JOBS ?= $(shell nproc)
+SOAK_SECONDS ?= 3600
+SOURCES = git ls-files '*.cpp' '*.h'
+
+.PHONY: help build run test asan tsan debug verify soak bench format check-format tidy clean
+
+help:
+	@sed -n 's/^## //p' $(MAKEFILE_LIST)
+
+## build         the programs, in build/release/bin
+build: deps
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS)
+
+.PHONY: deps
+deps:
+	scripts/install-deps.sh
+
+## run           the live table; RUN_SECONDS limits the time, GROUPS names real groups
+run: build
+	RUN_SECONDS=$(RUN_SECONDS) scripts/demo.sh $(GROUPS)
+
+## test          unit and end-to-end tests
+test: build
+	ctest --test-dir build/release --output-on-failure -j $(JOBS)
+
+## asan tsan debug   the tests in that build
+asan tsan debug: deps
+	cmake --preset $@
+	cmake --build --preset $@ -j $(JOBS)
+	ctest --test-dir build/$@ --output-on-failure -j $(JOBS)
+
+## verify        the live results against ffprobe and the sender
+verify: build
+	scripts/verify-demo
+
+## soak          the same for SOAK_SECONDS (an hour), with an eye on memory
+soak: build
+	scripts/verify-demo $(SOAK_SECONDS)
+
+## bench         what the speed claims rest on
+bench: build
+	bench/run.sh
+
+## format check-format   clang-format on all sources, or a look whether it would change any
+format: deps
+	$(SOURCES) | xargs clang-format -i
+check-format: deps
+	$(SOURCES) | xargs clang-format --dry-run -Werror
+
+## tidy          clang-tidy on all sources
+tidy: build
+	git ls-files '*.cpp' | xargs -P $(JOBS) -n 1 clang-tidy --quiet -p build/release
+
+## clean         removes all builds
+clean:
+	rm -rf build
