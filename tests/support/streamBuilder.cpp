@@ -6,6 +6,7 @@
 namespace test {
 namespace {
 
+constexpr uint16_t kNullPacketPid = 0x1FFF;
 constexpr uint8_t kUnitStart = 0x40;
 constexpr uint8_t kAdaptationFieldOnly = 0x20;
 constexpr uint8_t kAdaptationFieldAndPayload = 0x30;
@@ -109,7 +110,7 @@ TsStream& TsStream::pcr(uint16_t pid, uint64_t pcr, bool discontinuity) {
 }
 
 TsStream& TsStream::null(int count) {
-    return payload(kNullPid, count);
+    return payload(kNullPacketPid, count);
 }
 
 TsStream& TsStream::lose(uint16_t pid, int count) {

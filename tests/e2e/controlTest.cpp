@@ -1,0 +1,207 @@
+// The probe and its controller: requests, what responses do, and the run modes.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <fstream>
+#include <set>
+
+#include "support/harness.h"
+#include "support/streamBuilder.h"
+
+namespace test {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsSupersetOf;
+using testing::Not;
+
+constexpr const char* kA = "239.1.1.1";
+constexpr const char* kB = "239.1.1.2";
+constexpr const char* kC = "239.129.1.3";
+constexpr const char* kPipe = "/tmp/american_maid";
+
+std::vector<int> sequenceNumbers(const Controller& controller) {
+    std::vector<int> numbers;
+    for (const auto& request : controller.requests())
+        numbers.push_back(request.body.sequence_number());
+    return numbers;
+}
+
+TEST(Control, AsksTwiceASecondOnAFreshConnection) {
+    const Controller controller;
+    const Process kestor({"kestor", "-s"});
+    ASSERT_TRUE(controller.waitForRequests(6));
+    const auto requests = controller.requests();
+    std::set<std::string> connections;
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+        EXPECT_EQ(requests[i].body.information(), "co mi Panie dasz?");
+        EXPECT_EQ(requests[i].body.sequence_number(), static_cast<int>(i));
+        EXPECT_FALSE(requests[i].body.has_scan_status());
+        EXPECT_EQ(requests[i].body.scan_results_size(), 0);
+        connections.insert(requests[i].connection);
+    }
+    EXPECT_EQ(connections.size(), requests.size());
+    const auto span = requests[5].time - requests[0].time;
+    EXPECT_GT(span, 2450ms);
+    EXPECT_LT(span, 3500ms);
+    EXPECT_THAT(kestor.out(),
+                HasSubstr("Chodze sobie i chuja robie\n passive monitoring 0\nexcept_reply == 1\n"
+                          "analyzeResponseMessage\nexcept_reply == 1\n"));
+}
+
+TEST(Control, CountsOnWithoutAController) {
+    const Process kestor({"kestor", "-s"});
+    ASSERT_TRUE(kestor.waitForOut("passive monitoring 0\n", 4));
+    const Controller controller;
+    ASSERT_TRUE(controller.waitForRequests(1));
+    EXPECT_GE(sequenceNumbers(controller).front(), 3);
+    EXPECT_THAT(kestor.out(), Not(HasSubstr("analyzeResponseMessage")));
+}
+
+TEST(Control, AddsRemovesAndClearsChannels) {
+    Controller controller;
+    const Process kestor({"kestor", "-s"});
+    ASSERT_TRUE(kestor.waitForOut("listening on"));
+    controller.answer(response({kA, kB, kC}));
+    ASSERT_TRUE(eventually([] { return igmpMember(kA) && igmpMember(kB) && igmpMember(kC); }));
+    EXPECT_THAT(kestor.out(), HasSubstr("239.1.1.1\nDodaje kanal: 239.1.1.1\n\n"));
+    snapshotWith([](const Snapshot& s) { return s.records.size() == 3; });
+
+    controller.answer(response({kA}));
+    ASSERT_TRUE(
+        kestor.waitForOut("Mam juz ten kanal!\n0 example name 239.1.1.1 0 \n"
+                          "0 example name 239.1.1.2 0 \n0 example name 239.129.1.3 0 \n"));
+    ASSERT_TRUE(eventually([&] {
+        return kestor.err() ==
+               "connect_to_channel setsockopt error! - check  /proc/sys/net/ipv4/igmp_max_memberships\n";
+    }));
+
+    const FrameSender network;
+    UdpFlow flow{.group = kA};
+    network.send(flow, TsStream().payload(0x200, 70).takeDatagrams());
+    snapshotWith([](const Snapshot& s) { return s.find(kA).metric(kReceived) == "70"; });
+
+    controller.answer(response({}, {kB}));
+    ASSERT_TRUE(
+        kestor.waitForOut("clearIPChannel: 239.1.1.2\n\n239.1.1.2\nTego kanalu nie chce usuwac bo ...\n"));
+    ASSERT_TRUE(
+        kestor.waitForOut("po sarnUdpStreams_deleteStream 239.1.1.2\nTego kanalu nie chce usuwac bo ...\n"
+                          "0 example name 239.1.1.1 0 \n0 example name 239.129.1.3 0 \n"));
+    EXPECT_TRUE(eventually([] { return !igmpMember(kB); }));
+    EXPECT_TRUE(igmpMember(kA));
+
+    // Removing comes first, whatever the order on the wire: the channel starts afresh at the end of the list.
+    controller.answer(response({kA}, {kA}));
+    Snapshot fresh = snapshotWith([](const Snapshot& s) { return s.find(kA).metric(kReceived) == "0"; });
+    EXPECT_EQ(fresh.records.front().columns[0], kC);
+    EXPECT_TRUE(igmpMember(kA));
+
+    network.send(flow, TsStream().payload(0x200, 7).takeDatagrams());
+    snapshotWith([](const Snapshot& s) { return s.find(kA).metric(kReceived) == "7"; });
+    controller.answer(clearAll(false));
+    ASSERT_TRUE(kestor.waitForOut("analyzeClearErrorMessage\nDupa!!!!0\n\n\n\n\n\n\n\n"));
+    EXPECT_EQ(nextSnapshot().find(kA).metric(kReceived), "7");
+    Envelope both = response({kB});
+    both.mutable_clear()->set_clearall(true);
+    controller.answer(both);
+    ASSERT_TRUE(eventually([] { return igmpMember(kB); }));
+    EXPECT_EQ(nextSnapshot().find(kA).metric(kReceived), "7") << "a response wins over a clear request";
+
+    controller.answer(clearAll());
+    fresh = snapshotWith([](const Snapshot& s) { return s.find(kA).metric(kReceived) == "0"; });
+    EXPECT_EQ(fresh.records.size(), 3U);
+    EXPECT_TRUE(igmpMember(kA) && igmpMember(kB) && igmpMember(kC));
+}
+
+TEST(Control, JoinsPassivelyWhenTold) {
+    Controller controller;
+    const Process kestor({"kestor", "-s"});
+    Envelope passive = response({kC});
+    passive.mutable_response()->set_passive_monitoring(true);
+    controller.answer(passive);
+    ASSERT_TRUE(eventually([] { return filterAdmits(kC); }));
+    EXPECT_FALSE(igmpMember(kC));
+    ASSERT_TRUE(kestor.waitForOut(" passive monitoring 1\n"));
+
+    UdpFlow flow{.group = kC};
+    FrameSender().send(flow, TsStream().null(7).takeDatagrams());
+    const Snapshot snapshot = snapshotWith(
+        [](const Snapshot& s) { return s.count(kC) == 1 && s.find(kC).metric(kReceived) == "7"; });
+    EXPECT_GT(std::stoull(snapshot.find(kC).metric(kIgmpLatency)), 1'600'000'000'000U)
+        << "no join time is kept";
+
+    controller.answer(response({}, {kC}));
+    EXPECT_TRUE(eventually([] { return !filterAdmits(kC); }));
+    passive.mutable_response()->set_passive_monitoring(false);
+    controller.answer(passive);
+    EXPECT_TRUE(eventually([] { return igmpMember(kC); }));
+}
+
+TEST(Control, TestModeWatchesOneGroupWithoutAController) {
+    const Controller controller;
+    const Process kestor({"kestor", "-t"});
+    ASSERT_TRUE(eventually([] { return igmpMember("239.212.0.12"); }));
+    ASSERT_TRUE(kestor.waitForOut("Chodze sobie i chuja robie\n", 2));
+    ASSERT_TRUE(kestor.waitForOut("listening on"));
+    UdpFlow flow{.group = "239.212.0.12"};
+    FrameSender().send(flow, TsStream().payload(0x31, 14).takeDatagrams());
+    snapshotWith([](const Snapshot& s) {
+        return s.count("239.212.0.12") == 1 && s.find("239.212.0.12").metric(kReceived) == "14";
+    });
+    EXPECT_TRUE(controller.requests().empty());
+}
+
+TEST(Control, WithoutAModeItOnlySleeps) {
+    const Controller controller;
+    Process kestor({"kestor", "-x"});
+    ASSERT_TRUE(eventually([&] { return !kestor.err().empty(); })) << "getopt's own diagnostic";
+    EXPECT_TRUE(eventually([] { return access(kPipe, F_OK) == 0; }));
+    EXPECT_FALSE(controller.waitForRequests(1, 1200ms));
+    EXPECT_EQ(kestor.out(), "");
+    EXPECT_TRUE(kestor.running());
+}
+
+TEST(Control, TwoModesAreTwoMonitors) {
+    const Controller controller;
+    const Process kestor({"kestor", "-s", "-s"});
+    ASSERT_TRUE(controller.waitForRequests(4));
+    auto numbers = sequenceNumbers(controller);
+    numbers.resize(4);
+    EXPECT_THAT(numbers, testing::UnorderedElementsAre(0, 0, 1, 1));
+    EXPECT_TRUE(kestor.waitForOut("listening on", 2));
+}
+
+TEST(Control, AnEnvelopeWithNothingToDoEndsTheProbe) {
+    Envelope requestOnly;
+    requestOnly.mutable_request()->set_information("?");
+    for (const Envelope& envelope : {Envelope{}, requestOnly}) {
+        Controller controller;
+        Process kestor({"kestor", "-s"});
+        controller.answer(envelope);
+        EXPECT_EQ(kestor.wait(), -SIGTERM);
+    }
+}
+
+TEST(Control, UsesAPipeThatIsThereAlready) {
+    umask(0);
+    for (const bool existing : {false, true}) {
+        unlink(kPipe);
+        if (existing) {
+            ASSERT_EQ(mkfifo(kPipe, 0640), 0);
+        }
+        Controller controller;
+        const Process kestor({"kestor", "-s"});
+        controller.answer(response({kA}));
+        snapshotWith([](const Snapshot& s) { return s.count(kA) == 1; });
+        struct stat node {};
+        ASSERT_EQ(stat(kPipe, &node), 0);
+        EXPECT_EQ(node.st_mode, S_IFIFO | (existing ? 0640U : 0666U));
+        EXPECT_EQ(kestor.err(), "");
+        EXPECT_THAT(kestor.out(), Not(HasSubstr("got node already")));
+    }
+}
+
+}  // namespace
+}  // namespace test

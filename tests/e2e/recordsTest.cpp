@@ -1,0 +1,239 @@
+// What a reader of the results pipe gets.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "support/harness.h"
+#include "support/streamBuilder.h"
+
+namespace test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+using Columns = std::vector<std::string>;
+
+constexpr uint16_t kPmtPid = 0x100;
+constexpr uint16_t kVideoPid = 0x101;
+constexpr uint16_t kAudioPid = 0x102;
+constexpr uint16_t kDataPid = 0x200;
+
+// The probe with its controller and network, once it monitors the groups.
+struct Monitoring {
+    explicit Monitoring(const Groups& groups) {
+        EXPECT_TRUE(kestor.waitForOut("listening on"));
+        controller.answer(response(groups));
+        EXPECT_TRUE(eventually([&] { return igmpMember(groups.back()); }));
+        // The join comes last of all that an added channel takes.
+        EXPECT_TRUE(eventually([&] { return nextSnapshot().records.size() == groups.size(); }));
+    }
+
+    Snapshot snapshotWithPackets(const std::string& group, std::size_t packets) const {
+        return snapshotWith(
+            [&](const Snapshot& s) { return s.find(group).metric(kReceived) == std::to_string(packets); });
+    }
+
+    Controller controller;
+    FrameSender network;
+    Process kestor{{"kestor", "-s"}};
+};
+
+TsStream& programTables(TsStream& stream) {
+    return stream.pat({{1, kPmtPid}})
+        .pmt(1, kPmtPid, kVideoPid, {{0x1B, kVideoPid, psi::descriptor(0x52, {7})}, {0x04, kAudioPid}});
+}
+
+// Packets of a PID in a record, lost ones, and the sum of its TR 101 290 counters.
+Columns counts(const Record& record) {
+    uint64_t errors = 0;
+    for (std::size_t i = 0; i < 16; ++i)
+        errors += std::stoull(record.metric(kTr101290 + i));
+    return {record.metric(kReceived), record.metric(kLost), std::to_string(errors)};
+}
+
+TEST(Records, DescribeACleanStream) {
+    const std::string group = "239.1.1.1";
+    const Monitoring probe({group});
+    TsStream stream;
+    programTables(stream).video(kVideoPid, 20, 9000, 27'000'000).payload(kAudioPid, 10);
+    stream.payload(kDataPid, 5).null(5);
+    UdpFlow flow{.group = group, .ttl = 7, .tos = 0xBA};
+    probe.network.send(flow, stream.takeDatagrams());
+
+    const Snapshot snapshot = probe.snapshotWithPackets(group, 42);
+    // 10.0.0.1 and 239.1.1.1 as they lie in memory, ports, 14 + 20 + 8 + 7 * 188, one source, UDP header.
+    const Columns identity = {"16777226", "16843247", "1234", "5000", "1358", "0", "1"};
+    const auto prefix = [&](Columns columns) {
+        columns.insert(columns.begin(), group);
+        columns.insert(columns.end(), identity.begin(), identity.end());
+        return columns;
+    };
+    const std::vector<std::pair<Columns, Columns>> expected = {
+        {prefix({"0", "-1", "-1"}), {"42", "0", "0"}},
+        {prefix({"1", "0", "PAT"}), {"1", "0", "0"}},
+        {prefix({"1", "256", "PMT"}), {"1", "0", "0"}},
+        {prefix({"1", "257", "KP", "27", "256"}), {"20", "0", "0"}},
+        {prefix({"1", "258", "KP", "4", "256"}), {"10", "0", "0"}},
+        {prefix({"1", "512", "UP", "0"}), {"5", "0", "0"}},
+        {prefix({"1", "8191", "UP", "0"}), {"5", "0", "0"}},
+    };
+    ASSERT_EQ(snapshot.records.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(snapshot.records[i].prefix(), expected[i].first);
+        EXPECT_EQ(counts(snapshot.records[i]), expected[i].second) << snapshot.records[i].text();
+    }
+    const Record& line = snapshot.records[0];
+    EXPECT_EQ(line.columns.size(), 11U + 32U);
+    EXPECT_EQ((Columns{line.metric(kTtl), line.metric(kDscp), line.metric(kEcn)}), (Columns{"7", "46", "2"}));
+    EXPECT_LT(std::stoull(line.metric(kIgmpLatency)), 20'000U);
+    EXPECT_EQ(snapshot.find(group, "KP", kVideoPid).metric(kTagCount), "1");
+    EXPECT_EQ(snapshot.find(group, "KP", kVideoPid).metric(kFirstTag), "82");
+    EXPECT_EQ(snapshot.find(group, "KP", kAudioPid).columns.size(), 13U + 32U);
+
+    std::string printed =
+        "Zapisuje Kanal 239.1.1.1\n239.1.1.1;0;-1;-1;16777226;16843247;1234;5000;1358;0;1\n";
+    EXPECT_THAT(probe.kestor.out(), HasSubstr("Zapisuje wyniki\nStreamId 16843247\n" + printed));
+    EXPECT_THAT(probe.kestor.out(),
+                HasSubstr("showGOPValues: Zapisuje Kanal 239.1.1.1\n27;257;;0;0;0;0\n"
+                          "\n\n\n\nendGOPValues\n\n"
+                          "showDescriptorsValues: Zapisuje Kanal 239.1.1.1\n27;257;82;\n4;258;\n"
+                          "\n\n\nshowDescriptorsValues\n\n"));
+}
+
+TEST(Records, TellHowAStreamIsCarried) {
+    const std::string noPat = "239.1.1.2", rtp = "239.1.1.3", headerless = "239.1.1.4", last = "239.1.1.5";
+    const Monitoring probe({noPat, rtp, headerless, last});
+    UdpFlow foreign{.group = "239.1.1.99"};
+    UdpFlow rtpFlow{.group = rtp, .rtp = true};
+    // A UDP length without the header's 8 bytes is taken as whole packets right behind the IPv4 header.
+    UdpFlow headerlessFlow{.group = headerless, .udpLength = 188};
+    UdpFlow lastFlow{.group = last};
+    probe.network.send(foreign, TsStream().null(7).takeDatagrams());
+    probe.network.send(rtpFlow, TsStream().payload(kDataPid, 14).takeDatagrams());
+    probe.network.send(headerlessFlow, {Bytes(188, 0)});
+    TsStream stream;
+    stream.payload(kVideoPid, 6).payload(kAudioPid, 8);
+    UdpFlow first{.group = noPat};
+    UdpFlow second{.group = noPat, .source = "10.0.0.9", .ttl = 3};
+    probe.network.send(first, stream.takeDatagrams());
+    probe.network.send(second, TsStream().payload(kDataPid, 7).takeDatagrams());
+    probe.network.send(lastFlow, TsStream().null(1).takeDatagrams());
+
+    const Snapshot snapshot = probe.snapshotWithPackets(last, 1);
+    EXPECT_EQ(snapshot.count(noPat, "UP"), 2U);
+    EXPECT_EQ(snapshot.count(noPat, "PAT") + snapshot.count(noPat, "PMT") + snapshot.count(noPat, "KP"), 0U);
+    EXPECT_THAT(snapshot.find(noPat).prefix(), ElementsAre(noPat, "0", "-1", "-1", "16777226", "33620463",
+                                                           "1234", "5000", "1358", "1", "1"));
+    EXPECT_EQ(snapshot.find(noPat).metric(kReceived), "14") << "only the first source is analysed";
+    EXPECT_EQ(snapshot.find(noPat).metric(kTtl), "3") << "headers are noted from every source";
+    EXPECT_EQ(counts(snapshot.find(rtp)), (Columns{"14", "0", "0"}));
+    EXPECT_EQ(snapshot.find(rtp).columns[8], "1370");
+    EXPECT_EQ(snapshot.find(rtp).columns[10], "1");
+    EXPECT_EQ(snapshot.find(headerless).columns[10], "0");
+}
+
+TEST(Records, SurviveAReaderThatLeavesInTheMiddle) {
+    const std::string group = "239.1.1.1";
+    const Monitoring probe({group});
+    // More lines than the pipe holds, so the writer waits in the middle for its reader.
+    TsStream stream;
+    for (uint16_t pid = 0x400; pid < 0x400 + 1400; ++pid)
+        stream.payload(pid);
+    UdpFlow flow{.group = group};
+    for (const Bytes& datagram : stream.takeDatagrams()) {
+        probe.network.send(flow.frame(datagram));
+        std::this_thread::sleep_for(1ms);
+    }
+    probe.snapshotWithPackets(group, 1400);
+    probe.network.send(flow, TsStream().payload(kDataPid, 7).takeDatagrams());
+    for (int visit = 0; visit < 2; ++visit) {
+        std::FILE* pipe = std::fopen("/tmp/american_maid", "r");
+        std::array<char, 100> some{};
+        EXPECT_EQ(std::fread(some.data(), 1, some.size(), pipe), some.size());
+        std::fclose(pipe);
+    }
+    const Snapshot snapshot = nextSnapshot();
+    EXPECT_EQ(snapshot.records.size(), 1402U);
+    EXPECT_EQ(snapshot.find(group).metric(kReceived), "1407");
+    EXPECT_EQ(snapshot.find(group).metric(kBitRate), "0")
+        << "a snapshot that is dropped closes its interval too";
+}
+
+nlohmann::json probeFile(const std::string& file) {
+    Process ffprobe({"ffprobe", "-v", "error", "-of", "json", "-show_programs", file});
+    EXPECT_EQ(ffprobe.wait(30s), 0) << ffprobe.err();
+    return nlohmann::json::parse(ffprobe.out()).at("programs").at(0);
+}
+
+TEST(Records, AgreeWithFfprobeOnRealVideo) {
+    const std::string group = "239.1.1.1", file = "/tmp/video.ts";
+    constexpr int kRate = 2'000'000;
+    Process ffmpeg({"ffmpeg",
+                    "-v",
+                    "error",
+                    "-f",
+                    "lavfi",
+                    "-i",
+                    "testsrc2=size=352x288:rate=25",
+                    "-f",
+                    "lavfi",
+                    "-i",
+                    "sine",
+                    "-t",
+                    "6",
+                    "-c:v",
+                    "libx264",
+                    "-preset",
+                    "ultrafast",
+                    "-b:v",
+                    "1M",
+                    "-maxrate",
+                    "1M",
+                    "-bufsize",
+                    "500k",
+                    "-g",
+                    "25",
+                    "-c:a",
+                    "mp2",
+                    "-muxrate",
+                    std::to_string(kRate),
+                    file});
+    ASSERT_EQ(ffmpeg.wait(60s), 0) << ffmpeg.err();
+    const nlohmann::json program = probeFile(file);
+    std::ifstream input(file, std::ios::binary);
+    const Bytes bytes((std::istreambuf_iterator<char>(input)), std::istreambuf_iterator<char>());
+
+    const Monitoring probe({group});
+    UdpFlow flow{.group = group};
+    constexpr std::size_t kDatagram = 7 * 188;
+    constexpr auto kInterval = std::chrono::nanoseconds(kDatagram * 8 * 1'000'000'000ULL / kRate);
+    auto due = std::chrono::steady_clock::now();
+    for (std::size_t at = 0; at + kDatagram <= bytes.size(); at += kDatagram, due += kInterval) {
+        std::this_thread::sleep_until(due);
+        probe.network.send(flow.frame(std::span(bytes).subspan(at, kDatagram)));
+    }
+    const Snapshot snapshot = probe.snapshotWithPackets(group, bytes.size() / kDatagram * 7);
+
+    const Record& line = snapshot.find(group);
+    EXPECT_EQ((Columns{line.metric(kLost), line.metric(kTr101290 + 1), line.metric(kTr101290 + 4)}),
+              (Columns{"0", "0", "0"}));
+    EXPECT_NEAR(std::stod(line.metric(kBitRate)), kRate, kRate * 0.02);
+    const int pmtPid = program.at("pmt_pid");
+    snapshot.find(group, "PMT", pmtPid);
+    EXPECT_EQ(snapshot.count(group, "KP"), program.at("streams").size());
+    for (const nlohmann::json& stream : program.at("streams")) {
+        const int pid = std::stoi(stream.at("id").get<std::string>(), nullptr, 16);
+        const int type = std::stoi(stream.at("codec_tag").get<std::string>(), nullptr, 16);
+        const Record& record = snapshot.find(group, "KP", pid);
+        EXPECT_EQ((Columns{record.columns[4], record.columns[5]}),
+                  (Columns{std::to_string(type), std::to_string(pmtPid)}));
+    }
+}
+
+}  // namespace
+}  // namespace test

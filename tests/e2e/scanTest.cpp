@@ -1,0 +1,143 @@
+// Channel-scan mode: which of the groups that the controller lists carry traffic.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "support/harness.h"
+#include "support/streamBuilder.h"
+
+namespace test {
+namespace {
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr const char* kLive = "239.1.1.1";
+constexpr const char* kAmongOthers = "239.1.1.2";
+constexpr const char* kSilent = "239.1.1.3";
+
+Envelope scan(const Groups& groups, int latencyMs) {
+    Envelope envelope = response(groups);
+    envelope.mutable_response()->set_igmp_latency(latencyMs);
+    return envelope;
+}
+
+// One request as text: the scan status and the results, "1 239.1.1.1=2".
+std::string progress(const Controller::Request& request) {
+    std::string text = request.body.has_scan_status() ? std::to_string(request.body.scan_status()) : "-";
+    for (const auto& result : request.body.scan_results())
+        text += " " + result.multicastgroup() + "=" + std::to_string(result.status());
+    return text;
+}
+
+std::vector<std::string> progress(const Controller& controller) {
+    std::vector<std::string> all;
+    for (const auto& request : controller.requests())
+        all.push_back(progress(request));
+    return all;
+}
+
+// Datagrams of the live group, in the background.
+std::unique_ptr<Repeat> liveTraffic() {
+    auto network = std::make_shared<FrameSender>();
+    return std::make_unique<Repeat>(10ms, [network] {
+        UdpFlow flow{.group = kLive};
+        network->send(flow, TsStream().null(7).takeDatagrams());
+    });
+}
+
+std::string began(const std::string& group) {
+    return "Zaczynam watek dla strumienia " + group + "\n";
+}
+
+std::string ended(const std::string& group) {
+    return "Koncze watek dla strumienia " + group + "\n";
+}
+
+std::string between(const std::string& text, const std::string& from, const std::string& to) {
+    const auto start = text.find(from);
+    return start == std::string::npos ? "" : text.substr(start, text.find(to, start) - start);
+}
+
+TEST(Scan, ReportsGroupByGroup) {
+    // 271 attempts of at most 27 ms: the silent group is under scan when the third request goes out.
+    constexpr int kLatencyMs = 27;
+    Controller controller;
+    auto traffic = liveTraffic();
+    const Process kestor({"kestor", "-c"});
+    controller.answer(scan({kLive, kAmongOthers, kSilent}, kLatencyMs));
+    ASSERT_TRUE(kestor.waitForOut(began(kSilent)));
+    traffic.reset();
+    EXPECT_TRUE(igmpMember(kSilent));
+    EXPECT_FALSE(igmpMember(kLive));
+    ASSERT_TRUE(controller.waitForRequests(6, 25s));
+    EXPECT_THAT(progress(controller),
+                ElementsAre("-", "1 239.1.1.1=1 239.1.1.2=0", "1 239.1.1.3=2", "1 239.1.1.3=0", "0", "-"));
+    EXPECT_FALSE(igmpMember(kSilent));
+    const auto span = controller.requests()[5].time - controller.requests()[0].time;
+    EXPECT_GT(span, 12'450ms);
+
+    const std::string out = kestor.out();
+    EXPECT_THAT(out, HasSubstr(began(kLive) + "Packet read without problem 239.1.1.1 270\n" + ended(kLive)));
+    // A frame of another group costs two attempts, a wait that ran out one; the group is given up beyond 270.
+    const std::string among = between(out, began(kAmongOthers), ended(kAmongOthers));
+    const auto attempts = 2 * occurrences(among, "Packet read without problem 239.1.1.1 270\n") +
+                          occurrences(among, "Packet read problem ");
+    EXPECT_TRUE(attempts == 271 || attempts == 272) << attempts;
+    const std::string silent = between(out, began(kSilent), ended(kSilent));
+    EXPECT_THAT(silent, HasSubstr("Packet read problem 271 270\n"));
+    EXPECT_THAT(out, AllOf(HasSubstr("send_all: request->scan_results_size() == 0\n"),
+                           HasSubstr("packetCaptureThreadActive: request->set_scan_status(true);\n")));
+}
+
+TEST(Scan, GoesOnWhileTheControllerIsAway) {
+    auto traffic = liveTraffic();
+    const Process kestor({"kestor", "-c"});
+    {
+        Controller controller;
+        controller.answer(scan({kLive, kSilent}, 33));
+        ASSERT_TRUE(kestor.waitForOut(began(kSilent)));
+        traffic.reset();
+    }
+    ASSERT_TRUE(kestor.waitForOut(" passive monitoring 0\n", 3));
+    const Controller controller;
+    ASSERT_TRUE(controller.waitForRequests(3, 20s));
+    EXPECT_EQ(controller.requests()[0].body.sequence_number(), 2);
+    // The live group's result went into the request that nobody received.
+    const auto reported = progress(controller);
+    EXPECT_THAT(reported, testing::Contains("1 239.1.1.3=2"));
+    ASSERT_TRUE(eventually([&] { return progress(controller).back() == "0"; }, 20s));
+    EXPECT_THAT(progress(controller), Not(testing::Contains(HasSubstr(kLive))));
+}
+
+TEST(Scan, AListDuringAScanAbandonsIt) {
+    Controller controller;
+    Process kestor({"kestor", "-c"});
+    controller.answer(scan({kSilent}, 18));
+    ASSERT_TRUE(kestor.waitForOut(began(kSilent)));
+    controller.answer(response({kLive}));
+    ASSERT_TRUE(kestor.waitForOut("device->packetCaptureThreadShouldStop true\n"));
+    ASSERT_TRUE(eventually([&] { return progress(controller).back() == "0"; }, 20s));
+    EXPECT_THAT(progress(controller), ElementsAre("-", "-", "1 239.1.1.3=0", "0"));
+
+    const auto taken = occurrences(kestor.out(), "Przyszla jakas wiadomosc !!!\n");
+    controller.answer(response({kLive, kLive}));
+    ASSERT_TRUE(controller.waitForRequests(6));
+    EXPECT_EQ(occurrences(kestor.out(), "Przyszla jakas wiadomosc !!!\n"), taken)
+        << "later lists are ignored";
+    EXPECT_THAT(kestor.out(), Not(HasSubstr(began(kLive))));
+    EXPECT_TRUE(kestor.running());
+}
+
+TEST(Scan, AGroupListedTwiceEndsTheProbe) {
+    Controller controller;
+    Process kestor({"kestor", "-c"});
+    controller.answer(response({kLive, kLive}));
+    EXPECT_EQ(kestor.wait(), -SIGTERM);
+}
+
+}  // namespace
+}  // namespace test

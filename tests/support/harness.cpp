@@ -1,0 +1,262 @@
+#include "support/harness.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <zmq.hpp>
+
+namespace test {
+namespace {
+
+constexpr const char* kEndpoint = "tcp://127.0.0.1:5999";
+constexpr const char* kResultsPipe = "/tmp/american_maid";
+constexpr const char* kNetworkEnd = "feed0";
+
+std::array<unsigned, 4> octets(const std::string& group) {
+    std::array<unsigned, 4> o{};
+    EXPECT_EQ(std::sscanf(group.c_str(), "%u.%u.%u.%u", &o[0], &o[1], &o[2], &o[3]), 4);
+    return o;
+}
+
+// Whether a line of the file holds both words.
+bool fileHas(const char* path, const std::string& first, const std::string& second) {
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);)
+        if (line.find(first) != std::string::npos && line.find(second) != std::string::npos)
+            return true;
+    return false;
+}
+
+// Everything that is written to the pipe between two openings, or what came until the deadline.
+std::string readPipe(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    const int fd = open(kResultsPipe, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_GE(fd, 0) << "no results pipe";
+    std::string text;
+    for (bool ended = fd < 0; !ended && std::chrono::steady_clock::now() < deadline;) {
+        pollfd ready{fd, POLLIN, 0};
+        if (poll(&ready, 1, 100) <= 0)
+            continue;
+        std::array<char, 65536> buffer;
+        const ssize_t count = read(fd, buffer.data(), buffer.size());
+        if (count > 0)
+            text.append(buffer.data(), static_cast<std::size_t>(count));
+        ended = count == 0;
+    }
+    if (fd >= 0)
+        close(fd);
+    return text;
+}
+
+}  // namespace
+
+Envelope response(const Groups& append, const Groups& remove) {
+    Envelope envelope;
+    envelope.mutable_response();
+    for (const std::string& group : remove)
+        envelope.mutable_response()->add_remove()->set_multicastgroup(group);
+    for (const std::string& group : append)
+        envelope.mutable_response()->add_append()->set_multicastgroup(group);
+    return envelope;
+}
+
+Envelope clearAll(bool value) {
+    Envelope envelope;
+    envelope.mutable_clear()->set_clearall(value);
+    return envelope;
+}
+
+Controller::Controller() : server_(&Controller::serve, this) {
+    EXPECT_TRUE(eventually([this] { return ready_ || ending_; }) && ready_) << "control endpoint not bound";
+}
+
+Controller::~Controller() {
+    ending_ = true;
+    server_.join();
+}
+
+void Controller::serve() {
+    zmq::context_t context;
+    zmq::socket_t socket(context, ZMQ_ROUTER);
+    socket.set(zmq::sockopt::linger, 0);
+    socket.set(zmq::sockopt::rcvtimeo, 20);
+    try {
+        socket.bind(kEndpoint);
+    } catch (const zmq::error_t&) {
+        ending_ = true;
+        return;
+    }
+    ready_ = true;
+    while (!ending_) {
+        zmq::message_t connection;
+        zmq::message_t delimiter;
+        zmq::message_t body;
+        if (!socket.recv(connection) || !socket.recv(delimiter) || !socket.recv(body))
+            continue;
+        Envelope envelope;
+        EXPECT_TRUE(envelope.ParseFromArray(body.data(), static_cast<int>(body.size())));
+        EXPECT_TRUE(envelope.has_request() && !envelope.has_response() && !envelope.has_clear());
+        const std::lock_guard guard(mutex_);
+        requests_.push_back({std::chrono::steady_clock::now(), connection.to_string(), envelope.request()});
+        std::string text = response({}).SerializeAsString();
+        if (!answers_.empty()) {
+            text = answers_.front();
+            answers_.pop_front();
+        }
+        socket.send(connection, zmq::send_flags::sndmore);
+        socket.send(delimiter, zmq::send_flags::sndmore);
+        socket.send(zmq::buffer(text));
+    }
+}
+
+std::vector<Controller::Request> Controller::requests() const {
+    const std::lock_guard guard(mutex_);
+    return requests_;
+}
+
+bool Controller::waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const {
+    return eventually([&] { return requests().size() >= count; }, timeout);
+}
+
+void Controller::answer(const Envelope& envelope) {
+    {
+        const std::lock_guard guard(mutex_);
+        answers_.push_back(envelope.SerializePartialAsString());
+    }
+    EXPECT_TRUE(eventually([this] {
+        const std::lock_guard guard(mutex_);
+        return answers_.empty();
+    })) << "the probe asks no more";
+}
+
+FrameSender::FrameSender() : socket_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0)) {
+    sockaddr_ll address{};
+    address.sll_family = AF_PACKET;
+    address.sll_ifindex = static_cast<int>(if_nametoindex(kNetworkEnd));
+    EXPECT_EQ(bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << strerror(errno);
+}
+
+FrameSender::~FrameSender() {
+    close(socket_);
+}
+
+void FrameSender::send(const Bytes& frame) const {
+    EXPECT_EQ(::send(socket_, frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()))
+        << strerror(errno);
+}
+
+void FrameSender::send(UdpFlow& flow, const std::vector<Bytes>& datagrams) const {
+    for (const Bytes& datagram : datagrams)
+        send(flow.frame(datagram));
+}
+
+Repeat::Repeat(std::chrono::milliseconds period, std::function<void()> action)
+    : thread_([this, period, action = std::move(action)] {
+          for (auto due = std::chrono::steady_clock::now(); !ending_; due += period) {
+              std::this_thread::sleep_until(due);
+              action();
+          }
+      }) {}
+
+Repeat::~Repeat() {
+    ending_ = true;
+    thread_.join();
+}
+
+const std::string& Record::label() const {
+    return columns.at(3);
+}
+
+std::vector<std::string> Record::prefix() const {
+    const std::size_t size = label() == "KP" ? 13 : label() == "UP" ? 12 : 11;
+    return {columns.begin(), columns.begin() + static_cast<std::ptrdiff_t>(std::min(size, columns.size()))};
+}
+
+const std::string& Record::metric(std::size_t number) const {
+    return columns.at(prefix().size() + number - 1);
+}
+
+std::string Record::text() const {
+    std::string text;
+    for (const std::string& column : columns)
+        text += (text.empty() ? "" : ";") + column;
+    return text;
+}
+
+const Record& Snapshot::find(const std::string& group, const std::string& label, int pid) const {
+    static const Record kNone{std::vector<std::string>(64, "none")};
+    for (const Record& record : records)
+        if (record.columns[0] == group && record.label() == label && record.columns[2] == std::to_string(pid))
+            return record;
+    ADD_FAILURE() << "no record " << group << " " << label << " " << pid;
+    return kNone;
+}
+
+std::size_t Snapshot::count(const std::string& group, const std::string& label) const {
+    return static_cast<std::size_t>(std::ranges::count_if(records, [&](const Record& record) {
+        return record.columns[0] == group && record.label() == label;
+    }));
+}
+
+std::vector<Snapshot> parseSnapshots(const std::string& text) {
+    std::vector<Snapshot> snapshots(1);
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.empty()) {
+            snapshots.emplace_back();
+            continue;
+        }
+        Record record;
+        std::istringstream columns(line);
+        for (std::string column; std::getline(columns, column, ';');)
+            record.columns.push_back(column);
+        record.columns.resize(std::max<std::size_t>(record.columns.size(), 4));
+        snapshots.back().records.push_back(std::move(record));
+    }
+    if (text.ends_with("\n\n"))
+        snapshots.pop_back();
+    return snapshots;
+}
+
+Snapshot nextSnapshot(std::chrono::milliseconds timeout) {
+    const std::string text = readPipe(timeout);
+    EXPECT_TRUE(text.empty() || text.ends_with("\n")) << "a snapshot ends within a line";
+    return parseSnapshots(text).front();
+}
+
+Snapshot snapshotWith(const std::function<bool(const Snapshot&)>& condition) {
+    Snapshot snapshot;
+    EXPECT_TRUE(eventually([&] {
+        snapshot = nextSnapshot();
+        return condition(snapshot);
+    })) << "no such snapshot; the last one has "
+        << snapshot.records.size() << " records";
+    return snapshot;
+}
+
+bool igmpMember(const std::string& group) {
+    const auto o = octets(group);
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "%02X%02X%02X%02X ", o[3], o[2], o[1], o[0]);
+    return fileHas("/proc/net/igmp", text.data(), "");
+}
+
+bool filterAdmits(const std::string& group) {
+    const auto o = octets(group);
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "01005e%02x%02x%02x", o[1] & 0x7F, o[2], o[3]);
+    return fileHas("/proc/net/dev_mcast", text.data(), "eth0");
+}
+
+}  // namespace test

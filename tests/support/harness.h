@@ -1,0 +1,137 @@
+// The world around the probe in an end-to-end test: its controller, its network, the reader of its records.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "config.pb.h"
+#include "support/frameBuilder.h"
+#include "support/process.h"
+
+namespace test {
+
+using Envelope = configuration::ConfigurationMessage;
+using Groups = std::vector<std::string>;
+
+// A response that lists groups.
+Envelope response(const Groups& append, const Groups& remove = {});
+Envelope clearAll(bool value = true);
+
+// Listens at the probe's control endpoint and answers each request at once, with an empty response unless the
+// test gave it something else to say.
+class Controller {
+  public:
+    struct Request {
+        std::chrono::steady_clock::time_point time;
+        std::string connection;  // differs from connection to connection
+        configuration::TasksRequest body;
+    };
+
+    Controller();
+    ~Controller();
+
+    std::vector<Request> requests() const;
+    // False when so many did not come within the time.
+    bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout = kPatience) const;
+    // Says this at the next request, and returns when it was sent.
+    void answer(const Envelope& envelope);
+
+  private:
+    void serve();
+
+    mutable std::mutex mutex_;  // guards requests_ and answers_
+    std::vector<Request> requests_;
+    std::deque<std::string> answers_;
+    std::atomic<bool> ready_ = false;
+    std::atomic<bool> ending_ = false;
+    std::thread server_;
+};
+
+// Puts raw Ethernet frames onto the network's end of the link.
+class FrameSender {
+  public:
+    FrameSender();
+    ~FrameSender();
+    FrameSender(const FrameSender&) = delete;
+    void send(const Bytes& frame) const;
+    void send(UdpFlow& flow, const std::vector<Bytes>& datagrams) const;
+
+  private:
+    int socket_;
+};
+
+// Repeats something in the background, every `period`, until it goes out of scope.
+class Repeat {
+  public:
+    Repeat(std::chrono::milliseconds period, std::function<void()> action);
+    ~Repeat();
+
+  private:
+    std::atomic<bool> ending_ = false;
+    std::thread thread_;
+};
+
+// Metric columns as the records number them, from 1; up to 22 they are the same for streams and PIDs, and
+// the counters of TR 101 290 follow kTr101290 in their order.
+enum Metric : std::size_t {
+    kBitRate = 1,
+    kLost,
+    kOutOfSequence,
+    kDuplicated,
+    kReceived,
+    kOther,
+    kTr101290,
+    kDelayFactor = 23,
+    kJitterVariance = 25,
+    kJitterVarianceMax,
+    kJitterMean,
+    kQualityIndex,
+    kTtl,
+    kDscp,
+    kEcn,
+    kIgmpLatency,
+    kMos = 27,
+    kMosMin,
+    kMosMax,
+    kPictureHeight,
+    kPictureWidth,
+    kTagCount,
+    kFirstTag
+};
+
+// One line of the results.
+struct Record {
+    std::vector<std::string> columns;
+
+    const std::string& label() const;  // "-1" for a stream line
+    std::vector<std::string> prefix() const;
+    const std::string& metric(std::size_t number) const;
+    std::string text() const;
+};
+
+struct Snapshot {
+    std::vector<Record> records;
+
+    // The first record of a group with this label and PID; the test fails and gets an empty one if none is.
+    const Record& find(const std::string& group, const std::string& label = "-1", int pid = -1) const;
+    std::size_t count(const std::string& group, const std::string& label = "-1") const;
+};
+
+std::vector<Snapshot> parseSnapshots(const std::string& text);
+// Reads the pipe from one opening to its end. The pipe has a reader only during the call.
+Snapshot nextSnapshot(std::chrono::milliseconds timeout = kPatience);
+// The first snapshot for which the condition holds; fails the test if there is none in time.
+Snapshot snapshotWith(const std::function<bool(const Snapshot&)>& condition);
+
+// Whether the host is a member of the group on eth0, and whether eth0's receive filter lets it in.
+bool igmpMember(const std::string& group);
+bool filterAdmits(const std::string& group);
+
+}  // namespace test
