@@ -25,7 +25,6 @@ std::vector<Snapshot> replay(const std::vector<std::string>& options = {}) {
     Process tool(arguments);
     EXPECT_EQ(tool.wait(60s), 0) << tool.err();
     EXPECT_EQ(tool.err(), "");
-    eventually([&] { return tool.out().ends_with("\n\n"); });
     return parseSnapshots(tool.out());
 }
 
@@ -144,7 +143,7 @@ TEST(Replay, RefusesWhatItCannotRead) {
         command.insert(command.end(), arguments.begin(), arguments.end());
         Process tool(command);
         EXPECT_EQ(tool.wait(), status) << testing::PrintToString(arguments);
-        ASSERT_TRUE(eventually([&] { return !tool.err().empty(); }));
+        EXPECT_NE(tool.err(), "");
         if (status == 1) {
             EXPECT_EQ(occurrences(tool.err(), "\n"), 1U) << tool.err();
         }
@@ -193,7 +192,8 @@ TEST(Replay, ArrivalJitterPerBlockOf4096Datagrams) {
     }
     const auto snapshots = replay({"-g", kGroup});
     ASSERT_EQ(snapshots.size(), 82U);
-    // The first block holds 4095 spans and the zero of the first datagram: variance 10^2 * 4095 / 4096^2.
+    // The first block holds 4095 spans and the zero of the first datagram: variance 10^2 * 4095 / 4096^2,
+    // in single precision.
     const std::vector<std::pair<std::size_t, std::array<const char*, 3>>> expected = {
         {39, {"0.000000", "0.000000", "0"}},
         {40, {"0.024408", "0.024408", "9"}},
@@ -201,8 +201,8 @@ TEST(Replay, ArrivalJitterPerBlockOf4096Datagrams) {
     };
     for (const auto& [index, values] : expected) {
         const Record& line = snapshots[index].find(kGroup);
-        EXPECT_NEAR(std::stod(line.metric(kJitterVariance)), std::stod(values[0]), 2e-6);
-        EXPECT_NEAR(std::stod(line.metric(kJitterVarianceMax)), std::stod(values[1]), 2e-6);
+        EXPECT_NEAR(std::stod(line.metric(kJitterVariance)), std::stod(values[0]), 5e-6);
+        EXPECT_NEAR(std::stod(line.metric(kJitterVarianceMax)), std::stod(values[1]), 5e-6);
         EXPECT_EQ(line.metric(kJitterMean), values[2]);
     }
 }

@@ -71,7 +71,6 @@ Process::~Process() {
     if (running())
         kill(SIGKILL);
     wait();
-    collector_.join();
     close(outPipe_);
     close(errPipe_);
 }
@@ -127,6 +126,8 @@ std::optional<int> Process::wait(std::chrono::milliseconds timeout) {
             return status_.has_value();
         },
         timeout);
+    if (status_ && collector_.joinable())
+        collector_.join();
     return status_;
 }
 

@@ -44,6 +44,7 @@ class Process {
     bool running();
     void kill(int signal);
     // Exit status, minus the signal's number for a child ended by a signal, nothing for one that still runs.
+    // Once it has ended, out() and err() are complete.
     std::optional<int> wait(std::chrono::milliseconds timeout = kPatience);
 
     pid_t pid() const {

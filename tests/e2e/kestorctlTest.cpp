@@ -1,0 +1,132 @@
+// kestorctl, as an operator uses it, with the real probe.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "support/harness.h"
+#include "support/streamBuilder.h"
+
+namespace test {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr const char* kA = "239.1.1.1";
+constexpr const char* kB = "239.1.1.2";
+
+struct Result {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+Result kestorctl(std::vector<std::string> arguments, std::chrono::milliseconds patience = 40s) {
+    arguments.insert(arguments.begin(), "kestorctl");
+    Process tool(arguments);
+    const int status = tool.wait(patience).value_or(-1000);
+    return {status, tool.out(), tool.err()};
+}
+
+std::vector<nlohmann::json> jsonLines(const std::string& text) {
+    std::vector<nlohmann::json> objects;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty())
+            objects.push_back(nlohmann::json::parse(line));
+    return objects;
+}
+
+TEST(Kestorctl, SaysOneThingToTheProbe) {
+    const Process kestor({"kestor", "-s"});
+    const Result added = kestorctl({"add", kA, kB});
+    EXPECT_EQ(added.status, 0) << added.err;
+    EXPECT_THAT(added.out, testing::AllOf(HasSubstr(kA), HasSubstr(kB)));
+    EXPECT_TRUE(eventually([] { return igmpMember(kA) && igmpMember(kB); }));
+    EXPECT_EQ(kestorctl({"remove", kB}).status, 0);
+    EXPECT_TRUE(eventually([] { return igmpMember(kA) && !igmpMember(kB); }));
+    EXPECT_EQ(kestorctl({"clear"}).status, 0);
+    EXPECT_TRUE(kestor.waitForOut("Dupa!!!!1\n"));
+    EXPECT_EQ(kestorctl({"passive", "on"}).status, 0);
+    EXPECT_TRUE(kestor.waitForOut(" passive monitoring 1\n"));
+    EXPECT_EQ(kestorctl({"passive", "off"}).status, 0);
+    EXPECT_EQ(kestorctl({"igmp-latency", "50"}).status, 0);
+    EXPECT_TRUE(kestor.waitForOut("analyzeResponseMessage\n", 5));
+}
+
+TEST(Kestorctl, RefusesWhatMakesNoSense) {
+    const Process kestor({"kestor", "-s"});
+    const std::vector<std::vector<std::string>> cases = {
+        {"add", "10.0.0.1"}, {"add", kA, "240.0.0.1"}, {"remove", "239.1.1"}, {"remove", "channel"}, {"add"},
+        {"scan", "1.2.3.4"}, {"passive", "perhaps"},   {"igmp-latency", "x"}, {"nonsense"},          {}};
+    for (const auto& arguments : cases) {
+        const Result result = kestorctl(arguments);
+        EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments);
+        EXPECT_NE(result.err, "");
+    }
+    EXPECT_TRUE(kestor.waitForOut(" passive monitoring 0\n", 3));
+    EXPECT_THAT(kestor.out(), Not(HasSubstr("analyzeResponseMessage")));
+}
+
+TEST(Kestorctl, GivesUpWithoutAProbeOrAPort) {
+    EXPECT_EQ(kestorctl({"--timeout", "1", "add", kA}).status, 1);
+    const Controller controller;
+    EXPECT_EQ(kestorctl({"add", kA}, 5s).status, 1);
+}
+
+TEST(Kestorctl, WatchesTheRecords) {
+    const Process kestor({"kestor", "-s"});
+    ASSERT_EQ(kestorctl({"add", kA, kB}).status, 0);
+    ASSERT_TRUE(kestor.waitForOut("listening on"));
+    ASSERT_TRUE(eventually([] { return igmpMember(kB); }));
+    TsStream stream;
+    stream.pat({{1, 0x100}}).pmt(1, 0x100, 0x101, {{0x1B, 0x101, psi::descriptor(0x28, {1, 2, 3, 4})}});
+    UdpFlow flow{.group = kA};
+    FrameSender().send(flow, stream.payload(0x101, 5).takeDatagrams());
+    snapshotWith([](const Snapshot& s) { return s.count(kA) == 1 && s.find(kA).metric(kReceived) == "7"; });
+
+    const Result table = kestorctl({"watch", "--once"});
+    EXPECT_EQ(table.status, 0) << table.err;
+    EXPECT_THAT(table.out, testing::AllOf(HasSubstr(kA), HasSubstr(kB), HasSubstr("257")));
+
+    const Result json = kestorctl({"watch", "--once", "--json"});
+    EXPECT_EQ(json.status, 0) << json.err;
+    const auto records = jsonLines(json.out);
+    ASSERT_EQ(records.size(), 5U);
+    EXPECT_EQ(records[0].at("group"), kA);
+    EXPECT_EQ(records[0].at("packetsReceived"), 7);
+    EXPECT_EQ(records[4].at("group"), kB);
+    const Snapshot raw = nextSnapshot();
+    ASSERT_EQ(raw.records.size(), records.size());
+}
+
+TEST(Kestorctl, ScansAndReports) {
+    const Process kestor({"kestor", "-c"});
+    auto network = std::make_shared<FrameSender>();
+    const Repeat traffic(10ms, [network] {
+        UdpFlow flow{.group = kA};
+        network->send(flow, TsStream().null(7).takeDatagrams());
+    });
+    const Result scan = kestorctl({"scan", kA, kB, "--igmp-latency", "3", "--json"});
+    EXPECT_EQ(scan.status, 0) << scan.err;
+    const auto results = jsonLines(scan.out);
+    ASSERT_EQ(results.size(), 2U);
+    EXPECT_EQ(results[0].at("group"), kA);
+    EXPECT_EQ(results[0].at("status"), 1);
+    EXPECT_EQ(results[1].at("group"), kB);
+    EXPECT_EQ(results[1].at("status"), 0);
+}
+
+TEST(Kestorctl, EndsAScanWhoseProbeIsGone) {
+    Process kestor({"kestor", "-c"});
+    Process tool({"kestorctl", "--timeout", "4", "scan", kA});
+    ASSERT_TRUE(kestor.waitForOut("Zaczynam watek"));
+    kestor.kill(SIGKILL);
+    EXPECT_EQ(tool.wait(), 1);
+}
+
+}  // namespace
+}  // namespace test
