@@ -86,7 +86,7 @@ TEST(Kestorctl, WatchesTheRecords) {
     stream.pat({{1, 0x100}}).pmt(1, 0x100, 0x101, {{0x1B, 0x101, psi::descriptor(0x28, {1, 2, 3, 4})}});
     UdpFlow flow{.group = kA};
     FrameSender().send(flow, stream.payload(0x101, 5).takeDatagrams());
-    snapshotWith([](const Snapshot& s) { return s.count(kA) == 1 && s.find(kA).metric(kReceived) == "7"; });
+    snapshotWithPackets(kA, 7);
 
     const Result table = kestorctl({"watch", "--once"});
     EXPECT_EQ(table.status, 0) << table.err;

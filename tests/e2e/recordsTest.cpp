@@ -23,26 +23,6 @@ constexpr uint16_t kVideoPid = 0x101;
 constexpr uint16_t kAudioPid = 0x102;
 constexpr uint16_t kDataPid = 0x200;
 
-// The probe with its controller and network, once it monitors the groups.
-struct Monitoring {
-    explicit Monitoring(const Groups& groups) {
-        EXPECT_TRUE(kestor.waitForOut("listening on"));
-        controller.answer(response(groups));
-        EXPECT_TRUE(eventually([&] { return igmpMember(groups.back()); }));
-        // The join comes last of all that an added channel takes.
-        EXPECT_TRUE(eventually([&] { return nextSnapshot().records.size() == groups.size(); }));
-    }
-
-    Snapshot snapshotWithPackets(const std::string& group, std::size_t packets) const {
-        return snapshotWith(
-            [&](const Snapshot& s) { return s.find(group).metric(kReceived) == std::to_string(packets); });
-    }
-
-    Controller controller;
-    FrameSender network;
-    Process kestor{{"kestor", "-s"}};
-};
-
 TsStream& programTables(TsStream& stream) {
     return stream.pat({{1, kPmtPid}})
         .pmt(1, kPmtPid, kVideoPid, {{0x1B, kVideoPid, psi::descriptor(0x52, {7})}, {0x04, kAudioPid}});
@@ -58,14 +38,14 @@ Columns counts(const Record& record) {
 
 TEST(Records, DescribeACleanStream) {
     const std::string group = "239.1.1.1";
-    const Monitoring probe({group});
+    const Probe probe({group});
     TsStream stream;
     programTables(stream).video(kVideoPid, 20, 9000, 27'000'000).payload(kAudioPid, 10);
     stream.payload(kDataPid, 5).null(5);
     UdpFlow flow{.group = group, .ttl = 7, .tos = 0xBA};
     probe.network.send(flow, stream.takeDatagrams());
 
-    const Snapshot snapshot = probe.snapshotWithPackets(group, 42);
+    const Snapshot snapshot = snapshotWithPackets(group, 42);
     // 10.0.0.1 and 239.1.1.1 as they lie in memory, ports, 14 + 20 + 8 + 7 * 188, one source, UDP header.
     const Columns identity = {"16777226", "16843247", "1234", "5000", "1358", "0", "1"};
     const auto prefix = [&](Columns columns) {
@@ -107,7 +87,7 @@ TEST(Records, DescribeACleanStream) {
 
 TEST(Records, TellHowAStreamIsCarried) {
     const std::string noPat = "239.1.1.2", rtp = "239.1.1.3", headerless = "239.1.1.4", last = "239.1.1.5";
-    const Monitoring probe({noPat, rtp, headerless, last});
+    const Probe probe({noPat, rtp, headerless, last});
     UdpFlow foreign{.group = "239.1.1.99"};
     UdpFlow rtpFlow{.group = rtp, .rtp = true};
     // A UDP length without the header's 8 bytes is taken as whole packets right behind the IPv4 header.
@@ -124,7 +104,7 @@ TEST(Records, TellHowAStreamIsCarried) {
     probe.network.send(second, TsStream().payload(kDataPid, 7).takeDatagrams());
     probe.network.send(lastFlow, TsStream().null(1).takeDatagrams());
 
-    const Snapshot snapshot = probe.snapshotWithPackets(last, 1);
+    const Snapshot snapshot = snapshotWithPackets(last, 1);
     EXPECT_EQ(snapshot.count(noPat, "UP"), 2U);
     EXPECT_EQ(snapshot.count(noPat, "PAT") + snapshot.count(noPat, "PMT") + snapshot.count(noPat, "KP"), 0U);
     EXPECT_THAT(snapshot.find(noPat).prefix(), ElementsAre(noPat, "0", "-1", "-1", "16777226", "33620463",
@@ -139,7 +119,7 @@ TEST(Records, TellHowAStreamIsCarried) {
 
 TEST(Records, SurviveAReaderThatLeavesInTheMiddle) {
     const std::string group = "239.1.1.1";
-    const Monitoring probe({group});
+    const Probe probe({group});
     // More lines than the pipe holds, so the writer waits in the middle for its reader.
     TsStream stream;
     for (uint16_t pid = 0x400; pid < 0x400 + 1400; ++pid)
@@ -149,7 +129,7 @@ TEST(Records, SurviveAReaderThatLeavesInTheMiddle) {
         probe.network.send(flow.frame(datagram));
         std::this_thread::sleep_for(1ms);
     }
-    probe.snapshotWithPackets(group, 1400);
+    snapshotWithPackets(group, 1400);
     probe.network.send(flow, TsStream().payload(kDataPid, 7).takeDatagrams());
     for (int visit = 0; visit < 2; ++visit) {
         std::FILE* pipe = std::fopen("/tmp/american_maid", "r");
@@ -208,7 +188,7 @@ TEST(Records, AgreeWithFfprobeOnRealVideo) {
     std::ifstream input(file, std::ios::binary);
     const Bytes bytes((std::istreambuf_iterator<char>(input)), std::istreambuf_iterator<char>());
 
-    const Monitoring probe({group});
+    const Probe probe({group});
     UdpFlow flow{.group = group};
     constexpr std::size_t kDatagram = 7 * 188;
     constexpr auto kInterval = std::chrono::nanoseconds(kDatagram * 8 * 1'000'000'000ULL / kRate);
@@ -217,7 +197,7 @@ TEST(Records, AgreeWithFfprobeOnRealVideo) {
         std::this_thread::sleep_until(due);
         probe.network.send(flow.frame(std::span(bytes).subspan(at, kDatagram)));
     }
-    const Snapshot snapshot = probe.snapshotWithPackets(group, bytes.size() / kDatagram * 7);
+    const Snapshot snapshot = snapshotWithPackets(group, bytes.size() / kDatagram * 7);
 
     const Record& line = snapshot.find(group);
     EXPECT_EQ((Columns{line.metric(kLost), line.metric(kTr101290 + 1), line.metric(kTr101290 + 4)}),

@@ -79,17 +79,10 @@ TEST(Replay, WritesWhatTheProbeWrites) {
     EXPECT_EQ(counter(9), "1");
     EXPECT_EQ(counter(12), "1") << "a step forward only";
 
-    Controller controller;
-    const Process kestor({"kestor", "-s"});
-    ASSERT_TRUE(kestor.waitForOut("listening on"));
-    controller.answer(response({kGroup}));
-    ASSERT_TRUE(eventually([] { return igmpMember(kGroup); }));
-    const FrameSender network;
+    const Probe probe({kGroup});
     for (const Bytes& frame : frames)
-        network.send(frame);
-    const Snapshot live = snapshotWith([&](const Snapshot& s) {
-        return s.count(kGroup) == 1 && s.find(kGroup).metric(kReceived) == line.metric(kReceived);
-    });
+        probe.network.send(frame);
+    const Snapshot live = snapshotWithPackets(kGroup, std::stoul(line.metric(kReceived)));
     ASSERT_EQ(live.records.size(), replayed[0].records.size());
     for (std::size_t i = 0; i < live.records.size(); ++i)
         EXPECT_EQ(timeless(live.records[i]), timeless(replayed[0].records[i]));

@@ -58,14 +58,12 @@ PcapWriter::PcapWriter(const std::string& path, Stamps stamps, uint32_t linkType
             {little32(magic), {2, 0, 4, 0}, little32(0), little32(0), little32(65535), little32(linkType)}));
 }
 
-void PcapWriter::write(uint64_t timeNs, std::span<const uint8_t> frame,
-                       std::optional<uint32_t> originalLength) {
+void PcapWriter::write(uint64_t timeNs, std::span<const uint8_t> frame) {
     constexpr uint64_t kSecond = 1'000'000'000;
     const uint64_t fraction = timeNs % kSecond / (stamps_ == Stamps::kMicro ? 1000 : 1);
     const auto length = static_cast<uint32_t>(frame.size());
     put(file_, psi::concat({little32(static_cast<uint32_t>(timeNs / kSecond)),
-                            little32(static_cast<uint32_t>(fraction)), little32(length),
-                            little32(originalLength.value_or(length))}));
+                            little32(static_cast<uint32_t>(fraction)), little32(length), little32(length)}));
     put(file_, frame);
 }
 

@@ -37,8 +37,8 @@ class PcapWriter {
 
     explicit PcapWriter(const std::string& path, Stamps stamps = Stamps::kMicro,
                         uint32_t linkType = kEthernet);
-    // `timeNs`: nanoseconds since the epoch. `originalLength` in place of the frame's own.
-    void write(uint64_t timeNs, std::span<const uint8_t> frame, std::optional<uint32_t> originalLength = {});
+    // `timeNs`: nanoseconds since the epoch.
+    void write(uint64_t timeNs, std::span<const uint8_t> frame);
 
   private:
     std::ofstream file_;

@@ -245,6 +245,12 @@ Snapshot snapshotWith(const std::function<bool(const Snapshot&)>& condition) {
     return snapshot;
 }
 
+Snapshot snapshotWithPackets(const std::string& group, std::size_t packets) {
+    return snapshotWith([&](const Snapshot& s) {
+        return s.count(group) == 1 && s.find(group).metric(kReceived) == std::to_string(packets);
+    });
+}
+
 bool igmpMember(const std::string& group) {
     const auto o = octets(group);
     std::array<char, 16> text{};
@@ -257,6 +263,15 @@ bool filterAdmits(const std::string& group) {
     std::array<char, 16> text{};
     std::snprintf(text.data(), text.size(), "01005e%02x%02x%02x", o[1] & 0x7F, o[2], o[3]);
     return fileHas("/proc/net/dev_mcast", text.data(), "eth0");
+}
+
+Probe::Probe(const Groups& groups) {
+    EXPECT_TRUE(kestor.waitForOut("listening on"));
+    if (groups.empty())
+        return;
+    controller.answer(response(groups));
+    // The join comes last of all that an added channel takes.
+    EXPECT_TRUE(eventually([&] { return igmpMember(groups.back()); }));
 }
 
 }  // namespace test

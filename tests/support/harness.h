@@ -129,9 +129,20 @@ std::vector<Snapshot> parseSnapshots(const std::string& text);
 Snapshot nextSnapshot(std::chrono::milliseconds timeout = kPatience);
 // The first snapshot for which the condition holds; fails the test if there is none in time.
 Snapshot snapshotWith(const std::function<bool(const Snapshot&)>& condition);
+// The first one that says so many packets of the group were received.
+Snapshot snapshotWithPackets(const std::string& group, std::size_t packets);
 
 // Whether the host is a member of the group on eth0, and whether eth0's receive filter lets it in.
 bool igmpMember(const std::string& group);
 bool filterAdmits(const std::string& group);
+
+// The probe in monitoring mode with its controller and network, once it monitors the groups.
+struct Probe {
+    explicit Probe(const Groups& groups = {});
+
+    Controller controller;
+    FrameSender network;
+    Process kestor{{"kestor", "-s"}};
+};
 
 }  // namespace test
