@@ -57,7 +57,6 @@ TEST(Control, CountsOnWithoutAController) {
     const Controller controller;
     ASSERT_TRUE(controller.waitForRequests(1));
     EXPECT_GE(sequenceNumbers(controller).front(), 3);
-    EXPECT_THAT(kestor.out(), Not(HasSubstr("analyzeResponseMessage")));
 }
 
 TEST(Control, AddsRemovesAndClearsChannels) {
@@ -127,8 +126,7 @@ TEST(Control, JoinsPassivelyWhenTold) {
 
     UdpFlow flow{.group = kC};
     FrameSender().send(flow, TsStream().null(7).takeDatagrams());
-    const Snapshot snapshot = snapshotWith(
-        [](const Snapshot& s) { return s.count(kC) == 1 && s.find(kC).metric(kReceived) == "7"; });
+    const Snapshot snapshot = snapshotWithPackets(kC, 7);
     EXPECT_GT(std::stoull(snapshot.find(kC).metric(kIgmpLatency)), 1'600'000'000'000U)
         << "no join time is kept";
 
