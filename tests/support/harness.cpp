@@ -16,6 +16,8 @@
 #include <sstream>
 #include <zmq.hpp>
 
+#include "recordColumns.h"
+
 namespace test {
 namespace {
 
@@ -57,6 +59,17 @@ std::string readPipe(std::chrono::milliseconds timeout) {
     if (fd >= 0)
         close(fd);
     return text;
+}
+
+// Where a record has the column of that name; behind its end if nowhere.
+std::size_t columnIndex(const std::vector<std::string>& record, std::string_view name) {
+    const auto kind =
+        std::ranges::find(records::kKinds, record.at(records::kLabelColumn), &records::KindName::label);
+    if (kind == records::kKinds.end())
+        return record.size();
+    const auto known = records::columnsOf(kind->kind);
+    const auto column = std::ranges::find(known, name, &records::Column::name);
+    return column == known.end() ? record.size() : static_cast<std::size_t>(column - known.begin());
 }
 
 }  // namespace
@@ -174,30 +187,34 @@ Repeat::~Repeat() {
     thread_.join();
 }
 
-const std::string& Record::label() const {
-    return columns.at(3);
+std::string Record::operator[](std::string_view name) const {
+    const auto index = columnIndex(columns, name);
+    return index < columns.size() ? columns[index] : "";
 }
 
-std::vector<std::string> Record::prefix() const {
-    const std::size_t size = label() == "KP" ? 13 : label() == "UP" ? 12 : 11;
-    return {columns.begin(), columns.begin() + static_cast<std::ptrdiff_t>(std::min(size, columns.size()))};
-}
-
-const std::string& Record::metric(std::size_t number) const {
-    return columns.at(prefix().size() + number - 1);
-}
-
-std::string Record::text() const {
+std::string Record::values(std::initializer_list<std::string_view> names) const {
     std::string text;
-    for (const std::string& column : columns)
+    for (const std::string_view name : names)
+        text += (text.empty() ? "" : " ") + (*this)[name];
+    return text;
+}
+
+std::string Record::textWithout(std::initializer_list<std::string_view> names) const {
+    std::vector<std::string> shown = columns;
+    for (const std::string_view name : names)
+        if (const auto index = columnIndex(columns, name); index < shown.size())
+            shown[index] = "*";
+    std::string text;
+    for (const std::string& column : shown)
         text += (text.empty() ? "" : ";") + column;
     return text;
 }
 
 const Record& Snapshot::find(const std::string& group, const std::string& label, int pid) const {
-    static const Record kNone{std::vector<std::string>(64, "none")};
+    static const Record kNone{{"none", "none", "none", "none"}};
     for (const Record& record : records)
-        if (record.columns[0] == group && record.label() == label && record.columns[2] == std::to_string(pid))
+        if (record.columns[0] == group && record.columns[records::kLabelColumn] == label &&
+            record.columns[2] == std::to_string(pid))
             return record;
     ADD_FAILURE() << "no record " << group << " " << label << " " << pid;
     return kNone;
@@ -205,7 +222,7 @@ const Record& Snapshot::find(const std::string& group, const std::string& label,
 
 std::size_t Snapshot::count(const std::string& group, const std::string& label) const {
     return static_cast<std::size_t>(std::ranges::count_if(records, [&](const Record& record) {
-        return record.columns[0] == group && record.label() == label;
+        return record.columns[0] == group && record.columns[records::kLabelColumn] == label;
     }));
 }
 
@@ -247,7 +264,7 @@ Snapshot snapshotWith(const std::function<bool(const Snapshot&)>& condition) {
 
 Snapshot snapshotWithPackets(const std::string& group, std::size_t packets) {
     return snapshotWith([&](const Snapshot& s) {
-        return s.count(group) == 1 && s.find(group).metric(kReceived) == std::to_string(packets);
+        return s.count(group) == 1 && s.find(group)["packetsReceived"] == std::to_string(packets);
     });
 }
 

@@ -5,9 +5,11 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <initializer_list>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -78,48 +80,22 @@ class Repeat {
     std::thread thread_;
 };
 
-// Metric columns as the records number them, from 1; up to 22 they are the same for streams and PIDs, and
-// the counters of TR 101 290 follow kTr101290 in their order.
-enum Metric : std::size_t {
-    kBitRate = 1,
-    kLost,
-    kOutOfSequence,
-    kDuplicated,
-    kReceived,
-    kOther,
-    kTr101290,
-    kDelayFactor = 23,
-    kJitterVariance = 25,
-    kJitterVarianceMax,
-    kJitterMean,
-    kQualityIndex,
-    kTtl,
-    kDscp,
-    kEcn,
-    kIgmpLatency,
-    kMos = 27,
-    kMosMin,
-    kMosMax,
-    kPictureHeight,
-    kPictureWidth,
-    kTagCount,
-    kFirstTag
-};
-
 // One line of the results.
 struct Record {
     std::vector<std::string> columns;
 
-    const std::string& label() const;  // "-1" for a stream line
-    std::vector<std::string> prefix() const;
-    const std::string& metric(std::size_t number) const;
-    std::string text() const;
+    // The column with that name (recordColumns.h), or nothing.
+    std::string operator[](std::string_view name) const;
+    // Several, for a comparison at a glance: "7 0 0".
+    std::string values(std::initializer_list<std::string_view> names) const;
+    // The line, with a "*" in place of these columns.
+    std::string textWithout(std::initializer_list<std::string_view> names) const;
 };
 
 struct Snapshot {
     std::vector<Record> records;
 
-    // The first record of a group with this label and PID; the test fails and gets an empty one if none is.
+    // The first record of a group with this label and PID; the test fails if there is none.
     const Record& find(const std::string& group, const std::string& label = "-1", int pid = -1) const;
     std::size_t count(const std::string& group, const std::string& label = "-1") const;
 };
