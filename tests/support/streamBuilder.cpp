@@ -6,7 +6,6 @@
 namespace test {
 namespace {
 
-constexpr uint16_t kNullPacketPid = 0x1FFF;
 constexpr uint8_t kUnitStart = 0x40;
 constexpr uint8_t kAdaptationFieldOnly = 0x20;
 constexpr uint8_t kAdaptationFieldAndPayload = 0x30;
@@ -110,7 +109,7 @@ TsStream& TsStream::pcr(uint16_t pid, uint64_t pcr, bool discontinuity) {
 }
 
 TsStream& TsStream::null(int count) {
-    return payload(kNullPacketPid, count);
+    return payload(kNullPid, count);
 }
 
 TsStream& TsStream::lose(uint16_t pid, int count) {

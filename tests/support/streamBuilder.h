@@ -15,6 +15,7 @@ namespace test {
 using psi::Bytes;
 using psi::TsPacket;
 
+inline constexpr uint16_t kNullPid = 0x1FFF;
 inline constexpr int kPacketsPerDatagram = 7;
 
 struct Pes {
