@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <map>
@@ -145,14 +146,23 @@ class Scan {
         fflush(stdout);
     }
 
+    // The group under scan: the one that the probe named, or the next of the list, which it scans in order.
+    std::string current() const {
+        if (!underScan_.empty() && !results_.contains(underScan_)) {
+            return underScan_;
+        }
+        const auto next = std::ranges::find_if(options_.groups,
+                                               [&](const auto& group) { return !results_.contains(group); });
+        return next == options_.groups.end() ? std::string() : *next;
+    }
+
     void showProgress() const {
         const std::size_t left = options_.groups.size() - std::min(results_.size(), options_.groups.size());
         if (!onTerminal_ || left == 0) {
             return;
         }
-        const bool current = !underScan_.empty() && !results_.contains(underScan_);
-        printf("\r\033[K%zu of %zu done%s%s, at most %s to go", results_.size(), options_.groups.size(),
-               current ? ", scanning " : "", current ? underScan_.c_str() : "",
+        printf("\r\033[K%zu of %zu done, scanning %s, at most %s to go", results_.size(),
+               options_.groups.size(), current().c_str(),
                duration(longestWait(options_.igmpLatencyMs) * static_cast<int64_t>(left)).c_str());
         fflush(stdout);
     }
