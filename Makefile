@@ -7,10 +7,11 @@
 #   make help                everything else
 
 JOBS ?= $(shell nproc)
+PRESET ?= release
 SOAK_SECONDS ?= 3600
 SOURCES = git ls-files '*.cpp' '*.h'
 
-.PHONY: help build run test asan tsan debug verify soak bench format check-format tidy clean
+.PHONY: help build run test verify soak bench format check-format tidy clean
 
 help:
 	@sed -n 's/^## //p' $(MAKEFILE_LIST)
@@ -28,15 +29,11 @@ deps:
 run: build
 	RUN_SECONDS=$(RUN_SECONDS) scripts/demo.sh $(GROUPS)
 
-## test          unit and end-to-end tests
-test: build
-	ctest --test-dir build/release --output-on-failure -j $(JOBS)
-
-## asan tsan debug   the tests in that build
-asan tsan debug: deps
-	cmake --preset $@
-	cmake --build --preset $@ -j $(JOBS)
-	ctest --test-dir build/$@ --output-on-failure -j $(JOBS)
+## test          unit and end-to-end tests; PRESET=asan, tsan or debug for those builds
+test: deps
+	cmake --preset $(PRESET)
+	cmake --build --preset $(PRESET) -j $(JOBS)
+	ctest --test-dir build/$(PRESET) --output-on-failure -j $(JOBS)
 
 ## verify        the live results against ffprobe and the sender
 verify: build
