@@ -25,19 +25,10 @@ constexpr const char* kEndpoint = "tcp://127.0.0.1:5999";
 constexpr const char* kResultsPipe = "/tmp/american_maid";
 constexpr const char* kNetworkEnd = "feed0";
 
-std::array<unsigned, 4> octets(const std::string& group) {
-    std::array<unsigned, 4> o{};
-    EXPECT_EQ(std::sscanf(group.c_str(), "%u.%u.%u.%u", &o[0], &o[1], &o[2], &o[3]), 4);
-    return o;
-}
-
-// Whether a line of the file holds both words.
-bool fileHas(const char* path, const std::string& first, const std::string& second) {
+bool fileHas(const char* path, const char* text) {
     std::ifstream file(path);
-    for (std::string line; std::getline(file, line);)
-        if (line.find(first) != std::string::npos && line.find(second) != std::string::npos)
-            return true;
-    return false;
+    const std::string all((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    return all.find(text) != std::string::npos;
 }
 
 // Everything that is written to the pipe between two openings, or what came until the deadline.
@@ -142,11 +133,13 @@ bool Controller::waitForRequests(std::size_t count, std::chrono::milliseconds ti
     return eventually([&] { return requests().size() >= count; }, timeout);
 }
 
+void Controller::queue(const Envelope& envelope) {
+    const std::lock_guard guard(mutex_);
+    answers_.push_back(envelope.SerializePartialAsString());
+}
+
 void Controller::answer(const Envelope& envelope) {
-    {
-        const std::lock_guard guard(mutex_);
-        answers_.push_back(envelope.SerializePartialAsString());
-    }
+    queue(envelope);
     EXPECT_TRUE(eventually([this] {
         const std::lock_guard guard(mutex_);
         return answers_.empty();
@@ -269,17 +262,16 @@ Snapshot snapshotWithPackets(const std::string& group, std::size_t packets) {
 }
 
 bool igmpMember(const std::string& group) {
-    const auto o = octets(group);
+    // The kernel prints the address as it lies in memory.
     std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), "%02X%02X%02X%02X ", o[3], o[2], o[1], o[0]);
-    return fileHas("/proc/net/igmp", text.data(), "");
+    std::snprintf(text.data(), text.size(), "%08X ", inet_addr(group.c_str()));
+    return fileHas("/proc/net/igmp", text.data());
 }
 
 bool filterAdmits(const std::string& group) {
-    const auto o = octets(group);
     std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), "01005e%02x%02x%02x", o[1] & 0x7F, o[2], o[3]);
-    return fileHas("/proc/net/dev_mcast", text.data(), "eth0");
+    std::snprintf(text.data(), text.size(), "01005e%06x", ntohl(inet_addr(group.c_str())) & 0x7FFFFF);
+    return fileHas("/proc/net/dev_mcast", text.data());
 }
 
 Probe::Probe(const Groups& groups) {

@@ -42,7 +42,9 @@ class Controller {
     std::vector<Request> requests() const;
     // False when so many did not come within the time.
     bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout = kPatience) const;
-    // Says this at the next request, and returns when it was sent.
+    // Has this said at the next request that has no other answer yet.
+    void queue(const Envelope& envelope);
+    // The same, and returns when it was sent.
     void answer(const Envelope& envelope);
 
   private:

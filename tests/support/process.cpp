@@ -1,16 +1,28 @@
 #include "support/process.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <filesystem>
-#include <stdexcept>
+#include <thread>
 
 namespace test {
+namespace {
+
+std::string contents(int file) {
+    struct stat status {};
+    fstat(file, &status);
+    std::string text(static_cast<std::size_t>(status.st_size), '\0');
+    text.resize(static_cast<std::size_t>(std::max<ssize_t>(0, pread(file, text.data(), text.size(), 0))));
+    return text;
+}
+
+}  // namespace
 
 std::string sourceDir() {
     return KESTOR_SOURCE_DIR;
@@ -37,7 +49,8 @@ std::size_t occurrences(std::string_view text, std::string_view part) {
     return count;
 }
 
-Process::Process(std::vector<std::string> arguments) {
+Process::Process(std::vector<std::string> arguments)
+    : outFile_(memfd_create("out", MFD_CLOEXEC)), errFile_(memfd_create("err", MFD_CLOEXEC)) {
     const std::string own = binDir() + "/" + arguments.at(0);
     if (std::filesystem::exists(own))
         arguments[0] = own;
@@ -45,75 +58,37 @@ Process::Process(std::vector<std::string> arguments) {
     for (std::string& argument : arguments)
         argv.push_back(argument.data());
     argv.push_back(nullptr);
-
-    std::array<int, 2> out{};
-    std::array<int, 2> err{};
-    if (pipe2(out.data(), O_CLOEXEC) != 0 || pipe2(err.data(), O_CLOEXEC) != 0)
-        throw std::runtime_error("no pipe");
     pid_ = fork();
-    if (pid_ < 0)
-        throw std::runtime_error("no child process");
     if (pid_ == 0) {
         dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
-        dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
+        dup2(outFile_, STDOUT_FILENO);
+        dup2(errFile_, STDERR_FILENO);
         execvp(argv[0], argv.data());
         _exit(127);
     }
-    close(out[1]);
-    close(err[1]);
-    outPipe_ = out[0];
-    errPipe_ = err[0];
-    collector_ = std::thread(&Process::collect, this);
 }
 
 Process::~Process() {
-    if (running())
-        kill(SIGKILL);
+    kill(SIGKILL);
     wait();
-    close(outPipe_);
-    close(errPipe_);
-}
-
-void Process::collect() {
-    std::array<pollfd, 2> pipes = {pollfd{outPipe_, POLLIN, 0}, pollfd{errPipe_, POLLIN, 0}};
-    while (pipes[0].fd >= 0 || pipes[1].fd >= 0) {
-        poll(pipes.data(), pipes.size(), -1);
-        for (std::size_t i = 0; i < pipes.size(); ++i) {
-            if (pipes[i].fd < 0 || pipes[i].revents == 0)
-                continue;
-            std::array<char, 65536> buffer;
-            const ssize_t count = read(pipes[i].fd, buffer.data(), buffer.size());
-            if (count <= 0) {
-                pipes[i].fd = -1;
-                continue;
-            }
-            const std::lock_guard guard(mutex_);
-            (i == 0 ? out_ : err_).append(buffer.data(), static_cast<std::size_t>(count));
-        }
-    }
+    close(outFile_);
+    close(errFile_);
 }
 
 std::string Process::out() const {
-    const std::lock_guard guard(mutex_);
-    return out_;
+    return contents(outFile_);
 }
 
 std::string Process::err() const {
-    const std::lock_guard guard(mutex_);
-    return err_;
+    return contents(errFile_);
 }
 
-bool Process::waitForOut(std::string_view text, std::size_t times, std::chrono::milliseconds timeout) const {
-    return eventually([&] { return occurrences(out(), text) >= times; }, timeout);
-}
-
-bool Process::running() {
-    return !wait(0ms);
+bool Process::waitForOut(std::string_view text, std::size_t times) const {
+    return eventually([&] { return occurrences(out(), text) >= times; });
 }
 
 void Process::kill(int signal) {
-    if (!status_)
+    if (running())
         ::kill(pid_, signal);
 }
 
@@ -126,8 +101,6 @@ std::optional<int> Process::wait(std::chrono::milliseconds timeout) {
             return status_.has_value();
         },
         timeout);
-    if (status_ && collector_.joinable())
-        collector_.join();
     return status_;
 }
 

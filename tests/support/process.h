@@ -5,11 +5,9 @@
 
 #include <chrono>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 namespace test {
@@ -27,8 +25,7 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
 
 std::size_t occurrences(std::string_view text, std::string_view part);
 
-// One child. Its standard input is empty; what it prints goes through pipes, as with a supervisor. A child
-// that still runs at the end is killed.
+// One child, with an empty standard input. One that still runs at the end is killed.
 class Process {
   public:
     // arguments[0] is a program of this build or one found by PATH.
@@ -36,32 +33,23 @@ class Process {
     ~Process();
     Process(const Process&) = delete;
 
+    // What it printed so far. Neither is a terminal, so only what it flushes shows before its end.
     std::string out() const;
     std::string err() const;
-    bool waitForOut(std::string_view text, std::size_t times = 1,
-                    std::chrono::milliseconds timeout = kPatience) const;
+    bool waitForOut(std::string_view text, std::size_t times = 1) const;
 
-    bool running();
     void kill(int signal);
     // Exit status, minus the signal's number for a child ended by a signal, nothing for one that still runs.
-    // Once it has ended, out() and err() are complete.
     std::optional<int> wait(std::chrono::milliseconds timeout = kPatience);
-
-    pid_t pid() const {
-        return pid_;
+    bool running() {
+        return !wait(0ms);
     }
 
   private:
-    void collect();
-
     pid_t pid_ = -1;
-    int outPipe_ = -1;
-    int errPipe_ = -1;
+    int outFile_;
+    int errFile_;
     std::optional<int> status_;
-    mutable std::mutex mutex_;  // guards out_ and err_
-    std::string out_;
-    std::string err_;
-    std::thread collector_;
 };
 
 }  // namespace test
