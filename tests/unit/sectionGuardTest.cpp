@@ -74,6 +74,31 @@ TEST(SectionGuard, SectionsPassOnlyIfTheirLengthsFit) {
     EXPECT_EQ(reportedStreams(head, 1, 0), -1);
 }
 
+// Whether an SI section makes its demultiplexer print something when it comes twice.
+bool prints(uint8_t tableId, const Bytes& payload) {
+    const std::unique_ptr<ts_stream_t, decltype(&sarnDvbPsi_exit)> stream(sarnDvbPsi_init(0),
+                                                                          sarnDvbPsi_exit);
+    uint8_t cc = 0;
+    testing::internal::CaptureStdout();
+    for (int time = 0; time < 2; ++time) {
+        push(stream->sdt_handle, 0x11, psi::section(tableId, 1, 0, payload), cc);
+    }
+    return !testing::internal::GetCapturedStdout().empty();
+}
+
+// The library goes on behind the last of these descriptors, wherever it claims to end.
+TEST(SectionGuard, DescriptorsFillTheirLoopsInNetworksBouquetsAndEvents) {
+    const Bytes event = concat({u16(1), u16(9), {0, 0x4E}, Bytes(10)});
+    const std::pair<Bytes, bool> loops[] = {
+        {{}, true}, {{0x52, 1, 7}, true}, {{0x52, 2, 7}, false}, {{0x52, 0, 0x52}, false}};
+    for (const auto& [descriptors, fits] : loops) {
+        const Bytes loop = loop12(descriptors);
+        EXPECT_EQ(prints(0x40, concat({loop, loop12({})})), fits);
+        EXPECT_EQ(prints(0x4A, concat({loop12({}), loop12(concat({u16(1), u16(2), loop}))})), fits);
+        EXPECT_EQ(prints(0x4E, concat({event, loop})), fits);
+    }
+}
+
 // Well-formed payloads of every table, to be damaged.
 Bytes samplePayload(uint8_t tableId) {
     const Bytes loop = loop12(psi::descriptor(0x52, {1, 2, 3}));

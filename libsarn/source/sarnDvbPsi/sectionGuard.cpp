@@ -12,6 +12,13 @@ namespace {
 
 using Bytes = std::span<const uint8_t>;
 
+// What the library makes of a descriptor that leads out of its loop.
+enum class Loop : uint8_t {
+    none,
+    bounded,  // leaves it out and stays inside the section, so only the loop itself must fit
+    filled,   // reads on where it claims to end, even behind the section, so descriptors must fill the loop
+};
+
 // How the payload of a table's section is made up: fixed fields, a descriptor loop behind its 12-bit length,
 // the 16-bit length of the entries, then entries of fixed fields and a descriptor loop each. Loop lengths
 // stand in the last two bytes of the fixed fields in front of them.
@@ -19,39 +26,48 @@ struct SectionLayout {
     uint8_t firstTableId;
     uint8_t lastTableId;
     uint8_t headSize;
-    bool headLoop;
+    Loop headLoop;
     bool entriesLength;
     uint8_t entrySize;  // 0: no entries
-    bool entryLoop;
+    Loop entryLoop;
 };
 
-// ISO/IEC 13818-1 2.4.4 and ETSI EN 300 468 clause 5.2. The descriptors of a CAT need no check: like every
-// descriptor loop they are read up to the end of what holds them.
+// ISO/IEC 13818-1 2.4.4 and ETSI EN 300 468 clause 5.2. The descriptors of a CAT need no check: they are
+// read up to the end of what holds them.
 constexpr SectionLayout kLayouts[] = {
-    {0x00, 0x00, 0, false, false, 4, false},  // PAT
-    {0x02, 0x02, 4, true, false, 5, true},    // PMT
-    {0x40, 0x41, 2, true, true, 6, true},     // NIT
-    {0x42, 0x42, 3, false, false, 5, true},   // SDT
-    {0x4A, 0x4A, 2, true, true, 6, true},     // BAT
-    {0x4E, 0x6F, 6, false, false, 12, true},  // EIT
-    {0x70, 0x70, 5, false, false, 0, false},  // TDT
-    {0x73, 0x73, 7, true, false, 0, false},   // TOT
+    {0x00, 0x00, 0, Loop::none, false, 4, Loop::none},        // PAT
+    {0x02, 0x02, 4, Loop::bounded, false, 5, Loop::bounded},  // PMT
+    {0x40, 0x41, 2, Loop::filled, true, 6, Loop::filled},     // NIT
+    {0x42, 0x42, 3, Loop::none, false, 5, Loop::bounded},     // SDT
+    {0x4A, 0x4A, 2, Loop::filled, true, 6, Loop::filled},     // BAT
+    {0x4E, 0x6F, 6, Loop::none, false, 12, Loop::filled},     // EIT
+    {0x70, 0x70, 5, Loop::none, false, 0, Loop::none},        // TDT
+    {0x73, 0x73, 7, Loop::bounded, false, 0, Loop::none},     // TOT
 };
 
 constexpr std::size_t kLengthSize = 2;
 
-// Takes `size` bytes off the front of `rest`, and with `loop` as many more as their last two say.
-bool take(Bytes& rest, std::size_t size, bool loop) {
+bool descriptorsFill(Bytes loop) {
+    while (loop.size() >= 2 && loop[1] <= loop.size() - 2) {
+        loop = loop.subspan(std::size_t{2} + loop[1]);
+    }
+    return loop.empty();
+}
+
+// Takes `size` bytes off the front of `rest`, and with a loop as many more as their last two say.
+bool take(Bytes& rest, std::size_t size, Loop loop) {
     if (rest.size() < size) {
         return false;
     }
-    if (loop) {
-        size += static_cast<std::size_t>((rest[size - 2] & 0x0F) << 8 | rest[size - 1]);
-        if (rest.size() < size) {
-            return false;
-        }
+    std::size_t loopSize = 0;
+    if (loop != Loop::none) {
+        loopSize = static_cast<std::size_t>((rest[size - 2] & 0x0F) << 8 | rest[size - 1]);
     }
     rest = rest.subspan(size);
+    if (rest.size() < loopSize || (loop == Loop::filled && !descriptorsFill(rest.first(loopSize)))) {
+        return false;
+    }
+    rest = rest.subspan(loopSize);
     return true;
 }
 
@@ -61,7 +77,7 @@ bool payloadFits(const SectionLayout& layout, Bytes payload) {
     }
     if (layout.entriesLength) {
         Bytes behind = payload;
-        if (!take(behind, kLengthSize, true)) {
+        if (!take(behind, kLengthSize, Loop::bounded)) {
             return false;
         }
         payload = payload.first(payload.size() - behind.size()).subspan(kLengthSize);

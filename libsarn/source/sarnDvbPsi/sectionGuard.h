@@ -15,8 +15,8 @@ bool pushPsiPacket(dvbpsi_s* handle, const uint8_t* packet);
 // Puts a check in front of the decoder attached to the handle (PAT, CAT, PMT or a demultiplexer whose
 // new-subtable data is its ts_stream_t): sections whose lengths do not fit into each other, or that are
 // numbered behind their last_section_number, are dropped before the decoder sees them; all others pass
-// unchanged. Of a demultiplexer it also bounds the sections that wait for the rest of their tables. Call
-// after each attach.
+// unchanged. Descriptors are looked at only in tables where the library would read on behind the section. Of
+// a demultiplexer it also bounds the sections that wait for the rest of their tables. Call after each attach.
 void guardSections(dvbpsi_s* handle);
 
 // Sections that the unfinished tables of one demultiplexer hold, up to 4 KiB each, before those of tables
