@@ -9,6 +9,17 @@
 
 inline constexpr int64_t kTableIntervalLimitMs = 500;  // PAT and PMT repetition, ETSI TR 101 290 5.2.1
 
+// Clocks that a capture file controls may be anything: their arithmetic wraps.
+inline int64_t wrappingSub(int64_t a, int64_t b) {
+    return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
+}
+inline int64_t wrappingAdd(int64_t a, int64_t b) {
+    return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
+}
+inline int64_t wrappingMul(int64_t a, int64_t b) {
+    return static_cast<int64_t>(static_cast<uint64_t>(a) * static_cast<uint64_t>(b));
+}
+
 // Creates a handle whose messages are counted on `stream`. Null without memory.
 dvbpsi_s* newPsiHandle(ts_stream_t* stream);
 

@@ -25,17 +25,6 @@ struct Step {
     uint16_t number;   // the PID
 };
 
-// Clocks that a capture file controls may be anything: their arithmetic wraps.
-inline int64_t wrappingSub(int64_t a, int64_t b) {
-    return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
-}
-inline int64_t wrappingAdd(int64_t a, int64_t b) {
-    return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
-}
-inline int64_t wrappingMul(int64_t a, int64_t b) {
-    return static_cast<int64_t>(static_cast<uint64_t>(a) * static_cast<uint64_t>(b));
-}
-
 struct AdaptationResult {
     uint32_t payload;           // where the payload begins by the sum of the fields; stuffing is not skipped
     bool signalsDiscontinuity;  // of the continuity counter: excuses a gap before this packet

@@ -113,7 +113,7 @@ void onPat(void* data, dvbpsi_pat_t* pat) {
 void checkPmtInterval(ts_stream_t& stream, ts_pmt_t& pmt) {
     pmt.i_prev_time = pmt.i_last_time;
     pmt.i_last_time = pmt.p_pid->i_last_seen;
-    if (pmt.i_prev_time == 0 || pmt.i_last_time - pmt.i_prev_time <= kTableIntervalLimitMs) {
+    if (pmt.i_prev_time == 0 || wrappingSub(pmt.i_last_time, pmt.i_prev_time) <= kTableIntervalLimitMs) {
         return;
     }
     countError(stream, *pmt.p_pid, kPmtError);
