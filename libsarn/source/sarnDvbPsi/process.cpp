@@ -83,15 +83,6 @@ inline void countGoodPacket(ts_stream_t& stream) {
     }
 }
 
-// Where the packet at or behind `i` begins; `len` when the datagram holds none.
-inline int32_t synchronise(ts_stream_t& stream, const uint8_t* buf, int32_t len, int32_t i) {
-    if (i <= len - kTsPacketSize && buf[i] == kSyncByte) [[likely]] {
-        countGoodPacket(stream);
-        return i;
-    }
-    return resynchronise(stream, buf, len, i);
-}
-
 void startStream(ts_stream_t& stream, const Arrival& arrival) {
     stream.b_started = 1;
     stream.i_first_time = arrival.ms;
@@ -442,12 +433,19 @@ inline void analysePacket(ts_stream_t& stream, TsPacket packet, int32_t readable
 bool analysePackets(ts_stream_t& stream, const uint8_t* buf, int32_t len, const Arrival& arrival) {
     DeliveryIndexFeed deliveryIndex(stream, arrival);
     const uint64_t packetsBefore = stream.i_packets;
+    const int32_t lastStart = len - kTsPacketSize;
     bool whole = true;
-    for (int32_t i = 0; i < len; i += kTsPacketSize) {
-        i = synchronise(stream, buf, len, i);
-        if (i >= len) {
-            whole = false;
+    for (int32_t i = 0;; i += kTsPacketSize) {
+        if (i <= lastStart && buf[i] == kSyncByte) [[likely]] {
+            countGoodPacket(stream);
+        } else if (i >= len) {
             break;
+        } else {
+            i = resynchronise(stream, buf, len, i);
+            if (i >= len) {
+                whole = false;
+                break;
+            }
         }
         analysePacket(stream, TsPacket(buf + i, kTsPacketSize), len - i, arrival, deliveryIndex);
     }
@@ -461,8 +459,8 @@ bool analysePackets(ts_stream_t& stream, const uint8_t* buf, int32_t len, const 
 
 }  // namespace
 
-// With many streams a datagram finds nothing of its own in the caches: what it will need is fetched at once instead
-// of one after the other (bench/analysisBench, 1000 streams).
+// With many streams a datagram finds nothing of its own in the caches: what it will need is fetched at once
+// instead of one after the other (bench/analysisBench, 1000 streams).
 inline void prefetchRecords(const ts_stream_t& stream, const uint8_t* buf, int32_t len) {
     if (len >= kTsPacketSize) {
         __builtin_prefetch(&stream.pid[TsHeader(buf).pid()], 1);
