@@ -1,6 +1,7 @@
 #include "support/process.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -71,6 +72,8 @@ Process::Process(std::vector<std::string> arguments)
 Process::~Process() {
     kill(SIGKILL);
     wait();
+    for (const char* report : {"Sanitizer", "runtime error: "})
+        EXPECT_EQ(err().find(report), std::string::npos) << err();
     close(outFile_);
     close(errFile_);
 }
