@@ -64,5 +64,3 @@ void timerTick(benchmark::State& state) {
 BENCHMARK(timerTick)->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-BENCHMARK_MAIN();

@@ -46,9 +46,9 @@ instructions() { # what, function to collect in
 instructions analysis 'sarnUdpStreams_processIpPacket*'
 instructions floor measuredFloor
 
-"$bin/analysisBench" "${options[@]}" 2>/dev/null | grep -v -e '^dupa' -e freeGopStructure -e calculateGOP -e '^GOP' \
-  -e i_frame -e 'Average I' -e 'B Frames'
-"$bin/snapshotBench" "${options[@]}" 2>&1 >/dev/null
+for program in analysisBench snapshotBench; do
+  "$bin/$program" "${options[@]}" 2>&1 >/dev/null
+done
 
 if [ "$mode" != quick ]; then
   "$root/scripts/netns.sh" "$root/bench/live.sh"

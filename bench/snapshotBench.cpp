@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <iostream>
 
 #include "configuration.h"
 #include "kestor.h"
@@ -149,16 +148,3 @@ void snapshot(benchmark::State& state) {
 BENCHMARK(snapshot)->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    // The writer's diagnostics go where nobody reads them; the figures to standard error.
-    benchmark::Initialize(&argc, argv);
-    benchmark::ConsoleReporter reporter(benchmark::ConsoleReporter::OO_Tabular);
-    reporter.SetOutputStream(&std::cerr);
-    reporter.SetErrorStream(&std::cerr);
-    if (freopen("/dev/null", "w", stdout) == nullptr) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    return 0;
-}
