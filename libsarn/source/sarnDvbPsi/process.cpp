@@ -212,6 +212,16 @@ void routePsi(Step s) {
     }
 }
 
+// Zero-filled; running out of memory ends the process.
+template <typename T>
+T* allocateZeroed(std::size_t count, int line) {
+    auto* block = static_cast<T*>(calloc(count, sizeof(T)));
+    if (block == nullptr) {
+        sarnFatal(line, kSarnDvbPsiFile);
+    }
+    return block;
+}
+
 void startPid(Step s) {
     ts_pid_t& pid = s.pid;
     pid.i_pid = s.number;
@@ -221,12 +231,12 @@ void startPid(Step s) {
     pid.i_cc = (s.header.continuityCounter() + 15) & 0x0F;
     pid.b_sampled = 0;
     if (pid.p_gop_result == nullptr) {
-        pid.p_gop_result = static_cast<GopResult*>(calloc(1, sizeof(GopResult)));
+        pid.p_gop_result = allocateZeroed<GopResult>(1, __LINE__);
         pid.p_gop_result->minimum = 255;
         pid.p_gop_result->maximum = 1;
     }
     if (pid.p_mos == nullptr) {
-        pid.p_mos = static_cast<MosMeasurement*>(calloc(1, sizeof(MosMeasurement)));
+        pid.p_mos = allocateZeroed<MosMeasurement>(1, __LINE__);
         pid.p_mos->minimum = 5.0;
         pid.p_mos->maximum = 1.0;
     }
@@ -264,10 +274,6 @@ void countIndicators(Step s) {
     }
 }
 
-PesSample* newSamples() {
-    return static_cast<PesSample*>(calloc(kGopFrames, sizeof(PesSample)));
-}
-
 // Every 500th frame the sizes of the buffer just written go into the GOP estimate.
 void estimateGop(Step s, const PesSample* samples) {
     if (s.pid.i_nal_count % kGopFrames == 0) {
@@ -295,8 +301,8 @@ void samplePes(Step s, uint8_t payloadOffset) {
     pid.i_prev_pes_lost = pid.i_lost;
 
     if (pid.p_samples_a == nullptr) {
-        pid.p_samples_a = newSamples();
-        pid.p_samples_b = newSamples();
+        pid.p_samples_a = allocateZeroed<PesSample>(kGopFrames, __LINE__);
+        pid.p_samples_b = allocateZeroed<PesSample>(kGopFrames, __LINE__);
     }
     pid.sample_no = static_cast<uint16_t>(pid.i_nal_count % kSamplePeriod);
     pid.b_sampled = 1;
