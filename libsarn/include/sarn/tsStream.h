@@ -177,7 +177,7 @@ struct ts_stream_t {
     uint64_t i_lost;        // sum of continuity gaps
     uint64_t i_null_packets;
     uint64_t i_bitrate_start_hr;
-    int64_t i_earliest_seen;  // ms, lowest arrival time ever; lets the timer thread, which reads it, skip
+    uint64_t i_earliest_seen;  // ms, lowest arrival time ever; lets the timer thread, which reads it, skip
 
     JitterMeasurement* p_jitter;  // owned
     uint64_t i_duplicated;

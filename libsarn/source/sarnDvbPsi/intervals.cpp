@@ -13,7 +13,7 @@ namespace {
 void countSilentPids(ts_stream_t& stream, int64_t nowSeconds) {
     const auto timeout = static_cast<uint32_t>(relaxedLoad(stream.i_pid_timeout));
     const uint64_t threshold = uint32_t{(static_cast<uint32_t>(nowSeconds) - timeout) * 1000};
-    if (static_cast<uint64_t>(relaxedLoad(stream.i_earliest_seen)) >= threshold) {
+    if (relaxedLoad(stream.i_earliest_seen) >= threshold) {
         return;  // no PID can have been seen before that
     }
     forEachPid(stream.seen, [&stream, threshold](uint32_t number) {

@@ -479,8 +479,10 @@ int32_t sarnDvbPsi_process(ts_stream_t* stream, const uint8_t* buf, int32_t len,
                            uint64_t now_hr) {
     const Arrival arrival{now_ms, now_hr, {.tv_sec = now_ms / 1000, .tv_usec = now_ms % 1000 * 1000}};
     prefetchRecords(*stream, buf, len);
-    if (!stream->b_started || now_ms < stream->i_earliest_seen) {
-        relaxedStore(stream->i_earliest_seen, now_ms);
+    // Unsigned, as the silence check compares.
+    const auto seen = static_cast<uint64_t>(now_ms);
+    if (!stream->b_started || seen < stream->i_earliest_seen) {
+        relaxedStore(stream->i_earliest_seen, seen);
     }
     if (analysePackets(*stream, buf, len, arrival)) {
         jitter_received_packet_cb(stream->p_jitter, &arrival.time);
