@@ -97,7 +97,8 @@ TEST(TableIntervals, PresenceIsCheckedEvery500Ms) {
     AnalysisContext context;
     TsStream packets;
     context.feed(packets.pat({{1, 0x100}}));
-    for (const auto& [ms, pat, pmt] : {std::tuple{499, 0u, 0u}, {500, 0u, 1u}, {999, 0u, 1u}, {1000, 1u, 2u}}) {
+    for (const auto& [ms, pat, pmt] :
+         {std::tuple{499, 0u, 0u}, {500, 0u, 1u}, {999, 0u, 1u}, {1000, 1u, 2u}}) {
         context.feed(packets.null(), ms);
         EXPECT_EQ(context.errors(kPatError), pat) << ms;
         EXPECT_EQ(context.errors(kPatError2, 0), pat) << ms;
@@ -109,12 +110,14 @@ TEST(TableIntervals, PresenceIsCheckedEvery500Ms) {
 TEST(SilenceCheck, CountsSeenPidsThatAreNotIgnored) {
     AnalysisContext context;
     TsStream packets;
-    context.feed(packets.pat({{1, 0x100}}).pmt(1, 0x100, 0x101, {{0x1B, 0x101}, {0xFF, 0x102}}).payload(0x101));
+    context.feed(
+        packets.pat({{1, 0x100}}).pmt(1, 0x100, 0x101, {{0x1B, 0x101}, {0xFF, 0x102}}).payload(0x101));
     context.feed(packets.payload(0x102).payload(0x103).null(), -kStartMs + 4000);
     sarnDvbPsi_timerTick(9);
     EXPECT_EQ(context.errors(kPidError), 0u) << "last seen exactly at the limit";
     sarnDvbPsi_timerTick(10);
-    EXPECT_EQ(context.errors(kPidError), 2u) << "wall-clock times stay above the threshold; 8191 is not examined";
+    EXPECT_EQ(context.errors(kPidError), 2u)
+        << "wall-clock times stay above the threshold; 8191 is not examined";
     sarnDvbPsi_setPidNumberState(context.get(), 0x103, 1);
     sarnDvbPsi_setPidTypeState(context.get(), 0xFF, 1);
     sarnDvbPsi_timerTick(10);
@@ -164,7 +167,8 @@ TEST(Latch, MakesIntervalsDifferencesAndRestartsTheJitterMaximum) {
 TEST(ContextDeathTest, AbortsOnBrokenInvariants) {
     AnalysisContext context;
     EXPECT_DEATH(sarnDvbPsi_getTsMetricsInterval(context.get(), 1), "intervalId < 1 && intervalId >=0");
-    EXPECT_DEATH(sarnDvbPsi_getPidMetricsInterval(context.get(), 0, -1), "source/sarnDvbPsi:2375");
+    EXPECT_DEATH(sarnDvbPsi_getPidMetricsInterval(context.get(), 0, -1),
+                 "source/sarnDvbPsi:2375: sarnDvbPsi_getPidMetricsInterval: Assertion");
     EXPECT_DEATH(sarnDvbPsi_setPidNumberState(context.get(), 8192, 1), "pidNumber < 8192");
     EXPECT_DEATH(sarnDvbPsi_exit(context->p_intervals), "knownStream != \\(\\(void \\*\\)0\\)");
 }

@@ -56,12 +56,12 @@ T* grow(T* array, uint32_t count, int line) {
     return checked(static_cast<T*>(realloc(array, (count + std::size_t{1}) * sizeof(T))), line);
 }
 
-void assertInterval(int32_t intervalId, int line) {
-    SARN_ASSERT_AT(intervalId < 1 && intervalId >= 0, "intervalId < 1 && intervalId >=0", kSarnDvbPsiFile,
-                   line);
+constexpr char kIntervalAssertion[] = "intervalId < 1 && intervalId >=0";
+constexpr bool isInterval(int32_t intervalId) {
+    return intervalId < 1 && intervalId >= 0;
 }
 
-// The loss ratio; `unless there is traffic` the value given stays.
+// The loss ratio; without traffic the value given stays.
 template <typename Metrics>
 void updateLossRatio(Metrics& metrics) {
     const uint64_t all = metrics.packetsLost + metrics.packetsReceived;
@@ -182,7 +182,7 @@ TsMetrics* sarnDvbPsi_getTsMetricsCumulative(ts_stream_t* stream) {
 }
 
 TsMetrics* sarnDvbPsi_getTsMetricsInterval(ts_stream_t* stream, int32_t intervalId) {
-    assertInterval(intervalId, kTsIntervalLine);
+    SARN_ASSERT_AT(isInterval(intervalId), kIntervalAssertion, kSarnDvbPsiFile, kTsIntervalLine);
     TsMetrics* tsMetricsPrev = sarnDvbPsi_getTsMetricsCumulative(stream->p_intervals + intervalId);
     TsMetrics* tsMetricsCurrent = sarnDvbPsi_getTsMetricsCumulative(stream);
     tsMetricsCurrent->nullPackets -= tsMetricsPrev->nullPackets;
@@ -236,7 +236,7 @@ PidMetrics* sarnDvbPsi_getPidMetricsCumulative(ts_stream_t* stream, uint16_t pid
 }
 
 PidMetrics* sarnDvbPsi_getPidMetricsInterval(ts_stream_t* stream, uint16_t pid, int32_t intervalId) {
-    assertInterval(intervalId, kPidIntervalLine);
+    SARN_ASSERT_AT(isInterval(intervalId), kIntervalAssertion, kSarnDvbPsiFile, kPidIntervalLine);
     ts_stream_t* latched = stream->p_intervals + intervalId;
     const ts_pid_t& entry = stream->pid[pid];
     PidMetrics* pidMetricsPrev = sarnDvbPsi_getPidMetricsCumulative(latched, pid);
