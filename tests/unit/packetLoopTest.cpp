@@ -75,7 +75,8 @@ TEST(PacketLoop, CountsContinuityGaps) {
     const Case cases[] = {
         {"three lost", [](TsStream& s) { s.lose(kVideoPid, 3).payload(kVideoPid); }, 1, 3},
         {"repeated packet", [](TsStream& s) { s.repeatLast(); }, 1, 15},
-        {"gap before a packet without payload", [](TsStream& s) { s.lose(kVideoPid, 3).pcr(kVideoPid, 1); }, 0, 0},
+        {"gap before a packet without payload", [](TsStream& s) { s.lose(kVideoPid, 3).pcr(kVideoPid, 1); },
+         0, 0},
         {"null packets", [](TsStream& s) { s.null().lose(test::kNullPid, 2).null(); }, 0, 0},
         {"discontinuity indicator without PCR",
          [](TsStream& s) {
@@ -146,7 +147,8 @@ TEST(PacketLoop, ChecksPcrAgainstArrivalAndItsOwnSteps) {
         packets.pcr(kVideoPid, static_cast<uint64_t>(10'000 + c.pcrMs) * (kPcrHz / 1000), c.discontinuity);
         testing::internal::CaptureStderr();
         context.feed(packets, c.arrivalMs);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.pcrMs < 0 ? "stofain: Warning wrapping PCR\n" : "");
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  c.pcrMs < 0 ? "stofain: Warning wrapping PCR\n" : "");
         EXPECT_EQ(context.errors(kPcrRepetitionError, kVideoPid), c.repetition) << c.name;
         EXPECT_EQ(context.errors(kPcrDiscontinuityIndicatorError), c.discontinuityErrors) << c.name;
         EXPECT_EQ(context.errors(kPcrError), c.repetition + c.discontinuityErrors) << c.name;
@@ -182,7 +184,8 @@ TEST(PacketLoop, CountsScrambledPacketsAndThoseBeforeAnyCat) {
     EXPECT_EQ(context.errors(kTransportError, kVideoPid), 1u);
 }
 
-// Lengths inside a packet that lead out of it read zeros, and nothing outside is touched (the sanitizers watch).
+// Lengths inside a packet that lead out of it read zeros, and nothing outside is touched (the sanitizers
+// watch).
 TEST(PacketLoop, StaysInsideTheDatagramWhateverItsLengthsSay) {
     AnalysisContext context;
     TsStream tables;
