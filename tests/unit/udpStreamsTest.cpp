@@ -1,0 +1,93 @@
+// The stream table: which frames reach which stream, and how many packets of them.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "sarn/packetJitter.h"
+#include "sarn/udpStreams.h"
+#include "support/frameBuilder.h"
+#include "support/streamBuilder.h"
+
+namespace {
+
+using test::Bytes;
+using test::UdpFlow;
+
+class UdpStreams : public testing::Test {
+  protected:
+    ~UdpStreams() override {
+        sarnUdpStreams_deleteAll(table_);
+        free(table_);
+    }
+    UdpStream* add(const std::string& group) {
+        return sarnUdpStreams_addStream(table_, inet_addr(group.c_str()), 0, 0, "name", &lock_);
+    }
+    // Cut to `size` bytes, behind which the sanitizers watch.
+    void capture(const Bytes& frame, uint64_t ms = 1, std::size_t size = SIZE_MAX) {
+        const Bytes block(frame.data(), frame.data() + std::min(size, frame.size()));
+        sarnUdpStreams_processIpPacket(table_, block.data(), block.size(), ms, 0, &lock_);
+    }
+
+    UdpStreamTable* table_ = sarnUdpStreams_initialize();
+    pthread_rwlock_t lock_ = PTHREAD_RWLOCK_INITIALIZER;
+};
+
+Bytes packets(int count) {
+    return test::TsStream().null(count).takeDatagrams(count).at(0);
+}
+
+TEST_F(UdpStreams, LearnsTheLayoutFromTheFirstDatagram) {
+    struct Case {
+        UdpFlow flow;
+        uint32_t hasExtraHeader, payloadOffset;
+        uint64_t packets;  // of a datagram of seven and one of three, both read by the first one's layout
+    };
+    Case cases[] = {
+        {{.group = "239.0.0.1"}, 1, 42, 7 + 3},
+        {{.group = "239.0.0.2", .rtp = true}, 1, 54, 7 + 3},
+        {{.group = "239.0.0.3", .udpLength = 8 + 3 * 188}, 1, 42, 3 + 3},
+        {{.group = "239.0.0.4", .udpLength = 7 * 188}, 0, 34, 6 + 3},  // begins 8 bytes early, ends in a part
+        {{.group = "239.0.0.5", .udpLength = 187}, 1, 221, 0},
+    };
+    for (Case& c : cases) {
+        const UdpStream* stream = add(c.flow.group);
+        capture(c.flow.frame(packets(7)));
+        capture(c.flow.frame(packets(3)));
+        EXPECT_EQ(stream->hasExtraHeader, c.hasExtraHeader) << c.flow.group;
+        EXPECT_EQ(stream->payloadOffset, c.payloadOffset) << c.flow.group;
+        EXPECT_EQ(stream->tsStream->i_packets, c.packets) << c.flow.group;
+    }
+}
+
+TEST_F(UdpStreams, AnalysesWhatWasCapturedOfTheFirstSource) {
+    const UdpStream* stream = add("239.1.1.1");
+    UdpFlow first{.ttl = 9, .tos = 0xBA};
+    UdpFlow second{.source = "10.0.0.2", .ttl = 10, .tos = 1};
+    capture(UdpFlow{.group = "239.1.1.3"}.frame(packets(7)));
+    capture(first.frame(packets(7)), 1, 41);
+    EXPECT_FALSE(stream->initialized) << "a group of no stream, and a frame without all its headers";
+    capture(first.frame(packets(7)), 5, 42 + 2 * 188);
+    EXPECT_EQ(stream->tsStream->i_packets, 2u);
+    capture(second.frame(packets(7)), 6);
+    EXPECT_EQ(stream->ttl, 10) << "recorded, though not analysed";
+    capture(first.frame(packets(7)), 7, 42);
+    EXPECT_TRUE(stream->wrongSource);
+    EXPECT_EQ(stream->lastPacketTimeMs, 7u);
+    EXPECT_EQ(stream->dscp, 0x2E);
+    EXPECT_EQ(stream->ecn, 2);
+    EXPECT_EQ(stream->tsStream->i_packets, 2u);
+    EXPECT_EQ(stream->tsStream->p_jitter->arrivalCount, 2u) << "the second source's is not analysed";
+}
+
+TEST_F(UdpStreams, ListsStreamsInOrderOfInsertion) {
+    add("239.1.1.2");
+    UdpStream* removed = add("239.1.1.9");
+    add("239.1.1.1");
+    sarnUdpStreams_deleteStream(table_, removed, &lock_);
+    testing::internal::CaptureStdout();
+    sarnUdpStreams_printStreams(table_);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "0 name 239.1.1.2 0 \n0 name 239.1.1.1 0 \n");
+}
+
+}  // namespace
