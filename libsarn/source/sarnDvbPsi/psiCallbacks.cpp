@@ -88,26 +88,24 @@ bool followProgram(ts_stream_t* stream, const dvbpsi_pat_program_t& program) {
 
 void onPat(void* data, dvbpsi_pat_t* pat) {
     auto* stream = static_cast<ts_stream_t*>(data);
-    {
-        const SpinGuard guard(stream->lock);
-        stream->i_pat_prev_time = stream->i_pat_time;
-        stream->i_pat_time = static_cast<uint64_t>(stream->pid[0].i_last_seen);
-        if (stream->i_pat_prev_time != 0 &&
-            stream->i_pat_time - stream->i_pat_prev_time > static_cast<uint64_t>(kTableIntervalLimitMs)) {
-            countError(*stream, stream->pid[0], kPatError2);
-        }
-        stream->i_pat_version = pat->i_version;
-        stream->i_ts_id = pat->i_ts_id;
-        dropPmtsMissingFrom(*pat, stream);
-        for (const dvbpsi_pat_program_t* program = pat->p_first_program; program != nullptr;
-             program = program->p_next) {
-            if (!followProgram(stream, *program)) {
-                printcf(2, "stofain: Failed to attach new pmt decoder\n");
-                break;
-            }
-        }
-        dvbpsi_pat_delete(pat);
+    const SpinGuard guard(stream->lock);
+    stream->i_pat_prev_time = stream->i_pat_time;
+    stream->i_pat_time = static_cast<uint64_t>(stream->pid[0].i_last_seen);
+    if (stream->i_pat_prev_time != 0 &&
+        stream->i_pat_time - stream->i_pat_prev_time > static_cast<uint64_t>(kTableIntervalLimitMs)) {
+        countError(*stream, stream->pid[0], kPatError2);
     }
+    stream->i_pat_version = pat->i_version;
+    stream->i_ts_id = pat->i_ts_id;
+    dropPmtsMissingFrom(*pat, stream);
+    for (const dvbpsi_pat_program_t* program = pat->p_first_program; program != nullptr;
+         program = program->p_next) {
+        if (!followProgram(stream, *program)) {
+            printcf(2, "stofain: Failed to attach new pmt decoder\n");
+            break;
+        }
+    }
+    dvbpsi_pat_delete(pat);
 }
 
 void checkPmtInterval(ts_stream_t& stream, ts_pmt_t& pmt) {
