@@ -27,7 +27,7 @@ void onMessage(dvbpsi_t* handle, dvbpsi_msg_level_t level, const char* message) 
 
 // Deletes the record of a PMT PID, if there is one, with its table.
 void dropPmt(ts_stream_t* stream, uint16_t pid) {
-    const ts_pmt_t* pmt = findPmtByPid(stream, pid);
+    const ts_pmt_t* pmt = stream->pid[pid].p_pmt;
     if (pmt == nullptr) {
         return;
     }
