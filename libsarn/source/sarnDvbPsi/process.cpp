@@ -463,8 +463,6 @@ bool analysePackets(ts_stream_t& stream, const uint8_t* buf, int32_t len, const 
     return whole;
 }
 
-}  // namespace
-
 // With many streams a datagram finds nothing of its own in the caches: what it will need is fetched at once
 // instead of one after the other (bench/analysisBench, 1000 streams).
 inline void prefetchRecords(const ts_stream_t& stream, const uint8_t* buf, int32_t len) {
@@ -474,6 +472,8 @@ inline void prefetchRecords(const ts_stream_t& stream, const uint8_t* buf, int32
     __builtin_prefetch(stream.p_mdi, 1);
     __builtin_prefetch(stream.p_jitter, 1);
 }
+
+}  // namespace
 
 int32_t sarnDvbPsi_process(ts_stream_t* stream, const uint8_t* buf, int32_t len, int64_t now_ms,
                            uint64_t now_hr) {
