@@ -69,9 +69,7 @@ void replay(const Arguments& arguments, FILE* standardOutput) {
     }
 }
 
-}  // namespace
-
-int main(int argc, char* argv[]) {
+int run(int argc, char* argv[]) {
     CLI::App app("Analyses the multicast transport streams of a capture file as the probe does",
                  "kestor-replay");
     Arguments arguments;
@@ -90,4 +88,15 @@ int main(int argc, char* argv[]) {
         return kExitFailed;
     }
     return 0;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {
+        fprintf(stderr, "kestor-replay: %s\n", error.what());
+        return kExitFailed;
+    }
 }

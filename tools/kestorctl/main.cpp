@@ -138,15 +138,15 @@ void declare(CLI::App& app, Arguments& arguments) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-    CLI::App app("Controls a kestor probe on this machine and shows its results", "kestorctl");
-    Arguments arguments;
-    declare(app, arguments);
     try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kExitUsage;
-    }
-    try {
+        CLI::App app("Controls a kestor probe on this machine and shows its results", "kestorctl");
+        Arguments arguments;
+        declare(app, arguments);
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::ParseError& error) {
+            return app.exit(error) == 0 ? 0 : kExitUsage;
+        }
         return run(app, arguments);
     } catch (const std::exception& error) {
         fprintf(stderr, "kestorctl: %s\n", error.what());
