@@ -24,7 +24,7 @@ void floorOfHeaders(benchmark::State& state) {
     const bench::Recording recording(static_cast<uint32_t>(state.range(0)));
     std::vector<uint64_t> perPid(kPidCount);
     std::size_t index = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         bench::countHeaders({recording.frame(index++), bench::kFrameSize}, perPid);
     }
     benchmark::DoNotOptimize(perPid.data());
@@ -42,7 +42,7 @@ void analysis(benchmark::State& state) {
     for (std::size_t i = 0; i < warmUp; ++i) {
         table.feed();
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         table.feed();
     }
     state.counters["KiB/stream"] = static_cast<double>(bench::residentBytes() - before) / 1024 / streams;
@@ -57,7 +57,7 @@ void timerTick(benchmark::State& state) {
         table.feed();
     }
     const int64_t nowSeconds = 1'700'000'100;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         sarnDvbPsi_timerTick(nowSeconds);
     }
 }

@@ -124,7 +124,7 @@ void snapshot(benchmark::State& state) {
     Monitor monitor;
     std::vector<char> memory(kFileSize);
     watchedLock = &monitor.device()->streamsLock;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         watchedLock = nullptr;
         monitor.play();

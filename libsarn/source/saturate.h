@@ -9,7 +9,7 @@ template <std::integral Int, std::floating_point Float>
 constexpr Int saturate(Float value) {
     using Limits = std::numeric_limits<Int>;
     // The largest integer itself may have no floating-point form; the power of two above it always has one.
-    constexpr Float kAboveMaximum = static_cast<Float>(Limits::max() / 2 + 1) * 2;
+    constexpr Float kAboveMaximum = static_cast<Float>(Int{1} << (Limits::digits - 1)) * 2;
     constexpr Float kMinimum = static_cast<Float>(Limits::min());
     if (value != value) {
         return 0;
