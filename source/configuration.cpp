@@ -39,9 +39,10 @@ void joinGroup(T_interface* device, UdpStream* stream) {
         return;
     }
     device->streamJoiner->join(stream->group);
-    // The results writer reads the time.
+    // The latency counts from here, not from the end of the wait for the lock.
+    const uint64_t joinTime = GetTimeInt64();
     const WriteLock hold(&device->streamsLock);
-    sarnUdpStreams_setIGMPJoinTime(stream, GetTimeInt64());
+    sarnUdpStreams_setIGMPJoinTime(stream, joinTime);
 }
 
 void removeStream(T_interface* device, UdpStream* stream) {
