@@ -94,6 +94,9 @@ bool reportNewResults(T_interface* device, TasksRequest* request) {
 bool reportScan(T_interface* device, TasksRequest* request) {
     puts("current_device->has_scan_results");
     const ReadLock hold(&device->channelListLock);
+    // Asked before the list is walked: a pass that ends meanwhile has left a result behind, and a scan with
+    // a result to report is not abandoned.
+    const bool passRuns = device->packetCaptureThreadActive;
     const bool allReported = reportNewResults(device, request);
     if (request->scan_results_size() > 0) {
         // Also with the last results: that all were reported shows at the next request.
@@ -106,7 +109,7 @@ bool reportScan(T_interface* device, TasksRequest* request) {
         request->set_scan_status(kScanOver);
         return true;
     }
-    if (device->packetCaptureThreadActive) {
+    if (passRuns) {
         addScanResult(request, device->scannedGroup, kStatusBeingScanned);
         puts("current_device->packetCaptureThreadActive: request->set_scan_status(true);");
         request->set_scan_status(kScanGoesOn);
