@@ -70,7 +70,7 @@ std::vector<test::Bytes> tables() {
 
 std::vector<test::Bytes> pictures(test::TsStream& packets) {
     for (uint16_t i = 0; i < kElementaryPids; ++i) {
-        packets.video(static_cast<uint16_t>(kFirstElementaryPid + i), 1, 0);
+        packets.pes(static_cast<uint16_t>(kFirstElementaryPid + i), {.pts = 0});
     }
     return packets.takeDatagrams();
 }

@@ -47,11 +47,10 @@ TEST(Control, AsksTwiceASecondOnAFreshConnection) {
 }
 
 TEST(Control, AddsRemovesAndClearsChannels) {
-    Controller controller;
-    const Process kestor({"kestor", "-s"});
-    ASSERT_TRUE(kestor.waitForOut("listening on"));
-    controller.answer(response({kA, kB, kC}));
-    ASSERT_TRUE(eventually([] { return igmpMember(kA) && igmpMember(kB) && igmpMember(kC); }));
+    Probe probe({kA, kB, kC});
+    Controller& controller = probe.controller;
+    const Process& kestor = probe.kestor;
+    EXPECT_TRUE(igmpMember(kA) && igmpMember(kB));
     EXPECT_THAT(kestor.out(), HasSubstr("239.1.1.1\nDodaje kanal: 239.1.1.1\n\n"));
     snapshotWith([](const Snapshot& s) { return s.records.size() == 3; });
 
@@ -64,9 +63,8 @@ TEST(Control, AddsRemovesAndClearsChannels) {
                "connect_to_channel setsockopt error! - check  /proc/sys/net/ipv4/igmp_max_memberships\n";
     }));
 
-    const FrameSender network;
     UdpFlow flow{.group = kA};
-    network.send(flow, TsStream().payload(0x200, 70).takeDatagrams());
+    probe.network.send(flow, TsStream().payload(0x200, 70).takeDatagrams());
     snapshotWithPackets(kA, 70);
 
     controller.answer(response({}, {kB}));
@@ -84,7 +82,7 @@ TEST(Control, AddsRemovesAndClearsChannels) {
     EXPECT_EQ(fresh.records.front().columns[0], kC);
     EXPECT_TRUE(igmpMember(kA));
 
-    network.send(flow, TsStream().payload(0x200, 7).takeDatagrams());
+    probe.network.send(flow, TsStream().payload(0x200, 7).takeDatagrams());
     snapshotWithPackets(kA, 7);
     controller.answer(clearAll(false));
     ASSERT_TRUE(kestor.waitForOut("analyzeClearErrorMessage\nDupa!!!!0\n\n\n\n\n\n\n\n"));

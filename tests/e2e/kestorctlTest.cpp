@@ -108,11 +108,7 @@ TEST(Kestorctl, WatchesTheRecords) {
 
 TEST(Kestorctl, ScansAndReports) {
     const Process kestor({"kestor", "-c"});
-    auto network = std::make_shared<FrameSender>();
-    const Repeat traffic(10ms, [network] {
-        UdpFlow flow{.group = kA};
-        network->send(flow, TsStream().null(7).takeDatagrams());
-    });
+    const auto traffic = liveTraffic(kA);
     const Result scan = kestorctl({"scan", kA, kB, "--igmp-latency", "3", "--json"});
     EXPECT_EQ(scan.status, 0) << scan.err;
     const auto results = jsonLines(scan.out);

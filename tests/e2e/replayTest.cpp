@@ -39,11 +39,14 @@ std::string timeless(const Record& record) {
 std::vector<Bytes> damagedDatagrams() {
     TsStream stream;
     stream.pat({{0, 0x10}, {1, 0x100}, {2, 0x110}}).pmt(1, 0x100, 0x101, {{0x1B, 0x101}, {0x0F, 0x102}});
-    stream.video(0x101, 10, 9000, 27'000'000).lose(0x101, 3).payload(0x101, 5).repeatLast();
+    stream.pcr(0x101, 27'000'000).pes(0x101, {.pts = 9000, .packets = 10});
+    stream.lose(0x101, 3).payload(0x101, 5).repeatLast();
     stream.pcr(0x101, 27'000'000 + 4'000'000).pcr(0x101, 1).payload(0x102, 3);
     stream.last()[1] |= 0x80;
     stream.payload(0x102);
     stream.last()[3] |= 0xC0;
+    stream.section(1, psi::section(1, 0xFFFF, 0, psi::descriptor(9, {0x0B, 0, 0xE1, 0}))).payload(0x102);
+    stream.last()[3] |= 0x80;
     stream.pmt(2, 0x110, 0x1FFF, {}).pat({{1, 0x100}}, 1);
     Bytes broken = psi::pmtSection(1, 1, 0x101, {});
     broken.back() ^= 1;
@@ -73,7 +76,8 @@ TEST(Replay, WritesWhatTheProbeWrites) {
     EXPECT_EQ(line["PCR_discontinuity_indicator_error"], "1") << "a step forward only";
     EXPECT_EQ(line.values({"Continuity_count_error", "Transport_error", "CRC_error", "CAT_error",
                            "packetsScrambled"}),
-              "2 1 1 1 1");
+              "2 1 1 1 2")
+        << "scrambled packets are an error before the first CAT only";
 
     const Probe probe({kGroup});
     for (const Bytes& frame : frames)
@@ -115,7 +119,7 @@ TEST(Replay, SnapshotsFollowTheStamps) {
 
 TEST(Replay, RefusesWhatItCannotRead) {
     std::ofstream("/tmp/nonsense") << "this is no capture file, though it is long enough to be one";
-    PcapWriter("/tmp/raw.pcap", PcapWriter::Stamps::kMicro, 101);
+    PcapWriter("/tmp/raw.pcap", PcapWriter::Stamps::kMicro, DLT_RAW);
     { PcapWriter empty(kCapture); }
     const std::vector<std::pair<std::vector<std::string>, int>> cases = {
         {{"/tmp/absent"}, 1},

@@ -25,54 +25,32 @@ Envelope scan(const Groups& groups, int latencyMs) {
     return envelope;
 }
 
-// One request as text: the scan status and the results, "1 239.1.1.1=2".
-std::string progress(const Controller::Request& request) {
-    std::string text = request.body.has_scan_status() ? std::to_string(request.body.scan_status()) : "-";
-    for (const auto& result : request.body.scan_results())
-        text += " " + result.multicastgroup() + "=" + std::to_string(result.status());
-    return text;
-}
-
-// Of all requests so far; of equal ones in a row only the first.
+// All requests so far as scan status and results, "1 239.1.1.1=2"; of equal ones in a row only the first.
 std::vector<std::string> progress(const Controller& controller) {
     std::vector<std::string> all;
-    for (const auto& request : controller.requests())
-        if (const std::string text = progress(request); all.empty() || all.back() != text)
+    for (const auto& [time, connection, body] : controller.requests()) {
+        std::string text = body.has_scan_status() ? std::to_string(body.scan_status()) : "-";
+        for (const auto& result : body.scan_results())
+            text += " " + result.multicastgroup() + "=" + std::to_string(result.status());
+        if (all.empty() || all.back() != text)
             all.push_back(text);
+    }
     return all;
-}
-
-// Datagrams of the live group, in the background.
-std::unique_ptr<Repeat> liveTraffic() {
-    auto network = std::make_shared<FrameSender>();
-    return std::make_unique<Repeat>(10ms, [network] {
-        UdpFlow flow{.group = kLive};
-        network->send(flow, TsStream().null(7).takeDatagrams());
-    });
 }
 
 std::string began(const std::string& group) {
     return "Zaczynam watek dla strumienia " + group + "\n";
 }
 
-std::string ended(const std::string& group) {
-    return "Koncze watek dla strumienia " + group + "\n";
-}
-
-std::string between(const std::string& text, const std::string& from, const std::string& to) {
-    const auto start = text.find(from);
-    return start == std::string::npos ? "" : text.substr(start, text.find(to, start) - start);
-}
-
 TEST(Scan, ReportsGroupByGroup) {
     // 221 attempts of at most 22 ms: the silent group is under scan when the third request goes out, at 5 s.
     constexpr int kLatencyMs = 22;
     Controller controller;
-    auto traffic = liveTraffic();
+    auto traffic = liveTraffic(kLive);
     controller.queue(scan({kLive, kAmongOthers, kSilent}, kLatencyMs));
     const Process kestor({"kestor", "-c"});
     ASSERT_TRUE(kestor.waitForOut(began(kSilent)));
-    traffic.reset();
+    traffic = {};
     EXPECT_TRUE(igmpMember(kSilent));
     EXPECT_FALSE(igmpMember(kLive));
     ASSERT_TRUE(eventually([&] { return progress(controller).size() == 6; }, 25s));
@@ -84,25 +62,26 @@ TEST(Scan, ReportsGroupByGroup) {
     EXPECT_LT(span, 8500ms);
 
     const std::string out = kestor.out();
-    EXPECT_THAT(out, HasSubstr("Packet read without problem 239.1.1.1 220\n" + ended(kLive)));
+    EXPECT_THAT(
+        out, HasSubstr("Packet read without problem 239.1.1.1 220\nKoncze watek dla strumienia 239.1.1.1\n"));
     // A frame of another group costs two attempts, a wait that ran out one; the group is given up beyond 220.
-    const std::string among = between(out, began(kAmongOthers), ended(kAmongOthers));
+    const std::string among =
+        out.substr(out.find(began(kAmongOthers)), out.find(began(kSilent)) - out.find(began(kAmongOthers)));
     const auto attempts = 2 * occurrences(among, "Packet read without problem 239.1.1.1 220\n") +
                           occurrences(among, "Packet read problem ");
     EXPECT_THAT(attempts, AllOf(testing::Ge(221U), testing::Le(223U)));
-    const std::string silent = between(out, began(kSilent), ended(kSilent));
-    EXPECT_THAT(silent, HasSubstr("Packet read problem 221 220\n"));
+    EXPECT_THAT(out.substr(out.find(began(kSilent))), HasSubstr("Packet read problem 221 220\n"));
     EXPECT_THAT(out, AllOf(HasSubstr("send_all: request->scan_results_size() == 0\n"),
                            HasSubstr("packetCaptureThreadActive: request->set_scan_status(true);\n")));
 }
 
 TEST(Scan, GoesOnWhileTheControllerIsAway) {
-    auto traffic = liveTraffic();
+    auto traffic = liveTraffic(kLive);
     std::optional<Controller> controller(std::in_place);
     controller->queue(scan({kLive, kSilent}, 25));
     const Process kestor({"kestor", "-c"});
     ASSERT_TRUE(kestor.waitForOut(began(kSilent)));
-    traffic.reset();
+    traffic = {};
     controller.reset();
     ASSERT_TRUE(kestor.waitForOut(" passive monitoring 0\n", 3));
     controller.emplace();

@@ -1,8 +1,9 @@
 // Ethernet frames with UDP multicast datagrams, and capture files of them.
 #pragma once
 
+#include <pcap/pcap.h>
+
 #include <cstdint>
-#include <fstream>
 #include <optional>
 #include <span>
 #include <string>
@@ -25,24 +26,25 @@ struct UdpFlow {
     std::optional<uint16_t> udpLength = {};  // in place of the true one
     uint16_t rtpSequence = 0;
 
-    // The next frame; counts rtpSequence up.
+    // The next frame; counts rtpSequence up. The header checksums are 0.
     Bytes frame(std::span<const uint8_t> payload);
 };
 
-// A capture file in the classic format, little-endian.
+// A capture file in the classic format.
 class PcapWriter {
   public:
-    enum class Stamps { kMicro, kNano };
-    static constexpr uint32_t kEthernet = 1;
+    enum class Stamps { kMicro = PCAP_TSTAMP_PRECISION_MICRO, kNano = PCAP_TSTAMP_PRECISION_NANO };
 
-    explicit PcapWriter(const std::string& path, Stamps stamps = Stamps::kMicro,
-                        uint32_t linkType = kEthernet);
+    explicit PcapWriter(const std::string& path, Stamps stamps = Stamps::kMicro, int linkType = DLT_EN10MB);
+    ~PcapWriter();
+    PcapWriter(const PcapWriter&) = delete;
     // `timeNs`: nanoseconds since the epoch.
     void write(uint64_t timeNs, std::span<const uint8_t> frame);
 
   private:
-    std::ofstream file_;
-    Stamps stamps_;
+    pcap_t* format_;
+    pcap_dumper_t* file_;
+    uint64_t tickNs_;
 };
 
 }  // namespace test

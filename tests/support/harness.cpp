@@ -1,12 +1,10 @@
 #include "support/harness.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,9 +12,9 @@
 #include <cstdio>
 #include <fstream>
 #include <sstream>
-#include <zmq.hpp>
 
 #include "recordColumns.h"
+#include "support/streamBuilder.h"
 
 namespace test {
 namespace {
@@ -29,27 +27,6 @@ bool fileHas(const char* path, const char* text) {
     std::ifstream file(path);
     const std::string all((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     return all.find(text) != std::string::npos;
-}
-
-// Everything that is written to the pipe between two openings, or what came until the deadline.
-std::string readPipe(std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    const int fd = open(kResultsPipe, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    EXPECT_GE(fd, 0) << "no results pipe";
-    std::string text;
-    for (bool ended = fd < 0; !ended && std::chrono::steady_clock::now() < deadline;) {
-        pollfd ready{fd, POLLIN, 0};
-        if (poll(&ready, 1, 100) <= 0)
-            continue;
-        std::array<char, 65536> buffer;
-        const ssize_t count = read(fd, buffer.data(), buffer.size());
-        if (count > 0)
-            text.append(buffer.data(), static_cast<std::size_t>(count));
-        ended = count == 0;
-    }
-    if (fd >= 0)
-        close(fd);
-    return text;
 }
 
 // Where a record has the column of that name; behind its end if nowhere.
@@ -81,32 +58,20 @@ Envelope clearAll(bool value) {
     return envelope;
 }
 
-Controller::Controller() : server_(&Controller::serve, this) {
-    EXPECT_TRUE(eventually([this] { return ready_ || ending_; }) && ready_) << "control endpoint not bound";
-}
-
-Controller::~Controller() {
-    ending_ = true;
-    server_.join();
-}
-
-void Controller::serve() {
-    zmq::context_t context;
+zmq::socket_t Controller::bound(zmq::context_t& context) {
     zmq::socket_t socket(context, ZMQ_ROUTER);
     socket.set(zmq::sockopt::linger, 0);
     socket.set(zmq::sockopt::rcvtimeo, 20);
-    try {
-        socket.bind(kEndpoint);
-    } catch (const zmq::error_t&) {
-        ending_ = true;
-        return;
-    }
-    ready_ = true;
-    while (!ending_) {
+    socket.bind(kEndpoint);
+    return socket;
+}
+
+void Controller::serve(const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
         zmq::message_t connection;
         zmq::message_t delimiter;
         zmq::message_t body;
-        if (!socket.recv(connection) || !socket.recv(delimiter) || !socket.recv(body))
+        if (!socket_.recv(connection) || !socket_.recv(delimiter) || !socket_.recv(body))
             continue;
         Envelope envelope;
         EXPECT_TRUE(envelope.ParseFromArray(body.data(), static_cast<int>(body.size())));
@@ -118,9 +83,9 @@ void Controller::serve() {
             text = answers_.front();
             answers_.pop_front();
         }
-        socket.send(connection, zmq::send_flags::sndmore);
-        socket.send(delimiter, zmq::send_flags::sndmore);
-        socket.send(zmq::buffer(text));
+        socket_.send(connection, zmq::send_flags::sndmore);
+        socket_.send(delimiter, zmq::send_flags::sndmore);
+        socket_.send(zmq::buffer(text));
     }
 }
 
@@ -167,17 +132,12 @@ void FrameSender::send(UdpFlow& flow, const std::vector<Bytes>& datagrams) const
         send(flow.frame(datagram));
 }
 
-Repeat::Repeat(std::chrono::milliseconds period, std::function<void()> action)
-    : thread_([this, period, action = std::move(action)] {
-          for (auto due = std::chrono::steady_clock::now(); !ending_; due += period) {
-              std::this_thread::sleep_until(due);
-              action();
-          }
-      }) {}
-
-Repeat::~Repeat() {
-    ending_ = true;
-    thread_.join();
+std::jthread liveTraffic(const std::string& group) {
+    return std::jthread([group](const std::stop_token& stop) {
+        const FrameSender network;
+        for (UdpFlow flow{.group = group}; !stop.stop_requested(); std::this_thread::sleep_for(10ms))
+            network.send(flow, TsStream().null(7).takeDatagrams());
+    });
 }
 
 std::string Record::operator[](std::string_view name) const {
@@ -197,20 +157,18 @@ std::string Record::textWithout(std::initializer_list<std::string_view> names) c
     for (const std::string_view name : names)
         if (const auto index = columnIndex(columns, name); index < shown.size())
             shown[index] = "*";
-    std::string text;
-    for (const std::string& column : shown)
-        text += (text.empty() ? "" : ";") + column;
+    std::string text = shown.front();
+    for (std::size_t i = 1; i < shown.size(); ++i)
+        text += ";" + shown[i];
     return text;
 }
 
 const Record& Snapshot::find(const std::string& group, const std::string& label, int pid) const {
-    static const Record kNone{{"none", "none", "none", "none"}};
     for (const Record& record : records)
         if (record.columns[0] == group && record.columns[records::kLabelColumn] == label &&
             record.columns[2] == std::to_string(pid))
             return record;
-    ADD_FAILURE() << "no record " << group << " " << label << " " << pid;
-    return kNone;
+    throw std::runtime_error("no record " + group + " " + label + " " + std::to_string(pid));
 }
 
 std::size_t Snapshot::count(const std::string& group, const std::string& label) const {
@@ -239,8 +197,10 @@ std::vector<Snapshot> parseSnapshots(const std::string& text) {
     return snapshots;
 }
 
-Snapshot nextSnapshot(std::chrono::milliseconds timeout) {
-    const std::string text = readPipe(timeout);
+Snapshot nextSnapshot() {
+    Process reader({"timeout", "15", "cat", kResultsPipe});
+    EXPECT_EQ(reader.wait(20s), 0) << "no results pipe, or nobody writes to it";
+    const std::string text = reader.out();
     EXPECT_TRUE(text.empty() || text.ends_with("\n")) << "a snapshot ends within a line";
     return parseSnapshots(text).front();
 }

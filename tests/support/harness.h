@@ -1,17 +1,16 @@
 // The world around the probe in an end-to-end test: its controller, its network, the reader of its records.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <deque>
 #include <functional>
 #include <initializer_list>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
+#include <zmq.hpp>
 
 #include "config.pb.h"
 #include "support/frameBuilder.h"
@@ -36,9 +35,6 @@ class Controller {
         configuration::TasksRequest body;
     };
 
-    Controller();
-    ~Controller();
-
     std::vector<Request> requests() const;
     // False when so many did not come within the time.
     bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout = kPatience) const;
@@ -48,14 +44,15 @@ class Controller {
     void answer(const Envelope& envelope);
 
   private:
-    void serve();
+    static zmq::socket_t bound(zmq::context_t& context);
+    void serve(const std::stop_token& stop);
 
     mutable std::mutex mutex_;  // guards requests_ and answers_
     std::vector<Request> requests_;
     std::deque<std::string> answers_;
-    std::atomic<bool> ready_ = false;
-    std::atomic<bool> ending_ = false;
-    std::thread server_;
+    zmq::context_t context_;
+    zmq::socket_t socket_ = bound(context_);
+    std::jthread server_{[this](const std::stop_token& stop) { serve(stop); }};
 };
 
 // Puts raw Ethernet frames onto the network's end of the link.
@@ -71,16 +68,8 @@ class FrameSender {
     int socket_;
 };
 
-// Repeats something in the background, every `period`, until it goes out of scope.
-class Repeat {
-  public:
-    Repeat(std::chrono::milliseconds period, std::function<void()> action);
-    ~Repeat();
-
-  private:
-    std::atomic<bool> ending_ = false;
-    std::thread thread_;
-};
+// Sends the group a datagram of null packets every 10 ms until the thread is asked to stop.
+std::jthread liveTraffic(const std::string& group);
 
 // One line of the results.
 struct Record {
@@ -104,7 +93,7 @@ struct Snapshot {
 
 std::vector<Snapshot> parseSnapshots(const std::string& text);
 // Reads the pipe from one opening to its end. The pipe has a reader only during the call.
-Snapshot nextSnapshot(std::chrono::milliseconds timeout = kPatience);
+Snapshot nextSnapshot();
 // The first snapshot for which the condition holds; fails the test if there is none in time.
 Snapshot snapshotWith(const std::function<bool(const Snapshot&)>& condition);
 // The first one that says so many packets of the group were received.

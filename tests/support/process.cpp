@@ -29,10 +29,6 @@ std::string sourceDir() {
     return KESTOR_SOURCE_DIR;
 }
 
-std::string binDir() {
-    return KESTOR_BIN_DIR;
-}
-
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!condition()) {
@@ -52,7 +48,7 @@ std::size_t occurrences(std::string_view text, std::string_view part) {
 
 Process::Process(std::vector<std::string> arguments)
     : outFile_(memfd_create("out", MFD_CLOEXEC)), errFile_(memfd_create("err", MFD_CLOEXEC)) {
-    const std::string own = binDir() + "/" + arguments.at(0);
+    const std::string own = std::string(KESTOR_BIN_DIR "/") + arguments.at(0);
     if (std::filesystem::exists(own))
         arguments[0] = own;
     std::vector<char*> argv;

@@ -16,9 +16,8 @@ using namespace std::chrono_literals;
 
 inline constexpr std::chrono::milliseconds kPatience = 15s;
 
-// The source tree, and where the build puts programs.
+// The source tree.
 std::string sourceDir();
-std::string binDir();
 
 // True as soon as the condition holds, false when it did not within the time.
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = kPatience);

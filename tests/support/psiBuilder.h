@@ -75,44 +75,6 @@ inline Bytes shortSection(uint8_t tableId, const Bytes& payload, bool crc) {
     return crc ? withCrc(bytes) : bytes;
 }
 
-// The packets of one section, beginning with a pointer_field of 0 and filled up with 0xFF. `cc` is the
-// continuity_counter of the first packet and is left at the one to follow.
-inline std::vector<TsPacket> packetize(uint16_t pid, std::span<const uint8_t> section, uint8_t& cc) {
-    std::vector<TsPacket> packets;
-    for (bool first = true; first || !section.empty(); first = false) {
-        TsPacket packet;
-        packet.fill(0xFF);
-        packet[0] = 0x47;
-        packet[1] = low8((first ? 0x40U : 0U) | pid >> 8);
-        packet[2] = low8(pid);
-        packet[3] = static_cast<uint8_t>(0x10 | (cc & 0xF));
-        cc = (cc + 1) & 0xF;
-        if (first)
-            packet[4] = 0;
-        const std::size_t start = first ? 5 : 4;
-        const std::size_t count = std::min(section.size(), packet.size() - start);
-        std::copy_n(section.begin(), count, packet.begin() + static_cast<std::ptrdiff_t>(start));
-        section = section.subspan(count);
-        packets.push_back(packet);
-    }
-    return packets;
-}
-
-inline std::vector<TsPacket> packetize(uint16_t pid, std::span<const uint8_t> section) {
-    uint8_t cc = 0;
-    return packetize(pid, section, cc);
-}
-
-// ISO/IEC 13818-1 table 2-30.
-inline Bytes patSection(uint16_t transportStreamId, uint8_t version,
-                        std::initializer_list<std::pair<uint16_t, uint16_t>> programs) {
-    Bytes payload;
-    for (const auto& [number, pid] : programs) {
-        payload = concat({payload, u16(number), u16(0xE000U | pid)});
-    }
-    return section(0x00, transportStreamId, version, payload);
-}
-
 struct ElementaryStream {
     uint8_t type;
     uint16_t pid;
@@ -121,8 +83,8 @@ struct ElementaryStream {
 
 // ISO/IEC 13818-1 table 2-33.
 inline Bytes pmtSection(uint16_t program, uint8_t version, uint16_t pcrPid,
-                        const std::vector<ElementaryStream>& streams, const Bytes& descriptors = {}) {
-    Bytes payload = concat({u16(0xE000U | pcrPid), loop12(descriptors)});
+                        const std::vector<ElementaryStream>& streams) {
+    Bytes payload = concat({u16(0xE000U | pcrPid), loop12({})});
     for (const ElementaryStream& stream : streams) {
         payload = concat({payload, {stream.type}, u16(0xE000U | stream.pid), loop12(stream.descriptors)});
     }

@@ -8,7 +8,6 @@ namespace {
 
 constexpr uint8_t kUnitStart = 0x40;
 constexpr uint8_t kAdaptationFieldOnly = 0x20;
-constexpr uint8_t kAdaptationFieldAndPayload = 0x30;
 constexpr uint8_t kPayloadOnly = 0x10;
 constexpr uint64_t kPcrBasePeriod = 300;
 
@@ -53,35 +52,12 @@ TsPacket& TsStream::append(uint16_t pid, bool hasPayload) {
 }
 
 TsStream& TsStream::section(uint16_t pid, const Bytes& section) {
-    const auto packets = psi::packetize(pid, section, nextContinuity_[pid]);
-    packets_.insert(packets_.end(), packets.begin(), packets.end());
-    return *this;
-}
-
-TsStream& TsStream::pat(std::initializer_list<std::pair<uint16_t, uint16_t>> programs, uint8_t version) {
-    return section(0, psi::patSection(1, version, programs));
-}
-
-TsStream& TsStream::pmt(uint16_t program, uint16_t pmtPid, uint16_t pcrPid,
-                        const std::vector<psi::ElementaryStream>& streams, uint8_t version) {
-    return section(pmtPid, psi::pmtSection(program, version, pcrPid, streams));
-}
-
-TsStream& TsStream::pes(uint16_t pid, const Pes& pes) {
-    const Bytes bytes = psi::concat({pesHeader(pes.streamId, pes.pts), pes.payload});
-    std::span<const uint8_t> rest = bytes;
-    for (int i = 0; i < pes.packets; ++i) {
+    std::span<const uint8_t> rest = section;
+    for (std::size_t start = 5; start == 5 || !rest.empty(); start = 4) {
         TsPacket& packet = append(pid, true);
-        std::size_t start = 4;
-        if (i == 0) {
+        if (start == 5) {
             packet[1] |= kUnitStart;
-            if (pes.pcr) {
-                const Bytes field = adaptationField(*pes.pcr, false);
-                packet[3] = static_cast<uint8_t>(kAdaptationFieldAndPayload | (packet[3] & 0xF));
-                packet[4] = psi::low8(field.size());
-                std::copy(field.begin(), field.end(), packet.begin() + 5);
-                start += 1 + field.size();
-            }
+            packet[4] = 0;  // pointer_field
         }
         const std::size_t count = std::min(rest.size(), packet.size() - start);
         std::copy_n(rest.begin(), count, packet.begin() + static_cast<std::ptrdiff_t>(start));
@@ -90,8 +66,23 @@ TsStream& TsStream::pes(uint16_t pid, const Pes& pes) {
     return *this;
 }
 
-TsStream& TsStream::video(uint16_t pid, int packets, uint64_t pts, std::optional<uint64_t> pcr) {
-    return pes(pid, {.pts = pts, .pcr = pcr, .packets = packets});
+TsStream& TsStream::pat(std::initializer_list<std::pair<uint16_t, uint16_t>> programs, uint8_t version) {
+    Bytes payload;
+    for (const auto& [number, pid] : programs)
+        payload = psi::concat({payload, psi::u16(number), psi::u16(0xE000U | pid)});
+    return section(0, psi::section(0x00, 1, version, payload));
+}
+
+TsStream& TsStream::pmt(uint16_t program, uint16_t pmtPid, uint16_t pcrPid,
+                        const std::vector<psi::ElementaryStream>& streams, uint8_t version) {
+    return section(pmtPid, psi::pmtSection(program, version, pcrPid, streams));
+}
+
+TsStream& TsStream::pes(uint16_t pid, const Pes& pes) {
+    TsPacket& packet = append(pid, true);
+    packet[1] |= kUnitStart;
+    std::ranges::copy(pesHeader(pes.streamId, pes.pts), packet.begin() + 4);
+    return payload(pid, pes.packets - 1);
 }
 
 TsStream& TsStream::payload(uint16_t pid, int count) {

@@ -21,9 +21,7 @@ inline constexpr int kPacketsPerDatagram = 7;
 struct Pes {
     uint8_t streamId = 0xE0;
     std::optional<uint64_t> pts = {};  // 90 kHz
-    std::optional<uint64_t> pcr = {};  // 27 MHz, in an adaptation field of the first packet
     int packets = 1;                   // the PES start and those that go on with it
-    Bytes payload = {};                // behind the PES header; what is left of the packets is filled up
 };
 
 // Every call appends packets; continuity counters run on per PID.
@@ -34,8 +32,6 @@ class TsStream {
                   const std::vector<psi::ElementaryStream>& streams, uint8_t version = 0);
     TsStream& section(uint16_t pid, const Bytes& section);
     TsStream& pes(uint16_t pid, const Pes& pes);
-    // A video PES of `packets` packets with the given PTS.
-    TsStream& video(uint16_t pid, int packets, uint64_t pts, std::optional<uint64_t> pcr = {});
     // Packets with payload only, no unit start.
     TsStream& payload(uint16_t pid, int count = 1);
     // A packet with an adaptation field only, which carries the PCR (27 MHz).
@@ -47,9 +43,6 @@ class TsStream {
     TsStream& repeatLast();
     TsPacket& last();
 
-    const std::vector<TsPacket>& packets() const {
-        return packets_;
-    }
     // The packets so far as datagram payloads, which leave the builder; the last one may be shorter.
     std::vector<Bytes> takeDatagrams(int packetsPerDatagram = kPacketsPerDatagram);
 
