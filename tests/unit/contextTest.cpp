@@ -72,24 +72,20 @@ TEST(PmtList, KeepsTypesAndTheFirst256DescriptorTagsOfAnEntry) {
 }
 
 TEST(TableIntervals, CountLatePatAndPmtByTheirArrival) {
-    struct Case {
-        uint16_t program;
-        int64_t ms;
-        uint64_t patError2;
-        uint64_t pmtError;
-        uint64_t pmtError2;
-    };
-    for (const Case& c : {Case{1, 500, 0, 0, 0}, Case{1, 600, 1, 1, 1}, Case{0, 600, 1, 1, 0}}) {
+    for (const auto& [program, ms, patError2, pmtError, pmtError2] :
+         {std::tuple<uint16_t, int64_t, uint64_t, uint64_t, uint64_t>{1, 500, 0, 0, 0},
+          {1, 600, 1, 1, 1},
+          {0, 600, 1, 1, 0}}) {
         AnalysisContext context;
         TsStream packets;
-        context.feed(packets.pat({{c.program, 0x100}}, 0).pmt(c.program, 0x100, 0x101, {}, 0));
+        context.feed(packets.pat({{program, 0x100}}, 0).pmt(program, 0x100, 0x101, {}, 0));
         context->i_next_check = INT64_MAX;  // the presence check counts the same things
-        context.feed(packets.pat({{c.program, 0x100}}, 1), c.ms);
-        context.feed(packets.pmt(c.program, 0x100, 0x101, {}, 1), c.ms);
-        EXPECT_EQ(context.errors(kPatError2, 0), c.patError2);
-        EXPECT_EQ(context.errors(kPatError), c.ms > 500 ? 1u : 0u) << "PID 0 itself came late";
-        EXPECT_EQ(context.errors(kPmtError, 0x100), c.pmtError);
-        EXPECT_EQ(context.errors(kPmtError2), c.pmtError2);
+        context.feed(packets.pat({{program, 0x100}}, 1), ms);
+        context.feed(packets.pmt(program, 0x100, 0x101, {}, 1), ms);
+        EXPECT_EQ(context.errors(kPatError2, 0), patError2);
+        EXPECT_EQ(context.errors(kPatError), ms > 500 ? 1u : 0u) << "PID 0 itself came late";
+        EXPECT_EQ(context.errors(kPmtError, 0x100), pmtError);
+        EXPECT_EQ(context.errors(kPmtError2), pmtError2);
     }
 }
 
@@ -173,8 +169,17 @@ TEST(ContextDeathTest, AbortsOnBrokenInvariants) {
     EXPECT_DEATH(sarnDvbPsi_exit(context->p_intervals), "knownStream != \\(\\(void \\*\\)0\\)");
 }
 
-TEST(UserData, IsKeptPerContextAndPid) {
+TEST(OwnersData, IsKeptPerContextAndPid) {
     AnalysisContext context;
+    int calls = 0;
+    const auto count = [](int32_t length, const uint8_t* packet, void* data) {
+        EXPECT_EQ(packet[0] + length, 0x47 + 188);
+        ++*static_cast<int*>(data);
+    };
+    sarnDvbPsi_setPidDataCallback(context.get(), 0x101, count, &calls);
+    TsStream packets;
+    context.feed(packets.payload(0x101, 3).null(2));
+    EXPECT_EQ(calls, 3);
     sarnDvbPsi_setTsStreamUserData(context.get(), 7);
     sarnDvbPsi_setPidUserData(context.get(), 0x10000 + 5, 8);
     sarnDvbPsi_setPidUserData(context.get(), 8192, 9);
