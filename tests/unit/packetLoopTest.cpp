@@ -27,12 +27,13 @@ Bytes payloadDatagram(int count) {
 TEST(PacketLoop, TreatsPartialTailAsLostBytes) {
     AnalysisContext context;
     Bytes datagram = payloadDatagram(7);
+    context.feed(datagram);
     datagram.resize(datagram.size() - 88);
     context.feed(datagram);
-    EXPECT_EQ(context->i_packets, 6u);
+    EXPECT_EQ(context->i_packets, 7u + 6u);
     EXPECT_EQ(context->i_lost_bytes, 100u);
     EXPECT_EQ(context.errors(kSyncByteError), 1u);
-    EXPECT_EQ(context->p_jitter->arrivalCount, 0u) << "a call that ends in a partial packet is not measured";
+    EXPECT_EQ(context->p_jitter->arrivalCount, 1u) << "a call that ends in a partial packet is not measured";
 }
 
 TEST(PacketLoop, LosesSyncOnceAtThirdFailureAndRegainsItWithFifthPacket) {
