@@ -7,6 +7,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 bin=$root/build/release/bin
 seconds=${SECONDS_PER_RATE:-10}
+rates=${RATES:-20000 50000 100000 200000}
 groups=100
 
 ip link show feed0 >/dev/null || { echo "live.sh: run it through scripts/netns.sh" >&2; exit 1; }
@@ -21,7 +22,7 @@ cpu_seconds() { # pid
 bare() { # count rate
   "$bin/bareCapture" --count "$1" --seconds $((2 * seconds + 10)) >"/tmp/bare" &
   local pid=$!
-  until grep -q ready /tmp/bare; do sleep 0.1; done
+  until grep -qs ready /tmp/bare; do sleep 0.1; done
   "$bin/frameSender" --count "$1" --rate "$2" --groups $groups >/dev/null
   sleep 2
   # A last frame for a loop that still waits because some were dropped.
@@ -51,7 +52,7 @@ print(sum(r["packetsReceived"] for r in records if r["kind"] == 0) // 7)')
 }
 
 printf '%10s %22s %14s %22s %14s\n' 'per s' 'bare s/million' 'bare drops' 'kestor s/million' 'kestor lost'
-for rate in 20000 50000 100000 200000; do
+for rate in $rates; do
   count=$((rate * seconds))
   read -r bare_cpu bare_drops < <(bare $count $rate; echo)
   read -r probe_cpu probe_lost < <(probe $count $rate; echo)
