@@ -54,11 +54,15 @@ const char* spliceCommandName(uint8_t type) {
     return index < kNames.size() ? kNames[index] : "splice_null";
 }
 
-void dumpTransportStream(DumpSink& sink, uint16_t transportId, uint16_t networkId,
-                         const dvbpsi_descriptor_t* descriptors) {
-    sink.print("\t  | transport id: %d\n", transportId);
-    sink.print("\t  | original network id: %d\n", networkId);
-    dumpDescriptors(sink, kEntryPrefix, descriptors);
+// What a NIT and a BAT have in common: the table's own descriptors, then its transport streams.
+void dumpTransportStreams(DumpSink& sink, const auto& table) {
+    sink.print("\tCurrent next   : %s\n", yesNo(table.b_current_next));
+    dumpDescriptors(sink, kEntryPrefix, table.p_first_descriptor);
+    for (const auto* ts = table.p_first_ts; ts != nullptr; ts = ts->p_next) {
+        sink.print("\t  | transport id: %d\n", ts->i_ts_id);
+        sink.print("\t  | original network id: %d\n", ts->i_orig_network_id);
+        dumpDescriptors(sink, kEntryPrefix, ts->p_first_descriptor);
+    }
 }
 
 enum SpliceDescriptorTag : uint8_t { kAvail = 0, kDtmf = 1, kSegmentation = 2 };
@@ -214,22 +218,14 @@ void dumpNit(DumpSink& sink, const dvbpsi_nit_t& nit) {
     sink.print("NIT: Network Information Table\n");
     sink.print("\tVersion number : %d\n", nit.i_version);
     sink.print("\tNetwork id     : %d\n", nit.i_network_id);
-    sink.print("\tCurrent next   : %s\n", yesNo(nit.b_current_next));
-    dumpDescriptors(sink, kEntryPrefix, nit.p_first_descriptor);
-    for (const dvbpsi_nit_ts_t* ts = nit.p_first_ts; ts != nullptr; ts = ts->p_next) {
-        dumpTransportStream(sink, ts->i_ts_id, ts->i_orig_network_id, ts->p_first_descriptor);
-    }
+    dumpTransportStreams(sink, nit);
 }
 
 void dumpBat(DumpSink& sink, const dvbpsi_bat_t& bat) {
     sink.print("BAT: Bouquet Association Table\n");
     sink.print("\tVersion number : %d\n", bat.i_version);
     sink.print("\tBouquet id     : %d\n", bat.i_extension);
-    sink.print("\tCurrent next   : %s\n", yesNo(bat.b_current_next));
-    dumpDescriptors(sink, kEntryPrefix, bat.p_first_descriptor);
-    for (const dvbpsi_bat_ts_t* ts = bat.p_first_ts; ts != nullptr; ts = ts->p_next) {
-        dumpTransportStream(sink, ts->i_ts_id, ts->i_orig_network_id, ts->p_first_descriptor);
-    }
+    dumpTransportStreams(sink, bat);
 }
 
 void dumpCat(DumpSink& sink, const dvbpsi_cat_t& cat) {
