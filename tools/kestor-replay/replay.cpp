@@ -16,6 +16,7 @@
 namespace {
 
 constexpr uint64_t kSnapshotPeriodUs = 1'000'000;
+constexpr uint64_t kLongestSilenceUs = 3'600'000'000;
 constexpr std::size_t kDestinationOffset = 30;  // of the IPv4 destination address in an Ethernet frame
 
 [[noreturn]] void fail(const std::string& path, const std::string& problem) {
@@ -126,10 +127,16 @@ void Replay::writeSnapshot(FILE* records) {
 }
 
 void Replay::writeDueSnapshots(const CaptureFile::Frame& frame, FILE* records) {
-    // Counted beforehand: a damaged stamp near the end of the range must not let the due time wrap behind it.
     const uint64_t stamp = frame.stampUs();
-    uint64_t due = stamp >= nextSnapshotUs_ ? (stamp - nextSnapshotUs_) / kSnapshotPeriodUs + 1 : 0;
+    if (stamp < nextSnapshotUs_) {
+        return;
+    }
+    // Counted beforehand: a damaged stamp near the end of the range must not let the due time wrap behind it.
+    uint64_t due = (stamp - nextSnapshotUs_) / kSnapshotPeriodUs + 1;
     nextSnapshotUs_ += due * kSnapshotPeriodUs;
+    if (due > kLongestSilenceUs / kSnapshotPeriodUs) {
+        due = 1;
+    }
     for (; due > 0; --due) {
         writeSnapshot(records);
     }

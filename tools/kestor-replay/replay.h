@@ -51,7 +51,8 @@ class Replay {
     Replay(const std::string& path, std::vector<uint32_t> groups);
 
     // Analyses all frames. Every second of the stamps, and once at the end, writes one snapshot of all groups
-    // followed by an empty line. A file that breaks off throws, after the snapshot of what it holds.
+    // followed by an empty line; a gap of more than an hour, which one damaged stamp can make centuries long,
+    // gets a single one. A file that breaks off throws, after the snapshot of what it holds.
     void run(FILE* records);
 
   private:

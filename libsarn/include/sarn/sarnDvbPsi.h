@@ -36,9 +36,8 @@ void* thread_timer_function(void*);
 void sarnDvbPsi_timerTick(int64_t nowSeconds);
 
 // The PMT list. The caller holds `lock` or is the only user of the context.
-// newPmt appends a record (out of memory is fatal); the find functions abort on a list with two matches and
-// return null for none; deletePmtByPid unlinks and frees the record but not its p_table; freePmts frees all
-// with tables.
+// newPmt appends a record (out of memory is fatal); the find functions return null for none; deletePmtByPid
+// unlinks and frees the record but not its p_table; freePmts frees all with tables. None walks the list.
 ts_pmt_t* newPmt(ts_stream_t* stream);
 ts_pmt_t* findPmtByProgramNumber(ts_stream_t* stream, uint16_t programNumber);
 ts_pmt_t* findPmtByPid(ts_stream_t* stream, uint16_t pid);

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <uthash.h>
 
 #include <array>
 #include <cstddef>
@@ -153,6 +154,8 @@ struct ts_pmt_t {
     ts_pid_t* p_pcr_pid;    // record of the PCR PID of the last PMT
     dvbpsi_pmt_s* p_table;  // last decoded PMT, owned; null before the first
     ts_pmt_t* p_next;
+    ts_pmt_t* p_prev;   // of the first record, the last one
+    UT_hash_handle hh;  // by program_number
 };
 
 // One bit per PID.
@@ -205,8 +208,9 @@ struct ts_stream_t {
     ts_pid_t* p_sdt_pid;
     ts_pid_t* p_eit_pid;
     ts_pid_t* p_tdt_pid;
-    ts_pmt_t* p_pmts;  // list in order of creation, owned; guarded by `lock`
-    int32_t level;     // libdvbpsi's message level
+    ts_pmt_t* p_pmts;           // list in order of creation, owned; guarded by `lock`
+    ts_pmt_t* p_pmt_by_number;  // the same records by program_number; guarded by `lock`
+    int32_t level;              // libdvbpsi's message level
     // Guards the PMT list and what the PSI callbacks update. Taken by the PAT and PMT callbacks (inside
     // sarnDvbPsi_process) and by the program-list getter; nests inside the stream table lock, and no other
     // lock is taken while it is held.

@@ -1,5 +1,6 @@
 // Creation and destruction of analysis contexts, the registry of live ones, and the PMT list.
 #include <sys/mman.h>
+#include <utlist.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -17,7 +18,7 @@
 #include "sarnDvbPsi/dvbpsiHeaders.h"
 #include "sarnDvbPsi/knownStreams.h"
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(KESTOR_ADDRESS_SANITIZER)
 #include <sanitizer/lsan_interface.h>
 #endif
 
@@ -35,6 +36,9 @@ constexpr uint32_t kTdtPid = 0x14;
 constexpr int32_t kDefaultPidTimeoutSeconds = 5;
 constexpr uint64_t kBitrateSpanPackets = 70000;
 
+// Two PMT records for one program or PID are a programming error.
+constexpr const char* kOneRecordAssertion = "count < 2";
+
 // A context spans several megabytes of which a few pages are ever touched. Mapped directly, untouched pages
 // cost nothing, and small pages keep it so where the system would hand out huge ones.
 ts_stream_t* allocateContext() {
@@ -44,14 +48,14 @@ ts_stream_t* allocateContext() {
         return nullptr;
     }
     madvise(block, sizeof(ts_stream_t), MADV_NOHUGEPAGE);
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(KESTOR_ADDRESS_SANITIZER)
     __lsan_register_root_region(block, sizeof(ts_stream_t));
 #endif
     return static_cast<ts_stream_t*>(block);
 }
 
 void freeContext(ts_stream_t* stream) {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(KESTOR_ADDRESS_SANITIZER)
     __lsan_unregister_root_region(stream, sizeof(ts_stream_t));
 #endif
     munmap(stream, sizeof(ts_stream_t));
@@ -219,9 +223,16 @@ void setPmtPid(ts_pmt_t* pmt, ts_pid_t* pid) {
     }
     pmt->p_pid = pid;
     if (pid != nullptr) {
+        SARN_ASSERT(pid->p_pmt == nullptr, kOneRecordAssertion);
         pid->p_pmt = pmt;
         updateRoutine(*pid);
     }
+}
+
+void setPmtNumber(ts_stream_t* stream, ts_pmt_t* pmt, uint16_t programNumber) {
+    SARN_ASSERT(findPmtByProgramNumber(stream, programNumber) == nullptr, kOneRecordAssertion);
+    pmt->i_number = programNumber;
+    HASH_ADD(hh, stream->p_pmt_by_number, i_number, sizeof pmt->i_number, pmt);
 }
 
 ts_pmt_t* newPmt(ts_stream_t* stream) {
@@ -233,67 +244,37 @@ ts_pmt_t* newPmt(ts_stream_t* stream) {
     if (pmt->handle == nullptr) {
         outOfMemory(__LINE__);
     }
-    ts_pmt_t** tail = &stream->p_pmts;
-    while (*tail != nullptr) {
-        tail = &(*tail)->p_next;
-    }
-    *tail = pmt;
+    DL_APPEND2(stream->p_pmts, pmt, p_prev, p_next);
     return pmt;
 }
 
-namespace {
-
-// The link that leads to the one record for which `matches` holds, or null.
-template <typename Predicate>
-ts_pmt_t** findPmtLink(ts_stream_t* stream, Predicate matches) {
-    ts_pmt_t** found = nullptr;
-    int count = 0;
-    for (ts_pmt_t** link = &stream->p_pmts; *link != nullptr; link = &(*link)->p_next) {
-        if (matches(**link)) {
-            found = link;
-            ++count;
-        }
-    }
-    SARN_ASSERT(count < 2, "count < 2");
-    return found;
-}
-
-auto hasPid(uint16_t pid) {
-    return [pid](const ts_pmt_t& pmt) { return pmt.p_pid != nullptr && pmt.p_pid->i_pid == pid; };
-}
-
-void detachPmtDecoder(ts_pmt_t* pmt) {
-    if (dvbpsi_decoder_present(pmt->handle)) {
-        dvbpsi_pmt_detach(pmt->handle);
-    }
-}
-
-}  // namespace
-
 ts_pmt_t* findPmtByProgramNumber(ts_stream_t* stream, uint16_t programNumber) {
-    ts_pmt_t** link = findPmtLink(stream, [=](const ts_pmt_t& pmt) { return pmt.i_number == programNumber; });
-    return link != nullptr ? *link : nullptr;
+    ts_pmt_t* pmt = nullptr;
+    HASH_FIND(hh, stream->p_pmt_by_number, &programNumber, sizeof programNumber, pmt);
+    return pmt;
 }
 
 ts_pmt_t* findPmtByPid(ts_stream_t* stream, uint16_t pid) {
-    ts_pmt_t** link = findPmtLink(stream, hasPid(pid));
-    return link != nullptr ? *link : nullptr;
+    return stream->pid[pid].p_pmt;
 }
 
 void deletePmtByPid(ts_stream_t* stream, uint16_t pid) {
-    ts_pmt_t** link = findPmtLink(stream, hasPid(pid));
-    if (link == nullptr) {
+    ts_pmt_t* pmt = findPmtByPid(stream, pid);
+    if (pmt == nullptr) {
         return;
     }
-    ts_pmt_t* pmt = *link;
-    *link = pmt->p_next;
+    DL_DELETE2(stream->p_pmts, pmt, p_prev, p_next);
+    HASH_DEL(stream->p_pmt_by_number, pmt);
     setPmtPid(pmt, nullptr);
-    detachPmtDecoder(pmt);
+    if (dvbpsi_decoder_present(pmt->handle)) {
+        dvbpsi_pmt_detach(pmt->handle);
+    }
     dvbpsi_delete(pmt->handle);
     free(pmt);
 }
 
 void freePmts(ts_stream_t* stream) {
+    HASH_CLEAR(hh, stream->p_pmt_by_number);
     while (ts_pmt_t* pmt = stream->p_pmts) {
         stream->p_pmts = pmt->p_next;
         setPmtPid(pmt, nullptr);

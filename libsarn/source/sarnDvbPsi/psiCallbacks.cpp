@@ -60,7 +60,9 @@ ts_pmt_t* recordForProgram(ts_stream_t* stream, uint16_t number, uint16_t pid) {
     ts_pmt_t* pmt = findPmtByProgramNumber(stream, number);
     if (pmt == nullptr) {
         dropPmt(stream, pid);
-        return newPmt(stream);
+        pmt = newPmt(stream);
+        setPmtNumber(stream, pmt, number);
+        return pmt;
     }
     if (dvbpsi_decoder_present(pmt->handle)) {
         dvbpsi_pmt_detach(pmt->handle);
@@ -75,7 +77,6 @@ ts_pmt_t* recordForProgram(ts_stream_t* stream, uint16_t number, uint16_t pid) {
 bool followProgram(ts_stream_t* stream, const dvbpsi_pat_program_t& program) {
     const auto pid = static_cast<uint16_t>(program.i_pid & kPidMask);
     ts_pmt_t* pmt = recordForProgram(stream, program.i_number, pid);
-    pmt->i_number = program.i_number;
     insertPid(stream->touched, pid);
     stream->pid[pid].i_pid = pid;
     setPmtPid(pmt, &stream->pid[pid]);

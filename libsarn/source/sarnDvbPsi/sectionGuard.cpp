@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <optional>
 #include <span>
 
 #include "sarn/tsStream.h"
@@ -71,23 +72,25 @@ bool take(Bytes& rest, std::size_t size, Loop loop) {
     return true;
 }
 
-bool payloadFits(const SectionLayout& layout, Bytes payload) {
+// The number of entries, or nothing where a length leads out of the payload.
+std::optional<uint32_t> countEntries(const SectionLayout& layout, Bytes payload) {
     if (!take(payload, layout.headSize, layout.headLoop)) {
-        return false;
+        return std::nullopt;
     }
     if (layout.entriesLength) {
         Bytes behind = payload;
         if (!take(behind, kLengthSize, Loop::bounded)) {
-            return false;
+            return std::nullopt;
         }
         payload = payload.first(payload.size() - behind.size()).subspan(kLengthSize);
     }
-    while (layout.entrySize != 0 && !payload.empty()) {
+    uint32_t count = 0;
+    for (; layout.entrySize != 0 && !payload.empty(); ++count) {
         if (!take(payload, layout.entrySize, layout.entryLoop)) {
-            return false;
+            return std::nullopt;
         }
     }
-    return true;
+    return count;
 }
 
 bool hasShortForm(uint8_t tableId) {
@@ -96,17 +99,31 @@ bool hasShortForm(uint8_t tableId) {
     return tableId == kTdt || tableId == kTot;
 }
 
-bool sectionFits(const dvbpsi_psi_section_t& section) {
+std::optional<uint32_t> countEntries(const dvbpsi_psi_section_t& section) {
     if (section.p_payload_end < section.p_payload_start || section.i_number > section.i_last_number) {
-        return false;
+        return std::nullopt;
     }
     const auto layout = std::find_if(std::begin(kLayouts), std::end(kLayouts), [&](const SectionLayout& row) {
         return section.i_table_id >= row.firstTableId && section.i_table_id <= row.lastTableId;
     });
     // What should have the long form and has not, the library refuses with an error message, which counts.
-    return layout == std::end(kLayouts) ||
-           (!section.b_syntax_indicator && !hasShortForm(section.i_table_id)) ||
-           payloadFits(*layout, {section.p_payload_start, section.p_payload_end});
+    if (layout == std::end(kLayouts) || (!section.b_syntax_indicator && !hasShortForm(section.i_table_id))) {
+        return 0;
+    }
+    return countEntries(*layout, {section.p_payload_start, section.p_payload_end});
+}
+
+// Whether the section's lengths fit, and the table that it belongs to, of which `held` came before, stays
+// within kMaxTableEntries.
+bool sectionFits(const dvbpsi_psi_section_t& section, const dvbpsi_psi_section_t* held) {
+    const std::optional<uint32_t> own = countEntries(section);
+    uint32_t total = own.value_or(0);
+    for (; own && held != nullptr; held = held->p_next) {
+        if (held->i_version == section.i_version && held->i_number != section.i_number) {
+            total += countEntries(*held).value_or(0);
+        }
+    }
+    return own && total <= kMaxTableEntries;
 }
 
 // The gather functions of the library's decoders, which it sets but does not declare.
@@ -149,21 +166,24 @@ const Gathers& gathers() {
 
 template <Kind kind>
 void gatherGuarded(dvbpsi_t* handle, dvbpsi_psi_section_t* section) {
-    if (sectionFits(*section)) {
+    if (sectionFits(*section, handle->p_decoder->p_sections)) {
         gathers()[kind](handle, section);
     } else {
         dvbpsi_DeletePSISections(section);
     }
 }
 
+// The sections of an unfinished sub-table that came so far, or null.
+const dvbpsi_psi_section_t* heldSections(dvbpsi_demux_t* demux, uint8_t tableId, uint16_t extension) {
+    const dvbpsi_demux_subdec_t* subtable = dvbpsi_demuxGetSubDec(demux, tableId, extension);
+    return subtable != nullptr && subtable->p_decoder != nullptr ? subtable->p_decoder->p_sections : nullptr;
+}
+
 uint32_t sectionsHeld(dvbpsi_demux_t* demux, uint8_t tableId, uint16_t extension) {
     uint32_t count = 0;
-    if (const dvbpsi_demux_subdec_t* subtable = dvbpsi_demuxGetSubDec(demux, tableId, extension);
-        subtable != nullptr && subtable->p_decoder != nullptr) {
-        for (const dvbpsi_psi_section_t* section = subtable->p_decoder->p_sections; section != nullptr;
-             section = section->p_next) {
-            ++count;
-        }
+    for (const auto* section = heldSections(demux, tableId, extension); section != nullptr;
+         section = section->p_next) {
+        ++count;
     }
     return count;
 }
@@ -181,12 +201,13 @@ uint32_t& heldCount(ts_stream_t& stream, const dvbpsi_t* handle) {
 void demuxGuarded(dvbpsi_t* handle, dvbpsi_psi_section_t* section) {
     auto* demux = reinterpret_cast<dvbpsi_demux_t*>(handle->p_decoder);
     uint32_t& held = heldCount(*static_cast<ts_stream_t*>(demux->p_new_cb_data), handle);
-    if (!sectionFits(*section) || (isLarge(*section) && held >= kMaxHeldSections)) {
+    const uint8_t tableId = section->i_table_id;
+    const uint16_t extension = section->i_extension;
+    if (!sectionFits(*section, heldSections(demux, tableId, extension)) ||
+        (isLarge(*section) && held >= kMaxHeldSections)) {
         dvbpsi_DeletePSISections(section);
         return;
     }
-    const uint8_t tableId = section->i_table_id;
-    const uint16_t extension = section->i_extension;
     const uint32_t before = sectionsHeld(demux, tableId, extension);
     dvbpsi_Demux(handle, section);
     held += sectionsHeld(demux, tableId, extension) - before;
