@@ -12,11 +12,14 @@
 #include "resultsWriter.h"
 #include "sarn/sarnDvbPsi.h"
 #include "support/frameBuilder.h"
+#include "support/streamBuilder.h"
 
 using namespace fuzzing;
 
 namespace {
 
+// Of one input; they take a hundred times as long as others.
+constexpr int kMaxLongRecords = 3;
 constexpr uint64_t kStartUs = 1'700'000'000'000'000;
 
 class Monitor {
@@ -41,11 +44,15 @@ class Monitor {
                 test::Bytes frame = flow.frame(bytes);
                 if (record.kind == FrameKind::cut)
                     frame.resize(frame.size() / 4 * 3);
-                analyse(frame);
+                analyse(record.group, frame);
                 break;
             }
+            case FrameKind::video:
+                if (longRecords_++ < kMaxLongRecords)
+                    sendVideo(record, bytes);
+                break;
             case FrameKind::frame:
-                analyse({bytes.begin(), bytes.end()});
+                analyse(record.group, {bytes.begin(), bytes.end()});
                 break;
             case FrameKind::snapshot:
                 saveStreamsV2(&device_, stdout);
@@ -56,6 +63,11 @@ class Monitor {
                 break;
             case FrameKind::timer:
                 sarnDvbPsi_timerTick(static_cast<int64_t>(nowUs_ / 1'000'000));
+                break;
+            case FrameKind::repeat:
+                for (int count = longRecords_++ < kMaxLongRecords ? 1000 : 0; count > 0;
+                     --count, nowUs_ += static_cast<uint64_t>(record.delay) * 10)
+                    analyse(record.group, test::Bytes(last_[record.group]));
                 break;
         }
     }
@@ -79,8 +91,23 @@ class Monitor {
     void addStream(int group) {
         sarnUdpStreams_addStream(device_.udpStreams, address(group), 0, 0, "", &device_.streamsLock);
     }
+    void sendVideo(const FrameRecord& record, std::span<const uint8_t> sizes) {
+        constexpr std::size_t kPesPackets = 600;
+        test::TsStream& stream = streams_[record.group];
+        for (std::size_t i = 0; i < kPesPackets && !sizes.empty(); ++i) {
+            pts_ += 3600;
+            stream.pes(kVideoPid, {.pts = pts_, .packets = 1 + sizes[i % sizes.size()] % 16});
+            if (i % 8 == 0)
+                stream.pcr(kVideoPid, pts_ * 300);
+        }
+        for (const test::Bytes& datagram : stream.takeDatagrams()) {
+            analyse(record.group, flows_[record.group].frame(datagram));
+            nowUs_ += static_cast<uint64_t>(record.delay) * 10;
+        }
+    }
     // A copy of exactly the frame's size: a read behind it is seen.
-    void analyse(const test::Bytes& frame) {
+    void analyse(int group, const test::Bytes& frame) {
+        last_[group] = frame;
         const std::unique_ptr<uint8_t[]> captured(new uint8_t[frame.size()]);
         std::copy(frame.begin(), frame.end(), captured.get());
         processFrame(&device_, captured.get(), static_cast<uint32_t>(frame.size()), nowUs_ / 1'000'000,
@@ -89,6 +116,10 @@ class Monitor {
 
     T_interface device_{MODE_MONITOR};
     std::array<test::UdpFlow, kGroups> flows_;
+    std::array<test::TsStream, kGroups> streams_;
+    std::array<test::Bytes, kGroups> last_;
+    uint64_t pts_ = 0;
+    int longRecords_ = 0;
     uint64_t nowUs_ = kStartUs;
 };
 

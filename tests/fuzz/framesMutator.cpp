@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "fuzz/frames.h"
+#include "support/spsBuilder.h"
 #include "support/streamBuilder.h"
 
 using namespace fuzzing;
@@ -72,7 +73,7 @@ void repairSections(uint8_t* data, std::size_t size) {
     for (std::size_t at = 0; at + kRecordHead <= size;) {
         const FrameRecord record = readRecord(data + at, size - at);
         at += kRecordHead;
-        for (std::size_t i = 0; record.kind < FrameKind::frame && i + 188 <= record.size; i += 188)
+        for (std::size_t i = 0; record.kind < FrameKind::video && i + 188 <= record.size; i += 188)
             repair.packet(record.group, data + at + i);
         at += record.size;
     }
@@ -84,47 +85,74 @@ struct Table {
     test::Bytes payload;
 };
 
-std::vector<Table> sampleTables() {
-    const test::Bytes loop = loop12(psi::descriptor(0x52, {1, 2, 3}));
+// Well-formed apart from what chance makes of the descriptors.
+Table sampleTable(Random& random) {
+    const auto any = [&](std::size_t limit) { return psi::low8(random() / 16 % limit); };
+    const auto loop = [&] {
+        constexpr uint8_t kTags[] = {0x05, 0x0A, 0x0B, 0x0E, 0x28, 0x48, 0x4D, 0x52, 0x59, 0x8A};
+        test::Bytes descriptors;
+        for (int count = any(3); count > 0; --count) {
+            test::Bytes content(any(12));
+            for (uint8_t& byte : content)
+                byte = any(256);
+            descriptors = concat({descriptors, psi::descriptor(kTags[any(std::size(kTags))], content)});
+        }
+        return loop12(descriptors);
+    };
     const test::Bytes cue = loop12(psi::descriptor(5, {'C', 'U', 'E', 'I'}));
-    const test::Bytes network = concat({loop, loop12(concat({u16(1), u16(2), loop, u16(3), u16(4), loop}))});
-    return {
+    const test::Bytes kCommands[] = {{0},
+                                     {4, 2, 0, 0, 0, 1, 0x7F, 0x40},
+                                     {5, 0, 0, 0, 1, 0x7F, any(256), any(3), 0xFE, 0, 0, 0, 0},
+                                     {6, 0xFE, 0, 0, 0, 0},
+                                     {any(256)}};
+    const test::Bytes command = kCommands[any(5)];
+    const test::Bytes cues = concat({psi::descriptor(0, {'C', 'U', 'E', 'I', 0, 0, 0, 1}),
+                                     psi::descriptor(1, {'C', 'U', 'E', 'I', 1, 0x5F, '1', '*'}),
+                                     psi::descriptor(2, {'C', 'U', 'E', 'I', 'x'})});
+    const Table tables[] = {
         {0x00, 0, concat({u16(1), u16(0xE100), u16(2), u16(0xE200), u16(0), u16(0xE010)})},
         {0x01, 1, psi::descriptor(9, {1, 2, 3, 4})},
         {0x02, 0x100,
          concat({u16(0xE101),
                  cue,
                  {0x1B},
-                 u16(0xE101),
-                 loop,
+                 u16(0xE000U | kVideoPid),
+                 loop(),
                  {0x03},
                  u16(0xE102),
-                 loop,
+                 loop(),
                  {0x86},
                  u16(0xE103),
                  cue})},
-        {0x02, 0x200, concat({u16(0xE201), loop, {0x02}, u16(0xE201), loop, {0x06}, u16(0xE102), loop})},
-        {0x40, 0x10, network},
-        {0x42, 0x11, concat({u16(1), {0xFF}, u16(1), {0xFC}, loop, u16(2), {0xFC}, loop})},
-        {0x4A, 0x11, network},
-        {0x4E, 0x12, concat({u16(1), u16(2), {0, 0x4E}, test::Bytes(10), loop, test::Bytes(10), loop})},
+        {0x02, 0x200,
+         concat({u16(0xE201), loop(), {0x02}, u16(0xE201), loop(), {0x06}, u16(0xE102), loop()})},
+        {0x40, 0x11, concat({loop(), loop12(concat({u16(1), u16(2), loop(), u16(3), u16(4), loop()}))})},
+        {0x42, 0x11, concat({u16(1), {0xFF}, u16(1), {0xFC}, loop(), u16(2), {0xFC}, loop()})},
+        {0x4A, 0x11, concat({loop(), loop12(concat({u16(1), u16(2), loop()}))})},
+        {0x4E, 0x12, concat({u16(1), u16(2), {0, 0x4E}, test::Bytes(10), loop(), test::Bytes(10), loop()})},
         {0x70, 0x14, test::Bytes(5)},
-        {0x73, 0x14, concat({test::Bytes(5), loop})},
-        {0xFC, 0x103,
-         concat({{0, 0, 0, 0, 0, 0, 0, 0xFF, 0xF0, 0, 0},
-                 u16(16),
-                 psi::descriptor(0, {'C', 'U', 'E', 'I', 0, 0, 0, 1}),
-                 psi::descriptor(2, {'C', 'U', 'E', 'I'})})},
+        {0x73, 0x14, concat({test::Bytes(5), loop()})},
+        {0xFC, 0x103, concat({{0, 0, 0, 0, 0, 0, 0, 0xFF}, u16(0xFFFF), command, u16(cues.size()), cues})},
     };
+    return tables[any(std::size(tables))];
 }
 
-// A table, perhaps damaged before its checksum is made, as a record of its own.
-test::Bytes tableRecord(Random& random) {
-    static const std::vector<Table> tables = sampleTables();
+// A video PES packet that begins with a parameter set.
+test::Bytes pictureStart(Random& random) {
+    Sps sps{.profile = 100, .highFields = random() % 2 == 0};
+    sps.pictureOrderCountType = random() % 3;
+    sps.crop[random() % 4] = random() % 8;
+    test::TsStream stream;
+    std::ranges::copy(nalUnit(0x67, spsBody(sps)), stream.pes(kVideoPid, {.pts = 0}).last().begin() + 18);
+    return stream.takeDatagrams().front();
+}
+
+// A table, perhaps damaged before its checksum is made.
+test::Bytes tablePackets(Random& random) {
     const auto below = [&](unsigned int limit) { return static_cast<uint8_t>(random() / 8 % limit); };
-    const Table& table = tables[below(static_cast<unsigned int>(tables.size()))];
-    test::Bytes payload = table.payload;
-    for (int count = below(4); count > 0; --count)
+    Table table = sampleTable(random);
+    test::Bytes& payload = table.payload;
+    for (int count = below(3); count > 0; --count)
         payload[random() % payload.size()] = below(2) == 0 ? 0xFF : below(256);
     if (below(8) == 0)
         payload.resize(random() % 900);
@@ -133,16 +161,20 @@ test::Bytes tableRecord(Random& random) {
         shortForm ? psi::shortSection(table.id, payload, table.id != 0x70)
                   : psi::section(table.id, 1 + below(2), below(4), payload, below(8) == 0 ? below(3) : 0,
                                  below(8) == 0 ? below(3) : 0, below(16) != 0);
-    test::Bytes record(kRecordHead);
+    test::Bytes packets;
     for (const test::Bytes& datagram : test::TsStream().section(table.pid, section).takeDatagrams())
-        record = concat({record, datagram});
-    const std::size_t size = record.size() - kRecordHead;
+        packets = concat({packets, datagram});
+    return packets;
+}
+
+test::Bytes newRecord(Random& random) {
+    const test::Bytes packets = random() % 8 == 0 ? pictureStart(random) : tablePackets(random);
     // Mostly one group: what is to meet in a context has to come to the same.
-    record[0] = static_cast<uint8_t>(kFrameKinds * (below(4) == 0 ? below(kGroups) : 0));
-    record[1] = below(64);
-    record[2] = psi::low8(size);
-    record[3] = psi::low8(size >> 8);
-    return record;
+    const auto group = static_cast<uint8_t>(random() % 4 == 0 ? random() % kGroups : 0);
+    const auto head = static_cast<uint8_t>(group << 4);
+    return concat(
+        {{head, psi::low8(random() % 64), psi::low8(packets.size()), psi::low8(packets.size() >> 8)},
+         packets});
 }
 
 // Puts a record in front of one chosen at random, or behind the last.
@@ -165,7 +197,7 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(uint8_t* data, std::size_t size, 
                                                unsigned int seed) {
     Random random(seed);
     random.discard(2);
-    size = random() % 4 == 0 ? insertRecord(data, size, maxSize, tableRecord(random), random)
+    size = random() % 4 == 0 ? insertRecord(data, size, maxSize, newRecord(random), random)
                              : LLVMFuzzerMutate(data, size, maxSize);
     if (random() % 8 != 0)
         repairSections(data, size);
