@@ -9,6 +9,8 @@
 JOBS ?= $(shell nproc)
 PRESET ?= release
 SOAK_SECONDS ?= 3600
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS ?= frames control parameterSet captureFile
 SOURCES = git ls-files '*.cpp' '*.h'
 
 .PHONY: help build run test verify soak bench format check-format tidy clean
@@ -42,6 +44,17 @@ verify: build
 ## soak          the same for SOAK_SECONDS (an hour), with an eye on memory
 soak: build
 	scripts/verify-demo $(SOAK_SECONDS)
+
+## fuzz          libFuzzer for FUZZ_SECONDS (60) on each of FUZZ_TARGETS; what fails is in build/fuzz/found
+.PHONY: fuzz
+fuzz: deps
+	cmake --preset fuzz
+	cmake --build --preset fuzz -j $(JOBS)
+	mkdir -p build/fuzz/found $(FUZZ_TARGETS:%=build/fuzz/corpus/%)
+	for target in $(FUZZ_TARGETS); do \
+	  build/fuzz/bin/fuzz_$$target -max_total_time=$(FUZZ_SECONDS) -max_len=8192 -timeout=25 -close_fd_mask=1 \
+	    -artifact_prefix=build/fuzz/found/$$target- build/fuzz/corpus/$$target tests/fuzz/corpus/$$target || exit 1; \
+	done
 
 ## bench         what the speed claims rest on
 bench: build
