@@ -8,7 +8,7 @@
 
 JOBS ?= $(shell nproc)
 PRESET ?= release
-SOAK_SECONDS ?= 3600
+SOAK_SECONDS ?= 600
 SOURCES = git ls-files '*.cpp' '*.h'
 
 .PHONY: help build run test verify soak bench format check-format tidy clean
@@ -39,9 +39,9 @@ test: deps
 verify: build
 	scripts/verify-demo
 
-## soak          the same for SOAK_SECONDS (an hour), with an eye on memory
+## soak          damaged streams, channels, readers and controllers come and go for SOAK_SECONDS (600); SOAK_SEED
 soak: build
-	scripts/verify-demo $(SOAK_SECONDS)
+	scripts/soak $(SOAK_SECONDS) $(SOAK_SEED)
 
 ## bench         what the speed claims rest on
 bench: build
