@@ -8,7 +8,7 @@
 
 JOBS ?= $(shell nproc)
 PRESET ?= release
-SOAK_SECONDS ?= 3600
+SOAK_SECONDS ?= 600
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS ?= frames control parameterSet captureFile
 SOURCES = git ls-files '*.cpp' '*.h'
@@ -41,9 +41,9 @@ test: deps
 verify: build
 	scripts/verify-demo
 
-## soak          the same for SOAK_SECONDS (an hour), with an eye on memory
+## soak          damaged streams, channels, readers and controllers come and go for SOAK_SECONDS (600); SOAK_SEED
 soak: build
-	scripts/verify-demo $(SOAK_SECONDS)
+	scripts/soak $(SOAK_SECONDS) $(SOAK_SEED)
 
 ## fuzz          libFuzzer for FUZZ_SECONDS (60) on each of FUZZ_TARGETS; what fails is in build/fuzz/found
 .PHONY: fuzz
