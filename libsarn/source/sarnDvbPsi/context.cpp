@@ -243,23 +243,19 @@ ts_pmt_t* newPmt(ts_stream_t* stream) {
 
 namespace {
 
-// The link that leads to the one record for which `matches` holds, or null.
+// The one record for which `matches` holds, or null.
 template <typename Predicate>
-ts_pmt_t** findPmtLink(ts_stream_t* stream, Predicate matches) {
-    ts_pmt_t** found = nullptr;
+ts_pmt_t* findPmt(ts_stream_t* stream, Predicate matches) {
+    ts_pmt_t* found = nullptr;
     int count = 0;
-    for (ts_pmt_t** link = &stream->p_pmts; *link != nullptr; link = &(*link)->p_next) {
-        if (matches(**link)) {
-            found = link;
+    for (ts_pmt_t* pmt = stream->p_pmts; pmt != nullptr; pmt = pmt->p_next) {
+        if (matches(*pmt)) {
+            found = pmt;
             ++count;
         }
     }
     SARN_ASSERT(count < 2, "count < 2");
     return found;
-}
-
-auto hasPid(uint16_t pid) {
-    return [pid](const ts_pmt_t& pmt) { return pmt.p_pid != nullptr && pmt.p_pid->i_pid == pid; };
 }
 
 void detachPmtDecoder(ts_pmt_t* pmt) {
@@ -271,26 +267,30 @@ void detachPmtDecoder(ts_pmt_t* pmt) {
 }  // namespace
 
 ts_pmt_t* findPmtByProgramNumber(ts_stream_t* stream, uint16_t programNumber) {
-    ts_pmt_t** link = findPmtLink(stream, [=](const ts_pmt_t& pmt) { return pmt.i_number == programNumber; });
-    return link != nullptr ? *link : nullptr;
+    return findPmt(stream, [=](const ts_pmt_t& pmt) { return pmt.i_number == programNumber; });
 }
 
 ts_pmt_t* findPmtByPid(ts_stream_t* stream, uint16_t pid) {
-    ts_pmt_t** link = findPmtLink(stream, hasPid(pid));
-    return link != nullptr ? *link : nullptr;
+    return findPmt(stream,
+                   [=](const ts_pmt_t& pmt) { return pmt.p_pid != nullptr && pmt.p_pid->i_pid == pid; });
 }
 
-void deletePmtByPid(ts_stream_t* stream, uint16_t pid) {
-    ts_pmt_t** link = findPmtLink(stream, hasPid(pid));
-    if (link == nullptr) {
-        return;
+void deletePmt(ts_stream_t* stream, ts_pmt_t* pmt) {
+    ts_pmt_t** link = &stream->p_pmts;
+    while (*link != pmt) {
+        link = &(*link)->p_next;
     }
-    ts_pmt_t* pmt = *link;
     *link = pmt->p_next;
     setPmtPid(pmt, nullptr);
     detachPmtDecoder(pmt);
     dvbpsi_delete(pmt->handle);
     free(pmt);
+}
+
+void deletePmtByPid(ts_stream_t* stream, uint16_t pid) {
+    if (ts_pmt_t* pmt = findPmtByPid(stream, pid)) {
+        deletePmt(stream, pmt);
+    }
 }
 
 void freePmts(ts_stream_t* stream) {

@@ -35,8 +35,12 @@ inline constexpr int32_t kLastFixedPsiPid = 20;  // up to here PIDs may carry ta
 // To be called when what b_routine depends on has changed.
 void updateRoutine(ts_pid_t& pid);
 
-// Makes `pmt` the record of PMT PID `pid`, so that this PID's ts_pid_t leads to it. Null only unlinks.
+// Makes `pmt` the record of PMT PID `pid`, so that this PID's ts_pid_t leads to it and to no other record.
+// Null only unlinks.
 void setPmtPid(ts_pmt_t* pmt, ts_pid_t* pid);
+
+// Unlinks and frees a record of the stream's list, but not its p_table.
+void deletePmt(ts_stream_t* stream, ts_pmt_t* pmt);
 
 // Adds to a set that the timer thread may be reading.
 inline void insertPid(PidSet& set, uint32_t pid) {
