@@ -232,8 +232,8 @@ void create_message(T_interface* device, ConfigurationMessage* message, int sequ
 
 void analyzeMessage(T_interface* device, zmq::message_t* frame) {
     ConfigurationMessage message;
-    // What could be read of a malformed frame is acted on.
-    static_cast<void>(message.ParseFromString(frame->to_string()));
+    // What could be read of a malformed frame is acted on, whatever is missing.
+    static_cast<void>(message.ParsePartialFromString(frame->to_string()));
     if (message.has_response()) {
         puts("analyzeResponseMessage");
         analyzeResponseMessage(device, message);

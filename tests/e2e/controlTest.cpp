@@ -157,10 +157,11 @@ TEST(Control, TwoModesAreTwoMonitors) {
 TEST(Control, AnEnvelopeWithNothingToDoEndsTheProbe) {
     Envelope requestOnly;
     requestOnly.mutable_request()->set_information("?");
-    for (const Envelope& envelope : {Envelope{}, requestOnly}) {
+    for (const Controller::Answer& answer :
+         std::initializer_list<Controller::Answer>{Envelope{}, requestOnly, std::string("garbage")}) {
         Controller controller;
         Process kestor({"kestor", "-s"});
-        controller.answer(envelope);
+        controller.answer(answer);
         EXPECT_EQ(kestor.wait(), -SIGTERM);
     }
 }

@@ -76,16 +76,22 @@ void Controller::serve(const std::stop_token& stop) {
         Envelope envelope;
         EXPECT_TRUE(envelope.ParseFromArray(body.data(), static_cast<int>(body.size())));
         EXPECT_TRUE(envelope.has_request() && !envelope.has_response() && !envelope.has_clear());
-        const std::lock_guard guard(mutex_);
-        requests_.push_back({std::chrono::steady_clock::now(), connection.to_string(), envelope.request()});
-        std::string text = response({}).SerializeAsString();
-        if (!answers_.empty()) {
-            text = answers_.front();
-            answers_.pop_front();
+        Answer answer = response({});
+        {
+            const std::lock_guard guard(mutex_);
+            requests_.push_back(
+                {std::chrono::steady_clock::now(), connection.to_string(), envelope.request()});
+            if (!answers_.empty()) {
+                answer = answers_.front();
+                answers_.pop_front();
+            }
         }
-        socket_.send(connection, zmq::send_flags::sndmore);
-        socket_.send(delimiter, zmq::send_flags::sndmore);
-        socket_.send(zmq::buffer(text));
+        std::this_thread::sleep_for(answer.delay);
+        for (int i = 0; i < answer.times; ++i) {
+            socket_.send(zmq::buffer(connection.to_string_view()), zmq::send_flags::sndmore);
+            socket_.send(zmq::message_t(), zmq::send_flags::sndmore);
+            socket_.send(zmq::buffer(answer.bytes));
+        }
     }
 }
 
@@ -98,13 +104,13 @@ bool Controller::waitForRequests(std::size_t count, std::chrono::milliseconds ti
     return eventually([&] { return requests().size() >= count; }, timeout);
 }
 
-void Controller::queue(const Envelope& envelope) {
+void Controller::queue(const Answer& answer) {
     const std::lock_guard guard(mutex_);
-    answers_.push_back(envelope.SerializePartialAsString());
+    answers_.push_back(answer);
 }
 
-void Controller::answer(const Envelope& envelope) {
-    queue(envelope);
+void Controller::answer(const Answer& answer) {
+    queue(answer);
     EXPECT_TRUE(eventually([this] {
         const std::lock_guard guard(mutex_);
         return answers_.empty();

@@ -34,14 +34,22 @@ class Controller {
         std::string connection;  // differs from connection to connection
         configuration::TasksRequest body;
     };
+    struct Answer {
+        Answer(const Envelope& envelope) : bytes(envelope.SerializePartialAsString()) {}
+        Answer(std::string text) : bytes(std::move(text)) {}
+
+        std::string bytes;
+        std::chrono::milliseconds delay{0};
+        int times = 1;
+    };
 
     std::vector<Request> requests() const;
     // False when so many did not come within the time.
     bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout = kPatience) const;
     // Has this said at the next request that has no other answer yet.
-    void queue(const Envelope& envelope);
-    // The same, and returns when it was sent.
-    void answer(const Envelope& envelope);
+    void queue(const Answer& answer);
+    // The same, and returns when it was taken up.
+    void answer(const Answer& answer);
 
   private:
     static zmq::socket_t bound(zmq::context_t& context);
@@ -49,7 +57,7 @@ class Controller {
 
     mutable std::mutex mutex_;  // guards requests_ and answers_
     std::vector<Request> requests_;
-    std::deque<std::string> answers_;
+    std::deque<Answer> answers_;
     zmq::context_t context_;
     zmq::socket_t socket_ = bound(context_);
     std::jthread server_{[this](const std::stop_token& stop) { serve(stop); }};

@@ -37,6 +37,10 @@ class Process {
     std::string err() const;
     bool waitForOut(std::string_view text, std::size_t times = 1) const;
 
+    // Its directory below /proc.
+    std::string proc() const {
+        return "/proc/" + std::to_string(pid_);
+    }
     void kill(int signal);
     // Exit status, minus the signal's number for a child ended by a signal, nothing for one that still runs.
     std::optional<int> wait(std::chrono::milliseconds timeout = kPatience);

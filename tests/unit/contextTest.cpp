@@ -33,8 +33,9 @@ TEST(PmtList, FollowsEveryPat) {
     };
     const Case cases[] = {
         {{{1, 0x100}, {2, 0x200}}, {{1, 0x100}, {2, 0x200}}},
-        {{{1, 0x200}, {2, 0x100}}, {{1, 0x200}, {2, 0x100}}},            // swapped
-        {{{1, 0x300}}, {{1, 0x300}}},                                    // moved, one gone
+        {{{1, 0x200}, {2, 0x100}}, {{1, 0x200}, {2, 0x100}}},  // swapped
+        {{{1, 0x100}, {3, 0x200}}, {{1, 0x100}, {3, 0x200}}},  // one in another's place, which is gone
+        {{{1, 0x300}}, {{1, 0x300}}},                          // moved, one gone
         {{{1, 0x300}, {2, 0x300}, {0, 0x10}}, {{0, 0x10}, {2, 0x300}}},  // two on one PID: the later stays
         {{{7, 0x1FFF}, {7, 0x44}, {8, 1}}, {{7, 0x44}, {8, 1}}},         // named twice; odd PIDs
         {{}, {}},

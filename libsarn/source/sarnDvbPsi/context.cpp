@@ -36,9 +36,6 @@ constexpr uint32_t kTdtPid = 0x14;
 constexpr int32_t kDefaultPidTimeoutSeconds = 5;
 constexpr uint64_t kBitrateSpanPackets = 70000;
 
-// Two PMT records for one program or PID are a programming error.
-constexpr const char* kOneRecordAssertion = "count < 2";
-
 // A context spans several megabytes of which a few pages are ever touched. Mapped directly, untouched pages
 // cost nothing, and small pages keep it so where the system would hand out huge ones.
 ts_stream_t* allocateContext() {
@@ -223,14 +220,13 @@ void setPmtPid(ts_pmt_t* pmt, ts_pid_t* pid) {
     }
     pmt->p_pid = pid;
     if (pid != nullptr) {
-        SARN_ASSERT(pid->p_pmt == nullptr, kOneRecordAssertion);
         pid->p_pmt = pmt;
         updateRoutine(*pid);
     }
 }
 
 void setPmtNumber(ts_stream_t* stream, ts_pmt_t* pmt, uint16_t programNumber) {
-    SARN_ASSERT(findPmtByProgramNumber(stream, programNumber) == nullptr, kOneRecordAssertion);
+    SARN_ASSERT(findPmtByProgramNumber(stream, programNumber) == nullptr, "count < 2");
     pmt->i_number = programNumber;
     HASH_ADD(hh, stream->p_pmt_by_number, i_number, sizeof pmt->i_number, pmt);
 }
@@ -258,11 +254,7 @@ ts_pmt_t* findPmtByPid(ts_stream_t* stream, uint16_t pid) {
     return stream->pid[pid].p_pmt;
 }
 
-void deletePmtByPid(ts_stream_t* stream, uint16_t pid) {
-    ts_pmt_t* pmt = findPmtByPid(stream, pid);
-    if (pmt == nullptr) {
-        return;
-    }
+void deletePmt(ts_stream_t* stream, ts_pmt_t* pmt) {
     DL_DELETE2(stream->p_pmts, pmt, p_prev, p_next);
     HASH_DEL(stream->p_pmt_by_number, pmt);
     setPmtPid(pmt, nullptr);
@@ -271,6 +263,12 @@ void deletePmtByPid(ts_stream_t* stream, uint16_t pid) {
     }
     dvbpsi_delete(pmt->handle);
     free(pmt);
+}
+
+void deletePmtByPid(ts_stream_t* stream, uint16_t pid) {
+    if (ts_pmt_t* pmt = findPmtByPid(stream, pid)) {
+        deletePmt(stream, pmt);
+    }
 }
 
 void freePmts(ts_stream_t* stream) {

@@ -35,12 +35,15 @@ inline constexpr int32_t kLastFixedPsiPid = 20;  // up to here PIDs may carry ta
 // To be called when what b_routine depends on has changed.
 void updateRoutine(ts_pid_t& pid);
 
-// Makes `pmt` the record of PMT PID `pid`, so that this PID's ts_pid_t leads to it. Null only unlinks. Aborts
-// when another record has the PID.
+// Makes `pmt` the record of PMT PID `pid`, so that this PID's ts_pid_t leads to it and to no other record.
+// Null only unlinks.
 void setPmtPid(ts_pmt_t* pmt, ts_pid_t* pid);
 
 // Makes `pmt`, a new record of the stream, the record of a program. Aborts when another one is.
 void setPmtNumber(ts_stream_t* stream, ts_pmt_t* pmt, uint16_t programNumber);
+
+// Unlinks and frees a record of the stream's list, but not its p_table.
+void deletePmt(ts_stream_t* stream, ts_pmt_t* pmt);
 
 // Adds to a set that the timer thread may be reading.
 inline void insertPid(PidSet& set, uint32_t pid) {

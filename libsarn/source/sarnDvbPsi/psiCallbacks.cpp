@@ -25,16 +25,23 @@ void onMessage(dvbpsi_t* handle, dvbpsi_msg_level_t level, const char* message) 
     ++stream->tr101290[kCrcError];
 }
 
-// Deletes the record of a PMT PID, if there is one, with its table.
-void dropPmt(ts_stream_t* stream, uint16_t pid) {
-    const ts_pmt_t* pmt = stream->pid[pid].p_pmt;
-    if (pmt == nullptr) {
-        return;
-    }
+// Deletes a record with its table.
+void dropPmt(ts_stream_t* stream, ts_pmt_t* pmt) {
     dvbpsi_pmt_t* table = pmt->p_table;
-    deletePmtByPid(stream, pid);
+    deletePmt(stream, pmt);
     if (table != nullptr) {
         dvbpsi_pmt_delete(table);
+    }
+}
+
+template <typename Predicate>
+void dropPmtsIf(ts_stream_t* stream, Predicate unwanted) {
+    for (ts_pmt_t* next = stream->p_pmts; next != nullptr;) {
+        ts_pmt_t* pmt = next;
+        next = pmt->p_next;
+        if (unwanted(*pmt)) {
+            dropPmt(stream, pmt);
+        }
     }
 }
 
@@ -44,13 +51,14 @@ void dropPmtsMissingFrom(const dvbpsi_pat_t& pat, ts_stream_t* stream) {
          program = program->p_next) {
         announced.set(program->i_pid & kPidMask);
     }
-    for (ts_pmt_t* pmt = stream->p_pmts; pmt != nullptr;) {
-        const auto pid = static_cast<uint16_t>(pmt->p_pid->i_pid);
-        pmt = pmt->p_next;
-        if (!announced.test(pid)) {
-            dropPmt(stream, pid);
-        }
-    }
+    dropPmtsIf(stream,
+               [&](const ts_pmt_t& pmt) { return !announced.test(static_cast<uint16_t>(pmt.p_pid->i_pid)); });
+}
+
+// A program that moved took the PID from its old record, which has had its turn to move elsewhere with its
+// table: left where it was, the PID would have two.
+void dropPmtsThatLostTheirPid(ts_stream_t* stream) {
+    dropPmtsIf(stream, [](const ts_pmt_t& pmt) { return pmt.p_pid->p_pmt != &pmt; });
 }
 
 void onPmt(void* data, dvbpsi_pmt_t* table);
@@ -59,17 +67,15 @@ void onPmt(void* data, dvbpsi_pmt_t* table);
 ts_pmt_t* recordForProgram(ts_stream_t* stream, uint16_t number, uint16_t pid) {
     ts_pmt_t* pmt = findPmtByProgramNumber(stream, number);
     if (pmt == nullptr) {
-        dropPmt(stream, pid);
+        if (ts_pmt_t* old = stream->pid[pid].p_pmt) {
+            dropPmt(stream, old);
+        }
         pmt = newPmt(stream);
         setPmtNumber(stream, pmt, number);
         return pmt;
     }
     if (dvbpsi_decoder_present(pmt->handle)) {
         dvbpsi_pmt_detach(pmt->handle);
-    }
-    // Another program's record on the PID that this one moves to would leave the PID with two.
-    if (pmt->p_pid->i_pid != pid) {
-        dropPmt(stream, pid);
     }
     return pmt;
 }
@@ -106,6 +112,7 @@ void onPat(void* data, dvbpsi_pat_t* pat) {
             break;
         }
     }
+    dropPmtsThatLostTheirPid(stream);
     dvbpsi_pat_delete(pat);
 }
 
