@@ -24,7 +24,8 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
 
 std::size_t occurrences(std::string_view text, std::string_view part);
 
-// One child, with an empty standard input. One that still runs at the end is killed.
+// One child, with an empty standard input. One that still runs at the end is killed; in builds with the
+// address sanitizer a daemon has to pass a leak check first.
 class Process {
   public:
     // arguments[0] is a program of this build or one found by PATH.
@@ -37,6 +38,7 @@ class Process {
     std::string err() const;
     bool waitForOut(std::string_view text, std::size_t times = 1) const;
 
+    // After SIGKILL it has ended on return.
     void kill(int signal);
     // Exit status, minus the signal's number for a child ended by a signal, nothing for one that still runs.
     std::optional<int> wait(std::chrono::milliseconds timeout = kPatience);
@@ -45,6 +47,7 @@ class Process {
     }
 
   private:
+    [[maybe_unused]] const bool isDaemon_;
     pid_t pid_ = -1;
     int outFile_;
     int errFile_;
