@@ -35,7 +35,7 @@ run: build
 test: deps
 	cmake --preset $(PRESET)
 	cmake --build --preset $(PRESET) -j $(JOBS)
-	ctest --test-dir build/$(PRESET) --output-on-failure -j $(JOBS)
+	ctest --test-dir build/$(PRESET) --output-on-failure -j $$((2 * $(JOBS))) # most of them mostly wait
 
 ## verify        the live results against ffprobe and the sender
 verify: build

@@ -47,7 +47,9 @@ std::size_t occurrences(std::string_view text, std::string_view part) {
 }
 
 Process::Process(std::vector<std::string> arguments)
-    : outFile_(memfd_create("out", MFD_CLOEXEC)), errFile_(memfd_create("err", MFD_CLOEXEC)) {
+    : isDaemon_(arguments.at(0) == "kestor"),
+      outFile_(memfd_create("out", MFD_CLOEXEC)),
+      errFile_(memfd_create("err", MFD_CLOEXEC)) {
     const std::string own = std::string(KESTOR_BIN_DIR "/") + arguments.at(0);
     if (std::filesystem::exists(own))
         arguments[0] = own;
@@ -66,8 +68,13 @@ Process::Process(std::vector<std::string> arguments)
 }
 
 Process::~Process() {
+#ifdef KESTOR_LEAK_CHECK_SIGNAL
+    if (isDaemon_ && running()) {
+        kill(KESTOR_LEAK_CHECK_SIGNAL);
+        EXPECT_EQ(wait(), 0) << "the daemon leaks memory, or does not tell";
+    }
+#endif
     kill(SIGKILL);
-    wait();
     for (const char* report : {"Sanitizer", "runtime error: "})
         EXPECT_EQ(err().find(report), std::string::npos) << err();
     close(outFile_);
@@ -87,8 +94,11 @@ bool Process::waitForOut(std::string_view text, std::size_t times) const {
 }
 
 void Process::kill(int signal) {
-    if (running())
-        ::kill(pid_, signal);
+    if (!running())
+        return;
+    ::kill(pid_, signal);
+    if (signal == SIGKILL)
+        wait();
 }
 
 std::optional<int> Process::wait(std::chrono::milliseconds timeout) {

@@ -24,7 +24,8 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
 
 std::size_t occurrences(std::string_view text, std::string_view part);
 
-// One child, with an empty standard input. One that still runs at the end is killed.
+// One child, with an empty standard input. One that still runs at the end is killed; in builds with the
+// address sanitizer a daemon has to pass a leak check first.
 class Process {
   public:
     // arguments[0] is a program of this build or one found by PATH.
@@ -41,6 +42,7 @@ class Process {
     std::string proc() const {
         return "/proc/" + std::to_string(pid_);
     }
+    // After SIGKILL it has ended on return.
     void kill(int signal);
     // Exit status, minus the signal's number for a child ended by a signal, nothing for one that still runs.
     std::optional<int> wait(std::chrono::milliseconds timeout = kPatience);
@@ -49,6 +51,7 @@ class Process {
     }
 
   private:
+    [[maybe_unused]] const bool isDaemon_;
     pid_t pid_ = -1;
     int outFile_;
     int errFile_;
