@@ -71,7 +71,7 @@ std::vector<test::Bytes> tables() {
 
 std::vector<test::Bytes> pictures(test::TsStream& packets) {
     for (uint16_t i = 0; i < kElementaryPids; ++i) {
-        packets.pes(static_cast<uint16_t>(kFirstElementaryPid + i), {.pts = 0});
+        packets.pes(static_cast<uint16_t>(kFirstElementaryPid + i));
     }
     return packets.takeDatagrams();
 }

@@ -3,10 +3,9 @@
 #include <pcap/pcap.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 
-#include <cstdarg>
-#include <cstdio>
 #include <memory>
 #include <zmq.hpp>
 
@@ -57,25 +56,9 @@ void __wrap_pcap_freealldevs(pcap_if_t*) {}
 
 // A capture of one datagram to 239.1.1.1.
 pcap_t* __wrap_pcap_open_live(const char*, int, int, int, char* error) {
-    static const test::Bytes capture = [] {
-        const test::Bytes frame = test::UdpFlow{}.frame(test::Bytes(188, 0x47));
-        const auto u32 = [](std::size_t value) {
-            const test::Bytes big = psi::u32(value);
-            return test::Bytes(big.rbegin(), big.rend());
-        };
-        return psi::concat({u32(0xA1B2C3D4),
-                            {2, 0, 4, 0},
-                            u32(0),
-                            u32(0),
-                            u32(65535),
-                            u32(DLT_EN10MB),
-                            u32(1),
-                            u32(0),
-                            u32(frame.size()),
-                            u32(frame.size()),
-                            frame});
-    }();
-    return pcap_fopen_offline(fmemopen(const_cast<uint8_t*>(capture.data()), capture.size(), "r"), error);
+    static const std::string path = "/proc/self/fd/" + std::to_string(memfd_create("capture", MFD_CLOEXEC));
+    test::PcapWriter(path).write(0, test::UdpFlow{}.frame(test::Bytes(188, 0x47)));
+    return pcap_open_offline(path.c_str(), error);
 }
 
 }  // extern "C"
@@ -93,24 +76,22 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     for (std::size_t at = 1; at + 2 <= size;) {
         const std::size_t length = std::min<std::size_t>(data[at + 1], size - at - 2);
         std::string bytes(reinterpret_cast<const char*>(data + at + 2), length);
+        test::Envelope envelope;
         switch (data[at] % 4) {
             case 1:
-                bytes = test::response({group(data[at] / 4), group(data[at + 1])}, {group(data[at] / 32)})
-                            .SerializeAsString();
+                envelope = test::response({group(data[at] / 4), group(data[at + 1])}, {group(data[at] / 32)});
                 break;
             case 2:
-                bytes = test::clearAll(length % 2 == 0).SerializeAsString();
+                envelope = test::clearAll(length % 2 == 0);
                 break;
-            case 3: {
-                test::Envelope envelope = test::response({group(data[at] / 4)});
+            case 3:
+                envelope = test::response({group(data[at] / 4)});
                 envelope.mutable_response()->set_passive_monitoring(length % 2 == 0);
                 envelope.mutable_response()->set_igmp_latency(static_cast<int>(length) - 100);
-                bytes = envelope.SerializeAsString();
-                break;
-            }
-            default:
                 break;
         }
+        if (data[at] % 4 != 0)
+            bytes = envelope.SerializeAsString();
         zmq::message_t frame(bytes.data(), bytes.size());
         analyzeMessage(&device, &frame);
         test::Envelope request;

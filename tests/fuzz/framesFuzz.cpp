@@ -95,10 +95,9 @@ class Monitor {
         constexpr std::size_t kPesPackets = 600;
         test::TsStream& stream = streams_[record.group];
         for (std::size_t i = 0; i < kPesPackets && !sizes.empty(); ++i) {
-            pts_ += 3600;
-            stream.pes(kVideoPid, {.pts = pts_, .packets = 1 + sizes[i % sizes.size()] % 16});
+            stream.pes(kVideoPid, {.packets = 1 + sizes[i % sizes.size()] % 16});
             if (i % 8 == 0)
-                stream.pcr(kVideoPid, pts_ * 300);
+                stream.pcr(kVideoPid, pcr_ += 320 * 27'000);
         }
         for (const test::Bytes& datagram : stream.takeDatagrams()) {
             analyse(record.group, flows_[record.group].frame(datagram));
@@ -118,7 +117,7 @@ class Monitor {
     std::array<test::UdpFlow, kGroups> flows_;
     std::array<test::TsStream, kGroups> streams_;
     std::array<test::Bytes, kGroups> last_;
-    uint64_t pts_ = 0;
+    uint64_t pcr_ = 0;
     int longRecords_ = 0;
     uint64_t nowUs_ = kStartUs;
 };

@@ -26,9 +26,8 @@ class AnalysisContext {
     }
     // Everything the builder holds, in datagrams that arrive together.
     void feed(TsStream& packets, int64_t ms = 0) {
-        for (const Bytes& datagram : packets.takeDatagrams()) {
+        for (const Bytes& datagram : packets.takeDatagrams())
             feed(datagram, ms);
-        }
     }
 
     ts_stream_t* operator->() {

@@ -60,12 +60,11 @@ inline Bytes loop12(const Bytes& content, uint8_t flags = 0xF) {
 
 // A section in long form (section_syntax_indicator 1) with its CRC_32.
 inline Bytes section(uint8_t tableId, uint16_t extension, uint8_t version, const Bytes& payload,
-                     uint8_t number = 0, uint8_t lastNumber = 0, bool currentNext = true) {
-    const auto versionByte = static_cast<uint8_t>(0xC0 | (version & 0x1F) << 1 | (currentNext ? 1 : 0));
+                     uint8_t number = 0, uint8_t lastNumber = 0) {
     return withCrc(concat({{tableId},
                            u16(0xB000 | (payload.size() + 9)),
                            u16(extension),
-                           {versionByte, number, lastNumber},
+                           {low8(0xC1U | version << 1), number, lastNumber},
                            payload}));
 }
 
@@ -85,9 +84,8 @@ struct ElementaryStream {
 inline Bytes pmtSection(uint16_t program, uint8_t version, uint16_t pcrPid,
                         const std::vector<ElementaryStream>& streams) {
     Bytes payload = concat({u16(0xE000U | pcrPid), loop12({})});
-    for (const ElementaryStream& stream : streams) {
+    for (const ElementaryStream& stream : streams)
         payload = concat({payload, {stream.type}, u16(0xE000U | stream.pid), loop12(stream.descriptors)});
-    }
     return section(0x02, program, version, payload);
 }
 

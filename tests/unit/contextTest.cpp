@@ -7,26 +7,24 @@
 
 namespace {
 
-using test::AnalysisContext;
 using test::kStartMs;
-using test::TsStream;
-
 using Programs = std::map<uint32_t, uint16_t>;
 
-Programs programsOf(AnalysisContext& context) {
-    Programs programs;
-    ChannelsInfo* info = sarnDvbPsi_getChannelsInfo(context.get());
-    for (uint32_t i = 0; i < info->count; ++i) {
-        const uint16_t pid = info->channels[i].pmtPid;
-        programs[info->channels[i].programNumber] = pid;
-        EXPECT_EQ(findPmtByPid(context.get(), pid), context->pid[pid].p_pmt);
-    }
-    sarnDvbPsi_freeChannelsInfo(info);
-    return programs;
-}
+struct Context : testing::Test {
+    test::AnalysisContext context;
+    test::TsStream packets;
 
-TEST(PmtList, FollowsEveryPat) {
-    AnalysisContext context;
+    Programs programs() {
+        Programs programs;
+        ChannelsInfo* info = sarnDvbPsi_getChannelsInfo(context.get());
+        for (uint32_t i = 0; i < info->count; ++i)
+            programs[info->channels[i].programNumber] = info->channels[i].pmtPid;
+        sarnDvbPsi_freeChannelsInfo(info);
+        return programs;
+    }
+};
+
+TEST_F(Context, PmtListFollowsEveryPat) {
     struct Case {
         std::initializer_list<std::pair<uint16_t, uint16_t>> pat;
         Programs expected;
@@ -41,20 +39,16 @@ TEST(PmtList, FollowsEveryPat) {
         {{}, {}},
     };
     uint8_t version = 0;
-    TsStream packets;
     for (const Case& c : cases) {
         context.feed(packets.pat(c.pat, version++));
-        EXPECT_EQ(programsOf(context), c.expected) << "PAT " << int{version};
+        EXPECT_EQ(programs(), c.expected) << "PAT " << int{version};
     }
 }
 
-TEST(PmtList, KeepsTypesAndTheFirst256DescriptorTagsOfAnEntry) {
-    AnalysisContext context;
+TEST_F(Context, KeepsTypesAndTheFirst256DescriptorTagsOfAPmtEntry) {
     test::Bytes many;
-    for (int i = 0; i < 258; ++i) {
-        many = psi::concat({many, psi::descriptor(static_cast<uint8_t>(i), {})});
-    }
-    TsStream packets;
+    for (std::size_t tag = 0; tag < 258; ++tag)
+        many = psi::concat({many, psi::descriptor(psi::low8(tag), {})});
     context.feed(packets.pat({{5, 0x100}})
                      .pmt(5, 0x100, 0x101, {{0x1B, 0x101, psi::descriptor(0x28, {1})}, {0x06, 0x102, many}}));
     EXPECT_EQ(context->pid[0x101].i_stream_type, 0x1B);
@@ -65,20 +59,19 @@ TEST(PmtList, KeepsTypesAndTheFirst256DescriptorTagsOfAnEntry) {
     EXPECT_EQ(context->pid[0x102].descriptor_tags[255], 255);
 
     PidMetrics* unseen = sarnDvbPsi_getPidMetricsInterval(context.get(), 0x102, 0);
-    EXPECT_EQ(unseen->seen, 0);
     EXPECT_EQ(unseen->streamType, 0x06);
     EXPECT_EQ(unseen->descriptorTags[1], 1);
     EXPECT_EQ(unseen->mosScore, 0);
     sarnDvbPsi_freePidMetricsInterval(unseen);
 }
 
-TEST(TableIntervals, CountLatePatAndPmtByTheirArrival) {
+TEST(LateTables, CountByTheirArrival) {
     for (const auto& [program, ms, patError2, pmtError, pmtError2] :
          {std::tuple<uint16_t, int64_t, uint64_t, uint64_t, uint64_t>{1, 500, 0, 0, 0},
           {1, 600, 1, 1, 1},
           {0, 600, 1, 1, 0}}) {
-        AnalysisContext context;
-        TsStream packets;
+        test::AnalysisContext context;
+        test::TsStream packets;
         context.feed(packets.pat({{program, 0x100}}, 0).pmt(program, 0x100, 0x101, {}, 0));
         context->i_next_check = INT64_MAX;  // the presence check counts the same things
         context.feed(packets.pat({{program, 0x100}}, 1), ms);
@@ -90,9 +83,7 @@ TEST(TableIntervals, CountLatePatAndPmtByTheirArrival) {
     }
 }
 
-TEST(TableIntervals, PresenceIsCheckedEvery500Ms) {
-    AnalysisContext context;
-    TsStream packets;
+TEST_F(Context, ChecksTheTablesPresenceEvery500Ms) {
     context.feed(packets.pat({{1, 0x100}}));
     for (const auto& [ms, pat, pmt] :
          {std::tuple{499, 0u, 0u}, {500, 0u, 1u}, {999, 0u, 1u}, {1000, 1u, 2u}}) {
@@ -104,17 +95,14 @@ TEST(TableIntervals, PresenceIsCheckedEvery500Ms) {
     }
 }
 
-TEST(SilenceCheck, CountsSeenPidsThatAreNotIgnored) {
-    AnalysisContext context;
-    TsStream packets;
+TEST_F(Context, CountsSilentPidsThatAreNotIgnored) {
     context.feed(
         packets.pat({{1, 0x100}}).pmt(1, 0x100, 0x101, {{0x1B, 0x101}, {0xFF, 0x102}}).payload(0x101));
     context.feed(packets.payload(0x102).payload(0x103).null(), -kStartMs + 4000);
     sarnDvbPsi_timerTick(9);
     EXPECT_EQ(context.errors(kPidError), 0u) << "last seen exactly at the limit";
     sarnDvbPsi_timerTick(10);
-    EXPECT_EQ(context.errors(kPidError), 2u)
-        << "wall-clock times stay above the threshold; 8191 is not examined";
+    EXPECT_EQ(context.errors(kPidError), 2u) << "wall-clock times are above the threshold; not 8191";
     sarnDvbPsi_setPidNumberState(context.get(), 0x103, 1);
     sarnDvbPsi_setPidTypeState(context.get(), 0xFF, 1);
     sarnDvbPsi_timerTick(10);
@@ -128,12 +116,9 @@ TEST(SilenceCheck, CountsSeenPidsThatAreNotIgnored) {
     EXPECT_EQ(context.errors(kPidError), 3u);
 }
 
-TEST(Latch, MakesIntervalsDifferencesAndRestartsTheJitterMaximum) {
-    AnalysisContext context;
-    TsStream packets;
+TEST_F(Context, LatchMakesIntervalsDifferencesAndRestartsTheJitterMaximum) {
     packets.pat({{1, 0x100}}).pmt(1, 0x100, 0x101, {{0x1B, 0x101}});
-    packets.pcr(0x101, 0).payload(0x101).lose(0x101, 2).payload(0x101, 3);
-    context.feed(packets);
+    context.feed(packets.pcr(0x101, 0).payload(0x101).lose(0x101, 2).payload(0x101, 3));
     context.feed(packets.pcr(0x101, 0), 160);
     context.feed(packets.payload(0x101), 1000);
     sarnDvbPsi_latchInterval(context.get(), 0);
@@ -161,8 +146,8 @@ TEST(Latch, MakesIntervalsDifferencesAndRestartsTheJitterMaximum) {
     sarnDvbPsi_freePidMetricsInterval(pid);
 }
 
-TEST(ContextDeathTest, AbortsOnBrokenInvariants) {
-    AnalysisContext context;
+using ContextDeathTest = Context;
+TEST_F(ContextDeathTest, AbortsOnBrokenInvariants) {
     EXPECT_DEATH(sarnDvbPsi_getTsMetricsInterval(context.get(), 1), "intervalId < 1 && intervalId >=0");
     EXPECT_DEATH(sarnDvbPsi_getPidMetricsInterval(context.get(), 0, -1),
                  "source/sarnDvbPsi:2375: sarnDvbPsi_getPidMetricsInterval: Assertion");
@@ -170,23 +155,15 @@ TEST(ContextDeathTest, AbortsOnBrokenInvariants) {
     EXPECT_DEATH(sarnDvbPsi_exit(context->p_intervals), "knownStream != \\(\\(void \\*\\)0\\)");
 }
 
-TEST(OwnersData, IsKeptPerContextAndPid) {
-    AnalysisContext context;
+TEST_F(Context, GivesAPidsPacketsToItsCallback) {
     int calls = 0;
     const auto count = [](int32_t length, const uint8_t* packet, void* data) {
         EXPECT_EQ(packet[0] + length, 0x47 + 188);
         ++*static_cast<int*>(data);
     };
     sarnDvbPsi_setPidDataCallback(context.get(), 0x101, count, &calls);
-    TsStream packets;
     context.feed(packets.payload(0x101, 3).null(2));
     EXPECT_EQ(calls, 3);
-    sarnDvbPsi_setTsStreamUserData(context.get(), 7);
-    sarnDvbPsi_setPidUserData(context.get(), 0x10000 + 5, 8);
-    sarnDvbPsi_setPidUserData(context.get(), 8192, 9);
-    EXPECT_EQ(sarnDvbPsi_getTsStreamUserData(context.get()), 7u);
-    EXPECT_EQ(sarnDvbPsi_getPidUserData(context.get(), 5), 8u);
-    EXPECT_EQ(sarnDvbPsi_getPidUserData(context.get(), 8192), 0u);
 }
 
 }  // namespace

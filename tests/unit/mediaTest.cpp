@@ -24,8 +24,9 @@ TEST(Saturate, EveryFloatHasAnInteger) {
     EXPECT_EQ(saturate<uint64_t>(-1e30), 0U);
 }
 
+constexpr uint32_t kRate = 10000;
+
 struct MediaDeliveryIndex : testing::Test {
-    static constexpr uint32_t kRate = 10000;
     MdiMeasurement* m = mdi_start_new_measurement();
     ~MediaDeliveryIndex() override {
         EXPECT_EQ(mdi_cleanup(m), 0);

@@ -6,6 +6,7 @@
 #include "sarnDvbPsi/dvbpsiHeaders.h"
 #include "sarnDvbPsi/siSubtables.h"
 #include "support/analysisContext.h"
+#include "support/consoleText.h"
 
 namespace {
 
@@ -22,9 +23,8 @@ bool accepted(uint8_t tableId, uint16_t pid, const Bytes& payload, uint8_t numbe
     TsStream packets;
     context.feed(packets.pat({{1, 0x100}}));
     const Bytes section = psi::section(tableId, 1, 0, payload, number, 0);
-    testing::internal::CaptureStdout();
-    context.feed(packets.section(pid, section).section(pid, section));
-    return !testing::internal::GetCapturedStdout().empty() || context->pid[0x101].b_pcr_pid;
+    packets.section(pid, section).section(pid, section);
+    return !test::printedBy([&] { context.feed(packets); }).empty() || context->pid[0x101].b_pcr_pid;
 }
 
 TEST(SectionGuard, SectionsPassOnlyIfTheirLengthsFit) {
@@ -41,9 +41,8 @@ TEST(SectionGuard, SectionsPassOnlyIfTheirLengthsFit) {
         {concat({u16(0xE101), u16(0xFFFF)}), false},
         {{}, false},
     };
-    for (const auto& [payload, fits] : programMaps) {
+    for (const auto& [payload, fits] : programMaps)
         EXPECT_EQ(accepted(0x02, 0x100, payload), fits) << testing::PrintToString(payload);
-    }
     EXPECT_FALSE(accepted(0x02, 0x100, head, 1)) << "a section behind the last one";
 
     // The library goes on behind the last of these descriptors, wherever it claims to end.
@@ -62,22 +61,17 @@ TEST(SectionGuard, InventedTablesAreBounded) {
     AnalysisContext context;
     TsStream packets;
     const Bytes payload = concat({u16(1), u16(2), {0, 0x6F}});
-    for (uint32_t table = 0; table < kMaxSubtables + 50U; ++table) {
+    for (uint32_t table = 0; table < kMaxSubtables + 50U; ++table)
         packets.section(0x12, psi::section(0x50, static_cast<uint16_t>(table), 0, payload, 0, 9));
-    }
     context.feed(packets);
     int subtables = 0;
-    for (const dvbpsi_demux_subdec_t* subtable =
-             reinterpret_cast<dvbpsi_demux_t*>(context->eit_handle->p_decoder)->p_first_subdec;
-         subtable != nullptr; subtable = subtable->p_next) {
+    const auto* subtable = reinterpret_cast<dvbpsi_demux_t*>(context->eit_handle->p_decoder)->p_first_subdec;
+    for (; subtable != nullptr; subtable = subtable->p_next)
         ++subtables;
-    }
     EXPECT_EQ(subtables, kMaxSubtables);
-    for (uint32_t number = 1; number < 9; ++number) {
-        for (uint16_t table = 0; table < kMaxSubtables; table += 2) {
+    for (uint32_t number = 1; number < 9; ++number)
+        for (uint16_t table = 0; table < kMaxSubtables; table += 2)
             packets.section(0x12, psi::section(0x50, table, 0, payload, psi::low8(number), 9));
-        }
-    }
     context.feed(packets);
     EXPECT_EQ(context->si_sections[1], kMaxHeldSections);
 }
@@ -96,11 +90,7 @@ TEST(SectionGuard, ATableOfMoreEntriesThanPidsIsDropped) {
             packets.section(0, psi::section(0, 1, 0, payload, psi::low8(number), psi::low8(sections - 1)));
         }
         context.feed(packets);
-        uint32_t programs = 0;
-        for (const ts_pmt_t* pmt = context->p_pmts; pmt != nullptr; pmt = pmt->p_next) {
-            ++programs;
-        }
-        EXPECT_EQ(programs, known);
+        EXPECT_EQ(HASH_CNT(hh, context->p_pmt_by_number), known);
     }
 }
 

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 
+#include "configuration.h"
+#include "kestor.h"
+#include "packetDispatch.h"
 #include "sarn/packetJitter.h"
 #include "sarn/udpStreams.h"
 #include "support/frameBuilder.h"
@@ -34,7 +37,7 @@ class UdpStreams : public testing::Test {
 };
 
 Bytes packets(int count) {
-    return test::TsStream().null(count).takeDatagrams(count).at(0);
+    return test::TsStream().null(count).takeDatagrams().front();
 }
 
 TEST_F(UdpStreams, LearnsTheLayoutFromTheFirstDatagram) {
@@ -71,6 +74,23 @@ TEST_F(UdpStreams, AnalysesWhatWasCaptured) {
     EXPECT_EQ(stream->lastPacketTimeMs, 7u);
     EXPECT_EQ(stream->tsStream->i_packets, 2u);
     EXPECT_EQ(stream->tsStream->p_jitter->arrivalCount, 2u);
+}
+
+// The buffered path, which the daemon holds beside the direct one.
+TEST_F(UdpStreams, CollectedFramesAreAnalysedWhenIndicatedAndTheBuffersSwapped) {
+    T_interface device(MODE_MONITOR);
+    const UdpStream* stream =
+        sarnUdpStreams_addStream(device.udpStreams, inet_addr("239.1.1.1"), 0, 0, "s", &lock_);
+    const Bytes frame = UdpFlow{}.frame(packets(7));
+    for (uint32_t turn = 1; turn <= 3; ++turn) {
+        const PacketBufferEntry* filled = packetData;
+        packetData[i_packetData++] = {static_cast<uint32_t>(frame.size()), frame.data(), turn, 2999};
+        indicatePackets(&device);
+        EXPECT_EQ(stream->lastPacketTimeMs, turn * 1000u + 2);
+        EXPECT_EQ(stream->tsStream->i_packets, turn * 7u);
+        EXPECT_EQ(i_packetData, 0u);
+        EXPECT_NE(packetData, filled);
+    }
 }
 
 }  // namespace
