@@ -36,8 +36,9 @@ void* thread_timer_function(void*);
 void sarnDvbPsi_timerTick(int64_t nowSeconds);
 
 // The PMT list. The caller holds `lock` or is the only user of the context.
-// newPmt appends a record (out of memory is fatal); the find functions return null for none; deletePmtByPid
-// unlinks and frees the record but not its p_table; freePmts frees all with tables. None walks the list.
+// newPmt appends a record (out of memory is fatal). The others know a record from when a PAT has given it its
+// program and PID: the find functions return it or null, without a walk; deletePmtByPid unlinks and frees it
+// but not its p_table. freePmts frees all with tables.
 ts_pmt_t* newPmt(ts_stream_t* stream);
 ts_pmt_t* findPmtByProgramNumber(ts_stream_t* stream, uint16_t programNumber);
 ts_pmt_t* findPmtByPid(ts_stream_t* stream, uint16_t pid);

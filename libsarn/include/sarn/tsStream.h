@@ -146,13 +146,14 @@ struct alignas(64) ts_pid_t {
 
 // One program announced by the PAT.
 struct ts_pmt_t {
-    dvbpsi_s* handle;       // with a PMT decoder attached
-    int64_t i_prev_time;    // i_last_seen of the PMT PID at the previous PMT callback
-    int64_t i_last_time;    // ... and at the most recent one
-    uint16_t i_number;      // program_number
-    ts_pid_t* p_pid;        // record of the PMT PID
-    ts_pid_t* p_pcr_pid;    // record of the PCR PID of the last PMT
-    dvbpsi_pmt_s* p_table;  // last decoded PMT, owned; null before the first
+    dvbpsi_s* handle;           // with a PMT decoder attached
+    int64_t i_prev_time;        // i_last_seen of the PMT PID at the previous PMT callback
+    int64_t i_last_time;        // ... and at the most recent one
+    uint16_t i_number;          // program_number
+    uint32_t i_listed_streams;  // elementary streams in p_table
+    ts_pid_t* p_pid;            // record of the PMT PID
+    ts_pid_t* p_pcr_pid;        // record of the PCR PID of the last PMT
+    dvbpsi_pmt_s* p_table;      // last decoded PMT, owned; null before the first
     ts_pmt_t* p_next;
     ts_pmt_t* p_prev;   // of the first record, the last one
     UT_hash_handle hh;  // by program_number
@@ -210,6 +211,7 @@ struct ts_stream_t {
     ts_pid_t* p_tdt_pid;
     ts_pmt_t* p_pmts;           // list in order of creation, owned; guarded by `lock`
     ts_pmt_t* p_pmt_by_number;  // the same records by program_number; guarded by `lock`
+    uint32_t listed_streams;    // of all their tables; used by the thread that feeds the context only
     int32_t level;              // libdvbpsi's message level
     // Guards the PMT list and what the PSI callbacks update. Taken by the PAT and PMT callbacks (inside
     // sarnDvbPsi_process) and by the program-list getter; nests inside the stream table lock, and no other

@@ -251,12 +251,13 @@ ts_pmt_t* findPmtByProgramNumber(ts_stream_t* stream, uint16_t programNumber) {
 }
 
 ts_pmt_t* findPmtByPid(ts_stream_t* stream, uint16_t pid) {
-    return stream->pid[pid].p_pmt;
+    return pid < kPidCount ? stream->pid[pid].p_pmt : nullptr;
 }
 
 void deletePmt(ts_stream_t* stream, ts_pmt_t* pmt) {
     DL_DELETE2(stream->p_pmts, pmt, p_prev, p_next);
     HASH_DEL(stream->p_pmt_by_number, pmt);
+    stream->listed_streams -= pmt->i_listed_streams;
     setPmtPid(pmt, nullptr);
     if (dvbpsi_decoder_present(pmt->handle)) {
         dvbpsi_pmt_detach(pmt->handle);

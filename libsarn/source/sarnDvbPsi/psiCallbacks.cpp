@@ -164,9 +164,12 @@ void onPmt(void* data, dvbpsi_pmt_t* table) {
     insertPid(stream->touched, pcrPid);
     pmt->p_pcr_pid = &stream->pid[pcrPid];
     pmt->p_pcr_pid->b_pcr_pid = 1;
-    for (const dvbpsi_pmt_es_t* es = table->p_first_es; es != nullptr; es = es->p_next) {
+    uint32_t listed = 0;
+    for (const dvbpsi_pmt_es_t* es = table->p_first_es; es != nullptr; es = es->p_next, ++listed) {
         recordElementaryStream(*stream, table->i_program_number, *es);
     }
+    stream->listed_streams += listed - pmt->i_listed_streams;
+    pmt->i_listed_streams = listed;
 }
 
 void onCat(void* data, dvbpsi_cat_t* cat) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <span>
 
+#include "sarn/sarnDvbPsi.h"
 #include "sarn/tsStream.h"
 #include "sarnDvbPsi/dvbpsiHeaders.h"
 
@@ -16,6 +17,7 @@ using Bytes = std::span<const uint8_t>;
 // What the library makes of a descriptor that leads out of its loop.
 enum class Loop : uint8_t {
     none,
+    whole,    // as bounded; the loop is all that is left and has no length in front
     bounded,  // leaves it out and stays inside the section, so only the loop itself must fit
     filled,   // reads on where it claims to end, even behind the section, so descriptors must fill the loop
 };
@@ -33,10 +35,10 @@ struct SectionLayout {
     Loop entryLoop;
 };
 
-// ISO/IEC 13818-1 2.4.4 and ETSI EN 300 468 clause 5.2. The descriptors of a CAT need no check: they are
-// read up to the end of what holds them.
+// ISO/IEC 13818-1 2.4.4 and ETSI EN 300 468 clause 5.2.
 constexpr SectionLayout kLayouts[] = {
     {0x00, 0x00, 0, Loop::none, false, 4, Loop::none},        // PAT
+    {0x01, 0x01, 0, Loop::whole, false, 0, Loop::none},       // CAT
     {0x02, 0x02, 4, Loop::bounded, false, 5, Loop::bounded},  // PMT
     {0x40, 0x41, 2, Loop::filled, true, 6, Loop::filled},     // NIT
     {0x42, 0x42, 3, Loop::none, false, 5, Loop::bounded},     // SDT
@@ -48,49 +50,71 @@ constexpr SectionLayout kLayouts[] = {
 
 constexpr std::size_t kLengthSize = 2;
 
-bool descriptorsFill(Bytes loop) {
+// What the library puts into one list each, walking the list for every element.
+struct Lists {
+    uint32_t entries = 0;
+    uint32_t headDescriptors = 0;  // in the loop in front of the entries
+};
+
+// The number of descriptors in a loop, or nothing for one that the library must not get.
+std::optional<uint32_t> countDescriptors(Bytes loop, Loop kind) {
+    uint32_t count = 0;
     while (loop.size() >= 2 && loop[1] <= loop.size() - 2) {
         loop = loop.subspan(std::size_t{2} + loop[1]);
+        ++count;
     }
-    return loop.empty();
+    if (count > kMaxLoopDescriptors || (kind == Loop::filled && !loop.empty())) {
+        return std::nullopt;
+    }
+    return count;
 }
 
-// Takes `size` bytes off the front of `rest`, and with a loop as many more as their last two say.
-bool take(Bytes& rest, std::size_t size, Loop loop) {
+// Takes `size` bytes off the front of `rest`, and with a loop as many more as their last two say. Returns the
+// number of descriptors in it.
+std::optional<uint32_t> take(Bytes& rest, std::size_t size, Loop loop) {
     if (rest.size() < size) {
-        return false;
+        return std::nullopt;
     }
     std::size_t loopSize = 0;
-    if (loop != Loop::none) {
+    if (loop == Loop::whole) {
+        loopSize = rest.size() - size;
+    } else if (loop != Loop::none) {
         loopSize = static_cast<std::size_t>((rest[size - 2] & 0x0F) << 8 | rest[size - 1]);
     }
     rest = rest.subspan(size);
-    if (rest.size() < loopSize || (loop == Loop::filled && !descriptorsFill(rest.first(loopSize)))) {
-        return false;
-    }
-    rest = rest.subspan(loopSize);
-    return true;
-}
-
-// The number of entries, or nothing where a length leads out of the payload.
-std::optional<uint32_t> countEntries(const SectionLayout& layout, Bytes payload) {
-    if (!take(payload, layout.headSize, layout.headLoop)) {
+    if (rest.size() < loopSize) {
         return std::nullopt;
     }
+    const Bytes descriptors = rest.first(loopSize);
+    rest = rest.subspan(loopSize);
+    return countDescriptors(descriptors, loop);
+}
+
+// Nothing where a length leads out of the payload.
+std::optional<Lists> measure(const SectionLayout& layout, Bytes payload) {
+    Lists lists;
+    const auto head = take(payload, layout.headSize, layout.headLoop);
+    if (!head) {
+        return std::nullopt;
+    }
+    lists.headDescriptors = *head;
     if (layout.entriesLength) {
-        Bytes behind = payload;
-        if (!take(behind, kLengthSize, Loop::bounded)) {
+        if (payload.size() < kLengthSize) {
             return std::nullopt;
         }
-        payload = payload.first(payload.size() - behind.size()).subspan(kLengthSize);
+        const auto length = static_cast<std::size_t>((payload[0] & 0x0F) << 8 | payload[1]);
+        payload = payload.subspan(kLengthSize);
+        if (payload.size() < length) {
+            return std::nullopt;
+        }
+        payload = payload.first(length);
     }
-    uint32_t count = 0;
-    for (; layout.entrySize != 0 && !payload.empty(); ++count) {
+    for (; layout.entrySize != 0 && !payload.empty(); ++lists.entries) {
         if (!take(payload, layout.entrySize, layout.entryLoop)) {
             return std::nullopt;
         }
     }
-    return count;
+    return lists;
 }
 
 bool hasShortForm(uint8_t tableId) {
@@ -99,31 +123,45 @@ bool hasShortForm(uint8_t tableId) {
     return tableId == kTdt || tableId == kTot;
 }
 
-std::optional<uint32_t> countEntries(const dvbpsi_psi_section_t& section) {
+Bytes payloadOf(const dvbpsi_psi_section_t& section) {
+    return {section.p_payload_start, section.p_payload_end};
+}
+
+// Null for a section that needs no check. What should have the long form and has not, the library refuses
+// with an error message, which counts.
+const SectionLayout* layoutOf(const dvbpsi_psi_section_t& section) {
+    if (!section.b_syntax_indicator && !hasShortForm(section.i_table_id)) {
+        return nullptr;
+    }
+    const auto* layout =
+        std::find_if(std::begin(kLayouts), std::end(kLayouts), [&](const SectionLayout& row) {
+            return section.i_table_id >= row.firstTableId && section.i_table_id <= row.lastTableId;
+        });
+    return layout != std::end(kLayouts) ? layout : nullptr;
+}
+
+// What the table has with this section, of which the sections `held` came before. Nothing for a section that
+// is malformed, or makes the table too large.
+std::optional<Lists> measureTable(const dvbpsi_psi_section_t& section, const dvbpsi_psi_section_t* held) {
     if (section.p_payload_end < section.p_payload_start || section.i_number > section.i_last_number) {
         return std::nullopt;
     }
-    const auto layout = std::find_if(std::begin(kLayouts), std::end(kLayouts), [&](const SectionLayout& row) {
-        return section.i_table_id >= row.firstTableId && section.i_table_id <= row.lastTableId;
-    });
-    // What should have the long form and has not, the library refuses with an error message, which counts.
-    if (layout == std::end(kLayouts) || (!section.b_syntax_indicator && !hasShortForm(section.i_table_id))) {
-        return 0;
+    const SectionLayout* layout = layoutOf(section);
+    if (layout == nullptr) {
+        return Lists{};
     }
-    return countEntries(*layout, {section.p_payload_start, section.p_payload_end});
-}
-
-// Whether the section's lengths fit, and the table that it belongs to, of which `held` came before, stays
-// within kMaxTableEntries.
-bool sectionFits(const dvbpsi_psi_section_t& section, const dvbpsi_psi_section_t* held) {
-    const std::optional<uint32_t> own = countEntries(section);
-    uint32_t total = own.value_or(0);
-    for (; own && held != nullptr; held = held->p_next) {
+    std::optional<Lists> table = measure(*layout, payloadOf(section));
+    for (; table && held != nullptr; held = held->p_next) {
         if (held->i_version == section.i_version && held->i_number != section.i_number) {
-            total += countEntries(*held).value_or(0);
+            const Lists lists = measure(*layout, payloadOf(*held)).value_or(Lists{});
+            table->entries += lists.entries;
+            table->headDescriptors += lists.headDescriptors;
         }
     }
-    return own && total <= kMaxTableEntries;
+    if (table && (table->entries > kMaxTableEntries || table->headDescriptors > kMaxLoopDescriptors)) {
+        return std::nullopt;
+    }
+    return table;
 }
 
 // The gather functions of the library's decoders, which it sets but does not declare.
@@ -165,8 +203,21 @@ const Gathers& gathers() {
 }
 
 template <Kind kind>
+bool tableFits(const dvbpsi_t& handle, const dvbpsi_psi_section_t& section) {
+    const std::optional<Lists> table = measureTable(section, handle.p_decoder->p_sections);
+    if constexpr (kind == kPmt) {
+        auto* stream = static_cast<ts_stream_t*>(handle.p_sys);
+        const ts_pmt_t* pmt = findPmtByProgramNumber(stream, section.i_extension);
+        const uint32_t elsewhere = stream->listed_streams - (pmt != nullptr ? pmt->i_listed_streams : 0);
+        return table && section.i_last_number < kMaxPmtSections &&
+               elsewhere + table->entries <= kMaxTableEntries;
+    }
+    return table.has_value();
+}
+
+template <Kind kind>
 void gatherGuarded(dvbpsi_t* handle, dvbpsi_psi_section_t* section) {
-    if (sectionFits(*section, handle->p_decoder->p_sections)) {
+    if (tableFits<kind>(*handle, *section)) {
         gathers()[kind](handle, section);
     } else {
         dvbpsi_DeletePSISections(section);
@@ -203,7 +254,7 @@ void demuxGuarded(dvbpsi_t* handle, dvbpsi_psi_section_t* section) {
     uint32_t& held = heldCount(*static_cast<ts_stream_t*>(demux->p_new_cb_data), handle);
     const uint8_t tableId = section->i_table_id;
     const uint16_t extension = section->i_extension;
-    if (!sectionFits(*section, heldSections(demux, tableId, extension)) ||
+    if (!measureTable(*section, heldSections(demux, tableId, extension)) ||
         (isLarge(*section) && held >= kMaxHeldSections)) {
         dvbpsi_DeletePSISections(section);
         return;

@@ -14,10 +14,8 @@ bool pushPsiPacket(dvbpsi_s* handle, const uint8_t* packet);
 
 // Puts a check in front of the decoder attached to the handle (PAT, CAT, PMT or a demultiplexer whose
 // new-subtable data is its ts_stream_t): sections whose lengths do not fit into each other, that are numbered
-// behind their last_section_number, or that make their table larger than kMaxTableEntries are dropped before
-// the decoder sees them; all others pass unchanged. Descriptors are looked at only in tables where the
-// library would read on behind the section. Of a demultiplexer it also bounds the sections that wait for the
-// rest of their tables. Call after each attach.
+// behind their last_section_number, or that make their table exceed the limits below are dropped before the
+// decoder sees them; all others pass unchanged. Call after each attach.
 void guardSections(dvbpsi_s* handle);
 
 // Sections that the unfinished tables of one demultiplexer hold, up to 4 KiB each, before those of tables
@@ -25,7 +23,15 @@ void guardSections(dvbpsi_s* handle);
 // design, would pile up otherwise.
 inline constexpr uint32_t kMaxHeldSections = 8192;
 
-// Programs of a PAT, elementary streams of a PMT, services or events that a table may list. The library walks
-// its list for each that it adds, so the time that a table costs grows with their square. No multiplex has
-// more programs than it can have PIDs.
+// The library walks a list for each element that it appends, so the time that a table costs grows with the
+// square of these.
+//
+// Programs of a PAT, services or events that a table may list, and elementary streams that all PMTs of a
+// context may list together: as many as there are PIDs.
 inline constexpr uint32_t kMaxTableEntries = 8192;
+// Descriptors in one loop, also where a table's sections continue it.
+inline constexpr uint32_t kMaxLoopDescriptors = 512;
+
+// Sections of a PMT, which by ISO/IEC 13818-1 2.4.4.9 has one: each program can make its decoder hold that
+// many.
+inline constexpr uint32_t kMaxPmtSections = 8;
