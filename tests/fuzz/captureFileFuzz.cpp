@@ -32,7 +32,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         tameStamps(capture);
     const int file = memfd_create("capture", MFD_CLOEXEC);
     if (write(file, capture.data(), size) != static_cast<ssize_t>(size))
-        return 0;
+        __builtin_trap();
     // Kept reachable: a run that is abandoned never destroys it.
     static Replay* replay;
     fuzzing::runToItsEnd([&] {

@@ -94,4 +94,30 @@ TEST(SectionGuard, ATableOfMoreEntriesThanPidsIsDropped) {
     }
 }
 
+TEST(SectionGuard, DescriptorsOfATableAndStreamsOfAllProgramsAreBounded) {
+    for (const bool second : {false, true}) {  // each section has 300, a loop may have 512
+        AnalysisContext context;
+        TsStream packets;
+        for (uint8_t number = 0; number <= (second ? 1 : 0); ++number)
+            packets.section(1, psi::section(1, 1, 0, Bytes(600), number, second));
+        context.feed(packets);
+        EXPECT_EQ(context->b_cat_received, !second);
+    }
+    AnalysisContext context;
+    TsStream packets;
+    const Bytes stream = concat({{2}, u16(0xE101), loop12({})});
+    Bytes payload = concat({u16(0xE101), loop12({})});
+    for (int i = 0; i < 190; ++i)
+        payload = concat({payload, stream});
+    packets.pat({{1, 0x101}, {2, 0x102}, {3, 0x103}, {4, 0x104}, {5, 0x105}, {6, 0x106}});
+    for (uint16_t round = 0; round < 2; ++round)  // a new version takes the place of the old one
+        for (uint16_t program = 1; program <= 6; ++program)
+            for (uint8_t number = 0; number < kMaxPmtSections; ++number)
+                packets.section(0x100 + program, psi::section(2, program, psi::low8(round), payload, number, 7));
+    context.feed(packets);
+    EXPECT_EQ(context->listed_streams, 5 * kMaxPmtSections * 190);
+    context.feed(packets.pat({{6, 0x106}}, 1));
+    EXPECT_EQ(context->listed_streams, 0);
+}
+
 }  // namespace
