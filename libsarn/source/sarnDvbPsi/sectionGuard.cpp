@@ -17,6 +17,7 @@ using Bytes = std::span<const uint8_t>;
 // What the library makes of a descriptor that leads out of its loop.
 enum class Loop : uint8_t {
     none,
+    checked,  // was looked at before, so its length is enough
     whole,    // as bounded; the loop is all that is left and has no length in front
     bounded,  // leaves it out and stays inside the section, so only the loop itself must fit
     filled,   // reads on where it claims to end, even behind the section, so descriptors must fill the loop
@@ -87,11 +88,11 @@ std::optional<uint32_t> take(Bytes& rest, std::size_t size, Loop loop) {
     }
     const Bytes descriptors = rest.first(loopSize);
     rest = rest.subspan(loopSize);
-    return countDescriptors(descriptors, loop);
+    return loop == Loop::checked ? 0 : countDescriptors(descriptors, loop);
 }
 
-// Nothing where a length leads out of the payload.
-std::optional<Lists> measure(const SectionLayout& layout, Bytes payload) {
+// Nothing where a length leads out of the payload. `entryLoop` is the layout's, or checked.
+std::optional<Lists> measure(const SectionLayout& layout, Bytes payload, Loop entryLoop) {
     Lists lists;
     const auto head = take(payload, layout.headSize, layout.headLoop);
     if (!head) {
@@ -110,7 +111,7 @@ std::optional<Lists> measure(const SectionLayout& layout, Bytes payload) {
         payload = payload.first(length);
     }
     for (; layout.entrySize != 0 && !payload.empty(); ++lists.entries) {
-        if (!take(payload, layout.entrySize, layout.entryLoop)) {
+        if (!take(payload, layout.entrySize, entryLoop)) {
             return std::nullopt;
         }
     }
@@ -150,10 +151,11 @@ std::optional<Lists> measureTable(const dvbpsi_psi_section_t& section, const dvb
     if (layout == nullptr) {
         return Lists{};
     }
-    std::optional<Lists> table = measure(*layout, payloadOf(section));
+    std::optional<Lists> table = measure(*layout, payloadOf(section), layout->entryLoop);
+    const Loop entryLoop = layout->entryLoop == Loop::none ? Loop::none : Loop::checked;
     for (; table && held != nullptr; held = held->p_next) {
         if (held->i_version == section.i_version && held->i_number != section.i_number) {
-            const Lists lists = measure(*layout, payloadOf(*held)).value_or(Lists{});
+            const Lists lists = measure(*layout, payloadOf(*held), entryLoop).value_or(Lists{});
             table->entries += lists.entries;
             table->headDescriptors += lists.headDescriptors;
         }
