@@ -113,7 +113,8 @@ TEST(SectionGuard, DescriptorsOfATableAndStreamsOfAllProgramsAreBounded) {
     for (uint16_t round = 0; round < 2; ++round)  // a new version takes the place of the old one
         for (uint16_t program = 1; program <= 6; ++program)
             for (uint8_t number = 0; number < kMaxPmtSections; ++number)
-                packets.section(0x100 + program, psi::section(2, program, psi::low8(round), payload, number, 7));
+                packets.section(0x100 + program,
+                                psi::section(2, program, psi::low8(round), payload, number, 7));
     context.feed(packets);
     EXPECT_EQ(context->listed_streams, 5 * kMaxPmtSections * 190);
     context.feed(packets.pat({{6, 0x106}}, 1));
