@@ -30,6 +30,17 @@ TEST(PacketLoop, TreatsPartialTailAsLostBytes) {
     EXPECT_EQ(context->p_jitter->arrivalCount, 1u) << "a call that ends in a partial packet is not measured";
 }
 
+TEST(PacketLoop, CountsNullAndScrambledPackets) {
+    AnalysisContext context;
+    TsStream packets;
+    packets.null(3).payload(kVideoPid, 2);
+    packets.last()[3] |= 0x80;  // transport_scrambling_control
+    context.feed(packets);
+    EXPECT_EQ(context->i_null_packets, 3u);
+    EXPECT_EQ(context->i_scrambled, 1u);
+    EXPECT_EQ(context->pid[kVideoPid].i_scrambled, 1u);
+}
+
 TEST(PacketLoop, LosesSyncOnceAtThirdFailureAndRegainsItWithFifthPacket) {
     AnalysisContext context;
     const auto feedGarbage = [&](int datagrams) {
