@@ -130,6 +130,8 @@ TEST(Faults, AnswersThatAreLateDoubleOrDamaged) {
     late.delay = 1500ms;
     twice.times = 2;
     controller->answer(late);
+    // Behind the requests that waited meanwhile, whose connections are closed as well.
+    ASSERT_TRUE(controller->waitForRequests(controller->requests().size() + 6));
     controller->answer(twice);
     ASSERT_TRUE(eventually([] { return igmpMember(kB); }));
     EXPECT_FALSE(igmpMember(kA)) << "its connection is closed";
