@@ -2,7 +2,6 @@
 #include <array>
 #include <cstdio>
 #include <memory>
-#include <optional>
 
 #include "configuration.h"
 #include "fuzz/frames.h"
