@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "probeEndpoints.h"
 #include "sarn/udpStreams.h"
 
 class StreamJoiner;
@@ -16,9 +17,6 @@ namespace zmq {
 class context_t;
 class socket_t;
 }  // namespace zmq
-
-// The named pipe that carries the results.
-inline constexpr const char* RESULTS_FIFO_PATH = "/tmp/american_maid";
 
 enum typeOfApplication : uint32_t {
     MODE_MONITOR = 0,       // -s: monitors the groups that the controller lists

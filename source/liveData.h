@@ -4,10 +4,9 @@
 #include <zmq.hpp>
 
 #include "config.pb.h"
+#include "probeEndpoints.h"
 
 struct T_interface;
-
-inline constexpr const char* kControllerEndpoint = "tcp://127.0.0.1:5999";
 
 // Starts the live-data thread; returns 0.
 int LiveData_ThreadStart(T_interface* device);

@@ -13,6 +13,8 @@ namespace {
 
 using records::Column;
 using records::Kind;
+using records::parseRecord;
+using records::Record;
 
 // Number of a column in records of that kind, counted from 1, or a dash.
 std::string numberOf(std::string_view name, Kind kind) {

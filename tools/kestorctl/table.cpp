@@ -9,6 +9,8 @@
 
 #include "sarn/names.h"
 
+using records::Record;
+
 namespace {
 
 // Channel lines, and below them their PIDs'.

@@ -6,4 +6,4 @@
 
 #include "recordParser.h"
 
-std::string renderTable(const std::vector<Record>& snapshot);
+std::string renderTable(const std::vector<records::Record>& snapshot);

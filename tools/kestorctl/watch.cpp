@@ -13,12 +13,13 @@
 #include <string>
 #include <vector>
 
-#include "kestor.h"
-#include "recordParser.h"
+#include "probeEndpoints.h"
+#include "recordJson.h"
 #include "table.h"
 
 namespace {
 
+using records::Record;
 using Clock = std::chrono::steady_clock;
 
 // A writer that never ends its snapshot must not fill the memory.
@@ -73,50 +74,8 @@ std::optional<std::string> readSnapshot(std::optional<Clock::time_point> deadlin
     }
 }
 
-// The records of a snapshot; lines that are none are named on standard error and left out.
-std::vector<Record> parseSnapshot(std::string_view text) {
-    std::vector<Record> parsed;
-    for (std::size_t number = 1; !text.empty(); ++number) {
-        const std::size_t end = text.find('\n');
-        const std::string_view line = text.substr(0, end);
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-        auto result = parseRecord(line);
-        if (auto* record = std::get_if<Record>(&result)) {
-            parsed.push_back(std::move(*record));
-        } else {
-            fprintf(stderr, "kestorctl: line %zu skipped: %s\n", number,
-                    std::get<std::string>(result).c_str());
-        }
-    }
-    return parsed;
-}
-
-nlohmann::ordered_json toJson(const Record& record) {
-    const auto columns = records::columnsOf(record.kind());
-    const auto value = [](records::Type type, const std::string& text) -> nlohmann::ordered_json {
-        switch (type) {
-            case records::Type::kText:
-                return text;
-            case records::Type::kSigned:
-                return std::stoll(text);
-            case records::Type::kUnsigned:
-                return std::stoull(text);
-            default:
-                return std::stod(text);
-        }
-    };
-    nlohmann::ordered_json object;
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-        object[std::string(columns[i].name)] = value(columns[i].type, record.fields()[i]);
-    }
-    if (record.kind() != records::Kind::kStream) {
-        auto& tags = object[std::string(records::kDescriptorTagsColumn.name)];
-        tags = nlohmann::ordered_json::array();
-        for (std::size_t i = columns.size(); i < record.fields().size(); ++i) {
-            tags.push_back(value(records::kDescriptorTagsColumn.type, record.fields()[i]));
-        }
-    }
-    return object;
+void reportBadLine(std::size_t number, const std::string& problem) {
+    fprintf(stderr, "kestorctl: line %zu skipped: %s\n", number, problem.c_str());
 }
 
 }  // namespace
@@ -129,7 +88,7 @@ int runWatch(const WatchOptions& options) {
         if (!text) {
             return 1;
         }
-        const std::vector<Record> snapshot = parseSnapshot(*text);
+        const std::vector<Record> snapshot = records::parseSnapshot(*text, reportBadLine);
         if (options.json) {
             for (const Record& record : snapshot) {
                 // Text that is not UTF-8 can only come from a foreign writer.

@@ -9,6 +9,7 @@
 #include <zmq.hpp>
 
 #include "config.pb.h"
+#include "probeEndpoints.h"
 
 using namespace std::chrono_literals;
 
@@ -22,8 +23,8 @@ struct LinkError : std::runtime_error {
 // unanswered. For use by one thread.
 class ControllerLink {
   public:
-    // Throws LinkError when another controller listens there.
-    ControllerLink();
+    // Throws LinkError when another controller listens at the endpoint, a ZeroMQ address.
+    explicit ControllerLink(const std::string& endpoint = kControllerEndpoint);
 
     // The probe's next request: one that it made while this link was open, so that an answer still finds it
     // waiting. Nothing when none came in time.

@@ -1,7 +1,9 @@
 // Lines of the results, taken apart.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -9,10 +11,12 @@
 
 #include "recordColumns.h"
 
+namespace records {
+
 // One record whose columns have been checked against their types.
 class Record {
   public:
-    records::Kind kind() const {
+    Kind kind() const {
         return kind_;
     }
     // One entry a column of columnsOf(kind()), then the descriptor tags.
@@ -27,9 +31,17 @@ class Record {
 
   private:
     friend std::variant<Record, std::string> parseRecord(std::string_view line);
-    records::Kind kind_ = records::Kind::kStream;
+    Kind kind_ = Kind::kStream;
     std::vector<std::string> fields_;
 };
 
 // Takes apart one line without its line end: the record, or what is wrong with the line.
 std::variant<Record, std::string> parseRecord(std::string_view line);
+
+// Told the number of a line that is no record, from 1, and what is wrong with it.
+using BadLine = std::function<void(std::size_t number, const std::string& problem)>;
+
+// The records of a snapshot; lines that are none are told to `badLine` and left out.
+std::vector<Record> parseSnapshot(std::string_view text, const BadLine& badLine);
+
+}  // namespace records

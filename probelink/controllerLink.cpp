@@ -6,7 +6,6 @@
 
 namespace {
 
-constexpr const char* kEndpoint = "tcp://127.0.0.1:5999";
 constexpr std::chrono::milliseconds kFlushTime = 1s;
 
 // A connection attempt that failed while nobody listened is repeated after 100 to 200 ms. What arrives within
@@ -16,12 +15,12 @@ constexpr std::chrono::milliseconds kStaleRequests = 300ms;
 }  // namespace
 
 // A REP socket would have to answer each request before it hears the next; a router may leave one unanswered.
-ControllerLink::ControllerLink() {
+ControllerLink::ControllerLink(const std::string& endpoint) {
     socket_.set(zmq::sockopt::linger, static_cast<int>(kFlushTime.count()));
     try {
-        socket_.bind(kEndpoint);
+        socket_.bind(endpoint);
     } catch (const zmq::error_t& error) {
-        throw LinkError(std::string("cannot listen at ") + kEndpoint + ": " +
+        throw LinkError("cannot listen at " + endpoint + ": " +
                         (error.num() == EADDRINUSE ? "another controller does" : error.what()));
     }
     open_ = std::chrono::steady_clock::now();

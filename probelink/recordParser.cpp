@@ -5,10 +5,9 @@
 #include <cstdlib>
 #include <optional>
 
-namespace {
+namespace records {
 
-using records::Column;
-using records::Type;
+namespace {
 
 // The value, when the whole text is one.
 template <typename Number>
@@ -54,10 +53,10 @@ std::string checkColumns(std::span<const Column> columns, bool tagsFollow,
         return std::to_string(fields.size()) + " columns instead of " + std::to_string(columns.size());
     }
     for (std::size_t i = 0; i < fields.size(); ++i) {
-        const Column& column = i < columns.size() ? columns[i] : records::kDescriptorTagsColumn;
+        const Column& column = i < columns.size() ? columns[i] : kDescriptorTagsColumn;
         if (!matches(column.type, fields[i])) {
             return "column " + std::to_string(i + 1) + " (" + std::string(column.name) + ") is no " +
-                   std::string(records::typeName(column.type)) + " value";
+                   std::string(typeName(column.type)) + " value";
         }
     }
     const uint64_t tags =
@@ -72,7 +71,7 @@ std::string checkColumns(std::span<const Column> columns, bool tagsFollow,
 }  // namespace
 
 const std::string& Record::text(std::string_view name) const {
-    const auto columns = records::columnsOf(kind_);
+    const auto columns = columnsOf(kind_);
     const auto found = std::ranges::find(columns, name, &Column::name);
     if (found == columns.end()) {
         std::abort();
@@ -95,19 +94,36 @@ double Record::fraction(std::string_view name) const {
 std::variant<Record, std::string> parseRecord(std::string_view line) {
     Record record;
     record.fields_ = split(line);
-    if (record.fields_.size() <= records::kLabelColumn) {
+    if (record.fields_.size() <= kLabelColumn) {
         return "no label";
     }
-    const auto kind =
-        std::ranges::find(records::kKinds, record.fields_[records::kLabelColumn], &records::KindName::label);
-    if (kind == records::kKinds.end()) {
+    const auto kind = std::ranges::find(kKinds, record.fields_[kLabelColumn], &KindName::label);
+    if (kind == kKinds.end()) {
         return "unknown label";
     }
     record.kind_ = kind->kind;
-    if (std::string problem = checkColumns(records::columnsOf(record.kind_),
-                                           record.kind_ != records::Kind::kStream, record.fields_);
+    if (std::string problem =
+            checkColumns(columnsOf(record.kind_), record.kind_ != Kind::kStream, record.fields_);
         !problem.empty()) {
         return problem;
     }
     return record;
 }
+
+std::vector<Record> parseSnapshot(std::string_view text, const BadLine& badLine) {
+    std::vector<Record> parsed;
+    for (std::size_t number = 1; !text.empty(); ++number) {
+        const std::size_t end = text.find('\n');
+        const std::string_view line = text.substr(0, end);
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+        auto result = parseRecord(line);
+        if (auto* record = std::get_if<Record>(&result)) {
+            parsed.push_back(std::move(*record));
+        } else {
+            badLine(number, std::get<std::string>(result));
+        }
+    }
+    return parsed;
+}
+
+}  // namespace records
