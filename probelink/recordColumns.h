@@ -44,12 +44,13 @@ inline constexpr std::array kCommonColumns = std::to_array<Column>({
     {"kind", Type::kUnsigned, "", "0 for the stream, 1 for a PID"},
     {"pid", Type::kSigned, "", "PID; -1 for the stream"},
     {"label", Type::kText, "",
-     "-1 stream, PAT, PMT, KP elementary PID that a PMT lists, UP PID that no table lists"},
+     "-1 stream, PAT, PMT, KP elementary PID that a PMT lists, UP any other PID seen"},
 });
 
-inline constexpr Column kStreamTypeColumn = {"streamType", Type::kUnsigned, "",
-                                             "stream_type that the PMT gives the PID; 0 without one"};
-inline constexpr Column kPmtPidColumn = {"pmtPid", Type::kUnsigned, "", "PMT PID of the PID's program"};
+inline constexpr Column kStreamTypeColumn = {
+    "streamType", Type::kUnsigned, "", "stream_type from the last PMT that listed the PID; 0 without one"};
+inline constexpr Column kPmtPidColumn = {"pmtPid", Type::kUnsigned, "",
+                                         "PMT PID of the program that lists the PID"};
 
 inline constexpr std::array kIdentityColumns = std::to_array<Column>({
     {"sourceAddress", Type::kSigned, "",
@@ -68,22 +69,28 @@ inline constexpr std::array kIdentityColumns = std::to_array<Column>({
 inline constexpr std::array kCounterColumns = std::to_array<Column>({
     {"packetsLost", Type::kUnsigned, "packet", "transport packets missing by the continuity counter"},
     {"packetsOutOfSequence", Type::kUnsigned, "packet",
-     "packets whose continuity counter is not the expected one"},
+     "packets with payload whose continuity counter is not the expected one"},
     {"packetsDuplicated", Type::kUnsigned, "packet",
      "always 0: a repeated packet counts as 15 lost ones instead"},
     {"packetsReceived", Type::kUnsigned, "packet", "transport packets received"},
     {"packetsScrambled", Type::kUnsigned, "packet", "packets with transport_scrambling_control other than 0"},
     {"TS_sync_loss", Type::kUnsigned, "",
-     "third failure in a row to find the sync byte; five good packets end the loss"},
-    {"Sync_byte_error", Type::kUnsigned, "", "skips to the next sync byte 0x47"},
-    {"PAT_error", Type::kUnsigned, "", "PID 0 missing for over 500 ms, scrambled, or not decodable"},
-    {"PAT_error_2", Type::kUnsigned, "", "PAT tables over 500 ms apart, and the cases of PAT_error"},
-    {"Continuity_count_error", Type::kUnsigned, "", "packets with an unexpected continuity counter"},
-    {"PMT_error", Type::kUnsigned, "", "PMT PID missing for over 500 ms, PMTs as far apart, or scrambled"},
+     "third failure in a row to find a packet where one should begin; five good packets end the loss"},
+    {"Sync_byte_error", Type::kUnsigned, "",
+     "skips to the next packet with sync byte 0x47, or to the datagram's end"},
+    {"PAT_error", Type::kUnsigned, "",
+     "PID 0 missing for over 500 ms, its packets as far apart, scrambled, or not decodable"},
+    {"PAT_error_2", Type::kUnsigned, "",
+     "decoded PATs over 500 ms apart, and the cases of PAT_error but its packets' spacing"},
+    {"Continuity_count_error", Type::kUnsigned, "",
+     "packets with payload and an unexpected continuity counter"},
+    {"PMT_error", Type::kUnsigned, "",
+     "PMT PID missing for over 500 ms, decoded PMTs as far apart, or scrambled"},
     {"PMT_error_2", Type::kUnsigned, "", "as PMT_error; scrambling and spacing for program numbers above 0"},
     {"PID_error", Type::kUnsigned, "", "seconds for which a PID was silent; always 0 with wall-clock times"},
     {"Transport_error", Type::kUnsigned, "", "packets with transport_error_indicator set"},
-    {"CRC_error", Type::kUnsigned, "", "sections that the PSI decoder rejected; counted for the stream only"},
+    {"CRC_error", Type::kUnsigned, "",
+     "errors of the PSI decoder: checksums, lost or repeated packets, unfit sections; stream only"},
     {"PCR_error", Type::kUnsigned, "", "sum of PCR_repetition_error and PCR_discontinuity_indicator_error"},
     {"PCR_repetition_error", Type::kUnsigned, "", "PCRs that arrived over 40 ms after the one before"},
     {"PCR_discontinuity_indicator_error", Type::kUnsigned, "",
@@ -118,8 +125,8 @@ inline constexpr std::array kPidMeasureColumns = std::to_array<Column>({
     {"gopLengthMaximum", Type::kUnsigned, "frame", "highest gopLength"},
     {"gopBFrames", Type::kUnsigned, "frame", "estimated B frames per anchor frame, running average"},
     {"mosScore", Type::kFraction, "", "mean opinion score, 1.0 (bad) to 5.0; 0 before the first"},
-    {"mosMinimum", Type::kFraction, "", "lowest score so far; 5 before the first"},
-    {"mosMaximum", Type::kFraction, "", "highest score so far; 1 before the first"},
+    {"mosMinimum", Type::kFraction, "", "lowest score so far; 5 before the first, 0 for a PID never seen"},
+    {"mosMaximum", Type::kFraction, "", "highest score so far; 1 before the first, 0 for a PID never seen"},
     {"pictureHeight", Type::kUnsigned, "pixel", "from the H.264 sequence parameter set; 0 while unknown"},
     {"pictureWidth", Type::kUnsigned, "pixel", "likewise"},
     {"descriptorCount", Type::kUnsigned, "", "descriptor tags that follow"},
