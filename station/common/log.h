@@ -1,0 +1,32 @@
+// The station's log: standard error, a line each, with the level prefix that journald understands ("<4>").
+#pragma once
+
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace station {
+
+// Levels of syslog (RFC 5424, clause 6.2.1).
+enum class LogLevel : int { kError = 3, kWarning = 4, kNotice = 5, kInfo = 6, kDebug = 7 };
+
+using LogField = std::pair<std::string_view, std::string_view>;
+
+// Writes one line; line ends and control characters in the text come out as spaces. Fields (names in upper case,
+// such as KESTOR_CHANNEL) go along where standard error is the journal, and are left out elsewhere. Any thread.
+void log(LogLevel level, std::string_view text, std::initializer_list<LogField> fields = {});
+
+// One message that may come again and again: says it at first, and then only when it has changed.
+class LogOnChange {
+  public:
+    // True when the text was written, since it differs from the last one. Not for use by several threads.
+    bool say(LogLevel level, std::string_view text);
+    // What was wrong is over: the next text is said whatever it is. Says `recovered` if something was said before.
+    void over(std::string_view recovered = {});
+
+  private:
+    std::string last_;
+};
+
+}  // namespace station
