@@ -1,0 +1,76 @@
+// The recent past of every channel, in memory.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "alarms/channelSample.h"
+#include "common/clock.h"
+
+namespace station {
+
+enum class HistoryMetric : uint8_t {
+    kBitRate,
+    kPacketsLost,
+    kContinuityErrors,
+    kPcrErrors,
+    kDelayFactor,
+    kJitter,
+    kQualityIndex,
+    kPackets,
+};
+inline constexpr std::size_t kHistoryMetrics = 8;
+
+struct HistoryMetricName {
+    HistoryMetric metric;
+    std::string_view name;  // the record column's: "bitRate", "packetsLost", ...
+    std::string_view unit;
+    bool counter;  // points are sums; else minimum, mean and maximum
+};
+std::span<const HistoryMetricName> historyMetrics();
+
+inline constexpr std::size_t kSecondsKept = 600;       // a value a second for ten minutes
+inline constexpr std::size_t kMinutesKept = 24 * 60;   // a value a minute for 24 hours
+inline constexpr std::size_t kStripCells = 96;         // the state of five minutes each, for eight hours
+
+// The worst that was in five minutes, for a strip.
+enum class StripCell : uint8_t { kNoData, kOk, kAlarm, kNoSignal };
+std::string_view stripCellName(StripCell cell);  // "no_data", "ok", "alarm", "no_signal"
+
+struct HistoryPoint {
+    WallTime time;  // the second's or minute's begin
+    // A value that is not known is NaN. With resolution 1 and for counters all three are the same.
+    double minimum;
+    double mean;
+    double maximum;
+};
+
+// One channel's past: at most 100 KiB, all of it allocated at the start. One thread.
+class History {
+  public:
+    History();
+    // A sample at its time. Samples may come at any pace; a second with several keeps their mean (sum for counters), a
+    // second without any is unknown. A wall clock that steps moves the stamps of what comes, never what was kept.
+    void add(const ChannelSample& sample, StripCell state, const Now& now);
+
+    // Points from `since` on, oldest first. resolution: 1 or 60.
+    std::vector<HistoryPoint> points(HistoryMetric metric, int resolution, WallTime since, const Now& now) const;
+    // The last `cells` means of `secondsEach`, newest last, NaN where unknown: a sparkline.
+    std::vector<float> spark(HistoryMetric metric, std::size_t cells, std::size_t secondsEach, const Now& now) const;
+    // Sum of a counter over the last seconds (at most kSecondsKept).
+    uint64_t sum(HistoryMetric metric, std::chrono::seconds time, const Now& now) const;
+    std::array<StripCell, kStripCells> strip(const Now& now) const;  // newest last
+
+    static std::size_t bytes();  // that one takes, all in
+
+  private:
+    struct Rings;
+    std::shared_ptr<Rings> rings_;
+};
+
+}  // namespace station

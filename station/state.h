@@ -1,0 +1,90 @@
+// What the station knows at one moment: made whole by the owner thread, read by everybody.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "alarms/alarm.h"
+#include "alarms/channelSample.h"
+#include "alarms/history.h"
+#include "channels/channel.h"
+#include "channels/configuration.h"
+#include "recordParser.h"
+#include "store/delivery.h"
+#include "store/event.h"
+#include "store/eventStore.h"
+
+namespace station {
+
+enum class ChannelStatus : uint8_t { kOk, kAlarm, kWaiting, kDisabled };
+std::string_view channelStatusName(ChannelStatus status);  // "ok", "alarm", "waiting", "disabled"
+
+struct ChannelState {
+    Channel channel;
+    ChannelStatus status = ChannelStatus::kWaiting;
+    std::vector<Alarm> alarms;  // active ones, worst first
+    // From the last snapshot that showed it.
+    bool shown = false;
+    const Record* stream = nullptr;   // into `snapshot`
+    std::span<const Record> pids;     // likewise
+    std::shared_ptr<const Snapshot> snapshot;
+    ChannelSample sample;
+    WallTime lastSeen;         // last time that packets came; the epoch before the first
+    uint64_t lostLastMinute = 0;
+    uint64_t continuityLastMinute = 0;
+    bool maintenance = false;  // a window holds at this moment
+    // Since when each counter's last error was, for the lamps; the epoch for never. By sampleCounter().
+    std::array<WallTime, kSampleCounters> lastError{};
+};
+
+struct ProbeState {
+    bool connected = false;     // a request within the last 2 s, and a snapshot within the last 3 s
+    bool otherController = false;  // another controller holds the port
+    WallTime lastRequest;       // the epoch before the first
+    WallTime lastSnapshot;
+    int32_t sequence = -1;
+    uint64_t requests = 0;
+    uint64_t snapshots = 0;
+    uint64_t restarts = 0;
+    uint64_t droppedLines = 0;
+    uint64_t droppedSnapshots = 0;  // handed over by the reader and not taken in time
+    uint64_t snapshotBytes = 0;     // of the last one
+    std::string pipeProblem;        // empty when all is well
+    double longestPipeWaitMs = 0;   // longest time between two reads with the pipe full
+};
+
+// What the station itself costs.
+struct StationUse {
+    double cpuSeconds = 0;         // of the process
+    uint64_t residentBytes = 0;
+    double lastSnapshotCpuMs = 0;  // parsing, alarms, history
+    uint64_t commandsRefused = 0;  // the owner's queue was full
+};
+
+struct StationState {
+    uint64_t number = 0;  // grows with each state
+    Now now;
+    WallTime started;
+    ProbeState probe;
+    std::vector<std::shared_ptr<const ChannelState>> channels;  // in the order of groups
+    std::vector<Alarm> alarms;                                  // all active ones, newest first
+    std::vector<Maintenance> maintenance;
+    std::shared_ptr<const Configuration> configuration;
+    std::vector<std::string> notes;  // what was odd in configuration and playlists, first 100
+    bool passive = false;
+    StationUse use;
+    uint64_t channelsVersion = 0;  // grows when a channel is added, removed or changed
+    uint64_t alarmsVersion = 0;    // grows when an alarm is raised, cleared or acknowledged
+
+    // Null when there is none.
+    const ChannelState* find(const Group& group) const;
+};
+using StatePointer = std::shared_ptr<const StationState>;
+
+}  // namespace station

@@ -1,0 +1,58 @@
+// The HTTP server (Boost.Beast), on one I/O thread.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+
+namespace station {
+
+struct ServerOptions {
+    std::string listen;            // ADDRESS:PORT, [IPv6]:PORT; empty for none; port 0 lets the kernel choose
+    std::filesystem::path socket;  // Unix socket, mode 0660; empty for none
+    std::string token;             // for changes over TCP; empty: none are taken
+    std::vector<std::string> allowedHosts;
+    std::filesystem::path page;      // the page's files
+    std::filesystem::path dygraphs;  // directory of dygraph.min.js and dygraph.min.css
+};
+
+struct ServerStatistics {
+    uint64_t connections = 0;  // open
+    uint64_t streams = 0;      // event streams among them
+    uint64_t requests = 0;
+    uint64_t refused = 0;    // connections over a limit
+    uint64_t malformed = 0;  // requests that were none
+    uint64_t slowClosed = 0;
+};
+
+class Server {
+  public:
+    static constexpr std::size_t kConnections = 64;
+    static constexpr std::size_t kConnectionsPerAddress = 8;  // TCP
+    static constexpr std::size_t kHeaderBytes = 8 * 1024;
+    static constexpr std::size_t kBodyBytes = 64 * 1024;
+
+    // Listens, and serves on a thread of its own until it is destroyed. Throws std::runtime_error with a sentence for
+    // an operator when it cannot listen. `station` has to outlive it.
+    Server(const ServerOptions& options, StationInterface& station);
+    ~Server();
+    Server(const Server&) = delete;
+
+    // A new state was published: event streams get it. Any thread.
+    void statePublished();
+    // What a reload may change without listening anew. Any thread.
+    void setAccess(const std::string& token, const std::vector<std::string>& allowedHosts);
+
+    uint16_t port() const;  // that TCP listens on; 0 without
+    ServerStatistics statistics() const;  // any thread
+
+  private:
+    struct Implementation;
+    std::unique_ptr<Implementation> implementation_;
+};
+
+}  // namespace station
