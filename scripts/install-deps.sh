@@ -10,6 +10,8 @@ packages=(
   # What the probe and its tools link.
   libpcap-dev libdvbpsi-dev libzmq3-dev cppzmq-dev libprotobuf-dev protobuf-compiler
   uthash-dev libcli11-dev nlohmann-json3-dev
+  # What the station links.
+  libboost-dev libtomlplusplus-dev libsqlite3-dev libcurl4-openssl-dev libsystemd-dev
   # Tests, benchmarks and the demonstration.
   libgtest-dev libgmock-dev libbenchmark-dev valgrind ffmpeg python3
   # The network of its own that the scripts make.

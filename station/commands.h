@@ -74,8 +74,9 @@ struct AskOverview {
     std::size_t sparkSeconds;
 };
 
-using Action = std::variant<PutChannel, DeleteChannel, ImportPlaylist, ClearCounters, SetPassive, SetIgmpLatency,
-                            ReloadFiles, AcknowledgeAlarm, SetMaintenance, EndMaintenance, AskHistory, AskOverview>;
+using Action =
+    std::variant<PutChannel, DeleteChannel, ImportPlaylist, ClearCounters, SetPassive, SetIgmpLatency,
+                 ReloadFiles, AcknowledgeAlarm, SetMaintenance, EndMaintenance, AskHistory, AskOverview>;
 
 struct OverviewRow {
     Group group;
@@ -86,10 +87,10 @@ struct OverviewRow {
 // The answer to a command: what was asked for, after the state that shows the change is published.
 struct Answer {
     std::optional<Refusal> refusal;
-    std::vector<HistoryPoint> points;    // AskHistory
-    std::vector<OverviewRow> overview;   // AskOverview
-    int64_t id = 0;                      // SetMaintenance
-    std::vector<std::string> notes;      // ImportPlaylist, ReloadFiles
+    std::vector<HistoryPoint> points;                 // AskHistory
+    std::vector<OverviewRow> overview;                // AskOverview
+    int64_t id = 0;                                   // SetMaintenance
+    std::vector<std::string> notes;                   // ImportPlaylist, ReloadFiles
     std::size_t added = 0, changed = 0, skipped = 0;  // ImportPlaylist
 };
 

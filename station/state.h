@@ -31,22 +31,22 @@ struct ChannelState {
     std::vector<Alarm> alarms;  // active ones, worst first
     // From the last snapshot that showed it.
     bool shown = false;
-    const Record* stream = nullptr;   // into `snapshot`
-    std::span<const Record> pids;     // likewise
+    const Record* stream = nullptr;  // into `snapshot`
+    std::span<const Record> pids;    // likewise
     std::shared_ptr<const Snapshot> snapshot;
     ChannelSample sample;
     WallTime lastSeen;         // last time that packets came; the epoch before the first
-    uint64_t lostLastMinute = 0;
-    uint64_t continuityLastMinute = 0;
     bool maintenance = false;  // a window holds at this moment
-    // Since when each counter's last error was, for the lamps; the epoch for never. By sampleCounter().
+    // For the lamps, by sampleCounter(): when the counter last grew (the epoch for never), and how much it
+    // grew in the last minute.
     std::array<WallTime, kSampleCounters> lastError{};
+    std::array<uint64_t, kSampleCounters> lastMinute{};
 };
 
 struct ProbeState {
-    bool connected = false;     // a request within the last 2 s, and a snapshot within the last 3 s
+    bool connected = false;        // a request within the last 2 s, and a snapshot within the last 3 s
     bool otherController = false;  // another controller holds the port
-    WallTime lastRequest;       // the epoch before the first
+    WallTime lastRequest;          // the epoch before the first
     WallTime lastSnapshot;
     int32_t sequence = -1;
     uint64_t requests = 0;
@@ -61,7 +61,7 @@ struct ProbeState {
 
 // What the station itself costs.
 struct StationUse {
-    double cpuSeconds = 0;         // of the process
+    double cpuSeconds = 0;  // of the process
     uint64_t residentBytes = 0;
     double lastSnapshotCpuMs = 0;  // parsing, alarms, history
     uint64_t commandsRefused = 0;  // the owner's queue was full

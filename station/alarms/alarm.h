@@ -38,7 +38,8 @@ struct AlarmRule {
     std::chrono::milliseconds raiseDelay{0};  // how long the measure has to be wrong
     std::chrono::milliseconds clearDelay{0};  // how long it has to be right again
     uint64_t count = 1;                       // kCounter: so many in the window raise; 0 does not count them
-    uint64_t errorSeconds = 0;  // kCounter: so many seconds with an error in the window raise; 0 does not count them
+    uint64_t errorSeconds =
+        0;  // kCounter: so many seconds with an error in the window raise; 0 does not count them
     std::chrono::seconds window{10};  // kCounter, 1 s to 600 s
 
     bool operator==(const AlarmRule&) const = default;
@@ -49,7 +50,8 @@ struct AlarmType {
     std::string_view name;     // "no_signal"
     std::string_view meaning;  // a sentence for an operator
     AlarmKind kind;
-    std::string_view unit;    // of raise_level and clear_level, or of what is counted; empty where there is none
+    std::string_view
+        unit;  // of raise_level and clear_level, or of what is counted; empty where there is none
     std::string_view column;  // record column that it watches; empty where it is derived
     bool ofProbe;             // of the probe as a whole, not of a channel
     AlarmRule defaults;

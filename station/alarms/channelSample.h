@@ -22,11 +22,11 @@ struct ChannelSample {
     std::array<uint64_t, kSampleCounters> totals{};
     std::array<uint64_t, kSampleCounters> increments{};  // 0 where a counter stepped back: it was cleared
 
-    double bitRate = 0;        // bit/s
-    double delayFactor = 0;    // ms; 0 while unknown
+    double bitRate = 0;         // bit/s
+    double delayFactor = 0;     // ms; 0 while unknown
     double jitterVariance = 0;  // ms^2; 0 while unknown
-    double interArrival = 0;   // ms
-    double qualityIndex = 0;   // 1 to 5
+    double interArrival = 0;    // ms
+    double qualityIndex = 0;    // 1 to 5
     std::optional<double> mos;  // lowest of the PIDs that have a score
     bool wrongSource = false;
     int ttl = 0;

@@ -34,9 +34,9 @@ struct HistoryMetricName {
 };
 std::span<const HistoryMetricName> historyMetrics();
 
-inline constexpr std::size_t kSecondsKept = 600;       // a value a second for ten minutes
-inline constexpr std::size_t kMinutesKept = 24 * 60;   // a value a minute for 24 hours
-inline constexpr std::size_t kStripCells = 96;         // the state of five minutes each, for eight hours
+inline constexpr std::size_t kSecondsKept = 600;      // a value a second for ten minutes
+inline constexpr std::size_t kMinutesKept = 24 * 60;  // a value a minute for 24 hours
+inline constexpr std::size_t kStripCells = 96;        // the state of five minutes each, for eight hours
 
 // The worst that was in five minutes, for a strip.
 enum class StripCell : uint8_t { kNoData, kOk, kAlarm, kNoSignal };
@@ -54,14 +54,17 @@ struct HistoryPoint {
 class History {
   public:
     History();
-    // A sample at its time. Samples may come at any pace; a second with several keeps their mean (sum for counters), a
-    // second without any is unknown. A wall clock that steps moves the stamps of what comes, never what was kept.
+    // A sample at its time. Samples may come at any pace; a second with several keeps their mean (sum for
+    // counters), a second without any is unknown. A wall clock that steps moves the stamps of what comes,
+    // never what was kept.
     void add(const ChannelSample& sample, StripCell state, const Now& now);
 
     // Points from `since` on, oldest first. resolution: 1 or 60.
-    std::vector<HistoryPoint> points(HistoryMetric metric, int resolution, WallTime since, const Now& now) const;
+    std::vector<HistoryPoint> points(HistoryMetric metric, int resolution, WallTime since,
+                                     const Now& now) const;
     // The last `cells` means of `secondsEach`, newest last, NaN where unknown: a sparkline.
-    std::vector<float> spark(HistoryMetric metric, std::size_t cells, std::size_t secondsEach, const Now& now) const;
+    std::vector<float> spark(HistoryMetric metric, std::size_t cells, std::size_t secondsEach,
+                             const Now& now) const;
     // Sum of a counter over the last seconds (at most kSecondsKept).
     uint64_t sum(HistoryMetric metric, std::chrono::seconds time, const Now& now) const;
     std::array<StripCell, kStripCells> strip(const Now& now) const;  // newest last

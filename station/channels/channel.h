@@ -30,7 +30,7 @@ class Group {
 };
 
 enum class Origin : uint8_t { kRuntime, kConfig, kPlaylist };  // in order of precedence
-std::string_view originName(Origin origin);                     // "runtime", "config", "playlist"
+std::string_view originName(Origin origin);                    // "runtime", "config", "playlist"
 
 // Bounds on what a channel carries, wherever it comes from. Longer texts are cut (playlists) or refused
 // (configuration, API).

@@ -22,11 +22,12 @@ using RuntimeChannels = std::map<Group, RuntimeChannel>;
 
 struct MergedChannels {
     ChannelMap channels;
-    std::vector<std::string> notes;  // "239.1.1.1 stands in station.toml and in channels.m3u:12; station.toml holds"
+    std::vector<std::string>
+        notes;  // "239.1.1.1 stands in station.toml and in channels.m3u:12; station.toml holds"
 };
 
-// Precedence: run time, configuration, playlists in their order. Beyond kChannelsLimit channels are left out, which
-// is noted.
+// Precedence: run time, configuration, playlists in their order. Beyond kChannelsLimit channels are left out,
+// which is noted.
 MergedChannels mergeChannels(const RuntimeChannels& runtime, const Configuration& configuration,
                              const std::vector<std::pair<PlaylistSource, Playlist>>& playlists);
 

@@ -29,8 +29,8 @@ struct Webhook {
     Severity minimumSeverity = Severity::kWarning;
     uint32_t maxPerMinute = 30;
     std::chrono::milliseconds timeout{5000};
-    std::string caFile;          // PEM; empty for the system's
-    std::string authorization;   // sent as Authorization header, from authorization_file; empty for none
+    std::string caFile;         // PEM; empty for the system's
+    std::string authorization;  // sent as Authorization header, from authorization_file; empty for none
 
     bool operator==(const Webhook&) const = default;
 };
@@ -44,8 +44,8 @@ struct Configuration {
     std::filesystem::path state = "/var/lib/kestor";
     std::filesystem::path pipe = "/tmp/american_maid";
     std::string controllerEndpoint = "tcp://127.0.0.1:5999";
-    std::filesystem::path page;       // directory of the page's files; empty: found by the program
-    std::filesystem::path tokenFile;  // empty: no changes over TCP
+    std::filesystem::path page;             // directory of the page's files; empty: found by the program
+    std::filesystem::path tokenFile;        // empty: no changes over TCP
     std::vector<std::string> allowedHosts;  // beside the listening address, localhost and this machine's name
     std::optional<bool> passive;            // not set: the probe is told nothing
     std::optional<std::chrono::milliseconds> igmpLatency;
@@ -85,9 +85,9 @@ struct ConfigurationResult {
     std::vector<Mistake> mistakes;
 };
 
-// Reads a file. Unknown keys, wrong types, values out of range, a profile that no [profile.NAME] defines, and groups
-// named twice are mistakes; all of them are found in one go. Files that it names (token_file, authorization_file)
-// have to be readable; playlists need not be there.
+// Reads a file. Unknown keys, wrong types, values out of range, a profile that no [profile.NAME] defines, and
+// groups named twice are mistakes; all of them are found in one go. Files that it names (token_file,
+// authorization_file) have to be readable; playlists need not be there.
 ConfigurationResult readConfiguration(const std::filesystem::path& file);
 // The same for a text; `name` stands in the messages and its directory is where relative paths count from.
 ConfigurationResult parseConfiguration(std::string_view text, const std::filesystem::path& name);

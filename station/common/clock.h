@@ -9,8 +9,8 @@ namespace station {
 using SteadyTime = std::chrono::steady_clock::time_point;
 using WallTime = std::chrono::sys_time<std::chrono::milliseconds>;
 
-// One moment on both clocks. Delays, windows and ages are reckoned from `steady`, whatever happens to the wall
-// clock; `wall` is only shown and stored.
+// One moment on both clocks. Delays, windows and ages are reckoned from `steady`, whatever happens to the
+// wall clock; `wall` is only shown and stored.
 struct Now {
     SteadyTime steady;
     WallTime wall;

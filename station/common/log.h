@@ -13,8 +13,9 @@ enum class LogLevel : int { kError = 3, kWarning = 4, kNotice = 5, kInfo = 6, kD
 
 using LogField = std::pair<std::string_view, std::string_view>;
 
-// Writes one line; line ends and control characters in the text come out as spaces. Fields (names in upper case,
-// such as KESTOR_CHANNEL) go along where standard error is the journal, and are left out elsewhere. Any thread.
+// Writes one line; line ends and control characters in the text come out as spaces. Fields (names in upper
+// case, such as KESTOR_CHANNEL) go along where standard error is the journal, and are left out elsewhere. Any
+// thread.
 void log(LogLevel level, std::string_view text, std::initializer_list<LogField> fields = {});
 
 // One message that may come again and again: says it at first, and then only when it has changed.
@@ -22,7 +23,8 @@ class LogOnChange {
   public:
     // True when the text was written, since it differs from the last one. Not for use by several threads.
     bool say(LogLevel level, std::string_view text);
-    // What was wrong is over: the next text is said whatever it is. Says `recovered` if something was said before.
+    // What was wrong is over: the next text is said whatever it is. Says `recovered` if something was said
+    // before.
     void over(std::string_view recovered = {});
 
   private:

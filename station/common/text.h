@@ -12,8 +12,8 @@ namespace station {
 
 // "2026-11-21T22:52:44.123Z" (RFC 3339, UTC, milliseconds).
 std::string rfc3339(WallTime time);
-// The time of such a text, with or without a fraction, with "Z" or a numeric offset; nothing when it is none or
-// lies outside of the years 1970 to 9999.
+// The time of such a text, with or without a fraction, with "Z" or a numeric offset; nothing when it is none
+// or lies outside of the years 1970 to 9999.
 std::optional<WallTime> parseRfc3339(std::string_view text);
 
 // Whether the bytes are well-formed UTF-8 (no surrogates, no overlong forms, at most U+10FFFF).

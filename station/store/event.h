@@ -36,16 +36,16 @@ struct Event {
     WallTime time;
     EventKind kind = EventKind::kRaised;
     std::optional<Group> group;
-    std::string channel;   // the channel's name at that time
-    std::string alarm;     // the alarm type's name, or empty
-    int64_t alarmId = 0;   // id of the raising event; 0 where no alarm is meant
+    std::string channel;  // the channel's name at that time
+    std::string alarm;    // the alarm type's name, or empty
+    int64_t alarmId = 0;  // id of the raising event; 0 where no alarm is meant
     std::optional<Severity> severity;
-    std::string text;      // a sentence for an operator
-    std::string by;        // who acknowledged or changed, or empty
+    std::string text;  // a sentence for an operator
+    std::string by;    // who acknowledged or changed, or empty
     std::optional<double> value;
-    std::optional<double> peak;                          // cleared: the worst measure
-    std::optional<std::chrono::milliseconds> duration;   // cleared: how long it was raised
-    bool silenced = false;  // a maintenance window held: not delivered
+    std::optional<double> peak;                         // cleared: the worst measure
+    std::optional<std::chrono::milliseconds> duration;  // cleared: how long it was raised
+    bool silenced = false;                              // a maintenance window held: not delivered
 };
 
 // Which events; what is not set does not restrict.

@@ -16,19 +16,20 @@ namespace station {
 
 // What was on the disk at the start.
 struct StoredState {
-    int64_t lastId = 0;             // of any event so far
-    std::vector<Alarm> active;      // raised, not cleared
+    int64_t lastId = 0;                    // of any event so far
+    std::vector<Alarm> active;             // raised, not cleared
     std::vector<Maintenance> maintenance;  // not ended
-    std::string problem;            // a damaged file was put aside, or the disk cannot be written: one line
+    std::string problem;  // a damaged file was put aside, or the disk cannot be written: one line
 };
 
-// Keeps events in `events.db` of the state directory. A thread of its own does all disk work; the calls below only
-// queue, never wait, and may come from any thread. When the disk is full or the file damaged, one line is logged,
-// the newest kStoreQueue events are kept in memory and written once it works again.
+// Keeps events in `events.db` of the state directory. A thread of its own does all disk work; the calls below
+// only queue, never wait, and may come from any thread. When the disk is full or the file damaged, one line
+// is logged, the newest kStoreQueue events are kept in memory and written once it works again.
 class EventStore {
   public:
-    static constexpr std::size_t kStoreQueue = 20'000;   // events waiting for the disk; beyond, the oldest are dropped
-    static constexpr std::size_t kQueryQueue = 64;       // queries waiting; beyond, a query fails at once
+    static constexpr std::size_t kStoreQueue =
+        20'000;  // events waiting for the disk; beyond, the oldest are dropped
+    static constexpr std::size_t kQueryQueue = 64;  // queries waiting; beyond, a query fails at once
 
     struct Limits {
         uint32_t keepDays;
@@ -44,13 +45,14 @@ class EventStore {
     // As read when it was opened. Called once, by the thread that constructed it.
     const StoredState& initial() const;
 
-    // Stores an event. Raises, clears and acknowledgements are on the disk (synchronous FULL) when `stored` is
-    // called, on the store's thread; `stored` may be empty, and is not called for an event that was dropped.
+    // Stores an event. Raises, clears and acknowledgements are on the disk (synchronous FULL) when `stored`
+    // is called, on the store's thread; `stored` may be empty, and is not called for an event that was
+    // dropped.
     void record(Event event, std::function<void(int64_t id)> stored = {});
     void setLimits(Limits limits);
 
-    // Newest first. The answer comes on the store's thread: the events, or a sentence that says why not. False when
-    // too many queries wait; then the answer never comes.
+    // Newest first. The answer comes on the store's thread: the events, or a sentence that says why not.
+    // False when too many queries wait; then the answer never comes.
     using QueryAnswer = std::function<void(std::vector<Event>&& events, const std::string& problem)>;
     bool query(const EventFilter& filter, QueryAnswer answer);
 
@@ -62,7 +64,7 @@ class EventStore {
         uint64_t written = 0;
         uint64_t dropped = 0;
         uint64_t waiting = 0;
-        uint64_t bytes = 0;     // size of the file and its log
+        uint64_t bytes = 0;    // size of the file and its log
         bool failing = false;  // the disk cannot be written
     };
     Statistics statistics() const;  // any thread

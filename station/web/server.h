@@ -36,8 +36,8 @@ class Server {
     static constexpr std::size_t kHeaderBytes = 8 * 1024;
     static constexpr std::size_t kBodyBytes = 64 * 1024;
 
-    // Listens, and serves on a thread of its own until it is destroyed. Throws std::runtime_error with a sentence for
-    // an operator when it cannot listen. `station` has to outlive it.
+    // Listens, and serves on a thread of its own until it is destroyed. Throws std::runtime_error with a
+    // sentence for an operator when it cannot listen. `station` has to outlive it.
     Server(const ServerOptions& options, StationInterface& station);
     ~Server();
     Server(const Server&) = delete;
@@ -47,7 +47,7 @@ class Server {
     // What a reload may change without listening anew. Any thread.
     void setAccess(const std::string& token, const std::vector<std::string>& allowedHosts);
 
-    uint16_t port() const;  // that TCP listens on; 0 without
+    uint16_t port() const;                // that TCP listens on; 0 without
     ServerStatistics statistics() const;  // any thread
 
   private:
