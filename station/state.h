@@ -31,9 +31,9 @@ struct ChannelState {
     std::vector<Alarm> alarms;  // active ones, worst first
     // From the last snapshot that showed it.
     bool shown = false;
-    const Record* stream = nullptr;  // into `snapshot`
-    std::span<const Record> pids;    // likewise
-    std::shared_ptr<const Snapshot> snapshot;
+    const Record* stream = nullptr;
+    std::span<const Record> pids;
+    std::shared_ptr<const void> snapshot;  // owns what the two point into
     ChannelSample sample;
     WallTime lastSeen;         // last time that packets came; the epoch before the first
     bool maintenance = false;  // a window holds at this moment

@@ -12,6 +12,8 @@
 
 namespace station {
 
+using records::Record;
+
 // The counter columns of the stream record that have increments (recordColumns.h), packetsLost to CAT_error.
 inline constexpr std::size_t kSampleCounters = 21;
 
