@@ -5,9 +5,11 @@
 // here, and docs/records.md repeats these tables (a test compares them).
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -165,6 +167,10 @@ inline constexpr auto kKnownPidColumns = detail::join(
 inline constexpr auto kUnlistedPidColumns =
     detail::join(kCommonColumns, std::array{kStreamTypeColumn}, kIdentityColumns, detail::kPidMetrics);
 
+// No kind has more.
+inline constexpr std::size_t kMostColumns = std::max(
+    {kStreamColumns.size(), kTablePidColumns.size(), kKnownPidColumns.size(), kUnlistedPidColumns.size()});
+
 // All columns of a kind in order, descriptor tags not included.
 constexpr std::span<const Column> columnsOf(Kind kind) {
     switch (kind) {
@@ -178,6 +184,50 @@ constexpr std::span<const Column> columnsOf(Kind kind) {
             return kTablePidColumns;
     }
 }
+
+// The place of the column with that name, from 0; nothing where the kind has none.
+constexpr std::optional<std::size_t> columnIndex(Kind kind, std::string_view name) {
+    const auto columns = columnsOf(kind);
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+        if (columns[i].name == name) {
+            return i;
+        }
+    }
+    return std::nullopt;
+}
+
+// A column by its name, found when the program is compiled: a name that no kind has does not compile.
+class ColumnName {
+  public:
+    template <std::size_t Size>
+    consteval ColumnName(const char (&name)[Size]) {  // implicit, so that a literal is one
+        bool known = false;
+        for (const KindName& kind : kKinds) {
+            const auto index = columnIndex(kind.kind, name);
+            indexes_[static_cast<std::size_t>(kind.kind)] = static_cast<uint8_t>(index.value_or(kNone));
+            if (index) {
+                known = true;
+                type_ = columnsOf(kind.kind)[*index].type;
+            }
+        }
+        if (!known) {
+            throw "no kind of record has a column of that name";
+        }
+    }
+    constexpr std::optional<std::size_t> indexIn(Kind kind) const {
+        const uint8_t index = indexes_[static_cast<std::size_t>(kind)];
+        return index == kNone ? std::nullopt : std::optional<std::size_t>(index);
+    }
+    // The same in every kind that has the column.
+    constexpr Type type() const {
+        return type_;
+    }
+
+  private:
+    static constexpr uint8_t kNone = 0xFF;
+    std::array<uint8_t, kKinds.size()> indexes_{};
+    Type type_{};
+};
 
 constexpr std::string_view typeName(Type type) {
     constexpr std::array<std::string_view, 4> kNames = {"text", "signed", "unsigned", "fraction"};

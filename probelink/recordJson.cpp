@@ -1,28 +1,19 @@
 #include "recordJson.h"
 
-#include <charconv>
-
 namespace records {
 
 namespace {
 
-template <typename Number>
-Number number(std::string_view text) {
-    Number value{};
-    std::from_chars(text.data(), text.data() + text.size(), value);
-    return value;
-}
-
-nlohmann::ordered_json value(Type type, const std::string& text) {
-    switch (type) {
+nlohmann::ordered_json value(const Record& record, std::size_t index) {
+    switch (columnsOf(record.kind())[index].type) {
         case Type::kText:
-            return text;
+            return record.text(index);
         case Type::kSigned:
-            return number<int64_t>(text);
+            return record.integer(index);
         case Type::kUnsigned:
-            return number<uint64_t>(text);
+            return static_cast<uint64_t>(record.integer(index));
         default:
-            return number<double>(text);
+            return record.fraction(index);
     }
 }
 
@@ -32,14 +23,10 @@ nlohmann::ordered_json toJson(const Record& record) {
     const auto columns = columnsOf(record.kind());
     nlohmann::ordered_json object;
     for (std::size_t i = 0; i < columns.size(); ++i) {
-        object[std::string(columns[i].name)] = value(columns[i].type, record.fields()[i]);
+        object[std::string(columns[i].name)] = value(record, i);
     }
     if (record.kind() != Kind::kStream) {
-        auto& tags = object[std::string(kDescriptorTagsColumn.name)];
-        tags = nlohmann::ordered_json::array();
-        for (std::size_t i = columns.size(); i < record.fields().size(); ++i) {
-            tags.push_back(value(kDescriptorTagsColumn.type, record.fields()[i]));
-        }
+        object[std::string(kDescriptorTagsColumn.name)] = record.descriptorTags();
     }
     return object;
 }

@@ -3,127 +3,213 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
-#include <optional>
+#include <cstring>
 
 namespace records {
 
 namespace {
 
-// The value, when the whole text is one.
-template <typename Number>
-std::optional<Number> parseNumber(std::string_view text) {
-    Number value{};
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc{} || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return value;
+constexpr char kSeparator = ';';
+
+// The line up to its next separator.
+std::string_view firstField(std::string_view line) {
+    return line.substr(0, line.find(kSeparator));
 }
 
-bool matches(Type type, std::string_view text) {
+// Where the line's column begins. REQUIRES: the line has it.
+const char* fieldAt(std::string_view line, std::size_t index) {
+    const char* at = line.data();
+    const char* const end = at + line.size();
+    for (; index > 0; --index) {
+        at = static_cast<const char*>(memchr(at, kSeparator, static_cast<std::size_t>(end - at))) + 1;
+    }
+    return at;
+}
+
+// Reads a number at `at`, which moves behind it. False when there is none or more than it stands in its
+// field.
+template <typename Number>
+bool readNumber(const char*& at, const char* end, uint64_t& value) {
+    Number number{};
+    const auto [next, error] = std::from_chars(at, end, number);
+    at = next;
+    value = std::bit_cast<uint64_t>(number);
+    return error == std::errc{} && (at == end || *at == kSeparator);
+}
+
+// As readNumber, for the column's type; text has no value.
+bool readField(Type type, const char*& at, const char* end, uint64_t& value) {
     switch (type) {
-        case Type::kText:
-            return !text.empty();
+        case Type::kText: {
+            const char* const first = at;
+            const void* const found = memchr(at, kSeparator, static_cast<std::size_t>(end - at));
+            at = found == nullptr ? end : static_cast<const char*>(found);
+            value = 0;
+            return at != first;
+        }
         case Type::kSigned:
-            return parseNumber<int64_t>(text).has_value();
+            return readNumber<int64_t>(at, end, value);
         case Type::kUnsigned:
-            return parseNumber<uint64_t>(text).has_value();
+            return readNumber<uint64_t>(at, end, value);
         case Type::kFraction:
-            return parseNumber<double>(text).has_value();
+            return readNumber<double>(at, end, value);
     }
     return false;
 }
 
-std::vector<std::string> split(std::string_view line) {
-    std::vector<std::string> fields;
-    for (;;) {
-        const std::size_t end = line.find(';');
-        fields.emplace_back(line.substr(0, end));
-        if (end == std::string_view::npos) {
-            return fields;
-        }
-        line.remove_prefix(end + 1);
-    }
-}
-
-// What is wrong with the columns, or an empty text.
-std::string checkColumns(std::span<const Column> columns, bool tagsFollow,
-                         const std::vector<std::string>& fields) {
-    if (fields.size() < columns.size()) {
-        return std::to_string(fields.size()) + " columns instead of " + std::to_string(columns.size());
-    }
-    for (std::size_t i = 0; i < fields.size(); ++i) {
-        const Column& column = i < columns.size() ? columns[i] : kDescriptorTagsColumn;
-        if (!matches(column.type, fields[i])) {
-            return "column " + std::to_string(i + 1) + " (" + std::string(column.name) + ") is no " +
-                   std::string(typeName(column.type)) + " value";
-        }
-    }
-    const uint64_t tags =
-        tagsFollow ? parseNumber<uint64_t>(fields[columns.size() - 1]).value_or(0) : uint64_t{0};
-    if (fields.size() - columns.size() != tags) {
-        return std::to_string(fields.size() - columns.size()) + " columns behind the last instead of " +
-               std::to_string(tags);
-    }
-    return {};
+std::string wrongValue(const Column& column, std::size_t index) {
+    return "column " + std::to_string(index + 1) + " (" + std::string(column.name) + ") is no " +
+           std::string(typeName(column.type)) + " value";
 }
 
 }  // namespace
 
-const std::string& Record::text(std::string_view name) const {
-    const auto columns = columnsOf(kind_);
-    const auto found = std::ranges::find(columns, name, &Column::name);
-    if (found == columns.end()) {
+// Fills one record from one line; says what is wrong with it, or nothing.
+class LineParser {
+  public:
+    LineParser(std::string_view line, Record& record)
+        : line_(line), record_(record), at_(line.data()), end_(line.data() + line.size()) {}
+
+    std::string parse() {
+        record_.line_ = line_;
+        if (std::string problem = findKind(); !problem.empty()) {
+            return problem;
+        }
+        const auto columns = columnsOf(record_.kind_);
+        for (std::size_t i = 0; i < columns.size(); ++i) {
+            if (!readField(columns[i].type, at_, end_, record_.values_[i])) {
+                return countProblem(columns.size(), wrongValue(columns[i], i));
+            }
+            if (i + 1 < columns.size()) {
+                if (at_ == end_) {
+                    return countProblem(columns.size(), {});
+                }
+                ++at_;
+            }
+        }
+        return readTags(columns.size());
+    }
+
+  private:
+    std::string findKind() {
+        const char* at = at_;
+        for (std::size_t i = 0; i < kLabelColumn; ++i) {
+            const void* const found =
+                line_.empty() ? nullptr : memchr(at, kSeparator, static_cast<std::size_t>(end_ - at));
+            if (found == nullptr) {
+                return "no label";
+            }
+            at = static_cast<const char*>(found) + 1;
+        }
+        const std::string_view label = firstField({at, end_});
+        const auto kind = std::ranges::find(kKinds, label, &KindName::label);
+        if (kind == kKinds.end()) {
+            return "unknown label";
+        }
+        record_.kind_ = kind->kind;
+        return {};
+    }
+
+    // Too few columns, or else `other`.
+    std::string countProblem(std::size_t columns, const std::string& other) const {
+        const auto count = static_cast<std::size_t>(std::ranges::count(line_, kSeparator)) + 1;
+        return count < columns ? std::to_string(count) + " columns instead of " + std::to_string(columns)
+                               : other;
+    }
+
+    std::string readTags(std::size_t columns) {
+        record_.tags_ = {at_, end_};
+        uint64_t count = 0;
+        for (uint64_t tag = 0; at_ != end_; ++count) {
+            ++at_;
+            if (!readField(kDescriptorTagsColumn.type, at_, end_, tag)) {
+                return wrongValue(kDescriptorTagsColumn, columns + count);
+            }
+        }
+        // The last column of a PID is descriptorCount.
+        const uint64_t announced = record_.kind_ == Kind::kStream ? 0 : record_.values_[columns - 1];
+        if (count != announced) {
+            return std::to_string(count) + " columns behind the last instead of " + std::to_string(announced);
+        }
+        return {};
+    }
+
+    const std::string_view line_;
+    Record& record_;
+    const char* at_;
+    const char* const end_;
+};
+
+void Record::require(bool kept) {
+    if (!kept) {
         std::abort();
     }
-    return fields_[static_cast<std::size_t>(found - columns.begin())];
 }
 
-int64_t Record::integer(std::string_view name) const {
-    const std::string& value = text(name);
-    if (const auto number = parseNumber<int64_t>(value)) {
-        return *number;
+std::string_view Record::text(std::size_t index) const {
+    require(index < columnsOf(kind_).size() && !line_.empty());
+    return firstField({fieldAt(line_, index), line_.data() + line_.size()});
+}
+
+int64_t Record::integer(std::size_t index) const {
+    const auto columns = columnsOf(kind_);
+    require(index < columns.size() &&
+            (columns[index].type == Type::kSigned || columns[index].type == Type::kUnsigned));
+    return static_cast<int64_t>(values_[index]);
+}
+
+double Record::fraction(std::size_t index) const {
+    const auto columns = columnsOf(kind_);
+    require(index < columns.size() && columns[index].type == Type::kFraction);
+    return std::bit_cast<double>(values_[index]);
+}
+
+double Record::number(std::size_t index) const {
+    const auto columns = columnsOf(kind_);
+    require(index < columns.size() && columns[index].type != Type::kText);
+    switch (columns[index].type) {
+        case Type::kSigned:
+            return static_cast<double>(static_cast<int64_t>(values_[index]));
+        case Type::kUnsigned:
+            return static_cast<double>(values_[index]);
+        default:
+            return std::bit_cast<double>(values_[index]);
     }
-    return static_cast<int64_t>(parseNumber<uint64_t>(value).value_or(0));
 }
 
-double Record::fraction(std::string_view name) const {
-    return parseNumber<double>(text(name)).value_or(0.0);
+std::vector<uint64_t> Record::descriptorTags() const {
+    std::vector<uint64_t> tags;
+    const char* at = tags_.data();
+    for (const char* const end = at + tags_.size(); at != end;) {
+        ++at;
+        readNumber<uint64_t>(at, end, tags.emplace_back());
+    }
+    return tags;
 }
 
 std::variant<Record, std::string> parseRecord(std::string_view line) {
-    Record record;
-    record.fields_ = split(line);
-    if (record.fields_.size() <= kLabelColumn) {
-        return "no label";
+    std::variant<Record, std::string> result;
+    if (std::string problem = LineParser(line, std::get<Record>(result)).parse(); !problem.empty()) {
+        result = std::move(problem);
     }
-    const auto kind = std::ranges::find(kKinds, record.fields_[kLabelColumn], &KindName::label);
-    if (kind == kKinds.end()) {
-        return "unknown label";
-    }
-    record.kind_ = kind->kind;
-    if (std::string problem =
-            checkColumns(columnsOf(record.kind_), record.kind_ != Kind::kStream, record.fields_);
-        !problem.empty()) {
-        return problem;
-    }
-    return record;
+    return result;
 }
 
-std::vector<Record> parseSnapshot(std::string_view text, const BadLine& badLine) {
-    std::vector<Record> parsed;
-    for (std::size_t number = 1; !text.empty(); ++number) {
-        const std::size_t end = text.find('\n');
-        const std::string_view line = text.substr(0, end);
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-        auto result = parseRecord(line);
-        if (auto* record = std::get_if<Record>(&result)) {
-            parsed.push_back(std::move(*record));
-        } else {
-            badLine(number, std::get<std::string>(result));
+Snapshot parseSnapshot(std::string text, const BadLine& badLine) {
+    Snapshot snapshot;
+    snapshot.text_ = std::make_unique<const std::string>(std::move(text));
+    auto& parsed = snapshot.records_;
+    std::string_view left = *snapshot.text_;
+    for (std::size_t number = 1; !left.empty(); ++number) {
+        const std::size_t end = left.find('\n');
+        const std::string_view line = left.substr(0, end);
+        left.remove_prefix(end == std::string_view::npos ? left.size() : end + 1);
+        if (const std::string problem = LineParser(line, parsed.emplace_back()).parse(); !problem.empty()) {
+            parsed.pop_back();
+            badLine(number, problem);
         }
     }
-    return parsed;
+    return snapshot;
 }
 
 }  // namespace records

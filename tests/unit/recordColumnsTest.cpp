@@ -13,7 +13,6 @@ namespace {
 
 using records::Column;
 using records::Kind;
-using records::parseRecord;
 using records::Record;
 
 // Number of a column in records of that kind, counted from 1, or a dash.
@@ -63,26 +62,51 @@ std::string line(Kind kind, std::size_t index = 0, const std::string& value = "2
 }
 
 TEST(RecordParser, TakesLinesApartAndTellsWhatIsWrong) {
-    for (const auto& [kind, label] : records::kKinds) {
-        const auto result = parseRecord(line(kind));
-        ASSERT_TRUE(std::holds_alternative<Record>(result)) << label << std::get<std::string>(result);
-        const auto& record = std::get<Record>(result);
+    std::string text;
+    for (const auto& [kind, label] : records::kKinds)
+        text += line(kind) + "\n";
+    text += line(Kind::kStream, 42, "18446744073709551615") + "\n" + line(Kind::kStream, 33, "-0.000001");
+    const auto unexpected = [](std::size_t number, const std::string& problem) {
+        ADD_FAILURE() << number << ": " << problem;
+    };
+    const records::Snapshot snapshot = records::parseSnapshot(text, unexpected);
+    ASSERT_EQ(snapshot.size(), records::kKinds.size() + 2);
+    for (std::size_t i = 0; i < records::kKinds.size(); ++i) {
+        const auto& [kind, label] = records::kKinds[i];
+        const Record& record = snapshot[i];
         EXPECT_EQ(record.kind(), kind);
+        EXPECT_EQ(record.text("group"), "239.1.1.1");
+        EXPECT_EQ(record.text("label"), label);
+        EXPECT_EQ(record.text("packetsReceived"), numberOf("packetsReceived", kind));
         EXPECT_EQ(std::to_string(record.integer("packetsReceived")), numberOf("packetsReceived", kind));
-        EXPECT_EQ(record.fields().back(), kind == Kind::kStream ? numberOf("igmpLatency", kind) : "40");
+        EXPECT_EQ(record.has("pmtPid"), kind == Kind::kKnownPid);
+        const std::vector<uint64_t> tags = record.descriptorTags();
+        EXPECT_THAT(tags, testing::ElementsAreArray(kind == Kind::kStream ? std::vector<uint64_t>{}
+                                                                          : std::vector<uint64_t>{82, 40}));
     }
-    const auto highest = parseRecord(line(Kind::kStream, 42, "18446744073709551615"));
-    EXPECT_EQ(std::get<Record>(highest).integer("igmpLatency"), -1);
+    EXPECT_EQ(snapshot[5].integer("igmpLatency"), -1);
+    EXPECT_EQ(snapshot[5].number("igmpLatency"), 18446744073709551616.0);
+    EXPECT_EQ(snapshot[6].fraction("mdiDelayFactor"), -0.000001);
+
     const std::pair<std::string, const char*> malformed[] = {
-        {"", "no label"},
+        {"\n", "no label"},
         {"239.1.1.1;1;0;XY;1", "unknown label"},
         {line(Kind::kStream) + ";1", "1 columns behind the last instead of 0"},
+        {line(Kind::kPat) + ";", "column 46 (descriptorTags) is no unsigned value"},
         {line(Kind::kPat).substr(0, 40), "columns instead of 43"},
+        {"239.1.1.1;x;0;PAT", "4 columns instead of 43"},
         {line(Kind::kKnownPid, 4, "-1"), "column 5 (streamType) is no unsigned value"},
         {line(Kind::kStream, 33, "1.5x"), "column 34 (mdiDelayFactor) is no fraction value"},
     };
-    for (const auto& [text, problem] : malformed)
-        EXPECT_THAT(std::get<std::string>(parseRecord(text)), testing::HasSubstr(problem)) << text;
+    for (const auto& [bad, problem] : malformed) {
+        std::vector<std::string> told;
+        const auto tell = [&told](std::size_t number, const std::string& why) {
+            told.push_back(std::to_string(number) + ": " + why);
+        };
+        EXPECT_EQ(records::parseSnapshot(line(Kind::kPmt) + "\n" + bad, tell).size(), 1U);
+        EXPECT_THAT(told, testing::ElementsAre(
+                              testing::AllOf(testing::StartsWith("2: "), testing::HasSubstr(problem))));
+    }
 }
 
 }  // namespace

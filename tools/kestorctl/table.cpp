@@ -105,7 +105,8 @@ std::string counters(const Record& record) {
 }
 
 std::string channelLine(const Record& stream) {
-    const std::string group = stream.text("group") + ":" + stream.text("destinationPort");
+    std::string group(stream.text("group"));
+    group.append(":").append(stream.text("destinationPort"));
     return formatted("%-19s %-*.*s", group.c_str(), kTextWidth, kTextWidth, source(stream).c_str()) +
            counters(stream) +
            formatted(" %8" PRIu64 " %8.2f %4.2f\n", static_cast<uint64_t>(stream.integer("Sync_byte_error")),
@@ -115,8 +116,9 @@ std::string channelLine(const Record& stream) {
 std::string pidLine(const Record& pid) {
     const int64_t number = pid.integer("pid");
     std::string line =
-        formatted("  %-3s %4" PRId64 " 0x%04" PRIx64 "  %-*.*s", pid.text("label").c_str(), number,
-                  static_cast<uint64_t>(number), kTextWidth, kTextWidth, content(pid).c_str()) +
+        formatted("  %-3.*s %4" PRId64 " 0x%04" PRIx64 "  %-*.*s", static_cast<int>(pid.text("label").size()),
+                  pid.text("label").data(), number, static_cast<uint64_t>(number), kTextWidth, kTextWidth,
+                  content(pid).c_str()) +
         counters(pid) + formatted(" %9s %8s", picture(pid).c_str(), gop(pid).c_str());
     // A score of 0 means that nothing was scored yet.
     if (pid.fraction("mosScore") > 0) {
@@ -128,7 +130,7 @@ std::string pidLine(const Record& pid) {
 
 }  // namespace
 
-std::string renderTable(const std::vector<Record>& snapshot) {
+std::string renderTable(const records::Snapshot& snapshot) {
     if (snapshot.empty()) {
         return "no channels: kestorctl add GROUP... adds some\n";
     }

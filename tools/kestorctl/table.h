@@ -2,8 +2,7 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "recordParser.h"
 
-std::string renderTable(const std::vector<records::Record>& snapshot);
+std::string renderTable(const records::Snapshot& snapshot);

@@ -11,7 +11,6 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "probeEndpoints.h"
 #include "recordJson.h"
@@ -19,7 +18,6 @@
 
 namespace {
 
-using records::Record;
 using Clock = std::chrono::steady_clock;
 
 // A writer that never ends its snapshot must not fill the memory.
@@ -83,14 +81,13 @@ void reportBadLine(std::size_t number, const std::string& problem) {
 int runWatch(const WatchOptions& options) {
     const bool redraw = !options.once && !options.json && isatty(STDOUT_FILENO) == 1;
     for (;;) {
-        const auto text =
-            readSnapshot(options.once ? std::optional(Clock::now() + options.timeout) : std::nullopt);
+        auto text = readSnapshot(options.once ? std::optional(Clock::now() + options.timeout) : std::nullopt);
         if (!text) {
             return 1;
         }
-        const std::vector<Record> snapshot = records::parseSnapshot(*text, reportBadLine);
+        const records::Snapshot snapshot = records::parseSnapshot(*std::move(text), reportBadLine);
         if (options.json) {
-            for (const Record& record : snapshot) {
+            for (const records::Record& record : snapshot) {
                 // Text that is not UTF-8 can only come from a foreign writer.
                 puts(toJson(record).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
             }
