@@ -12,8 +12,10 @@ packages=(
   uthash-dev libcli11-dev nlohmann-json3-dev
   # What the station links.
   libboost-dev libtomlplusplus-dev libsqlite3-dev libcurl4-openssl-dev libsystemd-dev
+  zlib1g-dev
   # Tests, benchmarks and the demonstration.
   libgtest-dev libgmock-dev libbenchmark-dev valgrind ffmpeg python3
+  python3-jsonschema python3-yaml libjs-dygraphs
   # The network of its own that the scripts make.
   iproute2 util-linux kmod procps
 )
