@@ -22,9 +22,6 @@
 
 namespace station {
 
-enum class ChannelStatus : uint8_t { kOk, kAlarm, kWaiting, kDisabled };
-std::string_view channelStatusName(ChannelStatus status);  // "ok", "alarm", "waiting", "disabled"
-
 struct ChannelState {
     Channel channel;
     ChannelStatus status = ChannelStatus::kWaiting;

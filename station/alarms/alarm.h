@@ -1,7 +1,6 @@
 // Alarms: their types, the rules that raise and clear them, and the alarms themselves.
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -9,6 +8,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "channels/channel.h"
 #include "common/clock.h"
@@ -89,5 +89,10 @@ struct Alarm {
 
     bool operator==(const Alarm&) const = default;
 };
+
+// What a channel is shown as. Waiting: nothing is known yet, since no packet of it came since it was told to
+// the probe, and no alarm is raised either.
+enum class ChannelStatus : uint8_t { kOk, kAlarm, kWaiting, kDisabled };
+std::string_view channelStatusName(ChannelStatus status);  // "ok", "alarm", "waiting", "disabled"
 
 }  // namespace station
