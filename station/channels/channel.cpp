@@ -57,4 +57,8 @@ std::string_view originName(Origin origin) {
     return kNames[static_cast<std::size_t>(origin)];
 }
 
+std::string Place::text() const {
+    return line == 0 ? file : file + ":" + std::to_string(line);
+}
+
 }  // namespace station

@@ -41,18 +41,32 @@ inline constexpr std::string_view kDefaultProfile = "default";
 
 using Labels = std::map<std::string, std::string>;
 
+// Where something was read. It says nothing of what was read there, so any two places are equal, and things
+// that carry one compare by the rest.
+struct Place {
+    std::string file;   // empty where it was no file
+    uint32_t line = 0;  // from 1; 0 when the whole file is meant
+
+    // "channels.m3u:12"
+    std::string text() const;
+    friend bool operator==(const Place& /*left*/, const Place& /*right*/) {
+        return true;
+    }
+};
+
 struct Channel {
     Group group;
-    std::string name;  // UTF-8 without control characters; the group's text when nothing gave a name
-    Labels labels;
+    std::string name{};  // UTF-8 without control characters; the group's text when nothing gave a name
+    Labels labels{};
     std::string profile{kDefaultProfile};
     Origin origin = Origin::kConfig;
     bool enabled = true;
     // What a playlist said beside the group: shown, not acted on.
-    std::string source;  // of SRC@G:P, else empty
-    uint16_t port = 0;   // 0 when none was named
-    int number = 0;      // tvg-chno; 0 when there is none
-    std::string logo;    // tvg-logo
+    std::string source{};  // of SRC@G:P, else empty
+    uint16_t port = 0;     // 0 when none was named
+    int number = 0;        // tvg-chno; 0 when there is none
+    std::string logo{};    // tvg-logo
+    Place place{};         // nothing for a channel that was added at run time
 
     bool operator==(const Channel&) const = default;
 };

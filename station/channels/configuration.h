@@ -4,8 +4,10 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <iosfwd>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "alarms/alarm.h"
@@ -13,8 +15,11 @@
 
 namespace station {
 
+// The name of this machine; "localhost" where it has none.
+std::string hostName();
+
 struct PlaylistSource {
-    std::filesystem::path file;  // a relative path counts from the configuration's directory
+    std::filesystem::path file;
     std::string profile{kDefaultProfile};
     Labels labels;  // given to each of its channels, where the playlist's own do not say otherwise
 
@@ -29,16 +34,19 @@ struct Webhook {
     Severity minimumSeverity = Severity::kWarning;
     uint32_t maxPerMinute = 30;
     std::chrono::milliseconds timeout{5000};
-    std::string caFile;         // PEM; empty for the system's
-    std::string authorization;  // sent as Authorization header, from authorization_file; empty for none
+    std::filesystem::path caFile;             // PEM; empty for the system's
+    std::filesystem::path authorizationFile;  // empty for none
+    std::string authorization;                // sent as Authorization header: the file's one line
 
     bool operator==(const Webhook&) const = default;
 };
 
 enum class MetricsPids : uint8_t { kNone, kListed, kAll };
 
-// Everything that can be configured, with its defaults.
+// Everything that can be configured, with its defaults. Relative paths count from the configuration's
+// directory, and are taken from there when they are read.
 struct Configuration {
+    std::string instance = hostName();      // this probe's name, in what is delivered and measured
     std::string listen = "127.0.0.1:9427";  // "" for no TCP
     std::filesystem::path socket = "/run/kestor/station.sock";
     std::filesystem::path state = "/var/lib/kestor";
@@ -52,7 +60,7 @@ struct Configuration {
 
     std::vector<Channel> channels;
     std::vector<PlaylistSource> playlists;
-    Profiles profiles;  // at least "default"
+    Profiles profiles{{std::string(kDefaultProfile), defaultRules()}};
 
     std::vector<Webhook> webhooks;
     uint32_t keepDays = 90;
@@ -60,8 +68,9 @@ struct Configuration {
     MetricsPids metricsPids = MetricsPids::kListed;
 
     struct Influx {
-        std::string url;            // of the write call, with its query; empty: nothing is written
-        std::string authorization;  // Authorization header, from authorization_file
+        std::string url;  // of the write call, with its query; empty: nothing is written
+        std::filesystem::path authorizationFile;
+        std::string authorization;  // Authorization header: the file's one line
         std::chrono::milliseconds timeout{5000};
         bool operator==(const Influx&) const = default;
     } influx;
@@ -83,16 +92,34 @@ struct Mistake {
 struct ConfigurationResult {
     Configuration configuration;  // usable only without mistakes
     std::vector<Mistake> mistakes;
+    std::vector<Mistake> notes;  // what is right and perhaps not meant
 };
 
 // Reads a file. Unknown keys, wrong types, values out of range, a profile that no [profile.NAME] defines, and
-// groups named twice are mistakes; all of them are found in one go. Files that it names (token_file,
-// authorization_file) have to be readable; playlists need not be there.
+// groups named twice are mistakes; all of them are found in one go, but for text that is no TOML, whose first
+// mistake ends the reading. Files that it names (token_file, authorization_file, ca_file) have to be
+// readable; playlists need not be there.
 ConfigurationResult readConfiguration(const std::filesystem::path& file);
 // The same for a text; `name` stands in the messages and its directory is where relative paths count from.
 ConfigurationResult parseConfiguration(std::string_view text, const std::filesystem::path& name);
 
-// All keys with their values as TOML that reads back as an equal configuration; secrets are left out.
+// All keys with their values as TOML that reads back as an equal configuration. Secrets stay in their files.
 std::string effectiveConfiguration(const Configuration& configuration);
+
+// What --check does: writes the effective configuration to `out`, or every mistake to `errors`, a line each;
+// notes go to `errors` as well. The exit status: 0, or 1 when there are mistakes.
+int reportConfiguration(const ConfigurationResult& result, std::ostream& out, std::ostream& errors);
+
+// A key as a manual describes it.
+struct KeyDescription {
+    std::string_view section;  // "" for the top, "[[channel]]", "[profile.NAME.TYPE]"
+    std::string_view name;
+    std::string_view type;     // "string", "integer", ...
+    std::string_view unit;     // with the range where there is one; may be empty
+    std::string defaultValue;  // TOML, or words: "required"
+    std::string_view meaning;
+};
+// Every key that there is, in the order of the effective configuration.
+std::vector<KeyDescription> describeKeys();
 
 }  // namespace station

@@ -1,0 +1,115 @@
+#include "channels/textFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+
+namespace station {
+
+namespace {
+
+class Descriptor {
+  public:
+    Descriptor(const std::filesystem::path& path, int flags, mode_t mode = 0)
+        : descriptor_(open(path.c_str(), flags | O_CLOEXEC, mode)) {}
+    ~Descriptor() {
+        if (descriptor_ >= 0) {
+            close(descriptor_);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    int get() const {
+        return descriptor_;
+    }
+
+  private:
+    int descriptor_;
+};
+
+// "cannot be read: No such file or directory"
+std::string problemBeing(std::string_view what) {
+    const int error = errno;
+    return "cannot be " + std::string(what) + ": " + std::system_category().message(error);
+}
+
+// Empty when all is written and on the disk.
+std::string writeNewFile(const std::filesystem::path& file, std::string_view bytes) {
+    constexpr mode_t kMode = 0640;
+    const Descriptor descriptor(file, O_WRONLY | O_CREAT | O_TRUNC, kMode);
+    if (descriptor.get() < 0) {
+        return problemBeing("created");
+    }
+    while (!bytes.empty()) {
+        const ssize_t written = write(descriptor.get(), bytes.data(), bytes.size());
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return problemBeing("written");
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return fsync(descriptor.get()) == 0 ? "" : problemBeing("written");
+}
+
+}  // namespace
+
+std::string readTextFile(const std::filesystem::path& file, std::size_t limit, std::string& problem) {
+    problem.clear();
+    // Opening a pipe that nobody writes to would wait.
+    const Descriptor descriptor(file, O_RDONLY | O_NONBLOCK);
+    struct stat status {};
+    if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0) {
+        problem = problemBeing("read");
+        return {};
+    }
+    if (!S_ISREG(status.st_mode)) {
+        problem = "is no regular file";
+        return {};
+    }
+    std::string bytes;
+    constexpr std::size_t kStep = std::size_t{64} << 10;
+    for (;;) {
+        const std::size_t before = bytes.size();
+        bytes.resize(before + kStep);
+        const ssize_t got = read(descriptor.get(), bytes.data() + before, kStep);
+        if (got < 0 && errno != EINTR) {
+            problem = problemBeing("read");
+            return {};
+        }
+        bytes.resize(before + static_cast<std::size_t>(got > 0 ? got : 0));
+        if (bytes.size() > limit) {
+            problem = "is larger than " + std::to_string(limit) + " bytes";
+            return {};
+        }
+        if (got == 0) {
+            return bytes;
+        }
+    }
+}
+
+std::string replaceTextFile(const std::filesystem::path& file, std::string_view bytes) {
+    std::filesystem::path fresh = file;
+    fresh += ".new";
+    std::string problem = writeNewFile(fresh, bytes);
+    if (problem.empty() && std::rename(fresh.c_str(), file.c_str()) != 0) {
+        problem = problemBeing("replaced");
+    }
+    if (!problem.empty()) {
+        unlink(fresh.c_str());
+        return problem;
+    }
+    // The new name is on the disk when the directory is.
+    const std::filesystem::path parent = file.has_parent_path() ? file.parent_path() : ".";
+    const Descriptor directory(parent, O_RDONLY | O_DIRECTORY);
+    if (directory.get() < 0 || fsync(directory.get()) != 0) {
+        return problemBeing("synced");
+    }
+    return {};
+}
+
+}  // namespace station
