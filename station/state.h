@@ -1,6 +1,7 @@
 // What the station knows at one moment: made whole by the owner thread, read by everybody.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <map>
@@ -80,7 +81,11 @@ struct StationState {
     uint64_t alarmsVersion = 0;    // grows when an alarm is raised, cleared or acknowledged
 
     // Null when there is none.
-    const ChannelState* find(const Group& group) const;
+    const ChannelState* find(const Group& group) const {
+        const auto found = std::ranges::lower_bound(channels, group, {},
+                                                    [](const auto& state) { return state->channel.group; });
+        return found == channels.end() || (*found)->channel.group != group ? nullptr : found->get();
+    }
 };
 using StatePointer = std::shared_ptr<const StationState>;
 
