@@ -1,8 +1,11 @@
 // What a context learns from PAT and PMT, the silence check, and the latch.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <map>
+#include <vector>
 
+#include "sarn/mediaDeliveryIndex.h"
 #include "support/analysisContext.h"
 
 namespace {
@@ -36,6 +39,8 @@ TEST_F(Context, PmtListFollowsEveryPat) {
         {{{1, 0x300}}, {{1, 0x300}}},                          // moved, one gone
         {{{1, 0x300}, {2, 0x300}, {0, 0x10}}, {{0, 0x10}, {2, 0x300}}},  // two on one PID: the later stays
         {{{7, 0x1FFF}, {7, 0x44}, {8, 1}}, {{7, 0x44}, {8, 1}}},         // named twice; odd PIDs
+        {{{7, 1}, {7, 0x44}, {9, 1}, {8, 2}},
+         {{7, 0x44}, {8, 2}, {9, 1}}},  // one passes over another's place
         {{}, {}},
     };
     uint8_t version = 0;
@@ -43,6 +48,23 @@ TEST_F(Context, PmtListFollowsEveryPat) {
         context.feed(packets.pat(c.pat, version++));
         EXPECT_EQ(programs(), c.expected) << "PAT " << int{version};
     }
+}
+
+TEST_F(Context, AProgramThatOnlyPassedOverAPidLeavesItsRecord) {
+    // 1 on PID 100, 2 on PID 200 with an elementary PID 1002; then 1 on PID 200 and on PID 100.
+    const test::Bytes first = {0x00, 0xB0, 0x11, 0x00, 0x01, 0xC1, 0x00, 0x00, 0x00, 0x01,
+                               0xE0, 0x64, 0x00, 0x02, 0xE0, 0xC8, 0xDC, 0x8A, 0xCA, 0x8D};
+    const test::Bytes map = {0x02, 0xB0, 0x12, 0x00, 0x02, 0xC1, 0x00, 0x00, 0xE3, 0xEA, 0xF0,
+                             0x00, 0x02, 0xE3, 0xEA, 0xF0, 0x00, 0xA8, 0x3F, 0xAD, 0xA7};
+    const test::Bytes second = {0x00, 0xB0, 0x11, 0x00, 0x01, 0xC3, 0x00, 0x00, 0x00, 0x01,
+                                0xE0, 0xC8, 0x00, 0x01, 0xE0, 0x64, 0x82, 0xB4, 0x63, 0x93};
+    context.feed(packets.null(7));
+    context.feed(packets.section(0, first).section(200, map));
+    context.feed(packets.section(0, second), 500);
+    EXPECT_EQ(programs(), (Programs{{1, 100}, {2, 200}}));
+    const ts_pmt_t* stayed = findPmtByPid(context.get(), 200);
+    EXPECT_EQ(stayed->p_pcr_pid, &context->pid[1002]);
+    EXPECT_EQ(context->pid[200].p_pmt, stayed) << "its packets still reach it";
 }
 
 TEST_F(Context, KeepsTypesAndTheFirst256DescriptorTagsOfAPmtEntry) {
@@ -152,18 +174,69 @@ TEST_F(ContextDeathTest, AbortsOnBrokenInvariants) {
     EXPECT_DEATH(sarnDvbPsi_getPidMetricsInterval(context.get(), 0, -1),
                  "source/sarnDvbPsi:2375: sarnDvbPsi_getPidMetricsInterval: Assertion");
     EXPECT_DEATH(sarnDvbPsi_setPidNumberState(context.get(), 8192, 1), "pidNumber < 8192");
+    for (int records = 0; records < 2; ++records) {
+        ts_pmt_t* pmt = newPmt(context.get());
+        pmt->i_number = 7;
+        pmt->p_pid = &context->pid[0x100];
+    }
+    context->pid[0x100].i_pid = 0x100;
+    EXPECT_DEATH(findPmtByProgramNumber(context.get(), 7), "count < 2");
+    EXPECT_DEATH(findPmtByPid(context.get(), 0x100), "count < 2");
+    EXPECT_DEATH(deletePmtByPid(context.get(), 0x100), "count < 2");
+    context->p_pmts->p_pid = &context->pid[0];
+    deletePmtByPid(context.get(), 0x100);
+    deletePmtByPid(context.get(), 0);
     EXPECT_DEATH(sarnDvbPsi_exit(context->p_intervals), "knownStream != \\(\\(void \\*\\)0\\)");
 }
 
-TEST_F(Context, GivesAPidsPacketsToItsCallback) {
-    int calls = 0;
-    const auto count = [](int32_t length, const uint8_t* packet, void* data) {
+TEST_F(Context, FindsRecordsByWhatTheirFieldsSay) {
+    ts_pmt_t* pmt = newPmt(context.get());
+    EXPECT_EQ(findPmtByPid(context.get(), 0x100), nullptr);
+    pmt->i_number = 7;
+    pmt->p_pid = &context->pid[0x100];
+    context->pid[0x100].i_pid = 0x100;
+    EXPECT_EQ(findPmtByProgramNumber(context.get(), 7), pmt);
+    EXPECT_EQ(findPmtByPid(context.get(), 0x100), pmt);
+    context.feed(packets.pat({{7, 0x100}, {8, 0x200}}).pmt(7, 0x100, 0x101, {}));
+    EXPECT_EQ(programs(), (Programs{{7, 0x100}, {8, 0x200}}));
+    EXPECT_EQ(pmt->p_pcr_pid, &context->pid[0x101]) << "a PAT takes it over";
+    pmt->i_number = 9;
+    context.feed(packets.pat({{7, 0x300}, {8, 0x200}, {9, 0x100}}, 1));
+    EXPECT_EQ(findPmtByProgramNumber(context.get(), 9), pmt);
+    deletePmtByPid(context.get(), 0x100);
+    EXPECT_EQ(programs(), (Programs{{7, 0x300}, {8, 0x200}}));
+}
+
+// A hook's view of what its context counts, which is that of the packets before its own.
+struct HookView {
+    const ts_stream_t* stream;
+    std::vector<std::array<int64_t, 3>> seen;  // packets, arrival of the last, packets in the delivery index
+
+    static void look(int32_t length, const uint8_t* packet, void* data) {
         EXPECT_EQ(packet[0] + length, 0x47 + 188);
-        ++*static_cast<int*>(data);
-    };
-    sarnDvbPsi_setPidDataCallback(context.get(), 0x101, count, &calls);
-    context.feed(packets.payload(0x101, 3).null(2));
-    EXPECT_EQ(calls, 3);
+        auto& view = *static_cast<HookView*>(data);
+        view.seen.push_back({static_cast<int64_t>(view.stream->i_packets),
+                             view.stream->i_last_time - kStartMs, view.stream->p_mdi->packetsInInterval});
+    }
+};
+
+TEST_F(Context, HooksWrittenAtAnyTimeSeeThePacketsBeforeTheirOwn) {
+    for (const uint16_t pid : {0x101, 0x100, 0, 0x1FFF}) {
+        HookView view{context.get(), {}};
+        context.feed(packets.pat({{1, 0x100}}).payload(pid, 2));
+        context->i_bitrate = 8000;
+        context.feed(packets.null(7), 10);  // brings the index up to date
+        const auto counted = static_cast<int64_t>(context->i_packets);
+        const int64_t accounted = context->p_mdi->packetsInInterval;
+        context->pid[pid].pf_callback = HookView::look;
+        context->pid[pid].p_callback_data = &view;
+        context.feed(packets.payload(0x102).payload(pid, 2), 20);
+        EXPECT_EQ(view.seen, (std::vector<std::array<int64_t, 3>>{{counted + 1, 20, accounted + 1},
+                                                                  {counted + 2, 20, accounted + 2}}));
+        sarnDvbPsi_setPidDataCallback(context.get(), pid, nullptr, nullptr);
+        context.feed(packets.payload(pid), 30);
+        EXPECT_EQ(view.seen.size(), 2U);
+    }
 }
 
 }  // namespace

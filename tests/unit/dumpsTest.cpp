@@ -4,9 +4,9 @@
 #include <memory>
 
 #include "sarn/names.h"
+#include "sarn/packetDumps.h"
+#include "sarn/tableDumps.h"
 #include "sarnDvbPsi/contextInternals.h"
-#include "sarnDvbPsi/packetDumps.h"
-#include "sarnDvbPsi/tableDumps.h"
 #include "support/analysisContext.h"
 #include "support/consoleText.h"
 
@@ -103,6 +103,8 @@ TEST_F(PrintedTables, SpliceSectionsPrintEachTimeAndMalformedOnesNever) {
     EXPECT_EQ(feed(0x14, {spliceSection({0}, 0, descriptors), spliceSection({0}, 0, descriptors),
                           // A command whose length is left open is measured.
                           spliceSection(insert, 0xFFF, tail), spliceSection(schedule, 0xFFF, tail),
+                          // Unless nobody knows its form, which hides the descriptors.
+                          spliceSection({9, 1, 2}, 0xFFF, tail),
                           // Of an encrypted section only what stands in clear is read.
                           spliceSection({9, 9}, 1, Bytes(3, 0xFF), 0x83),
                           // From here on nothing prints.

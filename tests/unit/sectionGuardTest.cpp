@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "sarnDvbPsi/dvbpsiHeaders.h"
+#include "sarn/dvbpsiHeaders.h"
 #include "sarnDvbPsi/siSubtables.h"
 #include "support/analysisContext.h"
 #include "support/consoleText.h"

@@ -10,6 +10,8 @@ inline constexpr uint64_t kJitterBlock = 4096;
 
 // One measurement. Not locked: the thread that feeds it and the one that reads it agree among themselves.
 struct JitterMeasurement {
+    // ms between successive datagrams, slot = arrival count mod 4096
+    std::array<uint64_t, kJitterBlock> ring;
     uint64_t lastArrival;  // ms
     uint64_t blockSum;     // ms, since the last block close
     float variance;        // ms^2, of the last full block
@@ -18,8 +20,6 @@ struct JitterMeasurement {
     uint64_t interArrivalMaximum;  // ms, since the start
     uint64_t arrivalCount;         // datagrams since the first one
     uint8_t started;               // 0 until the first datagram
-    // ms between successive datagrams, slot = arrival count mod 4096
-    std::array<uint64_t, kJitterBlock> ring;
 };
 
 // Returns a new measurement, to be released with jitter_cleanup; running out of memory is not handled. The

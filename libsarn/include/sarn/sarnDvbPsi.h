@@ -36,9 +36,11 @@ void* thread_timer_function(void*);
 void sarnDvbPsi_timerTick(int64_t nowSeconds);
 
 // The PMT list. The caller holds `lock` or is the only user of the context.
-// newPmt appends a record (out of memory is fatal). The others know a record from when a PAT has given it its
-// program and PID: the find functions return it or null, without a walk; deletePmtByPid unlinks and frees it
-// but not its p_table. freePmts frees all with tables.
+// newPmt appends a record (out of memory is fatal), zero-filled but for its handle. The find functions walk
+// the list and compare i_number, or the i_pid of p_pid, with what is asked for; they return the record or
+// null, and abort when there are two. deletePmtByPid finds likewise, unlinks and frees the record but not its
+// p_table. freePmts frees all with tables, and aborts on a handle without a decoder. Packets reach a record
+// whose fields the caller has filled only once a PAT has announced its program.
 ts_pmt_t* newPmt(ts_stream_t* stream);
 ts_pmt_t* findPmtByProgramNumber(ts_stream_t* stream, uint16_t programNumber);
 ts_pmt_t* findPmtByPid(ts_stream_t* stream, uint16_t pid);

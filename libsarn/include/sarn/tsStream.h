@@ -63,18 +63,20 @@ struct alignas(64) ts_pid_t {
     uint64_t i_packets;   // received
     int64_t i_prev_seen;  // arrival of the previous packet
     int64_t i_last_seen;  // arrival of the last packet; the timer thread reads it
-    // First bytes of the last packet: its header bits, as sarnDvbPsi/packetFields.h reads them, and the start
-    // of the adaptation field.
+    // First bytes of the last packet: its header bits, as lastHeader of sarn/packetFields.h reads them, and
+    // the start of the adaptation field.
     std::array<uint8_t, kLastHeaderSize> last_header;
-    int32_t i_pid;  // written at the first packet, and by a PAT for PMT PIDs
-    uint8_t i_cc;   // continuity_counter of the last packet
-    // 1 when a packet needs no more than counting: the PID was seen, has no hook, and carries no PSI.
-    uint8_t b_routine;
+    int32_t i_pid;          // written at the first packet, and by a PAT for PMT PIDs
+    int32_t i_cc;           // continuity_counter of the last packet
+    uint8_t b_routine;      // 1 when a packet needs no more than counting: seen, and carries no PSI
     uint8_t i_stream_type;  // from the PMT that lists this PID; the timer thread reads it
     uint8_t b_seen;         // 1 after the first packet
 
-    PidDataCallback pf_callback;  // hook called with every packet, or null
-    ts_pmt_t* p_pmt;              // the PMT record whose table this PID carries, or null
+    // Hook, or null: called with every packet from the next one on, before the packet is counted. What the
+    // packets before it have set stands, also where that is otherwise brought up to date once a datagram.
+    PidDataCallback pf_callback;
+    // The PMT record whose table this PID carries, or null; of several the one that came here last.
+    ts_pmt_t* p_pmt;
 
     // Adaptation field of the last packet that had a non-empty one.
     uint8_t b_discontinuity;
@@ -146,17 +148,24 @@ struct alignas(64) ts_pid_t {
 
 // One program announced by the PAT.
 struct ts_pmt_t {
-    dvbpsi_s* handle;           // with a PMT decoder attached
-    int64_t i_prev_time;        // i_last_seen of the PMT PID at the previous PMT callback
-    int64_t i_last_time;        // ... and at the most recent one
-    uint16_t i_number;          // program_number
-    uint32_t i_listed_streams;  // elementary streams in p_table
-    ts_pid_t* p_pid;            // record of the PMT PID
-    ts_pid_t* p_pcr_pid;        // record of the PCR PID of the last PMT
-    dvbpsi_pmt_s* p_table;      // last decoded PMT, owned; null before the first
+    dvbpsi_s* handle;       // with a PMT decoder attached
+    int64_t i_prev_time;    // i_last_seen of the PMT PID at the previous PMT callback
+    int64_t i_last_time;    // ... and at the most recent one
+    uint16_t i_number;      // program_number
+    ts_pid_t* p_pid;        // record of the PMT PID; null in a new record
+    ts_pid_t* p_pcr_pid;    // record of the PCR PID of the last PMT
+    dvbpsi_pmt_s* p_table;  // last decoded PMT, owned; null before the first
     ts_pmt_t* p_next;
-    ts_pmt_t* p_prev;   // of the first record, the last one
-    UT_hash_handle hh;  // by program_number
+
+    // How packets and tables find the record without a walk. Kept by the library: what its user writes into
+    // i_number and p_pid comes in here with the next PAT.
+    ts_pmt_t* p_prev;           // of the first record, the last one
+    uint32_t i_listed_streams;  // elementary streams in p_table
+    uint16_t i_indexed_number;
+    ts_pid_t* p_indexed_pid;  // the PID whose p_pmt leads here, directly or over p_under
+    ts_pmt_t* p_under;        // the record that came to that PID before this one
+    ts_pmt_t* p_over;         // ... and after it
+    UT_hash_handle hh;        // by i_indexed_number
 };
 
 // One bit per PID.

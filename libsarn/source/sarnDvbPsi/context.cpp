@@ -8,6 +8,7 @@
 #include <mutex>
 #include <type_traits>
 
+#include "sarn/dvbpsiHeaders.h"
 #include "sarn/mediaDeliveryIndex.h"
 #include "sarn/metrics.h"
 #include "sarn/packetJitter.h"
@@ -15,7 +16,6 @@
 #include "sarn/sarnDvbPsi.h"
 #include "sarn/sarnLog.h"
 #include "sarnDvbPsi/contextInternals.h"
-#include "sarnDvbPsi/dvbpsiHeaders.h"
 #include "sarnDvbPsi/knownStreams.h"
 
 #if defined(KESTOR_ADDRESS_SANITIZER)
@@ -115,6 +115,21 @@ void freeGopResults(ts_stream_t* stream) {
     });
 }
 
+// The only record that matches, or null.
+template <typename Predicate>
+ts_pmt_t* findPmt(const ts_stream_t* stream, Predicate matches) {
+    ts_pmt_t* found = nullptr;
+    int count = 0;
+    for (ts_pmt_t* pmt = stream->p_pmts; pmt != nullptr; pmt = pmt->p_next) {
+        if (matches(*pmt)) {
+            found = pmt;
+            ++count;
+        }
+    }
+    SARN_ASSERT(count < 2, "count < 2");
+    return found;
+}
+
 // What both an ended context and one that failed to start own besides decoders and interval storage.
 void freeMeasures(ts_stream_t* stream) {
     mdi_cleanup(stream->p_mdi);
@@ -207,30 +222,6 @@ void freeLatched(ts_stream_t* stream) {
     stream->p_intervals = nullptr;
 }
 
-void updateRoutine(ts_pid_t& pid) {
-    pid.b_routine =
-        pid.b_seen && pid.pf_callback == nullptr && pid.p_pmt == nullptr && pid.i_pid > kLastFixedPsiPid;
-}
-
-void setPmtPid(ts_pmt_t* pmt, ts_pid_t* pid) {
-    ts_pid_t* old = pmt->p_pid;
-    if (old != nullptr && old->p_pmt == pmt) {
-        old->p_pmt = nullptr;
-        updateRoutine(*old);
-    }
-    pmt->p_pid = pid;
-    if (pid != nullptr) {
-        pid->p_pmt = pmt;
-        updateRoutine(*pid);
-    }
-}
-
-void setPmtNumber(ts_stream_t* stream, ts_pmt_t* pmt, uint16_t programNumber) {
-    SARN_ASSERT(findPmtByProgramNumber(stream, programNumber) == nullptr, "count < 2");
-    pmt->i_number = programNumber;
-    HASH_ADD(hh, stream->p_pmt_by_number, i_number, sizeof pmt->i_number, pmt);
-}
-
 ts_pmt_t* newPmt(ts_stream_t* stream) {
     auto* pmt = static_cast<ts_pmt_t*>(calloc(1, sizeof(ts_pmt_t)));
     if (pmt == nullptr) {
@@ -245,25 +236,12 @@ ts_pmt_t* newPmt(ts_stream_t* stream) {
 }
 
 ts_pmt_t* findPmtByProgramNumber(ts_stream_t* stream, uint16_t programNumber) {
-    ts_pmt_t* pmt = nullptr;
-    HASH_FIND(hh, stream->p_pmt_by_number, &programNumber, sizeof programNumber, pmt);
-    return pmt;
+    return findPmt(stream, [programNumber](const ts_pmt_t& pmt) { return pmt.i_number == programNumber; });
 }
 
 ts_pmt_t* findPmtByPid(ts_stream_t* stream, uint16_t pid) {
-    return pid < kPidCount ? stream->pid[pid].p_pmt : nullptr;
-}
-
-void deletePmt(ts_stream_t* stream, ts_pmt_t* pmt) {
-    DL_DELETE2(stream->p_pmts, pmt, p_prev, p_next);
-    HASH_DEL(stream->p_pmt_by_number, pmt);
-    stream->listed_streams -= pmt->i_listed_streams;
-    setPmtPid(pmt, nullptr);
-    if (dvbpsi_decoder_present(pmt->handle)) {
-        dvbpsi_pmt_detach(pmt->handle);
-    }
-    dvbpsi_delete(pmt->handle);
-    free(pmt);
+    return findPmt(stream,
+                   [pid](const ts_pmt_t& pmt) { return pmt.p_pid != nullptr && pmt.p_pid->i_pid == pid; });
 }
 
 void deletePmtByPid(ts_stream_t* stream, uint16_t pid) {

@@ -35,12 +35,18 @@ inline constexpr int32_t kLastFixedPsiPid = 20;  // up to here PIDs may carry ta
 // To be called when what b_routine depends on has changed.
 void updateRoutine(ts_pid_t& pid);
 
-// Makes `pmt` the record of PMT PID `pid`, so that this PID's ts_pid_t leads to it and to no other record.
-// Null only unlinks.
+// The record of a program, or null, as far as setPmtNumber or indexPmts have placed it.
+ts_pmt_t* indexedPmt(const ts_stream_t* stream, uint16_t programNumber);
+
+// Makes `pmt` the record of PMT PID `pid`, to which this PID's ts_pid_t leads from here on. The one that it
+// led to before comes back when `pmt` leaves. Null only unlinks.
 void setPmtPid(ts_pmt_t* pmt, ts_pid_t* pid);
 
-// Makes `pmt`, a new record of the stream, the record of a program. Aborts when another one is.
+// Makes `pmt`, a record of the stream that has no program yet, the record of one. Aborts when another one is.
 void setPmtNumber(ts_stream_t* stream, ts_pmt_t* pmt, uint16_t programNumber);
+
+// Places the records whose i_number or p_pid a library user has written. Aborts when two have one program.
+void indexPmts(ts_stream_t* stream);
 
 // Unlinks and frees a record of the stream's list, but not its p_table.
 void deletePmt(ts_stream_t* stream, ts_pmt_t* pmt);

@@ -1,4 +1,4 @@
-#include "sarnDvbPsi/dumpSink.h"
+#include "sarn/dumpSink.h"
 
 #include <cstdarg>
 #include <cstddef>

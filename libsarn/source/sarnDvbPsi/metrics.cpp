@@ -6,12 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sarn/dvbpsiHeaders.h"
 #include "sarn/mediaDeliveryIndex.h"
 #include "sarn/packetJitter.h"
 #include "sarn/qualityScores.h"
 #include "sarn/sarnLog.h"
 #include "sarnDvbPsi/contextInternals.h"
-#include "sarnDvbPsi/dvbpsiHeaders.h"
 #include "saturate.h"
 
 namespace {
@@ -289,7 +289,7 @@ ChannelsInfo* sarnDvbPsi_getChannelsInfo(ts_stream_t* stream) {
         info->channels = grow(info->channels, info->count, kChannelsArrayLine);
         ChannelInfo& channel = info->channels[info->count++];
         channel = {.programNumber = pmt->i_number,
-                   .pmtPid = static_cast<uint16_t>(pmt->p_pid->i_pid),
+                   .pmtPid = static_cast<uint16_t>(pmt->p_pid != nullptr ? pmt->p_pid->i_pid : 0),
                    .elementaryPidCount = 0,
                    .elementaryPids = nullptr,
                    .sdtName = nullptr,
@@ -369,7 +369,6 @@ void sarnDvbPsi_setPidDataCallback(ts_stream_t* stream, uint16_t pid, PidDataCal
         insertPid(stream->touched, pid);
         stream->pid[pid].pf_callback = callback;
         stream->pid[pid].p_callback_data = data;
-        updateRoutine(stream->pid[pid]);
     }
 }
 

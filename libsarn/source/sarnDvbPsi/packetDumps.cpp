@@ -1,4 +1,4 @@
-#include "sarnDvbPsi/packetDumps.h"
+#include "sarn/packetDumps.h"
 
 #include <array>
 #include <cstddef>

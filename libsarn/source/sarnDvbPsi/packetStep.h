@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "sarnDvbPsi/packetFields.h"
+#include "sarn/packetFields.h"
 
 // When a datagram came, in the units that the steps want.
 struct Arrival {

@@ -110,21 +110,22 @@ void checkPresence(ts_stream_t& stream, int64_t now) {
         countError(stream, stream.pid[kPatPid], kPatError2);
     }
     for (const ts_pmt_t* pmt = stream.p_pmts; pmt != nullptr; pmt = pmt->p_next) {
-        if (isOverdue(*pmt->p_pid, now)) {
+        if (pmt->p_pid != nullptr && isOverdue(*pmt->p_pid, now)) {
             countError(stream, *pmt->p_pid, kPmtError);
             countError(stream, *pmt->p_pid, kPmtError2);
         }
     }
 }
 
-// Accounts a datagram's packets in the delivery index, as many at once as share bit rate and loss. Only the
-// first packet of a datagram can close an interval, so the loss known before it is what counts.
-class DeliveryIndexFeed {
+// What is brought up to date once a datagram instead of with each packet: the arrival of the last packet, and
+// the delivery index, which takes as many packets at once as share bit rate and loss. Only the first packet
+// of a datagram can close an interval, so the loss known before it is what counts.
+class DatagramResults {
   public:
-    DeliveryIndexFeed(ts_stream_t& stream, const Arrival& arrival)
+    DatagramResults(ts_stream_t& stream, const Arrival& arrival)
         : stream_(stream), arrival_(arrival), accounted_(stream.i_packets), lost_(stream.i_lost) {}
 
-    // Accounts the packets up to the stream's count `packets`.
+    // Accounts the packets up to the stream's count `packets` in the delivery index.
     void advanceTo(uint64_t packets) {
         if (stream_.i_bitrate != 0) {
             mdi_received_packets_cb(
@@ -133,6 +134,16 @@ class DeliveryIndexFeed {
         }
         accounted_ = packets;
         lost_ = stream_.i_lost;
+    }
+
+    // As if each packet counted so far had been accounted by itself.
+    void settle() {
+        if (stream_.i_packets == accounted_) {
+            return;
+        }
+        stream_.i_last_time = arrival_.ms;
+        stream_.i_last_time_hr = arrival_.hr;
+        advanceTo(stream_.i_packets);
     }
 
   private:
@@ -331,10 +342,7 @@ void readPes(Step s, uint8_t payloadOffset) {
 // A PES start counts wherever its prefix stands at the payload's begin; payload_unit_start_indicator is not
 // asked.
 void readPesStart(Step s) {
-    uint8_t payloadOffset = 0;
-    if (s.header.hasAdaptationField() && s.header.hasPayload()) {
-        payloadOffset = static_cast<uint8_t>(tsAdaptationFieldLength(s.packet) + 1);
-    }
+    const uint8_t payloadOffset = tsPayloadOffset(s.header, s.packet[kTsHeaderSize]);
     if (pesStartsAt(s.packet, kTsHeaderSize + payloadOffset)) {
         readPes(s, payloadOffset);
     }
@@ -401,28 +409,37 @@ inline bool isContinuation(TsPacket packet, TsHeader header, uint8_t gap) {
     }
 }
 
-inline void handleSchedule(ts_stream_t& stream, const Arrival& arrival, DeliveryIndexFeed& deliveryIndex) {
+inline void handleSchedule(ts_stream_t& stream, const Arrival& arrival, DatagramResults& results) {
     if (arrival.ms >= stream.i_next_check) [[unlikely]] {
         handleDueCheck(stream, arrival);
     }
     if (stream.i_packets == stream.i_next_bitrate_packet) [[unlikely]] {
-        deliveryIndex.advanceTo(stream.i_packets - 1);
+        results.advanceTo(stream.i_packets - 1);
         closeBitrateSpan(stream, arrival.hr);
     }
 }
 
-inline void analysePacket(ts_stream_t& stream, TsPacket packet, int32_t readable, const Arrival& arrival,
-                          DeliveryIndexFeed& deliveryIndex) {
+[[gnu::noinline]] void callHook(const ts_pid_t& pid, const uint8_t* packet, DatagramResults& results) {
+    results.settle();
+    pid.pf_callback(kTsPacketSize, packet, pid.p_callback_data);
+}
+
+// `end` is the datagram's.
+inline void analysePacket(ts_stream_t& stream, TsPacket packet, const uint8_t* end, const Arrival& arrival,
+                          DatagramResults& results) {
     const TsHeader header(packet.data());
     const uint16_t number = header.pid();
     ts_pid_t& pid = stream.pid[number];
     // Made where it is needed: the usual packet keeps everything in registers.
-    const auto step = [&] { return Step{stream, pid, arrival, packet, header, readable, number}; };
-    if (!pid.b_routine && pid.pf_callback != nullptr) [[unlikely]] {
-        pid.pf_callback(kTsPacketSize, packet.data(), pid.p_callback_data);
+    const auto step = [&] {
+        const auto readable = static_cast<int32_t>(end - packet.data());
+        return Step{stream, pid, arrival, packet, header, readable, number};
+    };
+    if (pid.pf_callback != nullptr) [[unlikely]] {
+        callHook(pid, packet.data(), results);
     }
     countPacket(stream, pid, arrival);
-    handleSchedule(stream, arrival, deliveryIndex);
+    handleSchedule(stream, arrival, results);
     if (!pid.b_routine) [[unlikely]] {
         handleSpecialPid(step());
     }
@@ -437,8 +454,7 @@ inline void analysePacket(ts_stream_t& stream, TsPacket packet, int32_t readable
 
 // False when the datagram ended in something that is no whole packet.
 bool analysePackets(ts_stream_t& stream, const uint8_t* buf, int32_t len, const Arrival& arrival) {
-    DeliveryIndexFeed deliveryIndex(stream, arrival);
-    const uint64_t packetsBefore = stream.i_packets;
+    DatagramResults results(stream, arrival);
     const int32_t lastStart = len - kTsPacketSize;
     bool whole = true;
     for (int32_t i = 0;; i += kTsPacketSize) {
@@ -453,13 +469,9 @@ bool analysePackets(ts_stream_t& stream, const uint8_t* buf, int32_t len, const 
                 break;
             }
         }
-        analysePacket(stream, TsPacket(buf + i, kTsPacketSize), len - i, arrival, deliveryIndex);
+        analysePacket(stream, TsPacket(buf + i, kTsPacketSize), buf + len, arrival, results);
     }
-    if (stream.i_packets != packetsBefore) {
-        stream.i_last_time = arrival.ms;
-        stream.i_last_time_hr = arrival.hr;
-    }
-    deliveryIndex.advanceTo(stream.i_packets);
+    results.settle();
     return whole;
 }
 
@@ -470,7 +482,7 @@ inline void prefetchRecords(const ts_stream_t& stream, const uint8_t* buf, int32
         __builtin_prefetch(&stream.pid[TsHeader(buf).pid()], 1);
     }
     __builtin_prefetch(stream.p_mdi, 1);
-    __builtin_prefetch(stream.p_jitter, 1);
+    __builtin_prefetch(&stream.p_jitter->lastArrival, 1);
 }
 
 }  // namespace

@@ -3,10 +3,10 @@
 #include <bitset>
 #include <cstring>
 
+#include "sarn/dvbpsiHeaders.h"
 #include "sarn/sarnDvbPsi.h"
 #include "sarn/sarnLog.h"
 #include "sarnDvbPsi/contextInternals.h"
-#include "sarnDvbPsi/dvbpsiHeaders.h"
 #include "sarnDvbPsi/sectionGuard.h"
 #include "sarnDvbPsi/siSubtables.h"
 
@@ -51,8 +51,9 @@ void dropPmtsMissingFrom(const dvbpsi_pat_t& pat, ts_stream_t* stream) {
          program = program->p_next) {
         announced.set(program->i_pid & kPidMask);
     }
-    dropPmtsIf(stream,
-               [&](const ts_pmt_t& pmt) { return !announced.test(static_cast<uint16_t>(pmt.p_pid->i_pid)); });
+    dropPmtsIf(stream, [&](const ts_pmt_t& pmt) {
+        return pmt.p_pid == nullptr || !announced.test(static_cast<uint32_t>(pmt.p_pid->i_pid) & kPidMask);
+    });
 }
 
 // A program that moved took the PID from its old record, which has had its turn to move elsewhere with its
@@ -65,7 +66,7 @@ void onPmt(void* data, dvbpsi_pmt_t* table);
 
 // The record that holds the program from here on, with its old decoder detached.
 ts_pmt_t* recordForProgram(ts_stream_t* stream, uint16_t number, uint16_t pid) {
-    ts_pmt_t* pmt = findPmtByProgramNumber(stream, number);
+    ts_pmt_t* pmt = indexedPmt(stream, number);
     if (pmt == nullptr) {
         if (ts_pmt_t* old = stream->pid[pid].p_pmt) {
             dropPmt(stream, old);
@@ -105,6 +106,7 @@ void onPat(void* data, dvbpsi_pat_t* pat) {
     stream->i_pat_version = pat->i_version;
     stream->i_ts_id = pat->i_ts_id;
     dropPmtsMissingFrom(*pat, stream);
+    indexPmts(stream);
     for (const dvbpsi_pat_program_t* program = pat->p_first_program; program != nullptr;
          program = program->p_next) {
         if (!followProgram(stream, *program)) {
@@ -150,7 +152,7 @@ void recordElementaryStream(ts_stream_t& stream, uint16_t programNumber, const d
 void onPmt(void* data, dvbpsi_pmt_t* table) {
     auto* stream = static_cast<ts_stream_t*>(data);
     const SpinGuard guard(stream->lock);
-    ts_pmt_t* pmt = findPmtByProgramNumber(stream, table->i_program_number);
+    ts_pmt_t* pmt = indexedPmt(stream, table->i_program_number);
     if (pmt == nullptr) {
         dvbpsi_pmt_delete(table);
         return;

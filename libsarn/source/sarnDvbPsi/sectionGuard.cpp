@@ -6,9 +6,9 @@
 #include <optional>
 #include <span>
 
-#include "sarn/sarnDvbPsi.h"
+#include "sarn/dvbpsiHeaders.h"
 #include "sarn/tsStream.h"
-#include "sarnDvbPsi/dvbpsiHeaders.h"
+#include "sarnDvbPsi/contextInternals.h"
 
 namespace {
 
@@ -209,7 +209,7 @@ bool tableFits(const dvbpsi_t& handle, const dvbpsi_psi_section_t& section) {
     const std::optional<Lists> table = measureTable(section, handle.p_decoder->p_sections);
     if constexpr (kind == kPmt) {
         auto* stream = static_cast<ts_stream_t*>(handle.p_sys);
-        const ts_pmt_t* pmt = findPmtByProgramNumber(stream, section.i_extension);
+        const ts_pmt_t* pmt = indexedPmt(stream, section.i_extension);
         const uint32_t elsewhere = stream->listed_streams - (pmt != nullptr ? pmt->i_listed_streams : 0);
         return table && section.i_last_number < kMaxPmtSections &&
                elsewhere + table->entries <= kMaxTableEntries;

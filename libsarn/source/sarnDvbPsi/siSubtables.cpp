@@ -6,11 +6,11 @@
 #include <iterator>
 #include <span>
 
+#include "sarn/dvbpsiHeaders.h"
 #include "sarn/sarnLog.h"
+#include "sarn/spliceSection.h"
+#include "sarn/tableDumps.h"
 #include "sarn/tsStream.h"
-#include "sarnDvbPsi/dvbpsiHeaders.h"
-#include "sarnDvbPsi/spliceSection.h"
-#include "sarnDvbPsi/tableDumps.h"
 
 namespace {
 

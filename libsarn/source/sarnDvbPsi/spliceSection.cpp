@@ -1,4 +1,4 @@
-#include "sarnDvbPsi/spliceSection.h"
+#include "sarn/spliceSection.h"
 
 #include <cstddef>
 #include <optional>
@@ -117,14 +117,15 @@ void skipSpliceSchedule(Cursor& cursor) {
     }
 }
 
-// Bytes that a command takes whose length the sender left open; nothing for one whose form is not known or
-// that does not fit.
+bool hasKnownForm(uint8_t type) {
+    return type == kSpliceNull || (type >= kSpliceSchedule && type <= kBandwidthReservation);
+}
+
+// Bytes that a command of known form takes whose length the sender left open; nothing for one that does not
+// fit.
 std::optional<std::size_t> measureCommand(uint8_t type, Bytes rest) {
     Cursor cursor(rest);
     switch (type) {
-        case kSpliceNull:
-        case kBandwidthReservation:
-            break;
         case kSpliceSchedule:
             skipSpliceSchedule(cursor);
             break;
@@ -134,13 +135,18 @@ std::optional<std::size_t> measureCommand(uint8_t type, Bytes rest) {
         case kTimeSignal:
             skipSpliceTime(cursor);
             break;
-        default:
-            return std::nullopt;
+        default:  // the others have no fields
+            break;
     }
     if (cursor.overrun()) {
         return std::nullopt;
     }
     return cursor.offset();
+}
+
+// Where an open length and an unknown form hide the command's end, the descriptors cannot be found.
+bool endIsHidden(const SpliceInfo& info) {
+    return info.commandLength == kOpenCommandLength && !hasKnownForm(info.commandType);
 }
 
 // The descriptor loop behind the command, which may be followed by alignment bytes. False when it does not
@@ -190,7 +196,7 @@ SpliceResult decodeSpliceInfo(std::span<const uint8_t> section, SpliceInfo& info
     result.commandLength = read16(section, 11) & 0x0FFF;
     result.commandType = section[13];
     // Encryption covers what follows up to the CRC_32, splice_command_type included.
-    if (!result.encrypted) {
+    if (!result.encrypted && !endIsHidden(result)) {
         const Bytes rest = section.subspan(kCommandStart, section.size() - kCommandStart - kCrcSize);
         const std::optional<std::size_t> commandSize = result.commandLength == kOpenCommandLength
                                                            ? measureCommand(result.commandType, rest)

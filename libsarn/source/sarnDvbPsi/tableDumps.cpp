@@ -1,4 +1,4 @@
-#include "sarnDvbPsi/tableDumps.h"
+#include "sarn/tableDumps.h"
 
 #include <algorithm>
 #include <array>

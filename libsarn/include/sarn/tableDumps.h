@@ -6,9 +6,9 @@
 
 #include <cstdint>
 
-#include "sarnDvbPsi/dumpSink.h"
-#include "sarnDvbPsi/dvbpsiHeaders.h"
-#include "sarnDvbPsi/spliceSection.h"
+#include "sarn/dumpSink.h"
+#include "sarn/dvbpsiHeaders.h"
+#include "sarn/spliceSection.h"
 
 void dumpSplice(DumpSink& sink, const SpliceInfo& info);
 void dumpSdt(DumpSink& sink, const dvbpsi_sdt_t& sdt);

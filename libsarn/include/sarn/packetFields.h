@@ -1,5 +1,6 @@
 // Every bit field of the transport packet header, the adaptation field (ISO/IEC 13818-1 2.4.3) and the PES
-// header (2.4.3.6) that the analysis reads. Nobody else shifts and masks.
+// header (2.4.3.6) that the analysis reads. Nobody else shifts and masks. Plain functions over bytes: any
+// thread may call them.
 #pragma once
 
 #include <bit>
@@ -21,9 +22,10 @@ inline uint8_t tsByteAt(TsPacket packet, uint32_t offset) {
     return offset < static_cast<uint32_t>(kTsPacketSize) ? packet[offset] : uint8_t{0};
 }
 
-// The four bytes of a packet's header as one number, read once.
+// The four bytes of a packet's header as one number, read once. The bytes need not stay.
 class TsHeader {
   public:
+    // `packet`: 4 bytes or more.
     explicit TsHeader(const uint8_t* packet) {
         memcpy(&word_, packet, sizeof word_);
         if constexpr (std::endian::native == std::endian::little) {
@@ -63,9 +65,20 @@ class TsHeader {
     uint32_t word_;
 };
 
+// The header of a PID's last packet; before the first one all its fields are 0.
+inline TsHeader lastHeader(const ts_pid_t& pid) {
+    return TsHeader(pid.last_header.data());
+}
+
 // REQUIRES: the header's hasAdaptationField().
 inline uint8_t tsAdaptationFieldLength(TsPacket packet) {
-    return packet[4];
+    return packet[kTsHeaderSize];
+}
+
+// Bytes between header and payload, of a packet that starts with `header` and the byte `behind` it: those of
+// the adaptation field where there is one in front of a payload, modulo 256, else 0.
+inline uint8_t tsPayloadOffset(TsHeader header, uint8_t behind) {
+    return static_cast<uint8_t>(header.hasAdaptationField() && header.hasPayload() ? behind + 1 : 0);
 }
 
 // The flags byte of a non-empty adaptation field.

@@ -8,7 +8,7 @@
 #include <memory>
 #include <span>
 
-#include "sarnDvbPsi/dvbpsiHeaders.h"
+#include "sarn/dvbpsiHeaders.h"
 
 inline constexpr uint8_t kSpliceTableId = 0xFC;
 
@@ -27,11 +27,12 @@ struct SpliceInfo {
     uint8_t cwIndex;
     uint16_t commandLength;      // as sent: 0xFFF where the sender leaves it open
     uint8_t commandType;         // of an encrypted section the byte as sent
-    DescriptorList descriptors;  // in order of the section; none of an encrypted one
+    DescriptorList descriptors;  // in order of the section; none where they cannot be found
 };
 
 enum class SpliceResult { decoded, malformed, badCrc };
 
 // Decodes a whole section, from its table_id to its CRC_32. Fills `info` only when it returns `decoded`.
-// A section with the section_syntax_indicator set is malformed.
+// A section with the section_syntax_indicator set is malformed. The descriptors cannot be found in an
+// encrypted section, nor behind a command of unknown type whose length is left open.
 SpliceResult decodeSpliceInfo(std::span<const uint8_t> section, SpliceInfo& info);

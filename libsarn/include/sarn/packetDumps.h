@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <span>
 
+#include "sarn/dumpSink.h"
+#include "sarn/packetFields.h"
 #include "sarn/tsStream.h"
-#include "sarnDvbPsi/dumpSink.h"
-#include "sarnDvbPsi/packetFields.h"
 
 // Sixteen bytes a line with their offsets, into the log at level 4.
 void dumpHex(std::span<const uint8_t> bytes);
