@@ -38,6 +38,11 @@ T_interface::T_interface(typeOfApplication mode) : applicationType(mode) {
 }
 
 T_interface::~T_interface() {
+    // The context waits for its sockets to be closed and for what they have still to send.
+    if (liveDataSocket && *liveDataSocket) {
+        liveDataSocket->set(zmq::sockopt::linger, 0);
+    }
+    liveDataSocket.reset();
     clearStreams(this);
     sarnUdpStreams_deleteAll(udpStreams);
     free(udpStreams);

@@ -113,6 +113,7 @@ CaptureResult endCapture(CaptureHandle handle, int lastRead) {
         return kCaptureDone;
     }
     printf("Error reading the packets: %s", pcap_geterr(handle.get()));
+    fflush(stdout);  // no line's end does it, and nothing else may be printed for long
     // Left open on purpose: its counts stay available to the statistics.
     static_cast<void>(handle.release());
     return kCaptureDeviceError;

@@ -1,11 +1,18 @@
 // The stream table: which frames reach which stream, and how many packets of them.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <memory>
+#include <string>
+#include <zmq.hpp>
 
 #include "configuration.h"
 #include "kestor.h"
+#include "packetCapture.h"
 #include "packetDispatch.h"
 #include "sarn/packetJitter.h"
 #include "sarn/udpStreams.h"
@@ -79,6 +86,10 @@ TEST_F(UdpStreams, AnalysesWhatWasCaptured) {
 // The buffered path, which the daemon holds beside the direct one.
 TEST_F(UdpStreams, CollectedFramesAreAnalysedWhenIndicatedAndTheBuffersSwapped) {
     T_interface device(MODE_MONITOR);
+    device.zmqContext = std::make_unique<zmq::context_t>();
+    device.liveDataSocket = std::make_unique<zmq::socket_t>(*device.zmqContext, zmq::socket_type::req);
+    device.liveDataSocket->connect("tcp://127.0.0.1:1");
+    device.liveDataSocket->send(zmq::str_buffer("kept back"));  // which must not keep the monitor from ending
     const UdpStream* stream =
         sarnUdpStreams_addStream(device.udpStreams, inet_addr("239.1.1.1"), 0, 0, "s", &lock_);
     const Bytes frame = UdpFlow{}.frame(packets(7));
@@ -91,6 +102,24 @@ TEST_F(UdpStreams, CollectedFramesAreAnalysedWhenIndicatedAndTheBuffersSwapped) 
         EXPECT_EQ(i_packetData, 0u);
         EXPECT_NE(packetData, filled);
     }
+}
+
+TEST(PacketCapture, ItsLastWordsComeAtOnce) {
+    std::array<int, 2> pipe;
+    ASSERT_EQ(::pipe(pipe.data()), 0);
+    fflush(stdout);
+    const int before = dup(STDOUT_FILENO);
+    dup2(pipe[1], STDOUT_FILENO);
+    fcntl(pipe[0], F_SETFL, O_NONBLOCK);
+    pcap_t* handle = pcap_open_dead(DLT_EN10MB, kCaptureSnapshotLength);
+    EXPECT_EQ(endCapture(CaptureHandle(handle), PCAP_ERROR), kCaptureDeviceError);
+    std::array<char, 64> text{};
+    EXPECT_GT(read(pipe[0], text.data(), text.size()), 0);
+    EXPECT_EQ(std::string(text.data()), "Error reading the packets: ");
+    pcap_close(handle);
+    dup2(before, STDOUT_FILENO);
+    for (const int descriptor : {before, pipe[0], pipe[1]})
+        close(descriptor);
 }
 
 }  // namespace
