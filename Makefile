@@ -71,6 +71,11 @@ tidy: build
 	git ls-files 'libsarn/*.cpp' 'source/*.cpp' 'probelink/*.cpp' 'tools/*.cpp' 'bench/*.cpp' | \
 	  xargs -P $(JOBS) -n 1 clang-tidy --quiet -p build/release
 
+## cross         builds for ARCH (arm64, armhf) in a chroot of its own and tests under qemu; root
+.PHONY: cross
+cross: build
+	scripts/cross $(ARCH)
+
 ## clean         removes all builds
 clean:
 	rm -rf build

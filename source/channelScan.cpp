@@ -8,6 +8,7 @@
 #include <optional>
 #include <utility>
 
+#include "captureFrame.h"
 #include "configuration.h"
 #include "kestor.h"
 
@@ -22,10 +23,10 @@ int32_t attemptLimit(const T_interface& device) {
 }
 
 // The destination address, network byte order; 0 in a frame that is too short to have one.
-uint32_t destinationAddress(const pcap_pkthdr& header, const u_char* frame) {
+uint32_t destinationAddress(const CapturedFrame& frame) {
     uint32_t address = 0;
-    if (header.caplen >= kDestinationOffset + sizeof address) {
-        memcpy(&address, frame + kDestinationOffset, sizeof address);
+    if (frame.length >= kDestinationOffset + sizeof address) {
+        memcpy(&address, frame.data + kDestinationOffset, sizeof address);
     }
     return address;
 }
@@ -33,8 +34,8 @@ uint32_t destinationAddress(const pcap_pkthdr& header, const u_char* frame) {
 // One attempt to read a frame, with pcap_next_ex's results; 0 once timeoutMs have passed without one.
 // libpcap does not come back from a blocking read while nothing passes the filter, so the handle is
 // non-blocking and the wait happens here. Frames that libpcap has ready are taken without a wait.
-int readFrame(pcap_t* handle, int timeoutMs, pcap_pkthdr*& header, const u_char*& frame) {
-    const int result = pcap_next_ex(handle, &header, &frame);
+int readFrame(pcap_t* handle, int timeoutMs, CapturedFrame& frame) {
+    const int result = readCapturedFrame(handle, frame);
     if (result != 0) {
         return result;
     }
@@ -42,7 +43,7 @@ int readFrame(pcap_t* handle, int timeoutMs, pcap_pkthdr*& header, const u_char*
     if (poll(&readable, 1, std::max(timeoutMs, 0)) <= 0) {
         return 0;
     }
-    return pcap_next_ex(handle, &header, &frame);
+    return readCapturedFrame(handle, frame);
 }
 
 struct ScanOutcome {
@@ -55,15 +56,14 @@ struct ScanOutcome {
 ScanOutcome awaitGroup(pcap_t* handle, uint32_t group, int32_t limit, int timeoutMs) {
     int64_t counter = 0;
     for (;;) {
-        pcap_pkthdr* header;
-        const u_char* frame;
-        const int lastRead = readFrame(handle, timeoutMs, header, frame);
+        CapturedFrame frame;
+        const int lastRead = readFrame(handle, timeoutMs, frame);
         if (lastRead < 0) {
             return {std::nullopt, lastRead};
         }
         ++counter;
         if (lastRead == 1) {
-            const uint32_t destination = destinationAddress(*header, frame);
+            const uint32_t destination = destinationAddress(frame);
             printf("Packet read without problem %s %d\n", dottedAddress(destination).c_str(), limit);
             if (destination == group) {
                 return {1, lastRead};

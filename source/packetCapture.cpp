@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "captureFrame.h"
 #include "kestor.h"
 #include "sarn/metrics.h"
 
@@ -79,12 +80,10 @@ CaptureResult captureFrames(T_interface* device) {
         return result;
     }
     int lastRead;
-    pcap_pkthdr* header;
-    const u_char* frame;
-    while ((lastRead = pcap_next_ex(handle.get(), &header, &frame)) >= 0) {
+    CapturedFrame frame;
+    while ((lastRead = readCapturedFrame(handle.get(), frame)) >= 0) {
         if (lastRead == 1) {
-            processFrame(device, frame, header->caplen, static_cast<uint64_t>(header->ts.tv_sec),
-                         static_cast<uint64_t>(header->ts.tv_usec));
+            processFrame(device, frame.data, frame.length, frame.seconds, frame.microseconds);
         }
     }
     return endCapture(std::move(handle), lastRead);

@@ -2,9 +2,14 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <pcap/pcap.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <initializer_list>
 #include <optional>
 #include <span>
 #include <string>
@@ -49,32 +54,44 @@ struct UdpFlow {
 // A capture file in the classic format.
 class PcapWriter {
   public:
-    enum class Stamps { kMicro = PCAP_TSTAMP_PRECISION_MICRO, kNano = PCAP_TSTAMP_PRECISION_NANO };
+    enum class Stamps : uint32_t { kMicro = 1000, kNano = 1 };  // ns
 
-    explicit PcapWriter(const std::string& path, Stamps stamps = Stamps::kMicro, int linkType = DLT_EN10MB)
-        : format_(pcap_open_dead_with_tstamp_precision(linkType, 65535, static_cast<u_int>(stamps))),
-          file_(pcap_dump_open(format_, path.c_str())),
-          tickNs_(stamps == Stamps::kMicro ? 1000 : 1) {}
-    ~PcapWriter() {
-        pcap_dump_close(file_);
-        pcap_close(format_);
+    explicit PcapWriter(const std::string& path, Stamps stamps = Stamps::kMicro,
+                        uint32_t linkType = DLT_EN10MB)
+        : path_(path), file_(path, std::ios::binary), tickNs_(static_cast<uint32_t>(stamps)) {
+        constexpr uint32_t kVersion24 = 4 << 16 | 2;
+        put({stamps == Stamps::kMicro ? 0xA1B2C3D4 : 0xA1B23C4D, kVersion24, 0, 0, 65535, linkType});
     }
-    PcapWriter(const PcapWriter&) = delete;
+
+    // Where the environment names a directory for them, captures are kept there: builds are compared by them.
+    ~PcapWriter() {
+        file_.close();
+        if (const char* directory = std::getenv("KESTOR_KEEP_CAPTURES"))
+            std::filesystem::copy_file(path_,
+                                       std::string(directory) + "/" +
+                                           testing::UnitTest::GetInstance()->current_test_info()->name() +
+                                           std::to_string(kept_++));
+    }
 
     // `timeNs`: nanoseconds since the epoch.
     void write(uint64_t timeNs, std::span<const uint8_t> frame) {
         constexpr uint64_t kSecond = 1'000'000'000;
-        const auto length = static_cast<bpf_u_int32>(frame.size());
-        const timeval stamp{.tv_sec = static_cast<time_t>(timeNs / kSecond),
-                            .tv_usec = static_cast<suseconds_t>(timeNs % kSecond / tickNs_)};
-        const pcap_pkthdr header{stamp, length, length};
-        pcap_dump(reinterpret_cast<u_char*>(file_), &header, frame.data());
+        const auto length = static_cast<uint32_t>(frame.size());
+        put({static_cast<uint32_t>(timeNs / kSecond), static_cast<uint32_t>(timeNs % kSecond / tickNs_),
+             length, length});
+        file_.write(reinterpret_cast<const char*>(frame.data()), length);
     }
 
   private:
-    pcap_t* format_;
-    pcap_dumper_t* file_;
-    uint64_t tickNs_;
+    void put(std::initializer_list<uint32_t> words) {
+        for (const uint32_t word : words)
+            file_.write(reinterpret_cast<const char*>(&word), sizeof word);
+    }
+
+    inline static int kept_ = 0;
+    std::string path_;
+    std::ofstream file_;
+    uint32_t tickNs_;
 };
 
 }  // namespace test

@@ -78,18 +78,17 @@ CaptureFile::CaptureFile(const std::string& path) : path_(path) {
     }
 }
 
-std::optional<CaptureFile::Frame> CaptureFile::next() {
-    pcap_pkthdr* header;
-    const u_char* data;
-    const int result = pcap_next_ex(handle_.get(), &header, &data);
+std::optional<CapturedFrame> CaptureFile::next() {
+    CapturedFrame frame;
+    const int result = readCapturedFrame(handle_.get(), frame);
     if (result == PCAP_ERROR) {
         fail(path_, pcap_geterr(handle_.get()));
     }
     if (result != 1) {
         return std::nullopt;
     }
-    return Frame{data, std::min<uint32_t>(header->caplen, kCaptureSnapshotLength),
-                 static_cast<uint64_t>(header->ts.tv_sec), static_cast<uint64_t>(header->ts.tv_usec)};
+    frame.length = std::min<uint32_t>(frame.length, kCaptureSnapshotLength);
+    return frame;
 }
 
 std::vector<uint32_t> parseGroups(const std::vector<std::string>& texts) {
@@ -126,7 +125,7 @@ void Replay::writeSnapshot(FILE* records) {
     }
 }
 
-void Replay::writeDueSnapshots(const CaptureFile::Frame& frame, FILE* records) {
+void Replay::writeDueSnapshots(const CapturedFrame& frame, FILE* records) {
     const uint64_t stamp = frame.stampUs();
     if (stamp < nextSnapshotUs_) {
         return;
@@ -144,7 +143,7 @@ void Replay::writeDueSnapshots(const CaptureFile::Frame& frame, FILE* records) {
 
 void Replay::run(FILE* records) {
     std::exception_ptr brokenOff;
-    const auto next = [&]() -> std::optional<CaptureFile::Frame> {
+    const auto next = [&]() -> std::optional<CapturedFrame> {
         try {
             return capture_.next();
         } catch (const std::runtime_error&) {

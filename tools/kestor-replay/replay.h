@@ -10,26 +10,17 @@
 #include <string>
 #include <vector>
 
+#include "captureFrame.h"
 #include "kestor.h"
 
 // An opened capture file whose frames pass the probe's filter. Failures throw std::runtime_error with a text
 // for the operator.
 class CaptureFile {
   public:
-    struct Frame {
-        const uint8_t* data;  // valid until the next call
-        uint32_t length;      // bytes captured, as many as the probe would capture at most
-        uint64_t seconds;     // stamp, nanoseconds cut off
-        uint64_t microseconds;
-
-        uint64_t stampUs() const {
-            return seconds * 1'000'000 + microseconds;
-        }
-    };
-
     explicit CaptureFile(const std::string& path);
-    // The next frame, or nothing at the end of the file.
-    std::optional<Frame> next();
+    // The next frame, cut to what the probe would capture at most, or nothing at the end of the file.
+    // Nanoseconds of the stamp are cut off.
+    std::optional<CapturedFrame> next();
 
   private:
     struct Closer {
@@ -59,7 +50,7 @@ class Replay {
     void addGroups(uint64_t joinTimeMs);
     void writeSnapshot(FILE* records);
     // Writes a snapshot for each due time that `frame` has reached.
-    void writeDueSnapshots(const CaptureFile::Frame& frame, FILE* records);
+    void writeDueSnapshots(const CapturedFrame& frame, FILE* records);
 
     CaptureFile capture_;
     std::vector<uint32_t> groups_;

@@ -47,7 +47,7 @@ void jitter_received_packet_cb(JitterMeasurement* j, const timeval* arrival) {
         j->ring[0] = 0;
         j->blockSum = 0;
     } else {
-        const uint64_t slot = j->arrivalCount % kJitterBlock;
+        const auto slot = static_cast<std::size_t>(j->arrivalCount % kJitterBlock);
         if (slot == 0) {
             closeBlock(*j);
         }

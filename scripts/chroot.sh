@@ -1,0 +1,96 @@
+#!/usr/bin/env bash
+# chroot.sh ARCH prepare                 makes or refreshes the build chroot for arm64, armhf or amd64
+# chroot.sh ARCH run COMMAND [ARG]...    runs a command in it, in this tree
+#
+# A Debian 12 of its own with the cross toolchain for ARCH, ARCH's libraries beside the machine's, and qemu to run what
+# was built. It lives in KESTOR_CHROOTS (default /var/cache/kestor), a few hundred megabytes each; deleting the
+# directory is all it takes to be rid of it. On the machine itself only mmdebstrap is installed. Needs root.
+#
+# Inside, the tree has the path that it has outside, and there is no network but for `prepare`. Mounts are made in a
+# namespace of their own and end with the command.
+set -euo pipefail
+
+tree=$(cd "$(dirname "$0")/.." && pwd)
+arch=${1:?architecture}
+mode=${2:?prepare or run}
+shift 2
+host=$(dpkg --print-architecture)
+chroots=${KESTOR_CHROOTS:-/var/cache/kestor}
+root=$chroots/build-$arch
+
+case $arch in
+  "$host") toolchain=(build-essential) ;;
+  arm64 | armhf) toolchain=(build-essential "crossbuild-essential-$arch" "libc6:$arch" "libstdc++6:$arch" qemu-user qemu-user-static) ;;
+  *) echo "chroot.sh: no cross builds for $arch, only arm64 and armhf" >&2; exit 2 ;;
+esac
+tools=(cmake ninja-build pkgconf ccache debhelper fakeroot lintian file)
+# What the package's own build does not ask for: tests and benchmarks.
+test_libraries=("libgtest-dev:$arch" "libgmock-dev:$arch" "libbenchmark-dev:$arch")
+
+inside() { # NETWORK COMMAND [ARG]...; NETWORK is --net for none, empty for the machine's
+  local namespaces=(--mount --pid --ipc --fork --kill-child)
+  [ -z "$1" ] || namespaces+=("$1")
+  shift
+  # shellcheck disable=SC2016 # expands inside
+  unshare "${namespaces[@]}" bash -euc '
+    root=$1 tree=$2
+    shift 2
+    mkdir -p "$root$tree"
+    mount -n --bind "$tree" "$root$tree"
+    mount -n -t proc proc "$root/proc"
+    mount -n --rbind /dev "$root/dev"
+    mount -n -t tmpfs -o mode=1777 tmpfs "$root/tmp"
+    if [ -e /etc/resolv.conf ]; then
+      touch "$root/etc/resolv.conf"
+      mount -n --bind "$(realpath /etc/resolv.conf)" "$root/etc/resolv.conf"
+    fi
+    exec chroot "$root" /usr/bin/env -i HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
+      PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
+      CCACHE_DIR=/var/cache/ccache CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache \
+      ${DEB_BUILD_OPTIONS:+DEB_BUILD_OPTIONS="$DEB_BUILD_OPTIONS"} \
+      sh -euc "cd \"\$0\"; exec \"\$@\"" "$tree" "$@"
+  ' inside "$root" "$tree" "$@"
+}
+
+# From the point release alone: libraries of two architectures install side by side only in one and the same version,
+# and updates do not reach the mirrors for all architectures at once.
+bootstrap() {
+  if ! command -v mmdebstrap >/dev/null; then
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends mmdebstrap >/dev/null
+  fi
+  mkdir -p "$chroots"
+  rm -rf "$root.part"
+  local architectures=$host include
+  [ "$arch" = "$host" ] || architectures+=,$arch
+  include=$(IFS=,; echo "${toolchain[*]},${tools[*]},${test_libraries[*]}")
+  mmdebstrap --quiet --variant=apt --architectures="$architectures" --include="$include" \
+    --aptopt='APT::Install-Recommends "false"' --skip=cleanup/apt \
+    bookworm "$root.part" 'deb http://deb.debian.org/debian bookworm main'
+  mv "$root.part" "$root"
+}
+
+# Made anew when this script asks for other packages, completed when the package's build dependencies change.
+prepare() {
+  local made wanted
+  made=$(echo "${toolchain[*]} ${tools[*]} ${test_libraries[*]}" | sha256sum)
+  wanted=$(sha256sum <"$tree/debian/control")
+  if [ "$(cat "$root/.made" 2>/dev/null)" != "$made" ]; then
+    echo "chroot.sh: making $root"
+    rm -rf "$root"
+    bootstrap
+    echo "$made" >"$root/.made"
+  fi
+  if [ "$(cat "$root/.build-dep" 2>/dev/null)" != "$wanted" ]; then
+    inside "" apt-get update -qq
+    inside "" apt-get build-dep -y -qq --no-install-recommends --host-architecture "$arch" "$tree"
+    echo "$wanted" >"$root/.build-dep"
+  fi
+}
+
+exec 9>"/run/lock/kestor-chroot-$arch"
+case $mode in
+  prepare) flock 9; prepare ;;
+  run) flock -s 9; inside --net "$@" ;;
+  *) echo "chroot.sh: $mode: neither prepare nor run" >&2; exit 2 ;;
+esac
