@@ -40,7 +40,7 @@ struct Event {
     std::string alarm;    // the alarm type's name, or empty
     int64_t alarmId = 0;  // id of the raising event; 0 where no alarm is meant
     std::optional<Severity> severity;
-    std::string text;  // a sentence for an operator
+    std::string text;  // a sentence for an operator; kAcknowledged: the remark
     std::string by;    // who acknowledged or changed, or empty
     std::optional<double> value;
     std::optional<double> peak;                         // cleared: the worst measure

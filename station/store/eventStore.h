@@ -16,15 +16,17 @@ namespace station {
 
 // What was on the disk at the start.
 struct StoredState {
-    int64_t lastId = 0;                    // of any event so far
-    std::vector<Alarm> active;             // raised, not cleared
+    int64_t lastId = 0;         // of any event so far; the seconds since 1970 when the file cannot tell
+    std::vector<Alarm> active;  // raised, not cleared
     std::vector<Maintenance> maintenance;  // not ended
     std::string problem;  // a damaged file was put aside, or the disk cannot be written: one line
 };
 
-// Keeps events in `events.db` of the state directory. A thread of its own does all disk work; the calls below
-// only queue, never wait, and may come from any thread. When the disk is full or the file damaged, one line
-// is logged, the newest kStoreQueue events are kept in memory and written once it works again.
+// Keeps events in `events.db` of the state directory. Threads of its own do all disk work, one writes and one
+// answers queries; the calls below only queue, never wait, and may come from any thread. When the disk is
+// full, one line is logged, the newest kStoreQueue events are kept in memory and written once it works again.
+// A damaged file, found when it is opened, by reading all of it after the start, or while it is used, is put
+// aside as events.db.damaged-TIME, and the active alarms and maintenance windows go into the new one.
 class EventStore {
   public:
     static constexpr std::size_t kStoreQueue =
@@ -51,7 +53,7 @@ class EventStore {
     void record(Event event, std::function<void(int64_t id)> stored = {});
     void setLimits(Limits limits);
 
-    // Newest first. The answer comes on the store's thread: the events, or a sentence that says why not.
+    // Newest first. The answer comes on the thread for queries: the events, or a sentence that says why not.
     // False when too many queries wait; then the answer never comes.
     using QueryAnswer = std::function<void(std::vector<Event>&& events, const std::string& problem)>;
     bool query(const EventFilter& filter, QueryAnswer answer);

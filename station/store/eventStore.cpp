@@ -1,0 +1,482 @@
+#include "store/eventStore.h"
+
+#include <sys/prctl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "common/boundedQueue.h"
+#include "common/log.h"
+#include "store/eventDatabase.h"
+
+namespace station {
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kBatch = 500;       // entries of one transaction
+constexpr auto kRetryWait = 1s;           // after a failure
+constexpr auto kRetentionInterval = 60s;  // between two looks for what is too old
+constexpr auto kRetentionBreath = 20ms;   // between two steps, so that the disk has time for others
+constexpr auto kClosingTime = 1s;         // for what is queued at the end
+constexpr std::chrono::hours kDay{24};
+
+struct Waiting {
+    StoreEntry entry;
+    std::function<void(int64_t id)> stored;
+};
+
+struct Question {
+    EventFilter filter;
+    EventStore::QueryAnswer answer;
+};
+
+// Where ids start when those on the disk cannot be known: above all that were given, since events come more
+// slowly than one a second in the long run.
+int64_t idFromTime(WallTime time) {
+    return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
+}
+
+std::vector<Alarm> alarmsOf(const Carried& carried) {
+    std::map<std::pair<std::size_t, std::optional<Group>>, Alarm> alarms;  // the newest of each
+    for (const auto& [id, events] : carried.active) {
+        const Event& raised = events.raised;
+        const std::optional<std::size_t> type = findAlarmType(raised.alarm);
+        if (!type) {
+            continue;  // a type that this version does not have
+        }
+        const double value = raised.value.value_or(0);
+        Alarm alarm{id,          *type, raised.group, raised.severity.value_or(Severity::kWarning),
+                    raised.time, value, value,        std::nullopt};
+        if (const auto& said = events.acknowledged) {
+            alarm.acknowledged = Acknowledgement{said->time, said->by, said->text};
+        }
+        alarms.insert_or_assign({*type, raised.group}, alarm);
+    }
+    std::vector<Alarm> all;
+    for (const auto& [key, alarm] : alarms) {
+        all.push_back(alarm);
+    }
+    return all;
+}
+
+}  // namespace
+
+struct EventStore::Implementation {
+    Implementation(const std::filesystem::path& directory, Limits atFirst, ClockFunction time);
+    ~Implementation();
+
+    void push(Waiting&& waiting);
+
+    StoredState initial;
+
+    // Any thread.
+    std::mutex limitsMutex;
+    Limits limits;  // under limitsMutex
+    BoundedQueue<Question> questions{kQueryQueue};
+    std::atomic<uint64_t> written{0};
+    std::atomic<uint64_t> dropped{0};
+    std::atomic<uint64_t> waitingCount{0};
+    std::atomic<uint64_t> bytes{0};
+    std::atomic<bool> failing{false};
+
+  private:
+    void run();
+    bool finished();
+    std::deque<Waiting> take(Clock::time_point until);
+    void putBack(std::deque<Waiting>&& batch);
+    void trim();
+
+    void open();
+    void openAtStart();
+    void works();
+    void putAsideIfDamaged();
+    void write(std::deque<Waiting>& batch);
+    void retain();
+    void failed(const DatabaseError& error);
+    void setAside(const std::string& problem, std::string_view why);
+    std::string startAnew(const std::string& problem, std::string_view why);
+
+    void runQueries();
+    void answer(const Question& question);
+    void startCheck();
+    void stopCheck();
+    void foundDamage(const std::string& problem);
+
+    const std::filesystem::path file_;
+    const ClockFunction clock_;
+
+    std::mutex mutex_;  // guards the three below; no lock is taken while it is held
+    std::condition_variable changed_;
+    std::deque<Waiting> queue_;
+    std::string damage_;  // found while reading; empty for none
+    bool closing_ = false;
+
+    // The store's thread (the constructor's until that runs).
+    std::optional<EventDatabase> database_;
+    Carried carried_;
+    LogOnChange problem_;
+    Clock::time_point retryAt_{};
+    Clock::time_point retentionAt_{};
+    std::size_t writtenSinceRetention_ = 0;
+    Clock::time_point closeBy_ = Clock::time_point::max();
+
+    std::mutex readerMutex_;  // guards reader_; held while a query runs; nests outside mutex_
+    std::atomic<bool> stopReading_{false};
+    std::optional<EventReader> reader_;
+    std::atomic<bool> stopCheck_{false};
+    std::thread checker_, queries_, writer_;
+};
+
+EventStore::Implementation::Implementation(const std::filesystem::path& directory, Limits atFirst,
+                                           ClockFunction time)
+    : limits(atFirst), file_(directory / "events.db"), clock_(std::move(time)) {
+    std::error_code ignored;  // what is wrong shows when the file is opened
+    std::filesystem::create_directories(directory, ignored);
+    openAtStart();
+    writer_ = std::thread([this] { run(); });
+    queries_ = std::thread([this] { runQueries(); });
+}
+
+EventStore::Implementation::~Implementation() {
+    {
+        const std::lock_guard lock(mutex_);
+        closing_ = true;
+    }
+    changed_.notify_all();
+    questions.close();
+    stopReading_ = true;
+    stopCheck_ = true;
+    queries_.join();
+    reader_.reset();
+    writer_.join();
+    stopCheck();
+}
+
+// Waiting entries, in and out.
+
+void EventStore::Implementation::push(Waiting&& waiting) {
+    {
+        const std::lock_guard lock(mutex_);
+        queue_.push_back(std::move(waiting));
+        trim();
+    }
+    changed_.notify_one();
+}
+
+void EventStore::Implementation::trim() {
+    while (queue_.size() > kStoreQueue) {
+        queue_.pop_front();
+        ++dropped;
+    }
+    waitingCount = queue_.size();
+}
+
+std::deque<Waiting> EventStore::Implementation::take(Clock::time_point until) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_until(lock, until, [this] {
+        return closing_ || !damage_.empty() || (!queue_.empty() && Clock::now() >= retryAt_);
+    });
+    std::deque<Waiting> batch;
+    if (Clock::now() < retryAt_ && !closing_) {
+        return batch;
+    }
+    while (!queue_.empty() && batch.size() < kBatch) {
+        batch.push_back(std::move(queue_.front()));
+        queue_.pop_front();
+    }
+    return batch;
+}
+
+void EventStore::Implementation::putBack(std::deque<Waiting>&& batch) {
+    const std::lock_guard lock(mutex_);
+    queue_.insert(queue_.begin(), std::move_iterator(batch.begin()), std::move_iterator(batch.end()));
+    trim();
+}
+
+// The file.
+
+void EventStore::Implementation::openAtStart() {
+    try {
+        try {
+            database_.emplace(file_);
+            carried_ = database_->load();
+            initial.lastId = database_->lastId();
+        } catch (const DatabaseError& error) {
+            const bool damaged = error.kind() == DatabaseError::Kind::kDamaged;
+            if (!damaged && error.kind() != DatabaseError::Kind::kNewer) {
+                throw;
+            }
+            carried_ = {};
+            initial.lastId = idFromTime(clock_().wall);
+            initial.problem = startAnew(error.what(), damaged ? "damaged" : "newer");
+        }
+        startCheck();
+    } catch (const DatabaseError& error) {
+        database_.reset();
+        initial.lastId = idFromTime(clock_().wall);
+        failed(error);
+        initial.problem = file_.string() + " cannot be opened: " + error.what();
+    }
+    const WallTime now = clock_().wall;
+    std::erase_if(carried_.maintenance, [now](const auto& window) { return window.second.until <= now; });
+    for (const auto& [id, window] : carried_.maintenance) {
+        initial.maintenance.push_back(window);
+    }
+    initial.active = alarmsOf(carried_);
+    bytes = databaseBytes(file_);
+}
+
+// After a failure: whatever the file has, the alarms and windows known here are the ones that count.
+void EventStore::Implementation::open() {
+    try {
+        database_.emplace(file_);
+        database_->carryOver(carried_);
+        works();
+    } catch (const DatabaseError& error) {
+        database_.reset();
+        const bool damaged = error.kind() == DatabaseError::Kind::kDamaged;
+        if (!damaged && error.kind() != DatabaseError::Kind::kNewer) {
+            throw;
+        }
+        setAside(error.what(), damaged ? "damaged" : "newer");
+    }
+}
+
+// Puts the file aside and makes a new one; says so. REQUIRES: no query and no check runs on the file.
+std::string EventStore::Implementation::startAnew(const std::string& problem, std::string_view why) {
+    database_.reset();
+    const std::string aside = putAside(file_, why);
+    if (aside.empty()) {
+        throw DatabaseError(DatabaseError::Kind::kOther,
+                            "it is unusable (" + problem + ") and cannot be renamed");
+    }
+    std::string text = file_.string() + " cannot be used (" + problem + "): put aside as " + aside +
+                       ", events go into a new file";
+    log(LogLevel::kError, text);
+    database_.emplace(file_);
+    database_->carryOver(carried_);
+    works();
+    return text;
+}
+
+void EventStore::Implementation::works() {
+    failing = false;
+    problem_.over(file_.string() + " can be written again; what waited is stored");
+}
+
+void EventStore::Implementation::setAside(const std::string& problem, std::string_view why) {
+    stopCheck();
+    const std::lock_guard lock(readerMutex_);
+    reader_.reset();
+    startAnew(problem, why);
+}
+
+// The store's thread.
+
+void EventStore::Implementation::run() {
+    prctl(PR_SET_NAME, "event-store");
+    while (!finished()) {
+        const auto soon = Clock::now() + kRetryWait;
+        std::deque<Waiting> batch = take(failing ? soon : std::min(retentionAt_, soon));
+        try {
+            putAsideIfDamaged();
+            if (!database_ && (Clock::now() >= retryAt_ || closeBy_ != Clock::time_point::max())) {
+                open();
+            }
+            if (database_) {
+                write(batch);
+                retain();
+            }
+        } catch (const DatabaseError& error) {
+            failed(error);
+        }
+        putBack(std::move(batch));
+        bytes = databaseBytes(file_);
+    }
+    database_.reset();
+}
+
+bool EventStore::Implementation::finished() {
+    const std::lock_guard lock(mutex_);
+    if (!closing_) {
+        return false;
+    }
+    if (closeBy_ == Clock::time_point::max()) {
+        closeBy_ = Clock::now() + kClosingTime;
+        return queue_.empty();  // one more attempt, also when the last one failed
+    }
+    return queue_.empty() || failing || Clock::now() >= closeBy_;
+}
+
+void EventStore::Implementation::putAsideIfDamaged() {
+    std::string damage;
+    {
+        const std::lock_guard lock(mutex_);
+        damage = std::exchange(damage_, {});
+    }
+    if (!damage.empty()) {
+        setAside(damage, "damaged");
+    }
+}
+
+// Writes the batch and empties it; leaves it alone when that fails.
+void EventStore::Implementation::write(std::deque<Waiting>& batch) {
+    if (batch.empty()) {
+        return;
+    }
+    std::vector<const StoreEntry*> entries;
+    for (const Waiting& waiting : batch) {
+        entries.push_back(&waiting.entry);
+    }
+    database_->write(entries);
+    for (const Waiting& waiting : batch) {
+        carried_.take(waiting.entry);
+        if (const auto* event = std::get_if<Event>(&waiting.entry)) {
+            ++written;
+            ++writtenSinceRetention_;
+            if (waiting.stored) {
+                waiting.stored(event->id);
+            }
+        }
+    }
+    batch.clear();
+}
+
+void EventStore::Implementation::retain() {
+    if (Clock::now() < retentionAt_ && writtenSinceRetention_ < kBatch) {
+        return;
+    }
+    Limits now{};
+    {
+        const std::lock_guard lock(limitsMutex);
+        now = limits;
+    }
+    writtenSinceRetention_ = 0;
+    const bool more = database_->retain(clock_().wall - now.keepDays * kDay, now.keepRows);
+    retentionAt_ = Clock::now() + (more ? Clock::duration(kRetentionBreath) : kRetentionInterval);
+}
+
+void EventStore::Implementation::failed(const DatabaseError& error) {
+    failing = true;
+    retryAt_ = Clock::now() + kRetryWait;
+    database_.reset();  // opening it anew shows whether it can be written again
+    if (error.kind() == DatabaseError::Kind::kDamaged) {
+        foundDamage(error.what());
+        return;
+    }
+    problem_.say(LogLevel::kError, file_.string() + " cannot be written (" + error.what() + "): the newest " +
+                                       std::to_string(kStoreQueue) +
+                                       " events are kept in memory and written once it can; see to space and "
+                                       "permissions of that directory");
+}
+
+// Queries.
+
+void EventStore::Implementation::runQueries() {
+    prctl(PR_SET_NAME, "event-queries");
+    while (!questions.closed()) {
+        if (const auto question = questions.popUntil(Clock::now() + 1h)) {
+            answer(*question);
+        }
+    }
+}
+
+void EventStore::Implementation::answer(const Question& question) {
+    std::vector<Event> events;
+    std::string problem;
+    const std::lock_guard lock(readerMutex_);
+    try {
+        if (!reader_) {
+            reader_.emplace(file_, stopReading_);
+        }
+        events = reader_->query(question.filter);
+    } catch (const DatabaseError& error) {
+        problem = error.kind() == DatabaseError::Kind::kStopped
+                      ? "The search took too long; restrict it by channel, kind or time."
+                      : "The events cannot be read: " + std::string(error.what());
+        if (error.kind() != DatabaseError::Kind::kStopped) {
+            reader_.reset();
+        }
+        if (error.kind() == DatabaseError::Kind::kDamaged) {
+            foundDamage(error.what());
+        }
+    }
+    question.answer(std::move(events), problem);
+}
+
+void EventStore::Implementation::foundDamage(const std::string& problem) {
+    {
+        const std::lock_guard lock(mutex_);
+        damage_ = problem;
+    }
+    changed_.notify_one();
+}
+
+// A large file takes seconds to read, so it is checked beside the work.
+void EventStore::Implementation::startCheck() {
+    checker_ = std::thread([this] {
+        prctl(PR_SET_NAME, "event-check");
+        try {
+            if (const auto damage = EventReader(file_, stopCheck_).damage()) {
+                foundDamage(*damage);
+            }
+        } catch (const DatabaseError& error) {
+            if (error.kind() == DatabaseError::Kind::kDamaged) {
+                foundDamage(error.what());
+            }
+        }
+    });
+}
+
+void EventStore::Implementation::stopCheck() {
+    stopCheck_ = true;
+    if (checker_.joinable()) {
+        checker_.join();
+    }
+}
+
+EventStore::EventStore(const std::filesystem::path& stateDirectory, Limits limits, ClockFunction clock)
+    : implementation_(std::make_unique<Implementation>(stateDirectory, limits, std::move(clock))) {}
+
+EventStore::~EventStore() = default;
+
+const StoredState& EventStore::initial() const {
+    return implementation_->initial;
+}
+
+void EventStore::record(Event event, std::function<void(int64_t id)> stored) {
+    implementation_->push({std::move(event), std::move(stored)});
+}
+
+void EventStore::setLimits(Limits limits) {
+    const std::lock_guard lock(implementation_->limitsMutex);
+    implementation_->limits = limits;
+}
+
+bool EventStore::query(const EventFilter& filter, QueryAnswer answer) {
+    return implementation_->questions.push({filter, std::move(answer)});
+}
+
+void EventStore::putMaintenance(const Maintenance& maintenance) {
+    implementation_->push({maintenance, {}});
+}
+
+void EventStore::removeMaintenance(int64_t id) {
+    implementation_->push({RemoveMaintenance{id}, {}});
+}
+
+EventStore::Statistics EventStore::statistics() const {
+    const Implementation& store = *implementation_;
+    return {store.written, store.dropped, store.waitingCount, store.bytes, store.failing};
+}
+
+}  // namespace station
