@@ -106,7 +106,7 @@ struct EventStore::Implementation {
     std::string startAnew(const std::string& problem, std::string_view why);
 
     void runQueries();
-    void answer(const Question& question);
+    std::string read(const EventFilter& filter, std::vector<Event>& events);
     void startCheck();
     void stopCheck();
     void foundDamage(const std::string& problem);
@@ -385,32 +385,32 @@ void EventStore::Implementation::runQueries() {
     prctl(PR_SET_NAME, "event-queries");
     while (!questions.closed()) {
         if (const auto question = questions.popUntil(Clock::now() + 1h)) {
-            answer(*question);
+            std::vector<Event> events;
+            const std::string problem = read(question->filter, events);
+            question->answer(std::move(events), problem);
         }
     }
 }
 
-void EventStore::Implementation::answer(const Question& question) {
-    std::vector<Event> events;
-    std::string problem;
+// The events, or what is wrong.
+std::string EventStore::Implementation::read(const EventFilter& filter, std::vector<Event>& events) {
     const std::lock_guard lock(readerMutex_);
     try {
         if (!reader_) {
             reader_.emplace(file_, stopReading_);
         }
-        events = reader_->query(question.filter);
+        events = reader_->query(filter);
+        return {};
     } catch (const DatabaseError& error) {
-        problem = error.kind() == DatabaseError::Kind::kStopped
-                      ? "The search took too long; restrict it by channel, kind or time."
-                      : "The events cannot be read: " + std::string(error.what());
-        if (error.kind() != DatabaseError::Kind::kStopped) {
-            reader_.reset();
+        if (error.kind() == DatabaseError::Kind::kStopped) {
+            return "The search took too long; restrict it by channel, kind or time.";
         }
+        reader_.reset();
         if (error.kind() == DatabaseError::Kind::kDamaged) {
             foundDamage(error.what());
         }
+        return "The events cannot be read: " + std::string(error.what());
     }
-    question.answer(std::move(events), problem);
 }
 
 void EventStore::Implementation::foundDamage(const std::string& problem) {
