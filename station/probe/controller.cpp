@@ -1,0 +1,153 @@
+#include "probe/controller.h"
+
+#include <mutex>
+#include <thread>
+
+#include "common/log.h"
+#include "controllerLink.h"
+
+namespace station {
+
+namespace {
+
+constexpr std::chrono::milliseconds kLooksForStop = 200ms;
+constexpr std::chrono::milliseconds kBindsAgain = 1000ms;
+
+configuration::ConfigurationMessage toMessage(const ProbeLink::Answer& answer) {
+    configuration::ConfigurationMessage message;
+    if (answer.clearAll) {
+        message.mutable_clear()->set_clearall(true);
+        return message;
+    }
+    // An answer without response and clear would end the probe, so the response is there also when it is
+    // empty.
+    auto& response = *message.mutable_response();
+    if (answer.passive) {
+        response.set_passive_monitoring(*answer.passive);
+    }
+    if (answer.igmpLatency) {
+        response.set_igmp_latency(static_cast<int32_t>(answer.igmpLatency->count()));
+    }
+    for (const Group& group : answer.remove) {
+        response.add_remove()->set_multicastgroup(group.text());
+    }
+    for (const Group& group : answer.append) {
+        response.add_append()->set_multicastgroup(group.text());
+    }
+    return message;
+}
+
+}  // namespace
+
+struct Controller::Implementation {
+    const std::string endpoint;
+    const std::function<void(const Report&)> report;
+    mutable std::mutex mutex;  // guards `link` and `problem`; nothing waits while it is held
+    ProbeLink link;
+    std::string problem;
+    std::jthread thread;
+
+    Implementation(std::string endpoint_, std::function<void(const Report&)> report_)
+        : endpoint(std::move(endpoint_)), report(std::move(report_)) {}
+
+    void run(const std::stop_token& stop) {
+        LogOnChange trouble;
+        while (!stop.stop_requested()) {
+            try {
+                ControllerLink port(endpoint);
+                trouble.over("listening for the probe at " + endpoint);
+                setProblem({});
+                serve(stop, port);
+            } catch (const LinkError& error) {
+                setProblem(error.what());
+                trouble.say(LogLevel::kError,
+                            std::string(error.what()) +
+                                "; the probe gets no channels from this station until that one ends");
+            } catch (const zmq::error_t& error) {
+                setProblem(error.what());
+                trouble.say(LogLevel::kError, "the link to the probe failed: " + std::string(error.what()));
+            }
+            for (auto waited = 0ms; waited < kBindsAgain && !stop.stop_requested(); waited += kLooksForStop) {
+                std::this_thread::sleep_for(kLooksForStop);
+            }
+        }
+    }
+
+    void serve(const std::stop_token& stop, ControllerLink& port) {
+        while (!stop.stop_requested()) {
+            auto request = port.waitForRequest(kLooksForStop);
+            // After a standstill of this process several wait, and only the last asker may still be there.
+            while (request && port.asksAgainWithin(0ms)) {
+                auto next = port.waitForRequest(0ms);
+                if (!next) {
+                    break;
+                }
+                request = std::move(next);
+            }
+            if (request) {
+                answer(*request, port);
+            }
+        }
+    }
+
+    void answer(const configuration::TasksRequest& request, ControllerLink& port) {
+        Report said;
+        said.time = systemNow();
+        said.sequence = request.sequence_number();
+        ProbeLink::Answer answer;
+        {
+            const std::lock_guard lock(mutex);
+            said.event = link.request(request.sequence_number(), said.time.steady);
+            answer = link.answer(said.time.steady);
+            said.scanning = link.scanning() || request.has_scan_status();
+        }
+        port.answer(toMessage(answer));
+        said.cleared = answer.clearAll;
+        report(said);
+    }
+
+    void setProblem(const std::string& text) {
+        const std::lock_guard lock(mutex);
+        problem = text;
+    }
+};
+
+Controller::Controller(std::string endpoint, std::function<void(const Report&)> report)
+    : implementation_(std::make_unique<Implementation>(std::move(endpoint), std::move(report))) {
+    implementation_->thread =
+        std::jthread([this](const std::stop_token& stop) { implementation_->run(stop); });
+}
+
+Controller::~Controller() = default;
+
+void Controller::want(Groups groups) {
+    const std::lock_guard lock(implementation_->mutex);
+    implementation_->link.want(std::move(groups));
+}
+
+void Controller::setPassive(std::optional<bool> passive) {
+    const std::lock_guard lock(implementation_->mutex);
+    implementation_->link.setPassive(passive);
+}
+
+void Controller::setIgmpLatency(std::optional<std::chrono::milliseconds> latency) {
+    const std::lock_guard lock(implementation_->mutex);
+    implementation_->link.setIgmpLatency(latency);
+}
+
+void Controller::clearCounters() {
+    const std::lock_guard lock(implementation_->mutex);
+    implementation_->link.clearCounters();
+}
+
+void Controller::shown(const Groups& groups, SteadyTime began) {
+    const std::lock_guard lock(implementation_->mutex);
+    implementation_->link.shown(groups, began);
+}
+
+std::string Controller::problem() const {
+    const std::lock_guard lock(implementation_->mutex);
+    return implementation_->problem;
+}
+
+}  // namespace station
