@@ -1,0 +1,261 @@
+#include "fileKeeper.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+
+#include "channels/fileWatch.h"
+#include "common/log.h"
+#include "common/text.h"
+
+namespace station {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kSavesAgain = 10s;
+constexpr int kLongestWaitMs = 1000;
+
+// A file's bytes, or why there are none.
+std::string readFile(const std::filesystem::path& path, std::string& problem) {
+    std::error_code error;
+    const auto size = std::filesystem::file_size(path, error);
+    if (error) {
+        problem = error.message();
+        return {};
+    }
+    if (size > kPlaylistLimit) {
+        problem = "it is longer than " + std::to_string(kPlaylistLimit >> 20) + " MiB";
+        return {};
+    }
+    std::ifstream file(path, std::ios::binary);
+    std::string bytes(size, '\0');
+    file.read(bytes.data(), static_cast<std::streamsize>(size));
+    if (!file) {
+        problem = "it cannot be read";
+        return {};
+    }
+    return bytes;
+}
+
+}  // namespace
+
+struct FileKeeper::Implementation {
+    const Options options;
+    int signals = -1;
+    const int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    FileWatch watch;
+
+    std::shared_ptr<const Configuration> configuration;              // the last good one
+    std::map<std::filesystem::path, Playlist> lastGood;              // playlists as they were last read
+    LogOnChange saveTrouble;
+    std::map<std::filesystem::path, LogOnChange> playlistTrouble;
+    SteadyTime saveAgain{};
+
+    std::mutex mutex;  // guards what follows
+    std::vector<std::function<void(const LoadedFiles&)>> reloads;
+    std::optional<RuntimeChannels> toSave;
+    std::vector<std::function<void(const std::string&)>> saved;
+
+    explicit Implementation(Options options_) : options(std::move(options_)) {}
+
+    LoadedFiles load() {
+        LoadedFiles files;
+        loadConfiguration(files);
+        if (configuration) {
+            loadPlaylists(files);
+            watchFiles();
+        }
+        return files;
+    }
+
+    void loadConfiguration(LoadedFiles& files) {
+        ConfigurationResult result;
+        if (options.configuration.empty()) {
+            result = parseConfiguration("", "station.toml");
+        } else {
+            result = readConfiguration(options.configuration);
+        }
+        if (!result.mistakes.empty()) {
+            for (const Mistake& mistake : result.mistakes) {
+                files.refusals.push_back(mistake.message());
+            }
+            return;
+        }
+        options.override(result.configuration);
+        configuration = std::make_shared<const Configuration>(std::move(result.configuration));
+        files.configuration = configuration;
+    }
+
+    void loadPlaylists(LoadedFiles& files) {
+        for (const PlaylistSource& source : configuration->playlists) {
+            std::string problem;
+            Playlist playlist = parsePlaylist(readFile(source.file, problem));
+            if (problem.empty() && playlist.channels.empty()) {
+                problem = "it names no channel";
+            }
+            const auto known = lastGood.find(source.file);
+            if (!problem.empty()) {
+                std::string text = "playlist " + source.file.string() + ": " + problem;
+                if (known != lastGood.end()) {
+                    text += "; its last good list of " + std::to_string(known->second.channels.size()) +
+                            " channels holds";
+                }
+                playlistTrouble[source.file].say(LogLevel::kWarning, text);
+                files.refusals.push_back(text);
+            } else {
+                playlistTrouble[source.file].over("playlist " + source.file.string() + ": read, " +
+                                                  std::to_string(playlist.channels.size()) + " channels");
+                for (const PlaylistNote& note : playlist.notes) {
+                    files.notes.push_back(source.file.filename().string() + ":" + std::to_string(note.line) + ": " +
+                                          note.text);
+                }
+                lastGood[source.file] = std::move(playlist);
+            }
+            if (const auto good = lastGood.find(source.file); good != lastGood.end()) {
+                files.playlists.emplace_back(source, good->second);
+            }
+        }
+    }
+
+    void watchFiles() {
+        std::vector<std::filesystem::path> paths;
+        if (!options.configuration.empty()) {
+            paths.push_back(options.configuration);
+        }
+        for (const PlaylistSource& source : configuration->playlists) {
+            paths.push_back(source.file);
+        }
+        watch.watch(paths);
+    }
+
+    void reloadNow(Mailbox& mailbox) {
+        std::vector<std::function<void(const LoadedFiles&)>> askers;
+        {
+            const std::lock_guard lock(mutex);
+            askers.swap(reloads);
+        }
+        LoadedFiles files = load();
+        for (const std::string& refusal : files.refusals) {
+            log(LogLevel::kWarning, refusal);
+        }
+        for (const auto& asker : askers) {
+            asker(files);
+        }
+        mailbox.send(std::move(files));
+    }
+
+    void saveNow(bool last) {
+        std::optional<RuntimeChannels> channels;
+        std::vector<std::function<void(const std::string&)>> askers;
+        {
+            const std::lock_guard lock(mutex);
+            if (!toSave || (!last && saved.empty() && std::chrono::steady_clock::now() < saveAgain)) {
+                return;
+            }
+            channels.swap(toSave);
+            askers.swap(saved);
+        }
+        const std::string problem = RuntimeChannelFile(configuration->state).save(*channels);
+        if (problem.empty()) {
+            saveTrouble.over("the channels added at run time are on the disk again");
+        } else {
+            saveTrouble.say(LogLevel::kError, "the channels added at run time are only in memory: " + problem);
+            saveAgain = std::chrono::steady_clock::now() + kSavesAgain;
+            const std::lock_guard lock(mutex);
+            if (!toSave) {
+                toSave = std::move(channels);
+            }
+        }
+        for (const auto& asker : askers) {
+            asker(problem);
+        }
+    }
+
+    // The signal that came, or 0.
+    uint32_t takeSignal() const {
+        signalfd_siginfo information{};
+        return read(signals, &information, sizeof information) == sizeof information ? information.ssi_signo : 0;
+    }
+
+    void run(Mailbox& mailbox) {
+        for (;;) {
+            pollfd items[3] = {{signals, POLLIN, 0}, {wake, POLLIN, 0}, {watch.descriptor(), POLLIN, 0}};
+            poll(items, 3, kLongestWaitMs);
+            eventfd_t count = 0;
+            eventfd_read(wake, &count);
+            bool reload = !watch.changed().empty();
+            while (const uint32_t signal = takeSignal()) {
+                if (signal != SIGHUP) {
+                    saveNow(true);
+                    return;
+                }
+                log(LogLevel::kInfo, "SIGHUP: reading the configuration and the playlists again");
+                reload = true;
+            }
+            {
+                const std::lock_guard lock(mutex);
+                reload = reload || !reloads.empty();
+            }
+            if (reload) {
+                reloadNow(mailbox);
+            }
+            saveNow(false);
+        }
+    }
+};
+
+FileKeeper::FileKeeper(Options options) : implementation_(std::make_unique<Implementation>(std::move(options))) {
+    sigset_t taken;
+    sigemptyset(&taken);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        sigaddset(&taken, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &taken, nullptr);
+    implementation_->signals = signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (implementation_->signals < 0 || implementation_->wake < 0) {
+        throw std::runtime_error("no descriptor for signals: is the limit of open files reached?");
+    }
+}
+
+FileKeeper::~FileKeeper() {
+    close(implementation_->signals);
+    close(implementation_->wake);
+}
+
+LoadedFiles FileKeeper::load() {
+    return implementation_->load();
+}
+
+void FileKeeper::run(Mailbox& mailbox) {
+    implementation_->run(mailbox);
+}
+
+void FileKeeper::reload(std::function<void(const LoadedFiles&)> done) {
+    {
+        const std::lock_guard lock(implementation_->mutex);
+        implementation_->reloads.push_back(std::move(done));
+    }
+    eventfd_write(implementation_->wake, 1);
+}
+
+void FileKeeper::save(RuntimeChannels channels, std::function<void(const std::string& problem)> done) {
+    {
+        const std::lock_guard lock(implementation_->mutex);
+        implementation_->toSave = std::move(channels);
+        implementation_->saved.push_back(std::move(done));
+    }
+    eventfd_write(implementation_->wake, 1);
+}
+
+}  // namespace station

@@ -1,0 +1,114 @@
+// What the owner thread is sent.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "channels/channelSet.h"
+#include "commands.h"
+#include "probe/controller.h"
+#include "probe/pipeReader.h"
+
+namespace station {
+
+// Configuration and playlists as read from their files.
+struct LoadedFiles {
+    // Not set when the file was refused: the last good one holds.
+    std::shared_ptr<const Configuration> configuration;
+    // Of the configuration that holds; a playlist that cannot be read is there as it was last good.
+    std::vector<std::pair<PlaylistSource, Playlist>> playlists;
+    std::vector<std::string> notes;     // what was odd
+    std::vector<std::string> refusals;  // mistakes of a configuration that was refused, playlists that were not read
+};
+
+// Letters of several kinds, each with a bound of its own, so that none crowds out another. Any number of threads send and
+// never wait; one takes.
+class Mailbox {
+  public:
+    static constexpr std::size_t kSnapshots = 3;   // beyond, the oldest is dropped
+    static constexpr std::size_t kReports = 256;   // likewise
+    static constexpr std::size_t kCommands = 256;  // beyond, a command is refused
+
+    struct Letters {
+        std::deque<RawSnapshot> snapshots;
+        std::deque<Controller::Report> reports;
+        std::deque<Command> commands;
+        std::optional<LoadedFiles> files;
+        bool stop = false;
+    };
+
+    void send(RawSnapshot&& snapshot) {
+        const std::lock_guard lock(mutex_);
+        pushDroppingOldest(letters_.snapshots, std::move(snapshot), kSnapshots, droppedSnapshots_);
+        ready_.notify_one();
+    }
+    void send(const Controller::Report& report) {
+        const std::lock_guard lock(mutex_);
+        uint64_t dropped = 0;
+        pushDroppingOldest(letters_.reports, Controller::Report(report), kReports, dropped);
+        ready_.notify_one();
+    }
+    bool send(Command&& command) {
+        const std::lock_guard lock(mutex_);
+        if (letters_.commands.size() >= kCommands || letters_.stop) {
+            ++refusedCommands_;
+            return false;
+        }
+        letters_.commands.push_back(std::move(command));
+        ready_.notify_one();
+        return true;
+    }
+    // Takes the place of files that were not taken yet.
+    void send(LoadedFiles&& files) {
+        const std::lock_guard lock(mutex_);
+        letters_.files = std::move(files);
+        ready_.notify_one();
+    }
+    void stop() {
+        const std::lock_guard lock(mutex_);
+        letters_.stop = true;
+        ready_.notify_one();
+    }
+
+    // All that came, as soon as there is something; nothing at the deadline.
+    Letters takeUntil(SteadyTime deadline) {
+        std::unique_lock lock(mutex_);
+        ready_.wait_until(lock, deadline, [this] {
+            return letters_.stop || letters_.files || !letters_.snapshots.empty() || !letters_.reports.empty() ||
+                   !letters_.commands.empty();
+        });
+        return std::exchange(letters_, {});
+    }
+
+    uint64_t droppedSnapshots() const {
+        const std::lock_guard lock(mutex_);
+        return droppedSnapshots_;
+    }
+    uint64_t refusedCommands() const {
+        const std::lock_guard lock(mutex_);
+        return refusedCommands_;
+    }
+
+  private:
+    template <typename T>
+    static void pushDroppingOldest(std::deque<T>& letters, T&& letter, std::size_t bound, uint64_t& dropped) {
+        if (letters.size() >= bound) {
+            letters.pop_front();
+            ++dropped;
+        }
+        letters.push_back(std::move(letter));
+    }
+
+    mutable std::mutex mutex_;  // guards everything below; no lock is taken while it is held
+    std::condition_variable ready_;
+    Letters letters_;
+    uint64_t droppedSnapshots_ = 0;
+    uint64_t refusedCommands_ = 0;
+};
+
+}  // namespace station

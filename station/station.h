@@ -1,0 +1,32 @@
+// The owner of everything that the station knows.
+#pragma once
+
+#include <memory>
+
+#include "commands.h"
+#include "fileKeeper.h"
+#include "mailbox.h"
+
+namespace station {
+
+// One thread owns channel set, alarms and histories; the others send it letters and read the states that it publishes.
+class Station : public StationInterface {
+  public:
+    // What it runs with from the start; a reload changes the rest. Throws std::runtime_error with a sentence for an
+    // operator when it cannot start. `keeper` and `mailbox` have to outlive it.
+    Station(LoadedFiles files, FileKeeper& keeper, Mailbox& mailbox);
+    // Ends all threads; everything is written. REQUIRES: mailbox.stop() was called.
+    ~Station() override;
+
+    StatePointer state() const override;
+    bool command(Command&& command) override;
+    bool queryEvents(const EventFilter& filter, EventStore::QueryAnswer answer) override;
+    EventStore::Statistics storeStatistics() const override;
+    std::vector<Delivery::ReceiverStatistics> deliveryStatistics() const override;
+
+  private:
+    struct Implementation;
+    std::unique_ptr<Implementation> implementation_;
+};
+
+}  // namespace station
