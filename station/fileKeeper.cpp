@@ -7,15 +7,14 @@
 
 #include <algorithm>
 #include <csignal>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 
 #include "channels/fileWatch.h"
+#include "channels/textFile.h"
 #include "common/log.h"
-#include "common/text.h"
 
 namespace station {
 
@@ -26,28 +25,6 @@ using namespace std::chrono_literals;
 constexpr auto kSavesAgain = 10s;
 constexpr int kLongestWaitMs = 1000;
 
-// A file's bytes, or why there are none.
-std::string readFile(const std::filesystem::path& path, std::string& problem) {
-    std::error_code error;
-    const auto size = std::filesystem::file_size(path, error);
-    if (error) {
-        problem = error.message();
-        return {};
-    }
-    if (size > kPlaylistLimit) {
-        problem = "it is longer than " + std::to_string(kPlaylistLimit >> 20) + " MiB";
-        return {};
-    }
-    std::ifstream file(path, std::ios::binary);
-    std::string bytes(size, '\0');
-    file.read(bytes.data(), static_cast<std::streamsize>(size));
-    if (!file) {
-        problem = "it cannot be read";
-        return {};
-    }
-    return bytes;
-}
-
 }  // namespace
 
 struct FileKeeper::Implementation {
@@ -56,8 +33,8 @@ struct FileKeeper::Implementation {
     const int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     FileWatch watch;
 
-    std::shared_ptr<const Configuration> configuration;              // the last good one
-    std::map<std::filesystem::path, Playlist> lastGood;              // playlists as they were last read
+    std::shared_ptr<const Configuration> configuration;  // the last good one
+    std::map<std::filesystem::path, Playlist> lastGood;  // playlists as they were last read
     LogOnChange saveTrouble;
     std::map<std::filesystem::path, LogOnChange> playlistTrouble;
     SteadyTime saveAgain{};
@@ -100,7 +77,7 @@ struct FileKeeper::Implementation {
     void loadPlaylists(LoadedFiles& files) {
         for (const PlaylistSource& source : configuration->playlists) {
             std::string problem;
-            Playlist playlist = parsePlaylist(readFile(source.file, problem));
+            Playlist playlist = parsePlaylist(readTextFile(source.file, kPlaylistLimit, problem));
             if (problem.empty() && playlist.channels.empty()) {
                 problem = "it names no channel";
             }
@@ -117,8 +94,8 @@ struct FileKeeper::Implementation {
                 playlistTrouble[source.file].over("playlist " + source.file.string() + ": read, " +
                                                   std::to_string(playlist.channels.size()) + " channels");
                 for (const PlaylistNote& note : playlist.notes) {
-                    files.notes.push_back(source.file.filename().string() + ":" + std::to_string(note.line) + ": " +
-                                          note.text);
+                    files.notes.push_back(source.file.filename().string() + ":" + std::to_string(note.line) +
+                                          ": " + note.text);
                 }
                 lastGood[source.file] = std::move(playlist);
             }
@@ -170,7 +147,8 @@ struct FileKeeper::Implementation {
         if (problem.empty()) {
             saveTrouble.over("the channels added at run time are on the disk again");
         } else {
-            saveTrouble.say(LogLevel::kError, "the channels added at run time are only in memory: " + problem);
+            saveTrouble.say(LogLevel::kError,
+                            "the channels added at run time are only in memory: " + problem);
             saveAgain = std::chrono::steady_clock::now() + kSavesAgain;
             const std::lock_guard lock(mutex);
             if (!toSave) {
@@ -185,7 +163,8 @@ struct FileKeeper::Implementation {
     // The signal that came, or 0.
     uint32_t takeSignal() const {
         signalfd_siginfo information{};
-        return read(signals, &information, sizeof information) == sizeof information ? information.ssi_signo : 0;
+        return read(signals, &information, sizeof information) == sizeof information ? information.ssi_signo
+                                                                                     : 0;
     }
 
     void run(Mailbox& mailbox) {
@@ -215,7 +194,8 @@ struct FileKeeper::Implementation {
     }
 };
 
-FileKeeper::FileKeeper(Options options) : implementation_(std::make_unique<Implementation>(std::move(options))) {
+FileKeeper::FileKeeper(Options options)
+    : implementation_(std::make_unique<Implementation>(std::move(options))) {
     sigset_t taken;
     sigemptyset(&taken);
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {

@@ -11,8 +11,8 @@
 
 namespace station {
 
-// Reads the configuration and the playlists when they change, on SIGHUP and on demand, and keeps the run-time channels on
-// the disk, so that nobody else waits for a disk.
+// Reads the configuration and the playlists when they change, on SIGHUP and on demand, and keeps the run-time
+// channels on the disk, so that nobody else waits for a disk.
 class FileKeeper {
   public:
     struct Options {
@@ -20,7 +20,8 @@ class FileKeeper {
         // What the command line puts in the place of what the file says.
         std::function<void(Configuration&)> override;
     };
-    // Blocks SIGTERM, SIGINT and SIGHUP for this thread and all that it starts from here on; run() takes them.
+    // Blocks SIGTERM, SIGINT and SIGHUP for this thread and all that it starts from here on; run() takes
+    // them.
     explicit FileKeeper(Options options);
     ~FileKeeper();
     FileKeeper(const FileKeeper&) = delete;
@@ -33,8 +34,8 @@ class FileKeeper {
 
     // Any thread, at once. `done` is called on the main thread: with what was odd, or with what went wrong.
     void reload(std::function<void(const LoadedFiles&)> done);
-    // Of several that wait only the latest is written, and all are told: the problem, or an empty text. One that could not
-    // be written is tried again every ten seconds.
+    // Of several that wait only the latest is written, and all are told: the problem, or an empty text. One
+    // that could not be written is tried again every ten seconds.
     void save(RuntimeChannels channels, std::function<void(const std::string& problem)> done);
 
   private:

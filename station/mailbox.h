@@ -22,12 +22,13 @@ struct LoadedFiles {
     std::shared_ptr<const Configuration> configuration;
     // Of the configuration that holds; a playlist that cannot be read is there as it was last good.
     std::vector<std::pair<PlaylistSource, Playlist>> playlists;
-    std::vector<std::string> notes;     // what was odd
-    std::vector<std::string> refusals;  // mistakes of a configuration that was refused, playlists that were not read
+    std::vector<std::string> notes;  // what was odd
+    std::vector<std::string>
+        refusals;  // mistakes of a configuration that was refused, playlists that were not read
 };
 
-// Letters of several kinds, each with a bound of its own, so that none crowds out another. Any number of threads send and
-// never wait; one takes.
+// Letters of several kinds, each with a bound of its own, so that none crowds out another. Any number of
+// threads send and never wait; one takes.
 class Mailbox {
   public:
     static constexpr std::size_t kSnapshots = 3;   // beyond, the oldest is dropped
@@ -79,8 +80,8 @@ class Mailbox {
     Letters takeUntil(SteadyTime deadline) {
         std::unique_lock lock(mutex_);
         ready_.wait_until(lock, deadline, [this] {
-            return letters_.stop || letters_.files || !letters_.snapshots.empty() || !letters_.reports.empty() ||
-                   !letters_.commands.empty();
+            return letters_.stop || letters_.files || !letters_.snapshots.empty() ||
+                   !letters_.reports.empty() || !letters_.commands.empty();
         });
         return std::exchange(letters_, {});
     }

@@ -9,11 +9,12 @@
 
 namespace station {
 
-// One thread owns channel set, alarms and histories; the others send it letters and read the states that it publishes.
+// One thread owns channel set, alarms and histories; the others send it letters and read the states that it
+// publishes.
 class Station : public StationInterface {
   public:
-    // What it runs with from the start; a reload changes the rest. Throws std::runtime_error with a sentence for an
-    // operator when it cannot start. `keeper` and `mailbox` have to outlive it.
+    // What it runs with from the start; a reload changes the rest. Throws std::runtime_error with a sentence
+    // for an operator when it cannot start. `keeper` and `mailbox` have to outlive it.
     Station(LoadedFiles files, FileKeeper& keeper, Mailbox& mailbox);
     // Ends all threads; everything is written. REQUIRES: mailbox.stop() was called.
     ~Station() override;

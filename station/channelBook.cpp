@@ -1,0 +1,157 @@
+#include "channelBook.h"
+
+#include "common/text.h"
+
+namespace station {
+
+namespace {
+
+Refusal invalid(std::string field, std::string text) {
+    return {Refusal::Why::kInvalid, std::move(field), std::move(text)};
+}
+
+// Why a text cannot be shown as a name, or empty.
+std::string textProblem(const std::string& text) {
+    if (text.size() > kNameLimit) {
+        return "is longer than " + std::to_string(kNameLimit) + " bytes";
+    }
+    if (!isUtf8(text)) {
+        return "is not UTF-8";
+    }
+    if (printable(text, kNameLimit) != text) {
+        return "holds control characters";
+    }
+    return {};
+}
+
+std::optional<Refusal> check(const PutChannel& action, const Configuration& configuration) {
+    for (const auto& [field, text] :
+         {std::pair{"name", &action.name}, {"source", &action.source}, {"logo", &action.logo}}) {
+        if (const std::string problem = *text ? textProblem(**text) : std::string(); !problem.empty()) {
+            return invalid(field, std::string(field) + " " + problem);
+        }
+    }
+    if (action.labels && action.labels->size() > kLabelsLimit) {
+        return invalid("labels", "more than " + std::to_string(kLabelsLimit) + " labels");
+    }
+    for (const auto& [label, value] : action.labels.value_or(Labels{})) {
+        const std::string problem = label.empty() ? "has no name" : textProblem(label) + textProblem(value);
+        if (!problem.empty()) {
+            return invalid("labels", "a label " + problem);
+        }
+    }
+    if (action.profile && !configuration.profiles.contains(*action.profile)) {
+        return invalid("profile",
+                       "the configuration has no profile \"" + printable(*action.profile, 40) + "\"");
+    }
+    return std::nullopt;
+}
+
+template <typename T>
+void assign(T& value, const std::optional<T>& given) {
+    if (given) {
+        value = *given;
+    }
+}
+
+}  // namespace
+
+ChannelBook::ChannelBook(const std::filesystem::path& stateDirectory)
+    : runtime_(RuntimeChannelFile(stateDirectory).load(problem_)) {}
+
+void ChannelBook::setFiles(const Configuration& configuration,
+                           std::vector<std::pair<PlaylistSource, Playlist>> playlists) {
+    configuration_ = configuration;
+    playlists_ = std::move(playlists);
+    merge();
+}
+
+void ChannelBook::merge() {
+    merged_ = mergeChannels(runtime_, configuration_, playlists_);
+}
+
+std::optional<Refusal> ChannelBook::put(const PutChannel& action, const Configuration& configuration) {
+    if (auto refusal = check(action, configuration)) {
+        return refusal;
+    }
+    const auto known = merged_.channels.find(action.group);
+    if (known == merged_.channels.end() && merged_.channels.size() >= kChannelsLimit) {
+        return Refusal{Refusal::Why::kConflict, "group",
+                       "there are " + std::to_string(kChannelsLimit) + " channels; remove some first"};
+    }
+    Channel channel = known != merged_.channels.end() ? known->second : Channel{action.group};
+    assign(channel.name, action.name);
+    assign(channel.labels, action.labels);
+    assign(channel.profile, action.profile);
+    assign(channel.enabled, action.enabled);
+    assign(channel.source, action.source);
+    assign(channel.port, action.port);
+    assign(channel.number, action.number);
+    assign(channel.logo, action.logo);
+    if (channel.name.empty()) {
+        channel.name = channel.group.text();
+    }
+    channel.origin = Origin::kRuntime;
+    channel.place = {};
+    runtime_.insert_or_assign(action.group, RuntimeChannel{channel, false});
+    merge();
+    return std::nullopt;
+}
+
+bool ChannelBook::remove(const Group& group) {
+    const auto channel = merged_.channels.find(group);
+    if (channel == merged_.channels.end()) {
+        return false;
+    }
+    const Channel removed = channel->second;
+    runtime_.erase(group);
+    merge();
+    // A file names it too, so it has to be said that it is not wanted.
+    if (merged_.channels.contains(group)) {
+        runtime_.insert_or_assign(group, RuntimeChannel{removed, true});
+        merge();
+    }
+    return true;
+}
+
+std::optional<Refusal> ChannelBook::import(const std::string& text, Answer& answer) {
+    const Playlist playlist = parsePlaylist(text);
+    if (playlist.channels.empty()) {
+        return invalid("playlist", playlist.notes.empty() ? "the playlist names no channel"
+                                                          : "line " + std::to_string(playlist.notes[0].line) +
+                                                                ": " + playlist.notes[0].text);
+    }
+    std::size_t added = 0;
+    for (const Channel& channel : playlist.channels) {
+        added += merged_.channels.contains(channel.group) ? 0 : 1;
+    }
+    if (merged_.channels.size() + added > kChannelsLimit) {
+        return Refusal{Refusal::Why::kConflict, "playlist",
+                       "that would be more than " + std::to_string(kChannelsLimit) + " channels"};
+    }
+    for (Channel channel : playlist.channels) {
+        if (const auto known = merged_.channels.find(channel.group); known != merged_.channels.end()) {
+            channel.profile = known->second.profile;
+            channel.enabled = known->second.enabled;
+        }
+        channel.origin = Origin::kRuntime;
+        channel.place = {};
+        runtime_.insert_or_assign(channel.group, RuntimeChannel{channel, false});
+    }
+    for (const PlaylistNote& note : playlist.notes) {
+        answer.notes.push_back("line " + std::to_string(note.line) + ": " + note.text);
+    }
+    answer.skipped = playlist.skipped;
+    answer.added = added;
+    answer.changed = playlist.channels.size() - added;
+    merge();
+    return std::nullopt;
+}
+
+ChannelDifference ChannelBook::takeDifference() {
+    ChannelDifference difference = compareChannels(taken_, merged_.channels);
+    taken_ = merged_.channels;
+    return difference;
+}
+
+}  // namespace station

@@ -1,0 +1,59 @@
+// Makes events of what happened: numbers them, has them stored, and has alarms delivered.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "alarms/alarmEngine.h"
+#include "channels/channelSet.h"
+#include "commands.h"
+#include "store/delivery.h"
+#include "store/eventStore.h"
+
+namespace station {
+
+// One thread; nothing here waits.
+class EventDesk {
+  public:
+    static constexpr std::size_t kMaintenanceLimit = 1000;
+
+    // Goes on counting where the store's last event was.
+    EventDesk(EventStore& store, Delivery& delivery);
+
+    // Takes up alarms that were raised before: receivers that were not told yet are.
+    void restore(const std::vector<Alarm>& active, const ChannelMap& channels, const Now& now);
+
+    // Gives the event its id and time and has it stored.
+    int64_t record(Event event, const Now& now);
+    void record(const ChannelDifference& difference, const Now& now);
+    // An alarm's change; a raised alarm gets its id. Channels that are gone are named by `removed`.
+    void record(const AlarmChange& change, AlarmEngine& engine, const ChannelMap& channels,
+                const ChannelDifference* removed, const Now& now);
+
+    // Ends windows whose time is over, and has alarms delivered that are still raised behind one. True when a
+    // window ended.
+    bool tick(const std::vector<Alarm>& active, const ChannelMap& channels, const Now& now);
+
+    int64_t setMaintenance(const SetMaintenance& action, const ChannelMap& channels, const Now& now);
+    bool endMaintenance(int64_t id, const Now& now);
+    const std::vector<Maintenance>& maintenance() const {
+        return maintenance_;
+    }
+    // Whether a window holds for the group, or, without a group, for the probe.
+    bool inMaintenance(const std::optional<Group>& group, const Now& now) const;
+
+  private:
+    void deliver(const Alarm& alarm, AlarmChange::What what, const std::string& text, const Channel* channel,
+                 const Now& now);
+
+    EventStore& store_;
+    Delivery& delivery_;
+    int64_t lastId_;
+    std::vector<Maintenance> maintenance_;
+    std::set<int64_t> silenced_;  // alarms whose raise was held back by a window
+};
+
+}  // namespace station

@@ -1,0 +1,151 @@
+// kestor-station: the probe's standing controller and reader, and everybody's place to ask.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+
+#include "station.h"
+
+namespace {
+
+using station::Configuration;
+
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr const char* kDefaultConfiguration = "/etc/kestor/station.toml";
+
+struct Arguments {
+    std::string configuration;
+    std::string state;
+    std::string listen;
+    std::string socket;
+    std::string pipe;
+    std::string endpoint;
+    std::string page;
+    bool check = false;
+};
+
+void declare(CLI::App& app, Arguments& arguments) {
+    app.set_version_flag("--version", "kestor-station " KESTOR_VERSION);
+    app.add_option("--config", arguments.configuration,
+                   std::string("Configuration file; without it ") + kDefaultConfiguration +
+                       " if there is one, else defaults");
+    app.add_flag("--check", arguments.check, "Print the effective configuration, or every mistake, and end");
+    app.add_option("--state", arguments.state, "Directory of what outlives a restart");
+    app.add_option("--listen", arguments.listen, "ADDRESS:PORT of the HTTP server; \"\" for none");
+    app.add_option("--socket", arguments.socket, "Unix socket of the HTTP server");
+    app.add_option("--pipe", arguments.pipe, "The probe's results pipe");
+    app.add_option("--controller-endpoint", arguments.endpoint, "Where the probe asks, as a ZeroMQ address");
+    app.add_option("--page", arguments.page, "Directory of the page's files");
+    app.footer(
+        "Examples:\n"
+        "  kestor-station                                     with /etc/kestor/station.toml\n"
+        "  kestor-station --config station.toml --check       what it makes of a configuration\n"
+        "  kestor-station --config station.toml --state /tmp/state --listen 127.0.0.1:8080");
+}
+
+// The page's files: where the package puts them, or in the tree that the program was built in.
+std::filesystem::path findPage() {
+    std::error_code error;
+    const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
+    for (const std::filesystem::path& candidate :
+         {program.parent_path() / "../../../station/page", std::filesystem::path("/usr/share/kestor/page")}) {
+        if (std::filesystem::exists(candidate / "index.html", error)) {
+            return candidate.lexically_normal();
+        }
+    }
+    return "/usr/share/kestor/page";
+}
+
+void override(const CLI::App& app, const Arguments& arguments, Configuration& configuration) {
+    const auto given = [&](const char* option) { return app.count(option) > 0; };
+    if (given("--state")) {
+        configuration.state = arguments.state;
+    }
+    if (given("--listen")) {
+        configuration.listen = arguments.listen;
+    }
+    if (given("--socket")) {
+        configuration.socket = arguments.socket;
+    }
+    if (given("--pipe")) {
+        configuration.pipe = arguments.pipe;
+    }
+    if (given("--controller-endpoint")) {
+        configuration.controllerEndpoint = arguments.endpoint;
+    }
+    if (given("--page")) {
+        configuration.page = arguments.page;
+    }
+    if (configuration.page.empty()) {
+        configuration.page = findPage();
+    }
+}
+
+std::filesystem::path configurationFile(const Arguments& arguments) {
+    std::error_code error;
+    if (arguments.configuration.empty() && std::filesystem::exists(kDefaultConfiguration, error)) {
+        return kDefaultConfiguration;
+    }
+    return arguments.configuration;
+}
+
+int check(const std::filesystem::path& file, const CLI::App& app, const Arguments& arguments) {
+    auto result =
+        file.empty() ? station::parseConfiguration("", "station.toml") : station::readConfiguration(file);
+    override(app, arguments, result.configuration);
+    return station::reportConfiguration(result, std::cout, std::cerr);
+}
+
+void makeDirectory(const std::filesystem::path& directory) {
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    if (error) {
+        throw std::runtime_error("cannot make the directory " + directory.string() + ": " + error.message());
+    }
+}
+
+int run(const CLI::App& app, const Arguments& arguments) {
+    const std::filesystem::path file = configurationFile(arguments);
+    if (arguments.check) {
+        return check(file, app, arguments);
+    }
+    station::FileKeeper keeper(
+        {file, [&](Configuration& configuration) { override(app, arguments, configuration); }});
+    station::LoadedFiles files = keeper.load();
+    if (!files.configuration) {
+        for (const std::string& mistake : files.refusals) {
+            fprintf(stderr, "%s\n", mistake.c_str());
+        }
+        return kExitFailed;
+    }
+    makeDirectory(files.configuration->state);
+    makeDirectory(files.configuration->socket.parent_path());
+    station::Mailbox mailbox;
+    {
+        const station::Station owner(std::move(files), keeper, mailbox);
+        keeper.run(mailbox);
+        mailbox.stop();
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    try {
+        CLI::App app("Controls a kestor probe without attendance: channels, alarms, events, API and page",
+                     "kestor-station");
+        Arguments arguments;
+        declare(app, arguments);
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::ParseError& error) {
+            return app.exit(error) == 0 ? 0 : kExitUsage;
+        }
+        return run(app, arguments);
+    } catch (const std::exception& error) {
+        fprintf(stderr, "kestor-station: %s\n", error.what());
+        return kExitFailed;
+    }
+}

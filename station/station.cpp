@@ -1,0 +1,688 @@
+#include "station.h"
+
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <ctime>
+#include <thread>
+
+#include "channelBook.h"
+#include "channels/textFile.h"
+#include "common/log.h"
+#include "common/text.h"
+#include "eventDesk.h"
+#include "probe/controller.h"
+#include "probe/pipeReader.h"
+#include "watchedChannel.h"
+#include "web/server.h"
+
+namespace station {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kTick = 1s;
+constexpr auto kRequestsOverdue = 2s;
+constexpr auto kSnapshotsOverdue = 3s;
+// So long without a turn of the loop, and it was this process that stood still, not the probe.
+constexpr auto kStandstill = 2500ms;
+constexpr auto kMeasuresUse = 5s;
+constexpr std::size_t kNotesShown = 100;
+constexpr std::size_t kTokenLimit = 4096;  // bytes
+
+double threadCpuMs() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
+}
+
+double processCpuSeconds() {
+    timespec time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+uint64_t residentBytes() {
+    unsigned long long total = 0;
+    unsigned long long resident = 0;
+    FILE* file = fopen("/proc/self/statm", "re");
+    if (file == nullptr) {
+        return 0;
+    }
+    if (fscanf(file, "%llu %llu", &total, &resident) != 2) {
+        resident = 0;
+    }
+    fclose(file);
+    return resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+StripCell stripCell(const ChannelSample& sample, bool alarm) {
+    return !sample.signal ? StripCell::kNoSignal : alarm ? StripCell::kAlarm : StripCell::kOk;
+}
+
+}  // namespace
+
+struct Station::Implementation {
+    FileKeeper& keeper;
+    Mailbox& mailbox;
+    Station& station;
+    std::shared_ptr<const Configuration> configuration;
+
+    std::atomic<StatePointer> published{std::make_shared<const StationState>()};
+    EventStore store;
+    Delivery delivery;
+
+    // Below: the owner thread alone, once it runs.
+    ChannelBook book;
+    AlarmEngine engine;
+    EventDesk desk;
+    std::map<Group, WatchedChannel> watched;
+    ProbeState probe;
+    SteadyTime lastRequest;
+    SteadyTime lastSnapshot;
+    SteadyTime awakeSince = std::chrono::steady_clock::now();
+    bool probeKnown = false;  // it was connected since the start
+    bool scanning = false;
+    std::optional<bool> passiveAsked;
+    StationUse use;
+    SteadyTime useMeasured;
+    uint64_t stateNumber = 0;
+    uint64_t channelsVersion = 1;
+    uint64_t alarmsVersion = 1;
+    const WallTime started = systemNow().wall;
+    std::vector<std::string> notes;
+
+    // The order of their ends matters: the threads that send letters first.
+    std::unique_ptr<Server> server;
+    std::unique_ptr<Controller> controller;
+    std::unique_ptr<PipeReader> reader;
+    std::thread owner;
+
+    Implementation(LoadedFiles files, FileKeeper& keeper_, Mailbox& mailbox_, Station& station_)
+        : keeper(keeper_),
+          mailbox(mailbox_),
+          station(station_),
+          configuration(files.configuration),
+          store(configuration->state, {configuration->keepDays, configuration->keepRows}, systemNow),
+          delivery(configuration->state, configuration->instance),
+          book(configuration->state),
+          desk(store, delivery) {
+        const Now now = systemNow();
+        if (!book.problem().empty()) {
+            log(LogLevel::kWarning, book.problem());
+        }
+        adopt(std::move(files), now, true);
+        const std::vector<Alarm> before = store.initial().active;
+        engine.restore(before, now);
+        desk.restore(engine.active(), book.channels(), now);
+        desk.record({.kind = EventKind::kStationStarted, .text = "the station started"}, now);
+        publish(now);
+        openServer();
+        controller =
+            std::make_unique<Controller>(configuration->controllerEndpoint,
+                                         [this](const Controller::Report& report) { mailbox.send(report); });
+        tellController();
+        reader = std::make_unique<PipeReader>(
+            configuration->pipe, [this](RawSnapshot&& snapshot) { mailbox.send(std::move(snapshot)); });
+        owner = std::thread([this] { run(); });
+    }
+
+    ~Implementation() {
+        reader.reset();
+        controller.reset();
+        owner.join();
+        server.reset();
+    }
+
+    // Configuration and files.
+
+    void openServer() {
+        ServerOptions options;
+        options.listen = configuration->listen;
+        options.socket = configuration->socket;
+        options.token = readToken();
+        options.allowedHosts = configuration->allowedHosts;
+        options.page = configuration->page;
+        server = std::make_unique<Server>(options, station);
+        log(LogLevel::kNotice, "serving " +
+                                   (options.listen.empty() ? std::string() : options.listen + " and ") +
+                                   options.socket.string());
+    }
+
+    std::string readToken() const {
+        if (configuration->tokenFile.empty()) {
+            return {};
+        }
+        std::string problem;
+        std::string token = readTextFile(configuration->tokenFile, kTokenLimit, problem);
+        token.erase(token.find_last_not_of(" \t\r\n") + 1);
+        if (!problem.empty()) {
+            log(LogLevel::kError,
+                configuration->tokenFile.string() + ": " + problem + "; no changes are taken over TCP");
+        }
+        return token;
+    }
+
+    void adopt(LoadedFiles files, const Now& now, bool atStart) {
+        if (files.configuration) {
+            if (!atStart) {
+                noteWhatNeedsARestart(*files.configuration);
+            }
+            configuration = files.configuration;
+        }
+        notes = files.refusals;
+        notes.insert(notes.end(), files.notes.begin(), files.notes.end());
+        book.setFiles(*configuration, std::move(files.playlists));
+        notes.insert(notes.end(), book.notes().begin(), book.notes().end());
+        notes.resize(std::min(notes.size(), kNotesShown));
+        delivery.configure(configuration->webhooks);
+        store.setLimits({configuration->keepDays, configuration->keepRows});
+        takeChannels(now, atStart);
+        if (atStart) {
+            return;
+        }
+        desk.record(files.refusals.empty()
+                        ? Event{.kind = EventKind::kConfigurationRead,
+                                .text = "read again: " + std::to_string(book.channels().size()) + " channels"}
+                        : Event{.kind = EventKind::kConfigurationRefused, .text = files.refusals.front()},
+                    now);
+        server->setAccess(readToken(), configuration->allowedHosts);
+        tellController();
+    }
+
+    void noteWhatNeedsARestart(const Configuration& read) const {
+        const auto note = [](const char* key, const auto& before, const auto& after) {
+            if (before != after) {
+                log(LogLevel::kWarning, std::string(key) + " has changed: restart kestor-station to use it");
+            }
+        };
+        note("listen", configuration->listen, read.listen);
+        note("socket", configuration->socket, read.socket);
+        note("state", configuration->state, read.state);
+        note("pipe", configuration->pipe, read.pipe);
+        note("controller_endpoint", configuration->controllerEndpoint, read.controllerEndpoint);
+        note("page", configuration->page, read.page);
+        note("instance", configuration->instance, read.instance);
+    }
+
+    // The channel set has changed, or may have.
+    void takeChannels(const Now& now, bool atStart) {
+        const ChannelDifference difference = book.takeDifference();
+        for (const Channel& channel : difference.removed) {
+            watched.erase(channel.group);
+        }
+        for (const Channel& channel : difference.added) {
+            watched.try_emplace(channel.group, channel);
+        }
+        for (const auto& [before, after] : difference.changed) {
+            watched.at(after.group).channel = after;
+        }
+        if (!atStart) {
+            desk.record(difference, now);
+        }
+        // Clears what is raised for channels that are gone, under the name that they had.
+        take(engine.configure(configuration->profiles, book.channels(), now), now, &difference);
+        ++channelsVersion;
+        tellController();
+    }
+
+    void tellController() {
+        if (!controller) {
+            return;
+        }
+        Groups wanted;
+        for (const auto& [group, channel] : book.channels()) {
+            if (channel.enabled) {
+                wanted.insert(group);
+            }
+        }
+        controller->want(std::move(wanted));
+        controller->setPassive(passiveAsked ? passiveAsked : configuration->passive);
+        controller->setIgmpLatency(configuration->igmpLatency);
+    }
+
+    // The loop.
+
+    void run() {
+        SteadyTime tickAt = std::chrono::steady_clock::now() + kTick;
+        bool told = false;
+        for (;;) {
+            Mailbox::Letters letters = mailbox.takeUntil(tickAt);
+            const Now now = systemNow();
+            if (now.steady - tickAt > kStandstill) {
+                awakeSince = now.steady;
+            }
+            bool news = handle(letters, now);
+            if (now.steady >= tickAt || news) {
+                finishCycle(now);
+                tickAt = now.steady + kTick;
+                sd_notify(0, told ? "WATCHDOG=1" : "READY=1\nWATCHDOG=1");
+                told = true;
+            }
+            for (Command& command : letters.commands) {
+                handleCommand(std::move(command));
+            }
+            if (letters.stop) {
+                sd_notify(0, "STOPPING=1");
+                return;
+            }
+        }
+    }
+
+    // Whether there is something to publish.
+    bool handle(Mailbox::Letters& letters, const Now& now) {
+        for (const Controller::Report& report : letters.reports) {
+            handleReport(report);
+        }
+        if (letters.files) {
+            adopt(std::move(*letters.files), now, false);
+        }
+        for (RawSnapshot& snapshot : letters.snapshots) {
+            handleSnapshot(std::move(snapshot));
+        }
+        return !letters.snapshots.empty() || letters.files.has_value();
+    }
+
+    void finishCycle(const Now& now) {
+        std::vector<AlarmChange> changes;
+        const bool silent = now.steady - std::max(lastRequest, awakeSince) > kRequestsOverdue ||
+                            now.steady - std::max(lastSnapshot, awakeSince) > kSnapshotsOverdue;
+        engine.tick(silent, now, changes);
+        take(changes, now);
+        const bool connected = !silent && probe.lastRequest != WallTime{} && probe.lastSnapshot != WallTime{};
+        if (connected != probe.connected) {
+            probe.connected = connected;
+            desk.record(
+                connected ? Event{.kind = EventKind::kProbeCame, .text = "the probe asks and shows snapshots"}
+                          : Event{.kind = EventKind::kProbeWent, .text = whySilent(now)},
+                now);
+            log(LogLevel::kNotice, connected ? "the probe asks and shows snapshots" : whySilent(now));
+        }
+        alarmsVersion += desk.tick(engine.active(), book.channels(), now) ? 1 : 0;
+        if (now.steady - useMeasured > kMeasuresUse) {
+            useMeasured = now.steady;
+            use.cpuSeconds = processCpuSeconds();
+            use.residentBytes = residentBytes();
+        }
+        publish(now);
+    }
+
+    std::string whySilent(const Now& now) const {
+        if (now.steady - lastRequest > kRequestsOverdue) {
+            return "no request from the probe for more than 2 s: is kestor -s running?";
+        }
+        return "no snapshot from the probe for more than 3 s: does something else read " +
+               configuration->pipe.string() + "?";
+    }
+
+    void handleReport(const Controller::Report& report) {
+        lastRequest = report.time.steady;
+        probe.lastRequest = report.time.wall;
+        probe.sequence = report.sequence;
+        ++probe.requests;
+        if (report.event == ProbeLink::Event::kRestarted) {
+            ++probe.restarts;
+            log(LogLevel::kWarning, "the probe was restarted; it is told all channels again");
+            desk.record({.kind = EventKind::kProbeRestarted, .text = "the probe was restarted"}, report.time);
+            std::vector<AlarmChange> changes;
+            engine.probeRestarted(report.time, changes);
+            take(changes, report.time);
+        }
+        if (report.cleared) {
+            engine.countersCleared(report.time);
+        }
+        if (report.scanning != scanning) {
+            scanning = report.scanning;
+            log(LogLevel::kWarning,
+                scanning ? "the probe scans (kestor -c): channels wait until it monitors (kestor -s)"
+                         : "the probe monitors");
+        }
+    }
+
+    void handleSnapshot(RawSnapshot&& raw) {
+        const double cpuBefore = threadCpuMs();
+        const Now now = raw.ended;
+        lastSnapshot = now.steady;
+        probe.lastSnapshot = now.wall;
+        probe.snapshotBytes = raw.text.size();
+        ++probe.snapshots;
+        const auto snapshot = std::make_shared<const records::Snapshot>(
+            records::parseSnapshot(std::move(raw.text), [&](std::size_t line, const std::string& problem) {
+                if (probe.droppedLines++ == 0) {
+                    log(LogLevel::kWarning,
+                        "a line of the snapshot is no record and dropped, as all like it will be: "
+                        "line " +
+                            std::to_string(line) + ": " + problem);
+                }
+            }));
+        std::vector<AlarmChange> changes;
+        const Groups shown = observe(snapshot, now, changes);
+        for (const auto& [group, channel] : watched) {
+            if (channel.channel.enabled && !shown.contains(group)) {
+                engine.observeMissing(group, now, changes);
+            }
+        }
+        take(changes, now);
+        controller->shown(shown, raw.began.steady);
+        use.lastSnapshotCpuMs = threadCpuMs() - cpuBefore;
+    }
+
+    // Goes through the channels of a snapshot: a stream record and the records of its PIDs behind it.
+    Groups observe(const std::shared_ptr<const records::Snapshot>& snapshot, const Now& now,
+                   std::vector<AlarmChange>& changes) {
+        Groups shown;
+        const std::size_t size = snapshot->size();
+        for (std::size_t first = 0; first < size;) {
+            const Record& stream = (*snapshot)[first];
+            std::size_t next = first + 1;
+            while (next < size && (*snapshot)[next].kind() != records::Kind::kStream) {
+                ++next;
+            }
+            const auto group =
+                stream.kind() == records::Kind::kStream ? Group::parse(stream.text("group")) : std::nullopt;
+            if (group && shown.insert(*group).second) {
+                if (const auto channel = watched.find(*group); channel != watched.end()) {
+                    observeChannel(channel->second, stream, {&stream + 1, next - first - 1}, snapshot, now,
+                                   changes);
+                }
+            }
+            first = next;
+        }
+        return shown;
+    }
+
+    void observeChannel(WatchedChannel& channel, const Record& stream, std::span<const Record> pids,
+                        const std::shared_ptr<const void>& snapshot, const Now& now,
+                        std::vector<AlarmChange>& changes) {
+        const Group group = channel.channel.group;
+        const ChannelSample sample = makeSample(stream, pids, channel.sample ? &*channel.sample : nullptr,
+                                                now.steady - channel.sampleTime);
+        channel.sample = sample;
+        channel.sampleTime = now.steady;
+        channel.stream = &stream;
+        channel.pids = pids;
+        channel.snapshot = snapshot;
+        if (sample.signal) {
+            channel.lastSeen = now.wall;
+        }
+        channel.minute.add(sample, now.steady);
+        for (std::size_t i = 0; i < kSampleCounters; ++i) {
+            if (sample.increments[i] > 0) {
+                channel.lastError[i] = now.wall;
+            }
+        }
+        if (!channel.channel.enabled) {
+            return;
+        }
+        engine.observe(group, sample, now, changes);
+        channel.history.add(sample, stripCell(sample, !engine.activeOf(group).empty()), now);
+    }
+
+    void take(const std::vector<AlarmChange>& changes, const Now& now,
+              const ChannelDifference* difference = nullptr) {
+        for (const AlarmChange& change : changes) {
+            desk.record(change, engine, book.channels(), difference, now);
+            ++alarmsVersion;
+        }
+    }
+
+    // What is published.
+
+    void publish(const Now& now) {
+        auto state = std::make_shared<StationState>();
+        state->number = ++stateNumber;
+        state->now = now;
+        state->started = started;
+        state->probe = probeState();
+        state->channels.reserve(watched.size());
+        for (auto& [group, channel] : watched) {
+            state->channels.push_back(channelState(channel, now));
+        }
+        state->alarms = engine.active();
+        state->maintenance = desk.maintenance();
+        state->configuration = configuration;
+        state->notes = notes;
+        state->passive = passiveAsked.value_or(configuration->passive.value_or(false));
+        state->use = use;
+        state->use.commandsRefused = mailbox.refusedCommands();
+        state->channelsVersion = channelsVersion;
+        state->alarmsVersion = alarmsVersion;
+        published.store(state);
+        if (server) {
+            server->statePublished();
+        }
+    }
+
+    ProbeState probeState() const {
+        ProbeState state = probe;
+        state.droppedSnapshots = mailbox.droppedSnapshots();
+        if (reader) {
+            const PipeReader::Statistics statistics = reader->statistics();
+            state.pipeProblem = statistics.problem;
+            state.droppedSnapshots += statistics.cut;
+            state.longestPipeWaitMs = static_cast<double>(statistics.longestFull.count()) / 1000;
+        }
+        if (controller) {
+            state.otherController = !controller->problem().empty();
+        }
+        return state;
+    }
+
+    std::shared_ptr<const ChannelState> channelState(WatchedChannel& channel, const Now& now) const {
+        auto state = std::make_shared<ChannelState>();
+        state->channel = channel.channel;
+        state->alarms = engine.activeOf(channel.channel.group);
+        const bool fresh =
+            probe.connected && channel.sample && now.steady - channel.sampleTime <= kSnapshotsOverdue;
+        state->shown = fresh;
+        if (channel.sample) {
+            state->sample = *channel.sample;
+            state->stream = channel.stream;
+            state->pids = channel.pids;
+            state->snapshot = channel.snapshot;
+        }
+        state->status = !channel.channel.enabled          ? ChannelStatus::kDisabled
+                        : !state->alarms.empty()          ? ChannelStatus::kAlarm
+                        : fresh && channel.sample->signal ? ChannelStatus::kOk
+                                                          : ChannelStatus::kWaiting;
+        state->lastSeen = channel.lastSeen;
+        state->maintenance = desk.inMaintenance(channel.channel.group, now);
+        state->lastError = channel.lastError;
+        state->lastMinute = channel.minute.sums(now.steady);
+        return state;
+    }
+
+    // Commands.
+
+    void handleCommand(Command&& command) {
+        const auto answer = std::make_shared<std::function<void(Answer &&)>>(std::move(command.answer));
+        std::visit(
+            [&](auto& action) { act(action, [answer](Answer&& said) { (*answer)(std::move(said)); }); },
+            command.action);
+    }
+
+    using Reply = std::function<void(Answer&&)>;
+
+    static Answer refused(Refusal::Why why, std::string field, std::string text) {
+        Answer answer;
+        answer.refusal = Refusal{why, std::move(field), std::move(text)};
+        return answer;
+    }
+
+    // Shows a changed channel set, has it saved, and answers when it is on the disk.
+    void applyChannels(Answer&& answer, const Reply& reply) {
+        const Now now = systemNow();
+        takeChannels(now, false);
+        publish(now);
+        keeper.save(book.runtime(), [reply, said = std::move(answer)](const std::string& problem) mutable {
+            if (!problem.empty()) {
+                said.notes.insert(said.notes.begin(), "in effect, but not on the disk: " + problem);
+            }
+            reply(std::move(said));
+        });
+    }
+
+    void act(const PutChannel& action, const Reply& reply) {
+        if (auto refusal = book.put(action, *configuration)) {
+            Answer answer;
+            answer.refusal = std::move(refusal);
+            reply(std::move(answer));
+            return;
+        }
+        applyChannels({}, reply);
+    }
+
+    void act(const DeleteChannel& action, const Reply& reply) {
+        if (!book.remove(action.group)) {
+            reply(
+                refused(Refusal::Why::kNotFound, "group", "no channel has the group " + action.group.text()));
+            return;
+        }
+        applyChannels({}, reply);
+    }
+
+    void act(const ImportPlaylist& action, const Reply& reply) {
+        Answer answer;
+        if (auto refusal = book.import(action.text, answer)) {
+            answer.refusal = std::move(refusal);
+            reply(std::move(answer));
+            return;
+        }
+        applyChannels(std::move(answer), reply);
+    }
+
+    void act(const ClearCounters& /*action*/, const Reply& reply) {
+        controller->clearCounters();
+        log(LogLevel::kNotice, "all counters start anew on demand");
+        reply({});
+    }
+
+    void act(const SetPassive& action, const Reply& reply) {
+        passiveAsked = action.on;
+        tellController();
+        publish(systemNow());
+        reply({});
+    }
+
+    void act(const SetIgmpLatency& action, const Reply& reply) {
+        controller->setIgmpLatency(action.latency);
+        reply({});
+    }
+
+    void act(const ReloadFiles& /*action*/, const Reply& reply) {
+        keeper.reload([reply](const LoadedFiles& files) {
+            Answer answer;
+            answer.notes = files.refusals;
+            answer.notes.insert(answer.notes.end(), files.notes.begin(), files.notes.end());
+            if (!files.configuration) {
+                answer.refusal = Refusal{Refusal::Why::kInvalid, "configuration", files.refusals.front()};
+            }
+            reply(std::move(answer));
+        });
+    }
+
+    void act(const AcknowledgeAlarm& action, const Reply& reply) {
+        const Now now = systemNow();
+        std::vector<AlarmChange> changes;
+        if (!engine.acknowledge(action.id, {now.wall, action.by, action.remark}, changes)) {
+            reply(refused(Refusal::Why::kNotFound, "id",
+                          "no alarm with the id " + std::to_string(action.id) + " is raised"));
+            return;
+        }
+        take(changes, now);
+        publish(now);
+        reply({});
+    }
+
+    void act(const SetMaintenance& action, const Reply& reply) {
+        const Now now = systemNow();
+        Answer answer;
+        if (action.until <= std::max(action.from, now.wall)) {
+            answer = refused(Refusal::Why::kInvalid, "until",
+                             "until has to be later than from and later than now");
+        } else if (action.group && !book.channels().contains(*action.group)) {
+            answer =
+                refused(Refusal::Why::kNotFound, "group", "no channel has the group " + action.group->text());
+        } else if (desk.maintenance().size() >= EventDesk::kMaintenanceLimit) {
+            answer = refused(Refusal::Why::kConflict, "",
+                             "there are too many maintenance windows; end some first");
+        } else {
+            answer.id = desk.setMaintenance(action, book.channels(), now);
+            publish(now);
+        }
+        reply(std::move(answer));
+    }
+
+    void act(const EndMaintenance& action, const Reply& reply) {
+        const Now now = systemNow();
+        if (!desk.endMaintenance(action.id, now)) {
+            reply(refused(Refusal::Why::kNotFound, "id",
+                          "no maintenance window has the id " + std::to_string(action.id)));
+            return;
+        }
+        publish(now);
+        reply({});
+    }
+
+    void act(const AskHistory& action, const Reply& reply) {
+        const auto channel = watched.find(action.group);
+        if (channel == watched.end()) {
+            reply(
+                refused(Refusal::Why::kNotFound, "group", "no channel has the group " + action.group.text()));
+            return;
+        }
+        Answer answer;
+        answer.points =
+            channel->second.history.points(action.metric, action.resolution, action.since, systemNow());
+        reply(std::move(answer));
+    }
+
+    void act(const AskOverview& action, const Reply& reply) {
+        const Now now = systemNow();
+        Answer answer;
+        for (const auto& [group, channel] : watched) {
+            answer.overview.push_back(
+                {group,
+                 channel.history.spark(HistoryMetric::kBitRate, action.sparkCells, action.sparkSeconds, now),
+                 channel.history.strip(now)});
+        }
+        reply(std::move(answer));
+    }
+};
+
+Station::Station(LoadedFiles files, FileKeeper& keeper, Mailbox& mailbox)
+    : implementation_(std::make_unique<Implementation>(std::move(files), keeper, mailbox, *this)) {}
+
+Station::~Station() = default;
+
+StatePointer Station::state() const {
+    return implementation_->published.load();
+}
+
+bool Station::command(Command&& command) {
+    return implementation_->mailbox.send(std::move(command));
+}
+
+bool Station::queryEvents(const EventFilter& filter, EventStore::QueryAnswer answer) {
+    return implementation_->store.query(filter, std::move(answer));
+}
+
+EventStore::Statistics Station::storeStatistics() const {
+    return implementation_->store.statistics();
+}
+
+std::vector<Delivery::ReceiverStatistics> Station::deliveryStatistics() const {
+    return implementation_->delivery.statistics();
+}
+
+const ChannelState* StationState::find(const Group& group) const {
+    const auto at = std::ranges::lower_bound(channels, group, {},
+                                             [](const auto& channel) { return channel->channel.group; });
+    return at != channels.end() && (*at)->channel.group == group ? at->get() : nullptr;
+}
+
+}  // namespace station
