@@ -96,7 +96,7 @@ struct Answer {
 
 struct Command {
     Action action;
-    std::function<void(Answer&&)> answer;  // called on the owner thread; must not wait
+    std::function<void(Answer&&)> answer;  // called on a thread of the station; must not wait
 };
 
 // What the web room needs of the rest. All calls come from any thread and return at once.

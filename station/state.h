@@ -26,14 +26,14 @@ namespace station {
 struct ChannelState {
     Channel channel;
     ChannelStatus status = ChannelStatus::kWaiting;
-    std::vector<Alarm> alarms;  // active ones, worst first
+    std::vector<Alarm> alarms{};  // active ones, worst first
     // From the last snapshot that showed it.
     bool shown = false;
     const Record* stream = nullptr;
-    std::span<const Record> pids;
-    std::shared_ptr<const void> snapshot;  // owns what the two point into
-    ChannelSample sample;
-    WallTime lastSeen;         // last time that packets came; the epoch before the first
+    std::span<const Record> pids{};
+    std::shared_ptr<const void> snapshot{};  // owns what the two point into
+    ChannelSample sample{};
+    WallTime lastSeen{};       // last time that packets came; the epoch before the first
     bool maintenance = false;  // a window holds at this moment
     // For the lamps, by sampleCounter(): when the counter last grew (the epoch for never), and how much it
     // grew in the last minute.

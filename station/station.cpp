@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <ctime>
+#include <mutex>
 #include <thread>
 
 #include "channelBook.h"
@@ -72,7 +72,8 @@ struct Station::Implementation {
     Station& station;
     std::shared_ptr<const Configuration> configuration;
 
-    std::atomic<StatePointer> published{std::make_shared<const StationState>()};
+    mutable std::mutex publishedMutex;  // guards `published`; held for a copy of the pointer
+    StatePointer published = std::make_shared<const StationState>();
     EventStore store;
     Delivery delivery;
 
@@ -451,7 +452,10 @@ struct Station::Implementation {
         state->use.commandsRefused = mailbox.refusedCommands();
         state->channelsVersion = channelsVersion;
         state->alarmsVersion = alarmsVersion;
-        published.store(state);
+        {
+            const std::lock_guard lock(publishedMutex);
+            published = state;
+        }
         if (server) {
             server->statePublished();
         }
@@ -473,8 +477,7 @@ struct Station::Implementation {
     }
 
     std::shared_ptr<const ChannelState> channelState(WatchedChannel& channel, const Now& now) const {
-        auto state = std::make_shared<ChannelState>();
-        state->channel = channel.channel;
+        auto state = std::make_shared<ChannelState>(ChannelState{channel.channel});
         state->alarms = engine.activeOf(channel.channel.group);
         const bool fresh =
             probe.connected && channel.sample && now.steady - channel.sampleTime <= kSnapshotsOverdue;
@@ -660,7 +663,8 @@ Station::Station(LoadedFiles files, FileKeeper& keeper, Mailbox& mailbox)
 Station::~Station() = default;
 
 StatePointer Station::state() const {
-    return implementation_->published.load();
+    const std::lock_guard lock(implementation_->publishedMutex);
+    return implementation_->published;
 }
 
 bool Station::command(Command&& command) {
@@ -677,12 +681,6 @@ EventStore::Statistics Station::storeStatistics() const {
 
 std::vector<Delivery::ReceiverStatistics> Station::deliveryStatistics() const {
     return implementation_->delivery.statistics();
-}
-
-const ChannelState* StationState::find(const Group& group) const {
-    const auto at = std::ranges::lower_bound(channels, group, {},
-                                             [](const auto& channel) { return channel->channel.group; });
-    return at != channels.end() && (*at)->channel.group == group ? at->get() : nullptr;
 }
 
 }  // namespace station

@@ -33,7 +33,7 @@ std::optional<EventKind> parseEventKind(std::string_view name);
 
 struct Event {
     int64_t id = 0;  // grows by one with each event, also over restarts; given by the owner thread
-    WallTime time;
+    WallTime time{};
     EventKind kind = EventKind::kRaised;
     std::optional<Group> group;
     std::string channel;  // the channel's name at that time
@@ -46,6 +46,17 @@ struct Event {
     std::optional<double> peak;                         // cleared: the worst measure
     std::optional<std::chrono::milliseconds> duration;  // cleared: how long it was raised
     bool silenced = false;                              // a maintenance window held: not delivered
+    std::optional<Group> group{};
+    std::string channel{};  // the channel's name at that time
+    std::string alarm{};    // the alarm type's name, or empty
+    int64_t alarmId = 0;    // id of the raising event; 0 where no alarm is meant
+    std::optional<Severity> severity{};
+    std::string text{};  // a sentence for an operator
+    std::string by{};    // who acknowledged or changed, or empty
+    std::optional<double> value{};
+    std::optional<double> peak{};                         // cleared: the worst measure
+    std::optional<std::chrono::milliseconds> duration{};  // cleared: how long it was raised
+    bool silenced = false;                                // a maintenance window held: not delivered
 };
 
 // Which events; what is not set does not restrict.
