@@ -35,17 +35,6 @@ struct Event {
     int64_t id = 0;  // grows by one with each event, also over restarts; given by the owner thread
     WallTime time{};
     EventKind kind = EventKind::kRaised;
-    std::optional<Group> group;
-    std::string channel;  // the channel's name at that time
-    std::string alarm;    // the alarm type's name, or empty
-    int64_t alarmId = 0;  // id of the raising event; 0 where no alarm is meant
-    std::optional<Severity> severity;
-    std::string text;  // a sentence for an operator; kAcknowledged: the remark
-    std::string by;    // who acknowledged or changed, or empty
-    std::optional<double> value;
-    std::optional<double> peak;                         // cleared: the worst measure
-    std::optional<std::chrono::milliseconds> duration;  // cleared: how long it was raised
-    bool silenced = false;                              // a maintenance window held: not delivered
     std::optional<Group> group{};
     std::string channel{};  // the channel's name at that time
     std::string alarm{};    // the alarm type's name, or empty
