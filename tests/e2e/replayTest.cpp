@@ -47,6 +47,10 @@ std::vector<Bytes> damagedFrames() {
     Bytes broken = psi::pmtSection(1, 1, 0x101, {});
     broken.back() ^= 1;
     stream.section(0x100, broken).payload(0x300, 20).null(7);
+    // PMTs whose loop leads out of the section, and with a byte behind the last entry.
+    const Bytes entry = {2, 0xE1, 0x01, 0xF0, 0};
+    stream.section(0x100, psi::section(2, 1, 2, {0xE1, 0x01, 0xF0, 9}));
+    stream.section(0x100, psi::section(2, 1, 2, psi::concat({{0xE1, 0x01, 0xF0, 0}, entry, {0}})));
     std::vector<Bytes> frames = stream.takeDatagrams();
     frames.push_back(Bytes(7 * 188));
     frames.push_back(TsStream().null(4).takeDatagrams().front());
@@ -71,6 +75,13 @@ TEST(Replay, WritesWhatTheProbeWrites) {
                            "packetsScrambled"}),
               "2 1 1 1 2")
         << "scrambled packets are an error before the first CAT only";
+
+    Process verbose({"kestor-replay", "-v", "-o", "/dev/null", kCapture});
+    EXPECT_EQ(verbose.wait(60s), 0);
+    EXPECT_NE(verbose.err().find(
+                  "\n239.1.1.1: 1 PMT section dropped: a length leads out of the section\n"
+                  "239.1.1.1: 1 PMT section decoded without the bytes behind the last whole entry\n"),
+              std::string::npos);
 
     const Probe probe({kGroup});
     for (const Bytes& frame : frames)

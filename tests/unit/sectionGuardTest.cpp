@@ -3,6 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <span>
+#include <string>
+#include <vector>
+
 #include "sarn/dvbpsiHeaders.h"
 #include "sarnDvbPsi/siSubtables.h"
 #include "support/analysisContext.h"
@@ -14,6 +19,7 @@ using psi::Bytes;
 using psi::concat;
 using psi::loop12;
 using psi::u16;
+using psi::u32;
 using test::AnalysisContext;
 using test::TsStream;
 
@@ -37,7 +43,6 @@ TEST(SectionGuard, SectionsPassOnlyIfTheirLengthsFit) {
         // section is not.
         {concat({head, {0x1B}, u16(0xE101), loop12({0x52, 200})}), true},
         {concat({head, {0x1B}, u16(0xE101), u16(0xF001)}), false},
-        {concat({head, stream, {0x1B}}), false},
         {concat({u16(0xE101), u16(0xFFFF)}), false},
         {{}, false},
     };
@@ -54,6 +59,84 @@ TEST(SectionGuard, SectionsPassOnlyIfTheirLengthsFit) {
         EXPECT_EQ(accepted(0x40, 0x11, concat({loop, loop12({})})), fits);
         EXPECT_EQ(accepted(0x4A, 0x11, concat({loop12({}), loop12(concat({u16(1), u16(2), loop}))})), fits);
         EXPECT_EQ(accepted(0x4E, 0x12, concat({event, loop})), fits);
+    }
+}
+
+// All that a section leaves behind: what is printed, and the programs with their elementary PIDs.
+std::string decoded(uint8_t tableId, uint16_t pid, const Bytes& payload, uint64_t& stray) {
+    AnalysisContext context;
+    TsStream packets;
+    if (pid != 0)
+        packets.pat({{1, 0x100}});
+    const Bytes section = psi::section(tableId, 1, 0, payload);
+    std::string all =
+        test::printedBy([&] { context.feed(packets.section(pid, section).section(pid, section)); });
+    ChannelsInfo* info = sarnDvbPsi_getChannelsInfo(context.get());
+    for (const ChannelInfo& channel : std::span(info->channels, info->count))
+        all += testing::PrintToString(std::pair(
+            std::pair(channel.programNumber, channel.pmtPid),
+            std::vector(channel.elementaryPids, channel.elementaryPids + channel.elementaryPidCount)));
+    sarnDvbPsi_freeChannelsInfo(info);
+    for (const auto& drops : context->section_drops)
+        stray += drops[static_cast<std::size_t>(SectionDrop::strayBytes)];
+    return all + (context->b_cat_received ? "CAT" : "");
+}
+
+TEST(SectionGuard, BytesBehindTheLastWholeEntryAreLeftOut) {
+    const Bytes loop = loop12({0x52, 1, 7});
+    const Bytes transport = concat({u16(1), u16(2), loop});
+    const Bytes service = concat({u16(7), {0xFC}, loop});
+    const Bytes event = concat({u16(5), {0xC0, 0x79, 0x12, 0x45, 0}, {1, 0x30, 0}, loop});
+    struct Table {
+        uint8_t id;
+        uint16_t pid;
+        std::size_t entrySize;  // without its loop
+        std::function<Bytes(const Bytes&)> with;
+    };
+    const Table tables[] = {
+        {0x00, 0, 4,
+         [](const Bytes& stray) {
+             return concat({u16(1), u16(0xE100), stray});
+         }},
+        {0x02, 0x100, 5,
+         [&](const Bytes& stray) {
+             return concat({u16(0xE101), loop, {2}, u16(0xE102), loop, stray});
+         }},
+        {0x40, 0x11, 6,
+         [&](const Bytes& stray) {
+             return concat({loop, loop12(concat({transport, stray}))});
+         }},
+        {0x41, 0x11, 6,
+         [&](const Bytes& stray) {
+             return concat({loop, loop12(transport), stray});
+         }},
+        {0x4A, 0x11, 6,
+         [&](const Bytes& stray) {
+             return concat({loop, loop12(concat({transport, stray}))});
+         }},
+        {0x42, 0x11, 5,
+         [&](const Bytes& stray) {
+             return concat({u16(9), {0xFF}, service, service, stray});
+         }},
+        {0x4E, 0x12, 12,
+         [&](const Bytes& stray) {
+             return concat({u16(1), u16(9), {0, 0x4E}, event, stray});
+         }},
+        // These have no entries; what is behind them is nobody's.
+        {0x01, 1, 2,
+         [&](const Bytes& stray) {
+             return concat({{9, 4}, u32(0xBE1FF), stray});
+         }},
+    };
+    for (const Table& table : tables) {
+        uint64_t stray = 0;
+        const std::string clean = decoded(table.id, table.pid, table.with({}), stray);
+        EXPECT_EQ(stray, 0U);
+        EXPECT_NE(clean, "");
+        for (std::size_t size = 1; size < table.entrySize; ++size)
+            EXPECT_EQ(decoded(table.id, table.pid, table.with(Bytes(size, 0xE1)), stray), clean)
+                << int{table.id} << " + " << size;
+        EXPECT_EQ(stray, table.id == 1 ? 0 : 2 * (table.entrySize - 1)) << int{table.id};
     }
 }
 

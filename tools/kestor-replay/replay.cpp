@@ -12,6 +12,7 @@
 #include "configuration.h"
 #include "packetCapture.h"
 #include "resultsWriter.h"
+#include "sarn/sectionDrops.h"
 
 namespace {
 
@@ -141,6 +142,13 @@ void Replay::writeDueSnapshots(const CapturedFrame& frame, FILE* records) {
     }
 }
 
+void Replay::tellOfDrops() const {
+    for (const UdpStream* stream = sarnUdpStreams_getUdpStreamsList(device_.udpStreams); stream != nullptr;
+         stream = static_cast<const UdpStream*>(stream->hh.next)) {
+        sarnDvbPsi_printSectionDrops(stream->tsStream, dottedAddress(stream->group).c_str(), stderr);
+    }
+}
+
 void Replay::run(FILE* records) {
     std::exception_ptr brokenOff;
     const auto next = [&]() -> std::optional<CapturedFrame> {
@@ -161,6 +169,7 @@ void Replay::run(FILE* records) {
         processFrame(&device_, frame->data, frame->length, frame->seconds, frame->microseconds);
     }
     writeSnapshot(records);
+    tellOfDrops();
     if (brokenOff) {
         std::rethrow_exception(brokenOff);
     }

@@ -43,7 +43,8 @@ class Replay {
 
     // Analyses all frames. Every second of the stamps, and once at the end, writes one snapshot of all groups
     // followed by an empty line; a gap of more than an hour, which one damaged stamp can make centuries long,
-    // gets a single one. A file that breaks off throws, after the snapshot of what it holds.
+    // gets a single one. A file that breaks off throws, after the snapshot of what it holds. Diagnostics of
+    // the analysis go to standard output and standard error.
     void run(FILE* records);
 
   private:
@@ -51,6 +52,9 @@ class Replay {
     void writeSnapshot(FILE* records);
     // Writes a snapshot for each due time that `frame` has reached.
     void writeDueSnapshots(const CapturedFrame& frame, FILE* records);
+
+    // Says on standard error which sections of which group were kept from the decoders.
+    void tellOfDrops() const;
 
     CaptureFile capture_;
     std::vector<uint32_t> groups_;

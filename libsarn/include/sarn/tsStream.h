@@ -17,6 +17,7 @@
 #include <cstdint>
 
 #include "sarn/gop.h"
+#include "sarn/sectionDrops.h"
 
 struct dvbpsi_s;
 struct dvbpsi_pmt_s;
@@ -213,6 +214,7 @@ struct ts_stream_t {
     uint8_t i_cat_version;
     uint8_t i_splice_protocol_version;    // of the last splice_info_section
     std::array<uint32_t, 3> si_sections;  // of unfinished tables, held by the demultiplexers
+    SectionDropCounts section_drops;      // what was kept from the decoders
     ts_pid_t* p_pat_pid;
     ts_pid_t* p_cat_pid;
     ts_pid_t* p_sdt_pid;

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <iterator>
 #include <optional>
 #include <span>
+#include <variant>
 
 #include "sarn/dvbpsiHeaders.h"
 #include "sarn/tsStream.h"
@@ -27,6 +29,7 @@ enum class Loop : uint8_t {
 // the 16-bit length of the entries, then entries of fixed fields and a descriptor loop each. Loop lengths
 // stand in the last two bytes of the fixed fields in front of them.
 struct SectionLayout {
+    const char* name;
     uint8_t firstTableId;
     uint8_t lastTableId;
     uint8_t headSize;
@@ -38,16 +41,18 @@ struct SectionLayout {
 
 // ISO/IEC 13818-1 2.4.4 and ETSI EN 300 468 clause 5.2.
 constexpr SectionLayout kLayouts[] = {
-    {0x00, 0x00, 0, Loop::none, false, 4, Loop::none},        // PAT
-    {0x01, 0x01, 0, Loop::whole, false, 0, Loop::none},       // CAT
-    {0x02, 0x02, 4, Loop::bounded, false, 5, Loop::bounded},  // PMT
-    {0x40, 0x41, 2, Loop::filled, true, 6, Loop::filled},     // NIT
-    {0x42, 0x42, 3, Loop::none, false, 5, Loop::bounded},     // SDT
-    {0x4A, 0x4A, 2, Loop::filled, true, 6, Loop::filled},     // BAT
-    {0x4E, 0x6F, 6, Loop::none, false, 12, Loop::filled},     // EIT
-    {0x70, 0x70, 5, Loop::none, false, 0, Loop::none},        // TDT
-    {0x73, 0x73, 7, Loop::bounded, false, 0, Loop::none},     // TOT
+    {"PAT", 0x00, 0x00, 0, Loop::none, false, 4, Loop::none},
+    {"CAT", 0x01, 0x01, 0, Loop::whole, false, 0, Loop::none},
+    {"PMT", 0x02, 0x02, 4, Loop::bounded, false, 5, Loop::bounded},
+    {"NIT", 0x40, 0x41, 2, Loop::filled, true, 6, Loop::filled},
+    {"SDT", 0x42, 0x42, 3, Loop::none, false, 5, Loop::bounded},
+    {"BAT", 0x4A, 0x4A, 2, Loop::filled, true, 6, Loop::filled},
+    {"EIT", 0x4E, 0x6F, 6, Loop::none, false, 12, Loop::filled},
+    {"TDT", 0x70, 0x70, 5, Loop::none, false, 0, Loop::none},
+    {"TOT", 0x73, 0x73, 7, Loop::bounded, false, 0, Loop::none},
 };
+constexpr std::size_t kOtherTables = std::size(kLayouts);
+static_assert(kOtherTables + 1 == kGuardedTables);
 
 constexpr std::size_t kLengthSize = 2;
 
@@ -55,6 +60,7 @@ constexpr std::size_t kLengthSize = 2;
 struct Lists {
     uint32_t entries = 0;
     uint32_t headDescriptors = 0;  // in the loop in front of the entries
+    std::size_t size = 0;          // payload bytes up to the end of the last whole entry
 };
 
 // The number of descriptors in a loop, or nothing for one that the library must not get.
@@ -91,8 +97,10 @@ std::optional<uint32_t> take(Bytes& rest, std::size_t size, Loop loop) {
     return loop == Loop::checked ? 0 : countDescriptors(descriptors, loop);
 }
 
-// Nothing where a length leads out of the payload. `entryLoop` is the layout's, or checked.
+// Nothing where a length leads out of the payload. `entryLoop` is the layout's; or checked, for a section
+// that was measured before and may have lost its end since.
 std::optional<Lists> measure(const SectionLayout& layout, Bytes payload, Loop entryLoop) {
+    const Bytes whole = payload;
     Lists lists;
     const auto head = take(payload, layout.headSize, layout.headLoop);
     if (!head) {
@@ -105,16 +113,21 @@ std::optional<Lists> measure(const SectionLayout& layout, Bytes payload, Loop en
         }
         const auto length = static_cast<std::size_t>((payload[0] & 0x0F) << 8 | payload[1]);
         payload = payload.subspan(kLengthSize);
-        if (payload.size() < length) {
+        if (payload.size() < length && entryLoop != Loop::checked) {
             return std::nullopt;
         }
-        payload = payload.first(length);
+        payload = payload.first(std::min(length, payload.size()));
     }
-    for (; layout.entrySize != 0 && !payload.empty(); ++lists.entries) {
+    if (layout.entrySize == 0) {
+        lists.size = whole.size();
+        return lists;
+    }
+    for (; payload.size() >= layout.entrySize; ++lists.entries) {
         if (!take(payload, layout.entrySize, entryLoop)) {
             return std::nullopt;
         }
     }
+    lists.size = static_cast<std::size_t>(payload.data() - whole.data());
     return lists;
 }
 
@@ -128,42 +141,72 @@ Bytes payloadOf(const dvbpsi_psi_section_t& section) {
     return {section.p_payload_start, section.p_payload_end};
 }
 
+// Index in kLayouts, or kOtherTables.
+std::size_t tableIndex(uint8_t tableId) {
+    const auto* layout = std::ranges::find_if(kLayouts, [tableId](const SectionLayout& row) {
+        return tableId >= row.firstTableId && tableId <= row.lastTableId;
+    });
+    return static_cast<std::size_t>(layout - std::begin(kLayouts));
+}
+
 // Null for a section that needs no check. What should have the long form and has not, the library refuses
 // with an error message, which counts.
 const SectionLayout* layoutOf(const dvbpsi_psi_section_t& section) {
-    if (!section.b_syntax_indicator && !hasShortForm(section.i_table_id)) {
-        return nullptr;
-    }
-    const auto* layout =
-        std::find_if(std::begin(kLayouts), std::end(kLayouts), [&](const SectionLayout& row) {
-            return section.i_table_id >= row.firstTableId && section.i_table_id <= row.lastTableId;
-        });
-    return layout != std::end(kLayouts) ? layout : nullptr;
+    const std::size_t table = tableIndex(section.i_table_id);
+    const bool fitsForm = section.b_syntax_indicator || hasShortForm(section.i_table_id);
+    return fitsForm && table != kOtherTables ? &kLayouts[table] : nullptr;
 }
 
-// What the table has with this section, of which the sections `held` came before. Nothing for a section that
-// is malformed, or makes the table too large.
-std::optional<Lists> measureTable(const dvbpsi_psi_section_t& section, const dvbpsi_psi_section_t* held) {
-    if (section.p_payload_end < section.p_payload_start || section.i_number > section.i_last_number) {
-        return std::nullopt;
+// What the table has with this section, of which the sections `held` came before; or why the section must not
+// reach the decoder.
+using Examined = std::variant<Lists, SectionDrop>;
+
+Examined examine(const dvbpsi_psi_section_t& section, const dvbpsi_psi_section_t* held) {
+    if (section.p_payload_end < section.p_payload_start) {
+        return SectionDrop::badLength;
+    }
+    if (section.i_number > section.i_last_number) {
+        return SectionDrop::badNumber;
     }
     const SectionLayout* layout = layoutOf(section);
     if (layout == nullptr) {
-        return Lists{};
+        return Lists{.size = payloadOf(section).size()};
     }
     std::optional<Lists> table = measure(*layout, payloadOf(section), layout->entryLoop);
+    if (!table) {
+        return SectionDrop::badLength;
+    }
     const Loop entryLoop = layout->entryLoop == Loop::none ? Loop::none : Loop::checked;
-    for (; table && held != nullptr; held = held->p_next) {
+    for (; held != nullptr; held = held->p_next) {
         if (held->i_version == section.i_version && held->i_number != section.i_number) {
             const Lists lists = measure(*layout, payloadOf(*held), entryLoop).value_or(Lists{});
             table->entries += lists.entries;
             table->headDescriptors += lists.headDescriptors;
         }
     }
-    if (table && (table->entries > kMaxTableEntries || table->headDescriptors > kMaxLoopDescriptors)) {
-        return std::nullopt;
+    if (table->entries > kMaxTableEntries || table->headDescriptors > kMaxLoopDescriptors) {
+        return SectionDrop::tooLarge;
     }
-    return table;
+    return *table;
+}
+
+void count(ts_stream_t& stream, const dvbpsi_psi_section_t& section, SectionDrop drop) {
+    ++stream.section_drops[tableIndex(section.i_table_id)][static_cast<std::size_t>(drop)];
+}
+
+// Whether the section may go on to its decoder, with its stray bytes cut off; it is deleted otherwise.
+bool admit(ts_stream_t& stream, dvbpsi_psi_section_t* section, const Examined& examined) {
+    if (const auto* drop = std::get_if<SectionDrop>(&examined)) {
+        count(stream, *section, *drop);
+        dvbpsi_DeletePSISections(section);
+        return false;
+    }
+    uint8_t* end = section->p_payload_start + std::get<Lists>(examined).size;
+    if (end != section->p_payload_end) {
+        count(stream, *section, SectionDrop::strayBytes);
+        section->p_payload_end = end;
+    }
+    return true;
 }
 
 // The gather functions of the library's decoders, which it sets but does not declare.
@@ -204,25 +247,25 @@ const Gathers& gathers() {
     return learned;
 }
 
-template <Kind kind>
-bool tableFits(const dvbpsi_t& handle, const dvbpsi_psi_section_t& section) {
-    const std::optional<Lists> table = measureTable(section, handle.p_decoder->p_sections);
-    if constexpr (kind == kPmt) {
-        auto* stream = static_cast<ts_stream_t*>(handle.p_sys);
-        const ts_pmt_t* pmt = indexedPmt(stream, section.i_extension);
-        const uint32_t elsewhere = stream->listed_streams - (pmt != nullptr ? pmt->i_listed_streams : 0);
-        return table && section.i_last_number < kMaxPmtSections &&
-               elsewhere + table->entries <= kMaxTableEntries;
-    }
-    return table.has_value();
+// Whether a PMT section keeps within the bounds that all PMTs of the context share.
+bool fitsAmongPmts(const ts_stream_t& stream, const dvbpsi_psi_section_t& section, const Lists& table) {
+    const ts_pmt_t* pmt = indexedPmt(&stream, section.i_extension);
+    const uint32_t elsewhere = stream.listed_streams - (pmt != nullptr ? pmt->i_listed_streams : 0);
+    return section.i_last_number < kMaxPmtSections && elsewhere + table.entries <= kMaxTableEntries;
 }
 
 template <Kind kind>
 void gatherGuarded(dvbpsi_t* handle, dvbpsi_psi_section_t* section) {
-    if (tableFits<kind>(*handle, *section)) {
+    auto& stream = *static_cast<ts_stream_t*>(handle->p_sys);
+    Examined examined = examine(*section, handle->p_decoder->p_sections);
+    if constexpr (kind == kPmt) {
+        const auto* table = std::get_if<Lists>(&examined);
+        if (table != nullptr && !fitsAmongPmts(stream, *section, *table)) {
+            examined = SectionDrop::tooLarge;
+        }
+    }
+    if (admit(stream, section, examined)) {
         gathers()[kind](handle, section);
-    } else {
-        dvbpsi_DeletePSISections(section);
     }
 }
 
@@ -253,12 +296,15 @@ uint32_t& heldCount(ts_stream_t& stream, const dvbpsi_t* handle) {
 
 void demuxGuarded(dvbpsi_t* handle, dvbpsi_psi_section_t* section) {
     auto* demux = reinterpret_cast<dvbpsi_demux_t*>(handle->p_decoder);
-    uint32_t& held = heldCount(*static_cast<ts_stream_t*>(demux->p_new_cb_data), handle);
+    auto& stream = *static_cast<ts_stream_t*>(demux->p_new_cb_data);
+    uint32_t& held = heldCount(stream, handle);
     const uint8_t tableId = section->i_table_id;
     const uint16_t extension = section->i_extension;
-    if (!measureTable(*section, heldSections(demux, tableId, extension)) ||
-        (isLarge(*section) && held >= kMaxHeldSections)) {
-        dvbpsi_DeletePSISections(section);
+    Examined examined = examine(*section, heldSections(demux, tableId, extension));
+    if (std::holds_alternative<Lists>(examined) && isLarge(*section) && held >= kMaxHeldSections) {
+        examined = SectionDrop::tooLarge;
+    }
+    if (!admit(stream, section, examined)) {
         return;
     }
     const uint32_t before = sectionsHeld(demux, tableId, extension);
@@ -278,6 +324,24 @@ bool pushPsiPacket(dvbpsi_s* handle, const uint8_t* packet) {
     std::array<uint8_t, kReach> copy{};
     std::copy_n(packet, kTsPacketSize, copy.begin());
     return dvbpsi_packet_push(handle, copy.data());
+}
+
+void sarnDvbPsi_printSectionDrops(const ts_stream_t* stream, const char* name, FILE* file) {
+    constexpr std::array<const char*, kSectionDropKinds> kTexts = {
+        "dropped: a length leads out of the section",
+        "dropped: section_number behind last_section_number",
+        "dropped: the table or those that wait for their rest would grow too large",
+        "decoded without the bytes behind the last whole entry",
+    };
+    for (std::size_t table = 0; table < kGuardedTables; ++table) {
+        for (std::size_t drop = 0; drop < kSectionDropKinds; ++drop) {
+            if (const uint64_t count = stream->section_drops[table][drop]; count != 0) {
+                fprintf(file, "%s: %llu %s section%s %s\n", name, static_cast<unsigned long long>(count),
+                        table == kOtherTables ? "other" : kLayouts[table].name, count == 1 ? "" : "s",
+                        kTexts[drop]);
+            }
+        }
+    }
 }
 
 void guardSections(dvbpsi_s* handle) {

@@ -15,7 +15,9 @@ bool pushPsiPacket(dvbpsi_s* handle, const uint8_t* packet);
 // Puts a check in front of the decoder attached to the handle (PAT, CAT, PMT or a demultiplexer whose
 // new-subtable data is its ts_stream_t): sections whose lengths do not fit into each other, that are numbered
 // behind their last_section_number, or that make their table exceed the limits below are dropped before the
-// decoder sees them; all others pass unchanged. Call after each attach.
+// decoder sees them. Of the others the bytes behind the last whole entry are cut off, which some of the
+// library's decoders would take for the start of another. All of it is counted in the context's
+// section_drops. Call after each attach. REQUIRES: a handle from newPsiHandle.
 void guardSections(dvbpsi_s* handle);
 
 // Sections that the unfinished tables of one demultiplexer hold, up to 4 KiB each, before those of tables
