@@ -1,0 +1,103 @@
+// What one scrape costs: 1000 channels of ten listed PIDs, as text.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "tr101290Checks.h"
+#include "web/metrics.h"
+
+namespace {
+
+constexpr uint32_t kChannels = 1000;
+constexpr uint32_t kPids = 10;
+
+bool isCheck(std::string_view column) {
+    return std::ranges::find(records::kChecks, column, &records::Check::column) != records::kChecks.end();
+}
+
+// Values as long as those of a channel that has run for days.
+void appendLine(std::string& text, records::Kind kind, const station::Group& group, uint32_t pid,
+                bool failed) {
+    const auto columns = records::columnsOf(kind);
+    text += group.text();
+    text += kind == records::Kind::kStream ? ";0;-1;" : ";1;" + std::to_string(256 + pid) + ";";
+    text += records::kKinds[static_cast<std::size_t>(kind)].label;
+    for (std::size_t i = records::kLabelColumn + 1; i < columns.size(); ++i) {
+        const uint32_t number = (group.hostOrder() + pid * 7 + static_cast<uint32_t>(i)) * 2654435761U;
+        text += ';';
+        text += columns[i].name == "descriptorCount" || (!failed && isCheck(columns[i].name)) ? "0"
+                : columns[i].type == records::Type::kFraction ? std::to_string(number % 5'000'000 / 1e6)
+                                                              : std::to_string(number >> (number % 4 * 6));
+    }
+    text += '\n';
+}
+
+std::shared_ptr<const station::ChannelState> channelState(uint32_t number, bool failed) {
+    const auto group =
+        *station::Group::parse("239.1." + std::to_string(number / 256) + "." + std::to_string(number % 256));
+    std::string text;
+    appendLine(text, records::Kind::kStream, group, 0, true);
+    for (uint32_t pid = 0; pid < kPids; ++pid) {
+        const auto kind = pid == 0   ? records::Kind::kPat
+                          : pid == 1 ? records::Kind::kPmt
+                                     : records::Kind::kKnownPid;
+        appendLine(text, kind, group, pid, failed);
+    }
+    const auto snapshot = std::make_shared<const records::Snapshot>(
+        records::parseSnapshot(text, [](std::size_t, const std::string&) { abort(); }));
+    station::Channel channel{.group = group};
+    channel.name = "Channel number " + std::to_string(number);
+    channel.labels = {{"site", "north"}, {"group", "news"}};
+    return std::make_shared<const station::ChannelState>(
+        station::ChannelState{.channel = channel,
+                              .status = station::ChannelStatus::kOk,
+                              .alarms = {},
+                              .shown = true,
+                              .stream = &(*snapshot)[0],
+                              .pids = {&(*snapshot)[1], kPids},
+                              .snapshot = snapshot,
+                              .sample = {},
+                              .lastSeen = {}});
+}
+
+// A line of /proc/self/status, in MiB.
+double memory(const std::string& name) {
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;) {
+        if (word == name) {
+            double kib = 0;
+            status >> kib;
+            return kib / 1024;
+        }
+    }
+    return 0;
+}
+
+// range(0): whether every check of every PID has counted errors, which makes the most series.
+void scrape(benchmark::State& state) {
+    station::StationState known;
+    known.probe.connected = true;
+    for (uint32_t number = 0; number < kChannels; ++number) {
+        known.channels.push_back(channelState(number, state.range(0) != 0));
+    }
+    station::MetricsWriter writer;
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);             // what is freed does not stay
+    std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts anew
+    const double before = memory("VmRSS:");
+    std::size_t bytes = 0;
+    for ([[maybe_unused]] auto _ : state) {
+        bytes = writer.text(known, {}).size();
+        benchmark::DoNotOptimize(bytes);
+    }
+    state.counters["bytes"] = static_cast<double>(bytes);
+    state.counters["transientMiB"] = memory("VmHWM:") - before;
+}
+BENCHMARK(scrape)->ArgName("failed")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace

@@ -1,0 +1,568 @@
+#include "web/metrics.h"
+
+#include <algorithm>
+#include <bitset>
+#include <charconv>
+#include <functional>
+#include <optional>
+#include <set>
+
+#include "tr101290Checks.h"
+#include "web/exposition.h"
+
+namespace station {
+
+namespace {
+
+using records::ColumnName;
+using records::Kind;
+using enum MetricType;
+
+// Whether a column's value means anything yet; one that does not is left out.
+using Known = bool (*)(const Record&);
+
+bool always(const Record& /*record*/) {
+    return true;
+}
+bool hasPackets(const Record& stream) {
+    return stream.integer("packetsReceived") != 0;
+}
+bool hasDelayFactor(const Record& stream) {
+    return stream.fraction("mdiDelayFactor") != 0;
+}
+// The first block of datagrams is complete. Its mean may well be 0, since it counts whole milliseconds.
+bool hasJitter(const Record& stream) {
+    return stream.integer("jitterMeanInterArrival") != 0 || stream.fraction("jitterVarianceMaximum") != 0;
+}
+// Without a join time the column counts from 1970, and a packet before the join makes it wrap around.
+bool hasJoinLatency(const Record& stream) {
+    constexpr double kNoLatency = 1e11;  // three years, in ms
+    return hasPackets(stream) && stream.number("igmpLatency") < kNoLatency;
+}
+bool hasPicture(const Record& pid) {
+    return pid.integer("pictureWidth") != 0;
+}
+bool hasGop(const Record& pid) {
+    return pid.integer("gopLength") != 0;
+}
+bool hasMos(const Record& pid) {
+    return pid.fraction("mosScore") != 0;
+}
+
+// A metric that is a record's column.
+struct ColumnMetric {
+    MetricFamily family;
+    ColumnName column;
+    double divisor;  // the column's value is this many times the metric's
+    Known known;
+};
+
+constexpr double kMsPerSecond = 1000;
+
+constexpr std::array kStreamMetrics = std::to_array<ColumnMetric>({
+    {{"kestor_stream_packets_total", kCounter, "Transport packets received."}, "packetsReceived", 1, always},
+    {{"kestor_stream_lost_packets_total", kCounter, "Transport packets missing by the continuity counter."},
+     "packetsLost",
+     1,
+     always},
+    {{"kestor_stream_out_of_sequence_packets_total", kCounter,
+      "Packets with payload whose continuity counter is not the expected one."},
+     "packetsOutOfSequence",
+     1,
+     always},
+    {{"kestor_stream_scrambled_packets_total", kCounter, "Packets that are marked as scrambled."},
+     "packetsScrambled",
+     1,
+     always},
+    {{"kestor_stream_bitrate_bps", kGauge, "Bit rate since the previous snapshot, lost packets included."},
+     "bitRate",
+     1,
+     always},
+    {{"kestor_stream_delay_factor_seconds", kGauge, "Delay factor of the Media Delivery Index (RFC 4445)."},
+     "mdiDelayFactor",
+     kMsPerSecond,
+     hasDelayFactor},
+    {{"kestor_stream_interarrival_seconds", kGauge,
+      "Mean time between datagrams over the last block of 4096, in steps of a millisecond."},
+     "jitterMeanInterArrival",
+     kMsPerSecond,
+     hasJitter},
+    {{"kestor_stream_jitter_variance", kGauge,
+      "Variance of the times between datagrams over the last block of 4096, in square milliseconds."},
+     "jitterVariance",
+     1,
+     hasJitter},
+    {{"kestor_stream_quality_index", kGauge,
+      "Transport quality index, 1 (bad) to 5, from bit rate and loss since the previous snapshot."},
+     "transportQualityIndex",
+     1,
+     hasPackets},
+    {{"kestor_stream_ttl", kGauge, "IPv4 time to live of the latest datagram."}, "ttl", 1, hasPackets},
+    {{"kestor_stream_dscp", kGauge, "Differentiated services code point of the latest datagram."},
+     "dscp",
+     1,
+     hasPackets},
+    {{"kestor_stream_wrong_source", kGauge, "1 once a datagram came from another source than the first."},
+     "wrongSource",
+     1,
+     always},
+    {{"kestor_stream_join_latency_seconds", kGauge, "Time from the join to the first packet."},
+     "igmpLatency",
+     kMsPerSecond,
+     hasJoinLatency},
+});
+
+constexpr std::array kPidMetrics = std::to_array<ColumnMetric>({
+    {{"kestor_pid_packets_total", kCounter, "Transport packets of the PID received."},
+     "packetsReceived",
+     1,
+     always},
+    {{"kestor_pid_lost_packets_total", kCounter,
+      "Transport packets of the PID missing by the continuity counter."},
+     "packetsLost",
+     1,
+     always},
+    {{"kestor_pid_continuity_errors_total", kCounter,
+      "Packets with payload and an unexpected continuity counter."},
+     "Continuity_count_error",
+     1,
+     always},
+    {{"kestor_pid_scrambled_packets_total", kCounter, "Packets of the PID that are marked as scrambled."},
+     "packetsScrambled",
+     1,
+     always},
+    {{"kestor_pid_bitrate_bps", kGauge,
+      "Bit rate of the PID since the previous snapshot, lost packets included."},
+     "bitRate",
+     1,
+     always},
+    {{"kestor_pid_picture_width_pixels", kGauge, "Picture width by the sequence parameter set."},
+     "pictureWidth",
+     1,
+     hasPicture},
+    {{"kestor_pid_picture_height_pixels", kGauge, "Picture height by the sequence parameter set."},
+     "pictureHeight",
+     1,
+     hasPicture},
+    {{"kestor_pid_gop_frames", kGauge, "Length of the group of pictures, running average."},
+     "gopLength",
+     1,
+     hasGop},
+    {{"kestor_pid_mos", kGauge, "Mean opinion score of a video or audio PID, 1 (bad) to 5."},
+     "mosScore",
+     1,
+     hasMos},
+});
+
+// Where the checks' counters are, by check and kind of record.
+constexpr auto kCheckColumns = [] {
+    std::array<std::array<std::size_t, records::kKinds.size()>, records::kChecks.size()> columns{};
+    for (std::size_t check = 0; check < columns.size(); ++check) {
+        for (const auto& kind : records::kKinds) {
+            columns[check][static_cast<std::size_t>(kind.kind)] =
+                records::columnIndex(kind.kind, records::kChecks[check].column).value();
+        }
+    }
+    return columns;
+}();
+static_assert(records::kChecks.size() <= 32);  // bits of failedChecks_
+
+uint64_t checkErrors(const Record& record, std::size_t check) {
+    return static_cast<uint64_t>(
+        record.integer(kCheckColumns[check][static_cast<std::size_t>(record.kind())]));
+}
+
+// Checks that a PID's record counts, too; the others are of the stream as a whole.
+bool isOfPids(std::size_t check) {
+    const std::string_view column = records::kChecks[check].column;
+    return column != "TS_sync_loss" && column != "Sync_byte_error" && column != "CRC_error";
+}
+
+std::string checkLabels(std::size_t check) {
+    std::string labels;
+    appendLabel(labels, "check", records::kChecks[check].column);
+    appendLabel(labels, "priority", std::to_string(records::kChecks[check].priority));
+    return labels;
+}
+
+// The records' addresses: bytes in network order read as a little-endian integer.
+std::string addressText(int64_t address) {
+    std::string text;
+    for (int shift = 0; shift < 32; shift += 8) {
+        text += (text.empty() ? "" : ".") + std::to_string(static_cast<uint64_t>(address) >> shift & 0xFF);
+    }
+    return text;
+}
+
+// Appends a channel's own labels: "label_" and the name with '_' for what a label's name cannot have. Of two
+// that come out alike, the later gets a number behind it.
+void appendOwnLabels(std::string& text, const Labels& labels) {
+    std::set<std::string> taken;
+    for (const auto& [name, value] : labels) {
+        std::string plain = "label_" + name;
+        std::ranges::replace_if(
+            plain,
+            [](char c) {
+                return !(c >= 'a' && c <= 'z') && !(c >= 'A' && c <= 'Z') && !(c >= '0' && c <= '9');
+            },
+            '_');
+        std::string unique = plain;
+        for (int number = 2; !taken.insert(unique).second; ++number) {
+            unique = plain + "_" + std::to_string(number);
+        }
+        appendLabel(text, unique, value);
+    }
+}
+
+struct ChannelRow {
+    const ChannelState* state;
+    std::string labels;    // group, channel
+    const Record* stream;  // null when there is no fresh record
+};
+
+struct PidRow {
+    const ChannelRow* channel;
+    const Record* record;
+    int64_t pid;
+    std::string labels;
+};
+
+uint64_t pidKey(const PidRow& row) {
+    return uint64_t{row.channel->state->channel.group.hostOrder()} << 16 | static_cast<uint64_t>(row.pid);
+}
+
+bool isStale(const StationState& state) {
+    const auto age = state.now.wall - state.probe.lastSnapshot;  // below 0 when the clock was put back
+    return !state.probe.connected && (age > kMetricsStaleAfter || age < std::chrono::milliseconds(0));
+}
+
+std::vector<ChannelRow> channelRows(const StationState& state) {
+    const bool stale = isStale(state);
+    std::vector<ChannelRow> rows;
+    rows.reserve(state.channels.size());
+    for (const auto& channel : state.channels) {
+        ChannelRow& row = rows.emplace_back();
+        row.state = channel.get();
+        row.stream = !stale && channel->shown ? channel->stream : nullptr;
+        appendLabel(row.labels, "group", channel->channel.group.text());
+        appendLabel(row.labels, "channel", channel->channel.name);
+    }
+    return rows;
+}
+
+// The PIDs to tell of. One that several programs list has a record for each, with the same values: the first
+// stands for all.
+std::vector<PidRow> pidRows(const std::vector<ChannelRow>& channels, MetricsPids which) {
+    constexpr int64_t kPids = 0x2000;
+    std::vector<PidRow> rows;
+    if (which == MetricsPids::kNone) {
+        return rows;
+    }
+    for (const ChannelRow& channel : channels) {
+        if (channel.stream == nullptr) {
+            continue;
+        }
+        std::bitset<kPids> told;
+        for (const Record& record : channel.state->pids) {
+            const int64_t pid = record.integer("pid");
+            const bool listed = record.kind() != Kind::kUnlistedPid;
+            if (pid < 0 || pid >= kPids || (!listed && which == MetricsPids::kListed) ||
+                told.test(static_cast<std::size_t>(pid))) {
+                continue;
+            }
+            told.set(static_cast<std::size_t>(pid));
+            PidRow& row = rows.emplace_back(PidRow{&channel, &record, pid, {}});
+            row.labels.reserve(channel.labels.size() + 16);
+            row.labels = channel.labels;
+            appendLabel(row.labels, "pid", std::to_string(pid));
+        }
+    }
+    return rows;
+}
+
+double seconds(WallTime time) {
+    return std::chrono::duration<double>(time.time_since_epoch()).count();
+}
+
+void writeProbe(Exposition& out, const StationState& state, const MetricsExtras& extras) {
+    const ProbeState& probe = state.probe;
+    out.family({"kestor_up", kGauge, "Whether the probe asks for its tasks and delivers results."});
+    out.sample(probe.connected ? 1 : 0);
+    out.family({"kestor_probe_restarts_total", kCounter, "Times that the probe was seen to start anew."});
+    out.sample(static_cast<double>(probe.restarts));
+    out.family({"kestor_snapshots_total", kCounter, "Snapshots of all channels that were read."});
+    out.sample(static_cast<double>(probe.snapshots));
+    if (probe.lastSnapshot != WallTime{}) {
+        out.family({"kestor_last_snapshot_timestamp_seconds", kGauge, "When the last snapshot was read."});
+        out.sample(seconds(probe.lastSnapshot));
+    }
+    std::string version;
+    appendLabel(version, "version", extras.version);
+    out.family({"kestor_build_info", kGauge, "Always 1; the station's version."});
+    out.sample({}, version, 1);
+}
+
+void writeChannelInfo(Exposition& out, const std::vector<ChannelRow>& rows) {
+    out.family({"kestor_channel_info", kGauge, "Always 1; what is known of a channel beside its measures."});
+    std::string more;
+    for (const ChannelRow& row : rows) {
+        const Channel& channel = row.state->channel;
+        const bool seen = row.stream != nullptr && hasPackets(*row.stream);
+        more.clear();
+        appendLabel(more, "origin", originName(channel.origin));
+        appendLabel(more, "profile", channel.profile);
+        appendLabel(more, "source",
+                    seen ? addressText(row.stream->integer("sourceAddress")) : channel.source);
+        const int64_t port = seen ? row.stream->integer("destinationPort") : channel.port;
+        appendLabel(more, "port", port != 0 ? std::to_string(port) : "");
+        appendOwnLabels(more, channel.labels);
+        out.sample(row.labels, more, 1);
+    }
+}
+
+void writeStreams(Exposition& out, const std::vector<ChannelRow>& rows) {
+    for (const ColumnMetric& metric : kStreamMetrics) {
+        out.family(metric.family);
+        for (const ChannelRow& row : rows) {
+            if (row.stream != nullptr && metric.known(*row.stream)) {
+                out.sample(row.labels, {}, row.stream->number(metric.column) / metric.divisor);
+            }
+        }
+    }
+}
+
+void writeStates(Exposition& out, const StationState& state, const std::vector<ChannelRow>& rows) {
+    using enum ChannelStatus;
+    if (isStale(state)) {
+        return;
+    }
+    out.family({"kestor_stream_state", kGauge, "1 for the state that the channel is in, 0 for the others."});
+    for (const ChannelStatus status : {kOk, kAlarm, kWaiting, kDisabled}) {
+        std::string label;
+        appendLabel(label, "state", channelStatusName(status));
+        for (const ChannelRow& row : rows) {
+            out.sample(row.labels, label, row.state->status == status ? 1 : 0);
+        }
+    }
+}
+
+void writeChecks(Exposition& out, const std::vector<ChannelRow>& rows) {
+    out.family({"kestor_tr101290_errors_total", kCounter, "Errors of a check of ETSI TR 101 290."});
+    for (std::size_t check = 0; check < records::kChecks.size(); ++check) {
+        const std::string labels = checkLabels(check);
+        for (const ChannelRow& row : rows) {
+            if (row.stream != nullptr) {
+                out.sample(row.labels, labels, static_cast<double>(checkErrors(*row.stream, check)));
+            }
+        }
+    }
+}
+
+void writePids(Exposition& out, const std::vector<PidRow>& rows) {
+    out.family({"kestor_pid_info", kGauge, "Always 1; what the tables say of a PID."});
+    std::string more;
+    for (const PidRow& row : rows) {
+        const Record& record = *row.record;
+        more.clear();
+        appendLabel(more, "kind", records::kKinds[static_cast<std::size_t>(record.kind())].label);
+        if (record.has("streamType")) {
+            appendLabel(more, "stream_type", std::to_string(record.integer("streamType")));
+        }
+        if (record.has("pmtPid")) {
+            appendLabel(more, "pmt_pid", std::to_string(record.integer("pmtPid")));
+        }
+        out.sample(row.labels, more, 1);
+    }
+    for (const ColumnMetric& metric : kPidMetrics) {
+        out.family(metric.family);
+        for (const PidRow& row : rows) {
+            if (metric.known(*row.record)) {
+                out.sample(row.labels, {}, row.record->number(metric.column) / metric.divisor);
+            }
+        }
+    }
+}
+
+// Of each PID the checks that failed in this state or in an earlier one.
+std::unordered_map<uint64_t, uint32_t> failedChecks(const std::vector<PidRow>& rows,
+                                                    const std::unordered_map<uint64_t, uint32_t>& earlier) {
+    std::unordered_map<uint64_t, uint32_t> failed;
+    for (const PidRow& row : rows) {
+        const auto known = earlier.find(pidKey(row));
+        uint32_t checks = known == earlier.end() ? 0 : known->second;
+        for (std::size_t check = 0; check < records::kChecks.size(); ++check) {
+            checks |= isOfPids(check) && checkErrors(*row.record, check) != 0 ? uint32_t{1} << check : 0;
+        }
+        if (checks != 0) {
+            failed.emplace(pidKey(row), checks);
+        }
+    }
+    return failed;
+}
+
+void writePidChecks(Exposition& out, const std::vector<PidRow>& rows,
+                    const std::unordered_map<uint64_t, uint32_t>& failed) {
+    out.family({"kestor_pid_tr101290_errors_total", kCounter,
+                "Errors of a check of ETSI TR 101 290 on a PID, from the first one on."});
+    std::array<std::string, records::kChecks.size()> labels;
+    for (std::size_t check = 0; check < labels.size(); ++check) {
+        labels[check] = checkLabels(check);
+    }
+    for (const PidRow& row : rows) {
+        const auto found = failed.find(pidKey(row));
+        if (found == failed.end()) {
+            continue;
+        }
+        for (std::size_t check = 0; check < labels.size(); ++check) {
+            if ((found->second >> check & 1) != 0) {
+                out.sample(row.labels, labels[check], static_cast<double>(checkErrors(*row.record, check)));
+            }
+        }
+    }
+}
+
+void writeAlarms(Exposition& out, const StationState& state) {
+    out.family({"kestor_alarm_active", kGauge,
+                "1 for each raised alarm; alarms of the probe itself have no group and no channel."});
+    for (const Alarm& alarm : state.alarms) {
+        std::string labels;
+        if (alarm.group) {
+            const ChannelState* const channel = state.find(*alarm.group);
+            if (channel == nullptr) {
+                continue;
+            }
+            appendLabel(labels, "group", alarm.group->text());
+            appendLabel(labels, "channel", channel->channel.name);
+        }
+        appendLabel(labels, "alarm", alarmTypes()[alarm.type].name);
+        appendLabel(labels, "severity", severityName(alarm.severity));
+        out.sample(labels, {}, 1);
+    }
+}
+
+// A number of the station's own.
+template <typename Source>
+struct OwnMetric {
+    MetricFamily family;
+    double (*value)(const Source&);
+};
+
+constexpr auto kUseMetrics = std::to_array<OwnMetric<StationState>>({
+    {{"kestor_station_start_time_seconds", kGauge, "When the station was started."},
+     [](const StationState& s) { return seconds(s.started); }},
+    {{"kestor_station_cpu_seconds_total", kCounter, "CPU time that the station has taken."},
+     [](const StationState& s) { return s.use.cpuSeconds; }},
+    {{"kestor_station_resident_bytes", kGauge, "Memory that the station holds."},
+     [](const StationState& s) { return static_cast<double>(s.use.residentBytes); }},
+    {{"kestor_station_snapshot_cpu_seconds", kGauge,
+      "CPU time for the last snapshot: parsing, alarms, history."},
+     [](const StationState& s) { return s.use.lastSnapshotCpuMs / kMsPerSecond; }},
+    {{"kestor_station_snapshot_bytes", kGauge, "Size of the last snapshot."},
+     [](const StationState& s) { return static_cast<double>(s.probe.snapshotBytes); }},
+    {{"kestor_station_dropped_snapshots_total", kCounter, "Snapshots that were read and not taken in time."},
+     [](const StationState& s) { return static_cast<double>(s.probe.droppedSnapshots); }},
+    {{"kestor_station_dropped_lines_total", kCounter, "Lines of snapshots that were no records."},
+     [](const StationState& s) { return static_cast<double>(s.probe.droppedLines); }},
+    {{"kestor_station_pipe_wait_max_seconds", kGauge, "Longest time between two reads with the pipe full."},
+     [](const StationState& s) { return s.probe.longestPipeWaitMs / kMsPerSecond; }},
+    {{"kestor_station_probe_requests_total", kCounter, "Requests of the probe that were answered."},
+     [](const StationState& s) { return static_cast<double>(s.probe.requests); }},
+    {{"kestor_station_other_controller", kGauge, "1 while another controller holds the probe's port."},
+     [](const StationState& s) { return s.probe.otherController ? 1.0 : 0.0; }},
+    {{"kestor_station_refused_commands_total", kCounter, "Changes that were refused since too many waited."},
+     [](const StationState& s) { return static_cast<double>(s.use.commandsRefused); }},
+    {{"kestor_station_notes", kGauge, "What was odd in configuration and playlists, at most 100."},
+     [](const StationState& s) { return static_cast<double>(s.notes.size()); }},
+});
+
+constexpr auto kExtraMetrics = std::to_array<OwnMetric<MetricsExtras>>({
+    {{"kestor_station_events_written_total", kCounter, "Events written to the disk."},
+     [](const MetricsExtras& e) { return static_cast<double>(e.store.written); }},
+    {{"kestor_station_events_dropped_total", kCounter,
+      "Events that were lost since the disk did not take them."},
+     [](const MetricsExtras& e) { return static_cast<double>(e.store.dropped); }},
+    {{"kestor_station_events_waiting", kGauge, "Events that wait for the disk."},
+     [](const MetricsExtras& e) { return static_cast<double>(e.store.waiting); }},
+    {{"kestor_station_events_file_bytes", kGauge, "Size of the events' file and its log."},
+     [](const MetricsExtras& e) { return static_cast<double>(e.store.bytes); }},
+    {{"kestor_station_events_failing", kGauge, "1 while events cannot be written."},
+     [](const MetricsExtras& e) { return e.store.failing ? 1.0 : 0.0; }},
+    {{"kestor_station_http_connections", kGauge, "Open HTTP connections, event streams among them."},
+     [](const MetricsExtras& e) { return static_cast<double>(e.server.connections); }},
+    {{"kestor_station_http_streams", kGauge, "Open event streams."},
+     [](const MetricsExtras& e) { return static_cast<double>(e.server.streams); }},
+    {{"kestor_station_http_requests_total", kCounter, "HTTP requests."},
+     [](const MetricsExtras& e) { return static_cast<double>(e.server.requests); }},
+    {{"kestor_station_http_refused_total", kCounter, "HTTP connections beyond a limit."},
+     [](const MetricsExtras& e) { return static_cast<double>(e.server.refused); }},
+    {{"kestor_station_http_malformed_total", kCounter, "HTTP requests that were none."},
+     [](const MetricsExtras& e) { return static_cast<double>(e.server.malformed); }},
+    {{"kestor_station_http_slow_closed_total", kCounter,
+      "Connections closed since their client took nothing."},
+     [](const MetricsExtras& e) { return static_cast<double>(e.server.slowClosed); }},
+});
+
+constexpr auto kReceiverMetrics = std::to_array<OwnMetric<Delivery::ReceiverStatistics>>({
+    {{"kestor_station_delivery_messages_total", kCounter, "Messages that a webhook took."},
+     [](const Delivery::ReceiverStatistics& r) { return static_cast<double>(r.delivered); }},
+    {{"kestor_station_delivery_failures_total", kCounter, "Attempts to deliver that failed."},
+     [](const Delivery::ReceiverStatistics& r) { return static_cast<double>(r.failed); }},
+    {{"kestor_station_delivery_dropped_total", kCounter, "Notifications that a webhook was never told."},
+     [](const Delivery::ReceiverStatistics& r) { return static_cast<double>(r.dropped); }},
+    {{"kestor_station_delivery_owed", kGauge, "Notifications that wait to be delivered."},
+     [](const Delivery::ReceiverStatistics& r) { return static_cast<double>(r.owed); }},
+});
+
+void writeStation(Exposition& out, const StationState& state, const MetricsExtras& extras) {
+    for (const auto& metric : kUseMetrics) {
+        out.family(metric.family);
+        out.sample(metric.value(state));
+    }
+    for (const auto& metric : kExtraMetrics) {
+        out.family(metric.family);
+        out.sample(metric.value(extras));
+    }
+    for (const auto& metric : kReceiverMetrics) {
+        out.family(metric.family);
+        for (std::size_t i = 0; i < extras.delivery.size(); ++i) {
+            std::string labels;  // two webhooks may have the same URL
+            appendLabel(labels, "webhook", std::to_string(i + 1));
+            appendLabel(labels, "url", extras.delivery[i].url);
+            out.sample(labels, {}, metric.value(extras.delivery[i]));
+        }
+    }
+}
+
+// Enough for most; what is reserved and not written costs no memory.
+std::size_t expectedSize(std::size_t channels, std::size_t pids) {
+    constexpr std::size_t kOwn = 16 * 1024;
+    constexpr std::size_t kLine = 140;
+    constexpr std::size_t kChannelLines = 36;
+    constexpr std::size_t kPidLines = 10;
+    return kOwn + kLine * (channels * kChannelLines + pids * kPidLines);
+}
+
+}  // namespace
+
+std::string MetricsWriter::text(const StationState& state, const MetricsExtras& extras) {
+    const auto channels = channelRows(state);
+    const auto which = state.configuration ? state.configuration->metricsPids : MetricsPids::kListed;
+    const auto pids = pidRows(channels, which);
+    failedChecks_ = failedChecks(pids, failedChecks_);
+
+    std::string text;
+    text.reserve(expectedSize(channels.size(), pids.size()));
+    Exposition out(text);
+    writeProbe(out, state, extras);
+    writeChannelInfo(out, channels);
+    writeStreams(out, channels);
+    writeStates(out, state, channels);
+    writeChecks(out, channels);
+    writePids(out, pids);
+    writePidChecks(out, pids, failedChecks_);
+    writeAlarms(out, state);
+    writeStation(out, state, extras);
+    return text;
+}
+
+}  // namespace station

@@ -1,0 +1,261 @@
+// What Prometheus is told: each value is its record's column, and nothing that a channel is called can break
+// the text.
+#include <gmock/gmock.h>
+
+#include <map>
+#include <sstream>
+
+#include "tr101290Checks.h"
+#include "web/metrics.h"
+
+namespace station {
+namespace {
+
+using records::Kind;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using testing::AllOf;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::Key;
+using testing::Not;
+using testing::Pair;
+
+constexpr WallTime kTime{std::chrono::hours(24 * 365 * 50)};
+
+// A line whose every number is another one: 1000 and 100 times the kind, and the column's place.
+std::string line(Kind kind, const std::string& pid, const std::map<std::string_view, std::string>& values) {
+    const auto columns = records::columnsOf(kind);
+    std::string text;
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+        std::string value = std::to_string(1000 + 100 * static_cast<std::size_t>(kind) + i);
+        value += columns[i].type == records::Type::kFraction ? ".500000" : "";
+        const std::string_view name = columns[i].name;
+        value = name == "group"             ? "239.1.1.1"
+                : name == "pid"             ? pid
+                : name == "label"           ? records::kKinds[static_cast<std::size_t>(kind)].label
+                : name == "descriptorCount" ? "0"
+                : values.contains(name)     ? values.at(name)
+                                            : value;
+        text += (i == 0 ? "" : ";") + value;
+    }
+    return text + "\n";
+}
+
+struct Station {
+    StationState state;
+    std::shared_ptr<ChannelState> channel;
+
+    explicit Station(const std::string& records) {
+        state.now.wall = kTime;
+        state.probe.connected = true;
+        state.probe.lastSnapshot = kTime - seconds(1);
+        state.configuration = std::make_shared<Configuration>();
+        channel =
+            std::make_shared<ChannelState>(ChannelState{.channel = {.group = *Group::parse("239.1.1.1")},
+                                                        .alarms = {},
+                                                        .pids = {},
+                                                        .snapshot = {},
+                                                        .sample = {},
+                                                        .lastSeen = {}});
+        channel->channel.name = "News";
+        channel->channel.labels = {{"site", "north"}};
+        channel->shown = true;
+        channel->status = ChannelStatus::kAlarm;
+        show(records);
+        state.channels = {channel};
+        Alarm alarm;
+        alarm.type = *findAlarmType("probe_silent");
+        state.alarms.push_back(alarm);
+        alarm.type = *findAlarmType("continuity");
+        alarm.group = channel->channel.group;
+        state.alarms.push_back(alarm);
+    }
+    void show(const std::string& records) {
+        const auto snapshot = std::make_shared<records::Snapshot>(records::parseSnapshot(
+            records, [](std::size_t, const std::string& problem) { FAIL() << problem; }));
+        channel->stream = &(*snapshot)[0];
+        channel->pids = {&*snapshot->begin() + 1, snapshot->size() - 1};
+        channel->snapshot = snapshot;
+    }
+    void pids(MetricsPids which) {
+        auto configuration = std::make_shared<Configuration>();
+        configuration->metricsPids = which;
+        state.configuration = configuration;
+    }
+};
+
+// Series and values, as printed. Each family has to stand in one piece behind its HELP and TYPE, each series
+// once.
+std::map<std::string, std::string> series(const std::string& text) {
+    std::map<std::string, std::string> found;
+    std::map<std::string, int> families;
+    std::string family;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("# HELP ")) {
+            family = line.substr(7, line.find(' ', 7) - 7);
+            EXPECT_EQ(++families[family], 1) << line;
+        } else if (line.starts_with("# TYPE ")) {
+            EXPECT_TRUE(line == "# TYPE " + family + " gauge" ||
+                        (line == "# TYPE " + family + " counter" && family.ends_with("_total")))
+                << line;
+        } else {
+            EXPECT_EQ(line.substr(0, line.find_first_of("{ ")), family);
+            const std::size_t space = line.rfind(' ');
+            EXPECT_TRUE(found.emplace(line.substr(0, space), line.substr(space + 1)).second) << line;
+        }
+    }
+    return found;
+}
+
+std::map<std::string, std::string> metricsOf(const Station& station) {
+    return series(MetricsWriter().text(station.state, {}));
+}
+
+std::string records() {
+    return line(Kind::kStream, "-1", {{"sourceAddress", "33554442"}}) + line(Kind::kPat, "0", {}) +
+           line(Kind::kKnownPid, "257", {}) + line(Kind::kKnownPid, "257", {{"pmtPid", "4097"}}) +
+           line(Kind::kUnlistedPid, "8191", {{"gopLength", "0"}});
+}
+
+TEST(StationMetrics, TellEachColumnUnderItsName) {
+    struct Metric {
+        std::string name;
+        std::string_view column;
+        double divisor = 1;
+    };
+    const auto expectColumns = [](const auto& found, const Record& record, const std::string& labels,
+                                  const std::vector<Metric>& metrics) {
+        for (const auto& [name, column, divisor] : metrics) {
+            const auto value = found.find("kestor_" + name + labels);
+            ASSERT_NE(value, found.end()) << name << labels;
+            EXPECT_EQ(std::stod(value->second),
+                      record.number(*records::columnIndex(record.kind(), column)) / divisor)
+                << name;
+        }
+    };
+    const std::string channel = R"({group="239.1.1.1",channel="News")";
+    const Station station(records());
+    const auto found = metricsOf(station);
+    expectColumns(found, *station.channel->stream, channel + "}",
+                  {{"stream_packets_total", "packetsReceived"},
+                   {"stream_lost_packets_total", "packetsLost"},
+                   {"stream_out_of_sequence_packets_total", "packetsOutOfSequence"},
+                   {"stream_scrambled_packets_total", "packetsScrambled"},
+                   {"stream_bitrate_bps", "bitRate"},
+                   {"stream_delay_factor_seconds", "mdiDelayFactor", 1000},
+                   {"stream_interarrival_seconds", "jitterMeanInterArrival", 1000},
+                   {"stream_jitter_variance", "jitterVariance"},
+                   {"stream_quality_index", "transportQualityIndex"},
+                   {"stream_ttl", "ttl"},
+                   {"stream_dscp", "dscp"},
+                   {"stream_wrong_source", "wrongSource"},
+                   {"stream_join_latency_seconds", "igmpLatency", 1000}});
+    expectColumns(found, station.channel->pids[1], channel + R"(,pid="257"})",
+                  {{"pid_packets_total", "packetsReceived"},
+                   {"pid_lost_packets_total", "packetsLost"},
+                   {"pid_continuity_errors_total", "Continuity_count_error"},
+                   {"pid_scrambled_packets_total", "packetsScrambled"},
+                   {"pid_bitrate_bps", "bitRate"},
+                   {"pid_picture_width_pixels", "pictureWidth"},
+                   {"pid_picture_height_pixels", "pictureHeight"},
+                   {"pid_gop_frames", "gopLength"},
+                   {"pid_mos", "mosScore"}});
+    for (const auto& check : records::kChecks) {
+        const std::string labels = "check=\"" + std::string(check.column) + "\",priority=\"" +
+                                   std::to_string(check.priority) + "\"}";
+        expectColumns(found, *station.channel->stream, channel + "," + labels,
+                      {{"tr101290_errors_total", check.column}});
+        if (check.column != "TS_sync_loss" && check.column != "Sync_byte_error" &&
+            check.column != "CRC_error") {
+            expectColumns(found, station.channel->pids[1], channel + R"(,pid="257",)" + labels,
+                          {{"pid_tr101290_errors_total", check.column}});
+        }
+    }
+    for (
+        const char* const one :
+        {R"(kestor_channel_info{group="239.1.1.1",channel="News",origin="config",profile="default",)"
+         R"(source="10.0.0.2",port="1007",label_site="north"})",
+         R"(kestor_pid_info{group="239.1.1.1",channel="News",pid="0",kind="PAT"})",
+         R"(kestor_pid_info{group="239.1.1.1",channel="News",pid="257",kind="KP",stream_type="1304",pmt_pid="1305"})",
+         R"(kestor_stream_state{group="239.1.1.1",channel="News",state="alarm"})",
+         R"(kestor_alarm_active{group="239.1.1.1",channel="News",alarm="continuity",severity="warning"})",
+         R"(kestor_alarm_active{alarm="probe_silent",severity="warning"})", "kestor_up"}) {
+        EXPECT_THAT(found, Contains(Pair(one, "1")));
+    }
+}
+
+TEST(StationMetrics, TellOfThePidsThatWereAskedFor) {
+    const std::string unlisted = R"(kestor_pid_packets_total{group="239.1.1.1",channel="News",pid="8191"})";
+    const std::string listed = R"(kestor_pid_packets_total{group="239.1.1.1",channel="News",pid="257"})";
+    Station station(records());
+    EXPECT_THAT(metricsOf(station), AllOf(Contains(Key(listed)), Not(Contains(Key(unlisted)))));
+    station.pids(MetricsPids::kAll);
+    EXPECT_THAT(metricsOf(station), AllOf(Contains(Key(listed)), Contains(Key(unlisted))));
+    station.pids(MetricsPids::kNone);
+    EXPECT_THAT(metricsOf(station), Not(Contains(Key(HasSubstr("pid=")))));
+}
+
+TEST(StationMetrics, KeepAPidsCheckOnceItFailed) {
+    const std::string check =
+        R"(kestor_pid_tr101290_errors_total{group="239.1.1.1",channel="News",pid="257",check="PTS_error",priority="2"})";
+    const auto withErrors = [](const char* errors) {
+        return line(Kind::kStream, "-1", {}) + line(Kind::kKnownPid, "257", {{"PTS_error", errors}});
+    };
+    Station station(withErrors("0"));
+    MetricsWriter writer;
+    EXPECT_THAT(series(writer.text(station.state, {})), Not(Contains(Key(check))));
+    station.show(withErrors("3"));
+    EXPECT_THAT(series(writer.text(station.state, {})), Contains(Pair(check, "3")));
+    station.show(withErrors("0"));
+    EXPECT_THAT(series(writer.text(station.state, {})), Contains(Pair(check, "0")));
+    station.show(line(Kind::kStream, "-1", {}));
+    writer.text(station.state, {});
+    station.show(withErrors("0"));
+    EXPECT_THAT(series(writer.text(station.state, {})), Not(Contains(Key(check))));
+}
+
+TEST(StationMetrics, LeaveOutWhatIsNotKnown) {
+    const auto key = [](const char* name) { return Key(HasSubstr(std::string("kestor_") + name + "{")); };
+    Station station(line(Kind::kStream, "-1",
+                         {{"packetsReceived", "0"},
+                          {"mdiDelayFactor", "0.000000"},
+                          {"jitterMeanInterArrival", "0"},
+                          {"jitterVarianceMaximum", "0.000000"},
+                          {"igmpLatency", "18446742308848512000"}}));
+    for (const char* const unknown : {"stream_delay_factor_seconds", "stream_interarrival_seconds",
+                                      "stream_ttl", "stream_join_latency_seconds"}) {
+        EXPECT_THAT(metricsOf(station), Not(Contains(key(unknown))));
+    }
+    EXPECT_THAT(metricsOf(station), Contains(key("stream_packets_total")));
+
+    station.state.probe.connected = false;
+    station.state.probe.lastSnapshot = kTime - seconds(10);
+    EXPECT_THAT(metricsOf(station),
+                AllOf(Contains(Pair("kestor_up", "0")), Contains(key("stream_packets_total"))));
+    for (const milliseconds age : {milliseconds(10'001), milliseconds(-1)}) {
+        station.state.probe.lastSnapshot = kTime - age;
+        EXPECT_THAT(metricsOf(station), AllOf(Not(Contains(Key(HasSubstr("kestor_stream")))),
+                                              Not(Contains(Key(HasSubstr("tr101290")))),
+                                              Contains(key("alarm_active")), Contains(key("channel_info"))));
+    }
+    station.state.channels.clear();
+    EXPECT_THAT(metricsOf(station), Not(Contains(Key(HasSubstr("239.1.1.1")))));
+}
+
+TEST(StationMetrics, WithstandAnyName) {
+    Station station(records());
+    Channel& channel = station.channel->channel;
+    channel.name = "a\"b\\c\nd\xE9";
+    channel.labels = {{"a-b", "1"}, {"a.b", "2"}, {"a_b_2", "3"}, {"7\"}\n", "4"}, {"é", "5"}};
+    EXPECT_THAT(
+        metricsOf(station),
+        Contains(
+            Key("kestor_channel_info{group=\"239.1.1.1\",channel=\"a\\\"b\\\\c\\nd\xC3\xA9\","
+                "origin=\"config\",profile=\"default\",source=\"10.0.0.2\",port=\"1007\","
+                "label_7___=\"4\",label_a_b=\"1\",label_a_b_2=\"2\",label_a_b_2_2=\"3\",label___=\"5\"}")));
+}
+
+}  // namespace
+}  // namespace station
