@@ -31,7 +31,8 @@ struct MetricsExtras {
 // a series goes on with 0 when counters are cleared; a PID that a state does not show is forgotten. One
 // thread.
 //
-// For 1000 channels of ten PIDs a text is about 10 MB and takes about 60 ms.
+// A text for 1000 channels of ten PIDs has 13 MB and takes 20 ms; 31 MB and 45 ms once every check of every
+// PID failed.
 class MetricsWriter {
   public:
     std::string text(const StationState& state, const MetricsExtras& extras);
