@@ -2,29 +2,39 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string_view>
 
-#include "common/clock.h"
+#include "recordColumns.h"
 #include "recordParser.h"
 
 namespace station {
 
 using records::Record;
 
-// The counter columns of the stream record that have increments (recordColumns.h), packetsLost to CAT_error.
-inline constexpr std::size_t kSampleCounters = 21;
+// The counter columns of the stream record, packetsLost to CAT_error, in their order.
+inline constexpr std::size_t kSampleCounters = records::kCounterColumns.size();
 
 struct ChannelSample {
-    double seconds = 0;   // since the previous sample; 0 for the first, which has no increments
-    bool first = false;   // the first sample of the channel, or the first after its counters started anew
+    double seconds = 0;  // since the previous sample; 0 without one
+    // There are no increments: the channel's first sample, the first with packets, or the first after its
+    // counters started anew.
+    bool first = false;
     bool signal = false;  // packets were received since the previous sample (first: any packets at all)
     std::array<uint64_t, kSampleCounters> totals{};
     std::array<uint64_t, kSampleCounters> increments{};  // 0 where a counter stepped back: it was cleared
 
-    double bitRate = 0;         // bit/s
+    // Increments of PMT_error and PTS_error without those that a faultless channel has: a network information
+    // table may come every 10 s (ETSI TS 101 211), subtitles come when somebody speaks.
+    uint64_t pmtErrors = 0;
+    uint64_t ptsErrors = 0;
+    uint64_t pmtErrorsApart = 0;  // totals of what is left out
+    uint64_t ptsErrorsApart = 0;
+
+    double bitRate = 0;         // bit/s; 0 with a signal: not known, the packets span less than 200 ms
     double delayFactor = 0;     // ms; 0 while unknown
     double jitterVariance = 0;  // ms^2; 0 while unknown
     double interArrival = 0;    // ms
@@ -35,9 +45,20 @@ struct ChannelSample {
     int dscp = 0;
 };
 
-// The place of a counter column in totals and increments. REQUIRES: it is one.
-std::size_t sampleCounter(std::string_view column);
+// The place of a counter column in totals and increments, found when the program is compiled.
+consteval std::size_t sampleCounter(std::string_view column) {
+    for (std::size_t i = 0; i < kSampleCounters; ++i) {
+        if (records::kCounterColumns[i].name == column) {
+            return i;
+        }
+    }
+    throw "no counter has that name";
+}
+// The same for a name that comes from elsewhere; nothing when it is no counter's.
+std::optional<std::size_t> findSampleCounter(std::string_view column);
 std::string_view sampleCounterColumn(std::size_t index);
+
+inline constexpr std::size_t kPacketsReceivedCounter = sampleCounter("packetsReceived");
 
 // Makes the sample from a channel's records (the stream record and its PIDs) and the previous sample.
 // `previous` is null for a channel that was not in a snapshot before.
