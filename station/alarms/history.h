@@ -50,19 +50,26 @@ struct HistoryPoint {
     double maximum;
 };
 
-// One channel's past: at most 100 KiB, all of it allocated at the start. One thread.
+// One channel's past: at most 100 KiB, all of it allocated at the start, whose pages take memory as time
+// fills them (some 22 KiB after ten minutes, 3 KiB more an hour). Levels other than the bit rate are kept
+// with at least three significant digits, sums are exact. One thread.
 class History {
   public:
     History();
     // A sample at its time. Samples may come at any pace; a second with several keeps their mean (sum for
-    // counters), a second without any is unknown. A wall clock that steps moves the stamps of what comes,
-    // never what was kept.
+    // counters), a second without any is unknown, but for a single one that the next sample covers: it has
+    // that sample's levels and no counts. A wall clock that steps moves the stamps of what comes, never what
+    // was kept.
     void add(const ChannelSample& sample, StripCell state, const Now& now);
 
-    // Points from `since` on, oldest first. resolution: 1 or 60.
+    // Points from `since` on, oldest first, up to the second or minute of `now`; nothing before the first
+    // sample. resolution: 1 or 60. Minutes are those of the wall clock at the first sample; the last one has
+    // just begun.
     std::vector<HistoryPoint> points(HistoryMetric metric, int resolution, WallTime since,
                                      const Now& now) const;
-    // The last `cells` means of `secondsEach`, newest last, NaN where unknown: a sparkline.
+    // The last `cells` means of `secondsEach`, newest last, NaN where unknown: a sparkline. Of counters: the
+    // mean a second. Cells begin at whole multiples of their length, so that they stand still until the next
+    // begins. REQUIRES: secondsEach > 0. What lies more than kSecondsKept back is unknown.
     std::vector<float> spark(HistoryMetric metric, std::size_t cells, std::size_t secondsEach,
                              const Now& now) const;
     // Sum of a counter over the last seconds (at most kSecondsKept).
