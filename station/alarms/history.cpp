@@ -252,8 +252,8 @@ struct History::Rings {
     }
     // Where what is shown ends: a second whose sample may still come is not unknown yet.
     int64_t newestSecond(const Now& now) const {
-        const int64_t second = secondOf(now);
-        return second <= seconds.last + 1 ? seconds.last : second;
+        const int64_t current = secondOf(now);
+        return current <= seconds.last + 1 ? seconds.last : current;
     }
     // The wall clock's time, in seconds, at the begin of a second on the scale.
     static uint32_t stampOf(int64_t second, int64_t scale, const Now& now) {
