@@ -22,12 +22,15 @@ using RuntimeChannels = std::map<Group, RuntimeChannel>;
 
 struct MergedChannels {
     ChannelMap channels;
-    std::vector<std::string>
-        notes;  // "239.1.1.1 stands in station.toml and in channels.m3u:12; station.toml holds"
+    // "239.1.1.1 stands in station.toml:3 and in channels.m3u:12; station.toml:3 holds". The first
+    // kNotesLimit.
+    std::vector<std::string> notes;
+    static constexpr std::size_t kNotesLimit = 100;
 };
 
 // Precedence: run time, configuration, playlists in their order. Beyond kChannelsLimit channels are left out,
-// which is noted.
+// and a channel whose profile is not defined gets the default one; both are noted. What the playlists
+// themselves noted is not repeated.
 MergedChannels mergeChannels(const RuntimeChannels& runtime, const Configuration& configuration,
                              const std::vector<std::pair<PlaylistSource, Playlist>>& playlists);
 
@@ -42,9 +45,10 @@ ChannelDifference compareChannels(const ChannelMap& before, const ChannelMap& af
 class RuntimeChannelFile {
   public:
     explicit RuntimeChannelFile(std::filesystem::path stateDirectory);
-    // What the file holds; a damaged file is put aside (".damaged") and reported in `problem`.
+    // What the file holds; nothing when there is none. Of a damaged file, which is put aside (".damaged") and
+    // reported in `problem`, what could be read.
     RuntimeChannels load(std::string& problem) const;
-    // Empty when all is on the disk, else what went wrong (the old file is whole then).
+    // Empty when all is on the disk, else what went wrong (the old file is whole then). Waits for the disk.
     std::string save(const RuntimeChannels& channels) const;
 
   private:

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,6 +13,7 @@
 namespace station {
 
 inline constexpr std::size_t kPlaylistLimit = std::size_t{16} << 20;  // bytes; longer files are refused
+inline constexpr std::size_t kLogoLimit = 1024;                       // bytes; longer ones are left out
 
 struct PlaylistNote {
     uint32_t line;     // from 1
@@ -18,14 +21,22 @@ struct PlaylistNote {
 };
 
 struct Playlist {
-    std::vector<Channel> channels;    // in the file's order; a group named twice stands where it came first
+    // In the file's order, with the lines that name them; a group named twice stands where it came first.
+    std::vector<Channel> channels;
     std::vector<PlaylistNote> notes;  // the first kNotesLimit of what was skipped or changed
-    std::size_t skipped = 0;          // lines that name something that is no multicast group
+    std::size_t skipped = 0;          // lines that name something that is no multicast group, or one too many
+    bool header = false;              // there is an #EXTM3U
     static constexpr std::size_t kNotesLimit = 100;
 };
 
-// Takes any bytes. group-title and #EXTGRP become the label "group", tvg-id the label "tvg-id".
+// Takes any bytes. group-title becomes the label "group", as does #EXTGRP for all entries up to the next that
+// have no group-title; tvg-id becomes the label "tvg-id". Lines that are not UTF-8 are read as Latin-1.
 Playlist parsePlaylist(std::string_view bytes);
+
+// A file's playlist, with the file in the places of its channels. Nothing, and `problem` says why, when the
+// file cannot be read, is too large or holds no channel (an #EXTM3U with nothing below it is an empty
+// playlist): what was read before is to be kept then.
+std::optional<Playlist> readPlaylist(const std::filesystem::path& file, std::string& problem);
 
 // A playlist that parsePlaylist reads back: #EXTM3U, then for each channel #EXTINF with its attributes and
 // udp://@GROUP:PORT (port 5000 where none is known). Quotes and line ends in texts are replaced.

@@ -1,0 +1,267 @@
+#include "channels/channelSet.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <system_error>
+
+#include "channels/textFile.h"
+#include "common/text.h"
+
+namespace station {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr std::size_t kRuntimeFileLimit = std::size_t{64} << 20;  // bytes
+constexpr int kRuntimeFileVersion = 1;
+
+// Adds channels from the highest precedence to the lowest.
+class Merger {
+  public:
+    Merger(const RuntimeChannels& runtime, const Profiles& profiles)
+        : runtime_(runtime), profiles_(profiles) {}
+
+    void add(Channel channel) {
+        const auto changed = runtime_.find(channel.group);
+        if (channel.origin != Origin::kRuntime && changed != runtime_.end()) {
+            note(channel.group.text() + (changed->second.removed ? " was removed" : " was changed") +
+                 " at run time; what " + channel.place.text() + " says does not hold");
+            return;
+        }
+        if (const auto first = merged_.channels.find(channel.group); first != merged_.channels.end()) {
+            const std::string holder = first->second.place.text();
+            note(channel.group.text() + " stands in " + holder + " and in " + channel.place.text() + "; " +
+                 holder + " holds");
+            return;
+        }
+        if (merged_.channels.size() >= kChannelsLimit) {
+            ++leftOut_;
+            return;
+        }
+        if (!profiles_.contains(channel.profile)) {
+            note(channel.group.text() + " names profile \"" + channel.profile + "\", which no [profile." +
+                 channel.profile + "] defines; the default profile holds");
+            channel.profile = kDefaultProfile;
+        }
+        merged_.channels.emplace(channel.group, std::move(channel));
+    }
+
+    MergedChannels take() {
+        if (leftOut_ > 0) {
+            note("more than " + std::to_string(kChannelsLimit) + " channels; " + std::to_string(leftOut_) +
+                 " are left out");
+        }
+        return std::move(merged_);
+    }
+
+  private:
+    void note(std::string text) {
+        if (merged_.notes.size() < MergedChannels::kNotesLimit) {
+            merged_.notes.push_back(std::move(text));
+        }
+    }
+
+    const RuntimeChannels& runtime_;
+    const Profiles& profiles_;
+    MergedChannels merged_;
+    std::size_t leftOut_ = 0;
+};
+
+json toJson(const RuntimeChannel& entry) {
+    const Channel& channel = entry.channel;
+    if (entry.removed) {
+        return {{"group", channel.group.text()}, {"removed", true}};
+    }
+    return {{"group", channel.group.text()}, {"name", channel.name},       {"labels", channel.labels},
+            {"profile", channel.profile},    {"enabled", channel.enabled}, {"source", channel.source},
+            {"port", channel.port},          {"number", channel.number},   {"logo", channel.logo}};
+}
+
+// Reads members of one object; false from `fine` once one was not as it should be. Missing ones are left
+// alone.
+struct Members {
+    const json& object;
+    bool fine = true;
+
+    void read(const char* name, std::string& target, std::size_t limit = kNameLimit) {
+        if (const auto found = object.find(name); found != object.end()) {
+            const auto* text = found->get_ptr<const std::string*>();
+            fine = fine && text != nullptr && printable(*text, limit) == *text;
+            target = fine ? *text : target;
+        }
+    }
+    void read(const char* name, bool& target) {
+        if (const auto found = object.find(name); found != object.end()) {
+            fine = fine && found->is_boolean();
+            target = fine ? found->get<bool>() : target;
+        }
+    }
+    template <typename Integer>
+    void readNumber(const char* name, Integer& target, int64_t highest) {
+        if (const auto found = object.find(name); found != object.end()) {
+            fine = fine && found->is_number_integer() && found->get<int64_t>() >= 0 &&
+                   found->get<int64_t>() <= highest;
+            target = fine ? static_cast<Integer>(found->get<int64_t>()) : target;
+        }
+    }
+    void read(const char* name, Labels& target) {
+        const auto found = object.find(name);
+        if (found == object.end()) {
+            return;
+        }
+        fine = fine && found->is_object() && found->size() <= kLabelsLimit;
+        for (auto item = found->begin(); fine && item != found->end(); ++item) {
+            Members label{*found};
+            std::string value;
+            label.read(item.key().c_str(), value);
+            fine = label.fine && printable(item.key(), kNameLimit) == item.key();
+            target[item.key()] = value;
+        }
+    }
+};
+
+std::optional<RuntimeChannel> fromJson(const json& object) {
+    const auto* text = object.is_object() && object.contains("group")
+                           ? object["group"].get_ptr<const std::string*>()
+                           : nullptr;
+    const std::optional<Group> group = text == nullptr ? std::nullopt : Group::parse(*text);
+    if (!group) {
+        return std::nullopt;
+    }
+    RuntimeChannel entry{{.group = *group, .origin = Origin::kRuntime}};
+    Channel& channel = entry.channel;
+    Members members{object};
+    members.read("removed", entry.removed);
+    members.read("name", channel.name);
+    members.read("labels", channel.labels);
+    members.read("profile", channel.profile);
+    members.read("enabled", channel.enabled);
+    members.read("source", channel.source);
+    members.readNumber("port", channel.port, UINT16_MAX);
+    members.readNumber("number", channel.number, INT32_MAX);
+    members.read("logo", channel.logo, kLogoLimit);
+    if (channel.name.empty()) {
+        channel.name = group->text();
+    }
+    return members.fine ? std::optional(std::move(entry)) : std::nullopt;
+}
+
+// What of the text is right. `damage` says what is not.
+RuntimeChannels parseRuntimeChannels(const std::string& bytes, std::string& damage) {
+    const json document = json::parse(bytes, nullptr, false);
+    if (!document.is_object() || !document.contains("channels") || !document["channels"].is_array()) {
+        damage = "no list of channels";
+        return {};
+    }
+    if (document.value("version", json()) != kRuntimeFileVersion) {
+        damage = "another version";
+        return {};
+    }
+    RuntimeChannels channels;
+    std::size_t wrong = 0;
+    for (const json& object : document["channels"]) {
+        std::optional<RuntimeChannel> entry = fromJson(object);
+        if (!entry || channels.size() >= kChannelsLimit) {
+            ++wrong;
+            continue;
+        }
+        const Group group = entry->channel.group;
+        channels.insert_or_assign(group, std::move(*entry));
+    }
+    if (wrong > 0) {
+        damage = std::to_string(wrong) + " of its channels cannot be read";
+    }
+    return channels;
+}
+
+}  // namespace
+
+MergedChannels mergeChannels(const RuntimeChannels& runtime, const Configuration& configuration,
+                             const std::vector<std::pair<PlaylistSource, Playlist>>& playlists) {
+    Merger merger(runtime, configuration.profiles);
+    for (const auto& [group, entry] : runtime) {
+        if (!entry.removed) {
+            merger.add(entry.channel);
+        }
+    }
+    for (const Channel& channel : configuration.channels) {
+        merger.add(channel);
+    }
+    for (const auto& [source, playlist] : playlists) {
+        for (Channel channel : playlist.channels) {
+            channel.profile = source.profile;
+            for (const auto& [name, value] : source.labels) {
+                if (channel.labels.size() < kLabelsLimit) {
+                    channel.labels.emplace(name, value);
+                }
+            }
+            merger.add(std::move(channel));
+        }
+    }
+    return merger.take();
+}
+
+ChannelDifference compareChannels(const ChannelMap& before, const ChannelMap& after) {
+    ChannelDifference difference;
+    for (const auto& [group, channel] : before) {
+        const auto found = after.find(group);
+        if (found == after.end()) {
+            difference.removed.push_back(channel);
+        } else if (found->second != channel) {
+            difference.changed.emplace_back(channel, found->second);
+        }
+    }
+    for (const auto& [group, channel] : after) {
+        if (!before.contains(group)) {
+            difference.added.push_back(channel);
+        }
+    }
+    return difference;
+}
+
+RuntimeChannelFile::RuntimeChannelFile(std::filesystem::path stateDirectory)
+    : file_(std::move(stateDirectory) / "channels.json") {}
+
+RuntimeChannels RuntimeChannelFile::load(std::string& problem) const {
+    problem.clear();
+    std::error_code error;
+    if (std::filesystem::symlink_status(file_, error).type() == std::filesystem::file_type::not_found) {
+        return {};
+    }
+    std::string damage;
+    const std::string bytes = readTextFile(file_, kRuntimeFileLimit, problem);
+    if (!problem.empty()) {
+        problem = file_.string() + " " + problem;
+        return {};
+    }
+    RuntimeChannels channels = parseRuntimeChannels(bytes, damage);
+    if (damage.empty()) {
+        return channels;
+    }
+    std::filesystem::path aside = file_;
+    aside += ".damaged";
+    std::filesystem::rename(file_, aside, error);
+    problem = file_.string() + " is damaged (" + damage + "); " +
+              (error ? "it cannot be put aside: " + error.message() : "put aside as " + aside.string()) +
+              "; add what is missing anew";
+    if (!error && !channels.empty()) {
+        const std::string failed = save(channels);
+        problem += failed.empty() ? "" : "; " + failed;
+    }
+    return channels;
+}
+
+std::string RuntimeChannelFile::save(const RuntimeChannels& channels) const {
+    json list = json::array();
+    for (const auto& [group, entry] : channels) {
+        list.push_back(toJson(entry));
+    }
+    const json document = {{"version", kRuntimeFileVersion}, {"channels", std::move(list)}};
+    const std::string problem =
+        replaceTextFile(file_, document.dump(1, ' ', false, json::error_handler_t::replace) + "\n");
+    return problem.empty() ? "" : file_.string() + " " + problem;
+}
+
+}  // namespace station
