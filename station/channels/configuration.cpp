@@ -366,7 +366,7 @@ void describe(std::vector<KeyDescription>& list, std::string_view section, std::
               const Record& defaults) {
     for (const Key<Record>& key : keys) {
         std::string unit(key.unit);
-        if (key.demand.to > key.demand.from && key.defaultWords != "the alarm's") {
+        if (key.demand.to > key.demand.from && key.demand.from >= 0) {
             unit += ", " + written(key.demand.from) + " to " + written(key.demand.to);
         }
         const bool words = !key.defaultWords.empty();

@@ -115,7 +115,7 @@ struct KeyDescription {
     std::string_view section;  // "" for the top, "[[channel]]", "[profile.NAME.TYPE]"
     std::string_view name;
     std::string_view type;     // "string", "integer", ...
-    std::string_view unit;     // with the range where there is one; may be empty
+    std::string unit;          // with the range where there is one; may be empty
     std::string defaultValue;  // TOML, or words: "required"
     std::string_view meaning;
 };

@@ -136,8 +136,9 @@ constexpr std::array kRuleKeys = {
     key<&R::window>("window_s", "integer", "s", "Counters: the window", {.from = 1, .to = 600}, kOfTheType),
     key<&R::raiseDelay>("raise_delay_s", "number", "s", "How long it has to be wrong to be raised", kDelay,
                         kOfTheType),
-    key<&R::clearDelay>("clear_delay_s", "number", "s", "How long it has to be right to be cleared", kDelay,
-                        kOfTheType),
+    key<&R::clearDelay>("clear_delay_s", "number", "s",
+                        "How long it has to be right to be cleared; events: the shortest time between two",
+                        kDelay, kOfTheType),
 };
 
 }  // namespace
@@ -182,7 +183,7 @@ bool ruleHasKey(AlarmKind kind, std::string_view key) {
     if (key == "count" || key == "error_seconds" || key == "window_s") {
         return kind == AlarmKind::kCounter;
     }
-    if (key == "raise_delay_s" || key == "clear_delay_s") {
+    if (key == "raise_delay_s") {
         return kind != AlarmKind::kEvent;
     }
     return true;

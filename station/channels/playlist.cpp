@@ -125,11 +125,10 @@ std::optional<std::string_view> addressPart(std::string_view url) {
         return url;
     }
     if (startsWith(url, "http://") || startsWith(url, "https://")) {
-        std::string lowered(url);
-        std::transform(url.begin(), url.end(), lowered.begin(), lower);
-        const std::size_t host = url.find("//") + 2;
-        const std::size_t path = std::min({url.find('/', host), url.find_first_of("?#|", host), url.size()});
-        const std::size_t at = std::min(lowered.find("/udp/", path), lowered.find("/rtp/", path));
+        std::string way(url.substr(0, url.find_first_of("?#|")));
+        std::transform(way.begin(), way.end(), way.begin(), lower);
+        const std::size_t host = way.find("//") + 2;
+        const std::size_t at = std::min(way.find("/udp/", host), way.find("/rtp/", host));
         if (at != std::string::npos) {
             return url.substr(at + 5);
         }

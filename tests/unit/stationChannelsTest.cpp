@@ -1,0 +1,487 @@
+// What the station is told to watch: configuration, playlists, the set that they make, and the files they
+// come from.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "channels/channelSet.h"
+#include "channels/configuration.h"
+#include "channels/fileWatch.h"
+#include "channels/playlist.h"
+
+using namespace std::chrono_literals;
+using namespace station;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+namespace fs = std::filesystem;
+
+namespace {
+
+// A directory of its own for each test.
+class StationChannels : public testing::Test {
+  protected:
+    StationChannels() {
+        std::string name = (fs::temp_directory_path() / "channels.XXXXXX").string();
+        directory = mkdtemp(name.data());
+    }
+    ~StationChannels() override {
+        fs::remove_all(directory);
+    }
+    fs::path write(const fs::path& name, const std::string& text, std::ios::openmode mode = std::ios::trunc) {
+        std::ofstream(directory / name, std::ios::binary | mode) << text;
+        return directory / name;
+    }
+    std::string read(const fs::path& name) {
+        std::ostringstream text;
+        text << std::ifstream(directory / name).rdbuf();
+        return text.str();
+    }
+
+    fs::path directory;
+};
+
+Group group(const std::string& text) {
+    return *Group::parse(text);
+}
+
+Channel channel(const std::string& text, const std::string& name, Origin origin = Origin::kConfig) {
+    return {.group = group(text), .name = name, .origin = origin};
+}
+
+constexpr const char* kExample = R"(listen = "0.0.0.0:9427"
+allowed_hosts = ["probe1.example.net"]
+passive = false
+igmp_latency_ms = 1000
+[[channel]]
+group = "239.1.1.1"
+name = "News \"HD\" \u00e9 \\"
+labels = { site = "north", "odd name" = "x" }
+profile = "h d"
+enabled = false
+[[channel]]
+group = "239.1.1.2"
+[[playlist]]
+file = "channels.m3u"
+profile = "h d"
+[profile."h d".bitrate_low]
+enabled = true
+severity = "minor"
+raise_level = 4_000_000
+clear_level = 4_500_000.25
+raise_delay_s = 0.25
+[profile.default.continuity]
+count = 3
+window_s = 20
+[[webhook]]
+url = "http://127.0.0.1:9093/"
+format = "alertmanager"
+minimum_severity = "minor"
+authorization_file = "secret"
+[events]
+keep_rows = 1_000
+[metrics]
+pids = "all"
+[influx]
+url = "https://db.example.net/write?db=tv"
+)";
+
+}  // namespace
+
+TEST_F(StationChannels, ConfigurationIsReadAndItsEffectiveFormReadsBackEqual) {
+    write("secret", "Bearer abc\n");
+    const ConfigurationResult result = readConfiguration(write("station.toml", kExample));
+    ASSERT_THAT(result.mistakes, IsEmpty()) << result.mistakes[0].message();
+    const Configuration& read = result.configuration;
+    EXPECT_THAT(result.notes, SizeIs(1)) << "everybody can read, nobody can change";
+    ASSERT_THAT(read.channels, SizeIs(2));
+    EXPECT_EQ(read.channels[0].name, "News \"HD\" é \\");
+    EXPECT_EQ(read.channels[0].place.line, 6u);
+    EXPECT_EQ(read.channels[1].name, "239.1.1.2");
+    EXPECT_EQ(read.playlists[0].file, directory / "channels.m3u");
+    EXPECT_EQ(read.webhooks[0].authorization, "Bearer abc");
+    EXPECT_EQ(read.webhooks[0].url, "http://127.0.0.1:9093");
+    const std::size_t bitrate = *findAlarmType("bitrate_low");
+    const std::size_t continuity = *findAlarmType("continuity");
+    EXPECT_EQ(read.profiles.at("h d")[bitrate].raiseDelay, 250ms);
+    EXPECT_FALSE(read.profiles.at("default")[bitrate].enabled);
+    EXPECT_EQ(read.profiles.at("h d")[continuity].count, 3u) << "profiles start from the default one";
+
+    std::ostringstream out;
+    std::ostringstream errors;
+    ASSERT_EQ(reportConfiguration(result, out, errors), 0);
+    EXPECT_THAT(out.str(), Not(HasSubstr("abc")));
+    const ConfigurationResult again = parseConfiguration(out.str(), "/elsewhere/station.toml");
+    ASSERT_THAT(again.mistakes, IsEmpty()) << again.mistakes[0].message();
+    EXPECT_TRUE(again.configuration == read);
+    EXPECT_FALSE(again.configuration == Configuration{});
+}
+
+TEST_F(StationChannels, EveryMistakeIsToldWithItsPlace) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"a = \"x\nb = 1", "1:7: "},
+        {"keep_days = 3", "1:1: \"keep_days\" is no key"},
+        {"passive = 0\n\nlisten = \"localhost:1\"",
+         "1:11: \"passive\" must be true|3:10: \"listen\" must be"},
+        {"[events]\nkeep_days = 0\nkeep_rows = 1.5",
+         "2:13: \"keep_days\" must be|3:13: \"keep_rows\" must be"},
+        {"[channel]\ngroup = \"239.1.1.1\"", "1:1: this must be a list"},
+        {"[[channel]]\nname = \"x\"\n[[channel]]\ngroup = \"10.0.0.1\"",
+         "1:1: [[channel]] has no|4:9: \"group\" must be"},
+        {"[[channel]]\ngroup = \"239.1.1.1\"\nnane = \"x\"\n[[channel]]\ngroup = \"239.1.1.1\"",
+         "3:1: \"nane\" is no key|5:9: group 239.1.1.1 stands in line 2 already"},
+        {"[[channel]]\ngroup = \"239.1.1.1\"\nname = \"a\\u0007\"\nprofile = \"sd\"\nlabels = { a = 1 }",
+         "3:8: \"name\" must be|4:11: no [profile.sd]|5:16: \"a\" must be a string"},
+        {"[profile.x.continuty]\n[profile.y]\ncrc = 1",
+         "1:12: there is no alarm \"continuty\"|3:7: this must be a table"},
+        {"[profile.x.jitter]\nraise_level = nan\ncount = 3\nseverity = \"bad\"",
+         "2:15: \"raise_level\" must be|3:1: \"count\" is no key of alarm jitter|4:12: \"severity\" must be "
+         "one of"},
+        {"[profile.x.jitter]\nraise_level = 1\n[profile.x.mos]\nraise_level = 4",
+         "1:1: clear_level 2000 must not be above|3:1: clear_level 3.5 must not be below"},
+        {"[profile.x.crc]\ncount = 0\n[profile.x.pat]\nerror_seconds = 30",
+         "1:1: count and error_seconds are both 0|3:1: error_seconds 30 can never"},
+        {"[[webhook]]\nurl = \"http://me:pw@h/\"\ntimeout_s = 0\nauthorization_file = \"none\"",
+         "2:7: \"url\" must not carry a password|3:13: \"timeout_s\" must be|4:22: "},
+    };
+    for (const auto& [text, wanted] : cases) {
+        std::string found;
+        for (const Mistake& mistake : parseConfiguration(text, directory / "s.toml").mistakes) {
+            found += mistake.message() + "\n";
+        }
+        std::istringstream parts(wanted);
+        std::size_t count = 0;
+        for (std::string part; std::getline(parts, part, '|'); ++count) {
+            EXPECT_THAT(found, HasSubstr((directory / "s.toml").string() + ":" + part)) << text;
+        }
+        EXPECT_EQ(static_cast<std::size_t>(std::count(found.begin(), found.end(), '\n')), count) << found;
+    }
+    mkfifo((directory / "pipe").c_str(), 0600);
+    for (const char* name : {"none", ".", "pipe"}) {
+        EXPECT_THAT(readConfiguration(directory / name).mistakes, SizeIs(1)) << name;
+    }
+}
+
+TEST_F(StationChannels, ManualHasEveryKeyAndAlarm) {
+    std::ostringstream manual;
+    manual << std::ifstream(KESTOR_SOURCE_DIR "/docs/station.md").rdbuf();
+    std::size_t rows = 0;
+    for (const KeyDescription& key : describeKeys()) {
+        std::ostringstream row;
+        row << "| `" << key.name << "` | " << key.type << " | " << key.unit << " | " << key.defaultValue
+            << " | " << key.meaning << " |\n";
+        EXPECT_THAT(manual.str(), HasSubstr(row.str()));
+        ++rows;
+    }
+    // As the effective configuration has them, without line ends.
+    const std::string effective = effectiveConfiguration({});
+    for (const AlarmType& type : alarmTypes()) {
+        const std::string header = "[profile.default." + std::string(type.name) + "]\n";
+        std::istringstream block(effective.substr(effective.find(header) + header.size()));
+        std::string defaults;
+        for (std::string line; std::getline(block, line) && !line.empty();) {
+            defaults += (defaults.empty() ? "" : ", ") + line;
+        }
+        std::ostringstream row;
+        row << "| `" << type.name << "` | " << alarmKindName(type.kind) << " | " << type.unit << " | "
+            << type.meaning << " | " << defaults << " |\n";
+        EXPECT_THAT(manual.str(), HasSubstr(row.str()));
+        ++rows;
+    }
+    std::size_t written = 0;
+    for (std::size_t at = 0; (at = manual.str().find("\n| `", at)) != std::string::npos; ++at) {
+        ++written;
+    }
+    EXPECT_EQ(written, rows) << "rows of keys or alarms that there are not";
+}
+
+TEST_F(StationChannels, PlaylistsAreReadInEveryDialect) {
+    struct Case {
+        std::string text;
+        std::string group, name, source;
+        int port;
+        std::string label;  // "group"
+    };
+    const std::string g = "udp://@239.1.1.1:1234\n";
+    const Case cases[] = {
+        {g, "239.1.1.1", "239.1.1.1", "", 1234, ""},
+        {"\xEF\xBB\xBF#EXTM3U url-tvg=\"x, y\"\r\n#EXTINF:-1,A, B\r\n" + g, "239.1.1.1", "A, B", "", 1234,
+         ""},
+        {"#EXTINF:0 tvg-id=\"i\" group-title=\"N, W\",Caf\xE9\r" + g, "239.1.1.1", "Café", "", 1234, "N, W"},
+        {"#extinf: -1.5 group-title='it\"s' tvg-name=x,\"Q\" \n" + g, "239.1.1.1", "\"Q\"", "", 1234,
+         "it\"s"},
+        {"#EXTINF:-1 tvg-id= group-title=News tvg-name=\"T, N\"\n" + g, "239.1.1.1", "T, N", "", 1234,
+         "News"},
+        {"#EXTINF:-1 tvg-name=\"open,The name\n" + g, "239.1.1.1", "The name", "", 1234, ""},
+        {"#EXTINF:No number\n" + g, "239.1.1.1", "No number", "", 1234, ""},
+        {"#EXTGRP:Sport\n#EXTINF:-1,S\n#EXTVLCOPT:x\n\n" + g, "239.1.1.1", "S", "", 1234, "Sport"},
+        {"udp://239.1.1.1:1", "239.1.1.1", "239.1.1.1", "", 1, ""},
+        {"udp:@239.1.1.1:1/", "239.1.1.1", "239.1.1.1", "", 1, ""},
+        {"  RTP://@239.1.1.1:1?pkt_size=1316&x=a/udp/b  ", "239.1.1.1", "239.1.1.1", "", 1, ""},
+        {"rtp://10.0.0.7@232.1.1.1:65535/", "232.1.1.1", "232.1.1.1", "10.0.0.7", 65535, ""},
+        {"udp://@239.1.1.1", "239.1.1.1", "239.1.1.1", "", 0, ""},
+        {"http://proxy:4022/udp/239.1.1.1:5000/", "239.1.1.1", "239.1.1.1", "", 5000, ""},
+        {"HTTP://u:p@10.0.0.1:4022/a/RTP/10.9.9.9@239.1.1.1:5000?x", "239.1.1.1", "239.1.1.1", "10.9.9.9",
+         5000, ""},
+    };
+    for (const Case& wanted : cases) {
+        const Playlist playlist = parsePlaylist(wanted.text);
+        ASSERT_THAT(playlist.channels, SizeIs(1)) << wanted.text;
+        const Channel& found = playlist.channels[0];
+        EXPECT_EQ(found.group.text(), wanted.group) << wanted.text;
+        EXPECT_EQ(found.name, wanted.name) << wanted.text;
+        EXPECT_EQ(found.source, wanted.source) << wanted.text;
+        EXPECT_EQ(found.port, wanted.port) << wanted.text;
+        EXPECT_EQ(found.labels.contains("group") ? found.labels.at("group") : "", wanted.label)
+            << wanted.text;
+        EXPECT_EQ(found.origin, Origin::kPlaylist);
+    }
+    for (const char* line : {"http://cdn/live.m3u8", "udp://@10.0.0.1:5000", "udp://@[ff02::1]:5000",
+                             "239.1.1.1:5000", "udp://@239.1.1.1:70000", "udp://@239.01.1.1:1",
+                             "http://239.1.1.1/udp", "http://h?/udp/239.1.1.1", "/udp/"}) {
+        const Playlist playlist = parsePlaylist("#EXTM3U\n#EXTINF:-1,N\n" + std::string(line) + "\n" + g);
+        ASSERT_THAT(playlist.channels, SizeIs(1)) << line;
+        EXPECT_EQ(playlist.channels[0].name, "239.1.1.1")
+            << "the name belonged to what was skipped: " << line;
+        EXPECT_EQ(playlist.skipped, 1u) << line;
+        ASSERT_THAT(playlist.notes, SizeIs(1));
+        EXPECT_EQ(playlist.notes[0].line, 3u);
+        EXPECT_EQ(playlist.notes[0].text,
+                  "no multicast group in \"" + std::string(line) + "\"; line skipped");
+    }
+}
+
+TEST_F(StationChannels, HostilePlaylistsAreBoundedAndReadBack) {
+    const std::string longName(10'000, 'n');
+    std::string text =
+        "#EXTM3U\n#EXTINF:-1 tvg-chno=\"12.1\" tvg-logo=\"https://l/x.png\" tvg-id=\"a'b\" group-title='G "
+        "\"1\"'," +
+        longName +
+        "\nudp://10.1.1.1@239.1.1.1:7\n#EXTINF:-1,<script>\x01\xE2\x80\xAE\nudp://@239.1.1.2\nudp://"
+        "@239.1.1.1:9\n";
+    text +=
+        std::string(70'000, '\0') + "\n" + std::string(300, '\xFF') + "\nudp://" + std::string(100'000, '@');
+    const Playlist playlist = parsePlaylist(text);
+    ASSERT_THAT(playlist.channels, SizeIs(2));
+    EXPECT_EQ(playlist.channels[0].name, std::string(kNameLimit, 'n'));
+    EXPECT_EQ(playlist.channels[0].number, 12);
+    EXPECT_EQ(playlist.channels[1].name, "<script>\xE2\x80\xAE");
+    EXPECT_EQ(playlist.skipped, 3u);
+    ASSERT_THAT(playlist.notes, SizeIs(5));
+    EXPECT_EQ(playlist.notes[1].text, "239.1.1.1 stands in line 3 already; line skipped");
+
+    ChannelMap channels;
+    for (const Channel& one : playlist.channels) {
+        channels.emplace(one.group, one);
+    }
+    const Playlist again = parsePlaylist(writePlaylist(channels));
+    ASSERT_THAT(again.channels, SizeIs(2));
+    channels.at(group("239.1.1.1")).labels["group"] = "G '1'";
+    channels.at(group("239.1.1.2")).port = 5000;
+    EXPECT_TRUE(again.channels[0] == channels.at(group("239.1.1.1")));
+    EXPECT_TRUE(again.channels[1] == channels.at(group("239.1.1.2")));
+
+    std::string many;
+    for (std::size_t i = 0; i < kChannelsLimit + 5; ++i) {
+        many += "udp://@239.2." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ":1\n";
+    }
+    EXPECT_THAT(parsePlaylist(many).channels, SizeIs(kChannelsLimit));
+    EXPECT_EQ(parsePlaylist(many).skipped, 5u);
+
+    // A file that is being written, or is something else, is no empty list.
+    std::string problem;
+    for (const char* broken : {"", "no playlist\n", "#EXTM3U\nudp://@239.1"}) {
+        EXPECT_FALSE(readPlaylist(write("p.m3u", broken), problem)) << broken;
+        EXPECT_THAT(problem, HasSubstr("holds no multicast group"));
+    }
+    EXPECT_FALSE(readPlaylist(directory / "none.m3u", problem));
+    EXPECT_TRUE(readPlaylist(write("p.m3u", "#EXTM3U\n"), problem));
+}
+
+TEST_F(StationChannels, OneSetIsMadeByPrecedence) {
+    const Configuration configuration =
+        parseConfiguration(
+            "[[channel]]\ngroup = \"239.1.1.1\"\nname = \"c1\"\n[[channel]]\ngroup = \"239.1.1.2\"\n"
+            "name = \"c2\"\n[[channel]]\ngroup = \"239.1.1.3\"\n[profile.hd]",
+            "/e/station.toml")
+            .configuration;
+    RuntimeChannels runtime;
+    runtime.emplace(group("239.1.1.2"), RuntimeChannel{channel("239.1.1.2", "r2", Origin::kRuntime)});
+    runtime.at(group("239.1.1.2")).channel.profile = "gone";
+    runtime.emplace(group("239.1.1.3"), RuntimeChannel{channel("239.1.1.3", "", Origin::kRuntime), true});
+    const fs::path first = write("a.m3u",
+                                 "#EXTINF:-1 group-title=own,p1\nudp://@239.1.1.1:1\n#EXTINF:-1 "
+                                 "group-title=own,p4\nudp://@239.1.1.4:1\n");
+    const fs::path second =
+        write("b.m3u", "\n#EXTINF:-1,q4\nudp://@239.1.1.4:1\n#EXTINF:-1,q5\nudp://@239.1.1.5:1\n");
+    std::string problem;
+    const MergedChannels merged =
+        mergeChannels(runtime, configuration,
+                      {{{first, "hd", {{"group", "given"}, {"site", "n"}}}, *readPlaylist(first, problem)},
+                       {{second, "default", {}}, *readPlaylist(second, problem)}});
+    std::vector<std::string> names;
+    for (const auto& [key, one] : merged.channels) {
+        names.push_back(one.name + " " + std::string(originName(one.origin)) + " " + one.profile);
+    }
+    EXPECT_THAT(names, ElementsAre("c1 config default", "r2 runtime default", "p4 playlist hd",
+                                   "q5 playlist default"));
+    EXPECT_EQ(merged.channels.at(group("239.1.1.4")).labels, (Labels{{"group", "own"}, {"site", "n"}}));
+    EXPECT_THAT(merged.notes,
+                ElementsAre(HasSubstr("239.1.1.2 names profile \"gone\""),
+                            "239.1.1.2 was changed at run time; what /e/station.toml:5 says does not hold",
+                            "239.1.1.3 was removed at run time; what /e/station.toml:8 says does not hold",
+                            "239.1.1.1 stands in /e/station.toml:2 and in " + first.string() +
+                                ":2; /e/station.toml:2 holds",
+                            "239.1.1.4 stands in " + first.string() + ":4 and in " + second.string() +
+                                ":3; " + first.string() + ":4 holds"));
+
+    ChannelMap after = merged.channels;
+    EXPECT_THAT(compareChannels(merged.channels, after).changed, IsEmpty());
+    after.at(group("239.1.1.4")).place.line = 99;  // an entry that only moved is the same channel
+    after.at(group("239.1.1.1")).name = "other";
+    after.erase(group("239.1.1.2"));
+    after.emplace(group("239.1.1.9"), channel("239.1.1.9", "new"));
+    const ChannelDifference difference = compareChannels(merged.channels, after);
+    EXPECT_THAT(difference.added, ElementsAre(channel("239.1.1.9", "new")));
+    EXPECT_THAT(difference.removed, ElementsAre(merged.channels.at(group("239.1.1.2"))));
+    ASSERT_THAT(difference.changed, SizeIs(1));
+    EXPECT_EQ(difference.changed[0].second.name, "other");
+}
+
+TEST_F(StationChannels, ChannelsOfTheRunTimeSurviveWhateverHappensToTheirFile) {
+    const RuntimeChannelFile file(directory);
+    std::string problem;
+    EXPECT_THAT(file.load(problem), IsEmpty());
+    EXPECT_EQ(problem, "");
+    RuntimeChannels channels;
+    Channel full = channel("239.1.1.1", "N\xC3\xA9 \"x\"", Origin::kRuntime);
+    full.labels = {{"site", "north"}};
+    full.enabled = false;
+    full.source = "10.0.0.1";
+    full.port = 5000;
+    full.number = 7;
+    full.logo = "https://l/x.png";
+    channels.emplace(full.group, RuntimeChannel{full});
+    channels.emplace(group("239.1.1.2"),
+                     RuntimeChannel{channel("239.1.1.2", "239.1.1.2", Origin::kRuntime), true});
+    ASSERT_EQ(file.save(channels), "");
+    EXPECT_TRUE(file.load(problem) == channels);
+
+    // What cannot be written leaves the old file whole.
+    fs::create_directory(directory / "channels.json.new");
+    EXPECT_THAT(file.save({}), HasSubstr("cannot be created"));
+    EXPECT_TRUE(file.load(problem) == channels);
+    fs::remove(directory / "channels.json.new");
+
+    const std::string whole = read("channels.json");
+    struct Case {
+        std::string text;
+        std::size_t left;
+    };
+    const Case cases[] = {
+        {whole.substr(0, whole.size() / 2), 0},
+        {std::string(5000, '['), 0},
+        {std::string(whole).replace(whole.find("\"239.1.1.2\""), 11, "\"10.1.1.2\""), 1},
+        {std::string(whole).replace(whole.find("5000"), 4, "99999"), 1},
+        {std::string(whole).replace(whole.find("\"north\""), 7, "[17]"), 1},
+    };
+    for (const Case& damaged : cases) {
+        write("channels.json", damaged.text);
+        EXPECT_THAT(file.load(problem), SizeIs(damaged.left)) << damaged.text;
+        EXPECT_THAT(problem, HasSubstr("put aside"));
+        EXPECT_EQ(read("channels.json.damaged"), damaged.text);
+        EXPECT_THAT(file.load(problem), SizeIs(damaged.left)) << "what could be read is kept";
+        EXPECT_EQ(problem, "");
+    }
+}
+
+TEST_F(StationChannels, FilesAreWatchedWhateverHappensToThem) {
+    const fs::path list = directory / "list.m3u";
+    const fs::path link = directory / "link.m3u";
+    const fs::path deep = directory / "not" / "yet" / "deep.m3u";
+    fs::create_directory(directory / "v1");
+    fs::create_directory(directory / "v2");
+    write("v1/target", "1");
+    write("v2/target", "2");
+    fs::create_symlink("v1", directory / "current");
+    fs::create_symlink("current/target", link);
+    write("list.m3u", "a");
+    FileWatch watch;
+    ASSERT_GE(watch.descriptor(), 0);
+    watch.watch({list, link, deep});
+
+    // Names of what is told within a time, which ends with the first of it.
+    const auto told = [&](std::chrono::milliseconds time) {
+        std::vector<std::string> names;
+        const auto deadline = std::chrono::steady_clock::now() + time;
+        while (names.empty() && std::chrono::steady_clock::now() < deadline) {
+            pollfd ready{watch.descriptor(), POLLIN, 0};
+            poll(&ready, 1, 50);
+            for (const fs::path& path : watch.changed()) {
+                names.push_back(path.filename());
+            }
+        }
+        return names;
+    };
+    struct Step {
+        const char* what;
+        std::function<void()> act;
+        const char* told;
+    };
+    const Step steps[] = {
+        {"another file", [&] { write("other", "x"); }, ""},
+        {"overwritten", [&] { write("list.m3u", "bb"); }, "list.m3u"},
+        {"replaced", [&] { fs::rename(write("list.tmp", "cc"), list); }, "list.m3u"},
+        {"removed", [&] { fs::remove(list); }, "list.m3u"},
+        {"made again", [&] { write("list.m3u", "dd"); }, "list.m3u"},
+        {"its directory's link moved",
+         [&] {
+             fs::create_symlink("v2", directory / "next");
+             fs::rename(directory / "next", directory / "current");
+         },
+         "link.m3u"},
+        {"written behind the links", [&] { write("v2/target", "22"); }, "link.m3u"},
+        {"no longer behind the links", [&] { write("v1/target", "11"); }, ""},
+        {"its directories made", [&] { fs::create_directories(deep.parent_path()); }, ""},
+        {"made in them", [&] { write("not/yet/deep.m3u", "x"); }, "deep.m3u"},
+        {"its directory moved away", [&] { fs::rename(directory / "not", directory / "gone"); }, "deep.m3u"},
+    };
+    for (const Step& step : steps) {
+        step.act();
+        const bool silent = step.told[0] == '\0';
+        EXPECT_THAT(told(silent ? 500ms : 5000ms),
+                    testing::ElementsAreArray(silent ? std::vector<std::string>{}
+                                                     : std::vector<std::string>{step.told}))
+            << step.what;
+    }
+
+    // Written in pieces with the file open all the while: not told before it is closed.
+    std::ofstream open(list, std::ios::binary);
+    open << "half" << std::flush;
+    EXPECT_THAT(told(500ms), IsEmpty());
+    open << "whole" << std::flush;
+    open.close();
+    EXPECT_THAT(told(5000ms), ElementsAre("list.m3u"));
+    fs::remove(list);
+    ASSERT_THAT(told(5000ms), ElementsAre("list.m3u"));
+    std::ofstream made(list, std::ios::binary);
+    made << "half" << std::flush;
+    EXPECT_THAT(told(800ms), IsEmpty());
+    made.close();
+    EXPECT_THAT(told(5000ms), ElementsAre("list.m3u"));
+
+    // More events than the kernel queues: nothing is lost for good.
+    const int flood = 40'000;
+    for (int i = 0; i < flood; ++i) {
+        fs::rename(i % 2 == 0 ? directory / "other" : directory / "another",
+                   i % 2 == 0 ? directory / "another" : directory / "other");
+    }
+    write("list.m3u", "after the flood");
+    EXPECT_THAT(told(5000ms), ElementsAre("list.m3u"));
+}
