@@ -13,7 +13,6 @@
 #include <stdexcept>
 
 #include "channels/fileWatch.h"
-#include "channels/textFile.h"
 #include "common/log.h"
 
 namespace station {
@@ -48,10 +47,11 @@ struct FileKeeper::Implementation {
 
     LoadedFiles load() {
         LoadedFiles files;
+        watchFiles();  // before reading: what changes meanwhile is read again
         loadConfiguration(files);
         if (configuration) {
-            loadPlaylists(files);
             watchFiles();
+            loadPlaylists(files);
         }
         return files;
     }
@@ -77,13 +77,10 @@ struct FileKeeper::Implementation {
     void loadPlaylists(LoadedFiles& files) {
         for (const PlaylistSource& source : configuration->playlists) {
             std::string problem;
-            Playlist playlist = parsePlaylist(readTextFile(source.file, kPlaylistLimit, problem));
-            if (problem.empty() && playlist.channels.empty()) {
-                problem = "it names no channel";
-            }
+            std::optional<Playlist> playlist = readPlaylist(source.file, problem);
             const auto known = lastGood.find(source.file);
-            if (!problem.empty()) {
-                std::string text = "playlist " + source.file.string() + ": " + problem;
+            if (!playlist) {
+                std::string text = "playlist " + source.file.string() + " " + problem;
                 if (known != lastGood.end()) {
                     text += "; its last good list of " + std::to_string(known->second.channels.size()) +
                             " channels holds";
@@ -92,12 +89,12 @@ struct FileKeeper::Implementation {
                 files.refusals.push_back(text);
             } else {
                 playlistTrouble[source.file].over("playlist " + source.file.string() + ": read, " +
-                                                  std::to_string(playlist.channels.size()) + " channels");
-                for (const PlaylistNote& note : playlist.notes) {
+                                                  std::to_string(playlist->channels.size()) + " channels");
+                for (const PlaylistNote& note : playlist->notes) {
                     files.notes.push_back(source.file.filename().string() + ":" + std::to_string(note.line) +
                                           ": " + note.text);
                 }
-                lastGood[source.file] = std::move(playlist);
+                lastGood[source.file] = std::move(*playlist);
             }
             if (const auto good = lastGood.find(source.file); good != lastGood.end()) {
                 files.playlists.emplace_back(source, good->second);
@@ -110,8 +107,10 @@ struct FileKeeper::Implementation {
         if (!options.configuration.empty()) {
             paths.push_back(options.configuration);
         }
-        for (const PlaylistSource& source : configuration->playlists) {
-            paths.push_back(source.file);
+        if (configuration) {
+            for (const PlaylistSource& source : configuration->playlists) {
+                paths.push_back(source.file);
+            }
         }
         watch.watch(paths);
     }
