@@ -109,6 +109,10 @@ class Snapshot {
     const Record& operator[](std::size_t index) const {
         return records_[index];
     }
+    // As it was parsed, lines that are no records included.
+    std::string_view text() const {
+        return text_ ? std::string_view(*text_) : std::string_view();
+    }
 
   private:
     friend Snapshot parseSnapshot(std::string text, const BadLine& badLine);

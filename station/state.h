@@ -70,6 +70,7 @@ struct StationState {
     Now now;
     WallTime started;
     ProbeState probe;
+    std::shared_ptr<const records::Snapshot> snapshot;          // the last one; null before the first
     std::vector<std::shared_ptr<const ChannelState>> channels;  // in the order of groups
     std::vector<Alarm> alarms;                                  // all active ones, newest first
     std::vector<Maintenance> maintenance;

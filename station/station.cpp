@@ -82,6 +82,7 @@ struct Station::Implementation {
     AlarmEngine engine;
     EventDesk desk;
     std::map<Group, WatchedChannel> watched;
+    std::shared_ptr<const records::Snapshot> lastRecords;
     ProbeState probe;
     SteadyTime lastRequest;
     SteadyTime lastSnapshot;
@@ -369,6 +370,7 @@ struct Station::Implementation {
         }
         take(changes, now);
         controller->shown(shown, raw.began.steady);
+        lastRecords = snapshot;
         use.lastSnapshotCpuMs = threadCpuMs() - cpuBefore;
     }
 
@@ -439,6 +441,7 @@ struct Station::Implementation {
         state->now = now;
         state->started = started;
         state->probe = probeState();
+        state->snapshot = lastRecords;
         state->channels.reserve(watched.size());
         for (auto& [group, channel] : watched) {
             state->channels.push_back(channelState(channel, now));

@@ -20,5 +20,6 @@ int main(int argc, char** argv) {
         std::perror(script.c_str());
         return 1;
     }
+    setenv("KESTOR_STATION", "/tmp/station.sock", 1);  // not that of a station on this machine
     return RUN_ALL_TESTS();
 }

@@ -1,12 +1,15 @@
-// kestorctl: tells the probe what to monitor and shows what it finds.
+// kestorctl: tells the probe what to monitor and shows what it finds, through the station where one runs.
 #include <arpa/inet.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "controllerLink.h"
 #include "scan.h"
+#include "stationClient.h"
+#include "stationCommands.h"
 #include "watch.h"
 
 namespace {
@@ -14,6 +17,9 @@ namespace {
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr int kLongestLatencyMs = 60'000;
+constexpr int kMostEvents = 1000;
+// The heading in --help of the commands that only a station answers.
+constexpr const char* kNeedsStation = "With a station";
 
 using configuration::ConfigurationMessage;
 
@@ -38,14 +44,19 @@ std::vector<std::string> unique(const std::vector<std::string>& groups) {
 }
 
 // Answers the probe's next request and says what it was told.
-int tell(const ConfigurationMessage& message, const std::string& said, std::chrono::milliseconds timeout) {
+int tell(const ConfigurationMessage& message, const std::string& said, std::chrono::milliseconds timeout,
+         bool json) {
     ControllerLink link;
     if (!link.waitForRequest(timeout)) {
         throw LinkError("no request from a probe within " + std::to_string(timeout.count() / 1000) +
                         " s; is kestor running?");
     }
     link.answer(message);
-    printf("sent: %s\n", said.c_str());
+    if (json) {
+        puts(nlohmann::ordered_json({{"sent", said}}).dump().c_str());
+    } else {
+        printf("sent: %s\n", said.c_str());
+    }
     return 0;
 }
 
@@ -56,6 +67,9 @@ struct Arguments {
     int igmpLatencyMs = 0;
     bool once = false;
     bool json = false;
+    std::string station = kStationSocket;
+    std::string m3u;
+    StationRequest request;
 
     std::chrono::milliseconds timeout() const {
         return std::chrono::milliseconds(static_cast<int64_t>(timeoutS * 1000));
@@ -78,19 +92,11 @@ void addLatency(CLI::App& command, const std::string& name, Arguments& arguments
         ->check(CLI::Range(1, kLongestLatencyMs));
 }
 
-int run(const CLI::App& app, const Arguments& arguments) {
-    const std::string command = app.get_subcommands().front()->get_name();
-    const std::vector<std::string> groups = unique(arguments.groups);
+// What a probe is told directly.
+int tellProbe(const std::string& command, const std::vector<std::string>& groups,
+              const Arguments& arguments) {
     ConfigurationMessage message;
     std::string said = command;
-    if (command == "watch") {
-        return runWatch({arguments.once, arguments.json, arguments.timeout()});
-    }
-    if (command == "scan") {
-        const auto latency =
-            arguments.igmpLatencyMs > 0 ? std::optional(arguments.igmpLatencyMs) : std::nullopt;
-        return runScan({groups, latency, arguments.json, arguments.timeout()});
-    }
     if (command == "clear") {
         message.mutable_clear()->set_clearall(true);
     } else if (command == "passive") {
@@ -106,7 +112,68 @@ int run(const CLI::App& app, const Arguments& arguments) {
             said += " " + group;
         }
     }
-    return tell(message, said, arguments.timeout());
+    return tell(message, said, arguments.timeout(), arguments.json);
+}
+
+int scan(const std::vector<std::string>& groups, const Arguments& arguments, bool stationRuns) {
+    if (stationRuns) {
+        throw LinkError(
+            "kestor-station holds the probe's controller port; stop it (systemctl stop kestor-station), "
+            "scan with kestor -c, and start it again");
+    }
+    const auto latency = arguments.igmpLatencyMs > 0 ? std::optional(arguments.igmpLatencyMs) : std::nullopt;
+    return runScan({groups, latency, arguments.json, arguments.timeout(), arguments.m3u});
+}
+
+int run(const CLI::App& app, Arguments arguments) {
+    const CLI::App& command = *app.get_subcommands().front();
+    const std::string name = command.get_name();
+    const std::vector<std::string> groups = unique(arguments.groups);
+    if (name == "watch") {
+        return runWatch({arguments.once, arguments.json, arguments.timeout(), arguments.station});
+    }
+    auto station = StationClient::find(arguments.station, arguments.timeout());
+    if (name == "scan") {
+        return scan(groups, arguments, station.has_value());
+    }
+    if (station) {
+        StationRequest& request = arguments.request;
+        request.command = name;
+        request.groups = groups;
+        request.on = arguments.onOff == "on";
+        request.latencyMs = arguments.igmpLatencyMs;
+        request.json = arguments.json;
+        return runStationCommand(*station, request);
+    }
+    if (command.get_group() == kNeedsStation) {
+        throw LinkError("no station listens at " + arguments.station + "; is kestor-station running?");
+    }
+    return tellProbe(name, groups, arguments);
+}
+
+void declareStationCommands(CLI::App& app, StationRequest& request) {
+    const auto add = [&](const char* name, const char* description) {
+        return app.add_subcommand(name, description)->group(kNeedsStation);
+    };
+    add("status", "Probe, channels and alarms in four lines");
+    add("channels", "All channels with their state");
+    add("alarms", "The alarms that are raised");
+    CLI::App* events = add("events", "What happened, newest last");
+    events->add_flag("--follow", request.follow, "And go on as it happens");
+    events->add_option("--limit", request.limit, "How many of the past")
+        ->capture_default_str()
+        ->check(CLI::Range(1, kMostEvents));
+    CLI::App* acknowledge = add("ack", "Acknowledge an alarm");
+    acknowledge->add_option("ID", request.id, "As kestorctl alarms shows it")
+        ->required()
+        ->check(CLI::PositiveNumber);
+    acknowledge->add_option("--remark", request.remark, "What is known or done about it");
+    acknowledge->add_option("--by", request.by, "Who says it")->envname("USER");
+    add("reload", "Read the configuration and the playlists again");
+    add("import", "Watch what a playlist names")
+        ->add_option("PLAYLIST", request.file, "M3U file; - for standard input")
+        ->required();
+    add("export", "The channels as a playlist");
 }
 
 void declare(CLI::App& app, Arguments& arguments) {
@@ -115,6 +182,11 @@ void declare(CLI::App& app, Arguments& arguments) {
     app.add_option("--timeout", arguments.timeoutS, "Seconds to wait for the probe")
         ->capture_default_str()
         ->check(CLI::Range(0.1, 86400.0));
+
+    app.add_option("--station", arguments.station, "The station's socket; \"\" for the probe itself")
+        ->capture_default_str()
+        ->envname("KESTOR_STATION");
+    app.add_flag("--json", arguments.json, "JSON, an object a line");
 
     addGroups(*app.add_subcommand("add", "Monitor groups"), arguments);
     addGroups(*app.add_subcommand("remove", "Stop monitoring groups"), arguments);
@@ -127,12 +199,20 @@ void declare(CLI::App& app, Arguments& arguments) {
 
     CLI::App* watch = app.add_subcommand("watch", "Show the live results");
     watch->add_flag("--once", arguments.once, "One snapshot, then end");
-    watch->add_flag("--json", arguments.json, "One JSON object a record");
 
     CLI::App* scan = app.add_subcommand("scan", "Find out which groups carry traffic (for kestor -c)");
     addGroups(*scan, arguments);
     addLatency(*scan, "--igmp-latency", arguments, false);
-    scan->add_flag("--json", arguments.json, "One JSON object a result");
+    scan->add_option("--m3u", arguments.m3u, "Write the groups that carry traffic as a playlist");
+    declareStationCommands(app, arguments.request);
+    app.footer(
+        "Examples:\n"
+        "  kestorctl add 239.1.1.1 239.1.1.2       watch two groups\n"
+        "  kestorctl watch                         the live table\n"
+        "  kestorctl import channels.m3u           watch what a playlist names\n"
+        "  kestorctl events --follow               what happens, as it happens\n"
+        "  kestorctl ack 17 --remark 'on it'       acknowledge an alarm\n"
+        "  kestorctl --json channels               for programs");
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 
@@ -23,6 +24,8 @@ constexpr int64_t kFactor = 10;
 
 // A probe in channel-scan mode asks every 2500 ms, one that monitors every 500 ms.
 constexpr std::chrono::milliseconds kMonitorAsksAgain = 1s;
+
+constexpr int kUsualPort = 5000;
 
 // Time for an answered request to come around, beyond what the scan itself takes.
 constexpr std::chrono::milliseconds kReportDelay = 10s;
@@ -68,6 +71,7 @@ class Scan {
             showProgress();
         }
         clearProgress();
+        writePlaylist();
         if (results_.size() < options_.groups.size()) {
             throw LinkError("the scan ended with " + std::to_string(results_.size()) + " of " +
                             std::to_string(options_.groups.size()) + " groups reported");
@@ -82,6 +86,25 @@ class Scan {
     std::map<std::string, int> results_;  // groups reported, with their status
     std::string underScan_;
     bool mentioned_ = false;
+
+    // The groups that carry traffic, in the order of the list. The scan does not learn their ports, and no
+    // reader of a playlist for monitoring needs them.
+    void writePlaylist() const {
+        if (options_.m3u.empty()) {
+            return;
+        }
+        std::ofstream file(options_.m3u, std::ios::trunc);
+        file << "#EXTM3U\n";
+        for (const std::string& group : options_.groups) {
+            if (const auto found = results_.find(group);
+                found != results_.end() && found->second == kAvailable) {
+                file << "#EXTINF:-1," << group << "\nudp://@" << group << ":" << kUsualPort << "\n";
+            }
+        }
+        if (!file.flush()) {
+            throw LinkError("cannot write " + options_.m3u);
+        }
+    }
 
     static ConfigurationMessage emptyResponse() {
         ConfigurationMessage message;

@@ -13,6 +13,7 @@ struct ScanOptions {
     std::optional<int> igmpLatencyMs;
     bool json = false;
     std::chrono::milliseconds timeout;  // how long the probe may stay away
+    std::string m3u;  // file for the groups that carry traffic, as a playlist; empty for none
 };
 
 // Has the probe scan the groups and prints each result; returns the exit status: 0 when all groups were

@@ -11,17 +11,23 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "probeEndpoints.h"
 #include "recordJson.h"
+#include "stationClient.h"
 #include "table.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+constexpr Clock::time_point kNoDeadline = Clock::time_point::max();
 
 // A writer that never ends its snapshot must not fill the memory.
 constexpr std::size_t kSnapshotLimit = std::size_t{64} << 20;
+
+// The station has a new snapshot about once a second.
+constexpr std::chrono::milliseconds kAsksStation = 200ms;
 
 struct FileDescriptor {
     int number;
@@ -35,7 +41,7 @@ struct FileDescriptor {
 // The text of one snapshot: what a writer sends between opening and closing the pipe. Opened without
 // waiting, so that the time can be limited; the writer waits for a reader anyway. Nothing when the time has
 // passed or the pipe cannot be read, which is said on standard error.
-std::optional<std::string> readSnapshot(std::optional<Clock::time_point> deadline) {
+std::optional<std::string> readSnapshot(Clock::time_point deadline) {
     const FileDescriptor pipe{open(RESULTS_FIFO_PATH, O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
     if (pipe.number < 0) {
         fprintf(stderr, "kestorctl: cannot read %s: %s (is kestor running?)\n", RESULTS_FIFO_PATH,
@@ -46,8 +52,8 @@ std::optional<std::string> readSnapshot(std::optional<Clock::time_point> deadlin
     std::array<char, 65536> buffer;
     for (;;) {
         int wait = -1;
-        if (deadline) {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now());
+        if (deadline != kNoDeadline) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
             wait = static_cast<int>(std::max<int64_t>(left.count(), 0));
         }
         pollfd item = {pipe.number, POLLIN, 0};
@@ -72,6 +78,21 @@ std::optional<std::string> readSnapshot(std::optional<Clock::time_point> deadlin
     }
 }
 
+// The next snapshot from the station, or nothing at the deadline, which is said on standard error.
+std::optional<std::string> askForSnapshot(StationClient& station, Clock::time_point deadline) {
+    for (;;) {
+        if (auto text = station.newSnapshot()) {
+            return text;
+        }
+        if (Clock::now() > deadline) {
+            fputs("kestorctl: no snapshot in time: the station has none from the probe (kestorctl status)\n",
+                  stderr);
+            return std::nullopt;
+        }
+        std::this_thread::sleep_for(kAsksStation);
+    }
+}
+
 void reportBadLine(std::size_t number, const std::string& problem) {
     fprintf(stderr, "kestorctl: line %zu skipped: %s\n", number, problem.c_str());
 }
@@ -80,8 +101,10 @@ void reportBadLine(std::size_t number, const std::string& problem) {
 
 int runWatch(const WatchOptions& options) {
     const bool redraw = !options.once && !options.json && isatty(STDOUT_FILENO) == 1;
+    auto station = StationClient::find(options.station, options.timeout);
     for (;;) {
-        auto text = readSnapshot(options.once ? std::optional(Clock::now() + options.timeout) : std::nullopt);
+        const auto deadline = options.once ? Clock::now() + options.timeout : kNoDeadline;
+        auto text = station ? askForSnapshot(*station, deadline) : readSnapshot(deadline);
         if (!text) {
             return 1;
         }

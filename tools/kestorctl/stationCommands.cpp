@@ -1,0 +1,395 @@
+#include "stationCommands.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <span>
+#include <string_view>
+#include <thread>
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// A call takes so much; a playlist of more goes in pieces.
+constexpr std::size_t kPieceBytes = 60 * 1024;
+constexpr std::chrono::milliseconds kLooksForEvents = 1s;
+constexpr int kEventsAtOnce = 1000;
+
+void print(const Json& value) {
+    puts(value.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+}
+
+// A member as an operator reads it.
+std::string text(const Json& object, const char* member) {
+    const auto found = object.find(member);
+    if (found == object.end() || found->is_null()) {
+        return "-";
+    }
+    if (found->is_string()) {
+        const auto value = found->get<std::string>();
+        return value.empty() ? "-" : value;
+    }
+    return found->dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// "2026-11-21 22:52:44" of an RFC 3339 time in UTC.
+std::string timeText(const Json& object, const char* member) {
+    std::string value = text(object, member);
+    if (value.size() > 19) {
+        value.resize(19);
+        value[10] = ' ';
+    }
+    return value;
+}
+
+std::string megabits(const Json& object) {
+    const auto found = object.find("bitRate");
+    if (found == object.end() || !found->is_number()) {
+        return "-";
+    }
+    std::array<char, 32> number{};
+    snprintf(number.data(), number.size(), "%.3f", found->get<double>() / 1e6);
+    return number.data();
+}
+
+// Characters of UTF-8, counting each as one cell.
+std::size_t cells(std::string_view value) {
+    return static_cast<std::size_t>(
+        std::ranges::count_if(value, [](char byte) { return (static_cast<uint8_t>(byte) & 0xC0) != 0x80; }));
+}
+
+std::string cut(const std::string& value, std::size_t width) {
+    if (cells(value) <= width) {
+        return value;
+    }
+    std::size_t end = 0;
+    for (std::size_t count = 0; end < value.size(); ++end) {
+        if ((static_cast<uint8_t>(value[end]) & 0xC0) != 0x80 && ++count == width) {
+            break;
+        }
+    }
+    return value.substr(0, end) + "…";
+}
+
+// Rows under headings, each column as wide as its longest text; the last is not padded.
+class Table {
+  public:
+    static constexpr std::size_t kWidest = 40;
+
+    explicit Table(std::vector<std::string> headings) {
+        rows_.push_back(std::move(headings));
+    }
+    void add(std::vector<std::string> row) {
+        rows_.push_back(std::move(row));
+    }
+    void print() const {
+        std::vector<std::size_t> widths(rows_[0].size());
+        for (const auto& row : rows_) {
+            for (std::size_t i = 0; i < row.size(); ++i) {
+                widths[i] = std::max(widths[i], std::min(cells(row[i]), kWidest));
+            }
+        }
+        for (const auto& row : rows_) {
+            std::string line;
+            for (std::size_t i = 0; i < row.size(); ++i) {
+                const bool last = i + 1 == row.size();
+                const std::string value = last ? row[i] : cut(row[i], kWidest);
+                line += value;
+                if (!last) {
+                    line.append(widths[i] - cells(value) + 2, ' ');
+                }
+            }
+            puts(line.c_str());
+        }
+    }
+
+  private:
+    std::vector<std::vector<std::string>> rows_;
+};
+
+std::string number(const Json& object, const char* member) {
+    return text(object, member);
+}
+
+int showStatus(StationClient& station, const StationRequest& request) {
+    const Json status = station.getJson("/api/v1/status");
+    if (request.json) {
+        print(status);
+        return 0;
+    }
+    const Json& probe = status.at("probe");
+    const Json& channels = status.at("channels");
+    const Json& alarms = status.at("alarms");
+    printf("station   %s, since %s UTC\n", text(status, "version").c_str(),
+           timeText(status, "started").c_str());
+    printf("probe     %s, last snapshot %s UTC, restarted %s times\n",
+           probe.value("connected", false) ? "connected" : "NOT CONNECTED",
+           timeText(probe, "lastSnapshot").c_str(), number(probe, "restarts").c_str());
+    printf("channels  %s configured, %s watched, %s with signal\n", number(channels, "configured").c_str(),
+           number(channels, "watched").c_str(), number(channels, "withSignal").c_str());
+    printf("alarms    %s critical, %s major, %s minor, %s warning\n", number(alarms, "critical").c_str(),
+           number(alarms, "major").c_str(), number(alarms, "minor").c_str(),
+           number(alarms, "warning").c_str());
+    for (const Json& note : status.value("notes", Json::array())) {
+        printf("note      %s\n", note.is_string() ? note.get<std::string>().c_str() : "");
+    }
+    return 0;
+}
+
+int showChannels(StationClient& station, const StationRequest& request) {
+    const Json channels = station.getJson("/api/v1/channels");
+    if (request.json) {
+        for (const Json& channel : channels) {
+            print(channel);
+        }
+        return 0;
+    }
+    if (channels.empty()) {
+        puts("no channels: kestorctl add GROUP... or kestorctl import PLAYLIST adds some");
+        return 0;
+    }
+    Table table({"GROUP", "STATE", "SEVERITY", "Mbit/s", "LOST", "CC ERR", "ORIGIN", "PROFILE", "NAME"});
+    for (const Json& channel : channels) {
+        table.add({text(channel, "group"), text(channel, "state"), text(channel, "severity"),
+                   megabits(channel), text(channel, "packetsLost"), text(channel, "Continuity_count_error"),
+                   text(channel, "origin"), text(channel, "profile"), text(channel, "name")});
+    }
+    table.print();
+    return 0;
+}
+
+int showAlarms(StationClient& station, const StationRequest& request) {
+    const Json alarms = station.getJson("/api/v1/alarms");
+    if (request.json) {
+        for (const Json& alarm : alarms) {
+            print(alarm);
+        }
+        return 0;
+    }
+    if (alarms.empty()) {
+        puts("no alarms");
+        return 0;
+    }
+    Table table({"ID", "SEVERITY", "ALARM", "GROUP", "SINCE (UTC)", "ACKNOWLEDGED", "CHANNEL"});
+    for (const Json& alarm : alarms) {
+        const auto acknowledged = alarm.find("acknowledged");
+        const bool is = acknowledged != alarm.end() && acknowledged->is_object();
+        const std::string by = is ? text(*acknowledged, "by") : std::string();
+        table.add({text(alarm, "id"), text(alarm, "severity"), text(alarm, "alarm"), text(alarm, "group"),
+                   timeText(alarm, "raised"),
+                   !is         ? "-"
+                   : by == "-" ? "yes"
+                               : by,
+                   text(alarm, "channel")});
+    }
+    table.print();
+    return 0;
+}
+
+void printEvent(const Json& event, bool json) {
+    if (json) {
+        print(event);
+        return;
+    }
+    std::string what = text(event, "kind");
+    if (const std::string alarm = text(event, "alarm"); alarm != "-") {
+        what = alarm + " " + what;
+    }
+    std::string who = text(event, "channel");
+    if (const std::string group = text(event, "group"); group != "-" && group != who) {
+        who = who == "-" ? group : who + " (" + group + ")";
+    }
+    printf("%s  %-8s  %-30s  %s%s%s\n", timeText(event, "time").c_str(), text(event, "severity").c_str(),
+           what.c_str(), who == "-" ? "" : who.c_str(), who == "-" ? "" : ": ", text(event, "text").c_str());
+}
+
+int showEvents(StationClient& station, const StationRequest& request) {
+    int64_t last = 0;
+    int limit = request.limit;
+    for (;;) {
+        Json events = station.getJson("/api/v1/events?limit=" + std::to_string(limit));
+        std::reverse(events.begin(), events.end());  // newest last, as a log
+        for (const Json& event : events) {
+            if (const int64_t id = event.value("id", int64_t{0}); id > last) {
+                last = id;
+                printEvent(event, request.json);
+            }
+        }
+        if (!request.follow) {
+            return 0;
+        }
+        fflush(stdout);
+        limit = kEventsAtOnce;
+        std::this_thread::sleep_for(kLooksForEvents);
+    }
+}
+
+struct Piece {
+    std::string text;
+    std::size_t firstLine = 0;  // lines of the playlist in front of it
+};
+
+// A playlist in pieces that a call takes, cut between entries: behind a line that is no comment.
+std::vector<Piece> pieces(std::string_view playlist) {
+    std::vector<Piece> result(1);
+    std::string entry;
+    std::size_t line = 0;
+    std::size_t entryLine = 0;
+    const auto flush = [&] {
+        if (!result.back().text.empty() && result.back().text.size() + entry.size() > kPieceBytes) {
+            result.push_back({{}, entryLine});
+        }
+        result.back().text += entry;
+        entry.clear();
+        entryLine = line;
+    };
+    while (!playlist.empty()) {
+        const std::size_t end = std::min(playlist.find('\n'), playlist.size() - 1);
+        const std::string_view text = playlist.substr(0, end + 1);
+        playlist.remove_prefix(end + 1);
+        ++line;
+        entry += text;
+        if (const std::size_t first = text.find_first_not_of(" \t\r\n");
+            first != std::string_view::npos && text[first] != '#') {
+            flush();
+        }
+    }
+    flush();
+    return result;
+}
+
+// "line 3: ..." of a piece, counted in the whole.
+std::string inWhole(const std::string& note, std::size_t firstLine) {
+    constexpr std::string_view kLine = "line ";
+    std::size_t digits = 0;
+    if (!note.starts_with(kLine)) {
+        return note;
+    }
+    const std::string rest = note.substr(kLine.size());
+    const unsigned long line = strtoul(rest.c_str(), nullptr, 10);
+    while (digits < rest.size() && rest[digits] >= '0' && rest[digits] <= '9') {
+        ++digits;
+    }
+    return std::string(kLine) + std::to_string(line + firstLine) + rest.substr(digits);
+}
+
+int importPlaylist(StationClient& station, const StationRequest& request) {
+    std::string playlist;
+    if (request.file == "-") {
+        playlist.assign(std::istreambuf_iterator<char>(std::cin), {});
+    } else {
+        std::ifstream file(request.file, std::ios::binary);
+        playlist.assign(std::istreambuf_iterator<char>(file), {});
+        if (!file) {
+            throw LinkError("cannot read " + request.file);
+        }
+    }
+    Json sum = {{"added", 0}, {"changed", 0}, {"skipped", 0}, {"notes", Json::array()}};
+    for (const Piece& piece : pieces(playlist)) {
+        const Json result = station.sendText("/api/v1/import", "text/plain", piece.text);
+        for (const char* count : {"added", "changed", "skipped"}) {
+            sum[count] = sum[count].get<int64_t>() + result.value(count, int64_t{0});
+        }
+        for (const Json& note : result.value("notes", Json::array())) {
+            sum["notes"].push_back(note.is_string() ? inWhole(note.get<std::string>(), piece.firstLine) : "");
+        }
+    }
+    if (request.json) {
+        print(sum);
+        return 0;
+    }
+    for (const Json& note : sum["notes"]) {
+        fprintf(stderr, "kestorctl: %s: %s\n", request.file.c_str(), note.get<std::string>().c_str());
+    }
+    printf("imported: %s added, %s changed, %s lines skipped\n", number(sum, "added").c_str(),
+           number(sum, "changed").c_str(), number(sum, "skipped").c_str());
+    return 0;
+}
+
+int exportPlaylist(StationClient& station, const StationRequest& request) {
+    if (request.json) {
+        return showChannels(station, request);
+    }
+    fputs(station.get("/api/v1/export").c_str(), stdout);
+    return 0;
+}
+
+int acknowledge(StationClient& station, const StationRequest& request) {
+    Json body = Json::object();
+    if (!request.by.empty()) {
+        body["by"] = request.by;
+    }
+    if (!request.remark.empty()) {
+        body["remark"] = request.remark;
+    }
+    const std::string id = std::to_string(request.id);
+    const Json alarm = station.send("POST", "/api/v1/alarms/" + id + "/acknowledge", body);
+    if (request.json) {
+        print(alarm);
+    } else {
+        printf("acknowledged: %s\n", id.c_str());
+    }
+    return 0;
+}
+
+int reload(StationClient& station, const StationRequest& request) {
+    const Json result = station.send("POST", "/api/v1/reload");
+    if (request.json) {
+        print(result);
+        return 0;
+    }
+    for (const Json& note : result.value("notes", Json::array())) {
+        fprintf(stderr, "kestorctl: %s\n", note.is_string() ? note.get<std::string>().c_str() : "");
+    }
+    puts("reloaded");
+    return 0;
+}
+
+// What a probe without station is told, too; said in the same words.
+int change(StationClient& station, const StationRequest& request) {
+    std::string said = request.command;
+    if (request.command == "clear") {
+        station.send("POST", "/api/v1/clear");
+    } else if (request.command == "passive") {
+        station.send("POST", "/api/v1/passive", {{"on", request.on}});
+        said += request.on ? " on" : " off";
+    } else if (request.command == "igmp-latency") {
+        station.send("POST", "/api/v1/igmp-latency", {{"milliseconds", request.latencyMs}});
+        said += " " + std::to_string(request.latencyMs);
+    } else {
+        for (const std::string& group : request.groups) {
+            if (request.command == "add") {
+                station.send("PUT", "/api/v1/channels/" + group, Json::object());
+            } else {
+                station.send("DELETE", "/api/v1/channels/" + group);
+            }
+            said += " " + group;
+        }
+    }
+    if (request.json) {
+        print({{"sent", said}});
+    } else {
+        printf("sent: %s\n", said.c_str());
+    }
+    return 0;
+}
+
+struct Command {
+    std::string_view name;
+    int (*run)(StationClient&, const StationRequest&);
+};
+constexpr Command kCommands[] = {
+    {"status", showStatus},     {"channels", showChannels}, {"alarms", showAlarms}, {"events", showEvents},
+    {"import", importPlaylist}, {"export", exportPlaylist}, {"ack", acknowledge},   {"reload", reload},
+};
+
+}  // namespace
+
+int runStationCommand(StationClient& station, const StationRequest& request) {
+    const auto* const found = std::ranges::find(kCommands, request.command, &Command::name);
+    return found == std::end(kCommands) ? change(station, request) : found->run(station, request);
+}
