@@ -16,8 +16,9 @@ struct ServerOptions {
     std::filesystem::path socket;  // Unix socket, mode 0660; empty for none
     std::string token;             // for changes over TCP; empty: none are taken
     std::vector<std::string> allowedHosts;
-    std::filesystem::path page;      // the page's files
-    std::filesystem::path dygraphs;  // directory of dygraph.min.js and dygraph.min.css
+    std::filesystem::path page;  // the page's files
+    // Where Debian's libjs-dygraphs puts dygraph.min.js and dygraph.min.css.
+    std::filesystem::path dygraphs = "/usr/share/javascript/dygraphs";
 };
 
 struct ServerStatistics {

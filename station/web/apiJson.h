@@ -1,0 +1,40 @@
+// The answers of the API as JSON; docs/api.yaml describes them.
+#pragma once
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "state.h"
+#include "web/server.h"
+
+namespace station {
+
+std::string statusJson(const StationState& state);
+std::string channelsJson(const StationState& state);
+std::string channelJson(const StationState& state, const ChannelState& channel);
+std::string alarmsJson(const StationState& state);
+std::string alarmJson(const StationState& state, const Alarm& alarm);
+std::string alarmTypesJson();
+std::string metaJson(const StationState& state);
+std::string maintenanceJson(const Maintenance& window);
+std::string maintenanceListJson(const StationState& state);
+
+std::string eventsJson(std::span<const Event> events);
+// A line an event under a line of names (RFC 4180). What a spreadsheet would take for a formula is quoted for
+// it.
+std::string eventsCsv(std::span<const Event> events);
+
+std::string historyJson(const AskHistory& asked, std::span<const HistoryPoint> points);
+std::string overviewJson(WallTime time, const AskOverview& asked, std::span<const OverviewRow> rows);
+std::string importJson(const Answer& answer);
+std::string useJson(const StationUse& use, const ProbeState& probe, const EventStore::Statistics& store,
+                    std::span<const Delivery::ReceiverStatistics> delivery, const ServerStatistics& server);
+
+// Data of the event stream's events.
+std::string streamSnapshotJson(const StationState& state);
+std::string streamAlarmJson(const StationState& state);
+std::string streamChannelsJson(const StationState& state);
+
+}  // namespace station

@@ -1,0 +1,275 @@
+#include "web/connection.h"
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/rfc7230.hpp>
+
+namespace station {
+
+namespace {
+
+namespace asio = boost::asio;
+namespace http = boost::beast::http;
+using ErrorCode = boost::system::error_code;
+
+// The parser needs a whole head at once in the buffer.
+constexpr std::size_t kBufferBytes = Server::kHeaderBytes + 4096;
+constexpr std::size_t kUnaskedBytes = std::size_t{256} << 10;
+
+}  // namespace
+
+Connection::Connection(Socket&& socket, ConnectionShared& shared, std::string address,
+                       std::string localAddress)
+    : socket_(std::move(socket)),
+      shared_(shared),
+      address_(std::move(address)),
+      localAddress_(std::move(localAddress)),
+      deadline_(std::chrono::steady_clock::now() + kRequestTime),
+      buffer_(kBufferBytes) {}
+
+Connection::~Connection() {
+    if (stream_) {
+        --shared_.counters.streams;
+    }
+}
+
+void Connection::start() {
+    waitForRequest(kRequestTime);
+}
+
+void Connection::refuse() {
+    keepAlive_ = false;
+    Response response = problem(503, "Too many connections; try again in a moment");
+    answerProblem(std::move(response));
+}
+
+void Connection::tick(SteadyTime now) {
+    if (now >= deadline_ && phase_ == Phase::kHandling) {
+        respond(exchange_, problem(503, "The station did not answer in time"));
+    } else if (now >= deadline_ && phase_ != Phase::kClosed) {
+        if (phase_ == Phase::kWriting) {
+            ++shared_.counters.slowClosed;
+        }
+        close();
+    } else if (phase_ == Phase::kStreaming) {
+        nextEvent();
+    }
+}
+
+void Connection::wake() {
+    if (phase_ == Phase::kStreaming) {
+        nextEvent();
+    }
+}
+
+void Connection::close() {
+    phase_ = Phase::kClosed;
+    ErrorCode ignored;
+    socket_.close(ignored);
+}
+
+void Connection::setDeadline(std::chrono::seconds time) {
+    deadline_ = std::chrono::steady_clock::now() + time;
+}
+
+void Connection::waitForRequest(std::chrono::seconds time) {
+    phase_ = Phase::kIdle;
+    if (buffer_.size() > 0) {  // sent ahead, behind the last one
+        return readHead();
+    }
+    setDeadline(time);
+    socket_.async_wait(Socket::wait_read, [self = shared_from_this()](const ErrorCode& error) {
+        if (error) {
+            return self->close();
+        }
+        self->readHead();
+    });
+}
+
+void Connection::readHead() {
+    phase_ = Phase::kReading;
+    setDeadline(kRequestTime);
+    parser_.emplace();
+    setLimits(*parser_);
+    http::async_read_header(socket_, buffer_, *parser_,
+                            [self = shared_from_this()](const ErrorCode& error, std::size_t) {
+                                if (!error) {
+                                    self->readBody();
+                                } else if (auto refused = refuseMessage(error)) {
+                                    ++self->shared_.counters.malformed;
+                                    self->answerProblem(std::move(*refused));
+                                } else {
+                                    self->close();
+                                }
+                            });
+}
+
+void Connection::readBody() {
+    const auto expect = parser_->get()[http::field::expect];
+    if (!expect.empty() && !parser_->is_done()) {
+        if (!boost::beast::iequals(expect, "100-continue")) {
+            return answerProblem(problem(417, "Expect takes 100-continue alone", "Expect"));
+        }
+        // Fits into the socket's buffer, which is empty; a client that does not get it sends the body anyway.
+        constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+        ErrorCode ignored;
+        socket_.write_some(asio::buffer(kContinue.data(), kContinue.size()), ignored);
+    }
+    http::async_read(socket_, buffer_, *parser_,
+                     [self = shared_from_this()](const ErrorCode& error, std::size_t) {
+                         if (!error) {
+                             self->handleRequest();
+                         } else if (auto refused = refuseMessage(error)) {
+                             ++self->shared_.counters.malformed;
+                             self->answerProblem(std::move(*refused));
+                         } else {
+                             self->close();
+                         }
+                     });
+}
+
+void Connection::handleRequest() {
+    ++shared_.counters.requests;
+    phase_ = Phase::kHandling;
+    setDeadline(kAnswerTime);
+    keepAlive_ = parser_->keep_alive();
+    request_ = toRequest(parser_->release());
+    parser_.reset();
+    request_.localAddress = localAddress_;
+    request_.unixSocket = localAddress_.empty();
+    const uint64_t exchange = ++exchange_;
+    shared_.router.handle(request_, [weak = weak_from_this(), exchange](Response&& response) {
+        if (const auto self = weak.lock()) {
+            self->respond(exchange, std::move(response));
+        }
+    });
+}
+
+void Connection::answerProblem(Response&& response) {
+    keepAlive_ = false;
+    request_ = {};
+    phase_ = Phase::kHandling;
+    respond(++exchange_, std::move(response));
+}
+
+void Connection::respond(uint64_t exchange, Response&& response) {
+    if (exchange != exchange_ || phase_ != Phase::kHandling) {
+        return;
+    }
+    ++exchange_;  // one answer a request
+    keepAlive_ = keepAlive_ && !response.eventStream;
+    adapt(request_, response);
+    const PayloadPointer payload = response.body;
+    std::shared_ptr<const std::string> body;
+    if (payload != nullptr) {
+        body = {payload, response.compressed ? &payload->gzip() : &payload->text()};
+    }
+    const auto head = std::make_shared<const std::string>(
+        responseHead(response, body == nullptr ? std::string_view{} : *body, keepAlive_));
+    const bool withBody = body != nullptr && request_.method != Method::kHead;
+    if (response.eventStream && request_.method != Method::kHead) {
+        becomeStream();
+    }
+    phase_ = Phase::kWriting;
+    writeLimit_ = std::chrono::steady_clock::now() + kWholeTime;
+    send(withBody ? std::vector{head, body} : std::vector{head});
+}
+
+void Connection::send(std::vector<std::shared_ptr<const std::string>> parts) {
+    parts_ = std::move(parts);
+    sent_ = 0;
+    setDeadline(kProgressTime);
+    phase_ = Phase::kWriting;
+    writeSome();
+}
+
+void Connection::writeSome() {
+    std::array<asio::const_buffer, 2> buffers;
+    std::size_t skip = sent_;
+    std::size_t count = 0;
+    for (const auto& part : parts_) {
+        const std::size_t skipped = std::min(skip, part->size());
+        skip -= skipped;
+        if (skipped < part->size()) {
+            buffers.at(count++) = asio::buffer(part->data() + skipped, part->size() - skipped);
+        }
+    }
+    if (count == 0) {
+        return written();
+    }
+    socket_.async_write_some(buffers, [self = shared_from_this()](const ErrorCode& error, std::size_t bytes) {
+        if (error) {
+            return self->close();
+        }
+        self->sent_ += bytes;
+        const auto progress = std::chrono::steady_clock::now() + kProgressTime;
+        self->deadline_ = self->stream_ ? progress : std::min(progress, self->writeLimit_);
+        self->writeSome();
+    });
+}
+
+void Connection::written() {
+    parts_.clear();
+    if (phase_ == Phase::kClosed) {
+        return;
+    }
+    if (stream_) {
+        phase_ = Phase::kStreaming;
+        deadline_ = SteadyTime::max();
+        nextEvent();
+    } else if (keepAlive_) {
+        request_ = {};
+        waitForRequest(kIdleTime);
+    } else {
+        drain();
+    }
+}
+
+// What the client still sends is read for a moment: closing on it would make the kernel take the answer back.
+void Connection::drain() {
+    if (phase_ != Phase::kDraining) {
+        phase_ = Phase::kDraining;
+        setDeadline(kDrainTime);
+        ErrorCode ignored;
+        socket_.shutdown(Socket::shutdown_send, ignored);
+    }
+    socket_.async_read_some(asio::buffer(scratch_),
+                            [self = shared_from_this()](const ErrorCode& error, std::size_t bytes) {
+                                self->received_ += bytes;
+                                if (error || self->received_ > kUnaskedBytes) {
+                                    return self->close();
+                                }
+                                self->drain();
+                            });
+}
+
+void Connection::becomeStream() {
+    ++shared_.counters.streams;
+    stream_.emplace();
+    ErrorCode ignored;
+    socket_.set_option(asio::socket_base::send_buffer_size(kStreamSendBuffer), ignored);
+    shared_.refreshEvents();
+    watchStream();
+}
+
+void Connection::nextEvent() {
+    const PayloadPointer payload = shared_.events.next(*stream_, std::chrono::steady_clock::now());
+    if (payload != nullptr) {
+        send({std::shared_ptr<const std::string>(payload, &payload->text())});
+    }
+}
+
+// Nothing is expected from a stream's client but its end.
+void Connection::watchStream() {
+    socket_.async_read_some(asio::buffer(scratch_),
+                            [self = shared_from_this()](const ErrorCode& error, std::size_t bytes) {
+                                self->received_ += bytes;
+                                if (error || self->received_ > kUnaskedBytes) {
+                                    return self->close();
+                                }
+                                self->watchStream();
+                            });
+}
+
+}  // namespace station

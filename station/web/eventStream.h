@@ -1,0 +1,49 @@
+// Server-sent events (HTML, clause 9.2): what is sent to whom, without the connections.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string_view>
+
+#include "state.h"
+#include "web/message.h"
+
+namespace station {
+
+// Builds each event once for all clients and keeps the newest of each kind. There is no queue: a client that
+// is not done with one gets the newest of the kinds that are due when it is. For the I/O thread.
+class EventStream {
+  public:
+    static constexpr std::chrono::seconds kCommentEvery{15};
+
+    // What a client is still owed, by kind of event.
+    class Client {
+        friend class EventStream;
+        std::array<uint64_t, 3> sent_{};  // numbers of the payloads; 0 for none
+        bool greeted_ = false;
+        SteadyTime comment_{};  // when one is due
+    };
+
+    // Builds what differs from the last state.
+    void update(const StationState& state);
+    // The next thing to send, which counts as sent; null when nothing is due.
+    PayloadPointer next(Client& client, SteadyTime now) const;
+
+  private:
+    struct Kind {
+        std::string_view name;
+        std::string (*json)(const StationState& state);
+        uint64_t (*version)(const StationState& state);
+    };
+    static const std::array<Kind, 3> kKinds;  // in the order in which they are sent
+
+    struct Newest {
+        PayloadPointer payload;
+        uint64_t version = 0;
+        uint64_t number = 0;  // of the payload, which is its id
+    };
+    std::array<Newest, 3> newest_;
+    uint64_t lastNumber_ = 0;
+};
+
+}  // namespace station

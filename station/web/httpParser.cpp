@@ -1,0 +1,96 @@
+#include "web/httpParser.h"
+
+#include <algorithm>
+#include <boost/asio/buffer.hpp>
+#include <boost/beast/http/error.hpp>
+
+#include "web/server.h"
+
+namespace station {
+
+namespace {
+
+namespace http = boost::beast::http;
+
+Method methodOf(http::verb verb) {
+    switch (verb) {
+        case http::verb::get:
+            return Method::kGet;
+        case http::verb::head:
+            return Method::kHead;
+        case http::verb::post:
+            return Method::kPost;
+        case http::verb::put:
+            return Method::kPut;
+        case http::verb::delete_:
+            return Method::kDelete;
+        case http::verb::options:
+            return Method::kOptions;
+        default:
+            return Method::kOther;
+    }
+}
+
+std::string header(const HttpRequest& message, http::field field) {
+    const auto value = message[field];
+    return {value.data(), value.size()};
+}
+
+}  // namespace
+
+void setLimits(HttpParser& parser) {
+    parser.header_limit(Server::kHeaderBytes);
+    parser.body_limit(Server::kBodyBytes);
+}
+
+Request toRequest(HttpRequest&& message) {
+    Request request;
+    request.method = methodOf(message.method());
+    request.target.assign(message.target().data(), message.target().size());
+    request.hosts = message.count(http::field::host);
+    request.host = header(message, http::field::host);
+    request.http10 = message.version() < 11;
+    request.authorization = header(message, http::field::authorization);
+    request.contentType = header(message, http::field::content_type);
+    request.ifNoneMatch = header(message, http::field::if_none_match);
+    request.acceptEncoding = header(message, http::field::accept_encoding);
+    request.body = std::move(message.body());
+    return request;
+}
+
+std::optional<Response> refuseMessage(const boost::system::error_code& error) {
+    if (error == http::error::header_limit || error == http::error::buffer_overflow) {
+        return problem(431, "Target and headers may have at most 8 KiB");
+    }
+    if (error == http::error::body_limit) {
+        return problem(413, "A body may have at most 64 KiB; cut a playlist between its entries");
+    }
+    const bool ended = error == http::error::end_of_stream || error == http::error::partial_message;
+    static const auto& httpErrors = http::make_error_code(http::error::bad_method).category();
+    if (ended || error.category() != httpErrors) {
+        return std::nullopt;
+    }
+    return problem(400, "This is no HTTP/1.1 request (RFC 9112): " + error.message());
+}
+
+std::variant<Request, Response> parseRequest(std::string_view bytes) {
+    HttpParser parser;
+    setLimits(parser);
+    parser.eager(true);
+    boost::system::error_code error;
+    while (!parser.is_done() && !bytes.empty()) {
+        const std::size_t used = parser.put(boost::asio::buffer(bytes.data(), bytes.size()), error);
+        bytes.remove_prefix(std::min(used, bytes.size()));
+        if (error || used == 0) {
+            break;
+        }
+    }
+    if (!parser.is_done()) {
+        auto refused = refuseMessage(error);
+        return refused && error != http::error::need_more ? std::move(*refused)
+                                                          : problem(400, "The request is not whole");
+    }
+    return toRequest(parser.release());
+}
+
+}  // namespace station

@@ -1,0 +1,251 @@
+// Handlers that read.
+#include <algorithm>
+
+#include "channels/playlist.h"
+#include "common/text.h"
+#include "web/apiJson.h"
+#include "web/handlers.h"
+
+namespace station::handlers {
+
+namespace {
+
+constexpr int64_t kLargestLimit = 1000;
+constexpr int64_t kDefaultLimit = 100;
+constexpr int64_t kDefaultCells = 60;
+constexpr int64_t kDefaultCellSeconds = 5;
+
+// Reads parameters one after the other; the first mistake is kept.
+class QueryReader {
+  public:
+    explicit QueryReader(const Query& query) : query_(query) {}
+
+    // A parameter as `parse` reads it (a function that returns an optional); nothing when it is not given.
+    template <typename Parse>
+    auto read(std::string_view name, std::string_view wanted, Parse parse) {
+        const std::string* text = query_.find(name);
+        auto value = text == nullptr ? decltype(parse(*text)){} : parse(*text);
+        if (text != nullptr && !value && !refusal) {
+            refusal = problem(422, std::string(name).append(" has to be ").append(wanted), name);
+        }
+        return value;
+    }
+
+    std::optional<int64_t> integer(std::string_view name, int64_t lowest, int64_t highest) {
+        const std::string wanted =
+            "an integer from " + std::to_string(lowest) + " to " + std::to_string(highest);
+        return read(name, wanted, [&](std::string_view text) {
+            const auto value = parseInteger(text);
+            return value && *value >= lowest && *value <= highest ? value : std::nullopt;
+        });
+    }
+    std::optional<WallTime> time(std::string_view name) {
+        return read(name, "a time such as 2026-11-21T22:52:44Z (RFC 3339)", parseRfc3339);
+    }
+
+    std::optional<Response> refusal;
+
+  private:
+    const Query& query_;
+};
+
+Response cached(Services& services, std::string_view name, const PayloadCache::Version& version,
+                const std::function<std::string()>& build) {
+    Response response;
+    response.contentType = "application/json";
+    response.body = services.cache.get(name, version, build);
+    return response;
+}
+
+Response eventsResponse(const std::vector<Event>& events, bool csv) {
+    Response response = jsonResponse(csv ? eventsCsv(events) : eventsJson(events));
+    if (csv) {
+        response.contentType = "text/csv; charset=utf-8";
+        response.headers.emplace_back("Content-Disposition", "attachment; filename=\"events.csv\"");
+    }
+    return response;
+}
+
+std::string exportText(const StationState& state) {
+    ChannelMap channels;
+    for (const auto& one : state.channels) {
+        channels.emplace(one->channel.group, one->channel);
+    }
+    return writePlaylist(channels);
+}
+
+}  // namespace
+
+Response jsonResponse(std::string text, int status) {
+    Response response;
+    response.status = status;
+    response.contentType = "application/json";
+    response.body = std::make_shared<Payload>(std::move(text));
+    return response;
+}
+
+Response channelResponse(const StationState& state, const Group& group, int status) {
+    const ChannelState* channel = state.find(group);
+    if (channel == nullptr) {
+        return problem(404, group.text() + " is no channel of this station", "group");
+    }
+    return jsonResponse(channelJson(state, *channel), status);
+}
+
+Response statusResponse(Services& services, const StationState& state) {
+    return cached(services, "status", {state.number}, [&] { return statusJson(state); });
+}
+
+void status(Services& services, const Call& call, Reply&& reply) {
+    reply(statusResponse(services, *call.state));
+}
+
+void channels(Services& services, const Call& call, Reply&& reply) {
+    reply(cached(services, "channels", {call.state->number}, [&] { return channelsJson(*call.state); }));
+}
+
+void channel(Services&, const Call& call, Reply&& reply) {
+    reply(channelResponse(*call.state, *call.group));
+}
+
+void history(Services& services, const Call& call, Reply&& reply) {
+    QueryReader query(call.query);
+    const auto metric =
+        query.read("metric", "a name of historyMetrics in /api/v1/meta", [](std::string_view text) {
+            const auto found = std::ranges::find(historyMetrics(), text, &HistoryMetricName::name);
+            return found == historyMetrics().end() ? std::nullopt : std::optional(found->metric);
+        });
+    const auto resolution = query.read("resolution", "1 or 60", [](std::string_view text) {
+        const auto value = parseInteger(text);
+        return value == 1 || value == 60 ? value : std::nullopt;
+    });
+    const auto since = query.time("since");
+    if (!metric && !query.refusal) {
+        query.refusal = problem(422, "metric is missing", "metric");
+    }
+    if (query.refusal) {
+        return reply(std::move(*query.refusal));
+    }
+    if (call.state->find(*call.group) == nullptr) {
+        return reply(channelResponse(*call.state, *call.group));
+    }
+    const AskHistory asked{.group = *call.group,
+                           .metric = *metric,
+                           .resolution = static_cast<int>(resolution.value_or(1)),
+                           .since = since.value_or(WallTime{})};
+    ask(services, asked, std::move(reply),
+        [asked](Services&, Answer&& answer) { return jsonResponse(historyJson(asked, answer.points)); });
+}
+
+void alarms(Services& services, const Call& call, Reply&& reply) {
+    reply(cached(services, "alarms", {call.state->number}, [&] { return alarmsJson(*call.state); }));
+}
+
+void alarmTypeList(Services& services, const Call&, Reply&& reply) {
+    reply(cached(services, "alarm-types", {}, alarmTypesJson));
+}
+
+void events(Services& services, const Call& call, Reply&& reply) {
+    QueryReader query(call.query);
+    EventFilter filter;
+    filter.group = query.read("channel", "an IPv4 multicast group", Group::parse);
+    filter.severity = query.read("severity", "critical, major, minor or warning", parseSeverity);
+    filter.kind = query.read("kind", "a name of eventKinds in /api/v1/meta", parseEventKind);
+    filter.since = query.time("since");
+    filter.until = query.time("until");
+    filter.before = query.integer("before", 1, std::numeric_limits<int64_t>::max());
+    filter.limit = static_cast<std::size_t>(query.integer("limit", 1, kLargestLimit).value_or(kDefaultLimit));
+    const auto csv = query.read("format", "json or csv", [](std::string_view text) {
+        return text == "csv" || text == "json" ? std::optional(text == "csv") : std::nullopt;
+    });
+    if (query.refusal) {
+        return reply(std::move(*query.refusal));
+    }
+    const bool asCsv = csv.value_or(false);
+    const bool queued = services.station.queryEvents(
+        filter, [post = services.post, reply, asCsv](std::vector<Event>&& found, const std::string& wrong) {
+            const auto shared = std::make_shared<std::vector<Event>>(std::move(found));
+            post([shared, wrong, reply, asCsv] {
+                reply(wrong.empty() ? eventsResponse(*shared, asCsv) : problem(503, wrong));
+            });
+        });
+    if (!queued) {
+        reply(problem(503, "Too many queries wait for the event store"));
+    }
+}
+
+void stream(Services&, const Call&, Reply&& reply) {
+    Response response;
+    response.contentType = "text/event-stream";
+    response.headers.emplace_back("X-Accel-Buffering", "no");  // a proxy is to pass events on at once
+    response.eventStream = true;
+    reply(std::move(response));
+}
+
+void overview(Services& services, const Call& call, Reply&& reply) {
+    QueryReader query(call.query);
+    const int64_t longest = kSecondsKept;
+    const int64_t cells = query.integer("cells", 1, longest).value_or(kDefaultCells);
+    const int64_t seconds = query.integer("seconds", 1, longest).value_or(kDefaultCellSeconds);
+    if (!query.refusal && cells * seconds > longest) {
+        query.refusal = problem(422, "cells times seconds is at most " + std::to_string(longest), "cells");
+    }
+    if (query.refusal) {
+        return reply(std::move(*query.refusal));
+    }
+    const AskOverview asked{.sparkCells = static_cast<std::size_t>(cells),
+                            .sparkSeconds = static_cast<std::size_t>(seconds)};
+    ask(services, asked, std::move(reply), [asked](Services& room, Answer&& answer) {
+        const StatePointer state = room.station.state();
+        return cached(room, "overview", {state->number, asked.sparkCells, asked.sparkSeconds},
+                      [&] { return overviewJson(state->now.wall, asked, answer.overview); });
+    });
+}
+
+void meta(Services& services, const Call& call, Reply&& reply) {
+    reply(cached(services, "meta", {call.state->number}, [&] { return metaJson(*call.state); }));
+}
+
+void use(Services& services, const Call& call, Reply&& reply) {
+    reply(jsonResponse(useJson(call.state->use, call.state->probe, services.station.storeStatistics(),
+                               services.station.deliveryStatistics(), services.statistics())));
+}
+
+void maintenance(Services&, const Call& call, Reply&& reply) {
+    reply(jsonResponse(maintenanceListJson(*call.state)));
+}
+
+void exportPlaylist(Services& services, const Call& call, Reply&& reply) {
+    Response response;
+    response.contentType = "audio/x-mpegurl";
+    response.headers.emplace_back("Content-Disposition", "attachment; filename=\"channels.m3u\"");
+    response.body =
+        services.cache.get("export", {call.state->channelsVersion}, [&] { return exportText(*call.state); });
+    reply(std::move(response));
+}
+
+void health(Services&, const Call&, Reply&& reply) {
+    reply(jsonResponse(R"({"status":"ok"})"));
+}
+
+void readiness(Services&, const Call& call, Reply&& reply) {
+    if (call.state == nullptr || call.state->probe.lastSnapshot == WallTime{}) {
+        return reply(problem(503, "No snapshot of the probe came yet"));
+    }
+    reply(call.state->probe.connected ? jsonResponse(R"({"status":"ok"})")
+                                      : problem(503, "The probe is silent"));
+}
+
+void index(Services& services, const Call&, Reply&& reply) {
+    reply(services.files.page("index.html"));
+}
+
+void pageFile(Services& services, const Call& call, Reply&& reply) {
+    reply(services.files.page(call.file));
+}
+
+void libraryFile(Services& services, const Call& call, Reply&& reply) {
+    reply(services.files.library(call.file));
+}
+
+}  // namespace station::handlers

@@ -1,0 +1,246 @@
+#include "web/routes.h"
+
+#include <algorithm>
+
+#include "common/text.h"
+#include "web/handlers.h"
+
+namespace station {
+
+namespace {
+
+using enum Method;
+using enum Route::Right;
+using enum Route::Takes;
+using enum Route::Needs;
+
+// clang-format off
+constexpr std::array kRoutes = std::to_array<Route>({
+    {kGet, "/api/v1/status", kRead, kNothing, kState, "", handlers::status},
+    {kGet, "/api/v1/channels", kRead, kNothing, kState, "", handlers::channels},
+    {kGet, "/api/v1/channels/{group}", kRead, kNothing, kState, "", handlers::channel},
+    {kPut, "/api/v1/channels/{group}", kChange, kJson, kState, "", handlers::putChannel},
+    {kDelete, "/api/v1/channels/{group}", kChange, kNothing, kState, "", handlers::deleteChannel},
+    {kGet, "/api/v1/channels/{group}/history", kRead, kNothing, kState, "metric resolution since", handlers::history},
+    {kGet, "/api/v1/alarms", kRead, kNothing, kState, "", handlers::alarms},
+    {kPost, "/api/v1/alarms/{id}/acknowledge", kChange, kJson, kState, "", handlers::acknowledge},
+    {kGet, "/api/v1/alarm-types", kRead, kNothing, kNoState, "", handlers::alarmTypeList},
+    {kGet, "/api/v1/events", kRead, kNothing, kNoState, "channel severity kind since until before limit format", handlers::events},
+    {kGet, "/api/v1/stream", kRead, kNothing, kState, "", handlers::stream},
+    {kGet, "/api/v1/overview", kRead, kNothing, kState, "cells seconds", handlers::overview},
+    {kGet, "/api/v1/meta", kRead, kNothing, kState, "", handlers::meta},
+    {kGet, "/api/v1/use", kRead, kNothing, kState, "", handlers::use},
+    {kGet, "/api/v1/maintenance", kRead, kNothing, kState, "", handlers::maintenance},
+    {kPost, "/api/v1/maintenance", kChange, kJson, kState, "", handlers::setMaintenance},
+    {kDelete, "/api/v1/maintenance/{id}", kChange, kNothing, kState, "", handlers::endMaintenance},
+    {kPost, "/api/v1/clear", kChange, kJson, kState, "", handlers::clear},
+    {kPost, "/api/v1/passive", kChange, kJson, kState, "", handlers::passive},
+    {kPost, "/api/v1/igmp-latency", kChange, kJson, kState, "", handlers::igmpLatency},
+    {kPost, "/api/v1/reload", kChange, kJson, kState, "", handlers::reload},
+    {kPost, "/api/v1/import", kChange, kPlaylist, kState, "", handlers::importPlaylist},
+    {kGet, "/api/v1/export", kRead, kNothing, kState, "", handlers::exportPlaylist},
+    {kGet, "/healthz", kRead, kNothing, kNoState, "", handlers::health},
+    {kGet, "/readyz", kRead, kNothing, kNoState, "", handlers::readiness},
+    {kGet, "/", kRead, kNothing, kNoState, "", handlers::index},
+    {kGet, "/page/{file}", kRead, kNothing, kNoState, "", handlers::pageFile},
+    {kGet, "/lib/{file}", kRead, kNothing, kNoState, "", handlers::libraryFile},
+});
+// clang-format on
+
+constexpr std::array<std::string_view, 6> kMethodNames = {"GET", "HEAD", "POST", "PUT", "DELETE", "OPTIONS"};
+constexpr std::array<std::string_view, 5> kPlaylistTypes = {"text/plain", "audio/x-mpegurl", "audio/mpegurl",
+                                                            "application/x-mpegurl",
+                                                            "application/vnd.apple.mpegurl"};
+
+// The part before the next slash, which is taken off the path with it.
+std::string_view takeSegment(std::string_view& path) {
+    path.remove_prefix(1);  // its slash
+    const std::string_view segment = path.substr(0, path.find('/'));
+    path.remove_prefix(segment.size());
+    return segment;
+}
+
+// Whether the path has the pattern's segments; `wildcard` gets what stands in place of a name in braces.
+bool matches(std::string_view pattern, std::string_view path, std::string_view& wildcard) {
+    while (!pattern.empty() && !path.empty()) {
+        const std::string_view wanted = takeSegment(pattern);
+        const std::string_view segment = takeSegment(path);
+        if (wanted.starts_with('{')) {
+            wildcard = segment;
+        } else if (wanted != segment) {
+            return false;
+        }
+    }
+    return pattern.empty() && path.empty();
+}
+
+bool hasWord(std::string_view words, std::string_view word) {
+    while (!words.empty()) {
+        const std::size_t end = std::min(words.find(' '), words.size());
+        if (words.substr(0, end) == word) {
+            return true;
+        }
+        words.remove_prefix(std::min(end + 1, words.size()));
+    }
+    return false;
+}
+
+// All routes of a path, and what stands in place of a name in braces.
+struct Matched {
+    std::vector<const Route*> routes;
+    std::string_view wildcard;
+};
+
+Matched matchPath(std::string_view path) {
+    Matched matched;
+    for (const Route& route : kRoutes) {
+        std::string_view wildcard;
+        if (matches(route.pattern, path, wildcard)) {
+            matched.routes.push_back(&route);
+            matched.wildcard = wildcard;
+        }
+    }
+    return matched;
+}
+
+std::string allowedMethods(const Matched& matched) {
+    std::string allowed;
+    for (const Route* route : matched.routes) {
+        allowed.append(kMethodNames.at(static_cast<std::size_t>(route->method))).append(", ");
+        allowed.append(route->method == kGet ? "HEAD, " : "");
+    }
+    return allowed + "OPTIONS";
+}
+
+// Nothing when the body is of a type that the route takes.
+std::optional<Response> refuseType(const Route& route, const Request& request) {
+    if (route.takes == kNothing || request.body.empty()) {
+        return std::nullopt;
+    }
+    std::string type = request.contentType.substr(0, request.contentType.find(';'));
+    std::ranges::transform(type, type.begin(),
+                           [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c; });
+    type.erase(type.find_last_not_of(" \t") + 1);
+    if (route.takes == kJson && type != "application/json") {
+        return problem(415, "The body has to be application/json", "Content-Type");
+    }
+    if (route.takes == kPlaylist && std::ranges::find(kPlaylistTypes, type) == kPlaylistTypes.end()) {
+        return problem(415, "The body has to be a playlist: text/plain or audio/x-mpegurl", "Content-Type");
+    }
+    return std::nullopt;
+}
+
+std::optional<Response> refuseQuery(const Route& route, const Query& query) {
+    const auto& parameters = query.parameters();
+    for (auto next = parameters.begin(); next != parameters.end(); ++next) {
+        const std::string shown = printable(next->first, 64);
+        if (!hasWord(route.parameters, next->first)) {
+            return problem(422, "Parameter \"" + shown + "\" is not known here", shown);
+        }
+        if (std::find_if(parameters.begin(), next,
+                         [&](const auto& other) { return other.first == next->first; }) != next) {
+            return problem(422, "Parameter \"" + shown + "\" stands there twice", shown);
+        }
+    }
+    return std::nullopt;
+}
+
+// Takes what stands in place of the name in braces.
+std::optional<Response> takeWildcard(const Route& route, std::string_view wildcard, Call& call) {
+    const auto text = percentDecoded(wildcard);
+    if (!text) {
+        return problem(400, "The path is not percent-encoded UTF-8 without control characters");
+    }
+    if (route.pattern.find("{group}") != std::string_view::npos) {
+        call.group = Group::parse(*text);
+        if (!call.group) {
+            return problem(422, "The path has to name an IPv4 multicast group, 224.0.0.0 to 239.255.255.255",
+                           "group");
+        }
+    } else if (route.pattern.find("{id}") != std::string_view::npos) {
+        call.id = parseInteger(*text).value_or(0);
+        if (call.id <= 0) {
+            return problem(422, "The path has to name an id, an integer above 0", "id");
+        }
+    } else {
+        call.file = *text;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::span<const Route> routes() {
+    return kRoutes;
+}
+
+PayloadPointer PayloadCache::get(std::string_view name, const Version& version,
+                                 const std::function<std::string()>& build) {
+    Entry& entry = entries_[name];
+    if (entry.payload == nullptr || entry.version != version) {
+        entry.payload = std::make_shared<Payload>(build());
+        entry.version = version;
+    }
+    return entry.payload;
+}
+
+Router::Router(Services services, Access access)
+    : services_(std::move(services)), access_(std::move(access)) {}
+
+void Router::setAccess(Access access) {
+    access_ = std::move(access);
+}
+
+void Router::handle(const Request& request, Reply reply) {
+    const auto target = splitTarget(request.target);
+    if (!target || request.hosts > 1 || (request.hosts == 0 && !request.http10)) {
+        return reply(
+            problem(400, target ? "The request needs one Host header" : "The target has to be a path"));
+    }
+    if (!access_.hostAllowed(request, target->authority.value_or(request.host))) {
+        return reply(problem(
+            403, "This server has another name: use its address, or add the name to allowed_hosts", "Host"));
+    }
+    const Matched matched = matchPath(target->path);
+    if (matched.routes.empty()) {
+        return reply(problem(404, "There is nothing here; docs/api.yaml lists what there is"));
+    }
+    const Method method = request.method == kHead ? kGet : request.method;
+    const auto found =
+        std::ranges::find(matched.routes, method, [](const Route* route) { return route->method; });
+    if (found == matched.routes.end()) {
+        Response response = method == kOptions
+                                ? Response{.status = 204, .contentType = {}, .body = {}, .headers = {}}
+                                : problem(405, "This path takes " + allowedMethods(matched));
+        response.headers.emplace_back("Allow", allowedMethods(matched));
+        return reply(std::move(response));
+    }
+    const Route& route = **found;
+    if (route.right == kChange && !access_.mayChange(request)) {
+        return reply(problem(403,
+                             "A change over TCP needs the token of token_file: Authorization: Bearer TOKEN",
+                             "Authorization"));
+    }
+    auto query = Query::parse(target->query);
+    if (!query) {
+        return reply(
+            problem(400, "The query is not percent-encoded UTF-8 without control characters, or too long"));
+    }
+    Call call{.request = request,
+              .query = std::move(*query),
+              .state = services_.station.state(),
+              .group = {},
+              .file = {}};
+    for (auto&& refused : {refuseQuery(route, call.query), takeWildcard(route, matched.wildcard, call),
+                           refuseType(route, request)}) {
+        if (refused) {
+            return reply(Response(*refused));
+        }
+    }
+    if (route.needs == kState && call.state == nullptr) {
+        return reply(problem(503, "The station is starting"));
+    }
+    route.handler(services_, call, std::move(reply));
+}
+
+}  // namespace station

@@ -1,0 +1,89 @@
+// From a request to its answer, without a connection.
+#pragma once
+
+#include <array>
+#include <functional>
+#include <map>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "commands.h"
+#include "web/access.h"
+#include "web/message.h"
+#include "web/server.h"
+#include "web/staticFiles.h"
+
+namespace station {
+
+// Called once, on the I/O thread; nothing happens when the client is gone.
+using Reply = std::function<void(Response&&)>;
+
+// Answers that were built once and serve until what they tell of has another version. One entry a name.
+class PayloadCache {
+  public:
+    using Version = std::array<uint64_t, 3>;
+    // `name` has static storage.
+    PayloadPointer get(std::string_view name, const Version& version,
+                       const std::function<std::string()>& build);
+
+  private:
+    struct Entry {
+        Version version{};
+        PayloadPointer payload;
+    };
+    std::map<std::string_view, Entry> entries_;
+};
+
+// What handlers work with. They run on the I/O thread and never wait.
+struct Services {
+    StationInterface& station;
+    const StaticFiles& files;
+    std::function<ServerStatistics()> statistics;
+    // Runs something on the I/O thread, from any thread; drops it once the server ends.
+    std::function<void(std::function<void()>)> post;
+    PayloadCache cache{};
+};
+
+// One request, checked by its route.
+struct Call {
+    const Request& request;
+    Query query;
+    StatePointer state;          // null only where the route does without
+    std::optional<Group> group;  // of {group}
+    int64_t id = 0;              // of {id}, above 0
+    std::string file;            // of {file}
+};
+
+using Handler = void (*)(Services& services, const Call& call, Reply&& reply);
+
+struct Route {
+    enum class Right : uint8_t { kRead, kChange };
+    enum class Takes : uint8_t { kNothing, kJson, kPlaylist };
+    enum class Needs : uint8_t { kState, kNoState };  // without a state it answers 503
+    Method method;
+    std::string_view pattern;
+    Right right;
+    Takes takes;
+    Needs needs;
+    std::string_view parameters;  // of the query, separated by spaces; others are refused
+    Handler handler;
+};
+
+// Every route that there is.
+std::span<const Route> routes();
+
+class Router {
+  public:
+    Router(Services services, Access access);
+
+    // May reply before it returns.
+    void handle(const Request& request, Reply reply);
+    void setAccess(Access access);
+
+  private:
+    Services services_;
+    Access access_;
+};
+
+}  // namespace station

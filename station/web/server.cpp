@@ -1,0 +1,352 @@
+#include "web/server.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <list>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include "common/log.h"
+#include "common/text.h"
+#include "web/connection.h"
+
+namespace station {
+
+namespace {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using asio::local::stream_protocol;
+using ErrorCode = boost::system::error_code;
+
+constexpr std::chrono::milliseconds kTick{250};
+// Events are built at most so often, however many states are published.
+constexpr std::chrono::milliseconds kEventsApart{200};
+// Connections beyond the limits that are told so at a time; others are closed without a word.
+constexpr std::size_t kRefusing = 32;
+
+// Where other threads leave what is to run on the I/O thread; outlives the server in their hands.
+struct Inbox {
+    std::mutex mutex;  // guards `context`; no lock is taken while it is held
+    asio::io_context* context = nullptr;
+
+    void post(std::function<void()> work) {
+        const std::lock_guard lock(mutex);
+        if (context != nullptr) {
+            asio::post(*context, std::move(work));
+        }
+    }
+};
+
+[[noreturn]] void cannotListen(const std::string& where, const std::string& why) {
+    throw std::runtime_error("cannot listen on " + where + ": " + why);
+}
+
+// ADDRESS:PORT or [IPv6]:PORT.
+tcp::endpoint parseEndpoint(const std::string& listen) {
+    const std::size_t colon = listen.rfind(':');
+    std::string host = listen.substr(0, colon);
+    if (host.starts_with('[') && host.ends_with(']')) {
+        host = host.substr(1, host.size() - 2);
+    }
+    ErrorCode error;
+    const auto address = asio::ip::make_address(host, error);
+    const auto port = colon == std::string::npos ? std::nullopt : parseInteger(listen.substr(colon + 1));
+    if (error || !port || *port < 0 || *port > 65'535) {
+        cannotListen(listen, "it has to be ADDRESS:PORT, such as 127.0.0.1:9427 or [::1]:9427");
+    }
+    return {address, static_cast<uint16_t>(*port)};
+}
+
+}  // namespace
+
+struct Server::Implementation {
+    Implementation(const ServerOptions& serverOptions, StationInterface& stationInterface)
+        : station(stationInterface),
+          files(serverOptions.page, serverOptions.dygraphs),
+          socketPath(serverOptions.socket),
+          router(services(), Access(serverOptions.token, serverOptions.allowedHosts)) {
+        inbox->context = &context;
+        if (!serverOptions.listen.empty()) {
+            listenTcp(serverOptions.listen);
+        }
+        if (!socketPath.empty()) {
+            listenUnix();
+        }
+        startTimer();
+        thread = std::thread([this] { run(); });
+    }
+
+    ~Implementation() {
+        {
+            const std::lock_guard lock(inbox->mutex);
+            inbox->context = nullptr;
+        }
+        context.stop();
+        thread.join();
+        for (const auto& connection : connections) {
+            connection->close();
+        }
+        if (unixAcceptor.is_open()) {
+            unlink(socketPath.c_str());
+        }
+    }
+
+    Services services() {
+        return {.station = station,
+                .files = files,
+                .statistics = [this] { return statistics(); },
+                .post = [box = inbox](std::function<void()> work) { box->post(std::move(work)); },
+                .cache = {}};
+    }
+
+    // Whatever goes wrong with one client must not end the others.
+    void run() {
+        while (!context.stopped()) {
+            try {
+                context.run();
+            } catch (const std::exception& error) {
+                log(LogLevel::kError, std::string("the HTTP server went on after an error: ") + error.what());
+            }
+        }
+    }
+
+    void listenTcp(const std::string& listen) {
+        const tcp::endpoint endpoint = parseEndpoint(listen);
+        ErrorCode error;
+        tcpAcceptor.open(endpoint.protocol(), error);
+        if (!error) {
+            tcpAcceptor.set_option(tcp::acceptor::reuse_address(true), error);
+        }
+        if (!error) {
+            tcpAcceptor.bind(endpoint, error);
+        }
+        if (!error) {
+            tcpAcceptor.listen(asio::socket_base::max_listen_connections, error);
+        }
+        if (error) {
+            cannotListen(listen, error.message());
+        }
+        tcpPort = tcpAcceptor.local_endpoint(error).port();
+        acceptTcp();
+    }
+
+    // What is left of a station that was killed is replaced; a station that runs keeps its socket.
+    void removeStaleSocket() {
+        struct stat status {};
+        if (lstat(socketPath.c_str(), &status) != 0) {
+            return;
+        }
+        ErrorCode error;
+        stream_protocol::socket probe(context);
+        probe.connect(stream_protocol::endpoint(socketPath.string()), error);
+        if (!S_ISSOCK(status.st_mode) || !error) {
+            cannotListen(socketPath.string(), S_ISSOCK(status.st_mode) ? "another station listens there"
+                                                                       : "a file that is no socket is there");
+        }
+        unlink(socketPath.c_str());
+    }
+
+    void listenUnix() {
+        constexpr mode_t kMode = 0660;
+        constexpr std::size_t kLongestPath = 107;  // unix(7)
+        if (socketPath.string().size() > kLongestPath) {
+            cannotListen(socketPath.string(), "the path is longer than 107 bytes");
+        }
+        std::error_code ignored;
+        std::filesystem::create_directory(socketPath.parent_path(), ignored);
+        removeStaleSocket();
+        ErrorCode error;
+        unixAcceptor.open(stream_protocol(), error);
+        if (!error) {
+            unixAcceptor.bind(stream_protocol::endpoint(socketPath.string()), error);
+        }
+        // Nobody can connect before it listens.
+        if (!error && chmod(socketPath.c_str(), kMode) != 0) {
+            error.assign(errno, boost::system::system_category());
+        }
+        if (!error) {
+            unixAcceptor.listen(asio::socket_base::max_listen_connections, error);
+        }
+        if (error) {
+            cannotListen(socketPath.string(), error.message());
+        }
+        acceptUnix();
+    }
+
+    void acceptTcp() {
+        tcpAcceptor.async_accept([this](const ErrorCode& error, tcp::socket socket) {
+            if (error) {
+                tcpWaits = error != asio::error::operation_aborted;
+                return;  // out of descriptors, most likely: again at the next tick
+            }
+            ErrorCode gone;
+            const auto remote = socket.remote_endpoint(gone).address().to_string();
+            const auto local = socket.local_endpoint(gone).address().to_string();
+            socket.set_option(tcp::no_delay(true), gone);
+            if (!gone) {
+                add(Socket(std::move(socket)), remote, local);
+            }
+            acceptTcp();
+        });
+    }
+
+    void acceptUnix() {
+        unixAcceptor.async_accept([this](const ErrorCode& error, stream_protocol::socket socket) {
+            if (error) {
+                unixWaits = error != asio::error::operation_aborted;
+                return;
+            }
+            add(Socket(std::move(socket)), {}, {});
+            acceptUnix();
+        });
+    }
+
+    void add(Socket&& socket, const std::string& address, const std::string& localAddress) {
+        ErrorCode ignored;
+        socket.non_blocking(true, ignored);
+        auto connection = std::make_shared<Connection>(std::move(socket), shared, address, localAddress);
+        dropClosed();
+        const auto ofAddress = std::ranges::count_if(
+            connections, [&](const auto& other) { return !address.empty() && other->address() == address; });
+        if (connections.size() >= kConnections ||
+            static_cast<std::size_t>(ofAddress) >= kConnectionsPerAddress) {
+            ++counters.refused;
+            if (refusing.size() < kRefusing) {
+                connection->refuse();
+                refusing.push_back(std::move(connection));
+            }
+            return;
+        }
+        connection->start();
+        connections.push_back(std::move(connection));
+        counters.connections = connections.size();
+    }
+
+    void dropClosed() {
+        const auto closed = [](const auto& connection) { return connection->closed(); };
+        connections.remove_if(closed);
+        refusing.remove_if(closed);
+        counters.connections = connections.size();
+    }
+
+    void startTimer() {
+        timer.expires_after(kTick);
+        timer.async_wait([this](const ErrorCode& error) {
+            if (!error) {
+                tick();
+                startTimer();
+            }
+        });
+    }
+
+    void tick() {
+        const auto now = std::chrono::steady_clock::now();
+        if (std::exchange(tcpWaits, false)) {
+            acceptTcp();
+        }
+        if (std::exchange(unixWaits, false)) {
+            acceptUnix();
+        }
+        dropClosed();
+        publishEvents(now);
+        for (const auto* list : {&connections, &refusing}) {
+            for (const auto& connection : *list) {
+                connection->tick(now);
+            }
+        }
+    }
+
+    void stateChanged() {
+        published = true;
+        publishEvents(std::chrono::steady_clock::now());
+    }
+
+    void publishEvents(SteadyTime now) {
+        if (!published || counters.streams == 0 || now - lastEvents < kEventsApart) {
+            return;
+        }
+        refreshEvents();
+        lastEvents = now;
+        for (const auto& connection : connections) {
+            connection->wake();
+        }
+    }
+
+    void refreshEvents() {
+        if (const StatePointer state = station.state()) {
+            published = false;
+            events.update(*state);
+        }
+    }
+
+    ServerStatistics statistics() const {
+        return {.connections = counters.connections,
+                .streams = counters.streams,
+                .requests = counters.requests,
+                .refused = counters.refused,
+                .malformed = counters.malformed,
+                .slowClosed = counters.slowClosed};
+    }
+
+    StationInterface& station;
+    const StaticFiles files;
+    const std::filesystem::path socketPath;
+    const std::shared_ptr<Inbox> inbox = std::make_shared<Inbox>();
+    ServerCounters counters;
+    Router router;
+    EventStream events;
+    ConnectionShared shared{router, events, counters, [this] { refreshEvents(); }};
+    bool published = false;  // a state that the events are not made of
+    SteadyTime lastEvents{};
+    std::atomic<bool> publishedPosted{false};
+
+    asio::io_context context{1};
+    tcp::acceptor tcpAcceptor{context};
+    stream_protocol::acceptor unixAcceptor{context};
+    asio::steady_timer timer{context};
+    bool tcpWaits = false;  // accepting failed and is tried again
+    bool unixWaits = false;
+    uint16_t tcpPort = 0;
+    std::list<std::shared_ptr<Connection>> connections;  // at most kConnections
+    std::list<std::shared_ptr<Connection>> refusing;     // at most kRefusing
+    std::thread thread;
+};
+
+Server::Server(const ServerOptions& options, StationInterface& station)
+    : implementation_(std::make_unique<Implementation>(options, station)) {}
+
+Server::~Server() = default;
+
+void Server::statePublished() {
+    if (!implementation_->publishedPosted.exchange(true)) {
+        implementation_->inbox->post([server = implementation_.get()] {
+            server->publishedPosted = false;
+            server->stateChanged();
+        });
+    }
+}
+
+void Server::setAccess(const std::string& token, const std::vector<std::string>& allowedHosts) {
+    implementation_->inbox->post([server = implementation_.get(), access = Access(token, allowedHosts)] {
+        server->router.setAccess(access);
+    });
+}
+
+uint16_t Server::port() const {
+    return implementation_->tcpPort;
+}
+
+ServerStatistics Server::statistics() const {
+    return implementation_->statistics();
+}
+
+}  // namespace station

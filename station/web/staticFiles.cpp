@@ -1,0 +1,109 @@
+#include "web/staticFiles.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+
+#include "common/log.h"
+#include "common/text.h"
+
+namespace station {
+
+namespace {
+
+struct ContentType {
+    std::string_view extension;
+    std::string_view type;
+};
+// Files of other kinds are not served.
+constexpr std::array kContentTypes = std::to_array<ContentType>({
+    {".html", "text/html; charset=utf-8"},
+    {".js", "text/javascript; charset=utf-8"},
+    {".css", "text/css; charset=utf-8"},
+    {".svg", "image/svg+xml"},
+    {".png", "image/png"},
+    {".ico", "image/x-icon"},
+    {".woff2", "font/woff2"},
+    {".json", "application/json"},
+    {".webmanifest", "application/manifest+json"},
+});
+
+constexpr std::array<std::string_view, 2> kLibraryFiles = {"dygraph.min.js", "dygraph.min.css"};
+
+// Tells one content from another (FNV-1a, 64 bits). Weak, since compressed answers bear it as well.
+std::string etagOf(std::string_view content) {
+    uint64_t hash = 0xCBF29CE484222325;
+    for (const char byte : content) {
+        hash = (hash ^ static_cast<uint8_t>(byte)) * 0x100000001B3;
+    }
+    std::array<char, 32> text{};
+    const int length =
+        snprintf(text.data(), text.size(), "W/\"%016llx\"", static_cast<unsigned long long>(hash));
+    return {text.data(), static_cast<std::size_t>(length)};
+}
+
+}  // namespace
+
+StaticFiles::StaticFiles(const std::filesystem::path& page, const std::filesystem::path& dygraphs) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(page, error), end; !error && entry != end;
+         entry.increment(error)) {
+        read(entry->path(), page_);
+    }
+    for (const std::string_view name : kLibraryFiles) {
+        read(dygraphs / name, library_);
+    }
+    if (page_.empty()) {
+        log(LogLevel::kWarning, "no page in " + page.string() + ": the station answers its API alone");
+    } else if (library_.size() < kLibraryFiles.size()) {
+        log(LogLevel::kWarning, "no dygraph.min.js and dygraph.min.css in " + dygraphs.string() +
+                                    ": the page shows no plots; install libjs-dygraphs");
+    }
+}
+
+void StaticFiles::read(const std::filesystem::path& file, Files& files) {
+    const std::string name = file.filename().string();
+    const auto type = std::ranges::find(kContentTypes, file.extension().string(), &ContentType::extension);
+    std::error_code error;
+    if (type == kContentTypes.end() || name.starts_with('.') ||
+        !std::filesystem::is_regular_file(file, error)) {
+        return;
+    }
+    if (files.size() >= kFiles || std::filesystem::file_size(file, error) > kFileBytes) {
+        log(LogLevel::kWarning, file.string() + " is not served: too many files, or over 4 MiB");
+        return;
+    }
+    std::ifstream stream(file, std::ios::binary);
+    std::string content((std::istreambuf_iterator<char>(stream)), {});
+    if (!stream) {
+        log(LogLevel::kWarning, file.string() + " cannot be read and is not served");
+        return;
+    }
+    std::string etag = etagOf(content);
+    files.emplace(name, File{type->type, std::move(etag), std::make_shared<Payload>(std::move(content))});
+}
+
+Response StaticFiles::answer(const Files& files, std::string_view name) {
+    const auto found = files.find(name);
+    if (found == files.end()) {
+        return problem(404, "There is no such file on this server");
+    }
+    Response response;
+    response.contentType = found->second.contentType;
+    response.body = found->second.payload;
+    response.headers.emplace_back("ETag", found->second.etag);
+    response.headers.emplace_back("Cache-Control", "no-cache");  // may be kept, and is asked for each time
+    return response;
+}
+
+Response StaticFiles::page(std::string_view name) const {
+    return answer(page_, name);
+}
+
+Response StaticFiles::library(std::string_view name) const {
+    return answer(library_, name);
+}
+
+}  // namespace station
