@@ -1,0 +1,53 @@
+// What all drawings share: a canvas in the screen's own pixels, and the style sheet's colours.
+
+let colours = null;
+
+// The style sheet's colours for drawings; read again when the system changes them.
+export function palette() {
+  if (colours) return colours;
+  const style = getComputedStyle(document.documentElement);
+  const read = (name) => style.getPropertyValue(name).trim();
+  colours = {
+    line: read('--line'),
+    fill: read('--line-fill'),
+    band: read('--line-band'),
+    ok: read('--strip-ok'),
+    alarm: read('--strip-alarm'),
+    noSignal: read('--strip-no-signal'),
+    faint: read('--faint'),
+    grid: read('--edge'),
+    text: read('--muted'),
+    mark: read('--accent'),
+  };
+  return colours;
+}
+
+// Calls `redraw` when the system turns from dark to light or back; returns what ends that.
+export function onPaletteChange(redraw) {
+  const dark = matchMedia('(prefers-color-scheme: dark)');
+  const listener = () => {
+    colours = null;
+    redraw();
+  };
+  dark.addEventListener('change', listener);
+  return () => dark.removeEventListener('change', listener);
+}
+
+// Sizes the canvas for its box, which it remembers: asking for a box forces a layout. forgetSize() after the
+// box changed.
+export function fitCanvas(canvas) {
+  const context = canvas.getContext('2d');
+  if (canvas.boxWidth === undefined) {
+    canvas.boxWidth = canvas.clientWidth;
+    canvas.boxHeight = canvas.clientHeight;
+    const ratio = devicePixelRatio || 1;
+    canvas.width = Math.round(canvas.boxWidth * ratio);
+    canvas.height = Math.round(canvas.boxHeight * ratio);
+    context.setTransform(ratio, 0, 0, ratio, 0, 0);
+  }
+  return {context, width: canvas.boxWidth, height: canvas.boxHeight};
+}
+
+export function forgetSize(canvas) {
+  canvas.boxWidth = undefined;
+}

@@ -1,0 +1,136 @@
+// The probe, and what the station itself uses.
+import {el, setText} from './dom.js';
+import {count, duration, isKnown, parseTime, quantity, time, visible, words} from './format.js';
+
+const kUseMs = 5_000;
+
+// Units by the last word of a member's name.
+const kUnits = [[/Bytes$|^bytes$/, 'byte'], [/Ms$/, 'ms'], [/Seconds$/, 's']];
+
+export class ProbeView {
+  constructor(root, {store, api}) {
+    this.store = store;
+    this.api = api;
+    this.values = new Map();
+    this.probe = el('dl', {class: 'facts'});
+    this.station = el('dl', {class: 'facts'});
+    this.use = el('div', {class: 'columns'});
+    this.notes = el('ul', {class: 'outside'});
+    this.notesPanel = panel('Notes on configuration and playlists', this.notes);
+    this.notesPanel.hidden = true;
+    root.replaceChildren(el('div', {class: 'view'}, el('h1', {text: 'The probe'}),
+        el('div', {class: 'live-data view'}, panel('Probe', this.probe), panel('Station', this.station), this.use), this.notesPanel));
+    this.end = store.on('snapshot', () => this.show());
+    this.timer = setInterval(() => this.load(), kUseMs);
+    this.show();
+    this.load();
+  }
+
+  close() {
+    this.end();
+    clearInterval(this.timer);
+  }
+
+  set(list, term, text) {
+    const key = `${list.dataset.name ?? ''} ${term}`;
+    let value = list.values?.get(term);
+    if (!value) {
+      value = el('dd', {class: 'outside'});
+      list.values ??= new Map();
+      list.values.set(term, value);
+      list.append(el('div', {}, el('dt', {text: term}), value));
+    }
+    setText(value, text);
+    return key;
+  }
+
+  show() {
+    const {store} = this;
+    const {probe} = store;
+    if (!probe || document.hidden) return;
+    const at = (text) => time(parseTime(text), store.now());
+    const set = (term, text) => this.set(this.probe, term, text);
+    set('Connected', probe.connected ? 'yes' : 'no');
+    set('Last snapshot', probe.lastSnapshot ? at(probe.lastSnapshot) : 'none yet');
+    set('Last request', probe.lastRequest ? at(probe.lastRequest) : 'none yet');
+    set('Restarts seen', count(probe.restarts));
+    set('Captured', this.captured());
+    set('Snapshots', count(probe.snapshots));
+    set('Sequence number', isKnown(probe.sequence) ? String(probe.sequence) : '–');
+    set('Snapshots not taken', count(probe.droppedSnapshots));
+    set('Lines that were no records', count(probe.droppedLines));
+    set('Pipe', probe.pipeProblem ? visible(probe.pipeProblem) : 'well');
+    if (probe.otherController) set('Controller', 'another controller holds the port');
+  }
+
+  // The sum of all bit rates.
+  captured() {
+    const {store} = this;
+    let sum = 0;
+    let known = 0;
+    for (const channel of store.channels.values()) {
+      const value = store.value(channel, 'bitRate');
+      if (!isKnown(value)) continue;
+      sum += value;
+      known++;
+    }
+    return known && store.probe.connected ? `${quantity(sum, store.unit('bitRate'))} in ${count(known)} channels` : '–';
+  }
+
+  async load() {
+    if (document.hidden) return;
+    try {
+      const status = await this.api.get('status');
+      this.showStatus(status);
+      this.showUse(await this.api.get('use'));
+    } catch {
+      // The banner says it.
+    }
+  }
+
+  showStatus(status) {
+    const set = (term, text) => this.set(this.station, term, text);
+    const started = parseTime(status.started);
+    set('Version', visible(status.version));
+    set('Started', `${time(started, this.store.now())} · ${duration(this.store.now() - started)}`);
+    set('Channels configured', count(status.channels.configured));
+    set('Watched', count(status.channels.watched));
+    set('With signal', count(status.channels.withSignal));
+    set('Joins groups', status.passive ? 'no, passive' : 'yes');
+    set('IGMP latency', quantity(status.igmpLatencyMs, 'ms'));
+    const key = status.notes.join('\n');
+    if (key === this.notesKey) return;
+    this.notesKey = key;
+    this.notesPanel.hidden = status.notes.length === 0;
+    this.notes.replaceChildren(...status.notes.map((note) => el('li', {}, el('bdi', {text: visible(note)}))));
+  }
+
+  // One panel for the process, and one a part of it, each member under its own name.
+  showUse(use) {
+    this.lists ??= new Map();
+    const plain = Object.fromEntries(Object.entries(use).filter(([, value]) => typeof value !== 'object'));
+    this.showPart('What the station uses', plain);
+    for (const [name, value] of Object.entries(use)) {
+      if (Array.isArray(value)) value.forEach((part, place) => this.showPart(`${words(name)} ${place + 1}`, part));
+      else if (value && typeof value === 'object') this.showPart(words(name), value);
+    }
+  }
+
+  showPart(title, part) {
+    let list = this.lists.get(title);
+    if (!list) {
+      list = el('dl', {class: 'facts'});
+      this.lists.set(title, list);
+      this.use.append(panel(title, list));
+    }
+    for (const [name, value] of Object.entries(part)) {
+      const unit = kUnits.find(([pattern]) => pattern.test(name))?.[1] ?? '';
+      const text = typeof value === 'boolean' ? (value ? 'yes' : 'no') : value === null ? 'none' : quantity(value, unit);
+      this.set(list, words(name), text);
+    }
+  }
+}
+
+function panel(title, content) {
+  return el('section', {class: 'panel'}, el('div', {class: 'panel-head'}, el('h2', {text: title})), content);
+}

@@ -1,0 +1,280 @@
+// What the page knows: filled by the event stream, read by the views.
+//
+// Topics that can be listened to: "channels" (set, names, labels), "snapshot" (each second), "alarms",
+// "overview" (strips and sparklines were loaded), "connection" (live or not), "meta".
+import {EventStream} from './stream.js';
+import {parseTime} from './format.js';
+
+export const kSparkCells = 60;
+const kSparkMs = 5_000; // of a cell
+const kStripReloadMs = 60_000; // a strip's cell is five minutes
+const kHelloMs = 20_000;
+const kWorkerAnswerMs = 3_000;
+
+const names = new Intl.Collator(undefined, {numeric: true, sensitivity: 'base'});
+
+function groupNumber(group) {
+  return group.split('.').reduce((number, part) => number * 256 + Number(part), 0);
+}
+
+// One channel. `info` is the API's description; `row` the newest snapshot's row, null without one.
+class Channel {
+  constructor(info) {
+    this.group = info.group;
+    this.groupNumber = groupNumber(info.group);
+    this.row = null;
+    this.spark = new Float32Array(kSparkCells).fill(NaN);
+    this.strip = '';
+    this.describe(info);
+  }
+
+  describe(info) {
+    this.info = info;
+    const labels = Object.entries(info.labels).map(([key, value]) => `${key}=${value}`);
+    this.searchText = [info.name, info.group, ...labels].join('\n').toLowerCase();
+    this.labelTexts = labels;
+  }
+}
+
+export class Store {
+  constructor(api) {
+    this.api = api;
+    this.listeners = new Map();
+    this.channels = new Map(); // by group
+    this.alarms = [];
+    this.alarmsByGroup = new Map();
+    this.meta = null;
+    this.probe = null;
+    this.alarmCounts = {};
+    this.index = {}; // name of a field -> its place in a row
+    this.number = -1;
+    this.connection = {live: false, since: Date.now()};
+    this.clockAhead = 0; // ms that the station's clock is ahead of this browser's
+    this.sparkSlot = 0;
+    this.sparkSum = new Map();
+    this.channelsVersion = null;
+    this.loaded = false;
+  }
+
+  on(topic, listener) {
+    if (!this.listeners.has(topic)) this.listeners.set(topic, new Set());
+    this.listeners.get(topic).add(listener);
+    return () => this.listeners.get(topic).delete(listener);
+  }
+
+  tell(topic) {
+    for (const listener of this.listeners.get(topic) ?? []) listener();
+  }
+
+  // The time by the station's clock.
+  now() {
+    return new Date(Date.now() + this.clockAhead);
+  }
+
+  // A field of the channel's newest row; null while nothing is known.
+  value(channel, field) {
+    return channel.row ? channel.row[this.index[field]] : null;
+  }
+
+  // Units and meanings of stream columns and history metrics, by name.
+  unit(name) {
+    return this.units?.get(name) ?? '';
+  }
+
+  // Whether what is shown may be old: why, and since when; null while all is well.
+  stale() {
+    if (!this.connection.live) return {who: 'station', since: new Date(this.connection.since)};
+    if (this.probe && !this.probe.connected) return {who: 'probe', since: parseTime(this.probe.lastSnapshot)};
+    return null;
+  }
+
+  start() {
+    this.connect();
+    this.loadChannels();
+    this.loadMeta();
+    this.loadOverview();
+    setInterval(() => {
+      if (this.connection.live && !document.hidden) this.loadOverview();
+    }, kStripReloadMs);
+    document.addEventListener('visibilitychange', () => {
+      if (!document.hidden) this.loadOverview();
+    });
+  }
+
+  // One stream for all tabs, by a shared worker; where there is none, a stream of this tab's own.
+  connect() {
+    const alone = () => {
+      this.stream = new EventStream((name, text) => this.heard(name, text), (connection) => this.connected(connection));
+    };
+    if (!window.SharedWorker) {
+      alone();
+      return;
+    }
+    let answered = false;
+    const worker = new SharedWorker('/page/streamWorker.js', {type: 'module', name: 'kestor'});
+    const fallBack = () => {
+      if (answered || this.stream) return;
+      worker.port.close();
+      alone();
+    };
+    worker.addEventListener('error', fallBack);
+    setTimeout(fallBack, kWorkerAnswerMs);
+    worker.port.onmessage = ({data}) => {
+      answered = true;
+      if (data.connection) this.connected(data.connection);
+      else this.heard(data.name, data.text);
+    };
+    const hello = () => worker.port.postMessage('hello');
+    hello();
+    setInterval(hello, kHelloMs);
+    addEventListener('pagehide', () => worker.port.postMessage('leave'));
+    addEventListener('pageshow', hello);
+  }
+
+  connected(connection) {
+    const back = connection.live && !this.connection.live;
+    this.connection = connection;
+    if (back && this.loaded) { // the station may be another one since
+      this.channelsVersion = null;
+      this.loadMeta();
+      this.loadOverview();
+    }
+    this.tell('connection');
+  }
+
+  heard(name, text) {
+    const data = JSON.parse(text);
+    if (name === 'snapshot') this.takeSnapshot(data);
+    else if (name === 'alarm') this.takeAlarms(data.alarms);
+    else if (name === 'channels' && data.version !== this.channelsVersion) {
+      this.channelsVersion = data.version;
+      this.loadChannels();
+    }
+  }
+
+  takeSnapshot(data) {
+    this.number = data.number;
+    this.time = new Date(data.time);
+    this.clockAhead = this.time.getTime() - Date.now();
+    this.probe = data.probe;
+    this.alarmCounts = data.alarms;
+    if (data.fields.join() !== this.fieldNames) {
+      this.fieldNames = data.fields.join();
+      this.index = Object.fromEntries(data.fields.map((field, place) => [field, place]));
+    }
+    const before = new Set(this.channels.keys());
+    for (const row of data.channels) {
+      const channel = this.channels.get(row[0]);
+      if (!channel) continue; // its description is on the way
+      channel.row = row;
+      before.delete(row[0]);
+    }
+    for (const group of before) this.channels.get(group).row = null;
+    this.fillSparks();
+    this.tell('snapshot');
+  }
+
+  // Sparklines go on from what was loaded: each cell is the mean of its five seconds.
+  fillSparks() {
+    const slot = Math.floor(this.time.getTime() / kSparkMs);
+    const steps = this.sparkSlot ? Math.min(kSparkCells, Math.max(0, slot - this.sparkSlot)) : 0;
+    this.sparkSlot = slot;
+    const bitRate = this.index.bitRate;
+    for (const channel of this.channels.values()) {
+      if (steps > 0) {
+        channel.spark.copyWithin(0, steps).fill(NaN, kSparkCells - steps);
+        channel.sparkSum = 0;
+        channel.sparkCount = 0;
+      }
+      const value = channel.row?.[bitRate];
+      if (value === null || value === undefined || !this.probe.connected) continue;
+      channel.sparkSum = (channel.sparkSum ?? 0) + value;
+      channel.sparkCount = (channel.sparkCount ?? 0) + 1;
+      channel.spark[kSparkCells - 1] = channel.sparkSum / channel.sparkCount;
+    }
+  }
+
+  takeAlarms(alarms) {
+    this.alarms = alarms;
+    this.alarmsByGroup = Map.groupBy ? Map.groupBy(alarms, (alarm) => alarm.group) : grouped(alarms);
+    this.tell('alarms');
+  }
+
+  async loadChannels() {
+    const asked = this.channelsAsked = (this.channelsAsked ?? 0) + 1;
+    let list;
+    try {
+      list = await this.api.get('channels');
+    } catch (error) {
+      this.channelsVersion = null; // the next connection asks again
+      if (!this.loaded) setTimeout(() => this.loadChannels(), 2_000);
+      return;
+    }
+    if (asked !== this.channelsAsked) return; // a later one is on the way
+    const gone = new Set(this.channels.keys());
+    for (const info of list) {
+      gone.delete(info.group);
+      const channel = this.channels.get(info.group);
+      if (channel) channel.describe(info);
+      else this.channels.set(info.group, new Channel(info));
+    }
+    for (const group of gone) this.channels.delete(group);
+    this.rankNames();
+    this.loaded = true;
+    this.tell('channels');
+    if (this.overview) this.takeOverview(this.overview);
+  }
+
+  // Comparing names is slow: it is done once for a set, and sorting compares ranks.
+  rankNames() {
+    const list = [...this.channels.values()];
+    list.sort((a, b) => names.compare(a.info.name, b.info.name) || a.groupNumber - b.groupNumber);
+    list.forEach((channel, rank) => { channel.nameRank = rank; });
+  }
+
+  async loadMeta() {
+    try {
+      this.meta = await this.api.get('meta');
+    } catch {
+      if (!this.meta) setTimeout(() => this.loadMeta(), 2_000);
+      return;
+    }
+    this.units = new Map(this.meta.historyMetrics.map((metric) => [metric.name, metric.unit]));
+    for (const column of this.meta.columns.stream) this.units.set(column.name, column.unit);
+    this.tell('meta');
+  }
+
+  async loadOverview() {
+    if (this.overviewAsked) return;
+    this.overviewAsked = true;
+    try {
+      this.takeOverview(await this.api.get(`overview?cells=${kSparkCells}&seconds=${kSparkMs / 1000}`));
+    } catch {
+      // The strips stay as they are until the next time.
+    } finally {
+      this.overviewAsked = false;
+    }
+  }
+
+  // May come before the channels do, and is kept until then.
+  takeOverview(overview) {
+    this.overview = this.loaded ? null : overview;
+    if (!this.loaded) return;
+    for (const {group, spark, strip} of overview.channels) {
+      const channel = this.channels.get(group);
+      if (!channel) continue;
+      for (let cell = 0; cell < kSparkCells; cell++) channel.spark[cell] = spark[cell] ?? NaN;
+      channel.strip = strip;
+    }
+    this.tell('overview');
+  }
+}
+
+function grouped(alarms) {
+  const groups = new Map();
+  for (const alarm of alarms) {
+    if (!groups.has(alarm.group)) groups.set(alarm.group, []);
+    groups.get(alarm.group).push(alarm);
+  }
+  return groups;
+}
