@@ -14,6 +14,11 @@ const kLamps = {
   unknown: ['?', 'unknown'],
 };
 
+// A name with underscores as nodes, with a place to break a line after each of them.
+function breakable(name) {
+  return name.split(/(?<=_)/).flatMap((part, place) => (place ? [el('wbr'), part] : [part]));
+}
+
 export class Lamps {
   constructor(store) {
     this.store = store;
@@ -37,7 +42,7 @@ export class Lamps {
     const lamp = el('span', {class: 'sign', role: 'img'});
     const cells = [0, 1, 2].map(() => el('td', {class: 'number'}));
     const name = check.number ? `${check.number} ${check.name}` : check.name;
-    const node = el('tr', {title: visible(check.meaning)}, el('td', {class: 'lamp'}, lamp), el('th', {scope: 'row', text: name}), ...cells);
+    const node = el('tr', {title: visible(check.meaning)}, el('td', {class: 'lamp'}, lamp), el('th', {scope: 'row'}, ...breakable(name)), ...cells);
     this.rows.set(check.column, {node, lamp, cells});
     return node;
   }
