@@ -1,6 +1,7 @@
 // Delivery of alarms to webhooks.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -26,30 +27,58 @@ struct Notification {
     Labels labels;
     std::string text;
     double value = 0;
+
+    bool operator==(const Notification&) const = default;
+};
+
+// An alarm that is raised when the station starts.
+struct ActiveNotification {
+    Notification raise;
+    bool silenced = false;  // a maintenance window holds: not told unless it was already
+};
+
+// How patient delivery is.
+struct DeliveryPace {
+    std::chrono::milliseconds firstWait{1'000};  // after a failure; doubles with each, give or take a fifth
+    std::chrono::milliseconds longestWait{300'000};
+    std::chrono::milliseconds minute{60'000};      // of maxPerMinute
+    std::chrono::milliseconds refresh{60'000};     // an Alertmanager is told again what is raised
+    std::chrono::milliseconds alertLife{300'000};  // and forgets it after this time
 };
 
 // Sends notifications by HTTP, on a thread of its own (libcurl); no call waits. What is owed to each receiver
-// is kept in `delivery.db` of the state directory and outlives a restart. A failed delivery is tried again
-// after 1 s, 2 s, 4 s
-// ... up to 5 minutes; a clear is sent only for a raise that was delivered, and a raise that is over before
-// it could be delivered is dropped. At most maxPerMinute messages go to a receiver; the rest is summed up in
-// one message at the end of the minute.
+// is kept in `delivery.db` of the state directory and outlives a restart. A receiver gets one message at a
+// time, in order; a failed one is tried again after 1 s, 2 s, 4 s ... up to 5 minutes. A clear is sent only
+// for a raise that was delivered, and a raise that is over before it could be delivered is dropped, unless
+// its message was sent and not answered: then both are delivered. A message that is refused (status 400, 413
+// or 422) ten times is dropped.
+//
+// A message carries one notification. At most maxPerMinute of them go to a receiver; the rest is summed up in
+// one message at the end of the minute. An Alertmanager gets all that is owed in one message, and once a
+// minute what is raised, since it takes for resolved what it is not told again.
 class Delivery {
   public:
     static constexpr std::size_t kOwedLimit =
         10'000;  // notifications owed to a receiver; beyond, the oldest are dropped
+    static constexpr std::size_t kNotifyQueue = 10'000;  // not yet taken up; beyond, the oldest are dropped
 
-    Delivery(const std::filesystem::path& stateDirectory, const std::string& instance);
+    // `instance` is what receivers know this station by.
+    Delivery(const std::filesystem::path& stateDirectory, const std::string& instance,
+             const DeliveryPace& pace = {});
     ~Delivery();  // at most a second: what is under way is owed again
     Delivery(const Delivery&) = delete;
 
-    // Receivers from here on; one that is gone loses what it is owed, one that stays keeps it.
+    // Receivers from here on; one that is gone loses what it is owed, one that stays (same URL and format)
+    // keeps it.
     void configure(const std::vector<Webhook>& webhooks);
+    // What is raised at the start, all of it: a receiver that was told of an alarm that is not among them is
+    // told that it is over, one that knows nothing of one of them is told. Heals what a kill in between left.
+    void resume(std::vector<ActiveNotification> active);
     // Of one alarm to all receivers whose minimum severity it reaches.
     void notify(Notification notification);
 
     struct ReceiverStatistics {
-        std::string url;  // without user and password
+        std::string url;  // without user, password and query
         uint64_t delivered = 0;
         uint64_t failed = 0;   // attempts
         uint64_t dropped = 0;  // notifications never told

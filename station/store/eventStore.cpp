@@ -45,13 +45,15 @@ int64_t idFromTime(WallTime time) {
     return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
 }
 
-std::vector<Alarm> alarmsOf(const Carried& carried) {
-    std::map<std::pair<std::size_t, std::optional<Group>>, Alarm> alarms;  // the newest of each
-    for (const auto& [id, events] : carried.active) {
+// The active alarms. What nobody could ever clear is taken out: a type that this version does not have, and
+// all but the newest where a channel has one several times.
+std::vector<Alarm> takeAlarms(std::map<int64_t, ActiveEvents>& active) {
+    std::map<std::pair<std::size_t, std::optional<Group>>, Alarm> alarms;
+    for (const auto& [id, events] : active) {
         const Event& raised = events.raised;
         const std::optional<std::size_t> type = findAlarmType(raised.alarm);
         if (!type) {
-            continue;  // a type that this version does not have
+            continue;
         }
         const double value = raised.value.value_or(0);
         Alarm alarm{id,          *type, raised.group, raised.severity.value_or(Severity::kWarning),
@@ -61,10 +63,13 @@ std::vector<Alarm> alarmsOf(const Carried& carried) {
         }
         alarms.insert_or_assign({*type, raised.group}, alarm);
     }
+    std::map<int64_t, ActiveEvents> taken;
     std::vector<Alarm> all;
     for (const auto& [key, alarm] : alarms) {
+        taken.insert(active.extract(alarm.id));
         all.push_back(alarm);
     }
+    active = std::move(taken);
     return all;
 }
 
@@ -97,6 +102,7 @@ struct EventStore::Implementation {
 
     void open();
     void openAtStart();
+    void takeUp(Carried&& stored);
     void works();
     void putAsideIfDamaged();
     void write(std::deque<Waiting>& batch);
@@ -208,13 +214,15 @@ void EventStore::Implementation::openAtStart() {
     try {
         try {
             database_.emplace(file_);
-            carried_ = database_->load();
+            takeUp(database_->load());
             initial.lastId = database_->lastId();
         } catch (const DatabaseError& error) {
             const bool damaged = error.kind() == DatabaseError::Kind::kDamaged;
             if (!damaged && error.kind() != DatabaseError::Kind::kNewer) {
                 throw;
             }
+            initial.active.clear();
+            initial.maintenance.clear();
             carried_ = {};
             initial.lastId = idFromTime(clock_().wall);
             initial.problem = startAnew(error.what(), damaged ? "damaged" : "newer");
@@ -226,13 +234,22 @@ void EventStore::Implementation::openAtStart() {
         failed(error);
         initial.problem = file_.string() + " cannot be opened: " + error.what();
     }
+    bytes = databaseBytes(file_);
+}
+
+void EventStore::Implementation::takeUp(Carried&& stored) {
+    const std::size_t alarms = stored.active.size();
+    const std::size_t windows = stored.maintenance.size();
+    initial.active = takeAlarms(stored.active);
     const WallTime now = clock_().wall;
-    std::erase_if(carried_.maintenance, [now](const auto& window) { return window.second.until <= now; });
-    for (const auto& [id, window] : carried_.maintenance) {
+    std::erase_if(stored.maintenance, [now](const auto& window) { return window.second.until <= now; });
+    for (const auto& [id, window] : stored.maintenance) {
         initial.maintenance.push_back(window);
     }
-    initial.active = alarmsOf(carried_);
-    bytes = databaseBytes(file_);
+    carried_ = std::move(stored);
+    if (carried_.active.size() != alarms || carried_.maintenance.size() != windows) {
+        database_->carryOver(carried_);
+    }
 }
 
 // After a failure: whatever the file has, the alarms and windows known here are the ones that count.
@@ -277,6 +294,10 @@ void EventStore::Implementation::setAside(const std::string& problem, std::strin
     stopCheck();
     const std::lock_guard lock(readerMutex_);
     reader_.reset();
+    {
+        const std::lock_guard found(mutex_);
+        damage_.clear();  // whoever else found it meant the same file
+    }
     startAnew(problem, why);
 }
 
