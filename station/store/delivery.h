@@ -74,7 +74,8 @@ class Delivery {
     // What is raised at the start, all of it: a receiver that was told of an alarm that is not among them is
     // told that it is over, one that knows nothing of one of them is told. Heals what a kill in between left.
     void resume(std::vector<ActiveNotification> active);
-    // Of one alarm to all receivers whose minimum severity it reaches.
+    // Of one alarm to all receivers whose minimum severity it reaches. A raise that a receiver knows already
+    // is not told again.
     void notify(Notification notification);
 
     struct ReceiverStatistics {

@@ -179,7 +179,8 @@ HttpOutcome HttpPoster::Implementation::outcome(const Exchange& exchange, CURLco
         curl_off_t sent = 0;
         curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &sent);
         outcome.doubt = sent >= static_cast<curl_off_t>(exchange.request.body.size());
-        outcome.problem = curl_easy_strerror(code);
+        const bool noHttp = outcome.doubt && code == CURLE_UNSUPPORTED_PROTOCOL;  // as libcurl calls it
+        outcome.problem = noHttp ? "its answer is no HTTP" : curl_easy_strerror(code);
         if (code == CURLE_PEER_FAILED_VERIFICATION || code == CURLE_SSL_CACERT_BADFILE) {
             outcome.problem += std::string(": ") + exchange.error;
         }

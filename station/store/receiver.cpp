@@ -44,6 +44,12 @@ std::deque<Owed>::iterator Receiver::findOwed(int64_t alarmId, bool raised) {
     });
 }
 
+// Whether it was told of the raise, or will be.
+bool Receiver::knows(const Notification& notification) {
+    return isRaise(notification) &&
+           (told_.contains(notification.alarmId) || findOwed(notification.alarmId, true) != owed_.end());
+}
+
 void Receiver::drop(std::deque<Owed>::iterator owed, DeliveryChanges& changes) {
     changes.settled.push_back(owed->sequence);
     ++statistics_.dropped;
@@ -62,7 +68,7 @@ DeliveryChanges Receiver::owe(Notification notification, int64_t& lastSequence) 
     DeliveryChanges changes;
     if (!notification.raised && !notification.momentary) {
         oweClear(std::move(notification), lastSequence, changes);
-    } else if (notification.severity <= webhook_.minimumSeverity) {
+    } else if (notification.severity <= webhook_.minimumSeverity && !knows(notification)) {
         append(std::move(notification), lastSequence, changes);
     }
     return changes;
@@ -119,8 +125,7 @@ DeliveryChanges Receiver::resume(const std::vector<ActiveNotification>& active, 
         oweClear(std::move(clear), lastSequence, changes);
     }
     for (const ActiveNotification& one : active) {
-        if (!one.silenced && one.raise.severity <= webhook_.minimumSeverity &&
-            !told_.contains(one.raise.alarmId) && findOwed(one.raise.alarmId, true) == owed_.end()) {
+        if (!one.silenced && one.raise.severity <= webhook_.minimumSeverity && !knows(one.raise)) {
             append(Notification(one.raise), lastSequence, changes);
         }
     }
