@@ -46,14 +46,8 @@ std::optional<std::string_view> severityText(std::optional<Severity> severity) {
     return severity ? std::optional(severityName(*severity)) : std::nullopt;
 }
 
-struct Indexes {
-    std::size_t lost = sampleCounter("packetsLost");
-    std::size_t continuity = sampleCounter("Continuity_count_error");
-};
-const Indexes& indexes() {
-    static const Indexes indexes;
-    return indexes;
-}
+constexpr std::size_t kLost = sampleCounter("packetsLost");
+constexpr std::size_t kContinuity = sampleCounter("Continuity_count_error");
 
 void channelMembers(JsonWriter& json, const ChannelState& state) {
     const Channel& channel = state.channel;
@@ -71,8 +65,8 @@ void channelMembers(JsonWriter& json, const ChannelState& state) {
     json.member("acknowledged", !state.alarms.empty() && unacknowledged(state) == 0);
     json.member("maintenance", state.maintenance);
     json.member("bitRate", measured(state, state.sample.bitRate));
-    json.member("packetsLost", measured(state, state.sample.totals[indexes().lost]));
-    json.member("Continuity_count_error", measured(state, state.sample.totals[indexes().continuity]));
+    json.member("packetsLost", measured(state, state.sample.totals[kLost]));
+    json.member("Continuity_count_error", measured(state, state.sample.totals[kContinuity]));
     json.member("lastSeen", state.lastSeen);
 }
 
@@ -110,7 +104,7 @@ void checksMember(JsonWriter& json, const ChannelState& channel) {
     json.name("checks").open('[');
     if (channel.shown) {
         for (const records::Check& check : records::kChecks) {
-            const std::size_t counter = sampleCounter(check.column);
+            const std::size_t counter = findSampleCounter(check.column).value();
             json.open('{').member("column", check.column).member("count", channel.sample.totals[counter]);
             json.member("lastMinute", channel.lastMinute[counter]);
             json.member("lastError", channel.lastError[counter]).close('}');
@@ -260,10 +254,10 @@ std::string streamSnapshotJson(const StationState& state) {
     for (const auto& channel : state.channels) {
         json.open('[').value(channel->channel.group.text()).value(channelStatusName(channel->status));
         json.value(severityText(worst(*channel))).value(measured(*channel, channel->sample.bitRate));
-        json.value(measured(*channel, channel->sample.totals[indexes().lost]));
-        json.value(measured(*channel, channel->sample.totals[indexes().continuity]));
-        json.value(measured(*channel, channel->lastMinute[indexes().lost]));
-        json.value(measured(*channel, channel->lastMinute[indexes().continuity]));
+        json.value(measured(*channel, channel->sample.totals[kLost]));
+        json.value(measured(*channel, channel->sample.totals[kContinuity]));
+        json.value(measured(*channel, channel->lastMinute[kLost]));
+        json.value(measured(*channel, channel->lastMinute[kContinuity]));
         json.value(measured(*channel, channel->sample.qualityIndex)).value(unacknowledged(*channel));
         json.value(channel->maintenance).value(channel->lastSeen).close(']');
     }
