@@ -85,6 +85,13 @@ void takeIncrements(ChannelSample& sample, const ChannelSample& previous) {
 
 }  // namespace
 
+std::optional<std::size_t> findSampleCounter(std::string_view column) {
+    const auto found = std::ranges::find(records::kCounterColumns, column, &records::Column::name);
+    return found == records::kCounterColumns.end()
+               ? std::nullopt
+               : std::optional<std::size_t>(found - records::kCounterColumns.begin());
+}
+
 std::string_view sampleCounterColumn(std::size_t index) {
     return records::kCounterColumns.at(index).name;
 }

@@ -56,6 +56,8 @@ constexpr std::size_t sampleCounter(std::string_view column) {
     }
     std::abort();
 }
+// The same for a name that comes from elsewhere; nothing when it is no counter's.
+std::optional<std::size_t> findSampleCounter(std::string_view column);
 std::string_view sampleCounterColumn(std::size_t index);
 
 inline constexpr std::size_t kPacketsReceivedCounter = sampleCounter("packetsReceived");
