@@ -1,0 +1,182 @@
+#!/usr/bin/env python3
+"""Holds every answer of a running station against its schema in docs/api.yaml.
+
+  apiSchemas.py API.YAML ADDRESS:PORT [SOCKET]
+
+Asks every documented call that changes nothing, and with SOCKET, the station's Unix socket, those that change
+something as well. Needs a station that has a channel. What was not tried, and what the station takes without it being
+documented, is a fault too.
+"""
+import http.client
+import json
+import socket
+import sys
+
+import jsonschema
+import yaml
+
+
+class SocketConnection(http.client.HTTPConnection):
+    def connect(self):
+        self.sock = socket.socket(socket.AF_UNIX)
+        self.sock.settimeout(10)
+        self.sock.connect(self.host)
+
+
+class Checker:
+    def __init__(self, api, address, path):
+        with open(api, encoding="utf-8") as file:
+            self.api = yaml.safe_load(file)
+        self.address, self.path = address, path
+        self.tried, self.faults = set(), []
+
+    def request(self, method, target, body=None, content_type="application/json"):
+        """Status, headers, body."""
+        connection = SocketConnection(self.path) if self.path else http.client.HTTPConnection(self.address, timeout=10)
+        headers = {} if body is None else {"Content-Type": content_type}
+        connection.request(method, target, body=body, headers=headers)
+        answer = connection.getresponse()
+        result = answer.status, answer.headers, answer.read()
+        connection.close()
+        return result
+
+    def resolve(self, node):
+        while "$ref" in node:
+            found = self.api
+            for part in node["$ref"].split("/")[1:]:
+                found = found[part]
+            node = found
+        return node
+
+    def validate(self, what, value, schema):
+        root = {"allOf": [schema], "components": self.api["components"]}
+        for error in list(jsonschema.Draft202012Validator(root).iter_errors(value))[:3]:
+            where = "/".join(str(part) for part in error.absolute_path)
+            self.faults.append(f"{what}: at /{where}: {error.message[:300]}")
+
+    def check(self, method, path, target, expect, body=None, content_type="application/json"):
+        """Asks, and returns the answer's document or text when it has the expected status and fits."""
+        what = f"{method} {target}"
+        status, headers, content = self.request(method, target, body, content_type)
+        if status != expect:
+            self.faults.append(f"{what}: status {status}, not {expect}: {content[:200]!r}")
+            return None
+        self.tried.add((method, path, str(status) if status < 400 else "default"))
+        responses = self.api["paths"][path][method.lower()]["responses"]
+        contents = self.resolve(responses.get(str(status), responses.get("default")))["content"]
+        kind = headers.get("Content-Type", "").split(";")[0]
+        if kind not in contents:
+            self.faults.append(f"{what}: Content-Type {kind} is not documented")
+            return None
+        if not kind.endswith("json"):
+            return content.decode()
+        document = json.loads(content, parse_constant=lambda word: self.faults.append(f"{what}: {word} is no JSON"))
+        self.validate(what, document, contents[kind]["schema"])
+        return document
+
+    def events(self):
+        """The first event of each kind of the stream."""
+        path = "/api/v1/stream"
+        connection = SocketConnection(self.path) if self.path else http.client.HTTPConnection(self.address, timeout=10)
+        connection.request("GET", path, headers={"Last-Event-ID": "anything"})
+        answer = connection.getresponse()
+        if answer.status != 200 or answer.headers["Content-Type"] != "text/event-stream":
+            self.faults.append(f"GET {path}: {answer.status} {answer.headers['Content-Type']}")
+            return
+        self.tried.add(("GET", path, "200"))
+        missing = {"snapshot": "StreamSnapshot", "alarm": "StreamAlarm", "channels": "StreamChannels"}
+        event = {}
+        while missing:
+            line = answer.readline().decode().rstrip("\n")
+            if line:
+                name, _, value = line.partition(": ")
+                event[name] = value
+                continue
+            schema = missing.pop(event.get("event"), None)
+            if schema:
+                self.validate(f"event {event['event']}", json.loads(event["data"]),
+                              {"$ref": f"#/components/schemas/{schema}"})
+                if "id" not in event:
+                    self.faults.append(f"event {event['event']} has no id")
+            event = {}
+        connection.close()
+
+    def reads(self, group):
+        channel = "/api/v1/channels/{group}"
+        for path in ("status", "channels", "alarms", "alarm-types", "events", "overview", "meta", "use",
+                     "maintenance", "export"):
+            self.check("GET", f"/api/v1/{path}", f"/api/v1/{path}", 200)
+            refused = self.check("GET", f"/api/v1/{path}", f"/api/v1/{path}?nonsense=1", 422)
+            if refused and refused.get("field") != "nonsense":
+                self.faults.append(f"GET /api/v1/{path}?nonsense=1: the field is not named: {refused}")
+        self.check("GET", "/healthz", "/healthz", 200)
+        self.check("GET", "/readyz", "/readyz", 200)
+        self.check("GET", "/api/v1/events", "/api/v1/events?format=csv&limit=10", 200)
+        self.check("GET", "/api/v1/stream", "/api/v1/stream?x=1", 422)
+        self.check("GET", channel, channel.replace("{group}", group), 200)
+        self.check("GET", channel, channel.replace("{group}", "239.255.255.254"), 404)
+        history = channel + "/history"
+        self.check("GET", history, history.replace("{group}", group), 422)
+        for metric in self.check("GET", "/api/v1/meta", "/api/v1/meta", 200)["historyMetrics"]:
+            for resolution in (1, 60):
+                target = history.replace("{group}", group) + f"?metric={metric['name']}&resolution={resolution}"
+                self.check("GET", history, target, 200)
+        self.events()
+
+    def changes(self):
+        path, target = "/api/v1/channels/{group}", "/api/v1/channels/239.254.254.1"
+        self.check("PUT", path, target, 201, json.dumps({"name": "Zwölf", "labels": {"site": "x"}, "port": 5000}))
+        self.check("PUT", path, target, 200, json.dumps({"number": 12}))
+        self.check("PUT", path, target, 422, json.dumps({"nmae": "x"}))
+        self.check("DELETE", path, target, 200)
+        self.check("DELETE", path, "/api/v1/channels/nonsense", 422)
+        for call, body in (("clear", ""), ("passive", '{"on": false}'), ("igmp-latency", '{"milliseconds": 1000}'),
+                           ("reload", "{}")):
+            self.check("POST", f"/api/v1/{call}", f"/api/v1/{call}", 200, body)
+            self.check("POST", f"/api/v1/{call}", f"/api/v1/{call}", 400, "{")
+        self.check("POST", "/api/v1/import", "/api/v1/import", 200, "#EXTM3U\n#EXTINF:-1,A\nudp://@239.254.254.2:5000\n",
+                   "audio/x-mpegurl")
+        self.check("POST", "/api/v1/import", "/api/v1/import", 415, "x", "image/png")
+        window = self.check("POST", "/api/v1/maintenance", "/api/v1/maintenance", 201,
+                            '{"until": "2199-01-01T00:00:00Z", "remark": "works"}')
+        self.check("POST", "/api/v1/maintenance", "/api/v1/maintenance", 422, "{}")
+        path = "/api/v1/maintenance/{id}"
+        self.check("DELETE", path, path.replace("{id}", str(window["id"])), 200)
+        self.check("DELETE", path, path.replace("{id}", "0"), 422)
+        path = "/api/v1/alarms/{id}/acknowledge"
+        self.check("POST", path, path.replace("{id}", "x"), 422, "{}")
+        for alarm in self.check("GET", "/api/v1/alarms", "/api/v1/alarms", 200)[:1]:
+            self.check("POST", path, path.replace("{id}", str(alarm["id"])), 200, '{"by": "me", "remark": "seen"}')
+
+    def completeness(self):
+        """What is documented was tried, and nothing else is taken."""
+        for path, item in self.api["paths"].items():
+            methods = [method.upper() for method in item if method != "parameters"]
+            target = path.replace("{group}", "239.1.1.1").replace("{id}", "1")
+            allowed = self.request("OPTIONS", target)[1].get("Allow", "").split(", ")
+            if sorted(set(allowed) - {"HEAD", "OPTIONS"}) != sorted(methods):
+                self.faults.append(f"{path}: takes {allowed}, documented are {methods}")
+            for method in methods:
+                # Whether an alarm is raised, and whether the probe is silent, is not for this test to say.
+                optional = "acknowledge" in path or path in ("/healthz", "/readyz")
+                for status in item[method.lower()]["responses"]:
+                    if not optional and (self.path or method == "GET") and (method, path, status) not in self.tried:
+                        self.faults.append(f"{method} {path}: {status} was not tried")
+
+
+def main():
+    checker = Checker(sys.argv[1], sys.argv[2], sys.argv[3] if len(sys.argv) > 3 else None)
+    channels = json.loads(checker.request("GET", "/api/v1/channels")[2])
+    if not channels:
+        sys.exit("the station has no channel")
+    checker.reads(channels[0]["group"])
+    if checker.path:
+        checker.changes()
+    checker.completeness()
+    for fault in checker.faults:
+        print(fault)
+    print(f"{len(checker.tried)} calls tried, {len(checker.faults)} faults")
+    sys.exit(1 if checker.faults else 0)
+
+
+main()

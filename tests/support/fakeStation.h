@@ -1,0 +1,207 @@
+// A station with made-up states, for what serves them.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "commands.h"
+
+namespace station {
+
+// Group 239.1.x.y of the channel with that number.
+inline Group fakeGroup(std::size_t number) {
+    return *Group::parse("239.1." + std::to_string(number / 250) + '.' + std::to_string(number % 250 + 1));
+}
+
+inline std::string fakeLine(records::Kind kind, const std::string& group, int pid) {
+    std::string text;
+    for (const records::Column& column : records::columnsOf(kind)) {
+        const bool fraction = column.type == records::Type::kFraction;
+        std::string value = column.name == "group"  ? group
+                            : column.name == "pid"  ? std::to_string(pid)
+                            : column.name == "kind" ? std::string(pid < 0 ? "0" : "1")
+                            : column.name == "label"
+                                ? std::string(records::kKinds[static_cast<int>(kind)].label)
+                            : column.name == "sourceAddress"   ? std::string("33554442")
+                            : column.name == "packetsReceived" ? std::string("18446744073709551615")
+                            : column.name == "mdiDelayFactor"  ? std::string("nan")
+                            : column.name == "descriptorCount" ? std::string("2")
+                            : fraction                         ? std::string("4.500000")
+                                                               : std::string("7");
+        text += (text.empty() ? "" : ";") + value;
+    }
+    return text + (pid < 0 ? "\n" : ";10;82\n");
+}
+
+// Answers on threads of its own, as the real one does.
+class FakeStation : public StationInterface {
+  public:
+    explicit FakeStation(std::size_t channels, std::size_t pids = 2) {
+        auto first = std::make_shared<StationState>();
+        first->started = first->now.wall = kStart;
+        first->configuration = std::make_shared<Configuration>();
+        first->probe.connected = true;
+        first->probe.lastRequest = first->probe.lastSnapshot = kStart;
+        first->probe.sequence = 12;
+        Alarm alarm;
+        alarm.id = 7;
+        alarm.type = *findAlarmType("continuity");
+        alarm.raised = kStart;
+        alarm.value = alarm.peak = 3;
+        for (std::size_t i = 0; i < channels; ++i) {
+            alarm.group = fakeGroup(i);
+            first->channels.push_back(channel(i, pids, i == 0 ? std::vector{alarm} : std::vector<Alarm>{}));
+        }
+        alarm.group = fakeGroup(0);
+        first->alarms.push_back(alarm);
+        first->maintenance.push_back({.id = 8,
+                                      .from = kStart,
+                                      .until = kStart + std::chrono::hours(1),
+                                      .group = {},
+                                      .remark = "",
+                                      .by = ""});
+        first->notes = {"239.1.1.1 stands there twice"};
+        publish(first);
+    }
+
+    StatePointer state() const override {
+        const std::lock_guard lock(mutex_);
+        return state_;
+    }
+    // The next state: the last one, changed, with the next numbers.
+    void change(const std::function<void(StationState&)>& how) {
+        auto next = std::make_shared<StationState>(*state());
+        how(*next);
+        publish(next);
+    }
+    void publish(const std::shared_ptr<StationState>& next) {
+        const std::lock_guard lock(mutex_);
+        next->number = ++number_;
+        state_ = next;
+    }
+
+    bool command(Command&& command) override {
+        if (full) {
+            return false;
+        }
+        const std::lock_guard lock(mutex_);
+        const auto run = [this, command = std::move(command)] {
+            if (!mute) {
+                command.answer(act(command.action));
+            }
+        };
+        inlineAnswers ? run() : static_cast<void>(threads_.emplace_back(run));
+        return true;
+    }
+    bool queryEvents(const EventFilter& filter, EventStore::QueryAnswer answer) override {
+        if (full) {
+            return false;
+        }
+        Event event;
+        event.id = 7;
+        event.time = kStart;
+        event.group = fakeGroup(0);
+        event.channel = "=HYPERLINK(\"x\")";
+        event.alarm = "continuity";
+        event.alarmId = 7;
+        event.severity = Severity::kWarning;
+        event.text = "12 packets lost, \"quoted\"\n";
+        event.value = 12;
+        std::vector<Event> events(std::min<std::size_t>(filter.limit, 3), event);
+        const std::lock_guard lock(mutex_);
+        const auto run = [events, answer] { answer(std::vector(events), ""); };
+        inlineAnswers ? run() : static_cast<void>(threads_.emplace_back(run));
+        return true;
+    }
+    EventStore::Statistics storeStatistics() const override {
+        return {};
+    }
+    std::vector<Delivery::ReceiverStatistics> deliveryStatistics() const override {
+        Delivery::ReceiverStatistics receiver;
+        receiver.url = "http://127.0.0.1:9093";
+        return {receiver};
+    }
+
+    std::atomic<bool> full = false;  // takes no commands
+    std::atomic<bool> mute = false;  // takes them and never answers
+    bool inlineAnswers = false;      // on the thread of the caller
+
+    static constexpr WallTime kStart{std::chrono::hours(24 * 365 * 50)};
+
+  private:
+    static std::shared_ptr<const ChannelState> channel(std::size_t number, std::size_t pids,
+                                                       std::vector<Alarm> alarms) {
+        const Group group = fakeGroup(number);
+        std::string text = fakeLine(records::Kind::kStream, group.text(), -1);
+        for (std::size_t i = 0; i < pids; ++i) {
+            const auto kind = i == 0 ? records::Kind::kPat : records::Kind::kKnownPid;
+            text += fakeLine(kind, group.text(), static_cast<int>(i * 16));
+        }
+        const auto snapshot = std::make_shared<records::Snapshot>(
+            records::parseSnapshot(std::move(text), [](std::size_t, const std::string&) { std::abort(); }));
+        const auto made = std::make_shared<ChannelState>(ChannelState{.channel = {.group = group},
+                                                                      .alarms = std::move(alarms),
+                                                                      .pids = {},
+                                                                      .snapshot = snapshot,
+                                                                      .sample = {},
+                                                                      .lastSeen = kStart});
+        made->channel.name = "Channel \"" + std::to_string(number) + "\" <script>";
+        made->channel.labels = {{"site", "north"}, {"tvg-id", "a.b"}};
+        made->status = made->alarms.empty() ? ChannelStatus::kOk : ChannelStatus::kAlarm;
+        made->shown = true;
+        made->stream = &(*snapshot)[0];
+        made->pids = {&*snapshot->begin() + 1, snapshot->size() - 1};
+        made->sample.bitRate = 4'000'000;
+        made->sample.qualityIndex = 4.875;
+        made->sample.signal = true;
+        made->sample.totals.fill((uint64_t{1} << 53) + 1);
+        return made;
+    }
+
+    Answer act(const Action& action) {
+        Answer answer;
+        if (const auto* put = std::get_if<PutChannel>(&action)) {
+            if (put->profile == "unknown") {
+                answer.refusal = Refusal{Refusal::Why::kInvalid, "profile", "no such profile"};
+            } else {
+                change([&](StationState& next) { addChannel(next, *put); });
+            }
+        } else if (std::holds_alternative<SetMaintenance>(action)) {
+            answer.id = 8;
+        } else if (std::holds_alternative<AskHistory>(action)) {
+            answer.points = {{kStart, 1, 2, 3}, {kStart, NAN, NAN, NAN}};
+        } else if (const auto* asked = std::get_if<AskOverview>(&action)) {
+            for (const auto& one : state()->channels) {
+                answer.overview.push_back(
+                    {one->channel.group, std::vector<float>(asked->sparkCells, NAN), {}});
+            }
+        } else if (const auto* acknowledged = std::get_if<AcknowledgeAlarm>(&action)) {
+            change([&](StationState& next) {
+                next.alarms[0].acknowledged = Acknowledgement{kStart, acknowledged->by, acknowledged->remark};
+            });
+        }
+        return answer;
+    }
+    static void addChannel(StationState& next, const PutChannel& put) {
+        const auto made = std::make_shared<ChannelState>(ChannelState{.channel = {.group = put.group},
+                                                                      .alarms = {},
+                                                                      .pids = {},
+                                                                      .snapshot = {},
+                                                                      .sample = {},
+                                                                      .lastSeen = {}});
+        made->channel.name = put.name.value_or(put.group.text());
+        std::erase_if(next.channels, [&](const auto& one) { return one->channel.group == put.group; });
+        next.channels.push_back(made);
+        std::ranges::sort(next.channels, {}, [](const auto& one) { return one->channel.group; });
+        ++next.channelsVersion;
+    }
+
+    mutable std::recursive_mutex mutex_;  // guards everything below
+    StatePointer state_;
+    uint64_t number_ = 0;
+    std::vector<std::jthread> threads_;
+};
+
+}  // namespace station

@@ -1,0 +1,440 @@
+// The HTTP server in front of made-up states, spoken to by raw sockets.
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "support/fakeStation.h"
+#include "web/eventStream.h"
+#include "web/server.h"
+
+namespace station {
+namespace {
+
+using std::chrono::seconds;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr std::string_view kToken = "a token that nobody guesses";
+
+class Directory {
+  public:
+    Directory() : path_(std::filesystem::temp_directory_path() / ("stationWeb." + std::to_string(getpid()))) {
+        std::filesystem::create_directories(path_ / "page" / "inner");
+        std::ofstream(path_ / "page" / "index.html") << "<!doctype html>" << std::string(2000, ' ');
+        std::ofstream(path_ / "page" / "inner" / "deep.js") << "secret";
+        std::ofstream(path_ / "secret.js") << "secret";
+    }
+    ~Directory() {
+        std::filesystem::remove_all(path_);
+    }
+    std::filesystem::path operator/(std::string_view name) const {
+        return path_ / name;
+    }
+
+  private:
+    const std::filesystem::path path_;
+};
+
+class Client {
+  public:
+    explicit Client(uint16_t port, const char* from = "127.0.0.1")
+        : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{
+            .sin_family = AF_INET, .sin_port = 0, .sin_addr = {inet_addr(from)}, .sin_zero = {}};
+        EXPECT_EQ(bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = inet_addr("127.0.0.1");
+        EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    explicit Client(const std::filesystem::path& path) : socket_(socket(AF_UNIX, SOCK_STREAM, 0)) {
+        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+        path.string().copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    Client(Client&& other) noexcept : socket_(std::exchange(other.socket_, -1)) {}
+    ~Client() {
+        if (socket_ >= 0) {
+            ::close(socket_);
+        }
+    }
+
+    void send(std::string_view bytes) const {
+        while (!bytes.empty()) {
+            const ssize_t sent = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            if (sent <= 0) {
+                return;  // the server has had enough
+            }
+            bytes.remove_prefix(static_cast<std::size_t>(sent));
+        }
+    }
+    // What comes until `enough` says so, the server closes, or the time is over.
+    template <typename Enough>
+    std::string read(Enough enough, std::chrono::milliseconds time = seconds(5)) {
+        const auto end = std::chrono::steady_clock::now() + time;
+        while (!enough(received_)) {
+            const auto left =
+                std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+            pollfd ready{.fd = socket_, .events = POLLIN, .revents = 0};
+            if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) <= 0) {
+                break;
+            }
+            std::array<char, 65536> bytes{};
+            const ssize_t count = recv(socket_, bytes.data(), bytes.size(), 0);
+            if (count <= 0) {
+                closed = true;
+                break;
+            }
+            received_.append(bytes.data(), static_cast<std::size_t>(count));
+        }
+        return std::exchange(received_, {});
+    }
+    // One answer with its body, as far as Content-Length goes.
+    std::string answer(bool withBody = true) {
+        return read([withBody](const std::string& text) {
+            const std::size_t head = text.find("\r\n\r\n");
+            const std::size_t length = text.find("Content-Length: ");
+            return head != std::string::npos &&
+                   (!withBody || length > head ||
+                    text.size() >= head + 4 + std::stoul(text.substr(length + 16)));
+        });
+    }
+    bool closesWithin(std::chrono::milliseconds time) {
+        read([](const std::string&) { return false; }, time);
+        return closed;
+    }
+
+    bool closed = false;
+
+  private:
+    int socket_;
+    std::string received_;
+};
+
+class StationWeb : public testing::Test {
+  protected:
+    StationWeb() {
+        start();
+    }
+    void start() {
+        ServerOptions options;
+        options.listen = "127.0.0.1:0";
+        options.socket = directory / "station.sock";
+        options.token = kToken;
+        options.allowedHosts = {"probe1.example.net"};
+        options.page = directory / "page";
+        server = std::make_unique<Server>(options, station);
+    }
+    std::string ask(std::string_view request) const {
+        Client client(server->port());
+        client.send(request);
+        return client.answer(!request.starts_with("HEAD"));
+    }
+
+    Directory directory;
+    FakeStation station{3};
+    std::unique_ptr<Server> server;
+};
+
+std::string get(std::string_view target, std::string_view headers = "") {
+    return "GET " + std::string(target) + " HTTP/1.1\r\nHost: localhost\r\n" + std::string(headers) + "\r\n";
+}
+
+std::string change(std::string_view line, std::string_view body, std::string_view headers = "") {
+    return std::string(line) + " HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer " +
+           std::string(kToken) +
+           "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" +
+           std::string(headers) + "\r\n" + std::string(body);
+}
+
+TEST_F(StationWeb, AnswersRequestsAndRefusesWhatIsNone) {
+    struct Case {
+        std::string request;
+        int status;
+        std::string has;  // header or part of the body
+    };
+    const std::string kGroup = "/api/v1/channels/239.1.0.1";
+    const std::string kLine = " /api/v1/status HTTP/1.1\r\nHost: localhost\r\n";
+    const std::vector<Case> cases = {
+        {get("/healthz"), 200, "Content-Type: application/json"},
+        {get("/api/v1/channels"), 200, R"("packetsLost":9007199254740993)"},
+        {get("/api/v1/channels"), 200, R"("name":"Channel \"0\" <script>")"},
+        {get(kGroup), 200, R"("mdiDelayFactor":null)"},
+        {get(kGroup), 200, R"("packetsReceived":18446744073709551615)"},
+        {get(kGroup), 200, R"("source":"10.0.0.2")"},
+        {get("/api/v1/channels/239%2E1.0.1"), 200, "Continuity_count_error"},
+        {get(kGroup + "/history?metric=bitRate"), 200, "[\"2019-12-20T00:00:00.000Z\",null,null,null]"},
+        {get("/api/v1/events?format=csv"), 200, "\"'=HYPERLINK(\"\"x\"\")\""},
+        {get("/api/v1/export"), 200, "udp://@239.1.0.1:"},
+        {get("http://localhost/api/v1/status"), 200, "\"configured\":3"},
+        {"GET /healthz HTTP/1.0\r\n\r\n", 200, "Connection: close"},
+        {"GET /healthz HTTP/1.1\r\nHost: PROBE1.example.net.:9427\r\n\r\n", 200, "ok"},
+        {"GET /healthz HTTP/1.1\r\nHost: [::1]:9427\r\n\r\n", 200, "ok"},
+        {get("/"), 200, "Content-Security-Policy: default-src 'none';"},
+        {get("/", "Accept-Encoding: br, gzip;q=0.5\r\n"), 200, "Content-Encoding: gzip"},
+        {get("/lib/dygraph.min.js"), 200, "text/javascript"},
+        {"HEAD" + kLine + "\r\n", 200, "Content-Length: "},
+        {"OPTIONS" + kLine + "\r\n", 204, "Allow: GET, HEAD, OPTIONS"},
+        {"POST" + kLine + "\r\n", 405, "Allow: GET, HEAD, OPTIONS"},
+        {"BREW" + kLine + "\r\n", 405, "Allow: GET, HEAD, OPTIONS"},
+        // What is not there, and what must not be reached.
+        {get("/api/v1/nothing"), 404, "application/problem+json"},
+        {get("/api/v1/status/"), 404, "problem"},
+        {get("/api/v1/channels/239.9.9.9"), 404, "\"field\":\"group\""},
+        {get("/page/../secret.js"), 404, "problem"},
+        {get("/page/..%2fsecret.js"), 404, "problem"},
+        {get("/page/inner%2fdeep.js"), 404, "problem"},
+        {get("/page/inner"), 404, "problem"},
+        {get("/page//etc/passwd"), 404, "problem"},
+        {get("/lib/dygraph.js"), 404, "problem"},
+        // Not understood.
+        {get("/api/v1/channels/10.0.0.1"), 422, "\"field\":\"group\""},
+        {get(kGroup + "/history"), 422, "\"field\":\"metric\""},
+        {get(kGroup + "/history?metric=bitRate&resolution=2"), 422, "\"field\":\"resolution\""},
+        {get("/api/v1/events?limit=1001"), 422, "\"field\":\"limit\""},
+        {get("/api/v1/events?since=yesterday"), 422, "\"field\":\"since\""},
+        {get("/api/v1/events?limit=1&limit=2"), 422, "\"field\":\"limit\""},
+        {get("/api/v1/overview?cells=600&seconds=600"), 422, "\"field\":\"cells\""},
+        {get("/api/v1/status?" + std::string(500, 'x')), 422, "is not known here"},
+        {get("/api/v1/events?kind=%zz"), 400, "problem"},
+        {get("/api/v1/events?kind=%00"), 400, "problem"},
+        {get("/page/%ff"), 400, "problem"},
+        {"GET /healthz HTTP/1.1\r\n\r\n", 400, "Host"},
+        {"GET /healthz HTTP/1.1\r\nHost: localhost\r\nHost: evil\r\n\r\n", 400, "Host"},
+        {"GET healthz HTTP/1.1\r\nHost: localhost\r\n\r\n", 400, "path"},
+        {"GET / HTTP/9.9\r\nHost: localhost\r\n\r\n", 400, "Connection: close"},
+        {"\x16\x03\x01\x02\x01\xfc\x03\x03 hello\r\n\r\n", 400, "Connection: close"},
+        {"GET / HTTP/1.1\r\nHost: localhost\r\nno colon\r\n\r\n", 400, "Connection: close"},
+        {"POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: -1\r\n\r\n", 400, "Connection: close"},
+        {get("/", "X: " + std::string(9000, 'x') + "\r\n"), 431, "8 KiB"},
+        {change("PUT " + kGroup, std::string(65537, ' ')), 413, "64 KiB"},
+        {get("/healthz", "Expect: much\r\nContent-Length: 1\r\n"), 417, "Expect"},
+        // Rights.
+        {"GET /healthz HTTP/1.1\r\nHost: evil.example\r\n\r\n", 403, "\"field\":\"Host\""},
+        {"GET http://evil.example/healthz HTTP/1.1\r\nHost: localhost\r\n\r\n", 403, "\"field\":\"Host\""},
+        {"PUT " + kGroup + " HTTP/1.1\r\nHost: localhost\r\n\r\n", 403, "\"field\":\"Authorization\""},
+        {"POST /api/v1/clear HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer a token\r\n\r\n", 403,
+         "token"},
+        // Changes.
+        {change("PUT " + kGroup, R"({"name":"News"})"), 200, R"("name":"News")"},
+        {change("PUT /api/v1/channels/239.1.7.7", "{}"), 201, R"("bitRate":null)"},
+        {change("PUT " + kGroup, "", "Transfer-Encoding: chunked\r\n"), 400, "Connection: close"},
+        {change("PUT " + kGroup, R"({"name":"\ud800"})"), 400, "JSON"},
+        {change("PUT " + kGroup, "{\"name\":\"\xff\"}"), 400, "JSON"},
+        {change("PUT " + kGroup, std::string(60000, '[')), 400, "JSON"},
+        {change("PUT " + kGroup, "[]"), 422, "object"},
+        {change("PUT " + kGroup, R"({"name":1})"), 422, R"("field":"name")"},
+        {change("PUT " + kGroup, R"({"nmae":"x"})"), 422, R"("field":"nmae")"},
+        {change("PUT " + kGroup, R"({"name":"a\u0007b"})"), 422, R"("field":"name")"},
+        {change("PUT " + kGroup, R"({"name":")" + std::string(10000, 'x') + R"("})"), 422,
+         R"("field":"name")"},
+        {change("PUT " + kGroup, R"({"labels":{"site":3}})"), 422, R"("field":"labels.site")"},
+        {change("PUT " + kGroup, R"({"port":70000})"), 422, R"("field":"port")"},
+        {change("PUT " + kGroup, R"({"port":1e400})"), 400, "JSON"},
+        {change("PUT " + kGroup, R"({"profile":"unknown"})"), 422, R"("field":"profile")"},
+        {change("POST /api/v1/maintenance", R"({"until":"2001-01-01T00:00:00Z"})"), 422,
+         R"("field":"until")"},
+        {change("POST /api/v1/import", "#EXTM3U"), 415, R"("field":"Content-Type")"},
+        {change("POST /api/v1/alarms/99999999999999999999/acknowledge", "{}"), 422, R"("field":"id")"},
+        {change("POST /api/v1/alarms/9/acknowledge", "{}"), 404, "No such alarm"},
+    };
+    for (const Case& one : cases) {
+        const std::string answer = ask(one.request);
+        EXPECT_THAT(answer, AllOf(StartsWith("HTTP/1.1 " + std::to_string(one.status) + ' '),
+                                  HasSubstr(one.has), Not(HasSubstr("secret"))))
+            << one.request.substr(0, 200);
+        EXPECT_THAT(answer, HasSubstr("X-Content-Type-Options: nosniff\r\n"));
+    }
+    EXPECT_EQ(ask("HEAD" + kLine + "\r\n").find("\r\n\r\n") + 4, ask("HEAD" + kLine + "\r\n").size());
+    const std::string page = ask(get("/"));
+    const std::size_t etag = page.find("ETag: ") + 6;
+    const std::string known = page.substr(etag, page.find('\r', etag) - etag);
+    EXPECT_THAT(ask(get("/", "If-None-Match: \"other\", " + known + "\r\n")), StartsWith("HTTP/1.1 304 "));
+
+    station.full = true;
+    EXPECT_THAT(ask(change("POST /api/v1/clear", "")),
+                AllOf(StartsWith("HTTP/1.1 503 "), HasSubstr("Retry-After: ")));
+    station.change([](StationState& state) { state.probe.connected = false; });
+    EXPECT_THAT(ask(get("/readyz")), AllOf(StartsWith("HTTP/1.1 503 "), HasSubstr("silent")));
+}
+
+TEST_F(StationWeb, TakesRequestsOneBehindTheOtherOnOneConnection) {
+    Client client(server->port());
+    client.send(get("/healthz") + change("PUT /api/v1/channels/239.1.0.2", R"({"name":"One"})") +
+                get("/api/v1/status"));
+    std::string all;
+    for (int i = 0; i < 50 && all.find("\"igmpLatencyMs\"") == std::string::npos; ++i) {
+        all += client.read([](const std::string& text) { return !text.empty(); });
+    }
+    EXPECT_LT(all.find("{\"status\":\"ok\"}"), all.find("\"name\":\"One\""));
+    EXPECT_LT(all.find("\"name\":\"One\""), all.find("\"igmpLatencyMs\""));
+}
+
+TEST_F(StationWeb, LetsWhoMayOpenTheSocketChange) {
+    struct stat status {};
+    ASSERT_EQ(stat((directory / "station.sock").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0660U);
+    Client client(directory / "station.sock");
+    client.send("DELETE /api/v1/channels/239.1.0.1 HTTP/1.1\r\nHost: whatever\r\n\r\n");
+    EXPECT_THAT(client.answer(), StartsWith("HTTP/1.1 200 "));
+    ServerOptions second;
+    second.socket = directory / "station.sock";
+    EXPECT_THROW(Server(second, station), std::runtime_error)
+        << "the socket of a station that runs is left alone";
+
+    server->setAccess("", {});
+    EXPECT_THAT(ask(change("POST /api/v1/clear", "")), StartsWith("HTTP/1.1 403 "))
+        << "without a token, none is right";
+    server.reset();
+    EXPECT_FALSE(std::filesystem::exists(directory / "station.sock"));
+}
+
+TEST_F(StationWeb, BoundsConnections) {
+    std::vector<Client> clients;
+    for (std::size_t i = 0; i < Server::kConnectionsPerAddress; ++i) {
+        clients.emplace_back(server->port());
+        clients.back().send(get("/healthz"));
+        EXPECT_THAT(clients.back().answer(), StartsWith("HTTP/1.1 200 "));
+    }
+    EXPECT_THAT(ask(get("/healthz")), AllOf(StartsWith("HTTP/1.1 503 "), HasSubstr("Retry-After")));
+    for (int host = 2; clients.size() < Server::kConnections; ++host) {
+        for (std::size_t i = 0; i < Server::kConnectionsPerAddress; ++i) {
+            clients.emplace_back(server->port(), ("127.0.0." + std::to_string(host)).c_str());
+        }
+    }
+    clients.back().send(get("/healthz"));
+    EXPECT_THAT(clients.back().answer(), StartsWith("HTTP/1.1 200 "));
+    Client local(directory / "station.sock");
+    local.send(get("/healthz"));
+    EXPECT_THAT(local.answer(), StartsWith("HTTP/1.1 503 "));
+    EXPECT_EQ(server->statistics().connections, Server::kConnections);
+    clients.clear();
+    std::string answer;
+    for (int i = 0; i < 100 && !answer.starts_with("HTTP/1.1 200 "); ++i) {
+        answer = ask(get("/healthz"));
+    }
+    EXPECT_THAT(answer, StartsWith("HTTP/1.1 200 ")) << "whose places are free again";
+}
+
+TEST_F(StationWeb, LetsSlowClientsGo) {
+    std::string name(200, 'x');
+    station.change([&](StationState& state) {
+        for (int i = 0; i < 20'000; ++i) {
+            state.notes.push_back(name);
+        }
+    });
+    Client head(server->port());
+    head.send("GET /healthz HT");
+    Client body(server->port());
+    body.send(change("PUT /api/v1/channels/239.1.0.1", "{}").substr(0, 150));
+    Client idle(server->port());
+    Client reader(server->port());  // takes nothing of 4 MB, six times
+    for (int i = 0; i < 6; ++i) {
+        reader.send(get("/api/v1/status"));
+    }
+    std::this_thread::sleep_for(seconds(3));
+    head.send("TP/1.1\r\n");  // a byte now and then does not help
+    for (Client* client : {&head, &body, &idle}) {
+        EXPECT_TRUE(client->closesWithin(seconds(3)));
+    }
+    for (int i = 0; i < 100 && server->statistics().slowClosed == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_EQ(server->statistics().slowClosed, 1U);
+    EXPECT_THAT(ask(get("/healthz")), StartsWith("HTTP/1.1 200 "));
+}
+
+TEST_F(StationWeb, GivesStreamsTheNewestState) {
+    const auto contains = [](std::string what) {
+        return [what](const std::string& text) { return text.find(what) != std::string::npos; };
+    };
+    Client quick(server->port());
+    Client slow(server->port());
+    for (Client* client : {&quick, &slow}) {
+        client->send(get("/api/v1/stream", "Last-Event-ID: 4711\r\n"));
+    }
+    const std::string start = quick.read(contains("event: snapshot"));
+    EXPECT_THAT(start, AllOf(HasSubstr("text/event-stream"), HasSubstr("event: alarm\nid: "),
+                             HasSubstr("event: channels\nid: ")));
+    slow.read(contains("event: snapshot"));
+
+    constexpr int kStates = 10;
+    for (int i = 1; i <= kStates; ++i) {
+        station.change([i](StationState& state) {
+            state.probe.restarts = static_cast<uint64_t>(i);
+            state.probe.pipeProblem.assign(2'000'000, 'x');  // more than the kernel takes
+            state.alarmsVersion += i == kStates ? 1 : 0;
+        });
+        server->statePublished();
+        quick.read(contains("\"restarts\":" + std::to_string(i) + ','), std::chrono::milliseconds(500));
+    }
+    std::string rest = slow.read(contains("\"restarts\":" + std::to_string(kStates) + ','));
+    EXPECT_THAT(rest, HasSubstr("event: alarm"));
+    std::size_t snapshots = 0;
+    for (std::size_t at = 0; (at = rest.find("event: snapshot", at)) != std::string::npos; ++at) {
+        ++snapshots;
+    }
+    EXPECT_LE(snapshots, 3U) << "what came while it was not done with the first is left out";
+    EXPECT_EQ(server->statistics().streams, 2U);
+}
+
+TEST(StationEventStream, TellsEachKindOnceAndCommentsInBetween) {
+    FakeStation station(1);
+    EventStream events;
+    EventStream::Client client;
+    SteadyTime now{};
+    const auto next = [&] {
+        const PayloadPointer payload = events.next(client, now);
+        return payload == nullptr ? std::string() : payload->text().substr(0, payload->text().find('\n'));
+    };
+    events.update(*station.state());
+    for (const char* line : {"retry: 2000", "event: channels", "event: alarm", "event: snapshot", ""}) {
+        EXPECT_EQ(next(), line);
+    }
+    station.change([](StationState& state) { ++state.channelsVersion; });
+    events.update(*station.state());
+    now += seconds(15);
+    for (const char* line : {": still here", "event: channels", "event: snapshot", ""}) {
+        EXPECT_EQ(next(), line);
+    }
+}
+
+TEST_F(StationWeb, SurvivesClientsAndAnswersThatAreGone) {
+    station.mute = true;
+    {
+        Client client(server->port());
+        client.send(change("POST /api/v1/clear", ""));
+        while (server->statistics().requests == 0) {
+            std::this_thread::yield();
+        }
+    }
+    station.mute = false;
+    for (int i = 0; i < 200; ++i) {
+        Client(server->port()).send(get("/api/v1/overview"));
+    }
+    Client last(server->port());
+    last.send(get("/api/v1/events"));
+    server.reset();  // answers may come still
+    start();
+    EXPECT_THAT(ask(get("/healthz")), StartsWith("HTTP/1.1 200 "));
+}
+
+TEST_F(StationWeb, AnswersAsDocumented) {
+    const std::string tree = KESTOR_SOURCE_DIR;
+    const std::string command = "python3 " + tree + "/tests/apiSchemas.py " + tree +
+                                "/docs/api.yaml 127.0.0.1:" + std::to_string(server->port());
+    EXPECT_EQ(system(command.c_str()), 0);
+    EXPECT_EQ(system((command + ' ' + (directory / "station.sock").string()).c_str()), 0);
+}
+
+}  // namespace
+}  // namespace station
