@@ -3,6 +3,7 @@
 #   make run                 the probe on two channels encoded here, shown live, until Ctrl-C
 #   make run RUN_SECONDS=30  the same for so long
 #   make run GROUPS="239.1.1.1 239.1.1.2"   real groups on this machine's eth0 (root)
+#   make run PLAYLIST=channels.m3u           the groups of a playlist there
 #   make test                unit and end-to-end tests
 #   make help                everything else
 
@@ -27,9 +28,9 @@ build: deps
 deps:
 	scripts/install-deps.sh
 
-## run           the live table; RUN_SECONDS limits the time, GROUPS names real groups
+## run           probe, station and page; RUN_SECONDS limits the time, GROUPS or PLAYLIST name real groups
 run: build
-	RUN_SECONDS=$(RUN_SECONDS) scripts/demo.sh $(GROUPS)
+	RUN_SECONDS="$(RUN_SECONDS)" PLAYLIST="$(PLAYLIST)" scripts/demo.sh $(GROUPS)
 
 ## test          unit and end-to-end tests; PRESET=asan, tsan or debug for those builds
 test: deps

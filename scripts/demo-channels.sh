@@ -2,12 +2,22 @@
 # demo-channels.sh [SECONDS]
 #
 # Sends two encoded channels, H.264 video and MPEG audio in MPEG-TS, to 239.1.1.1:5000 and 239.1.1.2:5000, for so many
-# seconds or until it is ended. Only for use inside scripts/netns.sh.
+# seconds or until it is ended; with DEMO_CABLE to 127.0.0.1:6001 and 127.0.0.1:6002, where scripts/demo-cable.py takes
+# them. Only for use inside scripts/netns.sh.
 set -euo pipefail
 
 duration=()
 if [ $# -gt 0 ]; then duration=(-t "$1"); fi
 ip link show feed0 >/dev/null || { echo "demo-channels.sh: run it through scripts/netns.sh" >&2; exit 1; }
+
+# Where a channel's datagrams go: to its group, or to its end of the demonstration's cable.
+destination() { # GROUP
+  if [ -n "${DEMO_CABLE:-}" ]; then
+    echo "127.0.0.1:600${1##*.}?pkt_size=1316"
+  else
+    echo "$1:5000?pkt_size=1316&localaddr=10.99.0.2&ttl=8"
+  fi
+}
 
 # GROUP PICTURE VIDEO_RATE AUDIO_SAMPLE_RATE MULTIPLEX_RATE PMT_PID FIRST_ELEMENTARY_PID PROGRAM, rates in bit/s
 send_channel() {
@@ -18,7 +28,7 @@ send_channel() {
     -c:v libx264 -preset ultrafast -g 12 -bf 2 -b:v "$3" -maxrate "$3" -bufsize "$(($3 / 2))" -pix_fmt yuv420p \
     -threads 1 -c:a mp2 -b:a 128k \
     -f mpegts -muxrate "$5" -mpegts_pmt_start_pid "$6" -mpegts_start_pid "$7" -mpegts_service_id "$8" \
-    -flush_packets 0 "udp://$1:5000?pkt_size=1316&localaddr=10.99.0.2&ttl=8&bitrate=$5&burst_bits=10528"
+    -flush_packets 0 "udp://$(destination "$1")&bitrate=$5&burst_bits=10528"
 }
 
 send_channel 239.1.1.1 720x576 2800000 48000 4000000 0x1000 0x100 1 &

@@ -1,32 +1,83 @@
 #!/usr/bin/env bash
 # demo.sh [GROUP]...
 #
-# Shows the probe's live results as a table, until Ctrl-C or for RUN_SECONDS seconds: without groups on two channels that
-# are encoded here, inside a network of its own; with groups on the real traffic of this machine's eth0, which takes
-# root. The probe's diagnostics go to build/demo/kestor.log.
+# Shows the probe and its station at work, until Ctrl-C or for RUN_SECONDS seconds: a table of the channels with their state and
+# alarms, and the station's page on this machine's loopback. Without groups on two channels that are encoded here, inside a network
+# of its own, with one fault every 20 s; with groups, or with PLAYLIST=FILE, on the real traffic of this machine's eth0, which takes
+# root. What the programs say goes to build/demo/.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 bin=$root/build/release/bin
-log=$root/build/demo/kestor.log
+work=$root/build/demo
+port=9427
+if [ -n "${PLAYLIST:-}" ]; then PLAYLIST=$(realpath "$PLAYLIST"); fi
 
-if [ $# -eq 0 ]; then exec "$root/scripts/netns.sh" "$root/scripts/demo.sh" --inside; fi
+if [ $# -eq 0 ] && [ -z "${PLAYLIST:-}" ]; then
+  exec "$root/scripts/relay.py" --listen "$port" "$root/scripts/netns.sh" "$root/scripts/demo.sh" --inside
+fi
 
 children=()
 trap 'kill "${children[@]}" 2>/dev/null || true' EXIT
-mkdir -p "$(dirname "$log")"
-if [ "$1" = --inside ]; then
-  set -- 239.1.1.1 239.1.1.2
-  "$root/scripts/demo-channels.sh" &
+trap 'exit 0' INT TERM
+rm -rf "$work"
+mkdir -p "$work/state"
+: >"$work/faults.log"
+
+if [ "${1:-}" = --inside ]; then
+  set --
+  PLAYLIST=$work/channels.m3u
+  cat >"$PLAYLIST" <<'END'
+#EXTM3U
+#EXTINF:-1 tvg-chno="1" tvg-id="test-card.example" group-title="Demonstration",Test Card
+udp://@239.1.1.1:5000
+#EXTINF:-1 tvg-chno="2" tvg-id="small-card.example" group-title="Demonstration",Small Test Card
+udp://@239.1.1.2:5000
+END
+  "$root/scripts/demo-cable.py" 239.1.1.1 239.1.1.2 >"$work/faults.log" &
+  children+=($!)
+  DEMO_CABLE=1 "$root/scripts/demo-channels.sh" &
+  children+=($!)
+  "$root/scripts/relay.py" --serve "$RELAY_DESCRIPTOR" "$port" &
   children+=($!)
 fi
-"$bin/kestor" -s >"$log" &
-children+=($!)
-"$bin/kestorctl" add "$@"
 
-limit=()
-if [ -n "${RUN_SECONDS:-}" ]; then limit=(timeout --foreground "$RUN_SECONDS"); fi
-status=0
-"${limit[@]}" "$bin/kestorctl" watch || status=$?
-if [ "$status" -eq 124 ]; then status=0; fi # the time is up
-exit "$status"
+{
+  if [ -n "${PLAYLIST:-}" ]; then printf '[[playlist]]\nfile = "%s"\n' "$PLAYLIST"; fi
+  for group in "$@"; do printf '[[channel]]\ngroup = "%s"\n' "$group"; done
+} >"$work/station.toml"
+
+export KESTOR_STATION=$work/station.sock
+"$bin/kestor" -s >"$work/kestor.log" &
+children+=($!)
+"$bin/kestor-station" --config "$work/station.toml" --state "$work/state" --socket "$KESTOR_STATION" \
+  --listen "127.0.0.1:$port" 2>"$work/station.log" &
+station=$!
+children+=("$station")
+
+picture() {
+  echo "http://127.0.0.1:${RELAY_PORT:-$port}/ is the page; Ctrl-C ends it all. $(tail -n 1 "$work/faults.log")"
+  echo
+  "$bin/kestorctl" channels
+  echo
+  "$bin/kestorctl" alarms
+  echo
+  "$bin/kestorctl" watch --once
+}
+
+for ((tries = 0; tries < 100; ++tries)); do
+  if ! kill -0 "$station" 2>/dev/null; then
+    echo "kestor-station has ended:" >&2
+    cat "$work/station.log" >&2
+    exit 1
+  fi
+  if "$bin/kestorctl" --timeout 3 watch --once >"$work/first" 2>/dev/null; then break; fi
+  sleep 0.2
+done
+
+end=$((SECONDS + ${RUN_SECONDS:-1000000000}))
+while [ "$SECONDS" -lt "$end" ]; do
+  text=$(picture 2>&1) || true
+  if [ -t 1 ]; then printf '\033[H\033[J%s\n' "$text"; else printf '%s\n\n' "$text"; fi
+  sleep 1
+done
