@@ -186,7 +186,7 @@ class PlaylistParser {
         if (startsWith(text, "#extinf:")) {
             info_ = text.substr(std::string_view("#extinf:").size());
         } else if (startsWith(text, "#extgrp:")) {
-            group_ = printable(trimmed(std::string_view(text).substr(8)), kNameLimit);
+            group_ = trimmed(printable(std::string_view(text).substr(8), kNameLimit));
         } else if (startsWith(text, "#extm3u")) {
             playlist_.header = true;
         } else if (!text.empty() && text[0] != '#') {
@@ -234,7 +234,7 @@ class PlaylistParser {
         }
         if (info.logo.size() <= kLogoLimit &&
             (startsWith(info.logo, "http://") || startsWith(info.logo, "https://"))) {
-            channel.logo = printable(info.logo, kLogoLimit);
+            channel.logo = trimmed(printable(info.logo, kLogoLimit));
         }
         // "12.1" is 12.
         int number = 0;

@@ -60,15 +60,19 @@ std::string writeNewFile(const std::filesystem::path& file, std::string_view byt
 
 std::string readTextFile(const std::filesystem::path& file, std::size_t limit, std::string& problem) {
     problem.clear();
-    // Opening a pipe that nobody writes to would wait.
-    const Descriptor descriptor(file, O_RDONLY | O_NONBLOCK);
     struct stat status {};
-    if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0) {
+    if (stat(file.c_str(), &status) != 0) {
         problem = problemBeing("read");
         return {};
     }
+    // Opening a device may do something to it. What takes the file's place meanwhile is seen below.
     if (!S_ISREG(status.st_mode)) {
         problem = "is no regular file";
+        return {};
+    }
+    const Descriptor descriptor(file, O_RDONLY | O_NONBLOCK);
+    if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        problem = problemBeing("read");
         return {};
     }
     std::string bytes;
