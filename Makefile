@@ -72,6 +72,11 @@ tidy: build
 	git ls-files 'libsarn/*.cpp' 'source/*.cpp' 'probelink/*.cpp' 'tools/*.cpp' 'bench/*.cpp' | \
 	  xargs -P $(JOBS) -n 1 clang-tidy --quiet -p build/release
 
+## check-32bit   whether the probe compiles for 32-bit machines without a warning, by this machine's headers
+.PHONY: check-32bit
+check-32bit: build
+	JOBS=$(JOBS) scripts/check-32bit
+
 ## cross         builds for ARCH (arm64, armhf) in a chroot of its own and tests under qemu; root
 .PHONY: cross
 cross: build

@@ -123,7 +123,7 @@ class LineParser {
         for (uint64_t tag = 0; at_ != end_; ++count) {
             ++at_;
             if (!readField(kDescriptorTagsColumn.type, at_, end_, tag)) {
-                return wrongValue(kDescriptorTagsColumn, columns + count);
+                return wrongValue(kDescriptorTagsColumn, columns + static_cast<std::size_t>(count));
             }
         }
         // The last column of a PID is descriptorCount.

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what building, testing and showing the probe needs, from Debian's own packages.
 #
-# Asks dpkg first, so a machine that has everything needs neither root nor a network.
+# Asks dpkg first, so a machine that has everything needs neither root nor a network. Packages named as arguments are
+# installed as well.
 set -euo pipefail
 
 packages=(
@@ -18,6 +19,7 @@ packages=(
   python3-jsonschema python3-yaml libjs-dygraphs
   # The network of its own that the scripts make.
   iproute2 util-linux kmod procps
+  "$@"
 )
 
 missing=()

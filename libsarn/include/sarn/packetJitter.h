@@ -31,6 +31,9 @@ JitterMeasurement* jitter_start_new_measurement();
 // that steps back gives a huge interval.
 void jitter_received_packet_cb(JitterMeasurement* j, const timeval* arrival);
 
+// The same for an arrival in ms, of which the seconds of a timeval hold only 32 bits on some machines.
+void jitter_received_at(JitterMeasurement* j, uint64_t now);
+
 // Copies variance (ms^2), its maximum, mean and maximum inter-arrival time (ms). Returns 0 also for a null
 // measurement, for which nothing is written.
 int32_t jitter_get_result(const JitterMeasurement* j, float* variance, float* varianceMaximum,

@@ -32,6 +32,9 @@ inline constexpr uint16_t kNullPid = 8191;
 inline constexpr std::size_t kLastHeaderSize = 20;
 inline constexpr std::size_t kMaxDescriptorTags = 256;
 
+// What atomic accesses to 64 bits need, also where the ABI aligns them less.
+inline constexpr std::size_t kSharedAlignment = 8;
+
 // Index of each counter of ETSI TR 101 290 in a counter block; also the order of the record columns. The
 // first eight count as first priority here, the others as second.
 enum Tr101290 : std::size_t {
@@ -61,9 +64,9 @@ using PidDataCallback = void (*)(int32_t length, const uint8_t* packet, void* da
 // Everything kept per PID. What every packet touches stands first, in as few cache lines as it fits; what a
 // PMT or a rare event touches follows.
 struct alignas(64) ts_pid_t {
-    uint64_t i_packets;   // received
-    int64_t i_prev_seen;  // arrival of the previous packet
-    int64_t i_last_seen;  // arrival of the last packet; the timer thread reads it
+    uint64_t i_packets;                             // received
+    int64_t i_prev_seen;                            // arrival of the previous packet
+    alignas(kSharedAlignment) int64_t i_last_seen;  // arrival of the last packet; the timer thread reads it
     // First bytes of the last packet: its header bits, as lastHeader of sarn/packetFields.h reads them, and
     // the start of the adaptation field.
     std::array<uint8_t, kLastHeaderSize> last_header;
@@ -114,7 +117,7 @@ struct alignas(64) ts_pid_t {
     uint64_t i_duplicated;
     uint64_t i_out_of_sequence;
     uint64_t i_scrambled;
-    Tr101290Block tr101290;  // PID_error is written by the timer thread
+    alignas(kSharedAlignment) Tr101290Block tr101290;  // PID_error is written by the timer thread
 
     int64_t i_first_seen;
     int64_t i_last_pts_time;  // arrival of the last PES header with a PTS
@@ -191,15 +194,16 @@ struct ts_stream_t {
     uint64_t i_lost;        // sum of continuity gaps
     uint64_t i_null_packets;
     uint64_t i_bitrate_start_hr;
-    uint64_t i_earliest_seen;  // ms, lowest arrival time ever; lets the timer thread, which reads it, skip
+    // ms, lowest arrival time ever; lets the timer thread, which reads it, skip
+    alignas(kSharedAlignment) uint64_t i_earliest_seen;
 
     JitterMeasurement* p_jitter;  // owned
     uint64_t i_duplicated;
     uint64_t i_out_of_sequence;
     uint64_t i_lost_bytes;  // skipped in search of the sync byte
     uint64_t i_scrambled;
-    int64_t i_first_time;    // ms
-    Tr101290Block tr101290;  // PID_error is written by the timer thread
+    int64_t i_first_time;                              // ms
+    alignas(kSharedAlignment) Tr101290Block tr101290;  // PID_error is written by the timer thread
 
     // PSI. The five handles have their decoders attached for the whole life of the context.
     dvbpsi_s* pat_handle;      // PID 0
@@ -233,9 +237,9 @@ struct ts_stream_t {
     int32_t i_pid_timeout;     // seconds of silence that count as PID_error; the timer thread reads it
     uint32_t i_user_data;      // the library user's word
 
-    PidSet seen;              // PIDs with b_seen; the timer thread reads it
-    PidSet touched;           // PIDs whose record may differ from zero
-    uint8_t b_masks_touched;  // an ignore mask was written since creation
+    alignas(kSharedAlignment) PidSet seen;     // PIDs with b_seen; the timer thread reads it
+    alignas(kSharedAlignment) PidSet touched;  // PIDs whose record may differ from zero
+    uint8_t b_masks_touched;                   // an ignore mask was written since creation
 
     std::array<ts_pid_t, kPidCount> pid;
     std::array<uint8_t, kPidCount> ignore_pid;    // non-zero: the timer skips the PID

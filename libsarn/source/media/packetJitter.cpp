@@ -39,8 +39,11 @@ JitterMeasurement* jitter_start_new_measurement() {
 }
 
 void jitter_received_packet_cb(JitterMeasurement* j, const timeval* arrival) {
-    const uint64_t now =
-        static_cast<uint64_t>(arrival->tv_sec) * 1000U + static_cast<uint64_t>(arrival->tv_usec / 1000);
+    jitter_received_at(
+        j, static_cast<uint64_t>(arrival->tv_sec) * 1000U + static_cast<uint64_t>(arrival->tv_usec / 1000));
+}
+
+void jitter_received_at(JitterMeasurement* j, uint64_t now) {
     if (j->started == 0) {
         j->started = 1;
         j->arrivalCount = 0;

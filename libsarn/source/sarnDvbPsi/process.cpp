@@ -485,11 +485,19 @@ inline void prefetchRecords(const ts_stream_t& stream, const uint8_t* buf, int32
     __builtin_prefetch(&stream.p_jitter->lastArrival, 1);
 }
 
+// The delivery index looks at the low 32 bits of the seconds, as many as every machine's time has.
+Arrival arrivalAt(int64_t ms, uint64_t hr) {
+    timeval time{};
+    time.tv_sec = static_cast<decltype(time.tv_sec)>(ms / 1000);
+    time.tv_usec = static_cast<decltype(time.tv_usec)>(ms % 1000 * 1000);
+    return {ms, hr, time};
+}
+
 }  // namespace
 
 int32_t sarnDvbPsi_process(ts_stream_t* stream, const uint8_t* buf, int32_t len, int64_t now_ms,
                            uint64_t now_hr) {
-    const Arrival arrival{now_ms, now_hr, {.tv_sec = now_ms / 1000, .tv_usec = now_ms % 1000 * 1000}};
+    const Arrival arrival = arrivalAt(now_ms, now_hr);
     prefetchRecords(*stream, buf, len);
     // Unsigned, as the silence check compares.
     const auto seen = static_cast<uint64_t>(now_ms);
@@ -497,7 +505,7 @@ int32_t sarnDvbPsi_process(ts_stream_t* stream, const uint8_t* buf, int32_t len,
         relaxedStore(stream->i_earliest_seen, seen);
     }
     if (analysePackets(*stream, buf, len, arrival)) {
-        jitter_received_packet_cb(stream->p_jitter, &arrival.time);
+        jitter_received_at(stream->p_jitter, static_cast<uint64_t>(now_ms));
     }
     return 1;
 }
