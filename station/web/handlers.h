@@ -19,6 +19,7 @@ void meta(Services& services, const Call& call, Reply&& reply);
 void use(Services& services, const Call& call, Reply&& reply);
 void maintenance(Services& services, const Call& call, Reply&& reply);
 void exportPlaylist(Services& services, const Call& call, Reply&& reply);
+void metrics(Services& services, const Call& call, Reply&& reply);
 void health(Services& services, const Call& call, Reply&& reply);
 void readiness(Services& services, const Call& call, Reply&& reply);
 void index(Services& services, const Call& call, Reply&& reply);

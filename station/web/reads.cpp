@@ -224,6 +224,27 @@ void exportPlaylist(Services& services, const Call& call, Reply&& reply) {
     reply(std::move(response));
 }
 
+void metrics(Services& services, const Call& call, Reply&& reply) {
+    const auto answer = [post = services.post, reply](const PayloadPointer& payload) {
+        post([reply, payload] {
+            Response response;
+            response.contentType = kMetricsContentType;
+            response.body = payload;
+            reply(payload == nullptr ? problem(503, "There is no memory for it") : std::move(response));
+        });
+    };
+    MetricsExtras extras{.version = KESTOR_VERSION,
+                         .store = services.station.storeStatistics(),
+                         .delivery = services.station.deliveryStatistics(),
+                         .server = services.statistics()};
+    if (!services.metrics->ask({.state = call.state,
+                                .extras = std::move(extras),
+                                .compressed = acceptsGzip(call.request.acceptEncoding),
+                                .built = answer})) {
+        reply(problem(503, "Too many scrapes wait"));
+    }
+}
+
 void health(Services&, const Call&, Reply&& reply) {
     reply(jsonResponse(R"({"status":"ok"})"));
 }

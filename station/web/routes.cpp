@@ -39,6 +39,7 @@ constexpr std::array kRoutes = std::to_array<Route>({
     {kPost, "/api/v1/reload", kChange, kJson, kState, "", handlers::reload},
     {kPost, "/api/v1/import", kChange, kPlaylist, kState, "", handlers::importPlaylist},
     {kGet, "/api/v1/export", kRead, kNothing, kState, "", handlers::exportPlaylist},
+    {kGet, "/metrics", kRead, kNothing, kState, "", handlers::metrics},
     {kGet, "/healthz", kRead, kNothing, kNoState, "", handlers::health},
     {kGet, "/readyz", kRead, kNothing, kNoState, "", handlers::readiness},
     {kGet, "/", kRead, kNothing, kNoState, "", handlers::index},

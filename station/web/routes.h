@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "web/access.h"
 #include "web/message.h"
+#include "web/metricsBuilder.h"
 #include "web/server.h"
 #include "web/staticFiles.h"
 
@@ -42,6 +43,7 @@ struct Services {
     std::function<ServerStatistics()> statistics;
     // Runs something on the I/O thread, from any thread; drops it once the server ends.
     std::function<void(std::function<void()>)> post;
+    MetricsBuilder* metrics = nullptr;
     PayloadCache cache{};
 };
 

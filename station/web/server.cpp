@@ -105,6 +105,7 @@ struct Server::Implementation {
                 .files = files,
                 .statistics = [this] { return statistics(); },
                 .post = [box = inbox](std::function<void()> work) { box->post(std::move(work)); },
+                .metrics = &metrics,
                 .cache = {}};
     }
 
@@ -302,6 +303,7 @@ struct Server::Implementation {
     const std::filesystem::path socketPath;
     const std::shared_ptr<Inbox> inbox = std::make_shared<Inbox>();
     ServerCounters counters;
+    MetricsBuilder metrics;
     Router router;
     EventStream events;
     ConnectionShared shared{router, events, counters, [this] { refreshEvents(); }};

@@ -1,0 +1,51 @@
+// Builds the answers to scrapes on a thread of its own, so that neither the I/O thread nor anybody else waits
+// for them.
+#pragma once
+
+#include <functional>
+#include <thread>
+
+#include "common/boundedQueue.h"
+#include "web/message.h"
+#include "web/metrics.h"
+
+namespace station {
+
+class MetricsBuilder {
+  public:
+    static constexpr std::size_t kWaiting = Server::kConnections;  // scrapes; beyond, they are refused
+    // How long a payload is kept for others who scrape the same state.
+    static constexpr std::chrono::seconds kKept{2};
+
+    struct Scrape {
+        StatePointer state;
+        MetricsExtras extras;
+        bool compressed;  // what is built has its gzip() ready
+        // Called on the builder's thread, with null when there is no memory for it. Must not wait.
+        std::function<void(PayloadPointer)> built;
+    };
+
+    MetricsBuilder();
+    ~MetricsBuilder();  // scrapes that still wait are never answered
+    MetricsBuilder(const MetricsBuilder&) = delete;
+
+    // False when too many wait; then nothing is ever built. Any thread.
+    bool ask(Scrape&& scrape) {
+        return scrapes_.push(std::move(scrape));
+    }
+
+  private:
+    void run(const std::stop_token& stop);
+    PayloadPointer payload(const Scrape& scrape);
+
+    BoundedQueue<Scrape> scrapes_{kWaiting};
+    // For the thread alone.
+    MetricsWriter writer_;
+    PayloadPointer last_;  // of the state `number_`; null when it was too long ago
+    uint64_t number_ = 0;
+    bool compressed_ = false;
+
+    std::jthread thread_;  // the last member: it uses the others
+};
+
+}  // namespace station
