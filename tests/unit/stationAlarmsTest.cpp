@@ -1,0 +1,506 @@
+// When alarms are raised and cleared, and what is kept of the past.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <map>
+#include <sstream>
+
+#include "alarms/alarmEngine.h"
+#include "alarms/history.h"
+
+using namespace std::chrono_literals;
+using namespace station;
+
+namespace {
+
+const Group kGroup = *Group::parse("239.1.1.1");
+
+std::size_t typeOf(std::string_view name) {
+    return findAlarmType(name).value();
+}
+
+// A record as the probe would print it; columns that are not set are 0.
+struct FakeRecord {
+    std::map<std::string, double, std::less<>> values;
+
+    std::string line(std::span<const records::Column> columns, std::string_view label,
+                     std::string_view tags = "") const {
+        std::ostringstream text;
+        for (const records::Column& column : columns) {
+            const auto value = values.find(column.name);
+            const double number = value == values.end() ? 0 : value->second;
+            text << (&column == columns.data() ? "" : ";");
+            if (column.name == "label") {
+                text << label;
+            } else if (column.type == records::Type::kText) {
+                text << "239.1.1.1";
+            } else if (column.type == records::Type::kFraction) {
+                text << std::fixed << number;
+            } else {
+                text << static_cast<int64_t>(number);
+            }
+        }
+        text << tags << '\n';
+        return text.str();
+    }
+};
+
+// One channel of a probe, watched once a second.
+struct World {
+    AlarmEngine engine;
+    Profiles profiles{{"default", defaultRules()}};
+    ChannelMap channels{{kGroup, Channel{.group = kGroup, .name = "News"}}};
+    Now now{SteadyTime(1000s), WallTime(1'700'000'000s)};
+    FakeRecord stream{{{"ttl", 8}, {"transportQualityIndex", 4.5}}};
+    FakeRecord video{{{"pid", 256}, {"streamType", 27}}};
+    FakeRecord nit{{{"pid", 16}}};
+    FakeRecord subtitles{{{"pid", 512}, {"streamType", 6}, {"descriptorCount", 1}}};
+    double packets = 1000;  // a second
+    bool shown = true;
+    bool silent = false;
+    std::optional<ChannelSample> last;
+    SteadyTime lastTime;
+    int second = 0;
+    int64_t nextId = 1;
+    std::string log;  // "5:raised continuity" and so on
+
+    World() {
+        configure();
+    }
+    AlarmRule& rule(std::string_view type) {
+        return profiles["default"][typeOf(type)];
+    }
+    void configure() {
+        tell(engine.configure(profiles, channels, now));
+    }
+    void tell(const std::vector<AlarmChange>& changes) {
+        static constexpr std::array<std::string_view, 4> kWhat = {"raised", "cleared", "happened",
+                                                                  "acknowledged"};
+        for (const AlarmChange& change : changes) {
+            std::ostringstream text;
+            text << (log.empty() ? "" : ", ") << second << ':'
+                 << kWhat.at(static_cast<std::size_t>(change.what)) << ' '
+                 << alarmTypes()[change.alarm.type].name;
+            log += text.str();
+            EXPECT_FALSE(change.text.empty() && change.what != AlarmChange::What::kAcknowledged);
+            if (change.what == AlarmChange::What::kRaised) {
+                engine.setId(change.alarm.type, change.alarm.group, nextId++);
+            }
+        }
+    }
+    void restartProbe() {
+        stream.values = {{"transportQualityIndex", 1.0}};
+        std::vector<AlarmChange> changes;
+        engine.probeRestarted(now, changes);
+        tell(changes);
+    }
+    void pass(std::chrono::milliseconds time = 1s) {
+        now.steady += time;
+        now.wall += time;
+    }
+    ChannelSample sample() {
+        stream.values["packetsReceived"] += packets;
+        stream.values["bitRate"] = packets * 1504;
+        const auto snapshot = records::parseSnapshot(
+            stream.line(records::kStreamColumns, "-1") + nit.line(records::kTablePidColumns, "PMT") +
+                video.line(records::kKnownPidColumns, "KP") +
+                subtitles.line(records::kKnownPidColumns, "KP", ";89"),
+            [](std::size_t, const std::string& problem) { ADD_FAILURE() << problem; });
+        last = makeSample(snapshot[0], std::span(&snapshot[1], 3), last ? &*last : nullptr,
+                          now.steady - lastTime);
+        lastTime = now.steady;
+        return *last;
+    }
+    void look() {
+        std::vector<AlarmChange> changes;
+        engine.tick(silent, now, changes);
+        if (!silent && shown) {
+            engine.observe(kGroup, sample(), now, changes);
+        } else if (!silent) {
+            engine.observeMissing(kGroup, now, changes);
+        }
+        tell(changes);
+    }
+    void run(int seconds) {
+        for (int i = 0; i < seconds; ++i) {
+            pass();
+            ++second;
+            look();
+        }
+    }
+};
+
+struct Deed {
+    int second;
+    std::function<void(World&)> what;
+};
+
+Deed add(int second, const char* column, double count) {
+    return {second, [=](World& w) { w.stream.values[column] += count; }};
+}
+Deed set(int second, const char* column, double value) {
+    return {second, [=](World& w) { w.stream.values[column] = value; }};
+}
+Deed packets(int second, double aSecond) {
+    return {second, [=](World& w) { w.packets = aSecond; }};
+}
+
+struct Script {
+    const char* name;
+    std::vector<Deed> deeds;  // each before the second's snapshot
+    int seconds;
+    const char* expected;
+};
+
+// Levels and statistics are looked at after 140000 packets.
+constexpr double kFast = 200'000;
+
+const std::vector<Script> kScripts = {
+    {"a cut cable holds back what follows from it",
+     {add(3, "packetsLost", 0), packets(5, 0), set(5, "transportQualityIndex", 1.0), packets(40, 1000),
+      add(40, "PAT_error", 3), add(40, "PTS_error", 2), add(40, "PCR_discontinuity_indicator_error", 1),
+      add(40, "Continuity_count_error", 2), set(41, "transportQualityIndex", 4.5),
+      set(41, "jitterVariance", 90'000)},
+     60,
+     "5:raised no_signal, 40:raised continuity, 42:cleared no_signal, 50:cleared continuity"},
+    {"a channel that never had a packet", {packets(1, 0)}, 20, "7:raised no_signal"},
+    {"a channel that snapshots do not show",
+     {{1, [](World& w) { w.shown = false; }}, {30, [](World& w) { w.shown = true; }}},
+     40,
+     "17:raised no_signal, 33:cleared no_signal"},
+    {"one error, and another before the first is forgotten",
+     {add(5, "Continuity_count_error", 1), add(25, "Continuity_count_error", 1),
+      add(32, "Continuity_count_error", 1)},
+     60,
+     "5:raised continuity, 15:cleared continuity, 25:raised continuity, 42:cleared continuity"},
+    {"count and error seconds",
+     {add(5, "packetsLost", 99), add(20, "packetsLost", 100), add(40, "packetsLost", 1),
+      add(42, "packetsLost", 1), add(44, "packetsLost", 1), add(46, "packetsLost", 1),
+      add(48, "packetsLost", 1)},
+     70,
+     "20:raised packets_lost, 30:cleared packets_lost, 48:raised packets_lost, 50:cleared packets_lost"},
+    {"every check that counts",
+     {add(5, "TS_sync_loss", 1), add(5, "Sync_byte_error", 3), add(5, "PAT_error", 1),
+      add(5, "Transport_error", 1), add(5, "CRC_error", 1), add(5, "PCR_discontinuity_indicator_error", 1),
+      add(5, "PCR_repetition_error", 5), add(5, "PCR_accuracy_error", 50), add(5, "PTS_error", 1),
+      add(5, "packetsScrambled", 900), add(5, "PMT_error", 1), add(6, "PMT_error", 1), add(5, "CAT_error", 1),
+      add(6, "CAT_error", 1), add(7, "CAT_error", 1)},
+     10,
+     "5:raised sync_loss, 5:raised sync_byte, 5:raised pat, 5:raised transport, 5:raised crc, "
+     "5:raised pcr_discontinuity, 5:raised pts, 6:raised pmt, 7:raised cat"},
+    {"a network table every ten seconds, and subtitles",
+     {{5,
+       [](World& w) {
+           for (FakeRecord* record : {&w.stream, &w.nit}) {
+               record->values["PMT_error"] += 20;
+           }
+           for (FakeRecord* record : {&w.stream, &w.subtitles}) {
+               record->values["PTS_error"] += 3;
+           }
+       }},
+      {6,
+       [](World& w) {
+           for (FakeRecord* record : {&w.stream, &w.nit}) {
+               record->values["PMT_error"] += 20;
+           }
+       }}},
+     10,
+     ""},
+    {"cleared counters and a restarted probe",
+     {add(2, "packetsLost", 500),
+      add(20, "packetsLost", 500),
+      {30,
+       [](World& w) {
+           w.engine.countersCleared(w.now);
+           w.stream.values = {
+               {"ttl", 8}, {"transportQualityIndex", 4.5}, {"packetsLost", 3}, {"PAT_error", 1}};
+       }},
+      {40,
+       [](World& w) {
+           w.packets = 0;
+           w.restartProbe();
+       }},
+      packets(44, 1000),
+      set(44, "ttl", 8),
+      set(44, "transportQualityIndex", 4.5),
+      add(44, "packetsLost", 4)},
+     60,
+     "2:raised packets_lost, 12:cleared packets_lost, 20:raised packets_lost, 30:cleared packets_lost, "
+     "39:happened probe_restarted"},
+    {"a low level has to last, and to be over for a while",
+     {packets(1, kFast), set(5, "transportQualityIndex", 2.0), set(7, "transportQualityIndex", 4.0),
+      set(10, "transportQualityIndex", 2.0), set(20, "transportQualityIndex", 3.2),
+      set(40, "transportQualityIndex", 4.0)},
+     60,
+     "13:raised quality_index, 50:cleared quality_index"},
+    {"statistics of arrivals, at first and after an interruption",
+     {set(1, "jitterVariance", 90'000), packets(1, 70'000), set(2, "jitterVariance", 10), packets(20, 0),
+      packets(22, 30'000), set(22, "jitterVariance", 90'000), set(25, "jitterVariance", 5000),
+      set(30, "jitterVariance", 10), set(30, "mdiDelayFactor", 3000)},
+     100,
+     "20:raised no_signal, 24:cleared no_signal, 27:raised jitter, 40:cleared jitter, 90:raised "
+     "delay_factor"},
+    {"the lowest score counts",
+     {packets(1, kFast),
+      {5,
+       [](World& w) {
+           w.video.values["mosScore"] = 2.5;
+           w.subtitles.values["mosScore"] = 0;
+       }}},
+     20,
+     "8:raised mos"},
+    {"another source, and ways that change",
+     {set(5, "ttl", 7),
+      set(7, "ttl", 8),
+      set(80, "ttl", 9),
+      set(81, "dscp", 34),
+      set(85, "wrongSource", 1),
+      set(86, "ttl", 3),
+      {90,
+       [](World& w) {
+           w.engine.countersCleared(w.now);
+           w.stream.values = {{"ttl", 9}, {"dscp", 34}, {"transportQualityIndex", 4.5}};
+       }}},
+     100,
+     "5:happened ttl_changed, 80:happened ttl_changed, 81:happened dscp_changed, 85:raised wrong_source, "
+     "90:cleared wrong_source"},
+    {"the wall clock set back and forth",
+     {{5, [](World& w) { w.now.wall -= 3h; }},
+      add(5, "PAT_error", 9),
+      add(6, "PTS_error", 1),
+      {20, [](World& w) { w.now.wall += 5h; }},
+      add(20, "Continuity_count_error", 1)},
+     40,
+     "20:raised continuity, 30:cleared continuity"},
+    {"a probe that is silent for a while",
+     {add(3, "Continuity_count_error", 1),
+      {5, [](World& w) { w.silent = true; }},
+      {60,
+       [](World& w) {
+           w.silent = false;
+           w.packets = 0;
+       }},
+      add(60, "PAT_error", 30),
+      packets(61, 1000)},
+     70,
+     "3:raised continuity, 7:raised probe_silent, 60:cleared probe_silent, 60:cleared continuity"},
+};
+
+}  // namespace
+
+TEST(StationAlarms, FollowTheSamples) {
+    for (const Script& script : kScripts) {
+        World world;
+        for (world.second = 0; world.second < script.seconds;) {
+            for (const Deed& deed : script.deeds) {
+                if (deed.second == world.second + 1) {
+                    deed.what(world);
+                }
+            }
+            world.run(1);
+        }
+        EXPECT_EQ(world.log, script.expected) << script.name;
+    }
+}
+
+// A snapshot may come late or early: seconds count, not samples.
+TEST(StationAlarms, GoByTimeWhateverThePaceOfSnapshots) {
+    for (const auto pace : {250ms, 700ms, 1000ms, 2600ms}) {
+        World world;
+        world.run(3);
+        world.stream.values["Continuity_count_error"] += 1;
+        world.look();
+        const SteadyTime begin = world.now.steady;
+        const auto until = [&](ChannelStatus status) {
+            while (world.engine.status(kGroup) != status && world.now.steady < begin + 60s) {
+                world.pass(pace);
+                world.look();
+            }
+            return world.now.steady - begin;
+        };
+        const auto cleared = until(ChannelStatus::kOk);
+        EXPECT_TRUE(cleared >= 10s && cleared < 10s + pace) << pace.count();
+        world.packets = 0;
+        const auto cut = until(ChannelStatus::kAlarm) - cleared;
+        EXPECT_TRUE(cut >= 1s && cut < 1s + 2 * pace) << pace.count();
+    }
+}
+
+TEST(StationAlarms, AreWhatTheProfileSays) {
+    World world;
+    world.rule("bitrate_low").enabled = true;
+    world.profiles["loose"] = world.profiles["default"];
+    world.profiles["loose"][typeOf("continuity")].enabled = false;
+    world.profiles["loose"][typeOf("no_signal")].severity = Severity::kMinor;
+    world.packets = 500;  // 752 kbit/s
+    world.configure();
+    world.run(10);
+    world.stream.values["Continuity_count_error"] = 1;
+    world.run(1);
+    EXPECT_EQ(world.log, "7:raised bitrate_low, 11:raised continuity");
+    EXPECT_THAT(world.engine.activeOf(kGroup),
+                testing::ElementsAre(testing::Field(&Alarm::type, typeOf("bitrate_low")),
+                                     testing::Field(&Alarm::type, typeOf("continuity"))));
+    EXPECT_EQ(world.engine.active().front().type, typeOf("continuity"));
+    EXPECT_EQ(world.engine.active().back().peak, 752'000);
+
+    world.packets = 0;
+    world.run(1);
+    world.channels.at(kGroup).profile = "loose";
+    world.configure();
+    EXPECT_EQ(world.engine.activeOf(kGroup).back().severity, Severity::kMinor);
+    world.channels.at(kGroup).enabled = false;
+    world.configure();
+    EXPECT_EQ(world.log,
+              "7:raised bitrate_low, 11:raised continuity, 12:raised no_signal, 12:cleared continuity, "
+              "12:cleared no_signal, 12:cleared bitrate_low");
+    world.run(5);
+    EXPECT_EQ(world.engine.status(kGroup), ChannelStatus::kDisabled);
+}
+
+TEST(StationAlarms, AreAcknowledgedAndOutliveTheStation) {
+    World before;
+    before.run(3);
+    before.stream.values["Continuity_count_error"] = 4;
+    before.packets = 0;
+    before.run(2);
+    std::vector<AlarmChange> changes;
+    const auto raised = before.engine.active();
+    ASSERT_EQ(raised.size(), 2U);
+    EXPECT_FALSE(before.engine.acknowledge(99, {before.now.wall, "eve", ""}, changes));
+    EXPECT_TRUE(before.engine.acknowledge(raised[0].id, {before.now.wall, "ann", "on it"}, changes));
+    ASSERT_EQ(changes.size(), 1U);
+
+    World after;
+    after.channels = {{kGroup, Channel{.group = kGroup, .name = "News"}}};
+    after.packets = 0;
+    after.stream = before.stream;
+    auto stored = before.engine.active();
+    stored.push_back({.id = 50,
+                      .type = typeOf("jitter"),
+                      .group = Group::parse("239.9.9.9"),
+                      .raised = {},
+                      .acknowledged = {}});
+    const auto dropped = after.engine.restore(stored, after.now);
+    ASSERT_EQ(dropped.size(), 1U);
+    EXPECT_EQ(dropped[0].alarm.id, 50);
+    EXPECT_EQ(after.engine.active(), before.engine.active());
+    after.run(8);
+    EXPECT_EQ(after.log, "");
+    after.packets = 1000;
+    after.run(8);
+    EXPECT_EQ(after.log, "10:cleared continuity, 11:cleared no_signal");
+}
+
+TEST(StationAlarms, AWaitingChannelIsNeverOk) {
+    World world;
+    EXPECT_EQ(world.engine.status(kGroup), ChannelStatus::kWaiting);
+    world.packets = 0;
+    world.run(2);
+    EXPECT_EQ(world.engine.status(kGroup), ChannelStatus::kWaiting);
+    world.packets = 1000;
+    world.run(1);
+    EXPECT_EQ(world.engine.status(kGroup), ChannelStatus::kOk);
+    world.silent = true;
+    world.run(1);
+    EXPECT_EQ(world.engine.status(kGroup), ChannelStatus::kWaiting);
+}
+
+namespace {
+
+struct Past {
+    History history;
+    Now now{SteadyTime(500s), WallTime(1'700'000'040s + 300ms)};  // 14.3 s into a minute
+    ChannelSample sample;
+
+    Past() {
+        sample.signal = true;
+        sample.seconds = 1;
+        sample.bitRate = 4'000'000;
+        sample.delayFactor = 12.34;
+        sample.jitterVariance = 0.0567;
+        sample.qualityIndex = 4.53;
+    }
+    void pass(std::chrono::milliseconds time) {
+        now.steady += time;
+        now.wall += time;
+    }
+    void add(uint64_t lost = 0, StripCell cell = StripCell::kOk) {
+        sample.increments[sampleCounter("packetsLost")] = lost;
+        history.add(sample, cell, now);
+    }
+    std::vector<HistoryPoint> points(HistoryMetric metric, int resolution, WallTime since = {}) const {
+        return history.points(metric, resolution, since, now);
+    }
+};
+
+}  // namespace
+
+TEST(StationHistory, KeepsSecondsWithTheirGapsAndPrecision) {
+    EXPECT_LE(History::bytes(), 100U * 1024);
+    Past past;
+    EXPECT_TRUE(past.points(HistoryMetric::kBitRate, 1).empty());
+    past.add(3);
+    past.pass(200ms);
+    past.sample.bitRate = 2'000'000;
+    past.add(4);  // the same second
+    past.pass(1900ms);
+    past.add();  // the second between is covered by this sample
+    past.pass(3s);
+    past.sample.seconds = 3;
+    past.add(4'000'000'000);
+    const auto rate = past.points(HistoryMetric::kBitRate, 1);
+    ASSERT_EQ(rate.size(), 6U);
+    EXPECT_EQ(rate[0].time, WallTime(1'700'000'040s));
+    EXPECT_EQ(rate[5].time, WallTime(1'700'000'045s));
+    EXPECT_EQ(rate[0].mean, 3'000'000);
+    EXPECT_EQ(rate[1].mean, 2'000'000);
+    EXPECT_TRUE(std::isnan(rate[3].mean) && std::isnan(rate[4].mean));
+    EXPECT_NEAR(past.points(HistoryMetric::kDelayFactor, 1)[0].mean, 12.34, 0.0062);
+    EXPECT_NEAR(past.points(HistoryMetric::kJitter, 1)[0].mean, 0.0567, 0.000029);
+    EXPECT_NEAR(past.points(HistoryMetric::kQualityIndex, 1)[0].mean, 4.53, 0.00005);
+    EXPECT_EQ(past.points(HistoryMetric::kPacketsLost, 1)[0].mean, 7);
+    EXPECT_EQ(past.history.sum(HistoryMetric::kPacketsLost, 60s, past.now), 4'000'000'007U);
+    EXPECT_EQ(past.history.sum(HistoryMetric::kPacketsLost, 5s, past.now), 4'000'000'000U);
+    EXPECT_EQ(past.points(HistoryMetric::kBitRate, 1, WallTime(1'700'000'045s)).size(), 1U);
+    const auto spark = past.history.spark(HistoryMetric::kBitRate, 3, 2, past.now);
+    EXPECT_EQ(spark[0], 2'500'000);
+    EXPECT_EQ(spark[1], 2'000'000);
+}
+
+TEST(StationHistory, KeepsMinutesForADayAndForgetsTheFirst) {
+    Past past;
+    constexpr int kSeconds = 25 * 3600;
+    for (int i = 0; i < kSeconds; ++i) {
+        past.sample.bitRate = 1'000'000 + i % 60;
+        past.add(i % 2, i == kSeconds - 400 ? StripCell::kNoSignal : StripCell::kOk);
+        past.pass(1s);
+    }
+    past.pass(-1s);
+    const auto rate = past.points(HistoryMetric::kBitRate, 60);
+    ASSERT_EQ(rate.size(), kMinutesKept);
+    const HistoryPoint& whole = rate[100];
+    EXPECT_EQ(whole.time.time_since_epoch() % 60s, 0s);
+    EXPECT_EQ(rate.back().time - rate.front().time, (kMinutesKept - 1) * 60s);
+    EXPECT_EQ(whole.minimum, 1'000'000);
+    EXPECT_EQ(whole.maximum, 1'000'059);
+    EXPECT_NEAR(whole.mean, 1'000'029.5, 0.1);
+    EXPECT_EQ(past.points(HistoryMetric::kPacketsLost, 60)[100].mean, 30);
+    EXPECT_EQ(past.points(HistoryMetric::kPacketsLost, 1).size(), kSecondsKept);
+    const auto strip = past.history.strip(past.now);
+    EXPECT_EQ(std::ranges::count(strip, StripCell::kNoSignal), 1);
+    EXPECT_EQ(std::ranges::count(strip, StripCell::kOk), kStripCells - 1);
+
+    // Nothing comes for two hours, and the clock is set back: what was kept keeps its time.
+    past.now.steady += 2h;
+    past.now.wall += 1h;
+    past.add();
+    const auto later = past.points(HistoryMetric::kBitRate, 60);
+    EXPECT_EQ(later.front().time, rate[120].time);
+    EXPECT_TRUE(std::isnan(later[later.size() - 2].mean));
+    EXPECT_EQ(later.back().time, rate.back().time + 1h);
+    EXPECT_EQ(past.history.strip(past.now)[kStripCells - 2], StripCell::kNoData);
+    EXPECT_EQ(past.history.sum(HistoryMetric::kPacketsLost, 600s, past.now), 0U);
+}
