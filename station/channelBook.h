@@ -47,8 +47,8 @@ class ChannelBook {
 
     Configuration configuration_;
     std::vector<std::pair<PlaylistSource, Playlist>> playlists_;
+    std::string problem_;  // in front of what is loaded with it
     RuntimeChannels runtime_;
-    std::string problem_;
     MergedChannels merged_;
     ChannelMap taken_;
 };

@@ -66,10 +66,9 @@ StripCell stripCell(const ChannelSample& sample, bool alarm) {
 
 }  // namespace
 
-struct Station::Implementation {
+struct Station::Implementation : StationInterface {
     FileKeeper& keeper;
     Mailbox& mailbox;
-    Station& station;
     std::shared_ptr<const Configuration> configuration;
 
     mutable std::mutex publishedMutex;  // guards `published`; held for a copy of the pointer
@@ -104,10 +103,9 @@ struct Station::Implementation {
     std::unique_ptr<PipeReader> reader;
     std::thread owner;
 
-    Implementation(LoadedFiles files, FileKeeper& keeper_, Mailbox& mailbox_, Station& station_)
+    Implementation(LoadedFiles files, FileKeeper& keeper_, Mailbox& mailbox_)
         : keeper(keeper_),
           mailbox(mailbox_),
-          station(station_),
           configuration(files.configuration),
           store(configuration->state, {configuration->keepDays, configuration->keepRows}, systemNow),
           delivery(configuration->state, configuration->instance),
@@ -133,11 +131,30 @@ struct Station::Implementation {
         owner = std::thread([this] { run(); });
     }
 
-    ~Implementation() {
+    ~Implementation() override {
         reader.reset();
         controller.reset();
         owner.join();
         server.reset();
+    }
+
+    // What the web room asks, on its thread.
+
+    StatePointer state() const override {
+        const std::lock_guard lock(publishedMutex);
+        return published;
+    }
+    bool command(Command&& asked) override {
+        return mailbox.send(std::move(asked));
+    }
+    bool queryEvents(const EventFilter& filter, EventStore::QueryAnswer answer) override {
+        return store.query(filter, std::move(answer));
+    }
+    EventStore::Statistics storeStatistics() const override {
+        return store.statistics();
+    }
+    std::vector<Delivery::ReceiverStatistics> deliveryStatistics() const override {
+        return delivery.statistics();
     }
 
     // Configuration and files.
@@ -149,7 +166,7 @@ struct Station::Implementation {
         options.token = readToken();
         options.allowedHosts = configuration->allowedHosts;
         options.page = configuration->page;
-        server = std::make_unique<Server>(options, station);
+        server = std::make_unique<Server>(options, *this);
         log(LogLevel::kNotice, "serving " +
                                    (options.listen.empty() ? std::string() : options.listen + " and ") +
                                    options.socket.string());
@@ -436,28 +453,28 @@ struct Station::Implementation {
     // What is published.
 
     void publish(const Now& now) {
-        auto state = std::make_shared<StationState>();
-        state->number = ++stateNumber;
-        state->now = now;
-        state->started = started;
-        state->probe = probeState();
-        state->snapshot = lastRecords;
-        state->channels.reserve(watched.size());
+        auto next = std::make_shared<StationState>();
+        next->number = ++stateNumber;
+        next->now = now;
+        next->started = started;
+        next->probe = probeState();
+        next->snapshot = lastRecords;
+        next->channels.reserve(watched.size());
         for (auto& [group, channel] : watched) {
-            state->channels.push_back(channelState(channel, now));
+            next->channels.push_back(channelState(channel, now));
         }
-        state->alarms = engine.active();
-        state->maintenance = desk.maintenance();
-        state->configuration = configuration;
-        state->notes = notes;
-        state->passive = passiveAsked.value_or(configuration->passive.value_or(false));
-        state->use = use;
-        state->use.commandsRefused = mailbox.refusedCommands();
-        state->channelsVersion = channelsVersion;
-        state->alarmsVersion = alarmsVersion;
+        next->alarms = engine.active();
+        next->maintenance = desk.maintenance();
+        next->configuration = configuration;
+        next->notes = notes;
+        next->passive = passiveAsked.value_or(configuration->passive.value_or(false));
+        next->use = use;
+        next->use.commandsRefused = mailbox.refusedCommands();
+        next->channelsVersion = channelsVersion;
+        next->alarmsVersion = alarmsVersion;
         {
             const std::lock_guard lock(publishedMutex);
-            published = state;
+            published = next;
         }
         if (server) {
             server->statePublished();
@@ -661,29 +678,8 @@ struct Station::Implementation {
 };
 
 Station::Station(LoadedFiles files, FileKeeper& keeper, Mailbox& mailbox)
-    : implementation_(std::make_unique<Implementation>(std::move(files), keeper, mailbox, *this)) {}
+    : implementation_(std::make_unique<Implementation>(std::move(files), keeper, mailbox)) {}
 
 Station::~Station() = default;
-
-StatePointer Station::state() const {
-    const std::lock_guard lock(implementation_->publishedMutex);
-    return implementation_->published;
-}
-
-bool Station::command(Command&& command) {
-    return implementation_->mailbox.send(std::move(command));
-}
-
-bool Station::queryEvents(const EventFilter& filter, EventStore::QueryAnswer answer) {
-    return implementation_->store.query(filter, std::move(answer));
-}
-
-EventStore::Statistics Station::storeStatistics() const {
-    return implementation_->store.statistics();
-}
-
-std::vector<Delivery::ReceiverStatistics> Station::deliveryStatistics() const {
-    return implementation_->delivery.statistics();
-}
 
 }  // namespace station

@@ -11,19 +11,14 @@ namespace station {
 
 // One thread owns channel set, alarms and histories; the others send it letters and read the states that it
 // publishes.
-class Station : public StationInterface {
+class Station {
   public:
     // What it runs with from the start; a reload changes the rest. Throws std::runtime_error with a sentence
     // for an operator when it cannot start. `keeper` and `mailbox` have to outlive it.
     Station(LoadedFiles files, FileKeeper& keeper, Mailbox& mailbox);
     // Ends all threads; everything is written. REQUIRES: mailbox.stop() was called.
-    ~Station() override;
-
-    StatePointer state() const override;
-    bool command(Command&& command) override;
-    bool queryEvents(const EventFilter& filter, EventStore::QueryAnswer answer) override;
-    EventStore::Statistics storeStatistics() const override;
-    std::vector<Delivery::ReceiverStatistics> deliveryStatistics() const override;
+    ~Station();
+    Station(const Station&) = delete;
 
   private:
     struct Implementation;
