@@ -11,7 +11,7 @@ JOBS ?= $(shell nproc)
 PRESET ?= release
 SOAK_SECONDS ?= 600
 FUZZ_SECONDS ?= 60
-FUZZ_TARGETS ?= frames control parameterSet captureFile recordLine playlist configuration
+FUZZ_TARGETS ?= frames control parameterSet captureFile recordLine playlist configuration httpRequest
 SOURCES = git ls-files '*.cpp' '*.h'
 
 .PHONY: help build run test verify soak bench format check-format tidy clean

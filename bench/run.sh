@@ -46,7 +46,7 @@ instructions() { # what, function to collect in
 instructions analysis 'sarnUdpStreams_processIpPacket*'
 instructions floor measuredFloor
 
-for program in analysisBench snapshotBench recordParserBench stationMetricsBench; do
+for program in analysisBench snapshotBench recordParserBench stationMetricsBench stationWebBench; do
   # Where the recording starts again the PCR steps back, which the analysis says on standard error.
   "$bin/$program" "${options[@]}" 2>&1 >/dev/null | grep -v '^stofain'
 done

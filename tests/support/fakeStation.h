@@ -1,6 +1,7 @@
 // A station with made-up states, for what serves them.
 #pragma once
 
+#include <cmath>
 #include <map>
 #include <mutex>
 #include <thread>

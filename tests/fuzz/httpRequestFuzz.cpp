@@ -1,0 +1,71 @@
+// Bytes as a client sends them through the parser and the routes, to a whole answer. Those that begin with
+// 'u' come over the Unix socket, where everything may be changed.
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+
+#include "fuzz/fuzzing.h"
+#include "support/fakeStation.h"
+#include "web/httpParser.h"
+#include "web/routes.h"
+
+namespace {
+
+using namespace station;
+
+void require(bool kept) {
+    if (!kept) {
+        std::abort();
+    }
+}
+
+struct Room {
+    FakeStation station{2};
+    StaticFiles files{"/nonexistent", "/nonexistent"};
+    Router router{{.station = station,
+                   .files = files,
+                   .statistics = [] { return ServerStatistics{}; },
+                   .post = [](const std::function<void()>& work) { work(); },
+                   .cache = {}},
+                  Access("token", {"allowed.example"})};
+    Room() {
+        station.inlineAnswers = true;
+    }
+};
+
+void check(const Request& request, Response&& response) {
+    adapt(request, response);
+    const std::string head = responseHead(response, "", true);
+    const std::size_t lineEnd = head.find("\r\n\r\n");
+    require(lineEnd + 4 == head.size());  // nothing of the request splits the answer
+    require(statusText(response.status) != "Unknown");
+    if (response.body != nullptr && response.contentType.ends_with("json")) {
+        require(nlohmann::json::accept(response.body->text()));
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+    static auto room = std::make_unique<Room>();
+    std::string_view bytes(reinterpret_cast<const char*>(data), size);
+    const bool unixSocket = bytes.starts_with('u');
+    bytes.remove_prefix(unixSocket ? 1 : 0);
+    auto parsed = parseRequest(bytes);
+    if (auto* refused = std::get_if<Response>(&parsed)) {
+        check({}, std::move(*refused));
+        return 0;
+    }
+    Request& request = std::get<Request>(parsed);
+    request.unixSocket = unixSocket;
+    request.localAddress = unixSocket ? "" : "192.0.2.1";
+    int answers = 0;
+    room->router.handle(request, [&](Response&& response) {
+        ++answers;
+        check(request, std::move(response));
+    });
+    require(answers == 1);
+    if (room->station.state()->channels.size() > 20) {
+        room = std::make_unique<Room>();
+    }
+    return 0;
+}
