@@ -56,6 +56,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         return 0;
     }
     Request& request = std::get<Request>(parsed);
+    if (request.target.find("/metrics") != std::string::npos) {
+        return 0;  // another thread answers it, from nothing that comes with the request
+    }
     request.unixSocket = unixSocket;
     request.localAddress = unixSocket ? "" : "192.0.2.1";
     int answers = 0;
