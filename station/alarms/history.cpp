@@ -1,9 +1,11 @@
 #include "alarms/history.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <bit>
 #include <cmath>
-#include <cstdlib>
 #include <limits>
 #include <new>
 #include <type_traits>
@@ -180,6 +182,10 @@ LevelValues valuesOf(const GatheredLevels& gathered) {
     return values;
 }
 
+constexpr std::size_t wholePages(std::size_t bytes, std::size_t page) {
+    return (bytes + page - 1) / page * page;
+}
+
 int64_t floorDivide(int64_t value, int64_t divisor) {
     return value / divisor - (value % divisor < 0 ? 1 : 0);
 }
@@ -339,19 +345,22 @@ std::string_view stripCellName(StripCell cell) {
 
 History::History() {
     static_assert(std::is_trivially_copyable_v<Rings> && std::is_trivially_destructible_v<Rings>);
-    static_assert(sizeof(Rings) + 1024 <= kHistoryLimit, "the rest is what the allocator needs");
-    // Zero-filled by the kernel, page by page when it is first written.
-    void* block = std::calloc(1, sizeof(Rings));
-    if (block == nullptr) {
+    static_assert(wholePages(sizeof(Rings), 4096) + 256 <= kHistoryLimit, "256 for the handle and its count");
+    // Straight from the kernel, zero-filled: a page takes memory when it is first written. Huge pages would
+    // be written whole.
+    void* block = mmap(nullptr, sizeof(Rings), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (block == MAP_FAILED) {
         throw std::bad_alloc();
     }
-    rings_ = std::shared_ptr<Rings>(static_cast<Rings*>(block), [](Rings* rings) { std::free(rings); });
+    madvise(block, sizeof(Rings), MADV_NOHUGEPAGE);
+    rings_ = std::shared_ptr<Rings>(static_cast<Rings*>(block),
+                                    [](Rings* rings) { munmap(rings, sizeof(Rings)); });
 }
 
 std::size_t History::bytes() {
-    constexpr std::size_t kAllocatorOverhead = 16;  // of each block
-    constexpr std::size_t kControlBlock = 32;
-    return sizeof(History) + sizeof(Rings) + kControlBlock + 2 * kAllocatorOverhead;
+    constexpr std::size_t kSharedCount = 48;  // with what the allocator adds
+    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    return sizeof(History) + wholePages(sizeof(Rings), page) + kSharedCount;
 }
 
 void History::add(const ChannelSample& sample, StripCell state, const Now& now) {
