@@ -109,6 +109,8 @@ class Checker:
             refused = self.check("GET", f"/api/v1/{path}", f"/api/v1/{path}?nonsense=1", 422)
             if refused and refused.get("field") != "nonsense":
                 self.faults.append(f"GET /api/v1/{path}?nonsense=1: the field is not named: {refused}")
+        self.check("GET", "/metrics", "/metrics", 200)
+        self.check("GET", "/metrics", "/metrics?x=1", 422)
         self.check("GET", "/healthz", "/healthz", 200)
         self.check("GET", "/readyz", "/readyz", 200)
         self.check("GET", "/api/v1/events", "/api/v1/events?format=csv&limit=10", 200)
