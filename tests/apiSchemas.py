@@ -103,7 +103,7 @@ class Checker:
 
     def reads(self, group):
         channel = "/api/v1/channels/{group}"
-        for path in ("status", "channels", "alarms", "alarm-types", "events", "overview", "meta", "use",
+        for path in ("status", "channels", "records", "alarms", "alarm-types", "events", "overview", "meta", "use",
                      "maintenance", "export"):
             self.check("GET", f"/api/v1/{path}", f"/api/v1/{path}", 200)
             refused = self.check("GET", f"/api/v1/{path}", f"/api/v1/{path}?nonsense=1", 422)

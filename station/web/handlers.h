@@ -9,6 +9,7 @@ namespace station::handlers {
 void status(Services& services, const Call& call, Reply&& reply);
 void channels(Services& services, const Call& call, Reply&& reply);
 void channel(Services& services, const Call& call, Reply&& reply);
+void records(Services& services, const Call& call, Reply&& reply);
 void history(Services& services, const Call& call, Reply&& reply);
 void alarms(Services& services, const Call& call, Reply&& reply);
 void alarmTypeList(Services& services, const Call& call, Reply&& reply);

@@ -108,6 +108,20 @@ void channel(Services&, const Call& call, Reply&& reply) {
     reply(channelResponse(*call.state, *call.group));
 }
 
+void records(Services& services, const Call& call, Reply&& reply) {
+    const StationState& state = *call.state;
+    if (state.snapshot == nullptr || !state.probe.connected) {
+        return reply(problem(503, "There is no snapshot of the probe, or none that is fresh"));
+    }
+    Response response = cached(services, "records", {state.probe.snapshots},
+                               [&] { return std::string(state.snapshot->text()); });
+    response.contentType = "text/plain; charset=utf-8";
+    // Numbers of snapshots start anew with the station.
+    response.headers.emplace_back("ETag", "\"" + std::to_string(state.started.time_since_epoch().count()) +
+                                              "-" + std::to_string(state.probe.snapshots) + "\"");
+    reply(std::move(response));
+}
+
 void history(Services& services, const Call& call, Reply&& reply) {
     QueryReader query(call.query);
     const auto metric =

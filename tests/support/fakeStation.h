@@ -46,6 +46,7 @@ class FakeStation : public StationInterface {
         first->probe.connected = true;
         first->probe.lastRequest = first->probe.lastSnapshot = kStart;
         first->probe.sequence = 12;
+        first->snapshot = std::make_shared<const records::Snapshot>();
         Alarm alarm;
         alarm.id = 7;
         alarm.type = *findAlarmType("continuity");
