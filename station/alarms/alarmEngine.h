@@ -25,9 +25,9 @@ struct AlarmChange {
 // raised alarm its id with setId() before the next call.
 //
 // Delays and windows are reckoned by the times at which samples are observed. What a measure says nothing
-// about is not judged: levels without a signal, the checks of intervals (PAT, PMT, PCR, PTS) while no_signal
-// is raised and just after, delay factor and jitter until kSettlingPackets have come after an interruption. A
-// wall clock that is set is an interruption as well, since the probe stamps arrivals by it.
+// about is not judged: levels without a signal; the checks of intervals and tables (PAT, PMT, CRC, PCR, PTS)
+// while no_signal is raised and just after; delay factor and jitter until kSettlingPackets have come after an
+// interruption. A wall clock that is set is an interruption as well, since the probe stamps arrivals by it.
 //
 // Takes about 2 KiB a channel; kCounter needs 16 bytes more for each second with errors in its window.
 class AlarmEngine {

@@ -70,7 +70,7 @@ constexpr std::array kMeasures = std::to_array<AlarmMeasure>({
         "PMT errors"),
     errors("transport", Hold::kNever, counter<sampleCounter("Transport_error")>, "damaged packet",
            "damaged packets"),
-    errors("crc", Hold::kNever, counter<sampleCounter("CRC_error")>, "table error", "table errors"),
+    errors("crc", Hold::kGap, counter<sampleCounter("CRC_error")>, "table error", "table errors"),
     errors("pcr_repetition", Hold::kGap, counter<sampleCounter("PCR_repetition_error")>, "late PCR",
            "late PCRs"),
     errors("pcr_discontinuity", Hold::kGap, counter<sampleCounter("PCR_discontinuity_indicator_error")>,

@@ -16,7 +16,7 @@ namespace station {
 enum class Hold : uint8_t {
     kNever,
     kWithoutSignal,  // nothing arrives that could be good or bad
-    kGap,            // counts the interruption itself, which no_signal tells: held until it is over
+    kGap,            // counts what the interruption itself does, which no_signal tells: held until it is over
     kSettling,       // a statistic of arrivals, which an interruption spoils until its blocks are renewed
 };
 

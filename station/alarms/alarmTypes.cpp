@@ -86,7 +86,7 @@ constexpr std::array kTypes = std::to_array<AlarmType>({
     {"pat", "The program association table is missing, late or cannot be decoded.", kCounter, "error",
      "PAT_error", false, counter(kMajor, 1, 0, 10s)},
     {"pmt", "A program map table is missing, late or scrambled.", kCounter, "error", "PMT_error", false,
-     counter(kMajor, 0, 2, 10s)},
+     counter(kMajor, 0, 3, 10s)},
     {"transport", "Packets are marked as damaged (transport_error_indicator) by equipment before the probe.",
      kCounter, "error", "Transport_error", false, counter(kMinor, 1, 0, 10s)},
     {"crc", "Tables are damaged or incomplete.", kCounter, "error", "CRC_error", false,

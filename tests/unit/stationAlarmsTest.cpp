@@ -160,9 +160,9 @@ constexpr double kFast = 200'000;
 const std::vector<Script> kScripts = {
     {"a cut cable holds back what follows from it",
      {add(3, "packetsLost", 0), packets(5, 0), set(5, "transportQualityIndex", 1.0), packets(40, 1000),
-      add(40, "PAT_error", 3), add(40, "PTS_error", 2), add(40, "PCR_discontinuity_indicator_error", 1),
-      add(40, "Continuity_count_error", 2), set(41, "transportQualityIndex", 4.5),
-      set(41, "jitterVariance", 90'000)},
+      add(40, "PAT_error", 3), add(40, "CRC_error", 1), add(40, "PTS_error", 2),
+      add(40, "PCR_discontinuity_indicator_error", 1), add(40, "Continuity_count_error", 2),
+      set(41, "transportQualityIndex", 4.5), set(41, "jitterVariance", 90'000)},
      60,
      "5:raised no_signal, 40:raised continuity, 42:cleared no_signal, 50:cleared continuity"},
     {"a channel that never had a packet", {packets(1, 0)}, 20, "7:raised no_signal"},
@@ -185,11 +185,11 @@ const std::vector<Script> kScripts = {
      {add(5, "TS_sync_loss", 1), add(5, "Sync_byte_error", 3), add(5, "PAT_error", 1),
       add(5, "Transport_error", 1), add(5, "CRC_error", 1), add(5, "PCR_discontinuity_indicator_error", 1),
       add(5, "PCR_repetition_error", 5), add(5, "PCR_accuracy_error", 50), add(5, "PTS_error", 1),
-      add(5, "packetsScrambled", 900), add(5, "PMT_error", 1), add(6, "PMT_error", 1), add(5, "CAT_error", 1),
-      add(6, "CAT_error", 1), add(7, "CAT_error", 1)},
+      add(5, "packetsScrambled", 900), add(5, "PMT_error", 1), add(6, "PMT_error", 1), add(7, "PMT_error", 1),
+      add(5, "CAT_error", 1), add(6, "CAT_error", 1), add(7, "CAT_error", 1)},
      10,
      "5:raised sync_loss, 5:raised sync_byte, 5:raised pat, 5:raised transport, 5:raised crc, "
-     "5:raised pcr_discontinuity, 5:raised pts, 6:raised pmt, 7:raised cat"},
+     "5:raised pcr_discontinuity, 5:raised pts, 7:raised pmt, 7:raised cat"},
     {"a network table every ten seconds, and subtitles",
      {{5,
        [](World& w) {
