@@ -152,6 +152,8 @@ TEST(SectionGuard, InventedTablesAreBounded) {
     for (; subtable != nullptr; subtable = subtable->p_next)
         ++subtables;
     EXPECT_EQ(subtables, kMaxSubtables);
+    constexpr std::size_t kEit = 6;
+    EXPECT_EQ(context->section_drops[kEit][static_cast<std::size_t>(SectionDrop::tooLarge)], 50U);
     for (uint32_t number = 1; number < 9; ++number)
         for (uint16_t table = 0; table < kMaxSubtables; table += 2)
             packets.section(0x12, psi::section(0x50, table, 0, payload, psi::low8(number), 9));

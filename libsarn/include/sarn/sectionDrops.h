@@ -11,7 +11,7 @@ struct ts_stream_t;
 enum class SectionDrop : uint8_t {
     badLength,   // a length leads out of the section
     badNumber,   // section_number is behind last_section_number
-    tooLarge,    // with this section the table, or what waits for its rest, would pass its bounds
+    tooLarge,    // with this section the table, or all tables that are waited for, would pass their bounds
     strayBytes,  // only the bytes behind the last whole entry; the section itself is decoded
 };
 inline constexpr std::size_t kSectionDropKinds = 4;

@@ -190,20 +190,16 @@ Examined examine(const dvbpsi_psi_section_t& section, const dvbpsi_psi_section_t
     return *table;
 }
 
-void count(ts_stream_t& stream, const dvbpsi_psi_section_t& section, SectionDrop drop) {
-    ++stream.section_drops[tableIndex(section.i_table_id)][static_cast<std::size_t>(drop)];
-}
-
 // Whether the section may go on to its decoder, with its stray bytes cut off; it is deleted otherwise.
 bool admit(ts_stream_t& stream, dvbpsi_psi_section_t* section, const Examined& examined) {
     if (const auto* drop = std::get_if<SectionDrop>(&examined)) {
-        count(stream, *section, *drop);
+        countSectionDrop(stream, section->i_table_id, *drop);
         dvbpsi_DeletePSISections(section);
         return false;
     }
     uint8_t* end = section->p_payload_start + std::get<Lists>(examined).size;
     if (end != section->p_payload_end) {
-        count(stream, *section, SectionDrop::strayBytes);
+        countSectionDrop(stream, section->i_table_id, SectionDrop::strayBytes);
         section->p_payload_end = end;
     }
     return true;
@@ -314,6 +310,10 @@ void demuxGuarded(dvbpsi_t* handle, dvbpsi_psi_section_t* section) {
 
 }  // namespace
 
+void countSectionDrop(ts_stream_t& stream, uint8_t tableId, SectionDrop drop) {
+    ++stream.section_drops[tableIndex(tableId)][static_cast<std::size_t>(drop)];
+}
+
 bool pushPsiPacket(dvbpsi_s* handle, const uint8_t* packet) {
     // The library follows an adaptation field and a pointer_field of up to 255 bytes each to the byte behind
     // them.
@@ -330,7 +330,7 @@ void sarnDvbPsi_printSectionDrops(const ts_stream_t* stream, const char* name, F
     constexpr std::array<const char*, kSectionDropKinds> kTexts = {
         "dropped: a length leads out of the section",
         "dropped: section_number behind last_section_number",
-        "dropped: the table or those that wait for their rest would grow too large",
+        "dropped: the table, or all that are waited for, would grow too large",
         "decoded without the bytes behind the last whole entry",
     };
     for (std::size_t table = 0; table < kGuardedTables; ++table) {

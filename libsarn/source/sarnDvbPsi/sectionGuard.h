@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "sarn/sectionDrops.h"
+
 struct dvbpsi_s;
 
 // Pushes one 188-byte transport packet into the handle's decoder: a copy with zeros behind it, so that an
@@ -19,6 +21,9 @@ bool pushPsiPacket(dvbpsi_s* handle, const uint8_t* packet);
 // library's decoders would take for the start of another. All of it is counted in the context's
 // section_drops. Call after each attach. REQUIRES: a handle from newPsiHandle.
 void guardSections(dvbpsi_s* handle);
+
+// Counts a section of this table in the context's section_drops.
+void countSectionDrop(ts_stream_t& stream, uint8_t tableId, SectionDrop drop);
 
 // Sections that the unfinished tables of one demultiplexer hold, up to 4 KiB each, before those of tables
 // with more than two sections are dropped. The schedule EITs of a whole network, whose numbering has gaps by

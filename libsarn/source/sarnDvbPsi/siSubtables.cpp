@@ -11,6 +11,7 @@
 #include "sarn/spliceSection.h"
 #include "sarn/tableDumps.h"
 #include "sarn/tsStream.h"
+#include "sarnDvbPsi/sectionGuard.h"
 
 namespace {
 
@@ -165,10 +166,15 @@ void newSubtable(dvbpsi_s* handle, uint8_t tableId, uint16_t extension, void* st
         std::find_if(std::begin(kDecoders), std::end(kDecoders), [tableId](const SubtableDecoder& row) {
             return tableId >= row.firstTableId && tableId <= row.lastTableId;
         });
-    if (decoder == std::end(kDecoders) || countSubtables(*demuxOf(handle)) >= kMaxSubtables) {
+    if (decoder == std::end(kDecoders)) {
         return;
     }
-    if (!decoder->attach(handle, tableId, extension, static_cast<ts_stream_t*>(stream))) {
+    auto* context = static_cast<ts_stream_t*>(stream);
+    if (countSubtables(*demuxOf(handle)) >= kMaxSubtables) {
+        countSectionDrop(*context, tableId, SectionDrop::tooLarge);
+        return;
+    }
+    if (!decoder->attach(handle, tableId, extension, context)) {
         reportFailure(*decoder);
     }
 }
