@@ -203,8 +203,8 @@ TEST_F(Context, FindsRecordsByWhatTheirFieldsSay) {
     pmt->i_number = 9;
     context.feed(packets.pat({{7, 0x300}, {8, 0x200}, {9, 0x100}}, 1));
     EXPECT_EQ(findPmtByProgramNumber(context.get(), 9), pmt);
-    deletePmtByPid(context.get(), 0x100);
-    EXPECT_EQ(programs(), (Programs{{7, 0x300}, {8, 0x200}}));
+    deletePmtByPid(context.get(), 0x200);
+    EXPECT_EQ(programs(), (Programs{{7, 0x300}, {9, 0x100}}));
 }
 
 // A hook's view of what its context counts, which is that of the packets before its own.
