@@ -205,7 +205,12 @@ const std::vector<Script> kScripts = {
      10,
      ""},
     {"cleared counters and a restarted probe",
-     {add(2, "packetsLost", 500),
+     {{50,  // so few packets that the counter has passed where it was
+       [](World& w) {
+           w.engine.countersCleared(w.now);
+           w.stream.values["CRC_error"] = 1;
+       }},
+      add(2, "packetsLost", 500),
       add(20, "packetsLost", 500),
       {30,
        [](World& w) {
