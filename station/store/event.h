@@ -50,13 +50,13 @@ struct Event {
 
 // Which events; what is not set does not restrict.
 struct EventFilter {
-    std::optional<Group> group;
-    std::optional<Severity> severity;
-    std::optional<EventKind> kind;
-    std::optional<WallTime> since;  // inclusive
-    std::optional<WallTime> until;  // exclusive
-    std::optional<int64_t> before;  // only ids below this, for the next page
-    std::size_t limit = 100;        // 1 to 1000
+    std::optional<Group> group{};
+    std::optional<Severity> severity{};
+    std::optional<EventKind> kind{};
+    std::optional<WallTime> since{};  // inclusive
+    std::optional<WallTime> until{};  // exclusive
+    std::optional<int64_t> before{};  // only ids below this, for the next page
+    std::size_t limit = 100;          // 1 to 1000
 };
 
 // A time in which alarms of a channel, of those with a label, or of all are recorded but not delivered.

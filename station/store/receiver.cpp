@@ -78,7 +78,7 @@ DeliveryChanges Receiver::owe(Notification notification, int64_t& lastSequence) 
 void Receiver::oweClear(Notification&& clear, int64_t& lastSequence, DeliveryChanges& changes) {
     const auto owed = findOwed(clear.alarmId, true);
     const auto told = told_.find(clear.alarmId);
-    if (owed == owed_.end() && told == told_.end()) {
+    if ((owed == owed_.end() && told == told_.end()) || findOwed(clear.alarmId, false) != owed_.end()) {
         return;
     }
     const bool underWay =
@@ -107,13 +107,13 @@ DeliveryChanges Receiver::resume(const std::vector<ActiveNotification>& active, 
     }
     std::set<int64_t> over;
     for (const auto& [id, notification] : told_) {
-        if (!raised.contains(id) && findOwed(id, false) == owed_.end()) {
+        if (!raised.contains(id)) {
             over.insert(id);
         }
     }
     for (const Owed& owed : owed_) {
         const int64_t id = owed.notification.alarmId;
-        if (isRaise(owed.notification) && !raised.contains(id) && findOwed(id, false) == owed_.end()) {
+        if (isRaise(owed.notification) && !raised.contains(id)) {
             over.insert(id);
         }
     }

@@ -1,0 +1,207 @@
+// Notifications on their way to receivers that fail, restart and complain.
+#include <gmock/gmock.h>
+
+#include <nlohmann/json.hpp>
+
+#include "store/delivery.h"
+#include "support/scratch.h"
+#include "support/webhookServer.h"
+
+namespace station {
+namespace {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using testing::UnorderedElementsAre;
+
+constexpr WallTime kTime{std::chrono::hours(24 * 365 * 50)};
+constexpr DeliveryPace kPace{.firstWait = 10ms, .longestWait = 20ms, .minute = 300ms, .refresh = 60ms};
+
+Notification raised(int64_t id) {
+    Notification one;
+    one.alarmId = id;
+    one.time = one.raisedAt = kTime;
+    one.alarm = "no_signal";
+    one.meaning = "No packets";
+    one.severity = Severity::kMajor;
+    one.group = "239.1.1.1";
+    one.channel = "News";
+    one.labels = {{"site", "north"}, {"2nd-floor", "ä"}, {"__x", "y"}, {"severity", "own"}};
+    one.text = "no packets for 1 s";
+    return one;
+}
+
+Notification cleared(int64_t id) {
+    Notification one = raised(id);
+    one.raised = false;
+    one.time = kTime + 5s;
+    one.channel = "Renamed";
+    one.labels.clear();
+    return one;
+}
+
+struct Receiving {
+    ScratchDirectory directory;
+    WebhookServer server;
+    Webhook webhook;
+    std::unique_ptr<Delivery> delivery;
+
+    explicit Receiving(WebhookFormat format = WebhookFormat::kJson) {
+        webhook.url = server.url();
+        webhook.format = format;
+        webhook.minimumSeverity = Severity::kMinor;
+        webhook.maxPerMinute = 1000;
+    }
+    void start() {
+        delivery.reset();
+        delivery = std::make_unique<Delivery>(directory.path(), "probe1", kPace);
+        delivery->configure({webhook});
+    }
+    void tell(std::initializer_list<Notification> notifications) {
+        for (const Notification& one : notifications) {
+            delivery->notify(one);
+        }
+    }
+    // "raised 1" for each notification in each message that was taken, in order.
+    std::vector<std::string> told() const {
+        std::vector<std::string> all;
+        for (const std::string& body : server.taken()) {
+            const json message = json::parse(body);
+            for (const json& one : message["notifications"]) {
+                all.push_back(one["state"].get<std::string>() + " " + one["alarmId"].dump());
+            }
+        }
+        return all;
+    }
+    bool settles() const {  // nothing is owed any more
+        return eventually([this] {
+            const auto statistics = delivery->statistics();
+            return statistics.size() == 1 && statistics[0].owed == 0 &&
+                   statistics[0].delivered + statistics[0].dropped > 0;
+        });
+    }
+};
+
+TEST(Delivery, TellsEachAlarmOnceInOrderWhateverFails) {
+    Receiving receiving;
+    receiving.server.answer({500, 302, WebhookServer::kClose, 404, 200, 500});
+    receiving.start();
+    receiving.tell({raised(1), raised(2), raised(3)});
+    EXPECT_TRUE(eventually([&] { return receiving.server.requests().size() >= 3; }));
+    receiving.start();  // what was owed is owed still
+    receiving.tell({raised(1), raised(3), cleared(9), raised(4)});
+    Notification mild = raised(5);
+    mild.severity = Severity::kWarning;
+    receiving.tell({mild});
+    ASSERT_TRUE(receiving.settles());
+    EXPECT_THAT(receiving.told(), ElementsAre("raised 1", "raised 2", "raised 3", "raised 4"));
+
+    receiving.start();  // and what was told is known to be told
+    receiving.tell({raised(1), cleared(2), cleared(2)});
+    receiving.delivery->resume(
+        {{raised(3), false}, {raised(4), true}, {raised(6), false}, {raised(7), true}});
+    ASSERT_TRUE(eventually([&] { return receiving.told().size() >= 7; }) && receiving.settles());
+    EXPECT_THAT(receiving.told(), UnorderedElementsAre("raised 1", "raised 2", "raised 3", "raised 4",
+                                                       "cleared 1", "cleared 2", "raised 6"));
+    EXPECT_EQ(receiving.delivery->statistics()[0].url, receiving.server.url() + "/");
+    for (const auto& request : receiving.server.requests()) {
+        EXPECT_THAT(request.head, HasSubstr("POST / HTTP/1.1"));  // no redirect was followed
+    }
+}
+
+TEST(Delivery, TellsOfAClearOnlyWhereTheRaiseMayHaveArrived) {
+    struct Case {
+        const char* what;
+        int status;
+        std::vector<std::string> told;
+    };
+    const Case cases[] = {
+        {"refused", 500, {}},
+        {"sent and not answered", WebhookServer::kClose, {"raised 1", "cleared 1"}},
+        {"taken", 200, {"raised 1", "cleared 1"}},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.what);
+        Receiving receiving;
+        receiving.server.answer(std::deque<int>(1000, one.status));
+        receiving.start();
+        receiving.tell({raised(1)});
+        EXPECT_TRUE(eventually([&] { return receiving.server.requests().size() >= 1; }));
+        receiving.tell({cleared(1)});
+        std::this_thread::sleep_for(50ms);
+        receiving.server.answer({});
+        ASSERT_TRUE(receiving.settles());
+        EXPECT_EQ(receiving.told(), one.told);
+    }
+}
+
+TEST(Delivery, SumsUpWhatIsBeyondTheRate) {
+    Receiving receiving;
+    receiving.webhook.maxPerMinute = 2;
+    receiving.start();
+    for (int64_t id = 1; id <= 12; ++id) {
+        receiving.tell({raised(id)});
+    }
+    receiving.tell({cleared(12)});
+    ASSERT_TRUE(receiving.settles());
+    std::vector<std::pair<std::size_t, std::size_t>> messages;  // notifications listed, summed
+    for (const std::string& body : receiving.server.taken()) {
+        const json message = json::parse(body);
+        messages.emplace_back(message["notifications"].size(), message["summed"].get<std::size_t>());
+    }
+    EXPECT_THAT(messages, ElementsAre(std::pair(1, 0), std::pair(1, 0), std::pair(9, 9)));
+}
+
+TEST(Delivery, KeepsSecretsToItself) {
+    Receiving receiving;
+    receiving.webhook.url = receiving.server.url("ann:secret@") + "/hook?token=hidden";
+    receiving.server.answer({500});
+    receiving.start();
+    testing::internal::CaptureStderr();
+    receiving.tell({raised(1)});
+    ASSERT_TRUE(receiving.settles());
+    receiving.delivery->configure({});
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::AllOf(HasSubstr("/hook"), Not(HasSubstr("secret")), Not(HasSubstr("hidden"))));
+    EXPECT_THAT(receiving.server.requests()[0].head,
+                testing::AllOf(HasSubstr("Authorization: Basic "), HasSubstr("/hook?token=hidden")));
+}
+
+TEST(Delivery, KeepsAnAlertmanagerInformed) {
+    Receiving receiving(WebhookFormat::kAlertmanager);
+    receiving.webhook.authorization = "Bearer abc";
+    receiving.start();
+    receiving.tell({raised(1)});
+    // Told again and again, so that it does not resolve by itself.
+    ASSERT_TRUE(eventually([&] { return receiving.server.taken().size() >= 3; }));
+    receiving.start();
+    const std::size_t before = receiving.server.taken().size();
+    ASSERT_TRUE(eventually([&] { return receiving.server.taken().size() >= before + 2; }));
+    receiving.tell({cleared(1)});
+    ASSERT_TRUE(receiving.settles());
+    const std::size_t after = receiving.server.taken().size();
+    std::this_thread::sleep_for(150ms);
+    ASSERT_EQ(receiving.server.taken().size(), after);
+
+    const json labels = {{"alertname", "no_signal"}, {"severity", "major"},  {"group", "239.1.1.1"},
+                         {"channel", "News"},        {"instance", "probe1"}, {"site", "north"},
+                         {"_2nd_floor", "ä"},        {"label__x", "y"},      {"label_severity", "own"}};
+    for (const auto& request : receiving.server.requests()) {
+        EXPECT_THAT(request.head, HasSubstr("POST /api/v2/alerts HTTP/1.1"));
+        EXPECT_THAT(request.head, HasSubstr("Authorization: Bearer abc"));
+        const json alerts = json::parse(request.body);
+        ASSERT_EQ(alerts.size(), 1);
+        EXPECT_EQ(alerts[0]["labels"], labels);
+        EXPECT_EQ(alerts[0]["annotations"]["summary"], "News (239.1.1.1): no packets for 1 s");
+        EXPECT_EQ(alerts[0]["startsAt"], "2019-12-20T00:00:00.000Z");
+    }
+    const auto taken = receiving.server.taken();
+    EXPECT_EQ(json::parse(taken.back())[0]["endsAt"], "2019-12-20T00:00:05.000Z");
+    EXPECT_GT(json::parse(taken[after - 2])[0]["endsAt"].get<std::string>(), "2026");
+}
+
+}  // namespace
+}  // namespace station
