@@ -74,13 +74,17 @@ EventDesk::EventDesk(EventStore& store, Delivery& delivery)
 }
 
 void EventDesk::restore(const std::vector<Alarm>& active, const ChannelMap& channels, const Now& now) {
+    std::vector<ActiveNotification> raised;
     for (const Alarm& alarm : active) {
-        if (inMaintenance(alarm.group, now)) {
+        const bool silenced = inMaintenance(alarm.group, now);
+        if (silenced) {
             silenced_.insert(alarm.id);
-        } else {
-            deliver(alarm, AlarmChange::What::kRaised, {}, findChannel(alarm.group, channels, nullptr), now);
         }
+        raised.push_back({notification(alarm, AlarmChange::What::kRaised, {},
+                                       findChannel(alarm.group, channels, nullptr), now),
+                          silenced});
     }
+    delivery_.resume(std::move(raised));
 }
 
 int64_t EventDesk::record(Event event, const Now& now) {
@@ -155,10 +159,15 @@ void EventDesk::record(const AlarmChange& change, AlarmEngine& engine, const Cha
 
 void EventDesk::deliver(const Alarm& alarm, AlarmChange::What what, const std::string& text,
                         const Channel* channel, const Now& now) {
-    const AlarmType& type = alarmTypes()[alarm.type];
     if (what == AlarmChange::What::kCleared) {
         silenced_.erase(alarm.id);
     }
+    delivery_.notify(notification(alarm, what, text, channel, now));
+}
+
+Notification EventDesk::notification(const Alarm& alarm, AlarmChange::What what, const std::string& text,
+                                     const Channel* channel, const Now& now) {
+    const AlarmType& type = alarmTypes()[alarm.type];
     Notification notification;
     notification.alarmId = alarm.id;
     notification.raised = what != AlarmChange::What::kCleared;
@@ -175,7 +184,7 @@ void EventDesk::deliver(const Alarm& alarm, AlarmChange::What what, const std::s
     }
     notification.text = text;
     notification.value = alarm.value;
-    delivery_.notify(std::move(notification));
+    return notification;
 }
 
 bool EventDesk::tick(const std::vector<Alarm>& active, const ChannelMap& channels, const Now& now) {

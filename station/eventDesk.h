@@ -23,7 +23,8 @@ class EventDesk {
     // Goes on counting where the store's last event was.
     EventDesk(EventStore& store, Delivery& delivery);
 
-    // Takes up alarms that were raised before: receivers that were not told yet are.
+    // Takes up alarms that were raised before: receivers that were not told yet are, and those that were told
+    // of others hear that they are over.
     void restore(const std::vector<Alarm>& active, const ChannelMap& channels, const Now& now);
 
     // Gives the event its id and time and has it stored.
@@ -48,6 +49,8 @@ class EventDesk {
   private:
     void deliver(const Alarm& alarm, AlarmChange::What what, const std::string& text, const Channel* channel,
                  const Now& now);
+    static Notification notification(const Alarm& alarm, AlarmChange::What what, const std::string& text,
+                                     const Channel* channel, const Now& now);
 
     EventStore& store_;
     Delivery& delivery_;

@@ -16,6 +16,7 @@
 #include "eventDesk.h"
 #include "probe/controller.h"
 #include "probe/pipeReader.h"
+#include "store/influx.h"
 #include "watchedChannel.h"
 #include "web/server.h"
 
@@ -75,6 +76,7 @@ struct Station::Implementation : StationInterface {
     StatePointer published = std::make_shared<const StationState>();
     EventStore store;
     Delivery delivery;
+    InfluxWriter influx;
 
     // Below: the owner thread alone, once it runs.
     ChannelBook book;
@@ -109,6 +111,7 @@ struct Station::Implementation : StationInterface {
           configuration(files.configuration),
           store(configuration->state, {configuration->keepDays, configuration->keepRows}, systemNow),
           delivery(configuration->state, configuration->instance),
+          influx(configuration->influx, configuration->instance),
           book(configuration->state),
           desk(store, delivery) {
         const Now now = systemNow();
@@ -199,6 +202,7 @@ struct Station::Implementation : StationInterface {
         notes.insert(notes.end(), book.notes().begin(), book.notes().end());
         notes.resize(std::min(notes.size(), kNotesShown));
         delivery.configure(configuration->webhooks);
+        influx.configure(configuration->influx);
         store.setLimits({configuration->keepDays, configuration->keepRows});
         takeChannels(now, atStart);
         if (atStart) {
@@ -476,6 +480,7 @@ struct Station::Implementation : StationInterface {
             const std::lock_guard lock(publishedMutex);
             published = next;
         }
+        influx.write(state);
         if (server) {
             server->statePublished();
         }
