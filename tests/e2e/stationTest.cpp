@@ -1,0 +1,297 @@
+// kestor-station beside the real probe, while things come, go and break.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
+
+#include "support/harness.h"
+#include "support/streamBuilder.h"
+
+namespace test {
+namespace {
+
+using nlohmann::json;
+using testing::AllOf;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr const char* kA = "239.1.1.1";
+constexpr const char* kB = "239.1.1.2";
+constexpr const char* kC = "239.1.1.3";
+constexpr const char* kPlaylist = "/tmp/channels.m3u";
+constexpr const char* kPipe = "/tmp/american_maid";
+
+void write(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::trunc) << text;
+}
+
+std::string playlistEntry(const std::string& group, const std::string& name) {
+    return "#EXTINF:-1," + name + "\nudp://@" + group + ":5000\n";
+}
+
+struct Result {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+// kestorctl's, which speaks to the station at /tmp/station.sock (main.cpp).
+Result ctl(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "kestorctl");
+    Process tool(arguments);
+    const int status = tool.wait(40s).value_or(-1000);
+    return {status, tool.out(), tool.err()};
+}
+
+// The objects that kestorctl --json prints, one a line.
+std::vector<json> objects(std::vector<std::string> command) {
+    command.insert(command.begin(), "--json");
+    std::istringstream lines(ctl(command).out);
+    std::vector<json> all;
+    for (std::string line; std::getline(lines, line);)
+        all.push_back(json::parse(line, nullptr, false));
+    return all;
+}
+
+json channel(const std::string& group) {
+    for (const json& one : objects({"channels"}))
+        if (one.value("group", "") == group)
+            return one;
+    return json::object();
+}
+
+std::string state(const std::string& group) {
+    return channel(group).value("state", "none");
+}
+
+// Ids of raised alarms of that type, of one group or of the probe ("").
+std::vector<int64_t> raised(const std::string& type, const std::string& group) {
+    std::vector<int64_t> ids;
+    for (const json& alarm : objects({"alarms"}))
+        if (alarm.value("alarm", "") == type &&
+            (alarm["group"].is_null() ? "" : alarm.value("group", "")) == group)
+            ids.push_back(alarm.value("id", int64_t{0}));
+    return ids;
+}
+
+// How many events of the kind there are, of one alarm type if it is named.
+std::size_t events(const std::string& kind, const std::string& alarm = {}) {
+    std::size_t count = 0;
+    for (const json& event : objects({"events", "--limit", "1000"}))
+        count += event.value("kind", "") == kind && (alarm.empty() || event["alarm"] == alarm) ? 1 : 0;
+    return count;
+}
+
+struct Station {
+    explicit Station(const std::string& configuration = "") {
+        write("/tmp/station.toml", configuration);
+        start();
+    }
+    void start() {
+        process.emplace(std::vector<std::string>{"kestor-station", "--config", "/tmp/station.toml", "--state",
+                                                 "/tmp/state", "--socket", "/tmp/station.sock"});
+    }
+    bool says(const std::string& text) const {
+        return eventually([&] { return process->err().find(text) != std::string::npos; });
+    }
+    std::optional<Process> process;
+};
+
+const std::string kWatchPlaylist = std::string("[[playlist]]\nfile = \"") + kPlaylist + "\"\n";
+
+}  // namespace
+
+TEST(Station, WatchesAPlaylistAndRaisesWhatACutCableMeans) {
+    write(kPlaylist, "#EXTM3U\n" + playlistEntry(kA, "News") + playlistEntry(kB, "Silent"));
+    Station station(kWatchPlaylist);
+    Process kestor({"kestor", "-s"});
+    std::optional<std::jthread> traffic(liveTraffic(kA));
+    EXPECT_TRUE(eventually([] { return state(kA) == "ok"; })) << station.process->err();
+    EXPECT_EQ(channel(kA)["name"], "News");
+    EXPECT_TRUE(eventually([] { return raised("no_signal", kB).size() == 1; }));
+
+    traffic.reset();
+    EXPECT_TRUE(eventually([] { return raised("no_signal", kA).size() == 1; }, 4s));
+    EXPECT_EQ(state(kA), "alarm");
+    const int64_t id = raised("no_signal", kA).front();
+    EXPECT_EQ(ctl({"ack", std::to_string(id), "--remark", "on it"}).status, 0);
+
+    // Not lost, not raised twice, and still acknowledged, when the station is killed.
+    station.process->kill(SIGKILL);
+    station.start();
+    EXPECT_TRUE(eventually([&] { return raised("no_signal", kA) == std::vector{id}; }))
+        << station.process->err();
+    EXPECT_THAT(ctl({"alarms"}).out, HasSubstr("News"));
+    EXPECT_EQ(objects({"alarms"}).front()["acknowledged"].is_object() ||
+                  objects({"alarms"}).back()["acknowledged"].is_object(),
+              true);
+    traffic.emplace(liveTraffic(kA));
+    EXPECT_TRUE(eventually([] { return raised("no_signal", kA).empty(); }));
+    EXPECT_EQ(events("raised", "no_signal"), 2U);
+    EXPECT_EQ(events("cleared", "no_signal"), 1U);
+    EXPECT_EQ(events("acknowledged"), 1U);
+
+    const auto before = std::chrono::steady_clock::now();
+    station.process->kill(SIGTERM);
+    EXPECT_EQ(station.process->wait(), 0) << station.process->err();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 2500ms);
+}
+
+TEST(Station, BringsTheListBackToAProbeThatWasKilled) {
+    write(kPlaylist, playlistEntry(kA, "A") + playlistEntry(kB, "B"));
+    const Station station(kWatchPlaylist);
+    std::optional<Process> kestor(std::vector<std::string>{"kestor", "-s"});
+    const auto traffic = liveTraffic(kA);
+    ASSERT_TRUE(eventually([] { return state(kA) == "ok" && igmpMember(kB); }));
+    kestor->kill(SIGKILL);
+    ASSERT_TRUE(eventually([] { return !igmpMember(kB); }));
+    kestor.emplace(std::vector<std::string>{"kestor", "-s"});
+    EXPECT_TRUE(eventually([] { return igmpMember(kA) && igmpMember(kB); }, 3500ms));
+    EXPECT_TRUE(eventually([] { return state(kA) == "ok"; }));
+    EXPECT_TRUE(eventually([] { return events("probe_restarted") == 1; }));
+    for (const char* type : {"continuity", "packets_lost", "pat", "pmt"})
+        EXPECT_EQ(events("raised", type), 0U) << type;
+
+    // One that stands still is reported and comes back with nothing lost.
+    kestor->kill(SIGSTOP);
+    EXPECT_TRUE(eventually([] { return raised("probe_silent", "").size() == 1; }));
+    EXPECT_NE(state(kA), "ok");
+    kestor->kill(SIGCONT);
+    EXPECT_TRUE(eventually([] { return raised("probe_silent", "").empty() && state(kA) == "ok"; }));
+    EXPECT_EQ(occurrences(kestor->out(), "Dodaje kanal: 239.1.1.1\n"), 1U);
+}
+
+TEST(Station, TellsTheProbeOnlyWhatHasChanged) {
+    write(kPlaylist, playlistEntry(kA, "A") + playlistEntry(kB, "B"));
+    const Station station(kWatchPlaylist);
+    const Process kestor({"kestor", "-s"});
+    ASSERT_TRUE(eventually([] { return igmpMember(kA) && igmpMember(kB); }));
+
+    // A list that is cut short while it is written, or gone, keeps the last good one.
+    const int file = open(kPlaylist, O_WRONLY | O_TRUNC);
+    ASSERT_EQ(::write(file, "#EXTM3U\n#EXTINF:-1,A\n", 21), 21);
+    std::this_thread::sleep_for(1500ms);
+    EXPECT_TRUE(igmpMember(kA) && igmpMember(kB));
+    close(file);
+    std::filesystem::remove(kPlaylist);
+    EXPECT_TRUE(station.says("last good list of 2 channels holds"));
+    EXPECT_TRUE(igmpMember(kA) && igmpMember(kB));
+
+    write("/tmp/new.m3u", playlistEntry(kA, "A renamed") + playlistEntry(kC, "C"));
+    std::filesystem::rename("/tmp/new.m3u", kPlaylist);
+    EXPECT_TRUE(eventually([] { return igmpMember(kC) && !igmpMember(kB); }));
+    EXPECT_EQ(channel(kA)["name"], "A renamed");
+    EXPECT_EQ(occurrences(kestor.out(), "Dodaje kanal: 239.1.1.1\n"), 1U);
+    EXPECT_EQ(occurrences(kestor.out(), "clearIPChannel: "), 1U);
+
+    // A configuration with a mistake is refused with its place, and the last one holds.
+    write("/tmp/station.toml", kWatchPlaylist + "pasive = true\n");
+    EXPECT_TRUE(station.says("station.toml:3"));
+    EXPECT_TRUE(eventually([] { return events("configuration_refused") > 0; }));
+    EXPECT_TRUE(igmpMember(kC));
+}
+
+TEST(Station, IsWhatKestorctlSpeaksTo) {
+    Station station;
+    const Process kestor({"kestor", "-s"});
+    EXPECT_TRUE(station.says("the probe asks"));
+    EXPECT_EQ(ctl({"add", kA, kB}).out, "sent: add 239.1.1.1 239.1.1.2\n");
+    EXPECT_TRUE(eventually([] { return igmpMember(kA) && igmpMember(kB); }));
+    TsStream stream;
+    stream.pat({{1, 0x100}}).pmt(1, 0x100, 0x101, {{0x1B, 0x101, psi::descriptor(0x28, {1, 2, 3, 4})}});
+    UdpFlow flow{.group = kA};
+    FrameSender().send(flow, stream.payload(0x101, 5).takeDatagrams());
+    // Two may watch at a time.
+    EXPECT_TRUE(eventually([] {
+        return ctl({"watch", "--once"}).out.find("  KP   257 0x0101") != std::string::npos;
+    }));
+    Process first({"kestorctl", "watch", "--once", "--json"});
+    Process second({"kestorctl", "watch", "--once", "--json"});
+    EXPECT_EQ(first.wait(), 0);
+    EXPECT_EQ(second.wait(), 0);
+    for (const Process* one : {&first, &second})
+        EXPECT_THAT(one->out(), AllOf(HasSubstr("\"pid\":257"), HasSubstr("\"descriptorTags\":[40]")));
+
+    EXPECT_EQ(ctl({"clear"}).out, "sent: clear\n");
+    EXPECT_TRUE(kestor.waitForOut("Dupa!!!!1\n"));
+    EXPECT_EQ(ctl({"passive", "on"}).out, "sent: passive on\n");
+    EXPECT_TRUE(kestor.waitForOut(" passive monitoring 1\n"));
+    EXPECT_EQ(ctl({"remove", kB}).out, "sent: remove 239.1.1.2\n");
+    EXPECT_TRUE(kestor.waitForOut("clearIPChannel: 239.1.1.2"));
+    EXPECT_THAT(ctl({"scan", kA}).err, HasSubstr("systemctl stop kestor-station"));
+    EXPECT_EQ(ctl({"remove", kC}).status, 1);
+
+    // What was added at run time outlives the station, and goes out as the playlist that it came in as.
+    write("/tmp/import.m3u", "#EXTM3U\n#EXTINF:-1,Zw\xf6lf\nudp://@239.1.1.3:5000\nhttp://nothing/here\n");
+    const Result imported = ctl({"import", "/tmp/import.m3u"});
+    EXPECT_EQ(imported.out, "imported: 1 added, 0 changed, 1 lines skipped\n");
+    EXPECT_THAT(imported.err, HasSubstr("line 4"));
+    station.process->kill(SIGKILL);
+    station.start();
+    EXPECT_TRUE(eventually([] { return channel(kC).value("name", "") == "Zw\u00f6lf"; }));
+    EXPECT_THAT(ctl({"export"}).out, AllOf(HasSubstr("Zw\u00f6lf"), HasSubstr("udp://@239.1.1.3:5000"),
+                                           HasSubstr(kA), Not(HasSubstr(kB))));
+    EXPECT_TRUE(
+        eventually([] { return ctl({"status"}).out.find("probe     connected") != std::string::npos; }));
+}
+
+TEST(Station, WorksWithWhatItFinds) {
+    // Another controller holds the port, and the pipe's place is taken by a file.
+    write(kPipe, "239.1.1.1;0\n");
+    std::optional<Controller> other(std::in_place);
+    const Station station("[[channel]]\ngroup = \"239.1.1.1\"\n");
+    EXPECT_TRUE(station.says("another controller"));
+    EXPECT_TRUE(station.says("is not a pipe"));
+    EXPECT_EQ(state(kA), "waiting");
+    EXPECT_EQ(occurrences(station.process->err(), "another controller"), 1U);
+    other.reset();
+    std::filesystem::remove(kPipe);
+    const auto traffic = liveTraffic(kA);
+    std::optional<Process> kestor(std::vector<std::string>{"kestor", "-s"});
+    EXPECT_TRUE(eventually([] { return state(kA) == "ok"; })) << station.process->err();
+
+    // The pipe is made anew, by hand and by the next probe.
+    kestor->kill(SIGKILL);
+    std::filesystem::remove(kPipe);
+    ASSERT_EQ(mkfifo(kPipe, 0600), 0);
+    kestor.emplace(std::vector<std::string>{"kestor", "-s"});
+    EXPECT_TRUE(
+        eventually([] { return objects({"status"})[0]["probe"]["connected"] == true && state(kA) == "ok"; }));
+
+    // Lines that are no records, from a second writer, are dropped.
+    std::ofstream(kPipe) << "nonsense\n239.1.1.1;0;-1;-1;1\n";
+    EXPECT_TRUE(eventually([] { return objects({"status"})[0]["probe"]["droppedLines"] >= 1; }));
+    EXPECT_TRUE(eventually([] { return state(kA) == "ok"; }));
+}
+
+TEST(Station, ChangesAThousandChannelsAtOnce) {
+    const auto list = [](int net, const std::string& name) {
+        std::string text = "#EXTM3U\n";
+        for (int i = 0; i < 1000; ++i)
+            text += playlistEntry("239." + std::to_string(net) + "." + std::to_string(i / 250) + "." +
+                                      std::to_string(1 + i % 250),
+                                  name + std::to_string(i));
+        return text;
+    };
+    write(kPlaylist, list(1, "first "));
+    const Station station(kWatchPlaylist);
+    const Process kestor({"kestor", "-s"});
+    EXPECT_TRUE(eventually([] { return igmpMember("239.1.3.250"); }, 20s));
+    EXPECT_TRUE(eventually([] { return objects({"status"})[0]["channels"]["watched"] == 1000; }));
+    write("/tmp/new.m3u", list(1, "second "));
+    std::filesystem::rename("/tmp/new.m3u", kPlaylist);
+    EXPECT_TRUE(eventually([] { return channel("239.1.3.250").value("name", "") == "second 999"; }));
+    EXPECT_GE(events("channel_changed"), 990U) << "of the last thousand events";
+    EXPECT_EQ(occurrences(kestor.out(), "Dodaje kanal: "), 1000U) << "renaming is not the probe's business";
+}
+
+}  // namespace test
