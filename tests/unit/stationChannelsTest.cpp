@@ -220,7 +220,7 @@ TEST_F(StationChannels, PlaylistsAreReadInEveryDialect) {
          "it\"s"},
         {"#EXTINF:-1 tvg-id= group-title=News tvg-name=\"T, N\"\n" + g, "239.1.1.1", "T, N", "", 1234,
          "News"},
-        {"#EXTINF:-1 tvg-name=\"open,The name\n" + g, "239.1.1.1", "The name", "", 1234, ""},
+        {"#EXTINF:-1 tvg-name=\"open, x,The name\n" + g, "239.1.1.1", "The name", "", 1234, ""},
         {"#EXTINF:No number\n" + g, "239.1.1.1", "No number", "", 1234, ""},
         {"#EXTGRP:Sport\n#EXTINF:-1,S\n#EXTVLCOPT:x\n\n" + g, "239.1.1.1", "S", "", 1234, "Sport"},
         {"udp://239.1.1.1:1", "239.1.1.1", "239.1.1.1", "", 1, ""},
