@@ -119,8 +119,7 @@ struct Station::Implementation : StationInterface {
             log(LogLevel::kWarning, book.problem());
         }
         adopt(std::move(files), now, true);
-        const std::vector<Alarm> before = store.initial().active;
-        engine.restore(before, now);
+        take(engine.restore(store.initial().active, now), now);
         desk.restore(engine.active(), book.channels(), now);
         desk.record({.kind = EventKind::kStationStarted, .text = "the station started"}, now);
         publish(now);
@@ -443,7 +442,7 @@ struct Station::Implementation : StationInterface {
             return;
         }
         engine.observe(group, sample, now, changes);
-        channel.history.add(sample, stripCell(sample, !engine.activeOf(group).empty()), now);
+        channel.history.add(sample, stripCell(sample, engine.status(group) == ChannelStatus::kAlarm), now);
     }
 
     void take(const std::vector<AlarmChange>& changes, const Now& now,
@@ -480,7 +479,7 @@ struct Station::Implementation : StationInterface {
             const std::lock_guard lock(publishedMutex);
             published = next;
         }
-        influx.write(state);
+        influx.write(next);
         if (server) {
             server->statePublished();
         }
@@ -513,10 +512,7 @@ struct Station::Implementation : StationInterface {
             state->pids = channel.pids;
             state->snapshot = channel.snapshot;
         }
-        state->status = !channel.channel.enabled          ? ChannelStatus::kDisabled
-                        : !state->alarms.empty()          ? ChannelStatus::kAlarm
-                        : fresh && channel.sample->signal ? ChannelStatus::kOk
-                                                          : ChannelStatus::kWaiting;
+        state->status = engine.status(channel.channel.group);
         state->lastSeen = channel.lastSeen;
         state->maintenance = desk.inMaintenance(channel.channel.group, now);
         state->lastError = channel.lastError;
