@@ -205,7 +205,7 @@ void Delivery::Implementation::post(const std::string& key, const EntryPointer& 
     const WallTime now = systemNow().wall;
     HttpPost request;
     if (webhook.format == WebhookFormat::kAlertmanager) {
-        request.url = withDefaultPath(webhook.url, "/api/v2/alerts");
+        request.url = withCall(webhook.url, "/api/v2/alerts");
         request.body = alertmanagerBody(message.notifications, instance_, now, pace_.alertLife);
     } else {
         request.url = webhook.url;

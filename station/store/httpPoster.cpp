@@ -55,13 +55,14 @@ std::string shownUrl(const std::string& text) {
     return part(url, CURLUPART_URL);
 }
 
-std::string withDefaultPath(const std::string& text, const std::string& path) {
+std::string withCall(const std::string& text, const std::string& call) {
     const Url url = parseUrl(text);
-    const std::string present = part(url, CURLUPART_PATH);
-    if (url == nullptr || (!present.empty() && present != "/")) {
+    std::string path = part(url, CURLUPART_PATH);
+    if (url == nullptr || path.ends_with(call)) {
         return text;
     }
-    curl_url_set(url.get(), CURLUPART_PATH, path.c_str(), 0);
+    path.resize(path.find_last_not_of('/') + 1);
+    curl_url_set(url.get(), CURLUPART_PATH, (path + call).c_str(), 0);
     return part(url, CURLUPART_URL);
 }
 

@@ -55,7 +55,7 @@ class HttpPoster {
 
 // The URL as it may be shown: without user, password, query and fragment.
 std::string shownUrl(const std::string& url);
-// The URL with that path when it has none, or "/" alone.
-std::string withDefaultPath(const std::string& url, const std::string& path);
+// The URL with the call ("/api/v2/alerts") behind its path, unless it is there already.
+std::string withCall(const std::string& url, const std::string& call);
 
 }  // namespace station

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "store/delivery.h"
+#include "store/influx.h"
 #include "support/scratch.h"
 #include "support/webhookServer.h"
 
@@ -13,8 +14,11 @@ namespace {
 using namespace std::chrono_literals;
 using nlohmann::json;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
 using testing::UnorderedElementsAre;
 
 constexpr WallTime kTime{std::chrono::hours(24 * 365 * 50)};
@@ -172,6 +176,7 @@ TEST(Delivery, KeepsSecretsToItself) {
 
 TEST(Delivery, KeepsAnAlertmanagerInformed) {
     Receiving receiving(WebhookFormat::kAlertmanager);
+    receiving.webhook.url += "/prefix/";
     receiving.webhook.authorization = "Bearer abc";
     receiving.start();
     receiving.tell({raised(1)});
@@ -190,7 +195,7 @@ TEST(Delivery, KeepsAnAlertmanagerInformed) {
                          {"channel", "News"},        {"instance", "probe1"}, {"site", "north"},
                          {"_2nd_floor", "ä"},        {"label__x", "y"},      {"label_severity", "own"}};
     for (const auto& request : receiving.server.requests()) {
-        EXPECT_THAT(request.head, HasSubstr("POST /api/v2/alerts HTTP/1.1"));
+        EXPECT_THAT(request.head, HasSubstr("POST /prefix/api/v2/alerts HTTP/1.1"));
         EXPECT_THAT(request.head, HasSubstr("Authorization: Bearer abc"));
         const json alerts = json::parse(request.body);
         ASSERT_EQ(alerts.size(), 1);
@@ -201,6 +206,45 @@ TEST(Delivery, KeepsAnAlertmanagerInformed) {
     const auto taken = receiving.server.taken();
     EXPECT_EQ(json::parse(taken.back())[0]["endsAt"], "2019-12-20T00:00:05.000Z");
     EXPECT_GT(json::parse(taken[after - 2])[0]["endsAt"].get<std::string>(), "2026");
+}
+
+TEST(InfluxWriter, WritesEachSnapshotOnceAndNamesThatTheProtocolTakes) {
+    const auto columns = records::columnsOf(records::Kind::kStream);
+    std::string line = "239.1.1.1;0;-1;-1";
+    for (std::size_t i = records::kCommonColumns.size(); i < columns.size(); ++i) {
+        const bool fraction = columns[i].type == records::Type::kFraction;
+        line += columns[i].name == "packetsLost" ? ";18446744073709551615"
+                : fraction                       ? ";0.250000"
+                : columns[i].name == "bitRate"   ? ";3000000"
+                                                 : ";7";
+    }
+    const auto stream = std::get<records::Record>(records::parseRecord(line));
+    ChannelState channel{.channel = {.group = *Group::parse("239.1.1.1")}};
+    channel.channel.name = "News, HD=1 \\";
+    channel.channel.labels = {{"time", "x"}, {"empty", ""}, {"the site", "a\nb"}};
+    channel.shown = true;
+    channel.stream = &stream;
+    auto state = std::make_shared<StationState>();
+    state->channels.push_back(std::make_shared<ChannelState>(channel));
+    state->probe.snapshots = 1;
+    state->probe.lastSnapshot = kTime;
+
+    WebhookServer server;
+    server.answer({503});
+    InfluxWriter writer({}, "probe1");
+    writer.configure({.url = server.url() + "/write?db=x"});
+    writer.write(state);
+    ASSERT_TRUE(eventually([&] { return server.requests().size() == 1; }));
+    writer.write(state);  // no new snapshot
+    ASSERT_TRUE(eventually([&] { return writer.statistics().written == 1; }));
+    ASSERT_THAT(server.taken(), SizeIs(1));
+    const std::string point = server.taken()[0];
+    EXPECT_THAT(point, StartsWith("kestor_stream,probe=probe1,group=239.1.1.1,channel=News\\,\\ HD\\=1\\ ,"
+                                  "the\\ site=a_b,label_time=x "));
+    EXPECT_THAT(point, HasSubstr(",bitRate=3000000i,"));
+    EXPECT_THAT(point, HasSubstr("=0.25,"));
+    EXPECT_THAT(point, Not(HasSubstr("packetsLost=")));  // beyond what the server can hold
+    EXPECT_THAT(point, EndsWith(" 1576800000000000000\n"));
 }
 
 }  // namespace
