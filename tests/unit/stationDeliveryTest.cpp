@@ -231,8 +231,10 @@ TEST(InfluxWriter, WritesEachSnapshotOnceAndNamesThatTheProtocolTakes) {
 
     WebhookServer server;
     server.answer({503});
+    Configuration::Influx options;
+    options.url = server.url() + "/write?db=x";
     InfluxWriter writer({}, "probe1");
-    writer.configure({.url = server.url() + "/write?db=x"});
+    writer.configure(options);
     writer.write(state);
     ASSERT_TRUE(eventually([&] { return server.requests().size() == 1; }));
     writer.write(state);  // no new snapshot
