@@ -82,6 +82,15 @@ check-32bit: build
 cross: build
 	scripts/cross $(ARCH)
 
+## deb           Debian packages into build/deb, for this machine or ARCH (arm64, armhf), and lintian; root
+.PHONY: deb check-packages
+deb:
+	scripts/deb $(ARCH)
+
+## check-packages  installs, upgrades, removes and purges them in a Debian of its own; services, manuals, libsarn-dev; root
+check-packages: deb
+	scripts/check-packages
+
 ## clean         removes all builds
 clean:
 	rm -rf build

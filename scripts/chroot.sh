@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # chroot.sh ARCH prepare                 makes or refreshes the build chroot for arm64, armhf or amd64
 # chroot.sh ARCH run COMMAND [ARG]...    runs a command in it, in this tree
+# chroot.sh ARCH try COMMAND [ARG]...    the same with a network and root's rights on a copy that is dropped afterwards
+#
+# ARCH `plain` is no build chroot but a Debian as its users have it, for trying packages.
 #
 # A Debian 12 of its own with the cross toolchain for ARCH, ARCH's libraries beside the machine's, and qemu to run what
 # was built. It lives in KESTOR_CHROOTS (default /var/cache/kestor), a few hundred megabytes each; deleting the
@@ -12,29 +15,39 @@ set -euo pipefail
 
 tree=$(cd "$(dirname "$0")/.." && pwd)
 arch=${1:?architecture}
-mode=${2:?prepare or run}
+mode=${2:?prepare, run or try}
 shift 2
 host=$(dpkg --print-architecture)
 chroots=${KESTOR_CHROOTS:-/var/cache/kestor}
 root=$chroots/build-$arch
 
+build=yes
 case $arch in
+  plain) build=no toolchain=(systemd systemd-sysv dbus procps iproute2 man-db) ;;
   "$host") toolchain=(build-essential) ;;
   arm64 | armhf) toolchain=(build-essential "crossbuild-essential-$arch" "libc6:$arch" "libstdc++6:$arch" qemu-user qemu-user-static) ;;
   *) echo "chroot.sh: no cross builds for $arch, only arm64 and armhf" >&2; exit 2 ;;
 esac
-tools=(cmake ninja-build pkgconf ccache debhelper fakeroot lintian file)
+tools=() test_libraries=()
+[ $build = no ] || tools=(cmake ninja-build pkgconf ccache debhelper fakeroot lintian file)
 # What the package's own build does not ask for: tests and benchmarks.
-test_libraries=("libgtest-dev:$arch" "libgmock-dev:$arch" "libbenchmark-dev:$arch")
+[ $build = no ] || test_libraries=("libgtest-dev:$arch" "libgmock-dev:$arch" "libbenchmark-dev:$arch")
 
-inside() { # NETWORK COMMAND [ARG]...; NETWORK is --net for none, empty for the machine's
-  local namespaces=(--mount --pid --ipc --fork --kill-child)
-  [ -z "$1" ] || namespaces+=("$1")
-  shift
+# ISOLATION is --net for no network and none for the machine's; ROOT_KIND is copy for one whose changes are dropped.
+inside() { # ISOLATION ROOT_KIND COMMAND [ARG]...
+  local namespaces=(--mount --pid --ipc --uts --fork --kill-child) kind=$2
+  [ "$1" != --net ] || namespaces+=(--net)
+  shift 2
   # shellcheck disable=SC2016 # expands inside
   unshare "${namespaces[@]}" bash -euc '
-    root=$1 tree=$2
-    shift 2
+    root=$1 tree=$2 kind=$3
+    shift 3
+    if [ "$kind" = copy ]; then
+      mount -n -t tmpfs tmpfs /mnt
+      mkdir /mnt/upper /mnt/work /mnt/root
+      mount -n -t overlay -o "lowerdir=$root,upperdir=/mnt/upper,workdir=/mnt/work" overlay /mnt/root
+      root=/mnt/root
+    fi
     mkdir -p "$root$tree"
     mount -n --bind "$tree" "$root$tree"
     mount -n -t proc proc "$root/proc"
@@ -49,7 +62,7 @@ inside() { # NETWORK COMMAND [ARG]...; NETWORK is --net for none, empty for the 
       CCACHE_DIR=/var/cache/ccache CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache \
       ${DEB_BUILD_OPTIONS:+DEB_BUILD_OPTIONS="$DEB_BUILD_OPTIONS"} \
       sh -euc "cd \"\$0\"; exec \"\$@\"" "$tree" "$@"
-  ' inside "$root" "$tree" "$@"
+  ' inside "$root" "$tree" "$kind" "$@"
 }
 
 # From the point release alone: libraries of two architectures install side by side only in one and the same version,
@@ -62,8 +75,8 @@ bootstrap() {
   mkdir -p "$chroots"
   rm -rf "$root.part"
   local architectures=$host include
-  [ "$arch" = "$host" ] || architectures+=,$arch
-  include=$(IFS=,; echo "${toolchain[*]},${tools[*]},${test_libraries[*]}")
+  [ "$arch" = "$host" ] || [ $build = no ] || architectures+=,$arch
+  include=$(IFS=,; echo "${packages[*]}")
   mmdebstrap --quiet --variant=apt --architectures="$architectures" --include="$include" \
     --aptopt='APT::Install-Recommends "false"' --skip=cleanup/apt \
     bookworm "$root.part" 'deb http://deb.debian.org/debian bookworm main'
@@ -73,7 +86,7 @@ bootstrap() {
 # Made anew when this script asks for other packages, completed when the package's build dependencies change.
 prepare() {
   local made wanted
-  made=$(echo "${toolchain[*]} ${tools[*]} ${test_libraries[*]}" | sha256sum)
+  made=$(echo "${packages[*]}" | sha256sum)
   wanted=$(sha256sum <"$tree/debian/control")
   if [ "$(cat "$root/.made" 2>/dev/null)" != "$made" ]; then
     echo "chroot.sh: making $root"
@@ -81,16 +94,18 @@ prepare() {
     bootstrap
     echo "$made" >"$root/.made"
   fi
-  if [ "$(cat "$root/.build-dep" 2>/dev/null)" != "$wanted" ]; then
-    inside "" apt-get update -qq
-    inside "" apt-get build-dep -y -qq --no-install-recommends --host-architecture "$arch" "$tree"
+  if [ $build = yes ] && [ "$(cat "$root/.build-dep" 2>/dev/null)" != "$wanted" ]; then
+    inside none kept apt-get update -qq
+    inside none kept apt-get build-dep -y -qq --no-install-recommends --host-architecture "$arch" "$tree"
     echo "$wanted" >"$root/.build-dep"
   fi
 }
 
-exec 9>"/run/lock/kestor-chroot-$arch"
+packages=("${toolchain[@]}" "${tools[@]}" "${test_libraries[@]}")
+exec {lock}>"/run/lock/kestor-chroot-$arch"
 case $mode in
-  prepare) flock 9; prepare ;;
-  run) flock -s 9; inside --net "$@" ;;
-  *) echo "chroot.sh: $mode: neither prepare nor run" >&2; exit 2 ;;
+  prepare) flock "$lock"; prepare ;;
+  run) flock -s "$lock"; inside --net kept "$@" ;;
+  try) flock -s "$lock"; inside none copy "$@" ;;
+  *) echo "chroot.sh: $mode: neither prepare, run nor try" >&2; exit 2 ;;
 esac

@@ -7,7 +7,7 @@ set -euo pipefail
 
 packages=(
   # Toolchain.
-  g++ cmake ninja-build pkg-config clang-format clang-tidy clang libclang-rt-14-dev
+  g++ cmake ninja-build pkg-config scdoc clang-format clang-tidy clang libclang-rt-14-dev
   # What the probe and its tools link.
   libpcap-dev libdvbpsi-dev libzmq3-dev cppzmq-dev libprotobuf-dev protobuf-compiler
   uthash-dev libcli11-dev nlohmann-json3-dev

@@ -1,0 +1,5 @@
+include(CMakeFindDependencyMacro)
+find_dependency(Threads)
+find_dependency(PkgConfig)
+pkg_check_modules(DVBPSI REQUIRED IMPORTED_TARGET libdvbpsi)
+include(${CMAKE_CURRENT_LIST_DIR}/sarnTargets.cmake)
