@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "completion.h"
 #include "station.h"
 
 namespace {
@@ -37,6 +38,7 @@ void declare(CLI::App& app, Arguments& arguments) {
     app.add_option("--pipe", arguments.pipe, "The probe's results pipe");
     app.add_option("--controller-endpoint", arguments.endpoint, "Where the probe asks, as a ZeroMQ address");
     app.add_option("--page", arguments.page, "Directory of the page's files");
+    addCompletion(app);
     app.footer(
         "Examples:\n"
         "  kestor-station                                     with /etc/kestor/station.toml\n"

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "completion.h"
 #include "replay.h"
 
 namespace {
@@ -55,6 +56,11 @@ void declare(CLI::App& app, Arguments& arguments) {
         ->type_name("FILE");
     app.add_flag("-v", arguments.verbose, "Diagnostics of the analysis on standard error");
     app.add_option("CAPTURE", arguments.capture, "pcap or pcapng file with Ethernet frames")->required();
+    addCompletion(app);
+    app.footer(
+        "Examples:\n"
+        "  kestor-replay fault.pcap | less                all groups in the file\n"
+        "  kestor-replay -g 239.1.1.1 -o records.txt -v fault.pcap");
 }
 
 void replay(const Arguments& arguments, FILE* standardOutput) {

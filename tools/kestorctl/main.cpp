@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "completion.h"
 #include "controllerLink.h"
 #include "scan.h"
 #include "stationClient.h"
@@ -205,6 +206,7 @@ void declare(CLI::App& app, Arguments& arguments) {
     addLatency(*scan, "--igmp-latency", arguments, false);
     scan->add_option("--m3u", arguments.m3u, "Write the groups that carry traffic as a playlist");
     declareStationCommands(app, arguments.request);
+    addCompletion(app);
     app.footer(
         "Examples:\n"
         "  kestorctl add 239.1.1.1 239.1.1.2       watch two groups\n"
