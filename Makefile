@@ -12,6 +12,7 @@ PRESET ?= release
 SOAK_SECONDS ?= 600
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS ?= frames control parameterSet captureFile recordLine playlist configuration httpRequest
+PAGE_PACKAGES = chromium chromium-driver python3-selenium python3-zmq fonts-dejavu-core
 SOURCES = git ls-files '*.cpp' '*.h'
 
 .PHONY: help build run test verify soak bench format check-format tidy clean
@@ -32,11 +33,24 @@ deps:
 run: build
 	RUN_SECONDS="$(RUN_SECONDS)" PLAYLIST="$(PLAYLIST)" scripts/demo.sh $(GROUPS)
 
-## test          unit and end-to-end tests; PRESET=asan, tsan or debug for those builds
+## test          unit and end-to-end tests, and the page in Chromium; PRESET=asan, tsan or debug for those builds
 test: deps
+	scripts/install-deps.sh $(PAGE_PACKAGES)
 	cmake --preset $(PRESET)
 	cmake --build --preset $(PRESET) -j $(JOBS)
 	ctest --test-dir build/$(PRESET) --output-on-failure -j $$((2 * $(JOBS))) # most of them mostly wait
+
+## check-accessibility   every view of the page by axe-core (npm) in Chromium
+.PHONY: check-accessibility
+check-accessibility: build
+	scripts/install-deps.sh $(PAGE_PACKAGES)
+	scripts/check-accessibility
+
+## page-images   the pictures in docs/images, anew from the demonstration
+.PHONY: page-images
+page-images: build
+	scripts/install-deps.sh $(PAGE_PACKAGES)
+	scripts/page-images
 
 ## verify        the live results against ffprobe and the sender
 verify: build

@@ -8,6 +8,7 @@ import {Tile, makeRowBody, makeTileBody} from './tile.js';
 import {arrange, kOrders, placeInOrder} from './order.js';
 
 const kNearScreen = '300px';
+const kFirstPicture = 'kestor-wall'; // a performance mark: every channel has its tile
 const kColumns = ['State', 'Name', 'Group', 'Bit rate', `Last ${kSparkCells * 5 / 60} min`, 'Lost, 1 min', 'CC, 1 min',
   'Quality', 'Last 8 h', 'Alarms'];
 
@@ -183,6 +184,10 @@ export class Wall {
     const nodes = channels.map((channel) => this.tileOf(channel).node);
     placeInOrder(this.list, nodes);
     if (!this.list.querySelector('a[tabindex="0"]') && nodes.length) this.rove(nodes[0].tile.link);
+    if (!this.measured) {
+      this.measured = true;
+      performance.mark(kFirstPicture);
+    }
     const total = this.store.channels.size;
     this.hint.hidden = nodes.length > 0;
     setText(this.hint, total ? 'No channel is like that.' : 'No channels yet. Add some under Edit, or in the configuration.');

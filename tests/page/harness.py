@@ -1,0 +1,263 @@
+"""The real station, the real probe and a real browser, in the network of scripts/netns.sh."""
+import json
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import threading
+import time
+import urllib.error
+import urllib.request
+
+from selenium import webdriver
+from selenium.webdriver.chrome.options import Options
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BIN = pathlib.Path(os.environ.get("KESTOR_BIN", ROOT / "build/release/bin"))
+IMAGES = ROOT / "build/page"
+TOKEN = "page-test-token"
+
+
+def wait_for(what, seconds, condition):
+    """The condition's first true value; an AssertionError that says what was waited for when none came in time."""
+    end = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise AssertionError(f"{what}: not within {seconds} s")
+        time.sleep(0.05)
+
+
+class Process:
+    """A program that ends with the test; its output goes to a file."""
+
+    def __init__(self, *command, log):
+        self.log = log
+        with open(log, "ab") as output:
+            self.popen = subprocess.Popen([str(part) for part in command], stdout=output, stderr=output)
+
+    def stop(self, how=signal.SIGTERM):
+        if self.popen.poll() is None:
+            self.popen.send_signal(how)
+            try:
+                self.popen.wait(5)
+            except subprocess.TimeoutExpired:
+                self.popen.kill()
+                self.popen.wait()
+
+
+class Station:
+    """kestor-station with a directory of its own; its API as get() and change()."""
+
+    def __init__(self, configuration, port=9427, controller=5999, pipe="/tmp/american_maid"):
+        self.directory = pathlib.Path(tempfile.mkdtemp(prefix="page-station-"))
+        self.port = port
+        self.url = f"http://127.0.0.1:{port}/"
+        (self.directory / "token").write_text(TOKEN + "\n")
+        (self.directory / "token").chmod(0o600)
+        (self.directory / "station.toml").write_text(
+            f'token_file = "{self.directory}/token"\n' + configuration)
+        self.arguments = ("--config", self.directory / "station.toml", "--state", self.directory / "state",
+                          "--socket", self.directory / "socket", "--listen", f"127.0.0.1:{port}", "--pipe", pipe,
+                          "--controller-endpoint", f"tcp://127.0.0.1:{controller}", "--page", ROOT / "station/page")
+        self.process = None
+
+    def start(self):
+        self.process = Process(BIN / "kestor-station", *self.arguments, log=self.directory / "log")
+        try:
+            wait_for("the station answers", 10, self.answers)
+        except AssertionError as error:
+            raise AssertionError(f"{error}\n{(self.directory / 'log').read_text()[-2000:]}") from error
+        return self
+
+    def answers(self):
+        try:
+            return self.get("status")
+        except OSError:
+            return None
+
+    def stop(self, how=signal.SIGTERM):
+        self.process.stop(how)
+
+    def forget(self):
+        """Starts anew as after an installation."""
+        self.stop()
+        shutil.rmtree(self.directory / "state")
+        self.start()
+
+    def get(self, path):
+        with urllib.request.urlopen(f"{self.url}api/v1/{path}", timeout=10) as answer:
+            return json.load(answer)
+
+    def change(self, method, path, body=None):
+        request = urllib.request.Request(f"{self.url}api/v1/{path}", method=method,
+                                         data=None if body is None else json.dumps(body).encode(),
+                                         headers={"Authorization": f"Bearer {TOKEN}",
+                                                  "Content-Type": "application/json"})
+        with urllib.request.urlopen(request, timeout=10) as answer:
+            return json.load(answer)
+
+    def close(self):
+        if self.process:
+            self.stop()
+        shutil.rmtree(self.directory, ignore_errors=True)
+
+
+class Writer:
+    """In the place of a probe: asks the station and writes a snapshot of `groups` into the pipe each second."""
+
+    # Of ConfigurationMessage, with a TasksRequest of text "" and a sequence number (proto/config.proto).
+    @staticmethod
+    def request(number):
+        digits = b""
+        while number >= 0x80:
+            digits += bytes([number & 0x7F | 0x80])
+            number >>= 7
+        inner = b"\x0a\x00\x20" + digits + bytes([number])
+        return b"\x12" + bytes([len(inner)]) + inner
+
+    def __init__(self, pipe, controller, columns, groups):
+        self.pipe, self.controller, self.columns, self.groups = pipe, controller, columns, groups
+        self.ended = threading.Event()
+        self.threads = [threading.Thread(target=run, daemon=True) for run in (self.write, self.ask)]
+        for thread in self.threads:
+            thread.start()
+
+    def ask(self):
+        import zmq
+        number = 0
+        while not self.ended.is_set():
+            number += 1
+            socket = zmq.Context.instance().socket(zmq.REQ)
+            socket.linger = 0
+            socket.connect(f"tcp://127.0.0.1:{self.controller}")
+            socket.send(self.request(number))
+            socket.poll(500)
+            socket.close()
+            self.ended.wait(0.5)
+
+    def write(self):
+        turn = 0
+        while not self.ended.wait(1):
+            turn += 1
+            text = "".join(self.record(place, group, turn) for place, group in enumerate(self.groups))
+            with open(self.pipe, "w") as pipe:
+                pipe.write(text)
+
+    def record(self, place, group, turn):
+        rate = 2_000_000 + 5_000 * place + 40_000 * ((turn + place) % 7)
+        values = {"group": group, "kind": 0, "pid": -1, "label": "-1", "bitRate": rate, "destinationPort": 5000,
+                  "packetsReceived": turn * 1300, "transportQualityIndex": 4.5, "ttl": 8, "igmpLatency": 120}
+        if place % 100 == 99:  # some lose packets every other minute
+            values["packetsLost"] = values["Continuity_count_error"] = 3 * (turn // 40)
+        return ";".join(str(values.get(column, 0)) for column in self.columns) + "\n"
+
+    def close(self):
+        self.ended.set()
+        for thread in self.threads:
+            thread.join(5)
+
+
+class Browser:
+    """Headless Chromium with a profile of its own."""
+
+    def __init__(self):
+        self.profile = tempfile.mkdtemp(prefix="page-browser-")
+        options = Options()
+        for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                         "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                         "--disable-dev-shm-usage", "--hide-scrollbars", "--force-device-scale-factor=1",
+                         "--window-size=1440,900", f"--user-data-dir={self.profile}"):
+            options.add_argument(argument)
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        self.driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+        self.driver.set_script_timeout(30)
+        self.device("dark", 1440, 900)
+
+    def device(self, scheme, width, height):
+        self.cdp("Emulation.setEmulatedMedia", features=[{"name": "prefers-color-scheme", "value": scheme}])
+        self.cdp("Emulation.setDeviceMetricsOverride", width=width, height=height, deviceScaleFactor=1,
+                 mobile=width < 500)
+
+    def cdp(self, command, **parameters):
+        return self.driver.execute_cdp_cmd(command, parameters)
+
+    def open(self, url):
+        self.driver.get("about:blank")  # else a new fragment alone loads nothing anew
+        self.driver.get(url)
+
+    def run(self, script, *arguments):
+        return self.driver.execute_script(script, *arguments)
+
+    def find(self, selector):
+        found = self.driver.find_elements(By.CSS_SELECTOR, selector)
+        return found[0] if found else None
+
+    def text(self, selector):
+        """Text of the first match as it is in the document, or an empty text."""
+        return self.run("return document.querySelector(arguments[0])?.textContent ?? ''", selector)
+
+    def texts(self, selector):
+        return self.run("return [...document.querySelectorAll(arguments[0])].map((node) => node.textContent)", selector)
+
+    def press(self, text, within="body"):
+        """Clicks the first visible button of this text."""
+        def visible():
+            for node in self.driver.find_elements(By.CSS_SELECTOR, f"{within} button, {within} a"):
+                if node.text.strip() == text and node.is_displayed():
+                    return node
+            return None
+        wait_for(f'a button "{text}"', 5, visible).click()
+
+    def type(self, label, text):
+        """Sets the field of this label as typing does."""
+        self.run("""const label = [...document.querySelectorAll('label')].filter((node) => node.checkVisibility())
+                      .findLast((node) => node.textContent === arguments[0]);
+                    const input = document.getElementById(label.htmlFor);
+                    input.value = arguments[1];
+                    input.dispatchEvent(new Event('input', {bubbles: true}));
+                    input.dispatchEvent(new Event('change', {bubbles: true}));""", label, text)
+
+    def problems(self):
+        """What the browser complained of: scripts that failed, files that are missing, policy violations; not what the
+        station refused or did not answer, which is up to the test."""
+        expected = re.compile(r"status of (403|422)|net::ERR_CONNECTION_REFUSED|ERR_INCOMPLETE_CHUNKED|ERR_EMPTY_RESPONSE")
+        return [entry["message"] for entry in self.driver.get_log("browser")
+                if entry["level"] == "SEVERE" and not expected.search(entry["message"])]
+
+    def image(self, name):
+        IMAGES.mkdir(parents=True, exist_ok=True)
+        self.driver.save_screenshot(str(IMAGES / f"{name}.png"))
+
+    def main_thread_ms(self, seconds):
+        """CPU time of the page's main thread, in ms a second, over so many seconds."""
+        self.cdp("Performance.disable")
+        self.cdp("Performance.enable", timeDomain="threadTicks")
+        before = self.metric("TaskDuration")
+        time.sleep(seconds)
+        return (self.metric("TaskDuration") - before) * 1000 / seconds
+
+    def metric(self, name):
+        metrics = self.cdp("Performance.getMetrics")["metrics"]
+        return next(metric["value"] for metric in metrics if metric["name"] == name)
+
+    def kept(self):
+        """Bytes of the script heap, and nodes, after everything that can be let go of was."""
+        self.cdp("HeapProfiler.collectGarbage")
+        return self.metric("JSHeapUsedSize"), self.metric("Nodes")
+
+    def close(self):
+        self.driver.quit()
+        shutil.rmtree(self.profile, ignore_errors=True)
+
+
+def cable(state):
+    """Plugs the cable in ("up") or pulls it out ("down")."""
+    subprocess.run(["ip", "link", "set", "feed0", state], check=True)

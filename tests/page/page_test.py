@@ -1,0 +1,329 @@
+#!/usr/bin/python3
+"""The page in a browser, over the real station and the real probe on encoded video.
+
+Run it through scripts/netns.sh. Leaves pictures of all views in build/page/. KESTOR_PAGE_SECONDS sets how long 1000
+channels are watched for growth (default 20).
+"""
+import os
+import pathlib
+import re
+import signal
+import sys
+import time
+import unittest
+
+from harness import ROOT, BIN, TOKEN, Browser, Process, Station, Writer, cable, wait_for
+
+CONFIGURATION = """
+[profile.default.no_signal]
+clear_delay_s = 0
+
+[[channel]]
+group = "239.1.1.1"
+name = "News HD"
+labels = { site = "north" }
+
+[[channel]]
+group = "239.1.1.2"
+name = "Sport"
+labels = { site = "south" }
+
+[[channel]]
+group = "239.1.1.3"
+name = "Spare"
+enabled = false
+"""
+SCRIPT = "<script>window.wasRun = 1</script><img src=x onerror='window.wasRun = 2'>"
+HOSTILE = {
+    "239.9.0.1": SCRIPT,
+    "239.9.0.2": "\u202eright to left\u202c \u05e9\u05dc\u05d5\u05dd",
+    "239.9.0.3": "\U0001f3ac emoji \U0001f469\u200d\U0001f680",
+    "239.9.0.4": "x" * 256,
+}
+NAMES = "main .tile .name"
+CHANNELS = 1000
+
+
+def tile(name):
+    return f"""return [...document.querySelectorAll('main .tile')]
+                   .find((node) => node.querySelector('.name').textContent === {name!r})"""
+
+
+class PageTest(unittest.TestCase):
+    """One probe, one station and one browser for all; tests run in the order of their names."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.processes = []
+        log = pathlib.Path("/tmp/page-log")
+        log.mkdir(exist_ok=True)
+        cls.processes.append(Process(ROOT / "scripts/demo-channels.sh", log=log / "channels"))
+        cls.station = Station(CONFIGURATION)
+        cls.addClassCleanup(cls.station.close)
+        cls.station.start()
+        cls.processes.append(Process(BIN / "kestor", "-s", log=log / "kestor"))
+        for process in cls.processes:
+            cls.addClassCleanup(process.stop)
+        cls.browser = Browser()
+        cls.addClassCleanup(cls.browser.close)
+        wait_for("both channels are well", 30, lambda: sum(
+            channel["state"] == "ok" for channel in cls.station.get("channels")) == 2)
+
+    def setUp(self):
+        self.browser.device("dark", 1440, 900)
+
+    def tearDown(self):
+        self.assertEqual(self.browser.problems(), [])
+
+    def open(self, fragment=""):
+        self.browser.open(self.station.url + fragment)
+        wait_for("the page is live", 10, lambda: self.browser.find("#connection.live"))
+
+    def unlock(self):
+        if self.browser.text("#token") == "Unlock":
+            self.browser.press("Unlock")
+            self.browser.type("Token", TOKEN)
+            self.browser.press("Allow")
+            wait_for("the token is taken", 5, lambda: self.browser.text("#token") == "Lock")
+
+    def state_of(self, name):
+        return self.browser.run(tile(name) + "?.className.match(/is-(\\w+)/)[1]")
+
+    def images(self, name):
+        for kind, device in {"dark": ("dark", 1440, 900), "light": ("light", 1440, 900), "phone": ("dark", 360, 780),
+                             "4k": ("dark", 3840, 2160)}.items():
+            self.browser.device(*device)
+            time.sleep(0.7)
+            wide, window = self.browser.run("return [document.documentElement.scrollWidth, innerWidth]")
+            self.assertLessEqual(wide, window, f"{name} is wider than the screen at {device}")
+            self.browser.image(f"{name}-{kind}")
+        self.browser.device("dark", 1440, 900)
+
+    def test_1_a_fault_appears_and_clears_within_three_seconds(self):
+        self.open()
+        wait_for("both are ok", 10, lambda: self.state_of("News HD") == self.state_of("Sport") == "ok")
+        self.assertEqual(self.state_of("Spare"), "disabled")
+        self.addCleanup(cable, "up")
+        cut = time.monotonic()
+        cable("down")
+        wait_for("the fault on the page", 10, lambda: self.state_of("News HD") == "critical")
+        self.assertLess(time.monotonic() - cut, 3)
+        wait_for("its name on the tile", 2, lambda: self.browser.run(tile("News HD") + ".textContent.includes('no signal')"))
+        self.assertEqual(self.browser.texts(NAMES)[-1], "Spare")  # trouble comes first, what nobody watches last
+        self.assertRegex(self.browser.text("#severities .is-critical"), "2 critical")
+        self.browser.image("wall-fault")
+        mended = time.monotonic()
+        cable("up")
+        wait_for("the page without the fault", 10, lambda: "no signal" not in "".join(self.browser.texts("main .tile")))
+        self.assertLess(time.monotonic() - mended, 3)
+        # What was lost meanwhile counts as continuity errors for ten seconds.
+        wait_for("both are ok again", 20, lambda: self.state_of("News HD") == self.state_of("Sport") == "ok")
+
+    def test_2_a_channel_shows_what_the_probe_measures(self):
+        self.open("#channel/239.1.1.1")
+        facts = lambda: dict(zip(self.browser.texts("main .facts dt"), self.browser.texts("main .facts dd")))
+        wait_for("the bit rate", 10, lambda: re.match(r"[34]\.\d+ Mbit/s", facts().get("Bit rate", "")))
+        self.assertEqual(facts()["Group"], "239.1.1.1:5000")
+        self.assertRegex(facts()["Source"], r"10\.99\.0\.2:\d+")
+        self.assertEqual(facts()["TTL"], "8")
+        detail = self.station.get("channels/239.1.1.1")
+        rows = self.browser.texts(".pids .leaf")
+        self.assertEqual(len(rows), len(detail["pids"]))
+        video = next(row for row in rows if "256 (0x0100)" in row)
+        self.assertIn(self.station.get("meta")["streamTypes"]["27"], video)
+        self.assertIn("720 × 576", video)
+        self.assertEqual(self.browser.texts(".lamps th[scope=row]"),
+                         [f"{check['number']} {check['name']}".strip() for priority in (1, 2, 0)
+                          for check in self.station.get("meta")["checks"] if check["priority"] == priority])
+        drawn = """return [...document.querySelectorAll('.plot-area')].filter((area) => {
+                     const [canvas] = area.querySelectorAll('canvas');
+                     return canvas?.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data.some((v) => v);
+                   }).length"""
+        plots = len(self.browser.texts(".plot"))
+        self.assertGreaterEqual(plots, 7)
+        wait_for("all plots are drawn", 10, lambda: self.browser.run(drawn) == plots)
+        self.images("channel")
+        # A time of the last minutes as a link.
+        at = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(time.time() - 20))
+        self.open(f"#channel/239.1.1.1?t={at}")
+        clock = time.strftime("%H:%M:", time.localtime(time.time() - 20))
+        wait_for("the values of that time", 10, lambda: clock in self.browser.text(".plot output") or
+                 "unknown" in self.browser.text(".plot output"))
+        self.assertIn(f"t={at[:17]}", self.browser.run("return decodeURIComponent(location.hash)"))
+
+    def test_3_search_state_and_order(self):
+        self.open()
+        wait_for("all channels", 10, lambda: len(self.browser.texts(NAMES)) == 3)
+        for fragment, names in {
+                "#?q=239.1.1.2": ["Sport"],
+                "#?q=site%3Dnorth": ["News HD"],
+                "#?state=disabled": ["Spare"],
+                "#?sort=name": ["News HD", "Spare", "Sport"],
+                "#?sort=number": ["News HD", "Sport", "Spare"],
+                "#?label=site%3Dsouth": ["Sport"],
+        }.items():
+            self.open(fragment)
+            wait_for(f"{fragment} shows {names}", 5, lambda: self.browser.texts(NAMES) == names)
+        self.open("#?view=table&sort=name")
+        wait_for("the table", 5, lambda: self.browser.texts(".wall-table .name") == ["News HD", "Spare", "Sport"])
+        self.images("table")
+        self.open("#wall")
+        wait_for("tiles without controls", 5, lambda: len(self.browser.texts(NAMES)) == 3)
+        self.assertFalse(self.browser.find("header").is_displayed())
+        self.images("kiosk")
+        self.browser.find("body").send_keys("\ue00c")  # Escape
+        wait_for("the way back", 5, lambda: self.browser.find("header").is_displayed())
+        self.images("wall")
+
+    def test_4_an_alarm_is_acknowledged_by_those_who_may(self):
+        wait_for("no alarm yet", 30, lambda: not self.station.get("alarms"))
+        self.addCleanup(cable, "up")
+        cable("down")
+        self.open("#events")
+        wait_for("the alarms", 10, lambda: len(self.browser.texts("main [aria-label='Active alarms'] tbody tr")) == 2)
+        self.assertNotIn("Acknowledge all shown", [node.text for node in self.browser.driver.find_elements("tag name", "button")])
+        self.browser.press("Unlock")
+        self.browser.type("Token", "wrong")
+        self.browser.press("Allow")
+        wait_for("the refusal at the field", 5, lambda: "does not take" in self.browser.text("dialog .field .field-error"))
+        self.browser.type("Token", TOKEN)
+        self.browser.press("Allow")
+        wait_for("the token is taken", 5, lambda: self.browser.text("#token") == "Lock")
+        self.browser.press("Acknowledge", "main [aria-label='Active alarms']")
+        self.browser.type("Who", "Ada")
+        self.browser.type("Remark", "cable <b>out</b>")
+        self.browser.press("Acknowledge", "dialog")
+        wait_for("the remark in the list", 3, lambda: "Ada cable <b>out</b>" in self.browser.text("main [aria-label='Active alarms'] tbody"))
+        self.assertEqual([alarm["acknowledged"]["remark"] for alarm in self.station.get("alarms") if alarm["acknowledged"]],
+                         ["cable <b>out</b>"])
+        self.browser.press("Set a window")
+        self.browser.type("Until", "2001-01-01T00:00")
+        self.browser.press("Set", "dialog")
+        wait_for("the refusal of a past window", 5, lambda: "".join(self.browser.texts("dialog .field-error")))
+        self.browser.press("Cancel", "dialog")
+        self.images("events")
+        cable("up")
+        wait_for("no alarm", 30, lambda: not self.station.get("alarms"))
+        wait_for("the list is empty", 3, lambda: not self.browser.texts("main [aria-label='Active alarms'] tbody tr"))
+        wait_for("the clearing in the events", 5, lambda: "no_signal" in self.browser.text("main [aria-label='Events'] tbody"))
+
+    def test_5_import_and_edit(self):
+        self.addCleanup(self.station.forget)
+        self.open("#edit")
+        self.unlock()
+        count = 1200  # more than one call takes
+        playlist = "#EXTM3U\n" + "".join(
+            f"#EXTINF:-1 tvg-id=\"i{n}\",Imported {n}\nudp://@239.8.{n // 250}.{n % 250}:5000\n" for n in range(count))
+        self.browser.type("Playlist", playlist + "http://example.net/none\n")
+        self.browser.press("Import")
+        wait_for("the result", 30, lambda: f"{count:,} added, 0 changed, 1 skipped" in self.browser.text("main"))
+        self.assertEqual(len(self.station.get("channels")), count + 3)
+        for field, group, name, word in (("Group", "10.1.1.1", "", "multicast group"), ("Name", "239.7.0.1", "n" * 10_000, "256")):
+            self.browser.type("Group", group)
+            self.browser.type("Name", name)
+            self.browser.press("Add")
+            wait_for(f"what is wrong with the {field}", 5, lambda: word in self.browser.run(
+                """const label = [...document.querySelectorAll('label')].find((node) => node.textContent === arguments[0]);
+                   return label.parentNode.querySelector('.field-error').textContent""", field))
+        self.images("edit")
+        self.browser.type("Name", "Renamed soon")
+        self.browser.press("Add")
+        wait_for("the channel", 5, lambda: any(channel["name"] == "Renamed soon" for channel in self.station.get("channels")))
+        self.browser.run("""const search = document.querySelector('main input[type=search]');
+                            search.value = '239.7.0.1'; search.dispatchEvent(new Event('input'))""")
+        wait_for("its row", 5, lambda: self.browser.texts("main tbody tr bdi") == ["Renamed soon"])
+        self.browser.press("Change", "main tbody")
+        self.browser.type("Name", "Renamed")
+        self.browser.press("Change", "dialog")
+        wait_for("its new name", 5, lambda: self.browser.texts("main tbody tr bdi") == ["Renamed"])
+        self.browser.press("Remove", "main tbody")
+        self.browser.press("Remove", "dialog")
+        wait_for("no row", 5, lambda: not self.browser.texts("main tbody tr"))
+
+    def test_6_hostile_names_are_text(self):
+        for group, name in HOSTILE.items():
+            self.station.change("PUT", f"channels/{group}", {"name": name, "labels": {"l": SCRIPT}})
+        self.addCleanup(lambda: [self.station.change("DELETE", f"channels/{group}") for group in HOSTILE])
+        for fragment in ("", "#?view=table", "#edit", "#events", "#channel/239.9.0.1", "#channel/239.9.0.4"):
+            self.open(fragment)
+            if fragment in ("", "#?view=table", "#edit"):
+                wait_for("the names as they are", 5, lambda: set(HOSTILE.values()) <= set(self.browser.texts("main bdi")))
+            time.sleep(0.5)
+            self.assertIsNone(self.browser.run("return window.wasRun ?? null"))
+            self.assertFalse(self.browser.find("main img, main script"))
+            self.assertLessEqual(*self.browser.run("return [document.documentElement.scrollWidth, innerWidth]"))
+        self.open("#?q=239.9.")
+        # What mirrors a text ends with the name that has it: the group below stands as it is.
+        wait_for("the four of them", 5, lambda: len(self.browser.texts(NAMES)) == len(HOSTILE))
+        self.assertEqual(self.browser.run("return getComputedStyle(document.querySelector('.tile .name')).unicodeBidi"), "isolate")
+        self.browser.image("wall-hostile")
+        shown = self.browser.run("""const {visible} = await import('/page/format.js');
+                                    return visible('a\\u0000\\u001b\\u007f\\u0085\\ud800b')""")
+        self.assertEqual(shown, "a\u2400\u241b\u2421\ufffd\ufffdb")
+
+    def test_7_one_stream_for_all_tabs_and_it_comes_back(self):
+        self.open()
+        first = self.browser.driver.current_window_handle
+        for _ in range(3):
+            self.browser.driver.switch_to.new_window("tab")
+            self.browser.driver.get(self.station.url)
+            wait_for("the tab is live", 10, lambda: self.browser.find("#connection.live"))
+        self.assertEqual(self.station.get("use")["server"]["streams"], 1)
+        for handle in self.browser.driver.window_handles:
+            if handle != first:
+                self.browser.driver.switch_to.window(handle)
+                self.browser.driver.close()
+        self.browser.driver.switch_to.window(first)
+        self.station.stop(signal.SIGKILL)
+        wait_for("the page says so", 5, lambda: re.search(r"No data from the station since \d\d:\d\d:\d\d", self.browser.text("#banner")))
+        self.assertEqual(self.browser.run("return document.documentElement.dataset.stale"), "station")
+        self.browser.image("wall-lost")
+        self.station.start()
+        wait_for("the page is live again", 10, lambda: self.browser.find("#connection.live"))
+        self.assertFalse(self.browser.find("#banner").is_displayed())
+        wait_for("the channels are known again", 20, lambda: self.state_of("News HD") == "ok")
+        self.open("#probe")
+        wait_for("what the station uses", 10, lambda: "Resident" in self.browser.text("main") or "resident" in self.browser.text("main"))
+        self.images("probe")
+
+
+class ManyChannelsTest(unittest.TestCase):
+    """1000 channels that a writer makes up, in the place of a probe."""
+
+    def test_1000_channels(self):
+        groups = [f"239.2.{n // 250}.{n % 250 + 1}" for n in range(CHANNELS)]
+        text = "".join(f'[[channel]]\ngroup = "{group}"\nname = "Channel {n}"\n' for n, group in enumerate(groups))
+        pipe = "/tmp/page-pipe"
+        os.mkfifo(pipe)
+        self.addCleanup(os.unlink, pipe)
+        station = Station(text, port=9428, controller=5998, pipe=pipe)
+        self.addCleanup(station.close)
+        station.start()
+        columns = [column["name"] for column in station.get("meta")["columns"]["stream"]]
+        writer = Writer(pipe, 5998, columns, groups)
+        self.addCleanup(writer.close)
+        browser = Browser()
+        self.addCleanup(browser.close)
+        wait_for("all channels have data", 20, lambda: station.get("status")["channels"]["withSignal"] == CHANNELS)
+        browser.open(station.url)
+        wait_for("every channel has a tile", 10, lambda: len(browser.texts(NAMES)) == CHANNELS)
+        first = browser.run("return performance.measure('wall', undefined, 'kestor-wall').duration")
+        wait_for("bit rates", 5, lambda: "Mbit/s" in browser.text(".tile .measure"))
+        seconds = int(os.environ.get("KESTOR_PAGE_SECONDS", "20"))
+        browser.kept()
+        cost = browser.main_thread_ms(5)
+        bytes_before, nodes_before = browser.kept()
+        cost = max(cost, browser.main_thread_ms(seconds))
+        bytes_after, nodes_after = browser.kept()
+        browser.image("wall-1000")
+        print(f"1000 channels: first picture {first:.0f} ms, {cost:.1f} ms of the main thread a second, heap "
+              f"{bytes_before / 1e6:.2f} MB and {bytes_after / 1e6:.2f} MB {seconds} s later, nodes {nodes_before:.0f} and {nodes_after:.0f}")
+        self.assertLess(first, 1000)
+        self.assertLess(cost, 100)
+        self.assertLess(bytes_after - bytes_before, 300_000)
+        self.assertLess(nodes_after - nodes_before, 300)
+        self.assertEqual(browser.problems(), [])
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2, argv=[sys.argv[0], *sys.argv[1:]])
