@@ -200,17 +200,27 @@ export class Store {
     this.tell('alarms');
   }
 
+  // One request at a time; what changes meanwhile is asked for once that one is shown.
   async loadChannels() {
-    const asked = this.channelsAsked = (this.channelsAsked ?? 0) + 1;
-    let list;
-    try {
-      list = await this.api.get('channels');
-    } catch (error) {
-      this.channelsVersion = null; // the next connection asks again
-      if (!this.loaded) setTimeout(() => this.loadChannels(), 2_000);
+    if (this.channelsAsked) {
+      this.channelsAgain = true;
       return;
     }
-    if (asked !== this.channelsAsked) return; // a later one is on the way
+    this.channelsAsked = true;
+    this.channelsAgain = false;
+    let list = null;
+    try {
+      list = await this.api.get('channels');
+    } catch {
+      this.channelsVersion = null; // the next connection asks again
+      if (!this.loaded) setTimeout(() => this.loadChannels(), 2_000);
+    }
+    this.channelsAsked = false;
+    if (list) this.takeChannels(list);
+    if (this.channelsAgain) this.loadChannels();
+  }
+
+  takeChannels(list) {
     const gone = new Set(this.channels.keys());
     for (const info of list) {
       gone.delete(info.group);
