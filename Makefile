@@ -13,7 +13,7 @@ SOAK_SECONDS ?= 600
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS ?= frames control parameterSet captureFile recordLine playlist configuration httpRequest
 PAGE_PACKAGES = chromium chromium-driver python3-selenium python3-zmq fonts-dejavu-core
-SOURCES = git ls-files '*.cpp' '*.h'
+SOURCES = git ls-files '*.cpp' '*.h' '*.js'
 
 .PHONY: help build run test verify soak bench format check-format tidy clean
 

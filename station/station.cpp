@@ -61,8 +61,18 @@ uint64_t residentBytes() {
     return resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
-StripCell stripCell(const ChannelSample& sample, bool alarm) {
-    return !sample.signal ? StripCell::kNoSignal : alarm ? StripCell::kAlarm : StripCell::kOk;
+// A channel that nothing is known of is not without signal: only an alarm says so.
+StripCell stripCell(const ChannelSample& sample, ChannelStatus status) {
+    switch (status) {
+        case ChannelStatus::kOk:
+            return StripCell::kOk;
+        case ChannelStatus::kAlarm:
+            return sample.signal ? StripCell::kAlarm : StripCell::kNoSignal;
+        case ChannelStatus::kWaiting:
+        case ChannelStatus::kDisabled:
+            break;
+    }
+    return StripCell::kNoData;
 }
 
 }  // namespace
@@ -442,7 +452,7 @@ struct Station::Implementation : StationInterface {
             return;
         }
         engine.observe(group, sample, now, changes);
-        channel.history.add(sample, stripCell(sample, engine.status(group) == ChannelStatus::kAlarm), now);
+        channel.history.add(sample, stripCell(sample, engine.status(group)), now);
     }
 
     void take(const std::vector<AlarmChange>& changes, const Now& now,

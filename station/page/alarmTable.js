@@ -1,17 +1,21 @@
 // Active alarms and events as table rows, for the views that list them.
+import {askAcknowledgement} from './dialog.js';
 import {button, el, setAttribute, setClass, setText} from './dom.js';
 import {duration, isKnown, parseTime, quantity, time, visible} from './format.js';
 import {sign} from './state.js';
-import {askAcknowledgement} from './dialog.js';
 
 function timeCell(text, store) {
   const date = parseTime(text);
-  return el('td', {class: 'nowrap'}, date ? el('time', {datetime: text, title: text, text: time(date, store.now())}) : '–');
+  return el(
+      'td', {class: 'nowrap'},
+      date ? el('time', {datetime: text, title: text, text: time(date, store.now())}) : '–');
 }
 
 function channelCell({group, channel}) {
   if (!group) return el('td', {class: 'muted', text: channel ? visible(channel) : 'probe'});
-  return el('td', {class: 'text-cell'}, el('a', {href: `#channel/${group}`}, el('bdi', {text: shortened(channel || group)})));
+  return el(
+      'td', {class: 'text-cell'},
+      el('a', {href: `#channel/${group}`}, el('bdi', {text: shortened(channel || group)})));
 }
 
 function shortened(text) {
@@ -20,14 +24,19 @@ function shortened(text) {
 }
 
 function severityCell(severity) {
-  return el('td', {class: `nowrap is-${severity}`}, severity ? el('span', {class: 'sign', 'aria-hidden': 'true', text: sign(severity)}) : null,
+  return el(
+      'td', {class: `nowrap is-${severity}`},
+      severity ? el('span', {class: 'sign', 'aria-hidden': 'true', text: sign(severity)}) : null,
       ` ${severity ?? ''}`);
 }
 
 const kNumbers = new Set(['Value', 'Worst', 'Lasted']);
 
 function heads(texts) {
-  return el('thead', {}, el('tr', {}, ...texts.map((text) => el('th', {scope: 'col', class: kNumbers.has(text) ? 'number' : '', text}))));
+  return el(
+      'thead', {},
+      el('tr', {},
+         ...texts.map((text) => el('th', {scope: 'col', class: kNumbers.has(text) ? 'number' : '', text}))));
 }
 
 // The active alarms. Rows are kept while their alarm is, so that what did not change is not touched.
@@ -36,12 +45,16 @@ export class AlarmTable {
     this.store = store;
     this.api = api;
     this.withChannel = withChannel;
-    this.rows = new Map(); // id -> row
+    this.rows = new Map();  // id -> row
     this.body = el('tbody');
-    const columns = ['Severity', ...(withChannel ? ['Channel'] : []), 'Alarm', 'Since', 'Value', 'Worst', 'Acknowledged'];
+    const columns =
+        ['Severity', ...(withChannel ? ['Channel'] : []), 'Alarm', 'Since', 'Value', 'Worst', 'Acknowledged'];
     this.table = el('table', {}, heads(columns), this.body);
     this.none = el('p', {class: 'muted'});
-    this.node = el('div', {}, this.none, el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Active alarms'}, this.table));
+    this.node =
+        el('div', {}, this.none,
+           el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Active alarms'},
+              this.table));
   }
 
   update(alarms, noneText = 'No alarm.') {
@@ -57,8 +70,10 @@ export class AlarmTable {
     let next = this.body.firstChild;
     for (const alarm of alarms) {
       const row = this.rows.get(alarm.id) ?? this.makeRow(alarm);
-      if (row.node === next) next = next.nextSibling;
-      else this.body.insertBefore(row.node, next);
+      if (row.node === next)
+        next = next.nextSibling;
+      else
+        this.body.insertBefore(row.node, next);
       this.fill(row, alarm);
     }
   }
@@ -69,8 +84,10 @@ export class AlarmTable {
     const peak = el('td', {class: 'number'});
     const told = el('td', {class: 'text-cell'});
     const severity = el('td', {class: 'nowrap'});
-    const node = el('tr', {}, severity, this.withChannel ? channelCell(alarm) : null,
-        el('th', {scope: 'row', title: visible(alarm.meaning ?? ''), text: visible(alarm.alarm)}), since, value, peak, told);
+    const node =
+        el('tr', {}, severity, this.withChannel ? channelCell(alarm) : null,
+           el('th', {scope: 'row', title: visible(alarm.meaning ?? ''), text: visible(alarm.alarm)}), since,
+           value, peak, told);
     const row = {node, severity, since, value, peak, told};
     this.rows.set(alarm.id, row);
     return row;
@@ -84,17 +101,30 @@ export class AlarmTable {
       row.severity = fresh;
     }
     const raised = parseTime(alarm.raised);
-    setText(row.since, `${time(raised, this.store.now())} · ${duration(Math.max(0, Math.floor((this.store.now() - raised) / 1000) * 1000))}`);
+    setText(
+        row.since,
+        `${time(raised, this.store.now())} · ${
+            duration(Math.max(0, Math.floor((this.store.now() - raised) / 1000) * 1000))}`);
     setText(row.value, quantity(alarm.value, alarm.unit));
     setText(row.peak, quantity(alarm.peak, alarm.unit));
     const told = alarm.acknowledged;
     const key = `${told ? told.time : ''} ${this.api.mayChange}`;
     if (row.toldKey === key) return;
     row.toldKey = key;
-    row.told.replaceChildren(...(told ? [el('span', {text: `${time(parseTime(told.time), this.store.now())} ${visible(told.by)}`}),
-      told.remark ? el('bdi', {class: 'note', text: ` ${visible(told.remark)}`}) : ''] : []),
-    this.api.mayChange ? button(told ? 'Change' : 'Acknowledge', () => askAcknowledgement(this.api, [alarm]),
-        {class: 'small', 'aria-label': `${told ? 'Change acknowledgement of' : 'Acknowledge'} ${alarm.alarm}, ${alarm.channel}`}) : (told ? '' : 'not yet'));
+    row.told.replaceChildren(
+        ...(told ?
+                [
+                  el('span', {text: `${time(parseTime(told.time), this.store.now())} ${visible(told.by)}`}),
+                  told.remark ? el('bdi', {class: 'note', text: ` ${visible(told.remark)}`}) : ''
+                ] :
+                []),
+        this.api.mayChange ?
+            button(told ? 'Change' : 'Acknowledge', () => askAcknowledgement(this.api, [alarm]), {
+              class: 'small',
+              'aria-label':
+                  `${told ? 'Change acknowledgement of' : 'Acknowledge'} ${alarm.alarm}, ${alarm.channel}`
+            }) :
+            (told ? '' : 'not yet'));
   }
 }
 
@@ -104,10 +134,13 @@ export class EventTable {
     this.store = store;
     this.withChannel = withChannel;
     this.body = el('tbody');
-    const columns = ['Time', 'Event', 'Severity', ...(withChannel ? ['Channel'] : []), 'Alarm', 'What', 'Lasted'];
+    const columns =
+        ['Time', 'Event', 'Severity', ...(withChannel ? ['Channel'] : []), 'Alarm', 'What', 'Lasted'];
     this.table = el('table', {}, heads(columns), this.body);
     this.none = el('p', {class: 'muted', text: 'No event.'});
-    this.node = el('div', {}, this.none, el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Events'}, this.table));
+    this.node =
+        el('div', {}, this.none,
+           el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Events'}, this.table));
     this.ids = new Set();
     this.events = [];
   }
@@ -147,11 +180,16 @@ export class EventTable {
 
   makeRow(event) {
     const kind = this.store.meta?.eventKinds.find(({name}) => name === event.kind);
-    const notes = [event.by ? `by ${visible(event.by)}` : '', event.silenced ? 'silenced by maintenance' : ''].filter(Boolean).join(', ');
-    const row = el('tr', {}, timeCell(event.time, this.store), el('td', {class: 'nowrap', text: visible(kind?.text ?? event.kind)}),
-        severityCell(event.severity), this.withChannel ? channelCell(event) : null, el('td', {text: visible(event.alarm ?? '')}),
-        el('td', {class: 'text-cell'}, el('bdi', {text: visible(event.text)}), notes ? el('span', {class: 'note', text: ` ${notes}`}) : null),
-        el('td', {class: 'number', text: isKnown(event.durationMs) ? duration(event.durationMs) : ''}));
+    const notes = [
+      event.by ? `by ${visible(event.by)}` : '', event.silenced ? 'silenced by maintenance' : ''
+    ].filter(Boolean).join(', ');
+    const row =
+        el('tr', {}, timeCell(event.time, this.store),
+           el('td', {class: 'nowrap', text: visible(kind?.text ?? event.kind)}), severityCell(event.severity),
+           this.withChannel ? channelCell(event) : null, el('td', {text: visible(event.alarm ?? '')}),
+           el('td', {class: 'text-cell'}, el('bdi', {text: visible(event.text)}),
+              notes ? el('span', {class: 'note', text: ` ${notes}`}) : null),
+           el('td', {class: 'number', text: isKnown(event.durationMs) ? duration(event.durationMs) : ''}));
     setAttribute(row, 'data-id', String(event.id));
     setClass(row, '');
     return row;

@@ -38,8 +38,10 @@ export class Api {
     return sessionStorage.getItem(kTokenKey) ?? '';
   }
   set token(token) {
-    if (token) sessionStorage.setItem(kTokenKey, token);
-    else sessionStorage.removeItem(kTokenKey);
+    if (token)
+      sessionStorage.setItem(kTokenKey, token);
+    else
+      sessionStorage.removeItem(kTokenKey);
     for (const listener of this.listeners) listener();
   }
   get mayChange() {
@@ -57,8 +59,8 @@ export class Api {
     if (type) headers['Content-Type'] = type;
     let answer;
     try {
-      answer = await fetch(kBase + path,
-          {method, headers, body, cache: 'no-store', signal: AbortSignal.timeout(kTimeoutMs)});
+      answer = await fetch(
+          kBase + path, {method, headers, body, cache: 'no-store', signal: AbortSignal.timeout(kTimeoutMs)});
     } catch {
       throw new ApiError(0, 'The station does not answer.');
     }
@@ -106,6 +108,7 @@ export class Api {
 
 // "a=1&b=2" of what is set.
 export function query(parameters) {
-  const set = Object.entries(parameters).filter(([, value]) => value !== '' && value !== null && value !== undefined);
+  const set =
+      Object.entries(parameters).filter(([, value]) => value !== '' && value !== null && value !== undefined);
   return new URLSearchParams(set).toString();
 }

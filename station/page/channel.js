@@ -1,20 +1,20 @@
 // One channel in depth.
+import {AlarmTable, EventTable} from './alarmTable.js';
+import {query} from './api.js';
+import {forgetSize, onPaletteChange} from './canvas.js';
+import {askMaintenance} from './dialog.js';
 import {button, el, setAttribute, setClass, setText} from './dom.js';
 import {isKnown, parseTime, quantity, time, visible} from './format.js';
-import {look, sign, stateText} from './state.js';
-import {askMaintenance} from './dialog.js';
-import {drawStrip, stripText} from './strip.js';
-import {forgetSize, onPaletteChange} from './canvas.js';
-import {query} from './api.js';
-import {kRanges, Plots} from './plots.js';
 import {Lamps} from './lamps.js';
 import {Pids} from './pids.js';
-import {AlarmTable, EventTable} from './alarmTable.js';
+import {kRanges, Plots} from './plots.js';
+import {look, sign, stateText} from './state.js';
+import {drawStrip, stripText} from './strip.js';
 
 const kEventRows = 50;
 // Metrics that have a plot of their own beside; packets say what the bit rate says.
 const kNotPlotted = new Set(['packetsReceived', 'packets']);
-const kAroundMs = 10 * 60_000; // events shown around a chosen time
+const kAroundMs = 10 * 60_000;  // events shown around a chosen time
 
 export class ChannelView {
   constructor(root, context, parameters, group) {
@@ -25,12 +25,14 @@ export class ChannelView {
     this.group = group;
     const asked = new Date(parameters.get('t') ?? NaN);
     this.at = Number.isNaN(asked.getTime()) ? null : asked;
-    this.range = kRanges.find(({resolution}) => String(resolution) === parameters.get('r')) ?? this.rangeFor(this.at);
+    this.range =
+        kRanges.find(({resolution}) => String(resolution) === parameters.get('r')) ?? this.rangeFor(this.at);
     this.closed = false;
     this.asking = false;
     this.ends = [];
     root.replaceChildren(el('p', {class: 'hint', role: 'status', text: 'Asking the station …'}));
-    if (this.store.meta) this.begin();
+    if (this.store.meta)
+      this.begin();
     else {
       const end = this.store.on('meta', () => {
         end();
@@ -52,7 +54,8 @@ export class ChannelView {
 
   begin() {
     this.build();
-    this.ends.push(this.store.on('snapshot', () => this.load()), this.store.on('alarms', () => this.loadEvents()),
+    this.ends.push(
+        this.store.on('snapshot', () => this.load()), this.store.on('alarms', () => this.loadEvents()),
         this.store.on('overview', () => this.drawStrip()), onPaletteChange(() => this.drawStrip()),
         this.api.onToken(() => this.showControls()));
     const resizes = new ResizeObserver(() => {
@@ -73,7 +76,8 @@ export class ChannelView {
     this.state = el('span', {class: 'muted'});
     this.labels = el('span', {class: 'title-line'});
     this.controls = el('span', {class: 'actions small-controls'});
-    this.title = el('div', {class: 'title-line'}, this.sign, this.name, this.state, this.labels, this.controls);
+    this.title =
+        el('div', {class: 'title-line'}, this.sign, this.name, this.state, this.labels, this.controls);
     this.problem = el('p', {class: 'panel', role: 'status', hidden: true});
     this.strip = el('canvas', {class: 'channel-strip', role: 'img'});
     this.facts = new Facts();
@@ -81,24 +85,35 @@ export class ChannelView {
     this.pids = new Pids(this.store);
     this.alarms = new AlarmTable(this.context, false);
     this.events = new EventTable(this.context, false);
-    const metrics = this.store.meta.historyMetrics.filter(({name}) => !kNotPlotted.has(name));
+    const {columns, historyMetrics} = this.store.meta;
+    const meanings = new Map(columns.stream.map(({name, meaning}) => [name, meaning]));
+    const metrics = historyMetrics.filter(({name}) => !kNotPlotted.has(name))
+                        .map((metric) => ({...metric, meaning: meanings.get(metric.name) ?? ''}));
     this.plots = new Plots(this.api, this.group, metrics, (at) => this.choose(at));
-    this.nowNote = el('p', {class: 'note', hidden: true, text: 'Alarms, checks and PIDs are those of now, not of the chosen time.'});
+    this.nowNote = el('p', {
+      class: 'note',
+      hidden: true,
+      text: 'Alarms, checks and PIDs are those of now, not of the chosen time.'
+    });
     this.nowPanels = [
-      el('div', {class: 'view live-data'}, this.nowNote, this.panel('Active alarms', this.alarms.node), this.panel('TR 101 290', this.lamps.node)),
+      el('div', {class: 'view live-data'}, this.nowNote, this.panel('Active alarms', this.alarms.node),
+         this.panel('TR 101 290', this.lamps.node)),
       el('div', {class: 'view live-data'}, this.panel('Programs and PIDs', this.pids.node)),
     ];
     this.eventsTitle = el('h2', {text: 'Events'});
-    this.root.replaceChildren(el('div', {class: 'view'},
-        el('div', {class: 'panel live-data identity'}, this.title, this.facts.node,
-            el('div', {}, el('p', {class: 'note', text: 'Last eight hours'}), this.strip)),
-        this.problem, this.nowPanels[0], this.makePlotPanel(), this.nowPanels[1],
-        el('section', {class: 'panel'}, el('div', {class: 'panel-head'}, this.eventsTitle), this.events.node)));
+    this.root.replaceChildren(
+        el('div', {class: 'view'},
+           el('div', {class: 'panel live-data identity'}, this.title, this.facts.node,
+              el('div', {}, el('p', {class: 'note', text: 'Last eight hours'}), this.strip)),
+           this.problem, this.nowPanels[0], this.makePlotPanel(), this.nowPanels[1],
+           el('section', {class: 'panel'}, el('div', {class: 'panel-head'}, this.eventsTitle),
+              this.events.node)));
     this.showControls();
   }
 
   panel(title, ...content) {
-    return el('section', {class: 'panel'}, el('div', {class: 'panel-head'}, el('h2', {text: title})), ...content);
+    return el(
+        'section', {class: 'panel'}, el('div', {class: 'panel-head'}, el('h2', {text: title})), ...content);
   }
 
   makePlotPanel() {
@@ -106,9 +121,15 @@ export class ChannelView {
     this.timeText = el('span', {class: 'muted', role: 'status'});
     this.copy = button('Copy link', () => this.copyLink());
     this.live = button('Back to now', () => this.choose(null));
-    this.plotPanel = el('section', {class: 'panel'}, el('div', {class: 'panel-head small-controls'}, el('h2', {text: 'Plots'}), this.timeText, this.copy, this.live,
-        el('span', {class: 'choices', role: 'group', 'aria-label': 'Time'}, ...this.rangeButtons)), this.plots.node,
-    el('p', {class: 'note', text: 'Drag to zoom all, double-click to see all; click to keep a time in the address.'}));
+    this.plotPanel =
+        el('section', {class: 'panel'},
+           el('div', {class: 'panel-head small-controls'}, el('h2', {text: 'Plots'}), this.timeText,
+              this.copy, this.live,
+              el('span', {class: 'choices', role: 'group', 'aria-label': 'Time'}, ...this.rangeButtons)),
+           this.plots.node, el('p', {
+             class: 'note',
+             text: 'Drag to zoom all, double-click to see all; click to keep a time in the address.'
+           }));
     return this.plotPanel;
   }
 
@@ -139,11 +160,14 @@ export class ChannelView {
       this.shownName = detail.name;
       this.name.replaceChildren(el('bdi', {text: visible(detail.name)}));
     }
-    setText(this.state, stateText(detail.state, detail.severity) + (detail.maintenance ? ', maintenance' : ''));
+    setText(
+        this.state, stateText(detail.state, detail.severity) + (detail.maintenance ? ', maintenance' : ''));
     const labels = JSON.stringify(detail.labels);
     if (labels !== this.shownLabels) {
       this.shownLabels = labels;
-      this.labels.replaceChildren(...Object.entries(detail.labels).map(([key, value]) => el('bdi', {class: 'badge', text: visible(`${key}=${value}`)})));
+      this.labels.replaceChildren(
+          ...Object.entries(detail.labels)
+              .map(([key, value]) => el('bdi', {class: 'badge', text: visible(`${key}=${value}`)})));
     }
     this.facts.update(detail, this.store);
     this.lamps.update(detail);
@@ -155,13 +179,19 @@ export class ChannelView {
   drawStrip() {
     const strip = this.store.channels.get(this.group)?.strip ?? '';
     drawStrip(this.strip, strip);
-    setAttribute(this.strip, 'aria-label', strip ? stripText(strip, this.store.meta.stripCells) : 'no history yet');
+    setAttribute(
+        this.strip, 'aria-label', strip ? stripText(strip, this.store.meta.stripCells) : 'no history yet');
   }
 
   async loadEvents() {
-    const around = this.at ? {since: new Date(this.at.getTime() - kAroundMs).toISOString(), until: new Date(this.at.getTime() + kAroundMs).toISOString()} : {};
+    const around = this.at ? {
+      since: new Date(this.at.getTime() - kAroundMs).toISOString(),
+      until: new Date(this.at.getTime() + kAroundMs).toISOString()
+    } :
+                             {};
     try {
-      const events = await this.api.get(`events?${query({channel: this.group, limit: kEventRows, ...around})}`);
+      const events =
+          await this.api.get(`events?${query({channel: this.group, limit: kEventRows, ...around})}`);
       if (!this.closed) this.events.add(events, kEventRows);
     } catch {
       // The banner says that the station does not answer; the next alarm asks again.
@@ -185,14 +215,16 @@ export class ChannelView {
 
   showTime() {
     const {at} = this;
-    this.context.replaceAddress(`channel/${this.group}`, at ? [['t', at.toISOString()], ['r', this.range.resolution]] : []);
+    this.context.replaceAddress(
+        `channel/${this.group}`, at ? [['t', at.toISOString()], ['r', this.range.resolution]] : []);
     setText(this.timeText, at ? `at ${time(at)}` : '');
     this.copy.hidden = this.live.hidden = !at;
     setClass(this.plotPanel, at ? 'panel past' : 'panel');
     for (const panel of this.nowPanels) setClass(panel, at ? 'view live-data of-now' : 'view live-data');
     setText(this.eventsTitle, at ? 'Events within ten minutes of the chosen time' : 'Events');
     this.nowNote.hidden = !at;
-    this.rangeButtons.forEach((node, place) => setAttribute(node, 'aria-pressed', String(kRanges[place] === this.range)));
+    this.rangeButtons.forEach(
+        (node, place) => setAttribute(node, 'aria-pressed', String(kRanges[place] === this.range)));
   }
 
   async copyLink() {
@@ -206,9 +238,13 @@ export class ChannelView {
   }
 
   showControls() {
-    this.controls.replaceChildren(...(this.api.mayChange ? [
-      button('Maintenance', () => askMaintenance(this.api, this.group)),
-      el('a', {href: `#edit?channel=${this.group}`, text: 'Edit'})] : []));
+    this.controls.replaceChildren(
+        ...(this.api.mayChange ?
+                [
+                  button('Maintenance', () => askMaintenance(this.api, this.group)),
+                  el('a', {href: `#edit?channel=${this.group}`, text: 'Edit'})
+                ] :
+                []));
     this.alarms.update(this.store.alarmsByGroup.get(this.group) ?? []);
   }
 }
@@ -234,10 +270,14 @@ class Facts {
     const {identity} = detail;
     const known = (value, unit = '') => (isKnown(value) ? quantity(value, unit) : '–');
     const port = (value) => (isKnown(value) ? String(value) : '–');
-    this.set('Group', identity.destinationPort ? `${detail.group}:${identity.destinationPort}` : detail.group);
+    this.set(
+        'Group', identity.destinationPort ? `${detail.group}:${identity.destinationPort}` : detail.group);
     this.set('Bit rate', quantity(detail.bitRate, store.unit('bitRate')));
-    const listed = identity.listedSource && identity.listedSource !== identity.source ? ` (listed: ${visible(identity.listedSource)})` : '';
-    this.set('Source', (identity.source ? `${identity.source}:${port(identity.sourcePort)}` : '–') + listed);
+    const listed = identity.listedSource && identity.listedSource !== identity.source ?
+        ` (listed: ${visible(identity.listedSource)})` :
+        '';
+    const source = identity.source ? `${identity.source}:${port(identity.sourcePort)}` : '–';
+    this.set('Source', source + listed);
     this.set('TTL', port(identity.ttl));
     this.set('DSCP, ECN', `${port(identity.dscp)}, ${port(identity.ecn)}`);
     this.set('Join latency', known(identity.joinLatencyMs, 'ms'));

@@ -7,13 +7,15 @@ import {localInput} from './format.js';
 // was cancelled.
 export function ask({title, text = '', fields = {}, action, danger = false, submit}) {
   return new Promise((resolve) => {
-    const made = Object.entries(fields).map(([name, {label, input, hint}]) => [name, field(label, input, hint)]);
+    const made =
+        Object.entries(fields).map(([name, {label, input, hint}]) => [name, field(label, input, hint)]);
     const problem = el('p', {class: 'field-error', role: 'alert'});
     const go = el('button', {type: 'submit', class: danger ? 'danger' : 'primary', text: action});
     const heading = el('h2', {id: 'dialog-title', text: title});
-    const form = el('form', {method: 'dialog', novalidate: true}, heading,
-        text ? el('p', {text}) : null, ...made.map(([, one]) => one.wrapper), problem,
-        el('p', {class: 'actions'}, button('Cancel', () => dialog.close()), go));
+    const form =
+        el('form', {method: 'dialog', novalidate: true}, heading, text ? el('p', {text}) : null,
+           ...made.map(([, one]) => one.wrapper), problem,
+           el('p', {class: 'actions'}, button('Cancel', () => dialog.close()), go));
     const dialog = el('dialog', {'aria-labelledby': 'dialog-title'}, form);
     let done = false;
     form.addEventListener('submit', async (event) => {
@@ -43,9 +45,12 @@ export function ask({title, text = '', fields = {}, action, danger = false, subm
 
 // Puts what the station said at the field that it named, or into `problem` when no such field is there.
 export function showRefusal(error, fieldsByName, problem) {
-  if (error.needsToken) problem.textContent = `${error.message} Enter the token by the button at the top right.`;
-  else if (error.field && fieldsByName[error.field]) fieldsByName[error.field].fail(error.message);
-  else problem.textContent = error.message;
+  if (error.needsToken)
+    problem.textContent = `${error.message} Enter the token by the button at the top right.`;
+  else if (error.field && fieldsByName[error.field])
+    fieldsByName[error.field].fail(error.message);
+  else
+    problem.textContent = error.message;
 }
 
 // Asks for the token, or drops it. It stays in this tab's memory of the session, and goes nowhere but to the
@@ -63,7 +68,8 @@ export async function askToken(api) {
     action: 'Allow',
     async submit({token}) {
       const trimmed = token.trim();
-      if (!/^[\x21-\x7e]+$/.test(trimmed)) throw refused('A token has printable ASCII characters and no spaces.');
+      if (!/^[\x21-\x7e]+$/.test(trimmed))
+        throw refused('A token has printable ASCII characters and no spaces.');
       let accepted;
       try {
         accepted = await api.accepts(trimmed);
@@ -80,6 +86,7 @@ function refused(text) {
   return Object.assign(new Error(text), {field: 'token'});
 }
 
+const kNotFound = 404;
 const kByKey = 'kestor-by';
 
 // Who changes something: asked once in a session.
@@ -102,7 +109,14 @@ export function askAcknowledgement(api, alarms) {
     action: 'Acknowledge',
     async submit({by, remark}) {
       rememberBy(by);
-      for (const alarm of alarms) await api.post(`alarms/${alarm.id}/acknowledge`, {by, remark});
+      for (const alarm of alarms) {
+        try {
+          await api.post(`alarms/${alarm.id}/acknowledge`, {by, remark});
+        } catch (error) {
+          // One of several may have cleared meanwhile.
+          if (error.status !== kNotFound || alarms.length === 1) throw error;
+        }
+      }
     },
   });
 }
@@ -134,6 +148,7 @@ export function askMaintenance(api, group = '') {
 
 function inUtc(text, fieldName) {
   const date = new Date(text);
-  if (Number.isNaN(date.getTime())) throw Object.assign(new Error('A date and a time are needed.'), {field: fieldName});
+  if (Number.isNaN(date.getTime()))
+    throw Object.assign(new Error('A date and a time are needed.'), {field: fieldName});
   return date.toISOString();
 }

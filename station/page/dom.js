@@ -6,11 +6,14 @@ export function el(tag, attributes = {}, ...children) {
   const node = document.createElement(tag);
   for (const [name, value] of Object.entries(attributes)) {
     if (value === false || value === null || value === undefined) continue;
-    if (name === 'class') node.className = value;
-    else if (name === 'text') node.textContent = value;
+    if (name === 'class')
+      node.className = value;
+    else if (name === 'text')
+      node.textContent = value;
     else if (name === 'on') {
       for (const [event, listener] of Object.entries(value)) node.addEventListener(event, listener);
-    } else node.setAttribute(name, value === true ? '' : value);
+    } else
+      node.setAttribute(name, value === true ? '' : value);
   }
   node.append(...children.filter((child) => child !== null && child !== undefined && child !== false));
   return node;
@@ -34,7 +37,8 @@ export function setClass(node, name) {
 export function setAttribute(node, name, value) {
   if (value === null) {
     if (node.hasAttribute(name)) node.removeAttribute(name);
-  } else if (node.getAttribute(name) !== value) node.setAttribute(name, value);
+  } else if (node.getAttribute(name) !== value)
+    node.setAttribute(name, value);
 }
 
 // A labelled input: {wrapper, input, fail(text)}. fail() shows under the input what is wrong with it and ties
@@ -44,8 +48,9 @@ export function field(label, input, hint = '') {
   const id = `field${++fields}`;
   input.id = id;
   const error = el('p', {class: 'field-error', id: `${id}-error`, role: 'alert'});
-  const wrapper = el('div', {class: 'field'}, el('label', {for: id, text: label}), input,
-      hint ? el('p', {class: 'field-hint', id: `${id}-hint`, text: hint}) : null, error);
+  const wrapper =
+      el('div', {class: 'field'}, el('label', {for: id, text: label
+         }), input, hint ? el('p', {class: 'field-hint', id: `${id}-hint`, text: hint}) : null, error);
   if (hint) input.setAttribute('aria-describedby', `${id}-hint`);
   return {
     wrapper,

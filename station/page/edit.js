@@ -1,7 +1,7 @@
 // Adding, changing and removing channels, and importing playlists.
+import {ask, askToken, showRefusal} from './dialog.js';
 import {button, el, field, setText} from './dom.js';
 import {count, visible} from './format.js';
-import {ask, askToken, showRefusal} from './dialog.js';
 import {cutPlaylist} from './playlist.js';
 
 const kRows = 100;
@@ -12,7 +12,9 @@ function parseLabels(text) {
   const labels = {};
   for (const part of text.split(/[\n,]/).map((one) => one.trim()).filter(Boolean)) {
     const at = part.indexOf('=');
-    if (at < 1) throw Object.assign(new Error(`"${part.slice(0, 40)}" is no label; write name=value, one a line.`), {field: 'labels'});
+    if (at < 1)
+      throw Object.assign(
+          new Error(`"${part.slice(0, 40)}" is no label; write name=value, one a line.`), {field: 'labels'});
     labels[part.slice(0, at).trim()] = part.slice(at + 1).trim();
   }
   return labels;
@@ -31,8 +33,10 @@ export class EditView {
     this.rows = kRows;
     this.opened = parameters.get('channel');
     this.build();
-    this.ends = [this.store.on('channels', () => this.showChannels()), this.store.on('meta', () => this.fillProfiles()),
-      this.api.onToken(() => this.showAccess())];
+    this.ends = [
+      this.store.on('channels', () => this.showChannels()), this.store.on('meta', () => this.fillProfiles()),
+      this.api.onToken(() => this.showAccess())
+    ];
     this.fillProfiles();
     this.showAccess();
   }
@@ -42,9 +46,16 @@ export class EditView {
   }
 
   build() {
-    this.locked = el('div', {class: 'panel'}, el('p', {text: 'Looking only: changes need the station\'s token.'}),
-        el('p', {}, button('Enter the token', () => askToken(this.api), {class: 'primary'})));
-    this.search = el('input', {type: 'search', placeholder: 'Search name, group, label', 'aria-label': 'Search channels', value: this.opened ?? '', spellcheck: 'false'});
+    this.locked =
+        el('div', {class: 'panel'}, el('p', {text: 'Looking only: changes need the station\'s token.'}),
+           el('p', {}, button('Enter the token', () => askToken(this.api), {class: 'primary'})));
+    this.search = el('input', {
+      type: 'search',
+      placeholder: 'Search name, group, label',
+      'aria-label': 'Search channels',
+      value: this.opened ?? '',
+      spellcheck: 'false'
+    });
     this.search.addEventListener('input', () => {
       this.rows = kRows;
       this.showChannels();
@@ -56,13 +67,20 @@ export class EditView {
       this.showChannels();
     });
     this.problem = el('p', {class: 'field-error', role: 'alert'});
-    const head = el('tr', {}, ...['Name', 'Group', 'Labels', 'Profile', 'From', ''].map((text) => (text ? el('th', {scope: 'col', text}) : el('td'))));
+    const head =
+        el('tr', {},
+           ...['Name', 'Group', 'Labels', 'Profile', 'From', ''].map(
+               (text) => (text ? el('th', {scope: 'col', text}) : el('td'))));
     this.changes = el('div', {class: 'columns'}, this.makeAddForm(), this.makeImportForm());
-    this.root.replaceChildren(el('div', {class: 'view'}, el('h1', {text: 'Edit channels'}), this.locked, this.changes,
-        el('section', {class: 'panel'}, el('div', {class: 'panel-head'}, el('h2', {text: 'Channels'}), this.total, this.search,
-            el('a', {href: this.api.url('export'), download: 'channels.m3u', text: 'Save as playlist'})), this.problem,
-        el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Channels'}, el('table', {}, el('thead', {}, head), this.body)),
-        el('p', {class: 'actions'}, this.more))));
+    this.root.replaceChildren(
+        el('div', {class: 'view'}, el('h1', {text: 'Edit channels'}), this.locked, this.changes,
+           el('section', {class: 'panel'},
+              el('div', {class: 'panel-head'}, el('h2', {text: 'Channels'}), this.total, this.search,
+                 el('a', {href: this.api.url('export'), download: 'channels.m3u', text: 'Save as playlist'})),
+              this.problem,
+              el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Channels'},
+                 el('table', {}, el('thead', {}, head), this.body)),
+              el('p', {class: 'actions'}, this.more))));
   }
 
   showAccess() {
@@ -73,20 +91,25 @@ export class EditView {
 
   fillProfiles() {
     const profiles = this.store.meta?.profiles ?? [];
-    this.addFields.profile.input.replaceChildren(...profiles.map((profile) => el('option', {value: profile, text: visible(profile)})));
+    this.addFields.profile.input.replaceChildren(
+        ...profiles.map((profile) => el('option', {value: profile, text: visible(profile)})));
   }
 
   makeAddForm() {
     this.addFields = {
-      group: field('Group', el('input', {type: 'text', placeholder: '239.1.1.1', spellcheck: 'false', autocomplete: 'off'})),
+      group: field(
+          'Group',
+          el('input', {type: 'text', placeholder: '239.1.1.1', spellcheck: 'false', autocomplete: 'off'})),
       name: field('Name', el('input', {type: 'text', autocomplete: 'off'})),
       labels: field('Labels', el('textarea', {rows: 2, placeholder: 'site=north', spellcheck: 'false'})),
       profile: field('Profile', el('select')),
     };
     const problem = el('p', {class: 'field-error wide', role: 'alert'});
     const done = el('p', {class: 'note wide', role: 'status'});
-    const form = el('form', {class: 'form', novalidate: true}, ...Object.values(this.addFields).map(({wrapper}) => wrapper), problem, done,
-        el('p', {class: 'actions wide'}, el('button', {type: 'submit', class: 'primary', text: 'Add'})));
+    const form =
+        el('form', {class: 'form', novalidate: true},
+           ...Object.values(this.addFields).map(({wrapper}) => wrapper), problem, done,
+           el('p', {class: 'actions wide'}, el('button', {type: 'submit', class: 'primary', text: 'Add'})));
     form.addEventListener('submit', async (event) => {
       event.preventDefault();
       setText(problem, '');
@@ -100,7 +123,9 @@ export class EditView {
         showRefusal(error, this.addFields, problem);
       }
     });
-    return el('section', {class: 'panel'}, el('div', {class: 'panel-head'}, el('h2', {text: 'Add a channel'})), form);
+    return el(
+        'section', {class: 'panel'}, el('div', {class: 'panel-head'}, el('h2', {text: 'Add a channel'})),
+        form);
   }
 
   async add() {
@@ -111,18 +136,26 @@ export class EditView {
     if (name) body.name = name;
     const profile = this.addFields.profile.input.value;
     if (profile) body.profile = profile;
-    if (this.store.channels.has(group)) throw Object.assign(new Error('There is such a channel already: change it below.'), {field: 'group'});
+    if (this.store.channels.has(group))
+      throw Object.assign(new Error('There is such a channel already: change it below.'), {field: 'group'});
     await this.api.put(`channels/${encodeURIComponent(group)}`, body);
     return group;
   }
 
   makeImportForm() {
-    const text = field('Playlist', el('textarea', {rows: 5, spellcheck: 'false', placeholder: '#EXTM3U\n#EXTINF:-1,News HD\nudp://@239.1.1.1:5000'}));
-    const file = field('or a file', el('input', {type: 'file', accept: '.m3u,.m3u8,.txt,audio/x-mpegurl,text/plain'}));
+    const text = field('Playlist', el('textarea', {
+                         rows: 5,
+                         spellcheck: 'false',
+                         placeholder: '#EXTM3U\n#EXTINF:-1,News HD\nudp://@239.1.1.1:5000'
+                       }));
+    const file =
+        field('or a file', el('input', {type: 'file', accept: '.m3u,.m3u8,.txt,audio/x-mpegurl,text/plain'}));
     const problem = el('p', {class: 'field-error wide', role: 'alert'});
     const result = el('div', {class: 'wide', role: 'status'});
     const go = el('button', {type: 'submit', class: 'primary', text: 'Import'});
-    const form = el('form', {class: 'form', novalidate: true}, el('div', {class: 'wide'}, text.wrapper), file.wrapper, problem, result, el('p', {class: 'actions wide'}, go));
+    const form =
+        el('form', {class: 'form', novalidate: true}, el('div', {class: 'wide'}, text.wrapper), file.wrapper,
+           problem, result, el('p', {class: 'actions wide'}, go));
     form.addEventListener('submit', async (event) => {
       event.preventDefault();
       for (const place of [problem, result]) place.replaceChildren();
@@ -130,42 +163,62 @@ export class EditView {
       const [chosen] = file.input.files;
       go.disabled = true;
       try {
-        const bytes = chosen ? new Uint8Array(await chosen.arrayBuffer()) : new TextEncoder().encode(text.input.value);
-        if (!bytes.length) throw Object.assign(new Error('Paste a playlist, or choose a file.'), {field: 'text'});
+        const bytes =
+            chosen ? new Uint8Array(await chosen.arrayBuffer()) : new TextEncoder().encode(text.input.value);
+        if (!bytes.length)
+          throw Object.assign(new Error('Paste a playlist, or choose a file.'), {field: 'text'});
         await this.importAll(bytes, result);
         form.reset();
       } catch (error) {
-        showRefusal(error.field === '' || error.needsToken ? error : Object.assign(error, {field: chosen ? 'file' : 'text'}), {text, file}, problem);
+        showRefusal(
+            error.field === '' || error.needsToken ? error :
+                                                     Object.assign(error, {field: chosen ? 'file' : 'text'}),
+            {text, file}, problem);
       } finally {
         go.disabled = false;
       }
     });
-    return el('section', {class: 'panel'}, el('div', {class: 'panel-head'}, el('h2', {text: 'Import a playlist'})), form);
+    return el(
+        'section', {class: 'panel'}, el('div', {class: 'panel-head'}, el('h2', {text: 'Import a playlist'})),
+        form);
   }
 
   async importAll(bytes, result) {
     const {pieces, tooLarge} = cutPlaylist(bytes);
-    if (!pieces.length) throw Object.assign(new Error('There is no address in this playlist.'), {field: 'text'});
+    if (!pieces.length)
+      throw Object.assign(new Error('There is no address in this playlist.'), {field: 'text'});
     const sum = {added: 0, changed: 0, skipped: tooLarge, notes: []};
     for (const [place, piece] of pieces.entries()) {
-      if (pieces.length > 1) result.replaceChildren(el('p', {text: `Part ${place + 1} of ${pieces.length} …`}));
+      if (pieces.length > 1)
+        result.replaceChildren(el('p', {text: `Part ${place + 1} of ${pieces.length} …`}));
       const answer = await this.api.importPiece(piece);
       for (const name of ['added', 'changed', 'skipped']) sum[name] += answer[name];
-      sum.notes.push(...answer.notes.map((note) => (pieces.length > 1 ? `part ${place + 1}: ${note}` : note)));
+      sum.notes.push(
+          ...answer.notes.map((note) => (pieces.length > 1 ? `part ${place + 1}: ${note}` : note)));
     }
-    const shown = sum.notes.slice(0, kMostNotes).map((note) => el('li', {}, el('bdi', {text: visible(note)})));
+    const shown =
+        sum.notes.slice(0, kMostNotes).map((note) => el('li', {}, el('bdi', {text: visible(note)})));
     const rest = sum.notes.length - shown.length;
-    result.replaceChildren(el('p', {text: `${count(sum.added)} added, ${count(sum.changed)} changed, ${count(sum.skipped)} skipped.`}),
-        el('ul', {class: 'note outside'}, ...shown, rest > 0 ? el('li', {text: `and ${count(rest)} more`}) : null));
+    result.replaceChildren(
+        el('p', {
+          text: `${count(sum.added)} added, ${count(sum.changed)} changed, ${count(sum.skipped)} skipped.`
+        }),
+        el('ul', {class: 'note outside'}, ...shown,
+           rest > 0 ? el('li', {text: `and ${count(rest)} more`}) : null));
   }
 
   // Rows anew; never while one is being edited, so that nothing is lost under the hands.
   showChannels(always = false) {
     if (!this.store.loaded || (!always && this.body.querySelector('form'))) return;
     const words = this.search.value.toLowerCase().split(/\s+/).filter(Boolean);
-    const list = [...this.store.channels.values()].filter(({searchText}) => words.every((word) => searchText.includes(word)));
+    const list = [...this.store.channels.values()].filter(
+        ({searchText}) => words.every((word) => searchText.includes(word)));
     list.sort((a, b) => a.nameRank - b.nameRank);
-    setText(this.total, list.length === this.store.channels.size ? count(list.length) : `${count(list.length)} of ${count(this.store.channels.size)}`);
+    setText(
+        this.total,
+        list.length === this.store.channels.size ?
+            count(list.length) :
+            `${count(list.length)} of ${count(this.store.channels.size)}`);
     this.body.replaceChildren(...list.slice(0, this.rows).map((channel) => this.makeRow(channel)));
     this.more.hidden = list.length <= this.rows;
   }
@@ -173,15 +226,26 @@ export class EditView {
   makeRow(channel) {
     const {info} = channel;
     const name = visible(info.name);
-    const actions = this.api.mayChange ? [
-      button('Change', () => this.change(channel), {class: 'small', 'aria-label': `Change ${name}`}), ' ',
-      button(info.enabled ? 'Disable' : 'Enable', () => this.put(channel, {enabled: !info.enabled}),
-          {class: 'small', 'aria-label': `${info.enabled ? 'Disable' : 'Enable'} ${name}`}), ' ',
-      button('Remove', () => this.remove(channel), {class: 'small danger', 'aria-label': `Remove ${name}`})] : [];
-    return el('tr', {class: info.enabled ? '' : 'muted', 'data-group': channel.group},
-        el('th', {scope: 'row', class: 'text-cell'}, el('a', {href: `#channel/${channel.group}`}, el('bdi', {text: name})), info.enabled ? null : ' (disabled)'),
-        el('td', {text: channel.group}), el('td', {class: 'outside', text: visible(channel.labelTexts.join(', '))}), el('td', {text: visible(info.profile)}),
-        el('td', {text: visible(info.origin)}), el('td', {class: 'nowrap'}, ...actions));
+    const actions = this.api.mayChange ?
+        [
+          button('Change', () => this.change(channel), {class: 'small', 'aria-label': `Change ${name}`}), ' ',
+          button(
+              info.enabled ? 'Disable' : 'Enable', () => this.put(channel, {enabled: !info.enabled}),
+              {class: 'small', 'aria-label': `${info.enabled ? 'Disable' : 'Enable'} ${name}`}),
+          ' ',
+          button(
+              'Remove', () => this.remove(channel), {class: 'small danger', 'aria-label': `Remove ${name}`})
+        ] :
+        [];
+    return el(
+        'tr', {class: info.enabled ? '' : 'muted', 'data-group': channel.group},
+        el('th', {scope: 'row', class: 'text-cell'},
+           el('a', {href: `#channel/${channel.group}`}, el('bdi', {text: name})),
+           info.enabled ? null : ' (disabled)'),
+        el('td', {text: channel.group}),
+        el('td', {class: 'outside', text: visible(channel.labelTexts.join(', '))}),
+        el('td', {text: visible(info.profile)}), el('td', {text: visible(info.origin)}),
+        el('td', {class: 'nowrap'}, ...actions));
   }
 
   async put(channel, body) {
@@ -195,7 +259,9 @@ export class EditView {
 
   change(channel) {
     const {info} = channel;
-    const profile = el('select', {}, ...(this.store.meta?.profiles ?? []).map((one) => el('option', {value: one, text: visible(one)})));
+    const profile =
+        el('select', {},
+           ...(this.store.meta?.profiles ?? []).map((one) => el('option', {value: one, text: visible(one)})));
     profile.value = info.profile;
     return ask({
       title: `Change ${channel.group}`,
@@ -203,7 +269,10 @@ export class EditView {
         name: {label: 'Name', input: el('input', {type: 'text', value: info.name, autocomplete: 'off'})},
         labels: {label: 'Labels', input: labelArea(info.labels)},
         profile: {label: 'Profile', input: profile},
-        number: {label: 'Number', input: el('input', {type: 'text', inputmode: 'numeric', value: info.number ?? ''})},
+        number: {
+          label: 'Number',
+          input: el('input', {type: 'text', inputmode: 'numeric', value: info.number ?? ''})
+        },
       },
       action: 'Change',
       submit: async (values) => {
@@ -217,7 +286,8 @@ export class EditView {
   remove(channel) {
     return ask({
       title: 'Remove the channel?',
-      text: `${visible(channel.info.name)} (${channel.group}) is no longer watched, and its history is forgotten. Its events stay.`,
+      text: `${visible(channel.info.name)} (${
+          channel.group}) is no longer watched, and its history is forgotten. Its events stay.`,
       action: 'Remove',
       danger: true,
       submit: () => this.api.remove(`channels/${channel.group}`),
@@ -233,6 +303,7 @@ function labelArea(labels) {
 
 function wholeNumber(text) {
   const trimmed = text.trim() || '0';
-  if (!/^\d+$/.test(trimmed)) throw Object.assign(new Error('A whole number, or nothing.'), {field: 'number'});
+  if (!/^\d+$/.test(trimmed))
+    throw Object.assign(new Error('A whole number, or nothing.'), {field: 'number'});
   return Number(trimmed);
 }

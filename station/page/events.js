@@ -1,13 +1,13 @@
 // Active alarms, what happened, and maintenance windows.
-import {button, el, field, setText} from './dom.js';
-import {localInput, parseTime, time, visible} from './format.js';
+import {AlarmTable, EventTable} from './alarmTable.js';
 import {query} from './api.js';
 import {askAcknowledgement, askMaintenance, showRefusal} from './dialog.js';
-import {AlarmTable, EventTable} from './alarmTable.js';
+import {button, el, field, setText} from './dom.js';
+import {localInput, parseTime, time, visible} from './format.js';
 
 const kPage = 100;
 const kMostRows = 2000;
-const kDownloadLimit = 1000; // what the station gives in one answer
+const kDownloadLimit = 1000;  // what the station gives in one answer
 const kSuggestions = 50;
 
 export class EventsView {
@@ -21,7 +21,8 @@ export class EventsView {
     this.ends = [];
     this.build();
     const {store} = this;
-    this.ends.push(store.on('alarms', () => this.changed()), store.on('channels', () => this.changed()),
+    this.ends.push(
+        store.on('alarms', () => this.changed()), store.on('channels', () => this.changed()),
         store.on('meta', () => this.fillChoices()), store.on('snapshot', () => this.showAlarms()),
         store.on('connection', () => this.changed()), this.api.onToken(() => this.showControls()));
     this.fillChoices();
@@ -39,24 +40,45 @@ export class EventsView {
     this.alarms = new AlarmTable(this.context, true);
     this.events = new EventTable(this.context, true);
     this.problem = el('p', {class: 'field-error', role: 'alert'});
-    this.acknowledgeAll = button('Acknowledge all shown', () => askAcknowledgement(this.api, this.shownAlarms().filter((alarm) => !alarm.acknowledged)));
-    this.addWindow = button('Set a window', () => this.changeMaintenance(askMaintenance(this.api, this.group() ?? '')));
+    this.acknowledgeAll = button(
+        'Acknowledge all shown',
+        () => askAcknowledgement(this.api, this.shownAlarms().filter((alarm) => !alarm.acknowledged)));
+    this.addWindow =
+        button('Set a window', () => this.changeMaintenance(askMaintenance(this.api, this.group() ?? '')));
     this.windows = el('div');
     this.older = button('Older', () => this.loadOlder());
     this.csv = el('a', {download: 'events.csv', text: 'CSV'});
     this.json = el('a', {download: 'events.json', text: 'JSON'});
-    const section = (title, controls, ...content) => el('section', {class: 'panel'}, el('div', {class: 'panel-head small-controls'}, el('h2', {text: title}), ...controls), ...content);
-    this.root.replaceChildren(el('div', {class: 'view'}, el('h1', {text: 'Events and alarms'}), this.makeFilters(),
-        section('Active alarms', [this.acknowledgeAll, el('a', {href: this.api.url('alarms'), download: 'alarms.json', text: 'JSON'})], this.alarms.node),
+    const section = (title, controls, ...content) =>
+        el('section', {class: 'panel'},
+           el('div', {class: 'panel-head small-controls'}, el('h2', {text: title}), ...controls), ...content);
+    this.root.replaceChildren(el(
+        'div', {class: 'view'}, el('h1', {text: 'Events and alarms'}), this.makeFilters(),
+        section(
+            'Active alarms',
+            [
+              this.acknowledgeAll,
+              el('a', {href: this.api.url('alarms'), download: 'alarms.json', text: 'JSON'})
+            ],
+            this.alarms.node),
         section('Maintenance', [this.addWindow], this.windows),
-        section('Events', [el('span', {class: 'note', text: `newest ${kDownloadLimit} that pass:`}), this.csv, this.json], this.events.node, el('p', {class: 'actions'}, this.older))));
+        section(
+            'Events',
+            [el('span', {class: 'note', text: `newest ${kDownloadLimit} that pass:`}), this.csv, this.json],
+            this.events.node, el('p', {class: 'actions'}, this.older))));
   }
 
   makeFilters() {
     const {chosen} = this;
     const list = el('datalist', {id: 'channel-names'});
     this.fields = {
-      channel: field('Channel', el('input', {type: 'search', list: 'channel-names', placeholder: 'name or group', value: chosen.channel ?? '', spellcheck: 'false'})),
+      channel: field('Channel', el('input', {
+                       type: 'search',
+                       list: 'channel-names',
+                       placeholder: 'name or group',
+                       value: chosen.channel ?? '',
+                       spellcheck: 'false'
+                     })),
       severity: field('Severity', el('select')),
       kind: field('Event', el('select')),
       since: field('From', el('input', {type: 'datetime-local', value: this.localTime(chosen.since)})),
@@ -66,8 +88,11 @@ export class EventsView {
       input.addEventListener(name === 'channel' ? 'input' : 'change', () => this.filterChanged());
     }
     this.fields.channel.input.addEventListener('input', () => this.suggest(list));
-    return el('div', {class: 'panel', role: 'search', 'aria-label': 'Filters'}, el('div', {class: 'filters'},
-        ...Object.values(this.fields).map(({wrapper}) => wrapper), list, button('Show all', () => this.resetFilters())), this.problem);
+    return el(
+        'div', {class: 'panel', role: 'search', 'aria-label': 'Filters'},
+        el('div', {class: 'filters'}, ...Object.values(this.fields).map(({wrapper}) => wrapper), list,
+           button('Show all', () => this.resetFilters())),
+        this.problem);
   }
 
   localTime(text) {
@@ -82,14 +107,17 @@ export class EventsView {
       if (found.length >= kSuggestions) break;
       if (channel.searchText.includes(typed)) found.push(channel);
     }
-    list.replaceChildren(...found.map(({group, info}) => el('option', {value: group, text: visible(info.name)})));
+    list.replaceChildren(
+        ...found.map(({group, info}) => el('option', {value: group, text: visible(info.name)})));
   }
 
   fillChoices() {
     const {meta} = this.store;
     if (!meta) return;
     const fill = ({input}, name, options) => {
-      input.replaceChildren(el('option', {value: '', text: 'all'}), ...options.map(([value, text]) => el('option', {value, text})));
+      input.replaceChildren(
+          el('option', {value: '', text: 'all'}),
+          ...options.map(([value, text]) => el('option', {value, text})));
       input.value = this.chosen[name] ?? '';
     };
     fill(this.fields.severity, 'severity', meta.severities.map((severity) => [severity, severity]));
@@ -106,13 +134,17 @@ export class EventsView {
     for (const [name, {input}] of Object.entries(this.fields)) {
       if (!input.value) continue;
       const date = input.type === 'datetime-local' ? new Date(input.value) : null;
-      if (!date) this.chosen[name] = input.value.trim();
-      else if (!Number.isNaN(date.getTime())) this.chosen[name] = date.toISOString();
+      if (!date)
+        this.chosen[name] = input.value.trim();
+      else if (!Number.isNaN(date.getTime()))
+        this.chosen[name] = date.toISOString();
     }
     this.context.replaceAddress('events', Object.entries(this.chosen));
     this.showAlarms();
     clearTimeout(this.typing);
-    this.typing = setTimeout(() => { if (!this.closed) this.reload(); }, 250);
+    this.typing = setTimeout(() => {
+      if (!this.closed) this.reload();
+    }, 250);
   }
 
   // The group that the channel field means: a group as typed, or the one channel of that name; null for none
@@ -135,8 +167,9 @@ export class EventsView {
   shownAlarms() {
     const {channel, severity} = this.chosen;
     const wanted = channel?.toLowerCase();
-    return this.store.alarms.filter((alarm) => (!severity || alarm.severity === severity) &&
-        (!wanted || alarm.channel.toLowerCase().includes(wanted) || alarm.group === wanted));
+    return this.store.alarms.filter(
+        (alarm) => (!severity || alarm.severity === severity) &&
+            (!wanted || alarm.channel.toLowerCase().includes(wanted) || alarm.group === wanted));
   }
 
   showAlarms() {
@@ -175,7 +208,8 @@ export class EventsView {
       if (this.closed || mine !== this.generation) return;
       setText(this.problem, '');
       this.events.add(events, kMostRows);
-      if (more.before || reset) this.older.hidden = events.length < kPage || this.events.events.length >= kMostRows;
+      if (more.before || reset)
+        this.older.hidden = events.length < kPage || this.events.events.length >= kMostRows;
     } catch (error) {
       if (!this.closed && error.status) {
         setText(this.problem, '');
@@ -208,14 +242,28 @@ export class EventsView {
       return;
     }
     const shownTime = (text) => time(parseTime(text), this.store.now());
-    const rows = list.map((window) => el('tr', {},
-        el('th', {scope: 'row'}, window.group ? el('bdi', {text: visible(this.store.channels.get(window.group)?.info.name ?? window.group)}) : 'all channels'),
-        el('td', {class: 'nowrap', text: shownTime(window.from)}), el('td', {class: 'nowrap', text: shownTime(window.until)}),
-        el('td', {text: visible(window.by)}), el('td', {class: 'text-cell'}, el('bdi', {text: visible(window.remark)})),
-        el('td', {}, this.api.mayChange ? button('End', () => this.changeMaintenance(this.endWindow(window)), {class: 'small'}) : null)));
-    const head = el('tr', {}, ...['Channel', 'From', 'Until', 'Who', 'Remark'].map((text) => el('th', {scope: 'col', text})), el('td'));
-    this.windows.replaceChildren(el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Maintenance windows'},
-        el('table', {}, el('thead', {}, head), el('tbody', {}, ...rows))));
+    const rows = list.map(
+        (window) => el(
+            'tr', {},
+            el('th', {scope: 'row'},
+               window.group ?
+                   el('bdi',
+                      {text: visible(this.store.channels.get(window.group)?.info.name ?? window.group)}) :
+                   'all channels'),
+            el('td', {class: 'nowrap', text: shownTime(window.from)}),
+            el('td', {class: 'nowrap', text: shownTime(window.until)}), el('td', {text: visible(window.by)}),
+            el('td', {class: 'text-cell'}, el('bdi', {text: visible(window.remark)})),
+            el('td', {},
+               this.api.mayChange ?
+                   button('End', () => this.changeMaintenance(this.endWindow(window)), {class: 'small'}) :
+                   null)));
+    const head =
+        el('tr', {},
+           ...['Channel', 'From', 'Until', 'Who', 'Remark'].map((text) => el('th', {scope: 'col', text})),
+           el('td'));
+    this.windows.replaceChildren(
+        el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Maintenance windows'},
+           el('table', {}, el('thead', {}, head), el('tbody', {}, ...rows))));
   }
 
   async endWindow(window) {

@@ -48,7 +48,8 @@ export function visible(text) {
   return String(text)
       .replace(/[\u0000-\u001f]/g, (c) => String.fromCharCode(0x2400 + c.charCodeAt(0)))
       .replace(/\u007f/g, '\u2421')
-      .replace(/[\u0080-\u009f]|[\ud800-\udbff](?![\udc00-\udfff])|(?<![\ud800-\udbff])[\udc00-\udfff]/g,
+      .replace(
+          /[\u0080-\u009f]|[\ud800-\udbff](?![\udc00-\udfff])|(?<![\ud800-\udbff])[\udc00-\udfff]/g,
           '\ufffd');
 }
 
@@ -94,7 +95,8 @@ export function duration(milliseconds) {
 
 // A name of the API in words: "no_signal" as "no signal", "lastSnapshotCpuMs" as "last snapshot cpu ms".
 export function words(name) {
-  return visible(name).replace(/_/g, ' ').replace(/([a-z0-9])([A-Z])/g, (_, a, b) => `${a} ${b.toLowerCase()}`);
+  return visible(name).replace(/_/g, ' ').replace(
+      /([a-z0-9])([A-Z])/g, (_, a, b) => `${a} ${b.toLowerCase()}`);
 }
 
 // 0x-notation beside decimal, as analysers print PIDs.

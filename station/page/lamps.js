@@ -22,7 +22,7 @@ function breakable(name) {
 export class Lamps {
   constructor(store) {
     this.store = store;
-    this.rows = new Map(); // column -> nodes
+    this.rows = new Map();  // column -> nodes
     this.node = el('div', {class: 'lamps'});
     this.build();
   }
@@ -32,9 +32,12 @@ export class Lamps {
     for (const [priority, title] of kPriorities) {
       const some = checks.filter((check) => check.priority === priority);
       if (!some.length) continue;
-      const head = el('tr', {}, el('th', {scope: 'col'}, el('span', {class: 'unseen', text: 'State'})), el('th', {scope: 'col', text: title}),
-          ...['count', '1 min', 'last'].map((text) => el('th', {scope: 'col', class: 'number', text})));
-      this.node.append(el('table', {}, el('thead', {}, head), el('tbody', {}, ...some.map((check) => this.makeRow(check)))));
+      const head =
+          el('tr', {}, el('th', {scope: 'col'}, el('span', {class: 'unseen', text: 'State'})),
+             el('th', {scope: 'col', text: title}),
+             ...['count', '1 min', 'last'].map((text) => el('th', {scope: 'col', class: 'number', text})));
+      this.node.append(el(
+          'table', {}, el('thead', {}, head), el('tbody', {}, ...some.map((check) => this.makeRow(check)))));
     }
   }
 
@@ -42,7 +45,9 @@ export class Lamps {
     const lamp = el('span', {class: 'sign', role: 'img'});
     const cells = [0, 1, 2].map(() => el('td', {class: 'number'}));
     const name = check.number ? `${check.number} ${check.name}` : check.name;
-    const node = el('tr', {title: visible(check.meaning)}, el('td', {class: 'lamp'}, lamp), el('th', {scope: 'row'}, ...breakable(name)), ...cells);
+    const node =
+        el('tr', {title: visible(check.meaning)}, el('td', {class: 'lamp'}, lamp),
+           el('th', {scope: 'row'}, ...breakable(name)), ...cells);
     this.rows.set(check.column, {node, lamp, cells});
     return node;
   }

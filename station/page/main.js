@@ -1,10 +1,10 @@
 // Starts the page: the store, the header that all views share, and the view that the address names.
 import {Api} from './api.js';
-import {Store} from './store.js';
+import {askToken} from './dialog.js';
 import {el, setAttribute, setClass, setText} from './dom.js';
 import {count, duration, time} from './format.js';
 import {sign} from './state.js';
-import {askToken} from './dialog.js';
+import {Store} from './store.js';
 import {Wall} from './wall.js';
 
 const api = new Api();
@@ -27,7 +27,8 @@ const context = {
 const views = {
   '': async (parameters) => new Wall(main, context, parameters, false),
   wall: async (parameters) => new Wall(main, context, parameters, true),
-  channel: async (parameters, group) => new (await import('./channel.js')).ChannelView(main, context, parameters, group),
+  channel: async (parameters, group) =>
+      new (await import('./channel.js')).ChannelView(main, context, parameters, group),
   events: async (parameters) => new (await import('./events.js')).EventsView(main, context, parameters),
   probe: async () => new (await import('./probe.js')).ProbeView(main, context),
   edit: async (parameters) => new (await import('./edit.js')).EditView(main, context, parameters),
@@ -55,7 +56,7 @@ async function route(first = false) {
     main.replaceChildren(el('p', {class: 'hint', text: `This view could not be shown: ${error.message}`}));
     return;
   }
-  if (mine !== routing) { // another one was asked for meanwhile
+  if (mine !== routing) {  // another one was asked for meanwhile
     view.close();
     return;
   }
@@ -71,9 +72,12 @@ function showSeverities() {
   const list = document.getElementById('severities');
   const severities = store.meta?.severities ?? [];
   if (list.children.length !== severities.length) {
-    list.replaceChildren(...severities.map((severity) => el('li', {},
-        el('a', {href: `#events?severity=${severity}`}, el('span', {class: 'sign', 'aria-hidden': 'true', text: sign(severity)}), ' ',
-            el('b'), el('span', {class: 'severity-name', text: ` ${severity}`})))));
+    list.replaceChildren(...severities.map(
+        (severity) =>
+            el('li', {},
+               el('a', {href: `#events?severity=${severity}`},
+                  el('span', {class: 'sign', 'aria-hidden': 'true', text: sign(severity)}), ' ', el('b'),
+                  el('span', {class: 'severity-name', text: ` ${severity}`})))));
   }
   severities.forEach((severity, place) => {
     const total = store.alarmCounts[severity] ?? 0;
@@ -88,7 +92,8 @@ let loud = -1;
 function announceAlarms() {
   const worst = (store.meta?.severities ?? []).slice(0, 2);
   const total = worst.reduce((sum, severity) => sum + (store.alarmCounts[severity] ?? 0), 0);
-  if (loud >= 0 && total > loud) context.announce(worst.map((s) => `${store.alarmCounts[s]} ${s}`).join(', ') + ' alarms');
+  if (loud >= 0 && total > loud)
+    context.announce(worst.map((s) => `${store.alarmCounts[s]} ${s}`).join(', ') + ' alarms');
   loud = total;
 }
 
@@ -108,13 +113,15 @@ function showConnection() {
   const now = stale.who === 'station' ? Date.now() : store.now();
   const age = stale.since ? duration(Math.max(1000, Math.floor((now - stale.since) / 1000) * 1000)) : '';
   const since = stale.since ? ` since ${time(stale.since)} (${age})` : ' yet';
-  setText(banner, stale.who === 'station' ? `No data from the station${since}. Trying again.`
-    : `No data from the probe${since}. What is shown is old.`);
+  setText(
+      banner,
+      stale.who === 'station' ? `No data from the station${since}. Trying again.` :
+                                `No data from the probe${since}. What is shown is old.`);
   banner.hidden = Date.now() - started < kPatienceMs;
 }
 
 const started = Date.now();
-const kPatienceMs = 1_500; // the first connection may take that long before anybody is told
+const kPatienceMs = 1_500;  // the first connection may take that long before anybody is told
 
 function showTitle() {
   const open = store.alarms.filter((alarm) => !alarm.acknowledged).length;
@@ -125,7 +132,8 @@ function showTitle() {
 function showToken() {
   const node = document.getElementById('token');
   setText(node, api.mayChange ? 'Lock' : 'Unlock');
-  setAttribute(node, 'title', api.mayChange ? 'Forget the token: look only' : 'Enter the token to make changes');
+  setAttribute(
+      node, 'title', api.mayChange ? 'Forget the token: look only' : 'Enter the token to make changes');
 }
 
 document.getElementById('token').addEventListener('click', () => askToken(api));
@@ -154,7 +162,9 @@ store.on('snapshot', () => {
 store.on('meta', showSeverities);
 store.on('alarms', showTitle);
 store.on('connection', showConnection);
-setInterval(() => { if (store.stale()) showConnection(); }, 1_000);
+setInterval(() => {
+  if (store.stale()) showConnection();
+}, 1_000);
 showToken();
 store.start();
 route(true);

@@ -49,7 +49,8 @@ function passesState(store, channel, state) {
 export function placeInOrder(parent, nodes) {
   const focused = parent.contains(document.activeElement) ? document.activeElement : null;
   const wanted = new Set(nodes);
-  for (const node of [...parent.children]) if (!wanted.has(node)) node.remove();
+  for (const node of [...parent.children])
+    if (!wanted.has(node)) node.remove();
   const keep = longestOrdered(parent, nodes);
   let next = null;
   for (let place = nodes.length - 1; place >= 0; place--) {
@@ -57,7 +58,8 @@ export function placeInOrder(parent, nodes) {
     if (!keep.has(node)) parent.insertBefore(node, next);
     next = node;
   }
-  if (focused && focused !== document.activeElement && parent.contains(focused)) focused.focus({preventScroll: true});
+  if (focused && focused !== document.activeElement && parent.contains(focused))
+    focused.focus({preventScroll: true});
 }
 
 // The nodes of a longest increasing subsequence of present places.
@@ -65,7 +67,7 @@ function longestOrdered(parent, nodes) {
   const places = new Map();
   let place = 0;
   for (const child of parent.children) places.set(child, place++);
-  const tails = []; // tails[n]: index of the node that ends the best run of n + 1
+  const tails = [];  // tails[n]: index of the node that ends the best run of n + 1
   const previous = new Array(nodes.length).fill(-1);
   nodes.forEach((node, index) => {
     const at = places.get(node);
@@ -74,8 +76,10 @@ function longestOrdered(parent, nodes) {
     let high = tails.length;
     while (low < high) {
       const middle = (low + high) >> 1;
-      if (places.get(nodes[tails[middle]]) < at) low = middle + 1;
-      else high = middle;
+      if (places.get(nodes[tails[middle]]) < at)
+        low = middle + 1;
+      else
+        high = middle;
     }
     previous[index] = low > 0 ? tails[low - 1] : -1;
     tails[low] = index;

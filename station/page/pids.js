@@ -2,22 +2,29 @@
 import {el, setAttribute, setText} from './dom.js';
 import {count, isKnown, pid, quantity, visible} from './format.js';
 
-const kHeads = ['PID', 'Type', 'Bit rate', 'Share', 'CC errors', 'Lost', 'Scrambled', 'Transport errors', 'PCR errors', 'Picture', 'GOP', 'MOS',
-  'Descriptors'];
+const kHeads = [
+  'PID', 'Type', 'Bit rate', 'Share', 'CC errors', 'Lost', 'Scrambled', 'Transport errors', 'PCR errors',
+  'Picture', 'GOP', 'MOS', 'Descriptors'
+];
 const kNumbers = new Set([2, 4, 5, 6, 7, 8, 9, 10, 11]);
 const kNullPid = 8191;
-const kMostPids = 1000; // rows; a stream with more shows the first
+const kMostPids = 1000;  // rows; a stream with more shows the first
 
 export class Pids {
   constructor(store) {
     this.store = store;
-    this.closed = new Set(); // programs that are folded up
-    this.rows = new Map(); // pid -> nodes
+    this.closed = new Set();  // programs that are folded up
+    this.rows = new Map();    // pid -> nodes
     this.shape = '';
-    const head = el('tr', {}, ...kHeads.map((text, place) => el('th', {scope: 'col', class: kNumbers.has(place) ? 'number' : '', text})));
+    const head =
+        el('tr', {},
+           ...kHeads.map(
+               (text, place) => el('th', {scope: 'col', class: kNumbers.has(place) ? 'number' : '', text})));
     this.table = el('table', {class: 'pids'}, el('thead', {}, head));
     this.none = el('p', {class: 'muted', text: 'Nothing is known of its PIDs.'});
-    this.node = el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Programs and PIDs'}, this.none, this.table);
+    this.node =
+        el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Programs and PIDs'},
+           this.none, this.table);
   }
 
   update(detail) {
@@ -44,14 +51,21 @@ export class Pids {
       own.forEach((record) => listed.add(record));
       sections.push([`pmt${pmt.pid}`, `Program with PMT PID ${pid(pmt.pid)}`, [pmt, ...own]]);
     }
-    const rest = list.filter((record) => record.label === 'UP' || (record.label === 'KP' && !listed.has(record)));
+    const rest =
+        list.filter((record) => record.label === 'UP' || (record.label === 'KP' && !listed.has(record)));
     sections.push(['rest', 'In no program', rest]);
     for (const body of [...this.table.tBodies]) body.remove();
-    for (const [key, title, records] of sections) if (records.length) this.table.append(this.makeSection(key, title, records));
+    for (const [key, title, records] of sections)
+      if (records.length) this.table.append(this.makeSection(key, title, records));
   }
 
   makeSection(key, title, records) {
-    const rows = records.sort((a, b) => (a.label === 'PMT' ? -1 : b.label === 'PMT' ? 1 : a.pid - b.pid)).map((record) => this.makeRow(record));
+    const rows = records.sort(
+                            (a, b) =>
+                                (a.label === 'PMT'     ? -1 :
+                                     b.label === 'PMT' ? 1 :
+                                                         a.pid - b.pid))
+                     .map((record) => this.makeRow(record));
     const toggle = el('button', {type: 'button', 'aria-expanded': 'true'});
     const show = () => {
       const open = !this.closed.has(key);
@@ -64,12 +78,14 @@ export class Pids {
       show();
     });
     show();
-    const head = el('tr', {class: 'program'}, el('th', {colspan: String(kHeads.length), scope: 'rowgroup'}, toggle));
+    const head =
+        el('tr', {class: 'program'}, el('th', {colspan: String(kHeads.length), scope: 'rowgroup'}, toggle));
     return el('tbody', {}, head, ...rows);
   }
 
   makeRow(record) {
-    const cells = kHeads.slice(1).map((_, place) => el('td', {class: kNumbers.has(place + 1) ? 'number' : ''}));
+    const cells =
+        kHeads.slice(1).map((_, place) => el('td', {class: kNumbers.has(place + 1) ? 'number' : ''}));
     const bar = el('span');
     const shareText = el('span');
     cells[2].append(el('span', {class: 'share', 'aria-hidden': 'true'}, bar), shareText);
@@ -88,7 +104,8 @@ export class Pids {
     setText(shareText, percent);
     const width = share === null ? '0' : `${(share * 100).toFixed(1)}%`;
     if (bar.style.width !== width) bar.style.width = width;
-    const errors = ['Continuity_count_error', 'packetsLost', 'packetsScrambled', 'Transport_error', 'PCR_error'];
+    const errors =
+        ['Continuity_count_error', 'packetsLost', 'packetsScrambled', 'Transport_error', 'PCR_error'];
     errors.forEach((column, place) => {
       setText(cells[3 + place], count(record[column]));
       cells[3 + place].classList.toggle('muted', !record[column]);
@@ -96,7 +113,11 @@ export class Pids {
     setText(cells[8], record.pictureWidth ? `${record.pictureWidth} × ${record.pictureHeight}` : '');
     setText(cells[9], record.gopLength ? `${record.gopLength} (${record.gopBFrames} B)` : '');
     setText(cells[10], record.mosScore ? record.mosScore.toFixed(2) : '');
-    setText(cells[11], (record.descriptorTags ?? []).map((tag) => visible(this.store.meta.descriptorTags[tag] ?? `tag ${tag}`)).join(', '));
+    setText(
+        cells[11],
+        (record.descriptorTags ?? [])
+            .map((tag) => visible(this.store.meta.descriptorTags[tag] ?? `tag ${tag}`))
+            .join(', '));
   }
 
   typeText({label, streamType, pid: number}) {

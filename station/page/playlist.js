@@ -6,8 +6,8 @@ const kHash = 35;
 const kMark = new TextEncoder().encode('#EXTM3U');
 
 // Pieces of at most `limit` bytes, each of whole entries: an entry is the '#' lines before an address and the
-// address. The head of the list (its "#EXTM3U" line) stands at the begin of every piece. Works on bytes, since the
-// text may be UTF-8 or Latin-1. An entry larger than a piece is left out and counted in `tooLarge`.
+// address. The head of the list (its "#EXTM3U" line) stands at the begin of every piece. Works on bytes,
+// since the text may be UTF-8 or Latin-1. An entry larger than a piece is left out and counted in `tooLarge`.
 export function cutPlaylist(bytes, limit = kPieceBytes) {
   const entries = entriesOf(bytes);
   const head = entries.head;

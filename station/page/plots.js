@@ -1,13 +1,15 @@
 // The plots of a channel: one a metric, all over the same time, zoomed and read together.
-import {el, setText} from './dom.js';
-import {isKnown, quantity, time, words} from './format.js';
 import {onPaletteChange, palette} from './canvas.js';
+import {el, setText} from './dom.js';
+import {isKnown, quantity, time, visible, words} from './format.js';
 
 // What can be chosen: seconds for ten minutes, or minutes for 24 hours.
 export const kRanges = [
   {name: '10 minutes', resolution: 1, length: 600_000, every: 2_000},
   {name: '24 hours', resolution: 60, length: 86_400_000, every: 30_000},
 ];
+
+const kDesignedFontSize = 14;
 
 let loading = null;
 // The plot library is loaded when it is first needed, as a plain script: it is no module.
@@ -21,13 +23,15 @@ function loadLibrary() {
     const script = el('script', {src: '/lib/dygraph.min.js'});
     script.addEventListener('load', () => {
       const {Dygraph} = window;
-      // The readouts here are the page's own; the library's legend sets style attributes, which the policy forbids.
+      // The readouts here are the page's own; the library's legend sets style attributes, which the policy
+      // forbids.
       Dygraph.PLUGINS = Dygraph.PLUGINS.filter((plugin) => plugin !== Dygraph.Plugins.Legend);
       resolve(Dygraph);
     });
     script.addEventListener('error', () => {
       loading = null;
-      reject(new Error('The plot library is missing: install Debian\'s package libjs-dygraphs beside the station.'));
+      reject(new Error(
+          'The plot library is missing: install Debian\'s package libjs-dygraphs beside the station.'));
     });
     document.head.prepend(sheet);
     document.head.append(script);
@@ -43,22 +47,31 @@ export class Plots {
     this.metrics = metrics;
     this.onPick = onPick;
     this.range = kRanges[0];
-    this.window = null; // [from, to] while zoomed
-    this.mark = null; // ms: the time that the address names
+    this.window = null;  // [from, to] while zoomed
+    this.mark = null;    // ms: the time that the address names
     this.plots = [];
     this.generation = 0;
     this.problem = el('p', {class: 'hint', role: 'status', hidden: true});
     this.grid = el('div', {class: 'plots'});
-    this.node = el('div', {tabindex: '0', role: 'group',
-      'aria-label': 'Plots. Left and right move the cursor, plus and minus zoom, Enter keeps the time in the address, Escape shows all.',
-      on: {keydown: (event) => this.key(event)}}, this.problem, this.grid);
+    this.node =
+        el('div', {
+          tabindex: '0',
+          role: 'group',
+          'aria-label':
+              'Plots. Left and right move the cursor, plus and minus zoom, Enter keeps a time, Escape shows all.',
+          on: {keydown: (event) => this.key(event)}
+        },
+           this.problem, this.grid);
     this.endPalette = onPaletteChange(() => this.restyle());
+    this.resized = () => this.restyle();
+    addEventListener('resize', this.resized);
   }
 
   close() {
     this.generation++;
     clearTimeout(this.timer);
     this.endPalette();
+    removeEventListener('resize', this.resized);
     for (const plot of this.plots) plot.graph?.destroy();
     this.plots = [];
   }
@@ -93,8 +106,11 @@ export class Plots {
     this.plots = this.metrics.map((metric) => {
       const area = el('div', {class: 'plot-area'});
       const readout = el('output');
-      const node = el('section', {class: 'plot', 'aria-label': words(metric.name)},
-          el('div', {class: 'plot-head'}, el('h3', {text: words(metric.name)}), readout), area);
+      const node =
+          el('section', {class: 'plot', 'aria-label': words(metric.name)},
+             el('div', {class: 'plot-head'},
+                el('h3', {text: words(metric.name), title: visible(metric.meaning)}), readout),
+             area);
       this.grid.append(node);
       return {metric, area, readout, graph: null, points: []};
     });
@@ -104,12 +120,14 @@ export class Plots {
   async load(Dygraph, mine) {
     for (const plot of this.plots) {
       const last = plot.points.at(-1);
-      const since = last ? `&since=${new Date(last[0].getTime() - 2_000 * this.range.resolution).toISOString()}` : '';
+      const since =
+          last ? `&since=${new Date(last[0].getTime() - 2_000 * this.range.resolution).toISOString()}` : '';
       let answer;
       try {
-        answer = await this.api.get(`channels/${this.group}/history?metric=${plot.metric.name}&resolution=${this.range.resolution}${since}`);
+        answer = await this.api.get(`channels/${encodeURIComponent(this.group)}/history?metric=${
+            plot.metric.name}&resolution=${this.range.resolution}${since}`);
       } catch {
-        break; // the banner says what is wrong; the next turn tries again
+        break;  // the banner says what is wrong; the next turn tries again
       }
       if (mine !== this.generation) return;
       this.take(Dygraph, plot, answer);
@@ -119,12 +137,15 @@ export class Plots {
 
   reload(Dygraph, mine) {
     if (mine !== this.generation) return;
-    if (document.hidden) this.timer = setTimeout(() => this.reload(Dygraph, mine), this.range.every);
-    else this.load(Dygraph, mine);
+    if (document.hidden)
+      this.timer = setTimeout(() => this.reload(Dygraph, mine), this.range.every);
+    else
+      this.load(Dygraph, mine);
   }
 
   take(Dygraph, plot, {points}) {
-    const fresh = points.map(([at, low, mean, high]) => [new Date(at), isKnown(mean) ? [low, mean, high] : [null, null, null]]);
+    const fresh = points.map(
+        ([at, low, mean, high]) => [new Date(at), isKnown(mean) ? [low, mean, high] : [null, null, null]]);
     if (fresh.length) {
       const from = fresh[0][0].getTime();
       const kept = plot.points.filter(([at]) => at.getTime() < from);
@@ -134,8 +155,10 @@ export class Plots {
       setText(plot.readout, 'no history yet');
       return;
     }
-    if (plot.graph) plot.graph.updateOptions({file: plot.points, dateWindow: this.dateWindow()});
-    else plot.graph = this.makeGraph(Dygraph, plot);
+    if (plot.graph)
+      plot.graph.updateOptions({file: plot.points, dateWindow: this.dateWindow()});
+    else
+      plot.graph = this.makeGraph(Dygraph, plot);
     if (!this.cursor) this.read(plot, null);
   }
 
@@ -163,10 +186,7 @@ export class Plots {
       animatedZooms: false,
       dateWindow: this.dateWindow(),
       ...this.colours(),
-      axes: {
-        x: {pixelsPerLabel: 70, axisLabelFormatter: (at) => axisTime(at, this.range.resolution)},
-        y: {axisLabelWidth: 62, pixelsPerLabel: 28, axisLabelFormatter: (value) => quantity(Number(value.toPrecision(6)), unit)},
-      },
+      ...this.sizes(plot),
       xRangePad: 0,
       zoomCallback: (from, to) => this.zoom(plot.graph && plot.graph.isZoomed() ? [from, to] : null),
       highlightCallback: (event, at) => this.point(at),
@@ -178,11 +198,37 @@ export class Plots {
 
   colours() {
     const {line, grid, text} = palette();
-    return {colors: [line], gridLineColor: grid, axisLineColor: grid, axisLineWidth: 1, rangeSelectorForegroundStrokeColor: text};
+    return {
+      colors: [line],
+      gridLineColor: grid,
+      axisLineColor: grid,
+      axisLineWidth: 1,
+      rangeSelectorForegroundStrokeColor: text
+    };
+  }
+
+  // The library reckons in pixels; the page's text grows with the screen.
+  sizes({metric: {unit}}) {
+    const scale = parseFloat(getComputedStyle(document.documentElement).fontSize) / kDesignedFontSize;
+    return {
+      axisLabelFontSize: Math.round(10 * scale),
+      axes: {
+        x: {
+          pixelsPerLabel: 70 * scale,
+          axisLabelWidth: 60 * scale,
+          axisLabelFormatter: (at) => axisTime(at, this.range.resolution),
+        },
+        y: {
+          pixelsPerLabel: 28 * scale,
+          axisLabelWidth: 64 * scale,
+          axisLabelFormatter: (value) => quantity(Number(value.toPrecision(6)), unit),
+        },
+      },
+    };
   }
 
   restyle() {
-    for (const {graph} of this.plots) graph?.updateOptions(this.colours());
+    for (const plot of this.plots) plot.graph?.updateOptions({...this.colours(), ...this.sizes(plot)});
   }
 
   drawMark(context, area, graph) {
@@ -214,8 +260,10 @@ export class Plots {
     for (const plot of this.plots) {
       if (!plot.graph) continue;
       const row = at === null ? -1 : this.rowAt(plot, at);
-      if (row >= 0) plot.graph.setSelection(row - plot.graph.getLeftBoundary_());
-      else plot.graph.clearSelection();
+      if (row >= 0)
+        plot.graph.setSelection(row - plot.graph.getLeftBoundary_());
+      else
+        plot.graph.clearSelection();
       this.read(plot, row >= 0 ? plot.points[row] : null);
     }
   }
@@ -226,8 +274,10 @@ export class Plots {
     let high = points.length;
     while (low < high) {
       const middle = (low + high) >> 1;
-      if (points[middle][0].getTime() <= at) low = middle + 1;
-      else high = middle;
+      if (points[middle][0].getTime() <= at)
+        low = middle + 1;
+      else
+        high = middle;
     }
     return low - 1;
   }
@@ -239,7 +289,9 @@ export class Plots {
     if (!chosen) return;
     const [low, mean, high] = chosen[1];
     const {unit, counter} = plot.metric;
-    const band = !counter && isKnown(low) && low !== high ? ` (${quantity(low, unit)} to ${quantity(high, unit)})` : '';
+    const band = !counter && isKnown(low) && low !== high ?
+        ` (${quantity(low, unit)} to ${quantity(high, unit)})` :
+        '';
     const at = point || this.mark !== null ? `${time(chosen[0])}  ` : '';
     setText(plot.readout, at + (isKnown(mean) ? quantity(round(mean), unit) + band : 'unknown'));
   }
@@ -251,7 +303,8 @@ export class Plots {
     const {points} = first;
     const step = {ArrowLeft: -1, ArrowRight: 1, PageUp: -30, PageDown: 30}[event.key];
     if (step !== undefined) {
-      const row = this.cursor === undefined || this.cursor === null ? points.length - 1 : this.rowAt(first, this.cursor);
+      const row = this.cursor === undefined || this.cursor === null ? points.length - 1 :
+                                                                      this.rowAt(first, this.cursor);
       this.point(points[Math.min(points.length - 1, Math.max(0, row + step))][0].getTime());
     } else if (event.key === '+' || event.key === '-') {
       const [from, to] = this.dateWindow();
@@ -263,7 +316,8 @@ export class Plots {
     } else if (event.key === 'Escape') {
       this.point(null);
       this.zoom(null);
-    } else return;
+    } else
+      return;
     event.preventDefault();
   }
 }

@@ -18,8 +18,11 @@ export class ProbeView {
     this.notes = el('ul', {class: 'outside'});
     this.notesPanel = panel('Notes on configuration and playlists', this.notes);
     this.notesPanel.hidden = true;
-    root.replaceChildren(el('div', {class: 'view'}, el('h1', {text: 'The probe'}),
-        el('div', {class: 'live-data view'}, panel('Probe', this.probe), panel('Station', this.station), this.use), this.notesPanel));
+    root.replaceChildren(
+        el('div', {class: 'view'}, el('h1', {text: 'The probe'}),
+           el('div', {class: 'live-data view'}, panel('Probe', this.probe), panel('Station', this.station),
+              this.use),
+           this.notesPanel));
     this.end = store.on('snapshot', () => this.show());
     this.timer = setInterval(() => this.load(), kUseMs);
     this.show();
@@ -74,7 +77,9 @@ export class ProbeView {
       sum += value;
       known++;
     }
-    return known && store.probe.connected ? `${quantity(sum, store.unit('bitRate'))} in ${count(known)} channels` : '–';
+    return known && store.probe.connected ?
+        `${quantity(sum, store.unit('bitRate'))} in ${count(known)} channels` :
+        '–';
   }
 
   async load() {
@@ -111,8 +116,10 @@ export class ProbeView {
     const plain = Object.fromEntries(Object.entries(use).filter(([, value]) => typeof value !== 'object'));
     this.showPart('What the station uses', plain);
     for (const [name, value] of Object.entries(use)) {
-      if (Array.isArray(value)) value.forEach((part, place) => this.showPart(`${words(name)} ${place + 1}`, part));
-      else if (value && typeof value === 'object') this.showPart(words(name), value);
+      if (Array.isArray(value))
+        value.forEach((part, place) => this.showPart(`${words(name)} ${place + 1}`, part));
+      else if (value && typeof value === 'object')
+        this.showPart(words(name), value);
     }
   }
 
@@ -125,8 +132,10 @@ export class ProbeView {
     }
     for (const [name, value] of Object.entries(part)) {
       const unit = kUnits.find(([pattern]) => pattern.test(name))?.[1] ?? '';
-      const text = typeof value === 'boolean' ? (value ? 'yes' : 'no') : value === null ? 'none' : quantity(value, unit);
-      this.set(list, words(name), text);
+      const text = typeof value === 'boolean' ? (value ? 'yes' : 'no') :
+          value === null                      ? 'none' :
+                                                quantity(value, unit);
+      this.set(list, words(name.replace(/(?<=.)(Bytes|Ms|Seconds)$/, '')), text);
     }
   }
 }

@@ -6,7 +6,8 @@ export function drawSpark(canvas, values) {
   if (!width) return;
   context.clearRect(0, 0, width, height);
   let highest = 0;
-  for (const value of values) if (value > highest) highest = value;
+  for (const value of values)
+    if (value > highest) highest = value;
   const {line, fill} = palette();
   const step = width / (values.length - 1);
   const room = height - 3;

@@ -2,12 +2,12 @@
 //
 // Topics that can be listened to: "channels" (set, names, labels), "snapshot" (each second), "alarms",
 // "overview" (strips and sparklines were loaded), "connection" (live or not), "meta".
-import {EventStream} from './stream.js';
 import {parseTime} from './format.js';
+import {EventStream} from './stream.js';
 
 export const kSparkCells = 60;
-const kSparkMs = 5_000; // of a cell
-const kStripReloadMs = 60_000; // a strip's cell is five minutes
+const kSparkMs = 5_000;         // of a cell
+const kStripReloadMs = 60_000;  // a strip's cell is five minutes
 const kHelloMs = 20_000;
 const kWorkerAnswerMs = 3_000;
 
@@ -40,16 +40,16 @@ export class Store {
   constructor(api) {
     this.api = api;
     this.listeners = new Map();
-    this.channels = new Map(); // by group
+    this.channels = new Map();  // by group
     this.alarms = [];
     this.alarmsByGroup = new Map();
     this.meta = null;
     this.probe = null;
     this.alarmCounts = {};
-    this.index = {}; // name of a field -> its place in a row
+    this.index = {};  // name of a field -> its place in a row
     this.number = -1;
     this.connection = {live: false, since: Date.now()};
-    this.clockAhead = 0; // ms that the station's clock is ahead of this browser's
+    this.clockAhead = 0;  // ms that the station's clock is ahead of this browser's
     this.sparkSlot = 0;
     this.sparkSum = new Map();
     this.channelsVersion = null;
@@ -104,7 +104,8 @@ export class Store {
   // One stream for all tabs, by a shared worker; where there is none, a stream of this tab's own.
   connect() {
     const alone = () => {
-      this.stream = new EventStream((name, text) => this.heard(name, text), (connection) => this.connected(connection));
+      this.stream =
+          new EventStream((name, text) => this.heard(name, text), (connection) => this.connected(connection));
     };
     if (!window.SharedWorker) {
       alone();
@@ -121,8 +122,10 @@ export class Store {
     setTimeout(fallBack, kWorkerAnswerMs);
     worker.port.onmessage = ({data}) => {
       answered = true;
-      if (data.connection) this.connected(data.connection);
-      else this.heard(data.name, data.text);
+      if (data.connection)
+        this.connected(data.connection);
+      else
+        this.heard(data.name, data.text);
     };
     const hello = () => worker.port.postMessage('hello');
     hello();
@@ -134,7 +137,7 @@ export class Store {
   connected(connection) {
     const back = connection.live && !this.connection.live;
     this.connection = connection;
-    if (back && this.loaded) { // the station may be another one since
+    if (back && this.loaded) {  // the station may be another one since
       this.channelsVersion = null;
       this.loadMeta();
       this.loadOverview();
@@ -144,8 +147,10 @@ export class Store {
 
   heard(name, text) {
     const data = JSON.parse(text);
-    if (name === 'snapshot') this.takeSnapshot(data);
-    else if (name === 'alarm') this.takeAlarms(data.alarms);
+    if (name === 'snapshot')
+      this.takeSnapshot(data);
+    else if (name === 'alarm')
+      this.takeAlarms(data.alarms);
     else if (name === 'channels' && data.version !== this.channelsVersion) {
       this.channelsVersion = data.version;
       this.loadChannels();
@@ -165,7 +170,7 @@ export class Store {
     const before = new Set(this.channels.keys());
     for (const row of data.channels) {
       const channel = this.channels.get(row[0]);
-      if (!channel) continue; // its description is on the way
+      if (!channel) continue;  // its description is on the way
       channel.row = row;
       before.delete(row[0]);
     }
@@ -212,7 +217,7 @@ export class Store {
     try {
       list = await this.api.get('channels');
     } catch {
-      this.channelsVersion = null; // the next connection asks again
+      this.channelsVersion = null;  // the next connection asks again
       if (!this.loaded) setTimeout(() => this.loadChannels(), 2_000);
     }
     this.channelsAsked = false;
@@ -225,8 +230,10 @@ export class Store {
     for (const info of list) {
       gone.delete(info.group);
       const channel = this.channels.get(info.group);
-      if (channel) channel.describe(info);
-      else this.channels.set(info.group, new Channel(info));
+      if (channel)
+        channel.describe(info);
+      else
+        this.channels.set(info.group, new Channel(info));
     }
     for (const group of gone) this.channels.delete(group);
     this.rankNames();
@@ -239,7 +246,9 @@ export class Store {
   rankNames() {
     const list = [...this.channels.values()];
     list.sort((a, b) => names.compare(a.info.name, b.info.name) || a.groupNumber - b.groupNumber);
-    list.forEach((channel, rank) => { channel.nameRank = rank; });
+    list.forEach((channel, rank) => {
+      channel.nameRank = rank;
+    });
   }
 
   async loadMeta() {

@@ -2,7 +2,7 @@
 
 const kUrl = '/api/v1/stream';
 const kEvents = ['snapshot', 'alarm', 'channels'];
-const kSilenceMs = 10_000; // a snapshot comes each second: silence for so long is a dead connection
+const kSilenceMs = 10_000;  // a snapshot comes each second: silence for so long is a dead connection
 const kFirstWaitMs = 500;
 const kLongestWaitMs = 4_000;
 

@@ -2,10 +2,10 @@
 // joins gets the newest of each kind at once.
 import {EventStream} from './stream.js';
 
-const kForgetMs = 180_000; // hidden tabs may run a timer only once a minute
+const kForgetMs = 180_000;  // hidden tabs may run a timer only once a minute
 
-const ports = new Map(); // port -> when it was last heard of
-const newest = new Map(); // event name -> text
+const ports = new Map();   // port -> when it was last heard of
+const newest = new Map();  // event name -> text
 let stream = null;
 
 function send(port, message) {
@@ -15,19 +15,19 @@ function send(port, message) {
 function toAll(message) {
   const now = Date.now();
   for (const [port, heard] of ports) {
-    if (now - heard > kForgetMs) ports.delete(port);
-    else send(port, message);
+    if (now - heard > kForgetMs)
+      ports.delete(port);
+    else
+      send(port, message);
   }
   if (ports.size === 0) stop();
 }
 
 function start() {
-  stream ??= new EventStream(
-      (name, text) => {
-        newest.set(name, text);
-        toAll({name, text});
-      },
-      (connection) => toAll({connection}));
+  stream ??= new EventStream((name, text) => {
+    newest.set(name, text);
+    toAll({name, text});
+  }, (connection) => toAll({connection}));
 }
 
 function stop() {

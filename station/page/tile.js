@@ -1,18 +1,23 @@
 // One channel on the wall, as a tile or as a row of the table.
 //
 // Both are made in two steps: a frame with name and state, which every channel has, and a body with
-// everything else, which only those have that are near the screen. Bodies are lent out and taken back, so that
-// their number is that of a screen and not that of the channels.
+// everything else, which only those have that are near the screen. Bodies are lent out and taken back, so
+// that their number is that of a screen and not that of the channels.
+import {forgetSize} from './canvas.js';
 import {el, setClass, setText} from './dom.js';
 import {count, isKnown, quantity, visible} from './format.js';
 import {drawSpark} from './spark.js';
-import {drawStrip, stripText} from './strip.js';
-import {forgetSize} from './canvas.js';
 import {look, sign, stateText} from './state.js';
+import {drawStrip, stripText} from './strip.js';
 
 function measure(label, unseen) {
   const value = el('b');
-  return {value, node: el('span', {class: 'measure'}, el('span', {class: unseen ? 'unseen' : 'label', text: `${label} `}), value)};
+  return {
+    value,
+    node:
+        el('span', {class: 'measure'}, el('span', {class: unseen ? 'unseen' : 'label', text: `${label} `}),
+           value)
+  };
 }
 
 function makeParts(asRow) {
@@ -44,9 +49,13 @@ export function makeTileBody() {
 export function makeRowBody() {
   const parts = makeParts(true);
   parts.nodes = [
-    el('td', {class: 'number'}, parts.bitRate.value), el('td', {}, parts.spark),
-    el('td', {class: 'number'}, parts.lost.value), el('td', {class: 'number'}, parts.continuity.value),
-    el('td', {class: 'number'}, parts.quality.value), el('td', {}, parts.strip), el('td', {}, parts.alarms),
+    el('td', {class: 'number'}, parts.bitRate.value),
+    el('td', {}, parts.spark),
+    el('td', {class: 'number'}, parts.lost.value),
+    el('td', {class: 'number'}, parts.continuity.value),
+    el('td', {class: 'number'}, parts.quality.value),
+    el('td', {}, parts.strip),
+    el('td', {}, parts.alarms),
   ];
   return parts;
 }
@@ -64,11 +73,13 @@ export class Tile {
     this.link = el('a', {href: `#channel/${channel.group}`, tabindex: '-1'});
     if (asRow) {
       this.link.append(this.name);
-      this.node = el('tr', {}, el('td', {class: 'state'}, this.sign, ' ', this.state),
-          el('th', {scope: 'row'}, this.link), el('td', {}, this.group));
+      this.node =
+          el('tr', {}, el('td', {class: 'state'}, this.sign, ' ', this.state),
+             el('th', {scope: 'row'}, this.link), el('td', {}, this.group));
       this.holder = this.node;
     } else {
-      this.link.append(el('span', {class: 'tile-line head'}, this.sign, this.state, this.name),
+      this.link.append(
+          el('span', {class: 'tile-line head'}, this.sign, this.state, this.name),
           el('span', {class: 'tile-line small'}, this.group));
       this.node = el('li', {}, this.link);
       this.holder = this.link;
@@ -95,8 +106,10 @@ export class Tile {
     const acknowledged = state === 'alarm' && this.store.value(this.channel, 'unacknowledged') === 0;
     setText(this.sign, sign(look(state, severity)));
     setText(this.state, stateText(state, severity) + (silenced ? ', maintenance' : ''));
-    setClass(this.node, `${this.asRow ? 'row' : 'tile'} is-${look(state, severity)}` +
-        (silenced ? ' silenced' : '') + (acknowledged ? ' acknowledged' : ''));
+    setClass(
+        this.node,
+        `${this.asRow ? 'row' : 'tile'} is-${look(state, severity)}` + (silenced ? ' silenced' : '') +
+            (acknowledged ? ' acknowledged' : ''));
   }
 
   fill(parts) {
@@ -158,7 +171,8 @@ export class Tile {
   drawStrip() {
     const {parts, channel, store} = this;
     drawStrip(parts.strip, channel.strip);
-    const text = channel.strip && store.meta ? stripText(channel.strip, store.meta.stripCells) : 'no history yet';
+    const text =
+        channel.strip && store.meta ? stripText(channel.strip, store.meta.stripCells) : 'no history yet';
     if (parts.strip.getAttribute('aria-label') !== text) parts.strip.setAttribute('aria-label', text);
   }
 

@@ -1,16 +1,18 @@
 // The wall: a tile or a table row for every channel.
+import {onPaletteChange} from './canvas.js';
 import {el, setAttribute, setText} from './dom.js';
 import {count} from './format.js';
-import {onPaletteChange} from './canvas.js';
-import {kSparkCells} from './store.js';
-import {sign} from './state.js';
-import {Tile, makeRowBody, makeTileBody} from './tile.js';
 import {arrange, kOrders, placeInOrder} from './order.js';
+import {sign} from './state.js';
+import {kSparkCells} from './store.js';
+import {makeRowBody, makeTileBody, Tile} from './tile.js';
 
 const kNearScreen = '300px';
-const kFirstPicture = 'kestor-wall'; // a performance mark: every channel has its tile
-const kColumns = ['State', 'Name', 'Group', 'Bit rate', `Last ${kSparkCells * 5 / 60} min`, 'Lost, 1 min', 'CC, 1 min',
-  'Quality', 'Last 8 h', 'Alarms'];
+const kFirstPicture = 'kestor-wall';  // a performance mark: every channel has its tile
+const kColumns = [
+  'State', 'Name', 'Group', 'Bit rate', `Last ${kSparkCells * 5 / 60} min`, 'Lost, 1 min', 'CC, 1 min',
+  'Quality', 'Last 8 h', 'Alarms'
+];
 
 export class Wall {
   // `kiosk`: tiles alone, without controls.
@@ -21,9 +23,9 @@ export class Wall {
     this.kiosk = kiosk;
     this.filter = Object.fromEntries(parameters);
     this.asTable = this.filter.view === 'table';
-    this.tiles = new Map(); // channel -> Tile
-    this.near = new Set(); // tiles that are filled
-    this.free = []; // bodies that no tile uses
+    this.tiles = new Map();  // channel -> Tile
+    this.near = new Set();   // tiles that are filled
+    this.free = [];          // bodies that no tile uses
     this.observer = new IntersectionObserver((entries) => this.seen(entries), {rootMargin: kNearScreen});
     this.build();
     const {store} = this;
@@ -35,7 +37,9 @@ export class Wall {
       store.on('meta', () => this.update()),
       onPaletteChange(() => this.each((tile) => tile.draw())),
     ];
-    this.onVisible = () => { if (!document.hidden) this.update(); };
+    this.onVisible = () => {
+      if (!document.hidden) this.update();
+    };
     document.addEventListener('visibilitychange', this.onVisible);
     this.resizes = new ResizeObserver(() => this.each((tile) => tile.resized()));
     this.resizes.observe(this.list);
@@ -58,7 +62,8 @@ export class Wall {
     this.hint = el('p', {class: 'hint', role: 'status', text: 'Asking the station …'});
     this.holder = el('div', {class: 'live-data'});
     this.buildList();
-    this.root.replaceChildren(...(this.kiosk ? [el('h1', {class: 'unseen', text: 'All channels'})] : [this.makeControls()]),
+    this.root.replaceChildren(
+        ...(this.kiosk ? [el('h1', {class: 'unseen', text: 'All channels'})] : [this.makeControls()]),
         this.hint, this.holder);
   }
 
@@ -66,8 +71,9 @@ export class Wall {
     if (this.asTable) {
       this.list = el('tbody');
       const head = el('tr', {}, ...kColumns.map((text) => el('th', {scope: 'col', text})));
-      this.holder.replaceChildren(el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Table of channels'},
-          el('table', {class: 'wall-table'}, el('thead', {}, head), this.list)));
+      this.holder.replaceChildren(
+          el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Table of channels'},
+             el('table', {class: 'wall-table'}, el('thead', {}, head), this.list)));
     } else {
       this.list = el('ul', {class: 'tiles', 'aria-label': 'Channels'});
       this.holder.replaceChildren(this.list);
@@ -77,10 +83,17 @@ export class Wall {
   }
 
   makeControls() {
-    this.search = el('input', {type: 'search', placeholder: 'Search name, group, label', 'aria-label': 'Search channels',
-      value: this.filter.q ?? '', spellcheck: 'false', 'aria-keyshortcuts': '/'});
+    this.search = el('input', {
+      type: 'search',
+      placeholder: 'Search name, group, label',
+      'aria-label': 'Search channels',
+      value: this.filter.q ?? '',
+      spellcheck: 'false',
+      'aria-keyshortcuts': '/'
+    });
     this.search.addEventListener('input', () => this.choose({q: this.search.value}));
-    this.sort = el('select', {'aria-label': 'Order'}, ...kOrders.map(([value, text]) => el('option', {value, text})));
+    this.sort =
+        el('select', {'aria-label': 'Order'}, ...kOrders.map(([value, text]) => el('option', {value, text})));
     this.sort.value = this.filter.sort ?? 'trouble';
     this.sort.addEventListener('change', () => this.choose({sort: this.sort.value}));
     this.label = el('select', {'aria-label': 'Label'});
@@ -88,8 +101,9 @@ export class Wall {
     this.states = el('div', {class: 'choices', role: 'group', 'aria-label': 'State'});
     this.viewButton = el('button', {type: 'button', on: {click: () => this.toggleTable()}});
     this.nameViewButton();
-    return el('div', {class: 'controls', role: 'search'}, el('h1', {class: 'unseen', text: 'Channels'}), this.search, this.states,
-        this.label, this.sort, this.viewButton);
+    return el(
+        'div', {class: 'controls', role: 'search'}, el('h1', {class: 'unseen', text: 'Channels'}),
+        this.search, this.states, this.label, this.sort, this.viewButton);
   }
 
   nameViewButton() {
@@ -121,8 +135,10 @@ export class Wall {
 
   channelsChanged() {
     for (const [channel, tile] of this.tiles) {
-      if (this.store.channels.get(channel.group) === channel) tile.describe();
-      else this.drop(channel, tile);
+      if (this.store.channels.get(channel.group) === channel)
+        tile.describe();
+      else
+        this.drop(channel, tile);
     }
     this.updateLabels();
     this.update(true);
@@ -139,11 +155,15 @@ export class Wall {
   updateLabels() {
     if (this.kiosk) return;
     const labels = new Set();
-    for (const channel of this.store.channels.values()) for (const label of channel.labelTexts) labels.add(label);
+    for (const channel of this.store.channels.values())
+      for (const label of channel.labelTexts) labels.add(label);
     this.label.hidden = labels.size === 0;
     const sorted = [...labels].sort().slice(0, 500);
-    this.label.replaceChildren(el('option', {value: '', text: 'all labels'}),
-        ...sorted.map((label) => el('option', {value: label, text: label.length > 40 ? `${label.slice(0, 40)}…` : label})));
+    this.label.replaceChildren(
+        el('option', {value: '', text: 'all labels'}),
+        ...sorted.map(
+            (label) =>
+                el('option', {value: label, text: label.length > 40 ? `${label.slice(0, 40)}…` : label})));
     this.label.value = labels.has(this.filter.label) ? this.filter.label : '';
   }
 
@@ -190,7 +210,10 @@ export class Wall {
     }
     const total = this.store.channels.size;
     this.hint.hidden = nodes.length > 0;
-    setText(this.hint, total ? 'No channel is like that.' : 'No channels yet. Add some under Edit, or in the configuration.');
+    setText(
+        this.hint,
+        total ? 'No channel is like that.' :
+                'No channels yet. Add some under Edit, or in the configuration.');
   }
 
   tileOf(channel) {
@@ -226,13 +249,20 @@ export class Wall {
       counts.set(state, (counts.get(state) ?? 0) + 1);
       if (this.store.value(channel, 'unacknowledged') > 0) open++;
     }
-    const choices = [['', 'all', this.store.channels.size], ...this.store.meta.states.map((state) => [state, state, counts.get(state) ?? 0]),
-      ['new', 'not acknowledged', open]];
+    const choices = [
+      ['', 'all', this.store.channels.size],
+      ...this.store.meta.states.map((state) => [state, state, counts.get(state) ?? 0]),
+      ['new', 'not acknowledged', open]
+    ];
     if (!this.choices) {
       this.choices = new Map(choices.map(([value, text]) => {
         const number = el('b');
-        const mark = this.store.meta.states.includes(value) ? el('span', {class: 'sign', 'aria-hidden': 'true', text: `${sign(value)} `}) : null;
-        const node = el('button', {type: 'button', on: {click: () => this.choose({state: value})}}, mark, `${text} `, number);
+        const mark = this.store.meta.states.includes(value) ?
+            el('span', {class: 'sign', 'aria-hidden': 'true', text: `${sign(value)} `}) :
+            null;
+        const node =
+            el('button', {type: 'button', on: {click: () => this.choose({state: value})}}, mark, `${text} `,
+               number);
         return [value, {node, number}];
       }));
       this.states.replaceChildren(...[...this.choices.values()].map(({node}) => node));
@@ -257,7 +287,14 @@ export class Wall {
     if (!node || event.altKey || event.ctrlKey || event.metaKey) return;
     const nodes = [...this.list.children];
     const columns = this.asTable ? 1 : getComputedStyle(this.list).gridTemplateColumns.split(' ').length;
-    const steps = {ArrowRight: 1, ArrowLeft: -1, ArrowDown: columns, ArrowUp: -columns, Home: -nodes.length, End: nodes.length};
+    const steps = {
+      ArrowRight: 1,
+      ArrowLeft: -1,
+      ArrowDown: columns,
+      ArrowUp: -columns,
+      Home: -nodes.length,
+      End: nodes.length
+    };
     const step = steps[event.key];
     if (step === undefined) return;
     event.preventDefault();
