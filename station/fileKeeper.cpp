@@ -13,6 +13,7 @@
 #include <stdexcept>
 
 #include "channels/fileWatch.h"
+#include "channels/textFile.h"
 #include "common/log.h"
 
 namespace station {
@@ -34,6 +35,7 @@ struct FileKeeper::Implementation {
 
     std::shared_ptr<const Configuration> configuration;  // the last good one
     std::map<std::filesystem::path, Playlist> lastGood;  // playlists as they were last read
+    std::filesystem::path stateDirectory;                // another one needs a restart
     LogOnChange saveTrouble;
     std::map<std::filesystem::path, LogOnChange> playlistTrouble;
     SteadyTime saveAgain{};
@@ -66,40 +68,80 @@ struct FileKeeper::Implementation {
         if (!result.mistakes.empty()) {
             for (const Mistake& mistake : result.mistakes) {
                 files.refusals.push_back(mistake.message());
+                if (configuration) {
+                    log(LogLevel::kWarning, mistake.message() + "; the last good configuration holds");
+                }
             }
             return;
         }
         options.override(result.configuration);
         configuration = std::make_shared<const Configuration>(std::move(result.configuration));
         files.configuration = configuration;
+        if (stateDirectory.empty()) {
+            stateDirectory = configuration->state;
+        }
     }
 
     void loadPlaylists(LoadedFiles& files) {
         for (const PlaylistSource& source : configuration->playlists) {
             std::string problem;
-            std::optional<Playlist> playlist = readPlaylist(source.file, problem);
-            const auto known = lastGood.find(source.file);
-            if (!playlist) {
-                std::string text = "playlist " + source.file.string() + " " + problem;
-                if (known != lastGood.end()) {
-                    text += "; its last good list of " + std::to_string(known->second.channels.size()) +
-                            " channels holds";
-                }
-                playlistTrouble[source.file].say(LogLevel::kWarning, text);
-                files.refusals.push_back(text);
-            } else {
+            if (std::optional<Playlist> playlist = readPlaylist(source.file, problem)) {
                 playlistTrouble[source.file].over("playlist " + source.file.string() + ": read, " +
                                                   std::to_string(playlist->channels.size()) + " channels");
                 for (const PlaylistNote& note : playlist->notes) {
                     files.notes.push_back(source.file.filename().string() + ":" + std::to_string(note.line) +
                                           ": " + note.text);
                 }
+                keepCopy(source.file);
                 lastGood[source.file] = std::move(*playlist);
+            } else {
+                files.refusals.push_back(whatHolds(source.file, problem));
+                playlistTrouble[source.file].say(LogLevel::kWarning, files.refusals.back());
             }
             if (const auto good = lastGood.find(source.file); good != lastGood.end()) {
                 files.playlists.emplace_back(source, good->second);
             }
         }
+    }
+
+    // Where a copy of a playlist is kept for a start at which the playlist itself cannot be read: a share
+    // that is not mounted yet must not end the watching of its channels.
+    std::filesystem::path copyOf(const std::filesystem::path& file) const {
+        std::string name = file.string();
+        std::ranges::replace(name, '/', '-');
+        constexpr std::size_t kLongest = 200;  // the end of a path tells it best
+        return stateDirectory / "playlists" / name.substr(name.size() - std::min(name.size(), kLongest));
+    }
+
+    void keepCopy(const std::filesystem::path& file) {
+        std::error_code error;
+        const std::filesystem::path copy = copyOf(file);
+        std::filesystem::create_directories(copy.parent_path(), error);
+        std::string problem;
+        const std::string bytes = readTextFile(file, kPlaylistLimit, problem);
+        std::string noCopy;
+        if (problem.empty() && readTextFile(copy, kPlaylistLimit, noCopy) != bytes) {
+            problem = replaceTextFile(copy, bytes);
+        }
+        if (!problem.empty()) {
+            log(LogLevel::kWarning, "no copy of " + file.string() + " is kept: " + problem);
+        }
+    }
+
+    // Says why a playlist cannot be read, and takes up its copy where nothing was read before.
+    std::string whatHolds(const std::filesystem::path& file, const std::string& problem) {
+        std::string noCopy;
+        if (!lastGood.contains(file)) {
+            if (std::optional<Playlist> copy = readPlaylist(copyOf(file), noCopy)) {
+                lastGood[file] = std::move(*copy);
+            }
+        }
+        const std::string text = "playlist " + file.string() + " " + problem;
+        const auto known = lastGood.find(file);
+        return known == lastGood.end()
+                   ? text
+                   : text + "; its last good list of " + std::to_string(known->second.channels.size()) +
+                         " channels holds";
     }
 
     void watchFiles() {
@@ -122,9 +164,6 @@ struct FileKeeper::Implementation {
             askers.swap(reloads);
         }
         LoadedFiles files = load();
-        for (const std::string& refusal : files.refusals) {
-            log(LogLevel::kWarning, refusal);
-        }
         for (const auto& asker : askers) {
             asker(files);
         }
@@ -142,7 +181,7 @@ struct FileKeeper::Implementation {
             channels.swap(toSave);
             askers.swap(saved);
         }
-        const std::string problem = RuntimeChannelFile(configuration->state).save(*channels);
+        const std::string problem = RuntimeChannelFile(stateDirectory).save(*channels);
         if (problem.empty()) {
             saveTrouble.over("the channels added at run time are on the disk again");
         } else {
@@ -154,7 +193,7 @@ struct FileKeeper::Implementation {
                 toSave = std::move(channels);
             }
         }
-        for (const auto& asker : askers) {
+        for (const auto& asker : last ? decltype(askers){} : askers) {
             asker(problem);
         }
     }
@@ -175,7 +214,6 @@ struct FileKeeper::Implementation {
             bool reload = !watch.changed().empty();
             while (const uint32_t signal = takeSignal()) {
                 if (signal != SIGHUP) {
-                    saveNow(true);
                     return;
                 }
                 log(LogLevel::kInfo, "SIGHUP: reading the configuration and the playlists again");
@@ -218,6 +256,10 @@ LoadedFiles FileKeeper::load() {
 
 void FileKeeper::run(Mailbox& mailbox) {
     implementation_->run(mailbox);
+}
+
+void FileKeeper::saveLast() {
+    implementation_->saveNow(true);
 }
 
 void FileKeeper::reload(std::function<void(const LoadedFiles&)> done) {

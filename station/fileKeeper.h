@@ -29,8 +29,10 @@ class FileKeeper {
     // Reads everything; `refusals` tells all mistakes.
     LoadedFiles load();
 
-    // Serves until SIGTERM or SIGINT, then writes what is still to be saved.
+    // Serves until SIGTERM or SIGINT.
     void run(Mailbox& mailbox);
+    // Writes what is still to be saved; nobody who asked for it is there any more to be told.
+    void saveLast();
 
     // Any thread, at once. `done` is called on the main thread: with what was odd, or with what went wrong.
     void reload(std::function<void(const LoadedFiles&)> done);

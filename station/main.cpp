@@ -129,6 +129,7 @@ int run(const CLI::App& app, const Arguments& arguments) {
         keeper.run(mailbox);
         mailbox.stop();
     }
+    keeper.saveLast();
     return 0;
 }
 

@@ -1,11 +1,7 @@
 #include "station.h"
 
 #include <systemd/sd-daemon.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
-#include <ctime>
 #include <mutex>
 #include <thread>
 
@@ -16,6 +12,8 @@
 #include "eventDesk.h"
 #include "probe/controller.h"
 #include "probe/pipeReader.h"
+#include "probeWatch.h"
+#include "processUse.h"
 #include "store/influx.h"
 #include "watchedChannel.h"
 #include "web/server.h"
@@ -27,39 +25,11 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kTick = 1s;
-constexpr auto kRequestsOverdue = 2s;
-constexpr auto kSnapshotsOverdue = 3s;
 // So long without a turn of the loop, and it was this process that stood still, not the probe.
 constexpr auto kStandstill = 2500ms;
 constexpr auto kMeasuresUse = 5s;
 constexpr std::size_t kNotesShown = 100;
 constexpr std::size_t kTokenLimit = 4096;  // bytes
-
-double threadCpuMs() {
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
-}
-
-double processCpuSeconds() {
-    timespec time{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
-uint64_t residentBytes() {
-    unsigned long long total = 0;
-    unsigned long long resident = 0;
-    FILE* file = fopen("/proc/self/statm", "re");
-    if (file == nullptr) {
-        return 0;
-    }
-    if (fscanf(file, "%llu %llu", &total, &resident) != 2) {
-        resident = 0;
-    }
-    fclose(file);
-    return resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-}
 
 // A channel that nothing is known of is not without signal: only an alarm says so.
 StripCell stripCell(const ChannelSample& sample, ChannelStatus status) {
@@ -94,13 +64,9 @@ struct Station::Implementation : StationInterface {
     EventDesk desk;
     std::map<Group, WatchedChannel> watched;
     std::shared_ptr<const records::Snapshot> lastRecords;
-    ProbeState probe;
-    SteadyTime lastRequest;
-    SteadyTime lastSnapshot;
-    SteadyTime awakeSince = std::chrono::steady_clock::now();
-    bool probeKnown = false;  // it was connected since the start
-    bool scanning = false;
+    ProbeWatch probe{std::chrono::steady_clock::now()};
     std::optional<bool> passiveAsked;
+    std::optional<std::chrono::milliseconds> latencyAsked;
     StationUse use;
     SteadyTime useMeasured;
     uint64_t stateNumber = 0;
@@ -274,7 +240,7 @@ struct Station::Implementation : StationInterface {
         }
         controller->want(std::move(wanted));
         controller->setPassive(passiveAsked ? passiveAsked : configuration->passive);
-        controller->setIgmpLatency(configuration->igmpLatency);
+        controller->setIgmpLatency(latencyAsked ? latencyAsked : configuration->igmpLatency);
     }
 
     // The loop.
@@ -286,7 +252,7 @@ struct Station::Implementation : StationInterface {
             Mailbox::Letters letters = mailbox.takeUntil(tickAt);
             const Now now = systemNow();
             if (now.steady - tickAt > kStandstill) {
-                awakeSince = now.steady;
+                probe.wokeUp(now.steady);
             }
             bool news = handle(letters, now);
             if (now.steady >= tickAt || news) {
@@ -321,18 +287,20 @@ struct Station::Implementation : StationInterface {
 
     void finishCycle(const Now& now) {
         std::vector<AlarmChange> changes;
-        const bool silent = now.steady - std::max(lastRequest, awakeSince) > kRequestsOverdue ||
-                            now.steady - std::max(lastSnapshot, awakeSince) > kSnapshotsOverdue;
-        engine.tick(silent, now, changes);
+        // As long as nothing is known, a probe that was silent still is.
+        const bool stillSilent =
+            !probe.heard() && std::ranges::any_of(engine.active(), [](const Alarm& alarm) {
+                return alarmTypes()[alarm.type].name == "probe_silent";
+            });
+        engine.tick(probe.silent(now.steady) || stillSilent, now, changes);
         take(changes, now);
-        const bool connected = !silent && probe.lastRequest != WallTime{} && probe.lastSnapshot != WallTime{};
-        if (connected != probe.connected) {
-            probe.connected = connected;
-            desk.record(
-                connected ? Event{.kind = EventKind::kProbeCame, .text = "the probe asks and shows snapshots"}
-                          : Event{.kind = EventKind::kProbeWent, .text = whySilent(now)},
-                now);
-            log(LogLevel::kNotice, connected ? "the probe asks and shows snapshots" : whySilent(now));
+        if (probe.updateConnected(now.steady)) {
+            const bool connected = probe.state().connected;
+            const std::string text = connected ? "the probe asks and shows snapshots"
+                                               : probe.whySilent(now.steady, configuration->pipe.string());
+            desk.record({.kind = connected ? EventKind::kProbeCame : EventKind::kProbeWent, .text = text},
+                        now);
+            log(LogLevel::kNotice, text);
         }
         alarmsVersion += desk.tick(engine.active(), book.channels(), now) ? 1 : 0;
         if (now.steady - useMeasured > kMeasuresUse) {
@@ -343,21 +311,10 @@ struct Station::Implementation : StationInterface {
         publish(now);
     }
 
-    std::string whySilent(const Now& now) const {
-        if (now.steady - lastRequest > kRequestsOverdue) {
-            return "no request from the probe for more than 2 s: is kestor -s running?";
-        }
-        return "no snapshot from the probe for more than 3 s: does something else read " +
-               configuration->pipe.string() + "?";
-    }
-
     void handleReport(const Controller::Report& report) {
-        lastRequest = report.time.steady;
-        probe.lastRequest = report.time.wall;
-        probe.sequence = report.sequence;
-        ++probe.requests;
+        const bool scanned = probe.scanning();
+        probe.request(report);
         if (report.event == ProbeLink::Event::kRestarted) {
-            ++probe.restarts;
             log(LogLevel::kWarning, "the probe was restarted; it is told all channels again");
             desk.record({.kind = EventKind::kProbeRestarted, .text = "the probe was restarted"}, report.time);
             std::vector<AlarmChange> changes;
@@ -367,24 +324,21 @@ struct Station::Implementation : StationInterface {
         if (report.cleared) {
             engine.countersCleared(report.time);
         }
-        if (report.scanning != scanning) {
-            scanning = report.scanning;
+        if (report.scanning != scanned) {
             log(LogLevel::kWarning,
-                scanning ? "the probe scans (kestor -c): channels wait until it monitors (kestor -s)"
-                         : "the probe monitors");
+                report.scanning ? "the probe scans (kestor -c): channels wait until it monitors (kestor -s)"
+                                : "the probe monitors");
         }
     }
 
     void handleSnapshot(RawSnapshot&& raw) {
         const double cpuBefore = threadCpuMs();
         const Now now = raw.ended;
-        lastSnapshot = now.steady;
-        probe.lastSnapshot = now.wall;
-        probe.snapshotBytes = raw.text.size();
-        ++probe.snapshots;
+        probe.snapshot(raw);
         const auto snapshot = std::make_shared<const records::Snapshot>(
             records::parseSnapshot(std::move(raw.text), [&](std::size_t line, const std::string& problem) {
-                if (probe.droppedLines++ == 0) {
+                probe.droppedLine();
+                if (probe.state().droppedLines == 1) {
                     log(LogLevel::kWarning,
                         "a line of the snapshot is no record and dropped, as all like it will be: "
                         "line " +
@@ -496,7 +450,7 @@ struct Station::Implementation : StationInterface {
     }
 
     ProbeState probeState() const {
-        ProbeState state = probe;
+        ProbeState state = probe.state();
         state.droppedSnapshots = mailbox.droppedSnapshots();
         if (reader) {
             const PipeReader::Statistics statistics = reader->statistics();
@@ -513,9 +467,7 @@ struct Station::Implementation : StationInterface {
     std::shared_ptr<const ChannelState> channelState(WatchedChannel& channel, const Now& now) const {
         auto state = std::make_shared<ChannelState>(ChannelState{channel.channel});
         state->alarms = engine.activeOf(channel.channel.group);
-        const bool fresh =
-            probe.connected && channel.sample && now.steady - channel.sampleTime <= kSnapshotsOverdue;
-        state->shown = fresh;
+        state->shown = channel.sample && probe.fresh(channel.sampleTime, now.steady);
         if (channel.sample) {
             state->sample = *channel.sample;
             state->stream = channel.stream;
@@ -603,7 +555,8 @@ struct Station::Implementation : StationInterface {
     }
 
     void act(const SetIgmpLatency& action, const Reply& reply) {
-        controller->setIgmpLatency(action.latency);
+        latencyAsked = action.latency;
+        tellController();
         reply({});
     }
 

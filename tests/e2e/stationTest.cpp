@@ -148,7 +148,7 @@ TEST(Station, WatchesAPlaylistAndRaisesWhatACutCableMeans) {
 
 TEST(Station, BringsTheListBackToAProbeThatWasKilled) {
     write(kPlaylist, playlistEntry(kA, "A") + playlistEntry(kB, "B"));
-    const Station station(kWatchPlaylist);
+    Station station(kWatchPlaylist);
     std::optional<Process> kestor(std::vector<std::string>{"kestor", "-s"});
     const auto traffic = liveTraffic(kA);
     ASSERT_TRUE(eventually([] { return state(kA) == "ok" && igmpMember(kB); }));
@@ -165,14 +165,22 @@ TEST(Station, BringsTheListBackToAProbeThatWasKilled) {
     kestor->kill(SIGSTOP);
     EXPECT_TRUE(eventually([] { return raised("probe_silent", "").size() == 1; }));
     EXPECT_NE(state(kA), "ok");
+    // Nor does it come back by a restart of the station.
+    const std::size_t silences = events("raised", "probe_silent");
+    station.process->kill(SIGKILL);
+    station.start();
+    EXPECT_TRUE(eventually([] { return raised("probe_silent", "").size() == 1; }));
+    std::this_thread::sleep_for(1500ms);
+    EXPECT_EQ(raised("probe_silent", "").size(), 1U);
     kestor->kill(SIGCONT);
     EXPECT_TRUE(eventually([] { return raised("probe_silent", "").empty() && state(kA) == "ok"; }));
+    EXPECT_EQ(events("raised", "probe_silent"), silences);
     EXPECT_EQ(occurrences(kestor->out(), "Dodaje kanal: 239.1.1.1\n"), 1U);
 }
 
 TEST(Station, TellsTheProbeOnlyWhatHasChanged) {
     write(kPlaylist, playlistEntry(kA, "A") + playlistEntry(kB, "B"));
-    const Station station(kWatchPlaylist);
+    Station station(kWatchPlaylist);
     const Process kestor({"kestor", "-s"});
     ASSERT_TRUE(eventually([] { return igmpMember(kA) && igmpMember(kB); }));
 
@@ -198,6 +206,14 @@ TEST(Station, TellsTheProbeOnlyWhatHasChanged) {
     EXPECT_TRUE(station.says("station.toml:3"));
     EXPECT_TRUE(eventually([] { return events("configuration_refused") > 0; }));
     EXPECT_TRUE(igmpMember(kC));
+
+    // A start at which the list is gone takes up the last good one.
+    station.process->kill(SIGKILL);
+    std::filesystem::remove(kPlaylist);
+    write("/tmp/station.toml", kWatchPlaylist);
+    station.start();
+    EXPECT_TRUE(eventually([] { return channel(kA).value("name", "") == "A renamed"; }));
+    EXPECT_TRUE(igmpMember(kA) && igmpMember(kC));
 }
 
 TEST(Station, IsWhatKestorctlSpeaksTo) {

@@ -1,0 +1,36 @@
+#include "processUse.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+
+namespace station {
+
+double threadCpuMs() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
+}
+
+double processCpuSeconds() {
+    timespec time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+uint64_t residentBytes() {
+    unsigned long long total = 0;
+    unsigned long long resident = 0;
+    FILE* file = fopen("/proc/self/statm", "re");
+    if (file == nullptr) {
+        return 0;
+    }
+    if (fscanf(file, "%llu %llu", &total, &resident) != 2) {
+        resident = 0;
+    }
+    fclose(file);
+    return resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+}  // namespace station
