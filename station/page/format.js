@@ -5,7 +5,7 @@ const kUnknown = '–';
 // Decimal prefixes for rates, binary ones for sizes.
 const kRates = [[1e9, 'G'], [1e6, 'M'], [1e3, 'k']];
 const kSizes = [[2 ** 40, 'Ti'], [2 ** 30, 'Gi'], [2 ** 20, 'Mi'], [2 ** 10, 'Ki']];
-const kPlainUnits = new Set(['packet', 'frame', 'pixel']);
+const kCountedThings = /^[a-z]{4,}$/;  // "packet", "error", "frame": the number says enough
 
 const counts = new Intl.NumberFormat('en', {maximumFractionDigits: 0});
 
@@ -38,7 +38,7 @@ export function quantity(value, unit = '') {
   if (unit === 'bit/s') return prefixed(value, unit, kRates);
   if (unit === 'byte') return prefixed(value, 'B', kSizes);
   const text = Number.isInteger(value) ? counts.format(value) : digits(value);
-  if (!unit || kPlainUnits.has(unit)) return text;
+  if (!unit || kCountedThings.test(unit)) return text;
   return `${text} ${unit.replace('^2', '²')}`;
 }
 

@@ -212,6 +212,7 @@ export class Plots {
     const scale = parseFloat(getComputedStyle(document.documentElement).fontSize) / kDesignedFontSize;
     return {
       axisLabelFontSize: Math.round(10 * scale),
+      xAxisHeight: Math.round(24 * scale),
       axes: {
         x: {
           pixelsPerLabel: 70 * scale,
@@ -292,7 +293,7 @@ export class Plots {
     const band = !counter && isKnown(low) && low !== high ?
         ` (${quantity(low, unit)} to ${quantity(high, unit)})` :
         '';
-    const at = point || this.mark !== null ? `${time(chosen[0])}  ` : '';
+    const at = point || this.mark !== null ? `${time(chosen[0])} · ` : '';
     setText(plot.readout, at + (isKnown(mean) ? quantity(round(mean), unit) + band : 'unknown'));
   }
 

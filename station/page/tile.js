@@ -79,7 +79,7 @@ export class Tile {
       this.holder = this.node;
     } else {
       this.link.append(
-          el('span', {class: 'tile-line head'}, this.sign, this.state, this.name),
+          el('span', {class: 'tile-line head'}, this.sign, this.state, ' ', this.name),
           el('span', {class: 'tile-line small'}, this.group));
       this.node = el('li', {}, this.link);
       this.holder = this.link;

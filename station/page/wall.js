@@ -203,7 +203,7 @@ export class Wall {
     const channels = arrange(this.store, this.filter);
     const nodes = channels.map((channel) => this.tileOf(channel).node);
     placeInOrder(this.list, nodes);
-    if (!this.list.querySelector('a[tabindex="0"]') && nodes.length) this.rove(nodes[0].tile.link);
+    if (nodes.length && !this.list.contains(document.activeElement)) this.rove(nodes[0].tile.link);
     if (!this.measured) {
       this.measured = true;
       performance.mark(kFirstPicture);
