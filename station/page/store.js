@@ -107,12 +107,14 @@ export class Store {
       this.stream =
           new EventStream((name, text) => this.heard(name, text), (connection) => this.connected(connection));
     };
-    if (!window.SharedWorker) {
+    let answered = false;
+    let worker;
+    try {
+      worker = new SharedWorker('/page/streamWorker.js', {type: 'module', name: 'kestor'});
+    } catch {  // there are none in this browser, or none are allowed
       alone();
       return;
     }
-    let answered = false;
-    const worker = new SharedWorker('/page/streamWorker.js', {type: 'module', name: 'kestor'});
     const fallBack = () => {
       if (answered || this.stream) return;
       worker.port.close();
