@@ -243,7 +243,9 @@ std::vector<ChannelRow> channelRows(const StationState& state) {
     for (const auto& channel : state.channels) {
         ChannelRow& row = rows.emplace_back();
         row.state = channel.get();
-        row.stream = !stale && channel->shown ? channel->stream : nullptr;
+        // A probe that fell silent shows nothing; what it showed last stands for a while.
+        const bool stands = channel->shown || (!state.probe.connected && channel->channel.enabled);
+        row.stream = !stale && stands ? channel->stream : nullptr;
         appendLabel(row.labels, "group", channel->channel.group.text());
         appendLabel(row.labels, "channel", channel->channel.name);
     }

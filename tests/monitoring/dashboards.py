@@ -3,10 +3,12 @@
     dashboards.py               the files alone
     dashboards.py URL [TIME]    and what a Prometheus at that URL answers, at that time
 """
+import functools
 import json
 import re
 import sys
 import time
+import urllib.error
 import urllib.parse
 import urllib.request
 from pathlib import Path
@@ -48,7 +50,7 @@ def check_variables(board):
         require(variable["type"] in ("datasource", "query"), variable)
         if variable["type"] == "query":
             require(variable["datasource"] == SOURCE and variable["refresh"] in (1, 2), variable["name"])
-            require(re.fullmatch(r"label_(values|names)\(.+\)", variable["query"]["query"]), variable["query"])
+            require(re.fullmatch(r"label_names\(\)|(label_values|query_result)\(.+\)", variable["query"]["query"]), variable["query"])
     used = set(re.findall(r"\$\{?(\w+)", json.dumps(board)))
     require(used <= set(names) | BUILT_IN, board["uid"], "uses unknown variables", used - set(names) - BUILT_IN)
 
@@ -110,8 +112,11 @@ class Prometheus:
 
     def get(self, path, **parameters):
         query = urllib.parse.urlencode(parameters, doseq=True)
-        with urllib.request.urlopen(f"{self.url}/api/v1/{path}?{query}", timeout=10) as answer:
-            body = json.load(answer)
+        try:
+            with urllib.request.urlopen(f"{self.url}/api/v1/{path}?{query}", timeout=10) as answer:
+                body = json.load(answer)
+        except urllib.error.HTTPError as error:
+            raise AssertionError(f"{path} {parameters}: {error.read().decode()}") from error
         require(body["status"] == "success", body)
         return body["data"]
 
@@ -132,12 +137,20 @@ def fill(text, values):
     return re.sub(r"\$\{?(\w+)\}?", lambda match: values[match[1]], text)
 
 
-def variable_values(server, query, values):
-    kind, argument = re.fullmatch(r"label_(values|names)\((.+)\)", fill(query, values)).groups()
-    if kind == "names":
-        return server.get("labels", **{"match[]": argument})
-    metric, label = argument.rsplit(", ", 1)
-    return server.get(f"label/{label}/values", **{"match[]": metric})
+def variable_values(server, variable, values):
+    """What Grafana offers: the query's texts as far as the regex takes them."""
+    function, argument = re.fullmatch(r"(\w+)\((.*)\)", fill(variable["query"]["query"], values)).groups()
+    if function == "label_names":
+        offered = server.get("labels")
+    elif function == "label_values":
+        metric, label = argument.rsplit(", ", 1)
+        offered = server.get(f"label/{label}/values", **{"match[]": metric})
+    else:
+        offered = ["{" + ",".join(f'{name}="{value}"' for name, value in one["metric"].items()) + "}"
+                   for one in server.instant(argument)]
+    pattern = re.compile(variable["regex"].strip("/").replace("(?<", "(?P<") or "(?P<value>.*)")
+    matches = [match for match in map(pattern.search, offered) if match]
+    return [match["value"] if "value" in pattern.groupindex else match[1] for match in matches]
 
 
 def check_answer(name, panel, target, series):
@@ -165,36 +178,58 @@ def check_table(name, panel, answers):
     require(overrides <= renamed, name, "formats columns that are not there:", overrides - renamed)
 
 
+def check_variable(server, variable, values):
+    offered = variable_values(server, variable, values)
+    wanted = values[variable["name"]]
+    require(offered and (wanted == ".*" or wanted in offered), variable["name"], "offers", offered)
+
+
+def check_panel_queries(server, board, panel, values, at, alarm_at):
+    name = (board["uid"], panel["title"])
+    answers = {}
+    for target in panel["targets"]:
+        expression = fill(target["expr"], values)
+        moment = alarm_at if "alarm" in expression else at
+        series = server.range(expression, at) if panel["type"] in RANGE else server.instant(expression, moment)
+        check_answer(name, panel, target, series)
+        answers[target["refId"]] = series
+    if panel["type"] == "table":
+        check_table(name, panel, answers)
+
+
+def check_annotation(server, board, annotation, values, at):
+    require(server.range(fill(annotation["expr"], values), at), board["uid"], "has no annotation", annotation["name"])
+
+
+def checks_of(server, board, values, at, alarm_at):
+    for variable in board["templating"]["list"]:
+        if variable["type"] == "query":
+            yield functools.partial(check_variable, server, variable, values)
+    for annotation in board["annotations"]["list"]:
+        # The one probe that may be chosen is not the one that fell silent.
+        if "probe_silent" not in annotation["expr"] or values["probe"] == ".*":
+            yield functools.partial(check_annotation, server, board, annotation, values, at)
+    for panel in panels(board):
+        yield functools.partial(check_panel_queries, server, board, panel, values, at, alarm_at)
+
+
 def check_queries(server, boards, at, choices, alarm_at):
-    """`choices`: values for the variables by name, one after the other. What tells of raised alarms is asked at
-    `alarm_at`, when there was one. Returns how many queries were asked."""
+    """`choices`: values for the variables by name, one after the other; ".*" stands for all, and for the last choice's
+    where a dashboard has no all. What tells of raised alarms is asked at `alarm_at`, when there was one. Returns how many checks were made."""
     asked = 0
+    problems = []
     for board in boards:
-        for values in choices:
-            for variable in board["templating"]["list"]:
-                if variable["type"] == "query":
-                    offered = variable_values(server, variable["query"]["query"], values)
-                    pattern = variable["regex"].strip("/") or ".*"
-                    wanted = values[variable["name"]].replace("\\", "")
-                    require([one for one in offered if re.fullmatch(pattern, one)], variable["name"], "offers nothing")
-                    require(wanted == ".*" or wanted in offered, variable["name"], "offers", offered)
-            for annotation in board["annotations"]["list"]:
-                if "probe_silent" not in annotation["expr"] or values["probe"] == ".*":
-                    require(server.range(fill(annotation["expr"], values), at), board["uid"], "has no annotation")
+        for choice in choices:
+            single = {v["name"] for v in board["templating"]["list"] if not v["includeAll"]}
+            values = {name: choices[-1][name] if name in single and value == ".*" else value
+                      for name, value in choice.items()}
+            for check in checks_of(server, board, values, at, alarm_at):
                 asked += 1
-            for panel in panels(board):
-                name = (board["uid"], panel["title"])
-                answers = {}
-                for target in panel["targets"]:
-                    expression = fill(target["expr"], values)
-                    moment = alarm_at if "alarm" in expression else at
-                    series = (server.range(expression, at) if panel["type"] in RANGE
-                              else server.instant(expression, moment))
-                    check_answer(name, panel, target, series)
-                    answers[target["refId"]] = series
-                    asked += 1
-                if panel["type"] == "table":
-                    check_table(name, panel, answers)
+                try:
+                    check()
+                except AssertionError as error:
+                    problems.append(str(error))
+    require(not problems, "\n".join(sorted(set(problems))))
     return asked
 
 

@@ -230,6 +230,8 @@ TEST(StationMetrics, LeaveOutWhatIsNotKnown) {
     }
     EXPECT_THAT(metricsOf(station), Contains(key("stream_packets_total")));
 
+    station.channel->shown = false;
+    EXPECT_THAT(metricsOf(station), Not(Contains(key("stream_packets_total"))));
     station.state.probe.connected = false;
     station.state.probe.lastSnapshot = kTime - seconds(10);
     EXPECT_THAT(metricsOf(station),

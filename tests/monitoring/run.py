@@ -1,0 +1,270 @@
+#!/usr/bin/env python3
+"""run.py BIN_DIRECTORY: the monitoring end to end, in a network of its own (about 80 s).
+
+Three probes, each with its station in a network of its own; one Prometheus with the rules, one Alertmanager, and a
+VictoriaMetrics that Prometheus writes to, all of them Debian's (scripts/install-servers.sh). A cable is cut and mended, a
+probe falls silent, every stored value is held against its record, and every query of the dashboards is answered.
+"""
+import contextlib
+import json
+import os
+import shutil
+import subprocess
+import sys
+import time
+import urllib.request
+from pathlib import Path
+
+import yaml
+
+import dashboards
+from dashboards import Prometheus, require
+
+ROOT = Path(__file__).parents[2]
+SERVERS = ROOT / "build" / "servers" / "usr" / "bin"
+NETNS = ROOT / "scripts" / "netns.sh"
+SKIPPED = 77  # for ctest
+WORK = Path("/tmp/monitoring")  # of this network alone
+PROBES = ["north-1", "north-2", "south-1"]
+STREAM_COLUMNS = {
+    "packets_total": "packetsReceived", "lost_packets_total": "packetsLost",
+    "out_of_sequence_packets_total": "packetsOutOfSequence", "scrambled_packets_total": "packetsScrambled",
+    "bitrate_bps": "bitRate", "delay_factor_seconds": ("mdiDelayFactor", 1000),
+    "interarrival_seconds": ("jitterMeanInterArrival", 1000), "jitter_variance": "jitterVariance",
+    "quality_index": "transportQualityIndex", "ttl": "ttl", "dscp": "dscp", "wrong_source": "wrongSource",
+    "join_latency_seconds": ("igmpLatency", 1000)}
+PID_COLUMNS = {
+    "packets_total": "packetsReceived", "lost_packets_total": "packetsLost",
+    "continuity_errors_total": "Continuity_count_error", "scrambled_packets_total": "packetsScrambled",
+    "bitrate_bps": "bitRate", "picture_width_pixels": "pictureWidth", "picture_height_pixels": "pictureHeight",
+    "gop_frames": "gopLength", "mos": "mosScore"}
+
+
+# What runs in a probe's own network.
+
+def probe_side(number, bin_directory):
+    """A probe on encoded channels with its station; does what standard input says: cut, mend, stop, go."""
+    while subprocess.run(["ip", "link", "show", "uplink"], capture_output=True).returncode != 0:
+        time.sleep(0.1)
+    subprocess.run(["ip", "-batch", "-"], check=True, text=True,
+                   input=f"address add 10.98.{number}.2/24 dev uplink\nlink set uplink up\n")
+    WORK.mkdir()
+    configuration = WORK / "station.toml"
+    configuration.write_text(f"""
+        instance = "{PROBES[number]}"
+        listen = "10.98.{number}.2:9427"
+        socket = "{WORK}/station.sock"
+        state_dir = "{WORK}/state"
+        [[channel]]
+        group = "239.1.1.1"
+        name = 'News "HD"'
+        labels = {{ site = "north", "a-b" = "x" }}
+        [[channel]]
+        group = "239.1.1.2"
+        enabled = {"true" if number == 0 else "false"}
+        [[webhook]]
+        url = "http://10.98.{number}.1:9093"
+        format = "alertmanager"
+        max_per_minute = 600
+        """)
+    encoders = ([ROOT / "scripts" / "demo-channels.sh"] if number == 0 else
+                ["ffmpeg", "-nostdin", "-v", "error", "-re", "-f", "lavfi", "-i", "testsrc2=size=320x180:rate=25",
+                 "-c:v", "libx264", "-preset", "ultrafast", "-g", "25", "-threads", "1", "-f", "mpegts", "-muxrate", "600k",
+                 "-flush_packets", "0",
+                 "udp://239.1.1.1:5000?pkt_size=1316&localaddr=10.99.0.2&ttl=8&bitrate=600000&burst_bits=10528"])
+    quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL}
+    subprocess.Popen(encoders, **quiet)
+    probe = subprocess.Popen([bin_directory / "kestor", "-s"], **quiet)
+    subprocess.Popen([bin_directory / "kestor-station", "--config", configuration], **quiet)
+    orders = {"cut": ["ip", "link", "set", "feed0", "down"], "mend": ["ip", "link", "set", "feed0", "up"],
+              "stop": ["kill", "-STOP", str(probe.pid)], "go": ["kill", "-CONT", str(probe.pid)]}
+    for order in sys.stdin:
+        subprocess.run(orders[order.strip()], check=True)
+
+
+class Probe:
+    def __init__(self, number, bin_directory):
+        self.address = f"10.98.{number}.2:9427"
+        self.process = subprocess.Popen([NETNS, sys.executable, __file__, "--probe", str(number), bin_directory],
+                                        stdin=subprocess.PIPE, text=True)
+        self._connect(number)
+
+    def _connect(self, number):
+        """Lays a cable to the process that is in the probe's network."""
+        inner = wait_for(lambda: self._inner(), 10, "the probe's network")
+        subprocess.run(["ip", "-batch", "-"], check=True, text=True, input=(
+            f"link add up{number} type veth peer name uplink netns {inner}\n"
+            f"address add 10.98.{number}.1/24 dev up{number}\nlink set up{number} up\n"))
+
+    def _inner(self):
+        for entry in Path("/proc").glob("[0-9]*"):
+            with contextlib.suppress(OSError):
+                arguments = (entry / "cmdline").read_bytes().split(b"\0")
+                if arguments[0] == sys.executable.encode() and __file__.encode() in arguments and (
+                        arguments[3:4] == [self.process.args[4].encode()]):
+                    return entry.name
+        return None
+
+    def order(self, text):
+        self.process.stdin.write(text + "\n")
+        self.process.stdin.flush()
+
+    def get(self, path):
+        with urllib.request.urlopen(f"http://{self.address}{path}", timeout=5) as answer:
+            return answer.read().decode()
+
+
+# What runs in the network of the servers.
+
+def wait_for(condition, seconds, what):
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        with contextlib.suppress(OSError):
+            if result := condition():
+                return result
+        time.sleep(0.2)
+    raise AssertionError(f"no {what} within {seconds} s")
+
+
+def start_servers(probes):
+    """The examples as they are shipped, but for addresses and a faster pace."""
+    shutil.copytree(ROOT / "monitoring", WORK)
+    configuration = yaml.safe_load((WORK / "prometheus.yml").read_text())
+    configuration["global"].update(scrape_interval="1s", scrape_timeout="1s", evaluation_interval="1s")
+    configuration["remote_write"] = [{"url": "http://127.0.0.1:8428/api/v1/write",
+                                      "queue_config": {"batch_send_deadline": "1s"}}]
+    (WORK / "prometheus.yml").write_text(yaml.safe_dump(configuration))
+    (WORK / "targets" / "probes.yml").write_text(yaml.safe_dump(
+        [{"targets": [probe.address], "labels": {"probe": name}} for name, probe in zip(PROBES, probes)]))
+    commands = [
+        ["prometheus-alertmanager", f"--config.file={WORK}/alertmanager.yml", f"--storage.path={WORK}/am",
+         "--web.listen-address=:9093", "--cluster.listen-address="],
+        ["victoria-metrics", f"-storageDataPath={WORK}/vm", "-httpListenAddr=127.0.0.1:8428"],
+        ["prometheus", f"--config.file={WORK}/prometheus.yml", f"--storage.tsdb.path={WORK}/tsdb",
+         "--web.listen-address=127.0.0.1:9090"]]
+    for command in commands:
+        log = open(WORK / f"{command[0]}.log", "w")
+        subprocess.Popen([SERVERS / command[0], *command[1:]], stdout=log, stderr=log)
+    return Prometheus("http://127.0.0.1:9090"), Prometheus("http://127.0.0.1:8428")
+
+
+def alerts(**labels):
+    """Alertmanager's active alerts with these labels."""
+    with urllib.request.urlopen("http://127.0.0.1:9093/api/v2/alerts?active=true", timeout=5) as answer:
+        return [alert for alert in json.load(answer)
+                if labels.items() <= alert["labels"].items()]
+
+
+def check_format(probe):
+    """Prometheus' own checker has nothing to say about names, help texts and escapes."""
+    text = probe.get("/metrics")
+    checked = subprocess.run([SERVERS / "promtool", "check", "metrics"], input=text, capture_output=True, text=True)
+    require(checked.returncode == 0 and not checked.stdout + checked.stderr, checked.stdout + checked.stderr)
+    require(r'channel="News \"HD\""' in text and 'label_a_b="x"' in text, "names are not escaped")
+
+
+def cut_and_mend(server, probe):
+    """Returns a moment at which alarms were raised."""
+    of_station = {"alertname": "no_signal", "instance": PROBES[0], "group": "239.1.1.1"}
+    of_prometheus = {"alertname": "KestorChannelNoSignal", "probe": PROBES[0], "group": "239.1.1.1"}
+    feed = {"alertname": "KestorFeedDown", "probe": PROBES[0]}
+    require(not alerts(**of_station) and not alerts(**of_prometheus), "there is an alert already")
+    probe.order("cut")
+    began = time.monotonic()
+    wait_for(lambda: alerts(**of_station), 10, "alert of the station's own")
+    wait_for(lambda: alerts(**of_prometheus), 15, "alert of Prometheus")
+    print(f"both alerts {time.monotonic() - began:.1f} s after the cut")
+    require(alerts(**of_prometheus)[0]["labels"]["severity"] == "critical", "the severity is lost")
+    wait_for(lambda: alerts(**feed), 25, "alert for the feed")
+    moment = time.time()
+    probe.order("mend")
+    began = time.monotonic()
+    for what in (of_station, of_prometheus, feed):
+        wait_for(lambda: not alerts(**what), 30, f"end of {what}")
+    print(f"all resolved {time.monotonic() - began:.1f} s after the cable was mended")
+    require(server.instant('count_over_time(ALERTS{alertname="KestorChannelNoSignal",alertstate="firing"}[2m])'),
+            "Prometheus does not remember the alert")
+    return moment
+
+
+def compare(stored, record, prefix, columns):
+    """Values that are not known yet are left out; all others equal the record's column."""
+    compared = 0
+    for name, column in columns.items():
+        column, divisor = column if isinstance(column, tuple) else (column, 1)
+        value = stored.pop(prefix + name, None)
+        known = 0 < record[column] < 2**63  # a latency wraps around where a packet came before the join
+        require(value is not None or not known, prefix + name, "is missing:", record[column])
+        require(value is None or value == record[column] / divisor, prefix + name, value, record[column])
+        compared += value is not None
+    return compared
+
+
+def check_values(server, probe, name):
+    """Holds what Prometheus has of a stopped probe against the records that the station shows."""
+    probe.order("stop")
+    time.sleep(3.5)  # the last snapshot is taken and scraped
+    compared = 0
+    for group in ("239.1.1.1", "239.1.1.2"):
+        channel = json.loads(probe.get(f"/api/v1/channels/{group}"))
+        series = server.instant(f'{{__name__=~"kestor_(stream|pid|tr101290)_.+",probe="{name}",group="{group}"}}')
+        require({one["metric"]["channel"] for one in series} == {channel["name"]}, "wrong channel")
+        records = {None: channel["stream"]} | {str(pid["pid"]): pid for pid in channel["pids"] if pid["label"] != "UP"}
+        for pid, record in records.items():
+            of_record = [one for one in series if one["metric"].get("pid") == pid]
+            checks = [one for one in of_record if "check" in one["metric"]]
+            for one in checks:
+                require(float(one["value"][1]) == record[one["metric"]["check"]], one, record)
+            require(pid is not None or len(checks) == 16, group, "has checks", len(checks), sorted({(one["metric"]["__name__"], one["metric"].get("pid")) for one in series}, key=str))
+            stored = {one["metric"]["__name__"]: float(one["value"][1]) for one in of_record if one not in checks}
+            compared += len(checks) + compare(stored, record, *(("kestor_pid_", PID_COLUMNS) if pid else
+                                                               ("kestor_stream_", STREAM_COLUMNS)))
+            require(set(stored) <= {"kestor_pid_info", "kestor_stream_state"}, "unexpected", set(stored))
+        require(not [one for one in series if one["metric"].get("pid") not in records], "series of unknown PIDs")
+    probe.order("go")
+    require(compared > 100, "compared only", compared)
+    print(compared, "stored values equal their records' columns")
+
+
+def main(bin_directory):
+    began = time.monotonic()
+    boards = dashboards.load()
+    dashboards.check_files(boards)
+    probes = [Probe(number, bin_directory) for number in range(len(PROBES))]
+    server, store = start_servers(probes)
+    wait_for(lambda: len(server.instant("kestor_up == 1")) == len(PROBES), 30, "probe that delivers")
+    wait_for(lambda: len(server.instant('kestor_pid_picture_width_pixels{probe="north-1"}')) == 2, 20, "picture")
+    check_format(probes[0])
+
+    probes[2].order("stop")
+    silent = time.monotonic()
+    alarm_at = cut_and_mend(server, probes[0])
+    wait_for(lambda: alerts(alertname="KestorProbeSilent", probe=PROBES[2]), 30, "alert for the silent probe")
+    wait_for(lambda: time.monotonic() - silent > 15, 20, "time")
+    require(not server.instant(f'{{__name__=~"kestor_stream.+",probe="{PROBES[2]}"}}'), "stale values stand")
+    require(server.instant(f'kestor_channel_info{{probe="{PROBES[2]}"}}'), "the silent probe's channels are gone")
+
+    wait_for(lambda: server.instant('kestor_stream_delay_factor_seconds{probe="north-1",group="239.1.1.1"}'), 60,
+             "delay factor")
+    probes[2].order("go")
+    check_values(server, probes[0], PROBES[0])
+    time.sleep(3)  # a few scrapes and evaluations with all of it
+    choices = [{"probe": ".*", "channel": ".*", "label": "profile", "value": ".*"},
+               {"probe": PROBES[0], "channel": "239.1.1.1", "label": "label_site", "value": "north"}]
+    for name, one in (("Prometheus", server), ("VictoriaMetrics", store)):
+        asked = dashboards.check_queries(one, boards, time.time(), choices, alarm_at)
+        print(f"{asked} panels, variables and annotations of {len(boards)} dashboards answered by {name}")
+    print(f"passed in {time.monotonic() - began:.0f} s")
+
+
+if __name__ == "__main__":
+    if sys.argv[1] == "--probe":
+        probe_side(int(sys.argv[2]), Path(sys.argv[3]))
+    elif not (SERVERS / "prometheus").exists():
+        print("skipped: there are no servers; scripts/install-servers.sh fetches them")
+        sys.exit(SKIPPED)
+    elif os.environ.get("KESTOR_INSIDE"):
+        main(sys.argv[1])
+    else:
+        os.environ["KESTOR_INSIDE"] = "1"
+        os.execv(NETNS, [NETNS, sys.executable, __file__, str(Path(sys.argv[1]).resolve())])
