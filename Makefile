@@ -33,9 +33,10 @@ deps:
 run: build
 	RUN_SECONDS="$(RUN_SECONDS)" PLAYLIST="$(PLAYLIST)" scripts/demo.sh $(GROUPS)
 
-## test          unit and end-to-end tests, and the page in Chromium; PRESET=asan, tsan or debug for those builds
+## test          unit and end-to-end tests, the page in Chromium, monitoring with its servers; PRESET=asan, tsan, debug
 test: deps
 	scripts/install-deps.sh $(PAGE_PACKAGES)
+	scripts/install-servers.sh
 	cmake --preset $(PRESET)
 	cmake --build --preset $(PRESET) -j $(JOBS)
 	ctest --test-dir build/$(PRESET) --output-on-failure -j $$((2 * $(JOBS))) # most of them mostly wait
