@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::size_t kSmallestToCompress = 1024;
 constexpr int kGzipWindow = 15 + 16;  // zlib's way to say: largest window, gzip's header
+constexpr std::size_t kGzipPiece = 65536;
 constexpr int kGzipMemory = 8;
 
 // On every answer. The page is made of files of this server alone, and runs in no frame.
@@ -57,15 +58,20 @@ std::string compressed(const std::string& text) {
         Z_OK) {
         return {};
     }
-    std::string result(deflateBound(&stream, text.size()), '\0');
     stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
     stream.avail_in = static_cast<uInt>(text.size());
-    stream.next_out = reinterpret_cast<Bytef*>(result.data());
-    stream.avail_out = static_cast<uInt>(result.size());
-    const bool whole = deflate(&stream, Z_FINISH) == Z_STREAM_END;
-    result.resize(whole ? stream.total_out : 0);
+    // Piece by piece: the result takes what it needs, not what the worst of texts would.
+    std::string result;
+    std::vector<Bytef> piece(kGzipPiece);
+    int status = Z_OK;
+    while (status == Z_OK) {
+        stream.next_out = piece.data();
+        stream.avail_out = static_cast<uInt>(piece.size());
+        status = deflate(&stream, Z_FINISH);
+        result.append(reinterpret_cast<const char*>(piece.data()), piece.size() - stream.avail_out);
+    }
     deflateEnd(&stream);
-    return result;
+    return status == Z_STREAM_END ? result : std::string();
 }
 
 std::string_view trimmed(std::string_view text) {
