@@ -51,5 +51,9 @@ for program in analysisBench snapshotBench recordParserBench stationMetricsBench
   "$bin/$program" "${options[@]}" 2>&1 >/dev/null | grep -v '^stofain'
 done
 
+station=()
+if [ "$mode" = quick ]; then station=(1 100 100); fi
+"$root/scripts/netns.sh" "$root/bench/station.py" "${station[@]}"
+
 if [ "$mode" = quick ]; then export RATES=2000 SECONDS_PER_RATE=1; fi
 "$root/scripts/netns.sh" "$root/bench/live.sh"

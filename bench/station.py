@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""station.py [SECONDS]
+"""station.py [SECONDS [CHANNELS TOLD]]
 
-What kestor-station costs with 1000 channels of 20 PIDs, a snapshot a second (bench/stationLoad.cpp), and how soon a fresh probe
-knows 2000 channels. Inside a network of its own (scripts/netns.sh); the programs are those of build/release.
+What kestor-station costs with 1000 CHANNELS of 20 PIDs, a snapshot a second (bench/stationLoad.cpp), and how soon a fresh probe
+knows 2000 channels (TOLD). Inside a network of its own (scripts/netns.sh); the programs are those of build/release.
 """
 import http.client
 import json
@@ -18,9 +18,7 @@ import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BIN = os.path.join(ROOT, "build/release/bin")
-CHANNELS = 1000
 STREAMS = 50
-TOLD = 2000
 TOLD_LIMIT = 60  # seconds to wait for it
 TICKS = os.sysconf("SC_CLK_TCK")
 
@@ -108,14 +106,14 @@ def report(what, value, unit):
     print(f"{what:58} {value:8.1f} {unit}", flush=True)
 
 
-def load(directory, seconds):
+def load(directory, seconds, channels):
     pipe = os.path.join(directory, "pipe")
     endpoint = "tcp://127.0.0.1:15999"
-    station = Station(directory, 100, CHANNELS, pipe, endpoint, 19427)
+    station = Station(directory, 100, channels, pipe, endpoint, 19427)
     writes = os.path.join(directory, "writes")
     probe = subprocess.Popen([f"{BIN}/stationLoad", "--pipe", pipe, "--controller-endpoint", endpoint, "--channels",
-                              str(CHANNELS), "--seconds", "100000"], stdout=open(writes, "w"))
-    station.wait(lambda status: status["channels"]["withSignal"] == CHANNELS, "not all channels were seen")
+                              str(channels), "--seconds", "100000"], stdout=open(writes, "w"))
+    station.wait(lambda status: status["channels"]["withSignal"] == channels, "not all channels were seen")
     time.sleep(2)
 
     samples = []
@@ -153,29 +151,29 @@ def load(directory, seconds):
     station.end()
 
 
-def told(directory):
-    station = Station(directory, 150, TOLD, "/tmp/american_maid", "tcp://127.0.0.1:5999", 19428)
-    station.wait(lambda status: status["channels"]["configured"] == TOLD, "no channels")
+def told(directory, channels):
+    station = Station(directory, 150, channels, "/tmp/american_maid", "tcp://127.0.0.1:5999", 19428)
+    station.wait(lambda status: status["channels"]["configured"] == channels, "no channels")
     begin = time.monotonic()
     probe = subprocess.Popen([f"{BIN}/kestor", "-s"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     known = 0
-    while known < TOLD and time.monotonic() - begin < TOLD_LIMIT:
+    while known < channels and time.monotonic() - begin < TOLD_LIMIT:
         time.sleep(0.05)
         with open("/proc/net/igmp") as igmp:
             known = sum(re.match(r"\t+[0-9A-F]{6}EF ", line) is not None for line in igmp)
-    report(f"until a fresh probe has joined {known} of {TOLD} channels", time.monotonic() - begin, "s")
+    report(f"until a fresh probe has joined {known} of {channels} channels", time.monotonic() - begin, "s")
     probe.kill()
     probe.wait()
     station.end()
 
 
 def main():
-    seconds = int(sys.argv[1]) if len(sys.argv) > 1 else 30
+    seconds, channels, to_tell = (int(number) for number in sys.argv[1:] + ["30", "1000", "2000"][len(sys.argv) - 1:])
     with tempfile.TemporaryDirectory() as directory:
         os.mkdir(f"{directory}/load")
         os.mkdir(f"{directory}/told")
-        load(f"{directory}/load", seconds)
-        told(f"{directory}/told")
+        load(f"{directory}/load", seconds, channels)
+        told(f"{directory}/told", to_tell)
 
 
 main()
