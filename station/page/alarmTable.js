@@ -11,8 +11,9 @@ function timeCell(text, store) {
       date ? el('time', {datetime: text, title: text, text: time(date, store.now())}) : '–');
 }
 
-function channelCell({group, channel}) {
-  if (!group) return el('td', {class: 'muted', text: channel ? visible(channel) : 'probe'});
+// Without a group an alarm is one of the probe; other events may be of neither.
+function channelCell({group, channel, alarm}) {
+  if (!group) return el('td', {class: 'muted', text: alarm ? 'probe' : visible(channel)});
   return el(
       'td', {class: 'text-cell'},
       el('a', {href: `#channel/${group}`}, el('bdi', {text: shortened(channel || group)})));
@@ -105,8 +106,10 @@ export class AlarmTable {
         row.since,
         `${time(raised, this.store.now())} · ${
             duration(Math.max(0, Math.floor((this.store.now() - raised) / 1000) * 1000))}`);
-    setText(row.value, quantity(alarm.value, alarm.unit));
-    setText(row.peak, quantity(alarm.peak, alarm.unit));
+    // A condition holds or not: there is no measure to show.
+    const measured = this.store.meta?.alarmTypes.find(({name}) => name === alarm.alarm)?.kind !== 'condition';
+    setText(row.value, measured ? quantity(alarm.value, alarm.unit) : '');
+    setText(row.peak, measured ? quantity(alarm.peak, alarm.unit) : '');
     const told = alarm.acknowledged;
     const key = `${told ? told.time : ''} ${this.api.mayChange}`;
     if (row.toldKey === key) return;
