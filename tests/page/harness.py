@@ -206,7 +206,8 @@ class Browser:
         return self.run("return document.querySelector(arguments[0])?.textContent ?? ''", selector)
 
     def texts(self, selector):
-        return self.run("return [...document.querySelectorAll(arguments[0])].map((node) => node.textContent)", selector)
+        return self.run(
+            "return [...document.querySelectorAll(arguments[0])].map((node) => node.textContent)", selector)
 
     def press(self, text, within="body"):
         """Clicks the first visible button of this text."""
