@@ -41,8 +41,8 @@ HOSTILE = {
     "239.9.0.4": "x" * 256,
 }
 NAMES = "main .tile .name"
-ALARMS = ALARMS
-EVENTS = EVENTS
+ALARMS = "main [aria-label='Active alarms'] tbody"
+EVENTS = "main [aria-label='Events'] tbody"
 CHANNELS = 1000
 
 
