@@ -155,8 +155,8 @@ class Writer:
         rate = 2_000_000 + 5_000 * place + 40_000 * ((turn + place) % 7)
         values = {"group": group, "kind": 0, "pid": -1, "label": "-1", "bitRate": rate, "destinationPort": 5000,
                   "packetsReceived": turn * 1300, "transportQualityIndex": 4.5, "ttl": 8, "igmpLatency": 120}
-        if place % 100 == 99:  # some lose packets every other minute
-            values["packetsLost"] = values["Continuity_count_error"] = 3 * (turn // 40)
+        if place % 100 == 99:  # some lose packets now and then: alarms come and go
+            values["packetsLost"] = values["Continuity_count_error"] = 3 * (turn // 15)
         return ";".join(str(values.get(column, 0)) for column in self.columns) + "\n"
 
     def close(self):
