@@ -91,6 +91,11 @@ class PageTest(unittest.TestCase):
     def state_of(self, name):
         return self.browser.run(tile(name) + "?.className.match(/is-(\\w+)/)[1]")
 
+    def shows_what_is_known(self):
+        channel = self.station.get("channels/239.1.1.1")
+        known = channel["severity"] if channel["state"] == "alarm" else channel["state"]
+        return known != "waiting" and self.state_of("News HD") == known
+
     def images(self, name):
         for kind, device in {"dark": ("dark", 1440, 900), "light": ("light", 1440, 900), "phone": ("dark", 360, 780),
                              "4k": ("dark", 3840, 2160)}.items():
@@ -291,7 +296,7 @@ class PageTest(unittest.TestCase):
         self.station.start()
         wait_for("the page is live again", 10, lambda: self.browser.find("#connection.live"))
         wait_for("nothing to say", 20, lambda: not self.browser.find("#banner").is_displayed())
-        wait_for("the channels are known again", 20, lambda: self.state_of("News HD") == "ok")
+        wait_for("the page shows what the station knows", 20, self.shows_what_is_known)
         self.open("#probe")
         wait_for("what the station uses", 10, lambda: "resident" in self.browser.text("main"))
         self.images("probe")
