@@ -1,4 +1,4 @@
-// What one scrape costs: 1000 channels of ten listed PIDs, as text.
+// What one scrape costs: 1000 channels of ten listed PIDs.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -10,6 +10,7 @@
 #include <string>
 
 #include "tr101290Checks.h"
+#include "web/message.h"
 #include "web/metrics.h"
 
 namespace {
@@ -79,7 +80,8 @@ double memory(const std::string& name) {
     return 0;
 }
 
-// range(0): whether every check of every PID has counted errors, which makes the most series.
+// range(0): whether every check of every PID has counted errors, which makes the most series; range(1):
+// whether the client takes gzip.
 void scrape(benchmark::State& state) {
     station::StationState known;
     known.probe.connected = true;
@@ -92,12 +94,13 @@ void scrape(benchmark::State& state) {
     const double before = memory("VmRSS:");
     std::size_t bytes = 0;
     for ([[maybe_unused]] auto _ : state) {
-        bytes = writer.text(known, {}).size();
+        const station::Payload payload(writer.text(known, {}));
+        bytes = state.range(1) != 0 ? payload.gzip().size() : payload.text().size();
         benchmark::DoNotOptimize(bytes);
     }
     state.counters["bytes"] = static_cast<double>(bytes);
     state.counters["transientMiB"] = memory("VmHWM:") - before;
 }
-BENCHMARK(scrape)->ArgName("failed")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(scrape)->ArgNames({"failed", "gzip"})->ArgsProduct({{0, 1}, {0, 1}})->Unit(benchmark::kMillisecond);
 
 }  // namespace
