@@ -19,6 +19,7 @@ import time
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BIN = os.path.join(ROOT, "build/release/bin")
 STREAMS = 50
+SCRAPES = 15  # one a second
 TOLD_LIMIT = 60  # seconds to wait for it
 TICKS = os.sysconf("SC_CLK_TCK")
 
@@ -59,11 +60,11 @@ class Station:
              "--controller-endpoint", endpoint], stderr=open(self.log, "w"))
         self.pid = self.process.pid
 
-    def get(self, path):
+    def get(self, path, headers={}):
         """What is at the path, and how many milliseconds it took."""
         before = time.monotonic()
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=10)
-        connection.request("GET", path)
+        connection.request("GET", path, headers=headers)
         body = connection.getresponse().read()
         connection.close()
         return body, (time.monotonic() - before) * 1000
@@ -129,6 +130,18 @@ def load(directory, seconds, channels):
     took = [station.get("/api/v1/channels")[1] for _ in range(20)]
     report("GET /api/v1/channels, median of 20", statistics.median(took), "ms")
     report("GET /api/v1/channels, longest of 20", max(took), "ms")
+
+    resident = resident_mib(station.pid)
+    before = cpu_ms(station.pid)
+    begin = time.monotonic()
+    for number in range(SCRAPES):
+        body = station.get("/metrics", {"Accept-Encoding": "gzip"})[0]
+        time.sleep(max(0, begin + number + 1 - time.monotonic()))
+    elapsed = time.monotonic() - begin
+    report("CPU of the whole station for a scrape with gzip", (cpu_ms(station.pid) - before - whole * elapsed) / SCRAPES, "ms")
+    report("  its size", len(body) / 1e6, "MB")
+    report("  memory beyond the highest before", resident_mib(station.pid, "VmHWM") - resident, "MiB")
+    report("pipe left full until then", station.use()["pipe"]["longestWaitMs"], "ms")
 
     clients = [station.stream() for _ in range(STREAMS)]
     drain(clients, 2)

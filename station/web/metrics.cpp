@@ -309,13 +309,15 @@ void writeChannelInfo(Exposition& out, const std::vector<ChannelRow>& rows) {
     std::string more;
     for (const ChannelRow& row : rows) {
         const Channel& channel = row.state->channel;
-        const bool seen = row.stream != nullptr && hasPackets(*row.stream);
+        // As long as the channel was ever shown, so that the series does not change when the probe falls
+        // silent.
+        const Record* const stream = row.state->stream;
+        const bool seen = stream != nullptr && hasPackets(*stream);
         more.clear();
         appendLabel(more, "origin", originName(channel.origin));
         appendLabel(more, "profile", channel.profile);
-        appendLabel(more, "source",
-                    seen ? addressText(row.stream->integer("sourceAddress")) : channel.source);
-        const int64_t port = seen ? row.stream->integer("destinationPort") : channel.port;
+        appendLabel(more, "source", seen ? addressText(stream->integer("sourceAddress")) : channel.source);
+        const int64_t port = seen ? stream->integer("destinationPort") : channel.port;
         appendLabel(more, "port", port != 0 ? std::to_string(port) : "");
         appendOwnLabels(more, channel.labels);
         out.sample(row.labels, more, 1);
