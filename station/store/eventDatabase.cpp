@@ -110,8 +110,9 @@ bool isDurable(const StoreEntry& entry) {
 }
 
 EventDatabase::EventDatabase(const std::filesystem::path& file)
-    : database_(file, Database::Mode::kReadWrite) {
+    : file_(file), database_(file, Database::Mode::kReadWrite) {
     migrate(database_, kSchema);
+    stat(file.c_str(), &identity_);
     insertEvent_ = database_.prepare("INSERT OR REPLACE INTO events (" + std::string(kColumns) +
                                      ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
     raise_ = database_.prepare("INSERT OR REPLACE INTO active (alarm_id, acknowledged) VALUES (?, NULL)");
@@ -125,6 +126,12 @@ EventDatabase::EventDatabase(const std::filesystem::path& file)
     deleteOld_ =
         database_.prepare(inSteps + "time < ? AND " + std::string(kMayGo) + " ORDER BY time LIMIT ?)");
     deleteExcess_ = database_.prepare(inSteps + std::string(kMayGo) + " ORDER BY id LIMIT ?)");
+}
+
+bool EventDatabase::inPlace() const {
+    struct stat status {};
+    return stat(file_.c_str(), &status) == 0 && status.st_ino == identity_.st_ino &&
+           status.st_dev == identity_.st_dev;
 }
 
 int64_t EventDatabase::lastId() {

@@ -1,6 +1,8 @@
 // The tables of events.db and what is asked of them. Failures are DatabaseErrors.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <filesystem>
 #include <map>
@@ -45,6 +47,10 @@ class EventDatabase {
     // Opens or makes the file and brings its schema to the newest version.
     explicit EventDatabase(const std::filesystem::path& file);
 
+    // False when the file was removed since it was opened, or another one is in its place: what is written
+    // goes nowhere.
+    bool inPlace() const;
+
     int64_t lastId();
     Carried load();
     // All entries or none; synced to the disk before it returns when one of them is durable.
@@ -61,7 +67,9 @@ class EventDatabase {
     void keepActive(const Event& event);
     void beginSynchronous(bool full);
 
+    const std::filesystem::path file_;
     Database database_;
+    struct stat identity_ {};
     Statement insertEvent_, raise_, clear_, acknowledge_, putMaintenance_, removeMaintenance_;
     Statement deleteOld_, deleteExcess_;
     std::optional<uint64_t> rows_;  // counted when first needed

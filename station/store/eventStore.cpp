@@ -105,6 +105,7 @@ struct EventStore::Implementation {
     void takeUp(Carried&& stored);
     void works();
     void putAsideIfDamaged();
+    void leaveIfRemoved();
     void write(std::deque<Waiting>& batch);
     void retain();
     void failed(const DatabaseError& error);
@@ -255,6 +256,8 @@ void EventStore::Implementation::takeUp(Carried&& stored) {
 // After a failure: whatever the file has, the alarms and windows known here are the ones that count.
 void EventStore::Implementation::open() {
     try {
+        std::error_code ignored;  // what is wrong shows when the file is opened
+        std::filesystem::create_directories(file_.parent_path(), ignored);
         database_.emplace(file_);
         database_->carryOver(carried_);
         works();
@@ -310,6 +313,7 @@ void EventStore::Implementation::run() {
         std::deque<Waiting> batch = take(failing ? soon : std::min(retentionAt_, soon));
         try {
             putAsideIfDamaged();
+            leaveIfRemoved();
             if (!database_ && (Clock::now() >= retryAt_ || closeBy_ != Clock::time_point::max())) {
                 open();
             }
@@ -346,6 +350,24 @@ void EventStore::Implementation::putAsideIfDamaged() {
     }
     if (!damage.empty()) {
         setAside(damage, "damaged");
+    }
+}
+
+void EventStore::Implementation::leaveIfRemoved() {
+    if (!database_ || database_->inPlace()) {
+        return;
+    }
+    log(LogLevel::kError, file_.string() +
+                              " was removed or replaced while it was in use: events go on in a new "
+                              "file, which has of the earlier ones what is raised");
+    stopCheck();
+    const std::lock_guard lock(readerMutex_);
+    reader_.reset();
+    database_.reset();
+    // What it wrote beside the file belongs to the one that is gone.
+    std::error_code ignored;
+    for (const char* companion : {"-wal", "-shm"}) {
+        std::filesystem::remove(file_.string() + companion, ignored);
     }
 }
 
