@@ -106,6 +106,19 @@ deb:
 check-packages: deb
 	scripts/check-packages
 
+## test-booted   boots a Debian with them and tries what an operator would; root
+.PHONY: test-booted
+test-booted: build deb
+	scripts/test-booted
+
+## release-check  what has to hold before a release besides .ci/run: packages, booted, cross builds; root
+.PHONY: release-check
+release-check: check-packages test-booted
+	scripts/cross arm64
+	scripts/cross armhf
+	scripts/deb arm64
+	scripts/deb armhf
+
 ## clean         removes all builds
 clean:
 	rm -rf build
