@@ -32,7 +32,8 @@ struct T_interface {
     // Sets every member that needs a value to start from, and the locks. Starts no thread and opens no
     // socket: zmqContext and streamJoiner are left null.
     explicit T_interface(typeOfApplication mode);
-    // Closes the link, dropping what was not sent, and frees channels and streams. REQUIRES: no thread uses the context. The daemon never ends a monitor.
+    // Closes the link, dropping what was not sent, and frees channels and streams. REQUIRES: no thread uses
+    // the context. The daemon never ends a monitor.
     ~T_interface();
     T_interface(const T_interface&) = delete;
     T_interface& operator=(const T_interface&) = delete;
