@@ -114,6 +114,7 @@ TEST_F(PrintedTables, SpliceSectionsPrintEachTimeAndMalformedOnesNever) {
               consoleText("splice_info_section"));
     EXPECT_EQ(context->i_splice_protocol_version, 2);
     EXPECT_EQ(context.errors(kCrcError), 1U) << "a bad checksum counts";
+    EXPECT_EQ(context->section_drops.back(), (std::array<uint64_t, kSectionDropKinds>{4, 0, 1, 0, 0}));
 }
 
 TEST(Descriptors, PrintTheirFields) {

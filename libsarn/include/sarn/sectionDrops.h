@@ -11,10 +11,11 @@ struct ts_stream_t;
 enum class SectionDrop : uint8_t {
     badLength,   // a length leads out of the section
     badNumber,   // section_number is behind last_section_number
+    badForm,     // a splice_info_section with the section_syntax_indicator set
     tooLarge,    // with this section the table, or all tables that are waited for, would pass their bounds
     strayBytes,  // only the bytes behind the last whole entry; the section itself is decoded
 };
-inline constexpr std::size_t kSectionDropKinds = 4;
+inline constexpr std::size_t kSectionDropKinds = 5;
 
 // PAT, CAT, PMT, NIT, SDT, BAT, EIT, TDT, TOT, and all others as one.
 inline constexpr std::size_t kGuardedTables = 10;

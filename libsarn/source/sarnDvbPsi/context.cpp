@@ -252,6 +252,7 @@ void deletePmtByPid(ts_stream_t* stream, uint16_t pid) {
 
 void freePmts(ts_stream_t* stream) {
     HASH_CLEAR(hh, stream->p_pmt_by_number);
+    stream->listed_streams = 0;
     while (ts_pmt_t* pmt = stream->p_pmts) {
         stream->p_pmts = pmt->p_next;
         setPmtPid(pmt, nullptr);

@@ -330,6 +330,7 @@ void sarnDvbPsi_printSectionDrops(const ts_stream_t* stream, const char* name, F
     constexpr std::array<const char*, kSectionDropKinds> kTexts = {
         "dropped: a length leads out of the section",
         "dropped: section_number behind last_section_number",
+        "dropped: a splice section in the long form",
         "dropped: the table, or all that are waited for, would grow too large",
         "decoded without the bytes behind the last whole entry",
     };

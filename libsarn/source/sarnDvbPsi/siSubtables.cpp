@@ -83,6 +83,8 @@ void onSpliceSection(dvbpsi_t*, dvbpsi_decoder_t* decoder, dvbpsi_psi_section_t*
             ++stream.tr101290[kCrcError];
             break;
         case SpliceResult::malformed:
+            countSectionDrop(stream, kSpliceTableId,
+                             section->b_syntax_indicator ? SectionDrop::badForm : SectionDrop::badLength);
             break;
     }
     dvbpsi_DeletePSISections(section);
