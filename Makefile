@@ -111,13 +111,18 @@ check-packages: deb
 test-booted: build deb
 	scripts/test-booted
 
-## release-check  what has to hold before a release besides .ci/run: packages, booted, cross builds; root
+## release-check  what has to hold before a release besides .ci/run, and takes hours; root
 .PHONY: release-check
-release-check: check-packages test-booted
-	scripts/cross arm64
-	scripts/cross armhf
-	scripts/deb arm64
-	scripts/deb armhf
+release-check:
+	$(MAKE) test PRESET=tsan
+	$(MAKE) tidy check-32bit check-accessibility
+	$(MAKE) fuzz FUZZ_SECONDS=300
+	$(MAKE) check-packages
+	$(MAKE) cross ARCH=arm64
+	$(MAKE) cross ARCH=armhf
+	$(MAKE) deb ARCH=arm64
+	$(MAKE) deb ARCH=armhf
+	$(MAKE) soak
 
 ## clean         removes all builds
 clean:
