@@ -1,9 +1,5 @@
 // The real probe while what is around it goes away, comes back, or misbehaves.
-#include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -24,17 +20,10 @@ constexpr const char* kOpening = "Zapisuje wyniki\n";
 constexpr const char* kJoinFailure =
     "connect_to_channel setsockopt error! - check  /proc/sys/net/ipv4/igmp_max_memberships\n";
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kKeepsFreedMemory = true;
-#else
-constexpr bool kKeepsFreedMemory = false;
-#endif
-
-Groups groupRange(int count, int net = 1) {
+Groups groupRange(int count) {
     Groups groups;
     for (int i = 0; i < count; ++i)
-        groups.push_back("239." + std::to_string(net) + "." + std::to_string(i / 250) + "." +
-                         std::to_string(1 + i % 250));
+        groups.push_back("239.1." + std::to_string(i / 250) + "." + std::to_string(1 + i % 250));
     return groups;
 }
 
@@ -43,62 +32,9 @@ long entries(const Process& process, const char* directory) {
     return std::distance(std::filesystem::directory_iterator(process.proc() + "/" + directory), {});
 }
 
-long residentKb(const Process& process) {
-    std::ifstream status(process.proc() + "/status");
-    for (std::string line; std::getline(status, line);)
-        if (line.starts_with("VmRSS:"))
-            return std::stol(line.substr(6));
-    return 0;
-}
-
 void run(const std::string& command) {
     Process shell({"sh", "-c", command});
     EXPECT_EQ(shell.wait(), 0) << command << ": " << shell.err();
-}
-
-// The PID lines of a channel: "PAT:0 PMT:256 KP:257/256", the last one with the PMT PID it is listed under.
-std::string listed(const Snapshot& snapshot, const std::string& group) {
-    std::string text;
-    for (const Record& record : snapshot.records) {
-        if (record.columns[0] != group || record["label"] == "-1")
-            continue;
-        text += (text.empty() ? "" : " ") + record["label"] + ":" + record["pid"];
-        if (record["label"] == "KP")
-            text += "/" + record["pmtPid"];
-    }
-    return text;
-}
-
-TEST(Faults, ReadersComeLateAndInPairs) {
-    Probe probe({kA});
-    snapshotWith([](const Snapshot& s) { return s.count(kA) == 1; });
-    const auto opened = occurrences(probe.kestor.out(), kOpening);
-    const auto heard = probe.controller.requests().size();
-    UdpFlow flow{.group = kA};
-    for (int second = 0; second < 4; ++second) {
-        probe.network.send(flow, TsStream().null(70).takeDatagrams());
-        std::this_thread::sleep_for(1s);
-    }
-    EXPECT_LE(occurrences(probe.kestor.out(), kOpening), opened + 1) << "waits for a reader";
-    EXPECT_GE(probe.controller.requests().size(), heard + 4) << "and nothing else does";
-    EXPECT_EQ(nextSnapshot().find(kA)["packetsReceived"], "280");
-
-    // Two readers share what is written; one that leaves within a line costs the other nothing.
-    std::array<int, 2> readers{};
-    for (int& reader : readers)
-        reader = open(kPipe, O_RDONLY | O_NONBLOCK);
-    pollfd readable{readers[1], POLLIN, 0};
-    ASSERT_EQ(poll(&readable, 1, 15'000), 1);
-    std::string text(100'000, '\0');
-    auto size = static_cast<std::size_t>(read(readers[0], text.data(), 50));
-    EXPECT_EQ(size, 50U);
-    close(readers[0]);
-    size += static_cast<std::size_t>(read(readers[1], &text[size], text.size() - size));
-    close(readers[1]);
-    text.resize(size);
-    EXPECT_TRUE(text.ends_with('\n'));
-    EXPECT_THAT(listed(parseSnapshots(text).front(), kA), testing::StartsWith("UP:8191")) << text;
-    EXPECT_EQ(listed(nextSnapshot(), kA), "UP:8191");
 }
 
 TEST(Faults, OtherThingsInThePlaceOfThePipe) {
@@ -223,8 +159,7 @@ TEST(Faults, MoreGroupsThanMembershipsAreMonitoredAllTheSame) {
 }
 
 TEST(Faults, GroupsComeAndGoUnderTrafficAndReaders) {
-    constexpr int kRounds =
-        6;  // of two exchanges, every other one of a clear: with the last one 1024 new streams
+    constexpr int kRounds = 6;  // of two exchanges, every other one of a clear
     const Groups groups = groupRange(64);
     Probe probe(groups);
     const std::jthread traffic([&](const std::stop_token& stop) {
@@ -239,18 +174,15 @@ TEST(Faults, GroupsComeAndGoUnderTrafficAndReaders) {
             }
     });
     const auto all = [](const Snapshot& s) {
-        return s.records.size() == 64 + 7 * 3 && listed(s, "239.1.0.41") == "PAT:0 PMT:256 KP:257/256";
+        return s.records.size() == 64 + 7 * 3 && s.count("239.1.0.41", "KP") == 1;
     };
     snapshotWith(all);
     const auto descriptors = entries(probe.kestor, "fd");
-    long resident = 0;
     for (int round = 0; round < kRounds; ++round) {
         if (round % 2 == 1)
             probe.controller.queue(clearAll());
         probe.controller.queue(response(groups, groups));
         probe.controller.answer(response(groups, groups));
-        if (round == 2)
-            resident = residentKb(probe.kestor);
         const Snapshot snapshot = nextSnapshot();
         std::set<std::string> channels;
         for (const Record& record : snapshot.records)
@@ -263,67 +195,6 @@ TEST(Faults, GroupsComeAndGoUnderTrafficAndReaders) {
     EXPECT_TRUE(std::ranges::all_of(groups, igmpMember));
     EXPECT_TRUE(eventually([&] { return entries(probe.kestor, "fd") <= descriptors; }));
     EXPECT_EQ(probe.kestor.err(), "");
-    EXPECT_TRUE(kKeepsFreedMemory || residentKb(probe.kestor) < resident + 4096);
-}
-
-TEST(Faults, ProgramTablesThatChangeAndCollide) {
-    struct Case {
-        std::string expected;
-        TsStream stream;
-    };
-    std::vector<Case> cases;
-    // Two programs on one PID: the later one has it. PMTs that swap their PIDs keep their tables.
-    cases.push_back({"PAT:0 PMT:256 KP:274/256 UP:273", {}});
-    cases.back().stream.pat({{1, 0x100}, {2, 0x100}});
-    cases.push_back({"PAT:0 PMT:257 KP:273/257 PMT:256 KP:274/256", {}});
-    cases.back().stream.pat({{1, 0x100}, {2, 0x101}});
-    for (Case& c : cases) {
-        const auto second = static_cast<uint16_t>(&c == &cases.front() ? 0x100 : 0x101);
-        c.stream.pmt(1, 0x100, 0x111, {{0x1B, 0x111}}).pmt(2, second, 0x112, {{0x1B, 0x112}});
-        c.stream.payload(0x111).payload(0x112);
-    }
-    cases.back().stream.pat({{1, 0x101}, {2, 0x100}}, 1);
-    // A program that lists its own PMT PID; PMT PIDs that belong to other tables or to none,
-    // of which libdvbpsi leaves PID 0 out.
-    cases.push_back({"PAT:0 PMT:256 KP:256/256 KP:0/256 KP:8191/256", {}});
-    cases.back().stream.pat({{1, 0x100}}).pmt(1, 0x100, 0x100, {{0x1B, 0x100}, {0x1B, 0}, {0x1B, 0x1FFF}});
-    cases.back().stream.pes(0x100, {.packets = 20}).null(1);
-    cases.push_back({"PAT:0 PMT:1 PMT:17 PMT:8191", {}});
-    cases.back().stream.pat({{1, 0}, {2, 1}, {3, 17}, {4, 0x1FFF}});
-    cases.back().stream.pmt(1, 0, 0, {}).pmt(2, 1, 0, {}).pmt(3, 17, 0, {}).null(20);
-
-    const Groups groups = groupRange(static_cast<int>(cases.size()) + 1);
-    Probe probe(groups);
-    const auto send = [&](const std::string& group, TsStream& stream) {
-        UdpFlow flow{.group = group};
-        for (const Bytes& datagram : stream.null(7).takeDatagrams()) {
-            probe.network.send(flow.frame(datagram));
-            std::this_thread::sleep_for(100us);
-        }
-    };
-    for (std::size_t i = 0; i < cases.size(); ++i)
-        send(groups[i], cases[i].stream);
-    // Every PAT another set of programs, with its tables.
-    TsStream stream;
-    long resident = 0;
-    for (uint16_t change = 1; change <= 1000; ++change) {
-        const auto pid = static_cast<uint16_t>(0x200 + change % 10), es = static_cast<uint16_t>(pid + 0x100);
-        const auto program = static_cast<uint16_t>(change % 7);
-        stream.pat({{program, pid}, {9, 0x100}}, change % 32)
-            .pmt(program, pid, es, {{0x1B, es}}, change % 32);
-        if (change == 200) {
-            send(groups.back(), stream);
-            snapshotWithPackets(groups.back(), 407);
-            resident = residentKb(probe.kestor);
-        }
-    }
-    send(groups.back(), stream);
-    const Snapshot snapshot = snapshotWithPackets(groups.back(), 2014);
-    EXPECT_THAT(listed(snapshot, groups.back()),
-                testing::StartsWith("PAT:0 PMT:256 PMT:512 KP:768/512 UP:513 UP:514 "));
-    for (std::size_t i = 0; i < cases.size(); ++i)
-        EXPECT_THAT(listed(snapshot, groups[i]), testing::StartsWith(cases[i].expected));
-    EXPECT_TRUE(kKeepsFreedMemory || residentKb(probe.kestor) < resident + 2048);
 }
 
 }  // namespace

@@ -62,12 +62,6 @@ TEST(Kestorctl, RefusesWhatMakesNoSense) {
     EXPECT_THAT(kestor.out(), Not(HasSubstr("analyzeResponseMessage")));
 }
 
-TEST(Kestorctl, GivesUpWithoutAProbeOrAPort) {
-    EXPECT_EQ(kestorctl({"--timeout", "1", "add", kA}).status, 1);
-    const Controller controller;
-    EXPECT_EQ(kestorctl({"add", kA}, 5s).status, 1);
-}
-
 TEST(Kestorctl, WatchesTheRecords) {
     const Process kestor({"kestor", "-s"});
     ASSERT_EQ(kestorctl({"add", kA, kB}).status, 0);
@@ -107,12 +101,15 @@ TEST(Kestorctl, ScansAndReports) {
               "{\"group\":\"239.1.1.2\",\"status\":0,\"available\":false}\n");
 }
 
-TEST(Kestorctl, EndsAScanWhoseProbeIsGone) {
+TEST(Kestorctl, GivesUpWithoutAProbeOrAPort) {
     Process kestor({"kestor", "-c"});
     Process tool({"kestorctl", "--timeout", "4", "scan", kA});
     ASSERT_TRUE(kestor.waitForOut("Zaczynam watek"));
     kestor.kill(SIGKILL);
     EXPECT_EQ(tool.wait(), 1);
+    EXPECT_EQ(kestorctl({"--timeout", "1", "add", kA}).status, 1);
+    const Controller controller;
+    EXPECT_EQ(kestorctl({"add", kA}, 5s).status, 1);
 }
 
 }  // namespace

@@ -79,6 +79,9 @@ TEST(Records, SurviveAReaderThatLeavesInTheMiddle) {
     snapshotWithPackets(group, 1400);
     for (UdpFlow* last : {&flowBehind, &flow})
         probe.network.send(*last, TsStream().payload(kDataPid, 7).takeDatagrams());
+    const auto opened = occurrences(probe.kestor.out(), "Zapisuje wyniki\n");
+    std::this_thread::sleep_for(3s);
+    EXPECT_LE(occurrences(probe.kestor.out(), "Zapisuje wyniki\n"), opened + 1) << "it waits for a reader";
     for (int visit = 0; visit < 2; ++visit) {
         std::FILE* pipe = std::fopen("/tmp/american_maid", "r");
         const auto begun = occurrences(probe.kestor.out(), "Zapisuje wyniki\n");

@@ -15,6 +15,9 @@ constexpr uint64_t kStart = 1'700'000'000'000 * kMs;
 constexpr const char* kCapture = "/tmp/capture.pcap";
 constexpr const char* kGroup = "239.1.1.1";
 
+// Of an H.264 stream of 720 x 576 pixels.
+const Bytes kParameterSet = {0, 0, 0, 1, 0x67, 0x42, 0, 0x28, 0xEC, 0xA0, 0x5A, 9, 0x34};
+
 std::vector<Snapshot> replay(std::vector<std::string> arguments = {}) {
     arguments.insert(arguments.begin(), "kestor-replay");
     arguments.emplace_back(kCapture);
@@ -35,7 +38,7 @@ std::string timeless(const Record& record) {
 std::vector<Bytes> damagedFrames() {
     TsStream stream;
     stream.pat({{0, 0x10}, {1, 0x100}, {2, 0x110}}).pmt(1, 0x100, 0x101, {{0x1B, 0x101}, {0x0F, 0x102}});
-    stream.pcr(0x101, 27'000'000).pes(0x101, {.packets = 10});
+    stream.pcr(0x101, 27'000'000).pes(0x101, {.packets = 10, .content = kParameterSet});
     stream.lose(0x101, 3).payload(0x101, 5).repeatLast();
     stream.pcr(0x101, 27'000'000 + 4'000'000).pcr(0x101, 1).payload(0x102, 3);
     stream.last()[1] |= 0x80;
@@ -75,6 +78,8 @@ TEST(Replay, WritesWhatTheProbeWrites) {
                            "packetsScrambled"}),
               "2 1 1 1 2")
         << "scrambled packets are an error before the first CAT only";
+    EXPECT_EQ(replayed[0].find(kGroup, "UP", 0x102)["packetsScrambled"], "2");
+    EXPECT_EQ(replayed[0].find(kGroup, "KP", 0x101).values({"pictureWidth", "pictureHeight"}), "720 576");
 
     Process verbose({"kestor-replay", "-v", "-o", "/dev/null", kCapture});
     EXPECT_EQ(verbose.wait(60s), 0);
@@ -149,7 +154,12 @@ TEST(Replay, DeliveryIndexJitterAndScoresInControlledTime) {
         for (uint64_t i = 0; i < 23'000; ++i) {
             const uint64_t turn = i > 0 && i % 500 < 5 ? i - i % 500 + 5 : i;
             capture.write(kStart + turn * 3 * kMs, flow.frame(stream.takeDatagrams().front()));
-            stream.payload(0x101, 7);
+            // An I frame of 56 packets, two P frames of 21, seven B frames of 7.
+            const uint64_t place = i % 21;
+            if (place == 0 || place == 8 || place == 11 || place > 13)
+                stream.pes(0x101, {.packets = 7});
+            else
+                stream.payload(0x101, 7);
         }
     }
     const auto snapshots = replay();
@@ -177,6 +187,11 @@ TEST(Replay, DeliveryIndexJitterAndScoresInControlledTime) {
     const std::array scores = {"4.530000", "4.455300", "4.454553"};
     for (std::size_t i = 0; i < scores.size(); ++i)
         EXPECT_EQ(snapshots[i].find(kGroup, "KP", 0x101)["mosScore"], scores[i]);
+    // Each 500 frames: 1 + 50 I and 1 + 100 P frames, so a length of 9 and 7 B frames; the averages run.
+    EXPECT_EQ(snapshots.back()
+                  .find(kGroup, "KP", 0x101)
+                  .values({"gopLength", "gopLengthMinimum", "gopLengthMaximum", "gopBFrames"}),
+              "15 8 15 6");
     EXPECT_EQ(snapshots[1].find(kGroup, "KP", 0x101).values({"mosMinimum", "mosMaximum"}),
               "4.053000 4.530000");
 }

@@ -1,8 +1,6 @@
-// Mutations of the frames target's input that know records and sections: records of two inputs are mixed, and
-// the CRC_32 of what is damaged is made right again, so that sections reach the tables and not only the
-// checksum. The tables themselves come from the corpus.
+// Mutations of the frames target's input: the CRC_32 of what is damaged is made right again, so that sections
+// reach the tables and not only the checksum. The tables themselves come from the corpus.
 #include <map>
-#include <random>
 
 #include "fuzz/frames.h"
 #include "support/psiBuilder.h"
@@ -62,14 +60,6 @@ void repairSections(uint8_t* data, std::size_t size) {
     }
 }
 
-// The beginning of one of the records, or the end of the last.
-std::size_t anyRecord(std::span<const uint8_t> input, std::minstd_rand& random) {
-    std::size_t at = 0;
-    while (at + kRecordHead <= input.size() && random() % 8 != 0)
-        at += kRecordHead + readRecord(input.data() + at, input.size() - at).size;
-    return std::min(at, input.size());
-}
-
 }  // namespace
 
 extern "C" std::size_t LLVMFuzzerCustomMutator(uint8_t* data, std::size_t size, std::size_t maxSize,
@@ -77,19 +67,5 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(uint8_t* data, std::size_t size, 
     size = LLVMFuzzerMutate(data, size, maxSize);
     if (seed % 8 != 0)
         repairSections(data, size);
-    return size;
-}
-
-// Puts the second input's first records between two of the first one's.
-extern "C" std::size_t LLVMFuzzerCustomCrossOver(const uint8_t* first, std::size_t firstSize,
-                                                 const uint8_t* second, std::size_t secondSize, uint8_t* out,
-                                                 std::size_t maxSize, unsigned int seed) {
-    std::minstd_rand random(seed);
-    random.discard(2);
-    psi::Bytes mixed(first, first + firstSize);
-    const auto place = mixed.begin() + static_cast<long>(anyRecord({first, firstSize}, random));
-    mixed.insert(place, second, second + anyRecord({second, secondSize}, random));
-    const std::size_t size = std::min(mixed.size(), maxSize);
-    std::copy_n(mixed.begin(), size, out);
     return size;
 }

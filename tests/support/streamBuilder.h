@@ -20,6 +20,7 @@ inline constexpr uint16_t kNullPid = 0x1FFF;
 struct Pes {
     uint8_t streamId = 0xE0;
     int packets = 1;  // the PES start, which has a PTS, and those that go on with it
+    Bytes content = {};
 };
 
 // Every call appends packets; continuity counters run on per PID.
@@ -52,6 +53,7 @@ class TsStream {
         // ISO/IEC 13818-1 2.4.3.6; the PTS is 0.
         std::ranges::copy(Bytes{0, 0, 1, pes.streamId, 0, 0, 0x80, 0x80, 5, 0x21, 0, 1, 0, 1},
                           packet.begin() + 4);
+        std::ranges::copy(pes.content, packet.begin() + 18);
         return payload(pid, pes.packets - 1);
     }
     // Packets with payload only, no unit start.

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <map>
+#include <span>
 #include <vector>
 
 #include "sarn/mediaDeliveryIndex.h"
@@ -11,7 +12,7 @@
 namespace {
 
 using test::kStartMs;
-using Programs = std::map<uint32_t, uint16_t>;
+using Programs = std::map<uint16_t, std::vector<uint16_t>>;  // PMT PID and elementary PIDs of each
 
 struct Context : testing::Test {
     test::AnalysisContext context;
@@ -20,51 +21,46 @@ struct Context : testing::Test {
     Programs programs() {
         Programs programs;
         ChannelsInfo* info = sarnDvbPsi_getChannelsInfo(context.get());
-        for (uint32_t i = 0; i < info->count; ++i)
-            programs[info->channels[i].programNumber] = info->channels[i].pmtPid;
+        for (const ChannelInfo& program : std::span(info->channels, info->count)) {
+            auto& pids = programs[program.programNumber] = {program.pmtPid};
+            pids.insert(pids.end(), program.elementaryPids,
+                        program.elementaryPids + program.elementaryPidCount);
+        }
         sarnDvbPsi_freeChannelsInfo(info);
         return programs;
     }
 };
 
 TEST_F(Context, PmtListFollowsEveryPat) {
+    context.feed(packets.pat({{1, 0x100}, {2, 0x200}})
+                     .pmt(1, 0x100, 0x101, {{2, 0x101}})
+                     .pmt(2, 0x200, 0x201, {{2, 0x201}, {2, 0x200}}));
     struct Case {
         std::initializer_list<std::pair<uint16_t, uint16_t>> pat;
         Programs expected;
     };
     const Case cases[] = {
-        {{{1, 0x100}, {2, 0x200}}, {{1, 0x100}, {2, 0x200}}},
-        {{{1, 0x200}, {2, 0x100}}, {{1, 0x200}, {2, 0x100}}},  // swapped
-        {{{1, 0x100}, {3, 0x200}}, {{1, 0x100}, {3, 0x200}}},  // one in another's place, which is gone
-        {{{1, 0x300}}, {{1, 0x300}}},                          // moved, one gone
-        {{{1, 0x300}, {2, 0x300}, {0, 0x10}}, {{0, 0x10}, {2, 0x300}}},  // two on one PID: the later stays
-        {{{7, 0x1FFF}, {7, 0x44}, {8, 1}}, {{7, 0x44}, {8, 1}}},         // named twice; odd PIDs
-        {{{7, 1}, {7, 0x44}, {9, 1}, {8, 2}},
-         {{7, 0x44}, {8, 2}, {9, 1}}},  // one passes over another's place
+        // One only passes over another's place.
+        {{{1, 0x200}, {1, 0x100}}, {{1, {0x100, 0x101}}, {2, {0x200, 0x201, 0x200}}}},
+        // They swap their PIDs and keep their tables.
+        {{{1, 0x200}, {2, 0x100}}, {{1, {0x200, 0x101}}, {2, {0x100, 0x201, 0x200}}}},
+        {{{1, 0x100}, {3, 0x200}},
+         {{1, {0x100, 0x101}}, {3, {0x200}}}},  // one in the place of one that is gone
+        {{{1, 0x300}}, {{1, {0x300}}}},         // a new record on a PID that nobody had
+        {{{1, 0x300}, {2, 0x300}, {0, 0x10}},
+         {{0, {0x10}}, {2, {0x300}}}},  // two on one PID: the later stays
+        {{{7, 0x1FFF}, {7, 0x44}, {8, 1}, {9, 0}}, {{7, {0x44}}, {8, {1}}}},  // named twice; odd PIDs
+        {{{7, 1}, {7, 0x44}, {9, 1}, {8, 2}}, {{7, {0x44}}, {8, {2}}, {9, {1}}}},
         {{}, {}},
     };
     uint8_t version = 0;
     for (const Case& c : cases) {
-        context.feed(packets.pat(c.pat, version++));
+        context.feed(packets.pat(c.pat, ++version));
         EXPECT_EQ(programs(), c.expected) << "PAT " << int{version};
+        for (const auto& [number, pids] : c.expected)
+            EXPECT_EQ(context->pid[pids[0]].p_pmt, findPmtByProgramNumber(context.get(), number))
+                << "the PID's packets reach it";
     }
-}
-
-TEST_F(Context, AProgramThatOnlyPassedOverAPidLeavesItsRecord) {
-    // 1 on PID 100, 2 on PID 200 with an elementary PID 1002; then 1 on PID 200 and on PID 100.
-    const test::Bytes first = {0x00, 0xB0, 0x11, 0x00, 0x01, 0xC1, 0x00, 0x00, 0x00, 0x01,
-                               0xE0, 0x64, 0x00, 0x02, 0xE0, 0xC8, 0xDC, 0x8A, 0xCA, 0x8D};
-    const test::Bytes map = {0x02, 0xB0, 0x12, 0x00, 0x02, 0xC1, 0x00, 0x00, 0xE3, 0xEA, 0xF0,
-                             0x00, 0x02, 0xE3, 0xEA, 0xF0, 0x00, 0xA8, 0x3F, 0xAD, 0xA7};
-    const test::Bytes second = {0x00, 0xB0, 0x11, 0x00, 0x01, 0xC3, 0x00, 0x00, 0x00, 0x01,
-                                0xE0, 0xC8, 0x00, 0x01, 0xE0, 0x64, 0x82, 0xB4, 0x63, 0x93};
-    context.feed(packets.null(7));
-    context.feed(packets.section(0, first).section(200, map));
-    context.feed(packets.section(0, second), 500);
-    EXPECT_EQ(programs(), (Programs{{1, 100}, {2, 200}}));
-    const ts_pmt_t* stayed = findPmtByPid(context.get(), 200);
-    EXPECT_EQ(stayed->p_pcr_pid, &context->pid[1002]);
-    EXPECT_EQ(context->pid[200].p_pmt, stayed) << "its packets still reach it";
 }
 
 TEST_F(Context, KeepsTypesAndTheFirst256DescriptorTagsOfAPmtEntry) {
@@ -198,41 +194,39 @@ TEST_F(Context, FindsRecordsByWhatTheirFieldsSay) {
     EXPECT_EQ(findPmtByProgramNumber(context.get(), 7), pmt);
     EXPECT_EQ(findPmtByPid(context.get(), 0x100), pmt);
     context.feed(packets.pat({{7, 0x100}, {8, 0x200}}).pmt(7, 0x100, 0x101, {}));
-    EXPECT_EQ(programs(), (Programs{{7, 0x100}, {8, 0x200}}));
+    EXPECT_EQ(programs(), (Programs{{7, {0x100}}, {8, {0x200}}}));
     EXPECT_EQ(pmt->p_pcr_pid, &context->pid[0x101]) << "a PAT takes it over";
     pmt->i_number = 9;
     context.feed(packets.pat({{7, 0x300}, {8, 0x200}, {9, 0x100}}, 1));
     EXPECT_EQ(findPmtByProgramNumber(context.get(), 9), pmt);
     deletePmtByPid(context.get(), 0x200);
-    EXPECT_EQ(programs(), (Programs{{7, 0x300}, {9, 0x100}}));
+    EXPECT_EQ(programs(), (Programs{{7, {0x300}}, {9, {0x100}}}));
 }
 
-// A hook's view of what its context counts, which is that of the packets before its own.
-struct HookView {
-    const ts_stream_t* stream;
-    std::vector<std::array<int64_t, 3>> seen;  // packets, arrival of the last, packets in the delivery index
-
-    static void look(int32_t length, const uint8_t* packet, void* data) {
-        EXPECT_EQ(packet[0] + length, 0x47 + 188);
-        auto& view = *static_cast<HookView*>(data);
-        view.seen.push_back({static_cast<int64_t>(view.stream->i_packets),
-                             view.stream->i_last_time - kStartMs, view.stream->p_mdi->packetsInInterval});
-    }
-};
-
 TEST_F(Context, HooksWrittenAtAnyTimeSeeThePacketsBeforeTheirOwn) {
+    struct View {
+        const ts_stream_t* stream;
+        // Packets, arrival of the last, packets in the delivery index.
+        std::vector<std::array<int64_t, 3>> seen = {};
+    };
+    const auto look = [](int32_t length, const uint8_t* packet, void* data) {
+        EXPECT_EQ(packet[0] + length, 0x47 + 188);
+        auto& [stream, seen] = *static_cast<View*>(data);
+        seen.push_back({static_cast<int64_t>(stream->i_packets), stream->i_last_time - kStartMs,
+                        stream->p_mdi->packetsInInterval});
+    };
     for (const uint16_t pid : {0x101, 0x100, 0, 0x1FFF}) {
-        HookView view{context.get(), {}};
+        View view{context.get()};
         context.feed(packets.pat({{1, 0x100}}).payload(pid, 2));
         context->i_bitrate = 8000;
         context.feed(packets.null(7), 10);  // brings the index up to date
         const auto counted = static_cast<int64_t>(context->i_packets);
         const int64_t accounted = context->p_mdi->packetsInInterval;
-        context->pid[pid].pf_callback = HookView::look;
+        context->pid[pid].pf_callback = look;
         context->pid[pid].p_callback_data = &view;
         context.feed(packets.payload(0x102).payload(pid, 2), 20);
-        EXPECT_EQ(view.seen, (std::vector<std::array<int64_t, 3>>{{counted + 1, 20, accounted + 1},
-                                                                  {counted + 2, 20, accounted + 2}}));
+        EXPECT_EQ(view.seen,
+                  (decltype(view.seen){{counted + 1, 20, accounted + 1}, {counted + 2, 20, accounted + 2}}));
         sarnDvbPsi_setPidDataCallback(context.get(), pid, nullptr, nullptr);
         context.feed(packets.payload(pid), 30);
         EXPECT_EQ(view.seen.size(), 2U);

@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <span>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "sarn/dvbpsiHeaders.h"
@@ -23,63 +23,64 @@ using psi::u32;
 using test::AnalysisContext;
 using test::TsStream;
 
-// Whether a section that comes twice shows: by the PCR PID that a PMT names, else by what is printed.
-bool accepted(uint8_t tableId, uint16_t pid, const Bytes& payload, uint8_t number = 0) {
-    AnalysisContext context;
-    TsStream packets;
-    context.feed(packets.pat({{1, 0x100}}));
-    const Bytes section = psi::section(tableId, 1, 0, payload, number, 0);
-    packets.section(pid, section).section(pid, section);
-    return !test::printedBy([&] { context.feed(packets); }).empty() || context->pid[0x101].b_pcr_pid;
-}
-
-TEST(SectionGuard, SectionsPassOnlyIfTheirLengthsFit) {
-    const Bytes head = concat({u16(0xE101), loop12({})});
-    const Bytes stream = concat({{0x1B}, u16(0xE101), loop12({0x52, 1, 7})});
-    const std::pair<Bytes, bool> programMaps[] = {
-        {head, true},
-        {concat({head, stream, stream}), true},
-        // A descriptor that leads out of its loop is the decoder's to leave out; a loop that leads out of the
-        // section is not.
-        {concat({head, {0x1B}, u16(0xE101), loop12({0x52, 200})}), true},
-        {concat({head, {0x1B}, u16(0xE101), u16(0xF001)}), false},
-        {concat({u16(0xE101), u16(0xFFFF)}), false},
-        {{}, false},
-    };
-    for (const auto& [payload, fits] : programMaps)
-        EXPECT_EQ(accepted(0x02, 0x100, payload), fits) << testing::PrintToString(payload);
-    EXPECT_FALSE(accepted(0x02, 0x100, head, 1)) << "a section behind the last one";
-
-    // The library goes on behind the last of these descriptors, wherever it claims to end.
-    const Bytes event = concat({u16(1), u16(9), {0, 0x4E}, Bytes(10)});
-    const std::pair<Bytes, bool> loops[] = {
-        {{}, true}, {{0x52, 1, 7}, true}, {{0x52, 2, 7}, false}, {{0x52, 0, 0x52}, false}};
-    for (const auto& [descriptors, fits] : loops) {
-        const Bytes loop = loop12(descriptors);
-        EXPECT_EQ(accepted(0x40, 0x11, concat({loop, loop12({})})), fits);
-        EXPECT_EQ(accepted(0x4A, 0x11, concat({loop12({}), loop12(concat({u16(1), u16(2), loop}))})), fits);
-        EXPECT_EQ(accepted(0x4E, 0x12, concat({event, loop})), fits);
-    }
-}
-
-// All that a section leaves behind: what is printed, and the programs with their elementary PIDs.
-std::string decoded(uint8_t tableId, uint16_t pid, const Bytes& payload, uint64_t& stray) {
+// How often a section that came twice was dropped or cut for this reason, and what it left behind: what is
+// printed, and the programs with their elementary PIDs.
+struct Decoded {
+    uint64_t drops;
+    std::string all;
+};
+Decoded decoded(SectionDrop reason, uint8_t tableId, uint16_t pid, const Bytes& payload, uint8_t number = 0) {
     AnalysisContext context;
     TsStream packets;
     if (pid != 0)
         packets.pat({{1, 0x100}});
-    const Bytes section = psi::section(tableId, 1, 0, payload);
+    const Bytes section = psi::section(tableId, 1, 0, payload, number, 0);
     std::string all =
         test::printedBy([&] { context.feed(packets.section(pid, section).section(pid, section)); });
     ChannelsInfo* info = sarnDvbPsi_getChannelsInfo(context.get());
     for (const ChannelInfo& channel : std::span(info->channels, info->count))
         all += testing::PrintToString(std::pair(
-            std::pair(channel.programNumber, channel.pmtPid),
+            channel.pmtPid,
             std::vector(channel.elementaryPids, channel.elementaryPids + channel.elementaryPidCount)));
     sarnDvbPsi_freeChannelsInfo(info);
-    for (const auto& drops : context->section_drops)
-        stray += drops[static_cast<std::size_t>(SectionDrop::strayBytes)];
-    return all + (context->b_cat_received ? "CAT" : "");
+    uint64_t drops = 0;
+    for (const auto& table : context->section_drops)
+        drops += table[static_cast<std::size_t>(reason)];
+    return {drops, all + (context->b_cat_received ? "CAT" : "")};
+}
+
+TEST(SectionGuard, SectionsPassOnlyIfTheirLengthsFit) {
+    const Bytes head = concat({u16(0xE101), loop12({})});
+    const Bytes stream = concat({{0x1B}, u16(0xE101), loop12({0x52, 1, 7})});
+    // The library goes on behind the last of these descriptors, wherever it claims to end.
+    const Bytes tooLong = loop12({0x52, 2, 7}), noLength = loop12({0x52, 0, 0x52}),
+                good = loop12({0x52, 1, 7});
+    const auto bouquet = [](const Bytes& loop) {
+        return concat({loop12({}), loop12(concat({u16(1), u16(2), loop}))});
+    };
+    const auto event = [](const Bytes& loop) { return concat({u16(1), u16(9), {0, 0x4E}, Bytes(10), loop}); };
+    const std::tuple<uint8_t, uint16_t, Bytes, bool> cases[] = {
+        {0x02, 0x100, head, true},
+        {0x02, 0x100, concat({head, stream, stream}), true},
+        // A descriptor that leads out of its loop is the decoder's to leave out; a loop that leads out of the
+        // section is not.
+        {0x02, 0x100, concat({head, {0x1B}, u16(0xE101), loop12({0x52, 200})}), true},
+        {0x02, 0x100, concat({head, {0x1B}, u16(0xE101), u16(0xF001)}), false},
+        {0x02, 0x100, concat({u16(0xE101), u16(0xFFFF)}), false},
+        {0x02, 0x100, {}, false},
+        {0x40, 0x11, concat({good, loop12({})}), true},
+        {0x40, 0x11, concat({tooLong, loop12({})}), false},
+        {0x40, 0x11, concat({loop12({}), u16(0xF001)}), false},
+        {0x4A, 0x11, bouquet(good), true},
+        {0x4A, 0x11, bouquet(tooLong), false},
+        {0x4E, 0x12, event(good), true},
+        {0x4E, 0x12, event(noLength), false},
+    };
+    for (const auto& [tableId, pid, payload, fits] : cases)
+        EXPECT_EQ(decoded(SectionDrop::badLength, tableId, pid, payload).drops, fits ? 0U : 2U)
+            << int{tableId} << testing::PrintToString(payload);
+    EXPECT_EQ(decoded(SectionDrop::badNumber, 0x02, 0x100, head, 1).drops, 2U)
+        << "a section behind the last one";
 }
 
 TEST(SectionGuard, BytesBehindTheLastWholeEntryAreLeftOut) {
@@ -91,53 +92,31 @@ TEST(SectionGuard, BytesBehindTheLastWholeEntryAreLeftOut) {
         uint8_t id;
         uint16_t pid;
         std::size_t entrySize;  // without its loop
-        std::function<Bytes(const Bytes&)> with;
+        Bytes front, entries;
+        bool counted = false;  // the entries' length stands before them
     };
     const Table tables[] = {
-        {0x00, 0, 4,
-         [](const Bytes& stray) {
-             return concat({u16(1), u16(0xE100), stray});
-         }},
-        {0x02, 0x100, 5,
-         [&](const Bytes& stray) {
-             return concat({u16(0xE101), loop, {2}, u16(0xE102), loop, stray});
-         }},
-        {0x40, 0x11, 6,
-         [&](const Bytes& stray) {
-             return concat({loop, loop12(concat({transport, stray}))});
-         }},
-        {0x41, 0x11, 6,
-         [&](const Bytes& stray) {
-             return concat({loop, loop12(transport), stray});
-         }},
-        {0x4A, 0x11, 6,
-         [&](const Bytes& stray) {
-             return concat({loop, loop12(concat({transport, stray}))});
-         }},
-        {0x42, 0x11, 5,
-         [&](const Bytes& stray) {
-             return concat({u16(9), {0xFF}, service, service, stray});
-         }},
-        {0x4E, 0x12, 12,
-         [&](const Bytes& stray) {
-             return concat({u16(1), u16(9), {0, 0x4E}, event, stray});
-         }},
+        {0x00, 0, 4, {}, concat({u16(1), u16(0xE100)})},
+        {0x02, 0x100, 5, concat({u16(0xE101), loop}), concat({{2}, u16(0xE102), loop})},
+        {0x40, 0x11, 6, loop, transport, true},
+        {0x41, 0x11, 6, concat({loop, loop12(transport)}), {}},
+        {0x4A, 0x11, 6, loop, transport, true},
+        {0x42, 0x11, 5, concat({u16(9), {0xFF}}), concat({service, service})},
+        {0x4E, 0x12, 12, concat({u16(1), u16(9), {0, 0x4E}}), event},
         // These have no entries; what is behind them is nobody's.
-        {0x01, 1, 2,
-         [&](const Bytes& stray) {
-             return concat({{9, 4}, u32(0xBE1FF), stray});
-         }},
+        {0x01, 1, 2, concat({{9, 4}, u32(0xBE1FF)}), {}},
     };
-    for (const Table& table : tables) {
-        uint64_t stray = 0;
-        const std::string clean = decoded(table.id, table.pid, table.with({}), stray);
-        EXPECT_EQ(stray, 0U);
-        EXPECT_NE(clean, "");
-        for (std::size_t size = 1; size < table.entrySize; ++size)
-            EXPECT_EQ(decoded(table.id, table.pid, table.with(Bytes(size, 0xE1)), stray), clean)
-                << int{table.id} << " + " << size;
-        EXPECT_EQ(stray, table.id == 1 ? 0 : 2 * (table.entrySize - 1)) << int{table.id};
-    }
+    std::string clean;
+    for (const Table& table : tables)
+        for (std::size_t size = 0; size < table.entrySize; ++size) {
+            const Bytes entries = concat({table.entries, Bytes(size, 0xE1)});
+            const Bytes payload = concat({table.front, table.counted ? loop12(entries) : entries});
+            const Decoded found = decoded(SectionDrop::strayBytes, table.id, table.pid, payload);
+            EXPECT_EQ(found.drops, table.id == 1 || size == 0 ? 0U : 2U) << int{table.id} << " + " << size;
+            clean = size == 0 ? found.all : clean;
+            EXPECT_EQ(found.all, clean) << int{table.id} << " + " << size;
+            EXPECT_NE(found.all, "");
+        }
 }
 
 TEST(SectionGuard, InventedTablesAreBounded) {
