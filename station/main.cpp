@@ -1,11 +1,18 @@
 // kestor-station: the probe's standing controller and reader, and everybody's place to ask.
+#include <fcntl.h>
 #include <malloc.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
 
+#include "channels/configurationValues.h"
 #include "completion.h"
 #include "station.h"
 
@@ -19,6 +26,7 @@ constexpr int kExitUsage = 2;
 // thousand channels, and the allocator would otherwise learn to keep two or three of them.
 constexpr int kKeepsFreed = 1 << 20;
 constexpr const char* kDefaultConfiguration = "/etc/kestor/station.toml";
+constexpr mode_t kNothingForOthers = 0027;  // of what the station writes
 
 struct Arguments {
     std::string configuration;
@@ -31,6 +39,12 @@ struct Arguments {
     bool check = false;
 };
 
+// What an option says has to pass as the key of the same meaning would.
+template <std::string_view (*problem)(std::string_view)>
+std::string optionProblem(const std::string& text) {
+    return text.empty() ? "" : std::string(problem(text));
+}
+
 void declare(CLI::App& app, Arguments& arguments) {
     app.set_version_flag("--version", "kestor-station " KESTOR_VERSION);
     app.add_option("--config", arguments.configuration,
@@ -38,10 +52,13 @@ void declare(CLI::App& app, Arguments& arguments) {
                        " if there is one, else defaults");
     app.add_flag("--check", arguments.check, "Print the effective configuration, or every mistake, and end");
     app.add_option("--state", arguments.state, "Directory of what outlives a restart");
-    app.add_option("--listen", arguments.listen, "ADDRESS:PORT of the HTTP server; \"\" for none");
-    app.add_option("--socket", arguments.socket, "Unix socket of the HTTP server");
+    app.add_option("--listen", arguments.listen, "ADDRESS:PORT of the HTTP server; \"\" for none")
+        ->check(optionProblem<station::checkListen>);
+    app.add_option("--socket", arguments.socket, "Unix socket of the HTTP server")
+        ->check(optionProblem<station::checkSocketPath>);
     app.add_option("--pipe", arguments.pipe, "The probe's results pipe");
-    app.add_option("--controller-endpoint", arguments.endpoint, "Where the probe asks, as a ZeroMQ address");
+    app.add_option("--controller-endpoint", arguments.endpoint, "Where the probe asks, as a ZeroMQ address")
+        ->check([](const std::string& text) { return std::string(station::checkEndpoint(text)); });
     app.add_option("--page", arguments.page, "Directory of the page's files");
     addCompletion(app);
     app.footer(
@@ -106,17 +123,45 @@ int check(const std::filesystem::path& file, const CLI::App& app, const Argument
 
 void makeDirectory(const std::filesystem::path& directory) {
     std::error_code error;
-    std::filesystem::create_directories(directory, error);
+    if (!directory.empty()) {
+        std::filesystem::create_directories(directory, error);
+    }
     if (error) {
         throw std::runtime_error("cannot make the directory " + directory.string() + ": " + error.message());
     }
 }
+
+// Keeps a second station from writing where one does. The kernel gives the lock up when the process ends.
+class DirectoryLock {
+  public:
+    // Throws std::runtime_error with a sentence for an operator when another process has it.
+    explicit DirectoryLock(const std::filesystem::path& directory)
+        : descriptor_(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        // A file system that knows no locks keeps nobody out.
+        if (descriptor_ >= 0 && flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+            close(descriptor_);
+            throw std::runtime_error("another kestor-station works in " + directory.string() +
+                                     ": stop that one, or give this one a directory of its own (--state)");
+        }
+    }
+    ~DirectoryLock() {
+        if (descriptor_ >= 0) {
+            close(descriptor_);
+        }
+    }
+    DirectoryLock(const DirectoryLock&) = delete;
+
+  private:
+    int descriptor_;
+};
 
 int run(const CLI::App& app, const Arguments& arguments) {
     const std::filesystem::path file = configurationFile(arguments);
     if (arguments.check) {
         return check(file, app, arguments);
     }
+    umask(kNothingForOthers);
+    std::signal(SIGPIPE, SIG_IGN);  // of whoever reads standard error
     station::FileKeeper keeper(
         {file, [&](Configuration& configuration) { override(app, arguments, configuration); }});
     station::LoadedFiles files = keeper.load();
@@ -127,12 +172,12 @@ int run(const CLI::App& app, const Arguments& arguments) {
         return kExitFailed;
     }
     makeDirectory(files.configuration->state);
+    const DirectoryLock lock(files.configuration->state);
     makeDirectory(files.configuration->socket.parent_path());
     station::Mailbox mailbox;
     {
         const station::Station owner(std::move(files), keeper, mailbox);
         keeper.run(mailbox);
-        mailbox.stop();
     }
     keeper.saveLast();
     return 0;

@@ -75,7 +75,7 @@ struct Station::Implementation : StationInterface {
     const WallTime started = systemNow().wall;
     std::vector<std::string> notes;
 
-    // The order of their ends matters: the threads that send letters first.
+    // Made last and ended first is the owner, which uses all the others.
     std::unique_ptr<Server> server;
     std::unique_ptr<Controller> controller;
     std::unique_ptr<PipeReader> reader;
@@ -110,9 +110,10 @@ struct Station::Implementation : StationInterface {
     }
 
     ~Implementation() override {
+        mailbox.stop();
+        owner.join();
         reader.reset();
         controller.reset();
-        owner.join();
         server.reset();
     }
 

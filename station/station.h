@@ -16,7 +16,7 @@ class Station {
     // What it runs with from the start; a reload changes the rest. Throws std::runtime_error with a sentence
     // for an operator when it cannot start. `keeper` and `mailbox` have to outlive it.
     Station(LoadedFiles files, FileKeeper& keeper, Mailbox& mailbox);
-    // Ends all threads; everything is written. REQUIRES: mailbox.stop() was called.
+    // Stops the mailbox and ends all threads; everything is written.
     ~Station();
     Station(const Station&) = delete;
 

@@ -62,7 +62,7 @@ struct Controller::Implementation {
                 setProblem(error.what());
                 trouble.say(LogLevel::kError,
                             std::string(error.what()) +
-                                "; the probe gets no channels from this station until that one ends");
+                                "; tried again every second, and the probe gets no channels until then");
             } catch (const zmq::error_t& error) {
                 setProblem(error.what());
                 trouble.say(LogLevel::kError, "the link to the probe failed: " + std::string(error.what()));
