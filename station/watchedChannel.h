@@ -62,6 +62,13 @@ struct WatchedChannel {
     const Record* stream = nullptr;
     std::span<const Record> pids;
     std::shared_ptr<const void> snapshot;
+
+    // A channel that is shown no more must not keep a whole snapshot.
+    void forgetRecords() {
+        stream = nullptr;
+        pids = {};
+        snapshot.reset();
+    }
 };
 
 }  // namespace station

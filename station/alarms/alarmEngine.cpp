@@ -352,10 +352,13 @@ void AlarmEngine::observeMissing(const Group& group, const Now& now, std::vector
     Implementation& engine = *implementation_;
     engine.watchClock(now);
     ChannelData* channel = engine.findEnabled(group);
-    if (channel == nullptr || !channel->subject.rule(engine.noSignal).enabled) {
+    if (channel == nullptr) {
         return;
     }
     channel->missingSince = channel->missingSince.value_or(now.steady);
+    if (!channel->subject.rule(engine.noSignal).enabled) {
+        return;
+    }
     channel->subject.judge(engine.noSignal,
                            {.look = Finding::Look::kWrong,
                             .value = inSeconds(now.steady - *channel->missingSince),
