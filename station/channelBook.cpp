@@ -11,23 +11,28 @@ Refusal invalid(std::string field, std::string text) {
 }
 
 // Why a text cannot be shown as a name, or empty.
-std::string textProblem(const std::string& text) {
-    if (text.size() > kNameLimit) {
-        return "is longer than " + std::to_string(kNameLimit) + " bytes";
+std::string textProblem(const std::string& text, std::size_t limit = kNameLimit) {
+    if (text.size() > limit) {
+        return "is longer than " + std::to_string(limit) + " bytes";
     }
     if (!isUtf8(text)) {
         return "is not UTF-8";
     }
-    if (printable(text, kNameLimit) != text) {
+    if (printable(text, limit) != text) {
         return "holds control characters";
     }
     return {};
 }
 
 std::optional<Refusal> check(const PutChannel& action, const Configuration& configuration) {
-    for (const auto& [field, text] :
-         {std::pair{"name", &action.name}, {"source", &action.source}, {"logo", &action.logo}}) {
-        if (const std::string problem = *text ? textProblem(**text) : std::string(); !problem.empty()) {
+    struct Text {
+        const char* field;
+        const std::optional<std::string>& text;
+        std::size_t limit = kNameLimit;
+    };
+    for (const auto& [field, text, limit] :
+         {Text{"name", action.name}, Text{"source", action.source}, Text{"logo", action.logo, kLogoLimit}}) {
+        if (const std::string problem = text ? textProblem(*text, limit) : ""; !problem.empty()) {
             return invalid(field, std::string(field) + " " + problem);
         }
     }
@@ -74,6 +79,11 @@ std::optional<Refusal> ChannelBook::put(const PutChannel& action, const Configur
     if (auto refusal = check(action, configuration)) {
         return refusal;
     }
+    if (const auto removed = runtime_.find(action.group);
+        removed != runtime_.end() && removed->second.removed) {
+        runtime_.erase(removed);  // what the files say of it holds again
+        merge();
+    }
     const auto known = merged_.channels.find(action.group);
     if (known == merged_.channels.end() && merged_.channels.size() >= kChannelsLimit) {
         return Refusal{Refusal::Why::kConflict, "group",
@@ -90,6 +100,9 @@ std::optional<Refusal> ChannelBook::put(const PutChannel& action, const Configur
     assign(channel.logo, action.logo);
     if (channel.name.empty()) {
         channel.name = channel.group.text();
+    }
+    if (known != merged_.channels.end() && channel == known->second) {
+        return std::nullopt;  // a file's channel goes on as the file's
     }
     channel.origin = Origin::kRuntime;
     channel.place = {};

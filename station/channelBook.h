@@ -24,7 +24,8 @@ class ChannelBook {
     void setFiles(const Configuration& configuration,
                   std::vector<std::pair<PlaylistSource, Playlist>> playlists);
 
-    // Changes at run time; nothing is changed when they are refused.
+    // Changes at run time; nothing is changed when they are refused. A channel that a file names and that the
+    // change leaves as it is stays the file's, and one that was removed comes back as the file has it.
     std::optional<Refusal> put(const PutChannel& action, const Configuration& configuration);
     bool remove(const Group& group);  // false: no such channel
     // Adds what the playlist names, or overrides it; fills the counts and notes of `answer`.

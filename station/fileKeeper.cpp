@@ -11,6 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <utility>
 
 #include "channels/fileWatch.h"
 #include "channels/textFile.h"
@@ -164,9 +165,7 @@ struct FileKeeper::Implementation {
             askers.swap(reloads);
         }
         LoadedFiles files = load();
-        for (const auto& asker : askers) {
-            asker(files);
-        }
+        files.askers = std::move(askers);
         mailbox.send(std::move(files));
     }
 
@@ -262,21 +261,30 @@ void FileKeeper::saveLast() {
     implementation_->saveNow(true);
 }
 
-void FileKeeper::reload(std::function<void(const LoadedFiles&)> done) {
+bool FileKeeper::reload(std::function<void(const LoadedFiles&)> done) {
     {
         const std::lock_guard lock(implementation_->mutex);
+        if (implementation_->reloads.size() >= kAskers) {
+            return false;
+        }
         implementation_->reloads.push_back(std::move(done));
     }
     eventfd_write(implementation_->wake, 1);
+    return true;
 }
 
 void FileKeeper::save(RuntimeChannels channels, std::function<void(const std::string& problem)> done) {
     {
         const std::lock_guard lock(implementation_->mutex);
         implementation_->toSave = std::move(channels);
-        implementation_->saved.push_back(std::move(done));
+        if (implementation_->saved.size() < kAskers) {
+            implementation_->saved.push_back(std::exchange(done, nullptr));
+        }
     }
     eventfd_write(implementation_->wake, 1);
+    if (done) {
+        done("the disk is slow, and too many changes wait for it");
+    }
 }
 
 }  // namespace station

@@ -34,10 +34,15 @@ class FileKeeper {
     // Writes what is still to be saved; nobody who asked for it is there any more to be told.
     void saveLast();
 
-    // Any thread, at once. `done` is called on the main thread: with what was odd, or with what went wrong.
-    void reload(std::function<void(const LoadedFiles&)> done);
+    // Who waits for a slow disk at a time, in each of the two below; beyond, they are not waited for.
+    static constexpr std::size_t kAskers = 256;
+
+    // Any thread, at once. `done` comes to the mailbox with the files. False when too many wait: then it
+    // never does.
+    bool reload(std::function<void(const LoadedFiles&)> done);
     // Of several that wait only the latest is written, and all are told: the problem, or an empty text. One
-    // that could not be written is tried again every ten seconds.
+    // that could not be written is tried again every ten seconds. When too many wait, `done` is told so at
+    // once.
     void save(RuntimeChannels channels, std::function<void(const std::string& problem)> done);
 
   private:

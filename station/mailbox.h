@@ -1,8 +1,11 @@
 // What the owner thread is sent.
 #pragma once
 
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
+#include <functional>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -25,6 +28,8 @@ struct LoadedFiles {
     std::vector<std::string> notes;  // what was odd
     std::vector<std::string>
         refusals;  // mistakes of a configuration that was refused, playlists that were not read
+    // Who asked for it, told once it is in effect; not more than FileKeeper::kAskers at a time.
+    std::vector<std::function<void(const LoadedFiles&)>> askers;
 };
 
 // Letters of several kinds, each with a bound of its own, so that none crowds out another. Any number of
@@ -64,9 +69,12 @@ class Mailbox {
         ready_.notify_one();
         return true;
     }
-    // Takes the place of files that were not taken yet.
+    // Takes the place of files that were not taken yet; who asked for those is told of these.
     void send(LoadedFiles&& files) {
         const std::lock_guard lock(mutex_);
+        if (letters_.files) {
+            std::ranges::move(letters_.files->askers, std::back_inserter(files.askers));
+        }
         letters_.files = std::move(files);
         ready_.notify_one();
     }

@@ -42,11 +42,14 @@ bool ProbeWatch::updateConnected(SteadyTime now) {
     return std::exchange(state_.connected, connected) != connected;
 }
 
-std::string ProbeWatch::whySilent(SteadyTime now, const std::string& pipe) const {
+std::string ProbeWatch::whySilent(SteadyTime now, const std::string& portProblem,
+                                  const std::string& pipeProblem) const {
     if (now - lastRequest_ > kRequestsOverdue) {
-        return "no request from the probe for more than 2 s: is kestor -s running?";
+        return "no request from the probe for more than 2 s: " +
+               (portProblem.empty() ? "is kestor -s running?" : portProblem);
     }
-    return "no snapshot from the probe for more than 3 s: does something else read " + pipe + "?";
+    return "no snapshot from the probe for more than 3 s: " +
+           (pipeProblem.empty() ? "does something else read its pipe?" : pipeProblem);
 }
 
 bool ProbeWatch::fresh(SteadyTime sample, SteadyTime now) const {

@@ -32,8 +32,10 @@ class ProbeWatch {
     }
     // Takes over whether it is connected: heard and not silent. True when that has changed.
     bool updateConnected(SteadyTime now);
-    // REQUIRES: silent. A sentence for an operator.
-    std::string whySilent(SteadyTime now, const std::string& pipe) const;
+    // REQUIRES: silent. A sentence for an operator: what is wrong with the controller's port or with the
+    // pipe, where that is known.
+    std::string whySilent(SteadyTime now, const std::string& portProblem,
+                          const std::string& pipeProblem) const;
     // Whether a channel's sample of that time is still what is.
     bool fresh(SteadyTime sample, SteadyTime now) const;
     bool scanning() const {

@@ -94,7 +94,7 @@ struct Station::Implementation : StationInterface {
         if (!book.problem().empty()) {
             log(LogLevel::kWarning, book.problem());
         }
-        adopt(std::move(files), now, true);
+        adopt(files, now, true);
         take(engine.restore(store.initial().active, now), now);
         desk.restore(engine.active(), book.channels(), now);
         desk.record({.kind = EventKind::kStationStarted, .text = "the station started"}, now);
@@ -165,7 +165,8 @@ struct Station::Implementation : StationInterface {
         return token;
     }
 
-    void adopt(LoadedFiles files, const Now& now, bool atStart) {
+    // Takes the playlists out of `files`.
+    void adopt(LoadedFiles& files, const Now& now, bool atStart) {
         if (files.configuration) {
             if (!atStart) {
                 noteWhatNeedsARestart(*files.configuration);
@@ -258,6 +259,9 @@ struct Station::Implementation : StationInterface {
             bool news = handle(letters, now);
             if (now.steady >= tickAt || news) {
                 finishCycle(now);
+                if (letters.files) {
+                    answerReloads(*letters.files);
+                }
                 tickAt = now.steady + kTick;
                 sd_notify(0, told ? "WATCHDOG=1" : "READY=1\nWATCHDOG=1");
                 told = true;
@@ -272,13 +276,19 @@ struct Station::Implementation : StationInterface {
         }
     }
 
+    static void answerReloads(const LoadedFiles& files) {
+        for (const auto& asker : files.askers) {
+            asker(files);
+        }
+    }
+
     // Whether there is something to publish.
     bool handle(Mailbox::Letters& letters, const Now& now) {
         for (const Controller::Report& report : letters.reports) {
             handleReport(report);
         }
         if (letters.files) {
-            adopt(std::move(*letters.files), now, false);
+            adopt(*letters.files, now, false);
         }
         for (RawSnapshot& snapshot : letters.snapshots) {
             handleSnapshot(std::move(snapshot));
@@ -294,11 +304,15 @@ struct Station::Implementation : StationInterface {
                 return alarmTypes()[alarm.type].name == "probe_silent";
             });
         engine.tick(probe.silent(now.steady) || stillSilent, now, changes);
+        for (AlarmChange& change : changes) {
+            if (change.what == AlarmChange::What::kRaised) {  // probe_silent: there is no other here
+                change.text += "; " + whySilent(now);
+            }
+        }
         take(changes, now);
         if (probe.updateConnected(now.steady)) {
             const bool connected = probe.state().connected;
-            const std::string text = connected ? "the probe asks and shows snapshots"
-                                               : probe.whySilent(now.steady, configuration->pipe.string());
+            const std::string text = connected ? "the probe asks and shows snapshots" : whySilent(now);
             desk.record({.kind = connected ? EventKind::kProbeCame : EventKind::kProbeWent, .text = text},
                         now);
             log(LogLevel::kNotice, text);
@@ -310,6 +324,10 @@ struct Station::Implementation : StationInterface {
             use.residentBytes = residentBytes();
         }
         publish(now);
+    }
+
+    std::string whySilent(const Now& now) const {
+        return probe.whySilent(now.steady, controller->problem(), reader->statistics().problem);
     }
 
     void handleReport(const Controller::Report& report) {
@@ -348,9 +366,15 @@ struct Station::Implementation : StationInterface {
             }));
         std::vector<AlarmChange> changes;
         const Groups shown = observe(snapshot, now, changes);
-        for (const auto& [group, channel] : watched) {
-            if (channel.channel.enabled && !shown.contains(group)) {
+        for (auto& [group, channel] : watched) {
+            if (shown.contains(group)) {
+                continue;
+            }
+            if (channel.channel.enabled) {
                 engine.observeMissing(group, now, changes);
+            }
+            if (!probe.fresh(channel.sampleTime, now.steady)) {
+                channel.forgetRecords();
             }
         }
         take(changes, now);
@@ -500,14 +524,15 @@ struct Station::Implementation : StationInterface {
         return answer;
     }
 
-    // Shows a changed channel set, has it saved, and answers when it is on the disk.
+    // Shows a changed channel set, has it saved, and answers when it is on the disk, or that it cannot be.
     void applyChannels(Answer&& answer, const Reply& reply) {
         const Now now = systemNow();
         takeChannels(now, false);
         publish(now);
         keeper.save(book.runtime(), [reply, said = std::move(answer)](const std::string& problem) mutable {
             if (!problem.empty()) {
-                said.notes.insert(said.notes.begin(), "in effect, but not on the disk: " + problem);
+                said = refused(Refusal::Why::kFailed, "",
+                               "in effect, but not on the disk, which is tried again: " + problem);
             }
             reply(std::move(said));
         });
@@ -562,7 +587,7 @@ struct Station::Implementation : StationInterface {
     }
 
     void act(const ReloadFiles& /*action*/, const Reply& reply) {
-        keeper.reload([reply](const LoadedFiles& files) {
+        const bool waits = keeper.reload([reply](const LoadedFiles& files) {
             Answer answer;
             answer.notes = files.refusals;
             answer.notes.insert(answer.notes.end(), files.notes.begin(), files.notes.end());
@@ -571,6 +596,9 @@ struct Station::Implementation : StationInterface {
             }
             reply(std::move(answer));
         });
+        if (!waits) {
+            reply(refused(Refusal::Why::kBusy, "", "too many wait for the files to be read"));
+        }
     }
 
     void act(const AcknowledgeAlarm& action, const Reply& reply) {

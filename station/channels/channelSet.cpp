@@ -221,8 +221,8 @@ ChannelDifference compareChannels(const ChannelMap& before, const ChannelMap& af
     return difference;
 }
 
-RuntimeChannelFile::RuntimeChannelFile(std::filesystem::path stateDirectory)
-    : file_(std::move(stateDirectory) / "channels.json") {}
+RuntimeChannelFile::RuntimeChannelFile(const std::filesystem::path& stateDirectory)
+    : file_(stateDirectory / "channels.json") {}
 
 RuntimeChannels RuntimeChannelFile::load(std::string& problem) const {
     problem.clear();

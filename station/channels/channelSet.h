@@ -44,7 +44,7 @@ ChannelDifference compareChannels(const ChannelMap& before, const ChannelMap& af
 // The run-time part, kept in `channels.json` of the state directory: written to a new file, synced, renamed.
 class RuntimeChannelFile {
   public:
-    explicit RuntimeChannelFile(std::filesystem::path stateDirectory);
+    explicit RuntimeChannelFile(const std::filesystem::path& stateDirectory);
     // What the file holds; nothing when there is none. Of a damaged file, which is put aside (".damaged") and
     // reported in `problem`, what could be read.
     RuntimeChannels load(std::string& problem) const;

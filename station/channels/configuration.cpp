@@ -322,7 +322,7 @@ class ConfigurationParser {
     void checkProfiles() {
         for (const auto& [at, profile] : profilesNamed_) {
             if (!configuration_.profiles.contains(profile)) {
-                reading_.mistake(*at, "no [profile." + profile + "] defines profile \"" + profile + "\"");
+                reading_.mistake(*at, "no [profile." + profile + "] defines this profile");
             }
         }
     }

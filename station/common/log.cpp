@@ -43,6 +43,7 @@ void sendToJournal(LogLevel level, const std::string& text, std::initializer_lis
         entries.push_back(std::string(name) + "=" + oneLine(value));
     }
     std::vector<iovec> parts;
+    parts.reserve(entries.size());
     for (std::string& entry : entries) {
         parts.push_back({entry.data(), entry.size()});
     }

@@ -51,10 +51,11 @@ void alarmTypesValue(JsonWriter& json) {
         if (type.kind == AlarmKind::kCounter) {
             json.member("count", rule.count).member("error_seconds", rule.errorSeconds);
             json.member("window_s", rule.window.count());
-        } else {
-            json.member("raise_delay_s", seconds(rule.raiseDelay));
-            json.member("clear_delay_s", seconds(rule.clearDelay));
         }
+        if (type.kind != AlarmKind::kEvent) {
+            json.member("raise_delay_s", seconds(rule.raiseDelay));
+        }
+        json.member("clear_delay_s", seconds(rule.clearDelay));
         json.close('}').close('}');
     }
     json.close(']');

@@ -50,6 +50,13 @@ struct Inbox {
     throw std::runtime_error("cannot listen on " + where + ": " + why);
 }
 
+// An IPv4 client of a socket for both is known by its IPv4 address, as its Host header has it.
+std::string addressText(const asio::ip::address& address) {
+    const bool mapped = address.is_v6() && address.to_v6().is_v4_mapped();
+    return mapped ? asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).to_string()
+                  : address.to_string();
+}
+
 // ADDRESS:PORT or [IPv6]:PORT.
 tcp::endpoint parseEndpoint(const std::string& listen) {
     const std::size_t colon = listen.rfind(':');
@@ -149,9 +156,11 @@ struct Server::Implementation {
         ErrorCode error;
         stream_protocol::socket probe(context);
         probe.connect(stream_protocol::endpoint(socketPath.string()), error);
-        if (!S_ISSOCK(status.st_mode) || !error) {
-            cannotListen(socketPath.string(), S_ISSOCK(status.st_mode) ? "another station listens there"
-                                                                       : "a file that is no socket is there");
+        if (!S_ISSOCK(status.st_mode)) {
+            cannotListen(socketPath.string(), "a file that is no socket is there");
+        }
+        if (error != asio::error::connection_refused) {
+            cannotListen(socketPath.string(), error ? error.message() : "another station listens there");
         }
         unlink(socketPath.c_str());
     }
@@ -190,8 +199,8 @@ struct Server::Implementation {
                 return;  // out of descriptors, most likely: again at the next tick
             }
             ErrorCode gone;
-            const auto remote = socket.remote_endpoint(gone).address().to_string();
-            const auto local = socket.local_endpoint(gone).address().to_string();
+            const auto remote = addressText(socket.remote_endpoint(gone).address());
+            const auto local = addressText(socket.local_endpoint(gone).address());
             socket.set_option(tcp::no_delay(true), gone);
             if (!gone) {
                 add(Socket(std::move(socket)), remote, local);

@@ -129,6 +129,14 @@ int showStatus(StationClient& station, const StationRequest& request) {
     printf("probe     %s, last snapshot %s UTC, restarted %s times\n",
            probe.value("connected", false) ? "connected" : "NOT CONNECTED",
            timeText(probe, "lastSnapshot").c_str(), number(probe, "restarts").c_str());
+    if (probe.value("otherController", false)) {
+        puts(
+            "          the station cannot listen where the probe asks: another controller does; its log "
+            "tells");
+    }
+    if (const std::string problem = text(probe, "pipeProblem"); problem != "-") {
+        printf("          %s\n", problem.c_str());
+    }
     printf("channels  %s configured, %s watched, %s with signal\n", number(channels, "configured").c_str(),
            number(channels, "watched").c_str(), number(channels, "withSignal").c_str());
     printf("alarms    %s critical, %s major, %s minor, %s warning\n", number(alarms, "critical").c_str(),
@@ -349,6 +357,37 @@ int reload(StationClient& station, const StationRequest& request) {
     return 0;
 }
 
+void printSent(const std::string& said, bool json) {
+    if (json) {
+        print({{"sent", said}});
+    } else {
+        printf("sent: %s\n", said.c_str());
+    }
+}
+
+// One that is refused does not keep the others from being told.
+int changeChannels(StationClient& station, const StationRequest& request) {
+    std::string said;
+    bool refused = false;
+    for (const std::string& group : request.groups) {
+        try {
+            if (request.command == "add") {
+                station.send("PUT", "/api/v1/channels/" + group, Json::object());
+            } else {
+                station.send("DELETE", "/api/v1/channels/" + group);
+            }
+            said += " " + group;
+        } catch (const LinkError& error) {
+            fprintf(stderr, "kestorctl: %s: %s\n", group.c_str(), error.what());
+            refused = true;
+        }
+    }
+    if (!said.empty()) {
+        printSent(request.command + said, request.json);
+    }
+    return refused ? 1 : 0;
+}
+
 // What a probe without station is told, too; said in the same words.
 int change(StationClient& station, const StationRequest& request) {
     std::string said = request.command;
@@ -361,20 +400,9 @@ int change(StationClient& station, const StationRequest& request) {
         station.send("POST", "/api/v1/igmp-latency", {{"milliseconds", request.latencyMs}});
         said += " " + std::to_string(request.latencyMs);
     } else {
-        for (const std::string& group : request.groups) {
-            if (request.command == "add") {
-                station.send("PUT", "/api/v1/channels/" + group, Json::object());
-            } else {
-                station.send("DELETE", "/api/v1/channels/" + group);
-            }
-            said += " " + group;
-        }
+        return changeChannels(station, request);
     }
-    if (request.json) {
-        print({{"sent", said}});
-    } else {
-        printf("sent: %s\n", said.c_str());
-    }
+    printSent(said, request.json);
     return 0;
 }
 
