@@ -153,17 +153,21 @@ EventStore::Implementation::Implementation(const std::filesystem::path& director
     queries_ = std::thread([this] { runQueries(); });
 }
 
+// The connection that writes is closed last: only that one takes the log up into the file.
 EventStore::Implementation::~Implementation() {
+    questions.close();
+    stopReading_ = true;
+    stopCheck_ = true;
+    queries_.join();
+    {
+        const std::lock_guard lock(readerMutex_);
+        reader_.reset();
+    }
     {
         const std::lock_guard lock(mutex_);
         closing_ = true;
     }
     changed_.notify_all();
-    questions.close();
-    stopReading_ = true;
-    stopCheck_ = true;
-    queries_.join();
-    reader_.reset();
     writer_.join();
     stopCheck();
 }
