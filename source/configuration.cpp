@@ -128,12 +128,14 @@ void clearIPChannel(T_interface* device, const std::string& text) {
     printf("clearIPChannel: %s\n\n", text.c_str());
     const uint32_t address = parseGroup(text.c_str());
     const WriteLock hold(&device->channelListLock);
+    // Printed once a channel, so with thousands of them it is made only when it changes.
+    std::string streams = sarnUdpStreams_listStreams(device->udpStreams);
     ChannelRecord* channel;
     ChannelRecord* next;
     HASH_ITER(hh, device->channelList, channel, next) {
         if (channel->address != address) {
             puts("Tego kanalu nie chce usuwac bo ...");
-            sarnUdpStreams_printStreams(device->udpStreams);
+            fwrite(streams.data(), 1, streams.size(), stdout);
             continue;
         }
         HASH_DEL(device->channelList, channel);
@@ -143,6 +145,7 @@ void clearIPChannel(T_interface* device, const std::string& text) {
             // Printed when the stream is missing, whatever the text says.
             puts("udpStream != NULL");
         }
+        streams = sarnUdpStreams_listStreams(device->udpStreams);
         delete channel;
     }
 }

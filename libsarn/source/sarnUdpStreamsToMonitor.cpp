@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <span>
+#include <string>
 
 #include "sarn/sarnDvbPsi.h"
 #include "sarn/sarnLog.h"
@@ -166,13 +167,21 @@ void sarnUdpStreams_deleteAll(UdpStreamTable* table) {
     }
 }
 
-void sarnUdpStreams_printStreams(UdpStreamTable* table) {
+std::string sarnUdpStreams_listStreams(const UdpStreamTable* table) {
+    std::string lines;
     for (const UdpStream* stream = *table; stream != nullptr;
          stream = static_cast<const UdpStream*>(stream->hh.next)) {
         const in_addr group{.s_addr = stream->group};
-        printf("%d %s %s %d \n", static_cast<int>(stream->streamId), stream->name, inet_ntoa(group),
-               stream->port);
+        lines += std::to_string(static_cast<int>(stream->streamId));
+        lines.append(" ").append(stream->name).append(" ").append(inet_ntoa(group)).append(" ");
+        lines.append(std::to_string(stream->port)).append(" \n");
     }
+    return lines;
+}
+
+void sarnUdpStreams_printStreams(UdpStreamTable* table) {
+    const std::string lines = sarnUdpStreams_listStreams(table);
+    fwrite(lines.data(), 1, lines.size(), stdout);
 }
 
 void sarnUdpStreams_setIGMPJoinTime(UdpStream* stream, uint64_t time) {

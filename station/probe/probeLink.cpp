@@ -23,7 +23,7 @@ constexpr int kLongestMissing = 60;
 
 // For each group on its list that is not the one to remove the probe prints all its streams, so a removal
 // costs the square of their number. That many printed lines fit into a cycle.
-constexpr std::size_t kLinesPerAnswer = 200'000;
+constexpr std::size_t kLinesPerAnswer = 16'000'000;
 constexpr std::size_t kRemovedPerAnswer = 200;
 
 }  // namespace

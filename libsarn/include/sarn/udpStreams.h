@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "sarn/tsStream.h"
 
@@ -78,6 +79,8 @@ void sarnUdpStreams_deleteAll(UdpStreamTable* table);
 
 // Prints "streamId name group port " per record to standard output, in table order.
 void sarnUdpStreams_printStreams(UdpStreamTable* table);
+// What that prints.
+std::string sarnUdpStreams_listStreams(const UdpStreamTable* table);
 
 // Times in ms since the epoch. No lock is taken.
 void sarnUdpStreams_setIGMPJoinTime(UdpStream* stream, uint64_t time);
