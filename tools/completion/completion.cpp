@@ -18,12 +18,18 @@ std::vector<std::string> namesOf(const CLI::Option& option) {
     return names;
 }
 
-bool isShown(const CLI::Option& option) {
-    return option.get_positional() || !option.get_group().empty();
+bool isShown(const CLI::Option* option) {
+    return option->get_positional() || !option->get_group().empty();
 }
 
-bool isShownOption(const CLI::Option* option) {
-    return option->nonpositional() && isShown(*option) && option->get_name() != "--help";
+// The program's own options, where they may stand behind a command as well.
+std::vector<const CLI::Option*> inheritedOptions(const CLI::App& app) {
+    if (app.get_parent() == nullptr || !app.get_parent()->get_fallthrough()) {
+        return {};
+    }
+    return app.get_parent()->get_options([](const CLI::Option* option) {
+        return option->nonpositional() && isShown(option) && option->get_name() != "--help";
+    });
 }
 
 bool takesValue(const CLI::Option& option) {
@@ -49,10 +55,7 @@ std::vector<std::string> valuesOf(const CLI::Option& option) {
 std::string wordsOf(const CLI::App& app) {
     std::string words;
     const auto add = [&](const std::string& word) { words += (words.empty() ? "" : " ") + word; };
-    for (const CLI::Option* option : app.get_options()) {
-        if (!isShown(*option)) {
-            continue;
-        }
+    for (const CLI::Option* option : app.get_options(isShown)) {
         for (const std::string& name : namesOf(*option)) {
             add(name);
         }
@@ -65,11 +68,9 @@ std::string wordsOf(const CLI::App& app) {
     for (const CLI::App* command : app.get_subcommands({})) {
         add(command->get_name());
     }
-    if (app.get_parent() != nullptr && app.get_parent()->get_fallthrough()) {
-        for (const CLI::Option* option : app.get_parent()->get_options(isShownOption)) {
-            for (const std::string& name : namesOf(*option)) {
-                add(name);
-            }
+    for (const CLI::Option* option : inheritedOptions(app)) {
+        for (const std::string& name : namesOf(*option)) {
+            add(name);
         }
     }
     return words;
@@ -99,21 +100,25 @@ std::string zshAction(const CLI::Option& option) {
     return values.empty() ? "_default" : "(" + values + ")";
 }
 
+void zshOption(std::ostream& out, const CLI::Option& option) {
+    for (const std::string& name : namesOf(option)) {
+        out << " \\\n      '" << name << "[" << zshText(option.get_description()) << "]";
+        if (takesValue(option)) {
+            out << ":value:" << zshAction(option);
+        }
+        out << "'";
+    }
+    if (option.get_positional()) {
+        out << " \\\n      '*:" << zshText(option.get_description()) << ":" << zshAction(option) << "'";
+    }
+}
+
 void zshOptions(std::ostream& out, const CLI::App& app) {
-    for (const CLI::Option* option : app.get_options()) {
-        if (!isShown(*option)) {
-            continue;
-        }
-        for (const std::string& name : namesOf(*option)) {
-            out << " \\\n      '" << name << "[" << zshText(option->get_description()) << "]";
-            if (takesValue(*option)) {
-                out << ":value:" << zshAction(*option);
-            }
-            out << "'";
-        }
-        if (option->get_positional()) {
-            out << " \\\n      '*:" << zshText(option->get_description()) << ":" << zshAction(*option) << "'";
-        }
+    for (const CLI::Option* option : app.get_options(isShown)) {
+        zshOption(out, *option);
+    }
+    for (const CLI::Option* option : inheritedOptions(app)) {
+        zshOption(out, *option);
     }
 }
 
