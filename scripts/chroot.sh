@@ -28,10 +28,11 @@ case $arch in
   arm64 | armhf) toolchain=(build-essential "crossbuild-essential-$arch" "libc6:$arch" "libstdc++6:$arch" qemu-user qemu-user-static) ;;
   *) echo "chroot.sh: no cross builds for $arch, only arm64 and armhf" >&2; exit 2 ;;
 esac
-tools=() test_libraries=()
+tools=() test_packages=()
 [ $build = no ] || tools=(cmake ninja-build pkgconf ccache debhelper fakeroot lintian file)
 # What the package's own build does not ask for: tests and benchmarks.
-[ $build = no ] || test_libraries=("libgtest-dev:$arch" "libgmock-dev:$arch" "libbenchmark-dev:$arch")
+[ $build = no ] || test_packages=("libgtest-dev:$arch" "libgmock-dev:$arch" "libbenchmark-dev:$arch"
+  python3-jsonschema python3-yaml) # the answers of the station against docs/api.yaml
 
 # ISOLATION is --net for no network and none for the machine's; ROOT_KIND is copy for one whose changes are dropped.
 inside() { # ISOLATION ROOT_KIND COMMAND [ARG]...
@@ -101,7 +102,7 @@ prepare() {
   fi
 }
 
-packages=("${toolchain[@]}" "${tools[@]}" "${test_libraries[@]}")
+packages=("${toolchain[@]}" "${tools[@]}" "${test_packages[@]}")
 exec {lock}>"/run/lock/kestor-chroot-$arch"
 case $mode in
   prepare) flock "$lock"; prepare ;;
