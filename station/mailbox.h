@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -105,7 +106,8 @@ class Mailbox {
 
   private:
     template <typename T>
-    static void pushDroppingOldest(std::deque<T>& letters, T&& letter, std::size_t bound, uint64_t& dropped) {
+    static void pushDroppingOldest(std::deque<T>& letters, std::type_identity_t<T>&& letter,
+                                   std::size_t bound, uint64_t& dropped) {
         if (letters.size() >= bound) {
             letters.pop_front();
             ++dropped;

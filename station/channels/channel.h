@@ -22,7 +22,8 @@ class Group {
     uint32_t hostOrder() const {
         return address_;
     }
-    auto operator<=>(const Group&) const = default;
+    // The check takes the 0 that the comparison's result is compared with for a pointer.
+    auto operator<=>(const Group&) const = default;  // NOLINT(modernize-use-nullptr)
 
   private:
     explicit Group(uint32_t address) : address_(address) {}

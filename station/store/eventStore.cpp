@@ -381,6 +381,7 @@ void EventStore::Implementation::write(std::deque<Waiting>& batch) {
         return;
     }
     std::vector<const StoreEntry*> entries;
+    entries.reserve(batch.size());
     for (const Waiting& waiting : batch) {
         entries.push_back(&waiting.entry);
     }

@@ -30,7 +30,7 @@ std::string part(const Url& url, CURLUPart what) {
     if (url == nullptr || curl_url_get(url.get(), what, &text, 0) != CURLUE_OK) {
         return {};
     }
-    const std::string copy(text);
+    std::string copy(text);
     curl_free(text);
     return copy;
 }

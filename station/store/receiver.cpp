@@ -50,7 +50,7 @@ bool Receiver::knows(const Notification& notification) {
            (told_.contains(notification.alarmId) || findOwed(notification.alarmId, true) != owed_.end());
 }
 
-void Receiver::drop(std::deque<Owed>::iterator owed, DeliveryChanges& changes) {
+void Receiver::drop(const std::deque<Owed>::iterator& owed, DeliveryChanges& changes) {
     changes.settled.push_back(owed->sequence);
     ++statistics_.dropped;
     owed_.erase(owed);

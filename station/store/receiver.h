@@ -82,7 +82,7 @@ class Receiver {
     DeliveryChanges failed(const HttpOutcome& outcome, SteadyTime now);
     void oweClear(Notification&& clear, int64_t& lastSequence, DeliveryChanges& changes);
     void append(Notification&& notification, int64_t& lastSequence, DeliveryChanges& changes);
-    void drop(std::deque<Owed>::iterator owed, DeliveryChanges& changes);
+    void drop(const std::deque<Owed>::iterator& owed, DeliveryChanges& changes);
     bool knows(const Notification& notification);
     std::deque<Owed>::iterator findOwed(int64_t alarmId, bool raised);
 
