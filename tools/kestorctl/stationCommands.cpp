@@ -9,6 +9,7 @@
 #include <span>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -215,25 +216,35 @@ void printEvent(const Json& event, bool json) {
            what.c_str(), who == "-" ? "" : who.c_str(), who == "-" ? "" : ": ", text(event, "text").c_str());
 }
 
+// The events behind the last one that was shown, oldest first.
+void showNewEvents(StationClient& station, int limit, bool json, int64_t& last) {
+    Json events = station.getJson("/api/v1/events?limit=" + std::to_string(limit));
+    std::reverse(events.begin(), events.end());
+    for (const Json& event : events) {
+        if (const int64_t id = event.value("id", int64_t{0}); id > last) {
+            last = id;
+            printEvent(event, json);
+        }
+    }
+}
+
 int showEvents(StationClient& station, const StationRequest& request) {
     int64_t last = 0;
-    int limit = request.limit;
-    for (;;) {
-        Json events = station.getJson("/api/v1/events?limit=" + std::to_string(limit));
-        std::reverse(events.begin(), events.end());  // newest last, as a log
-        for (const Json& event : events) {
-            if (const int64_t id = event.value("id", int64_t{0}); id > last) {
-                last = id;
-                printEvent(event, request.json);
+    showNewEvents(station, request.limit, request.json, last);
+    bool away = false;
+    while (request.follow) {
+        fflush(stdout);
+        std::this_thread::sleep_for(kLooksForEvents);
+        try {
+            showNewEvents(station, kEventsAtOnce, request.json, last);
+            away = false;
+        } catch (const LinkError& error) {  // a station that is restarted comes back
+            if (!std::exchange(away, true)) {
+                fprintf(stderr, "kestorctl: %s; waiting for it\n", error.what());
             }
         }
-        if (!request.follow) {
-            return 0;
-        }
-        fflush(stdout);
-        limit = kEventsAtOnce;
-        std::this_thread::sleep_for(kLooksForEvents);
     }
+    return 0;
 }
 
 struct Piece {

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "probeEndpoints.h"
 #include "recordJson.h"
@@ -78,11 +79,22 @@ std::optional<std::string> readSnapshot(Clock::time_point deadline) {
     }
 }
 
-// The next snapshot from the station, or nothing at the deadline, which is said on standard error.
+// The next snapshot from the station, or nothing at the deadline, which is said on standard error. Without a
+// deadline a station that is restarted is waited for.
 std::optional<std::string> askForSnapshot(StationClient& station, Clock::time_point deadline) {
+    bool away = false;
     for (;;) {
-        if (auto text = station.newSnapshot()) {
-            return text;
+        try {
+            if (auto text = station.newSnapshot()) {
+                return text;
+            }
+        } catch (const LinkError& error) {
+            if (deadline != kNoDeadline) {
+                throw;
+            }
+            if (!std::exchange(away, true)) {
+                fprintf(stderr, "kestorctl: %s; waiting for it\n", error.what());
+            }
         }
         if (Clock::now() > deadline) {
             fputs("kestorctl: no snapshot in time: the station has none from the probe (kestorctl status)\n",
