@@ -151,9 +151,10 @@ class PageTest(unittest.TestCase):
         wait_for("all plots are drawn", 10, lambda: self.browser.run(drawn) == plots)
         self.images("channel")
         # A time of the last minutes as a link.
-        at = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(time.time() - 20))
+        moment = time.time() - 20
+        at = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(moment))
         self.open(f"#channel/239.1.1.1?t={at}")
-        clock = time.strftime("%H:%M:", time.localtime(time.time() - 20))
+        clock = time.strftime("%H:%M:", time.localtime(moment))
         wait_for("the values of that time", 10, lambda: clock in self.browser.text(".plot output") or
                  "unknown" in self.browser.text(".plot output"))
         self.assertIn(f"t={at[:17]}", self.browser.run("return decodeURIComponent(location.hash)"))
