@@ -8,7 +8,7 @@ import {isKnown, parseTime, quantity, time, visible} from './format.js';
 import {Lamps} from './lamps.js';
 import {Pids} from './pids.js';
 import {kRanges, Plots} from './plots.js';
-import {look, sign, stateText} from './state.js';
+import {isAwaited, look, sign, stateText} from './state.js';
 import {drawStrip, stripText} from './strip.js';
 
 const kEventRows = 50;
@@ -272,7 +272,8 @@ class Facts {
     const port = (value) => (isKnown(value) ? String(value) : '–');
     this.set(
         'Group', identity.destinationPort ? `${detail.group}:${identity.destinationPort}` : detail.group);
-    this.set('Bit rate', quantity(detail.bitRate, store.unit('bitRate')));
+    const bitRate = isAwaited(detail) ? null : detail.bitRate;
+    this.set('Bit rate', quantity(bitRate, store.unit('bitRate')));
     const listed = identity.listedSource && identity.listedSource !== identity.source ?
         ` (listed: ${visible(identity.listedSource)})` :
         '';

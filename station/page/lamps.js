@@ -1,7 +1,7 @@
 // The checks of ETSI TR 101 290 as a panel of lamps: first priority, second, and the rest.
 import {el, setAttribute, setClass, setText} from './dom.js';
 import {count, parseTime, time, visible} from './format.js';
-import {sign} from './state.js';
+import {isAwaited, sign} from './state.js';
 
 const kPriorities = [[1, 'First priority'], [2, 'Second priority'], [0, 'Other']];
 
@@ -54,7 +54,8 @@ export class Lamps {
 
   // `detail`: the channel as the API describes it.
   update(detail) {
-    const values = new Map(detail.checks.map((check) => [check.column, check]));
+    const checks = isAwaited(detail) ? [] : detail.checks;
+    const values = new Map(checks.map((check) => [check.column, check]));
     const columns = new Map(this.store.meta.alarmTypes.map((type) => [type.name, type.column]));
     const alarms = new Map(detail.alarms.map((alarm) => [columns.get(alarm.alarm), alarm]));
     for (const [column, {node, lamp, cells}] of this.rows) {

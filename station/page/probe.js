@@ -72,7 +72,7 @@ export class ProbeView {
     let sum = 0;
     let known = 0;
     for (const channel of store.channels.values()) {
-      const value = store.value(channel, 'bitRate');
+      const value = store.measure(channel, 'bitRate');
       if (!isKnown(value)) continue;
       sum += value;
       known++;

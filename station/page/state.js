@@ -1,5 +1,6 @@
 // How the states of channels and the severities of alarms look: a sign and a class each, never colour alone.
 // Their names and their order come from the API.
+import {parseTime} from './format.js';
 
 const kSigns = {
   ok: '✓',
@@ -19,6 +20,11 @@ export function sign(name) {
 // What a channel's sign and colour stand for: its severity while it is in alarm, else its state.
 export function look(state, severity) {
   return state === 'alarm' ? (severity ?? 'alarm') : (state ?? 'waiting');
+}
+
+// Whether no packet of a channel came yet: the record's zeros are no measures then.
+export function isAwaited({state, lastSeen}) {
+  return state === 'waiting' && !parseTime(lastSeen);
 }
 
 // What a channel's state is called: "ok", "critical alarm", "waiting".

@@ -2,7 +2,8 @@
 //
 // Topics that can be listened to: "channels" (set, names, labels), "snapshot" (each second), "alarms",
 // "overview" (strips and sparklines were loaded), "connection" (live or not), "meta".
-import {parseTime} from './format.js';
+import {isKnown, parseTime} from './format.js';
+import {isAwaited} from './state.js';
 import {EventStream} from './stream.js';
 
 export const kSparkCells = 60;
@@ -74,6 +75,12 @@ export class Store {
   // A field of the channel's newest row; null while nothing is known.
   value(channel, field) {
     return channel.row ? channel.row[this.index[field]] : null;
+  }
+
+  // A measure of the channel's newest row; null while nothing came that could be measured.
+  measure(channel, field) {
+    const state = this.value(channel, 'state');
+    return isAwaited({state, lastSeen: this.value(channel, 'lastSeen')}) ? null : this.value(channel, field);
   }
 
   // Units and meanings of stream columns and history metrics, by name.
@@ -186,15 +193,14 @@ export class Store {
     const slot = Math.floor(this.time.getTime() / kSparkMs);
     const steps = this.sparkSlot ? Math.min(kSparkCells, Math.max(0, slot - this.sparkSlot)) : 0;
     this.sparkSlot = slot;
-    const bitRate = this.index.bitRate;
     for (const channel of this.channels.values()) {
       if (steps > 0) {
         channel.spark.copyWithin(0, steps).fill(NaN, kSparkCells - steps);
         channel.sparkSum = 0;
         channel.sparkCount = 0;
       }
-      const value = channel.row?.[bitRate];
-      if (value === null || value === undefined || !this.probe.connected) continue;
+      const value = this.measure(channel, 'bitRate');
+      if (!isKnown(value) || !this.probe.connected) continue;
       channel.sparkSum = (channel.sparkSum ?? 0) + value;
       channel.sparkCount = (channel.sparkCount ?? 0) + 1;
       channel.spark[kSparkCells - 1] = channel.sparkSum / channel.sparkCount;
@@ -270,8 +276,9 @@ export class Store {
     this.overviewAsked = true;
     try {
       this.takeOverview(await this.api.get(`overview?cells=${kSparkCells}&seconds=${kSparkMs / 1000}`));
-    } catch {
-      // The strips stay as they are until the next time.
+      this.overviewLoaded = true;
+    } catch {  // the strips stay as they are until the next time
+      if (!this.overviewLoaded) setTimeout(() => this.loadOverview(), 2_000);
     } finally {
       this.overviewAsked = false;
     }
@@ -284,7 +291,8 @@ export class Store {
     for (const {group, spark, strip} of overview.channels) {
       const channel = this.channels.get(group);
       if (!channel) continue;
-      for (let cell = 0; cell < kSparkCells; cell++) channel.spark[cell] = spark[cell] ?? NaN;
+      const awaited = isAwaited(channel.info);
+      for (let cell = 0; cell < kSparkCells; cell++) channel.spark[cell] = awaited ? NaN : spark[cell] ?? NaN;
       channel.strip = strip;
     }
     this.tell('overview');

@@ -130,7 +130,7 @@ export class Tile {
   update() {
     if (!this.parts) return;
     const {store, channel, parts} = this;
-    const value = (field) => store.value(channel, field);
+    const value = (field) => store.measure(channel, field);
     setText(parts.bitRate.value, quantity(value('bitRate'), store.unit('bitRate')));
     const lost = value('lostLastMinute');
     const continuity = value('continuityLastMinute');
