@@ -23,15 +23,25 @@ const context = {
   },
 };
 
+// A module that did not come once does not come for this document any more.
+async function load(file) {
+  try {
+    return await import(file);
+  } catch {
+    dispatchEvent(new Event('incomplete'));  // start.js loads the page anew
+    throw new Error('the station did not give all of it.');
+  }
+}
+
 // The views but the first are loaded when they are asked for.
 const views = {
   '': async (parameters) => new Wall(main, context, parameters, false),
   wall: async (parameters) => new Wall(main, context, parameters, true),
   channel: async (parameters, group) =>
-      new (await import('./channel.js')).ChannelView(main, context, parameters, group),
-  events: async (parameters) => new (await import('./events.js')).EventsView(main, context, parameters),
-  probe: async () => new (await import('./probe.js')).ProbeView(main, context),
-  edit: async (parameters) => new (await import('./edit.js')).EditView(main, context, parameters),
+      new (await load('./channel.js')).ChannelView(main, context, parameters, group),
+  events: async (parameters) => new (await load('./events.js')).EventsView(main, context, parameters),
+  probe: async () => new (await load('./probe.js')).ProbeView(main, context),
+  edit: async (parameters) => new (await load('./edit.js')).EditView(main, context, parameters),
 };
 
 let current = null;
@@ -115,8 +125,9 @@ function showConnection() {
   const since = stale.since ? ` since ${time(stale.since)} (${age})` : ' yet';
   setText(
       banner,
-      stale.who === 'station' ? `No data from the station${since}. Trying again.` :
-                                `No data from the probe${since}. What is shown is old.`);
+      stale.who === 'station' ?
+          `No data from the station${since}. Trying again.` :
+          `No data from the probe${since}.${stale.since ? ' What is shown is old.' : ''}`);
   banner.hidden = Date.now() - started < kPatienceMs;
 }
 
