@@ -285,7 +285,13 @@ export class Plots {
 
   read(plot, point) {
     let chosen = point;
-    if (!chosen && this.mark !== null) chosen = plot.points[this.rowAt(plot, this.mark)];
+    if (!chosen && this.mark !== null) {
+      chosen = plot.points[this.rowAt(plot, this.mark)];
+      if (!chosen) {
+        setText(plot.readout, `${time(new Date(this.mark))} · unknown`);
+        return;
+      }
+    }
     chosen ??= plot.points.at(-1);
     if (!chosen) return;
     const [low, mean, high] = chosen[1];
