@@ -47,6 +47,7 @@ struct Outputs {
 };
 
 void declare(CLI::App& app, Arguments& arguments) {
+    app.set_version_flag("--version", "kestor-replay " KESTOR_VERSION);
     app.add_option("-g", arguments.groups,
                    "Multicast group to analyse, repeatable; without it all in the file")
         ->type_name("GROUP")

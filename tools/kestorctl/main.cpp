@@ -178,6 +178,7 @@ void declareStationCommands(CLI::App& app, StationRequest& request) {
 }
 
 void declare(CLI::App& app, Arguments& arguments) {
+    app.set_version_flag("--version", "kestorctl " KESTOR_VERSION);
     app.require_subcommand(1);
     app.fallthrough();
     app.add_option("--timeout", arguments.timeoutS, "Seconds to wait for the probe")
