@@ -9,8 +9,8 @@
 # was built. It lives in KESTOR_CHROOTS (default /var/cache/kestor), a few hundred megabytes each; deleting the
 # directory is all it takes to be rid of it. On the machine itself only mmdebstrap is installed. Needs root.
 #
-# Inside, the tree has the path that it has outside, and there is no network but for `prepare`. Mounts are made in a
-# namespace of their own and end with the command.
+# Inside, the tree has the path that it has outside, and `run` has no network but a loopback of its own. Mounts are made
+# in a namespace of their own and end with the command.
 set -euo pipefail
 
 tree=$(cd "$(dirname "$0")/.." && pwd)
@@ -36,13 +36,13 @@ tools=() test_packages=()
 
 # ISOLATION is --net for no network and none for the machine's; ROOT_KIND is copy for one whose changes are dropped.
 inside() { # ISOLATION ROOT_KIND COMMAND [ARG]...
-  local namespaces=(--mount --pid --ipc --uts --fork --kill-child) kind=$2
-  [ "$1" != --net ] || namespaces+=(--net)
+  local namespaces=(--mount --pid --ipc --uts --fork --kill-child) isolation=$1 kind=$2
+  [ "$isolation" != --net ] || namespaces+=(--net)
   shift 2
   # shellcheck disable=SC2016 # expands inside
   unshare "${namespaces[@]}" bash -euc '
-    root=$1 tree=$2 kind=$3
-    shift 3
+    root=$1 tree=$2 kind=$3 isolation=$4
+    shift 4
     if [ "$kind" = copy ]; then
       mount -n -t tmpfs tmpfs /mnt
       mkdir /mnt/upper /mnt/work /mnt/root
@@ -54,6 +54,7 @@ inside() { # ISOLATION ROOT_KIND COMMAND [ARG]...
     mount -n -t proc proc "$root/proc"
     mount -n --rbind /dev "$root/dev"
     mount -n -t tmpfs -o mode=1777 tmpfs "$root/tmp"
+    [ "$isolation" != --net ] || ip link set lo up
     if [ -e /etc/resolv.conf ]; then
       touch "$root/etc/resolv.conf"
       mount -n --bind "$(realpath /etc/resolv.conf)" "$root/etc/resolv.conf"
@@ -63,7 +64,7 @@ inside() { # ISOLATION ROOT_KIND COMMAND [ARG]...
       CCACHE_DIR=/var/cache/ccache CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache \
       ${DEB_BUILD_OPTIONS:+DEB_BUILD_OPTIONS="$DEB_BUILD_OPTIONS"} \
       sh -euc "cd \"\$0\"; exec \"\$@\"" "$tree" "$@"
-  ' inside "$root" "$tree" "$kind" "$@"
+  ' inside "$root" "$tree" "$kind" "$isolation" "$@"
 }
 
 # From the point release alone: libraries of two architectures install side by side only in one and the same version,
