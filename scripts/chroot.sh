@@ -32,7 +32,7 @@ tools=() test_packages=()
 [ $build = no ] || tools=(cmake ninja-build pkgconf ccache debhelper fakeroot lintian file)
 # What the package's own build does not ask for: tests and benchmarks.
 [ $build = no ] || test_packages=("libgtest-dev:$arch" "libgmock-dev:$arch" "libbenchmark-dev:$arch"
-  python3-jsonschema python3-yaml) # the answers of the station against docs/api.yaml
+  python3-jsonschema python3-yaml libjs-dygraphs) # what the station answers, and what it serves
 
 # ISOLATION is --net for no network and none for the machine's; ROOT_KIND is copy for one whose changes are dropped.
 inside() { # ISOLATION ROOT_KIND COMMAND [ARG]...
