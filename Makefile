@@ -39,7 +39,7 @@ test: deps
 	scripts/install-servers.sh
 	cmake --preset $(PRESET)
 	cmake --build --preset $(PRESET) -j $(JOBS)
-	ctest --test-dir build/$(PRESET) --output-on-failure -j $$((2 * $(JOBS))) # most of them mostly wait
+	ctest --test-dir build/$(PRESET) --output-on-failure $(CTEST_OPTIONS) -j $$((2 * $(JOBS))) # most of them mostly wait
 
 ## check-accessibility   every view of the page by axe-core (npm) in Chromium
 .PHONY: check-accessibility
