@@ -202,7 +202,7 @@ struct Station::Implementation : StationInterface {
         };
         note("listen", configuration->listen, read.listen);
         note("socket", configuration->socket, read.socket);
-        note("state", configuration->state, read.state);
+        note("state_dir", configuration->state, read.state);
         note("pipe", configuration->pipe, read.pipe);
         note("controller_endpoint", configuration->controllerEndpoint, read.controllerEndpoint);
         note("page", configuration->page, read.page);

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <optional>
@@ -32,22 +31,6 @@ class BoundedQueue {
         return true;
     }
 
-    // Makes room by dropping the oldest value, which counts as dropped. Nothing happens once closed.
-    void pushDroppingOldest(T&& value) {
-        {
-            const std::lock_guard lock(mutex_);
-            if (closed_) {
-                return;
-            }
-            if (values_.size() >= bound_) {
-                values_.pop_front();
-                ++dropped_;
-            }
-            values_.push_back(std::move(value));
-        }
-        ready_.notify_one();
-    }
-
     // The oldest value, as soon as there is one; nothing at the deadline, or once closed and empty.
     std::optional<T> popUntil(std::chrono::steady_clock::time_point deadline) {
         std::unique_lock lock(mutex_);
@@ -73,21 +56,12 @@ class BoundedQueue {
         const std::lock_guard lock(mutex_);
         return closed_;
     }
-    std::size_t size() const {
-        const std::lock_guard lock(mutex_);
-        return values_.size();
-    }
-    uint64_t dropped() const {
-        const std::lock_guard lock(mutex_);
-        return dropped_;
-    }
 
   private:
     const std::size_t bound_;
     mutable std::mutex mutex_;  // guards everything below; no lock is taken while it is held
     std::condition_variable ready_;
     std::deque<T> values_;
-    uint64_t dropped_ = 0;
     bool closed_ = false;
 };
 

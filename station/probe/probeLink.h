@@ -46,7 +46,7 @@ class ProbeLink {
     // Has all counters start anew with the next answer to a probe that monitors.
     void clearCounters();
 
-    // A request came. answerTo() is called next.
+    // A request came. answer() is called next.
     Event request(int32_t sequence, SteadyTime now);
     Answer answer(SteadyTime now);
     // What a snapshot showed that began at that time.
@@ -54,13 +54,6 @@ class ProbeLink {
 
     bool scanning() const {
         return scanning_;
-    }
-    // Told and not yet seen missing.
-    std::size_t toldGroups() const {
-        return told_.size();
-    }
-    bool clearPending() const {
-        return clear_;
     }
 
   private:

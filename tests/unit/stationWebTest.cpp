@@ -430,7 +430,7 @@ TEST_F(StationWeb, SurvivesClientsAndAnswersThatAreGone) {
 
 TEST_F(StationWeb, AnswersAsDocumented) {
     const std::string tree = KESTOR_SOURCE_DIR;
-    const std::string command = "python3 " + tree + "/tests/apiSchemas.py " + tree +
+    const std::string command = "/usr/bin/python3 " + tree + "/tests/apiSchemas.py " + tree +
                                 "/docs/api.yaml 127.0.0.1:" + std::to_string(server->port());
     EXPECT_EQ(system(command.c_str()), 0);
     EXPECT_EQ(system((command + ' ' + (directory / "station.sock").string()).c_str()), 0);
