@@ -17,6 +17,7 @@
 #include <cstdint>
 
 #include "sarn/gop.h"
+#include "sarn/packetBits.h"
 #include "sarn/sectionDrops.h"
 
 struct dvbpsi_s;
@@ -26,9 +27,6 @@ struct JitterMeasurement;
 struct MosMeasurement;
 struct ts_pmt_t;
 
-inline constexpr int32_t kTsPacketSize = 188;
-inline constexpr uint32_t kPidCount = 8192;
-inline constexpr uint16_t kNullPid = 8191;
 inline constexpr std::size_t kLastHeaderSize = 20;
 inline constexpr std::size_t kMaxDescriptorTags = 256;
 

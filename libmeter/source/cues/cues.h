@@ -1,0 +1,29 @@
+// Splice commands (ANSI/SCTE 35).
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "meter/report.h"
+#include "sections/section.h"
+
+namespace meter {
+
+class Cues {
+  public:
+    Cues();
+    ~Cues();
+
+    // A section with table_id 0xFC of a PID with stream type 0x86, right CRC or not. `programClock`: the PCR
+    // of its program when it came, 27 MHz, where known. A new cue is appended to `found`.
+    void section(const Section& section, std::optional<Ticks> programClock, std::vector<CueReport>& found);
+    // Fills `cues`, `cuesEncrypted`, `cuesMalformed`.
+    void fill(Report& report) const;
+
+  private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace meter
