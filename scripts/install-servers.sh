@@ -8,11 +8,11 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 servers=$root/build/servers
 packages=(prometheus prometheus-alertmanager victoria-metrics)
-programs=(prometheus promtool prometheus-alertmanager amtool victoria-metrics)
+files=(usr/bin/{prometheus,promtool,prometheus-alertmanager,amtool,victoria-metrics} usr/share/prometheus/alertmanager)
 
 complete=true
-for program in "${programs[@]}"; do
-  [ -x "$servers/usr/bin/$program" ] || complete=false
+for file in "${files[@]}"; do
+  [ -e "$servers/$file" ] || complete=false
 done
 if "$complete"; then exit 0; fi
 
@@ -28,7 +28,8 @@ fi
 for package in *.deb; do
   dpkg-deb --extract "$package" unpacked
 done
-mkdir -p "$servers/usr/bin"
-for program in "${programs[@]}"; do
-  mv "unpacked/usr/bin/$program" "$servers/usr/bin/"
+rm -rf "$servers"
+for file in "${files[@]}"; do
+  mkdir -p "$servers/$(dirname "$file")"
+  mv "unpacked/$file" "$servers/$file"
 done
