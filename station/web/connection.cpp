@@ -29,6 +29,7 @@ Connection::Connection(Socket&& socket, ConnectionShared& shared, std::string ad
       buffer_(kBufferBytes) {}
 
 Connection::~Connection() {
+    givePlaylistBack();
     if (stream_) {
         --shared_.counters.streams;
     }
@@ -65,6 +66,7 @@ void Connection::wake() {
 
 void Connection::close() {
     phase_ = Phase::kClosed;
+    givePlaylistBack();
     ErrorCode ignored;
     socket_.close(ignored);
 }
@@ -95,7 +97,7 @@ void Connection::readHead() {
     http::async_read_header(socket_, buffer_, *parser_,
                             [self = shared_from_this()](const ErrorCode& error, std::size_t) {
                                 if (!error) {
-                                    self->readBody();
+                                    self->admitBody();
                                 } else if (auto refused = refuseMessage(error)) {
                                     ++self->shared_.counters.malformed;
                                     self->answerProblem(std::move(*refused));
@@ -103,6 +105,41 @@ void Connection::readHead() {
                                     self->close();
                                 }
                             });
+}
+
+// Only who may change, and asks for an import, has more than a little read.
+void Connection::admitBody() {
+    request_ = toRequest(parser_->get());
+    request_.localAddress = localAddress_;
+    request_.unixSocket = localAddress_.empty();
+    Router::Admission admission = shared_.router.admit(request_);
+    const auto length = parser_->content_length();
+    if (length && *length > admission.bodyLimit) {
+        ++shared_.counters.malformed;
+        return answerProblem(admission.refusal ? std::move(*admission.refusal)
+                                               : bodyTooLarge(admission.bodyLimit));
+    }
+    const bool large = length ? *length > Server::kBodyBytes : parser_->chunked();
+    if (admission.bodyLimit > Server::kBodyBytes && large && !takePlaylist()) {
+        return answerProblem(problem(503, "Other playlists are being imported; try again in a moment"));
+    }
+    parser_->body_limit(admission.bodyLimit);
+    readBody();
+}
+
+bool Connection::takePlaylist() {
+    if (shared_.playlists >= Server::kPlaylists) {
+        return false;
+    }
+    ++shared_.playlists;
+    playlist_ = true;
+    setDeadline(kPlaylistTime);
+    return true;
+}
+
+void Connection::givePlaylistBack() {
+    shared_.playlists -= playlist_ ? 1 : 0;
+    playlist_ = false;
 }
 
 void Connection::readBody() {
@@ -120,6 +157,10 @@ void Connection::readBody() {
                      [self = shared_from_this()](const ErrorCode& error, std::size_t) {
                          if (!error) {
                              self->handleRequest();
+                         } else if (error == http::error::body_limit) {
+                             ++self->shared_.counters.malformed;
+                             self->answerProblem(
+                                 bodyTooLarge(self->playlist_ ? Server::kPlaylistBytes : Server::kBodyBytes));
                          } else if (auto refused = refuseMessage(error)) {
                              ++self->shared_.counters.malformed;
                              self->answerProblem(std::move(*refused));
@@ -134,10 +175,8 @@ void Connection::handleRequest() {
     phase_ = Phase::kHandling;
     setDeadline(kAnswerTime);
     keepAlive_ = parser_->keep_alive();
-    request_ = toRequest(parser_->release());
+    request_.body = std::move(parser_->get().body());
     parser_.reset();
-    request_.localAddress = localAddress_;
-    request_.unixSocket = localAddress_.empty();
     const uint64_t exchange = ++exchange_;
     shared_.router.handle(request_, [weak = weak_from_this(), exchange](Response&& response) {
         if (const auto self = weak.lock()) {
@@ -214,6 +253,7 @@ void Connection::written() {
     if (phase_ == Phase::kClosed) {
         return;
     }
+    givePlaylistBack();
     if (stream_) {
         phase_ = Phase::kStreaming;
         deadline_ = SteadyTime::max();

@@ -35,6 +35,7 @@ struct ConnectionShared {
     EventStream& events;
     ServerCounters& counters;
     std::function<void()> refreshEvents;  // makes the events those of the newest state
+    std::size_t playlists = 0;            // requests above Server::kBodyBytes that are not answered yet
 };
 
 // Reads requests one after the other, has them answered and writes the answers; or becomes an event stream.
@@ -43,6 +44,7 @@ struct ConnectionShared {
 class Connection : public std::enable_shared_from_this<Connection> {
   public:
     static constexpr std::chrono::seconds kRequestTime{5};    // from the first byte of a request to its last
+    static constexpr std::chrono::seconds kPlaylistTime{60};  // the same for one with a playlist
     static constexpr std::chrono::seconds kIdleTime{30};      // between requests
     static constexpr std::chrono::seconds kAnswerTime{10};    // for the rest of the station to answer
     static constexpr std::chrono::seconds kProgressTime{10};  // for a client to take any byte
@@ -75,6 +77,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   private:
     void waitForRequest(std::chrono::seconds time);
     void readHead();
+    void admitBody();
+    bool takePlaylist();
+    void givePlaylistBack();
     void readBody();
     void handleRequest();
     void answerProblem(Response&& response);
@@ -103,6 +108,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     Request request_;
     uint64_t exchange_ = 0;  // number of the request: a late answer to an earlier one is dropped
     bool keepAlive_ = false;
+    bool playlist_ = false;  // counts in shared_.playlists
 
     std::vector<std::shared_ptr<const std::string>> parts_;  // being written
     std::size_t sent_ = 0;                                   // bytes of them

@@ -40,10 +40,10 @@ std::string header(const HttpRequest& message, http::field field) {
 
 void setLimits(HttpParser& parser) {
     parser.header_limit(Server::kHeaderBytes);
-    parser.body_limit(Server::kBodyBytes);
+    parser.body_limit(Server::kPlaylistBytes);
 }
 
-Request toRequest(HttpRequest&& message) {
+Request toRequest(const HttpRequest& message) {
     Request request;
     request.method = methodOf(message.method());
     request.target.assign(message.target().data(), message.target().size());
@@ -54,8 +54,13 @@ Request toRequest(HttpRequest&& message) {
     request.contentType = header(message, http::field::content_type);
     request.ifNoneMatch = header(message, http::field::if_none_match);
     request.acceptEncoding = header(message, http::field::accept_encoding);
-    request.body = std::move(message.body());
     return request;
+}
+
+Response bodyTooLarge(std::size_t limit) {
+    return limit < Server::kPlaylistBytes
+               ? problem(413, "A body may have at most 64 KiB; a playlist at /api/v1/import, 16 MiB")
+               : problem(413, "A playlist may have at most 16 MiB");
 }
 
 std::optional<Response> refuseMessage(const boost::system::error_code& error) {
@@ -63,7 +68,7 @@ std::optional<Response> refuseMessage(const boost::system::error_code& error) {
         return problem(431, "Target and headers may have at most 8 KiB");
     }
     if (error == http::error::body_limit) {
-        return problem(413, "A body may have at most 64 KiB; cut a playlist between its entries");
+        return bodyTooLarge(Server::kPlaylistBytes);
     }
     const bool ended = error == http::error::end_of_stream || error == http::error::partial_message;
     static const auto& httpErrors = http::make_error_code(http::error::bad_method).category();
@@ -90,7 +95,10 @@ std::variant<Request, Response> parseRequest(std::string_view bytes) {
         return refused && error != http::error::need_more ? std::move(*refused)
                                                           : problem(400, "The request is not whole");
     }
-    return toRequest(parser.release());
+    HttpRequest message = parser.release();
+    Request request = toRequest(message);
+    request.body = std::move(message.body());
+    return request;
 }
 
 }  // namespace station

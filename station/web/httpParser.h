@@ -13,10 +13,13 @@ namespace station {
 using HttpParser = boost::beast::http::request_parser<boost::beast::http::string_body>;
 using HttpRequest = HttpParser::value_type;
 
-// What a connection may send as one request.
+// What a connection may send as one request. Of the body that is the bound for an import, until the head
+// tells which one holds.
 void setLimits(HttpParser& parser);
-// A parsed request; what is of the connection is left empty.
-Request toRequest(HttpRequest&& message);
+// The answer to a body above `limit`.
+Response bodyTooLarge(std::size_t limit);
+// A parsed head; the body and what is of the connection are left empty.
+Request toRequest(const HttpRequest& message);
 // The answer to what the parser refused; nothing when the connection failed or ended, and is to be closed.
 std::optional<Response> refuseMessage(const boost::system::error_code& error);
 

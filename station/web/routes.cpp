@@ -193,19 +193,18 @@ void Router::setAccess(Access access) {
     access_ = std::move(access);
 }
 
-void Router::handle(const Request& request, Reply reply) {
+std::variant<Router::Admitted, Response> Router::findRoute(const Request& request) const {
     const auto target = splitTarget(request.target);
     if (!target || request.hosts > 1 || (request.hosts == 0 && !request.http10)) {
-        return reply(
-            problem(400, target ? "The request needs one Host header" : "The target has to be a path"));
+        return problem(400, target ? "The request needs one Host header" : "The target has to be a path");
     }
     if (!access_.hostAllowed(request, target->authority.value_or(request.host))) {
-        return reply(problem(
-            403, "This server has another name: use its address, or add the name to allowed_hosts", "Host"));
+        return problem(403, "This server has another name: use its address, or add the name to allowed_hosts",
+                       "Host");
     }
     const Matched matched = matchPath(target->path);
     if (matched.routes.empty()) {
-        return reply(problem(404, "There is nothing here; docs/api.yaml lists what there is"));
+        return problem(404, "There is nothing here; docs/api.yaml lists what there is");
     }
     const Method method = request.method == kHead ? kGet : request.method;
     const auto found =
@@ -215,15 +214,33 @@ void Router::handle(const Request& request, Reply reply) {
                                 ? Response{.status = 204, .contentType = {}, .body = {}, .headers = {}}
                                 : problem(405, "This path takes " + allowedMethods(matched));
         response.headers.emplace_back("Allow", allowedMethods(matched));
-        return reply(std::move(response));
+        return response;
     }
     const Route& route = **found;
     if (route.right == kChange && !access_.mayChange(request)) {
-        return reply(problem(403,
-                             "A change over TCP needs the token of token_file: Authorization: Bearer TOKEN",
-                             "Authorization"));
+        return problem(403, "A change over TCP needs the token of token_file: Authorization: Bearer TOKEN",
+                       "Authorization");
     }
-    auto query = Query::parse(target->query);
+    return Admitted{&route, matched.wildcard, target->query};
+}
+
+Router::Admission Router::admit(const Request& head) const {
+    auto found = findRoute(head);
+    if (auto* refused = std::get_if<Response>(&found)) {
+        return {Server::kBodyBytes, std::move(*refused)};
+    }
+    const Route& route = *std::get<Admitted>(found).route;
+    return {route.takes == kPlaylist ? Server::kPlaylistBytes : Server::kBodyBytes, std::nullopt};
+}
+
+void Router::handle(const Request& request, Reply reply) {
+    auto found = findRoute(request);
+    if (auto* refused = std::get_if<Response>(&found)) {
+        return reply(std::move(*refused));
+    }
+    const Admitted& admitted = std::get<Admitted>(found);
+    const Route& route = *admitted.route;
+    auto query = Query::parse(admitted.query);
     if (!query) {
         return reply(
             problem(400, "The query is not percent-encoded UTF-8 without control characters, or too long"));
@@ -233,7 +250,7 @@ void Router::handle(const Request& request, Reply reply) {
               .state = services_.station.state(),
               .group = {},
               .file = {}};
-    for (auto&& refused : {refuseQuery(route, call.query), takeWildcard(route, matched.wildcard, call),
+    for (auto&& refused : {refuseQuery(route, call.query), takeWildcard(route, admitted.wildcard, call),
                            refuseType(route, request)}) {
         if (refused) {
             return reply(Response(*refused));

@@ -7,6 +7,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <variant>
 
 #include "commands.h"
 #include "web/access.h"
@@ -79,11 +80,25 @@ class Router {
   public:
     Router(Services services, Access access);
 
+    // How many bytes of body may follow this head, and the answer that it gets whatever they are.
+    struct Admission {
+        std::size_t bodyLimit;
+        std::optional<Response> refusal;
+    };
+    Admission admit(const Request& head) const;
     // May reply before it returns.
     void handle(const Request& request, Reply reply);
     void setAccess(Access access);
 
   private:
+    struct Admitted {
+        const Route* route;
+        std::string_view wildcard;  // what stands in place of a name in braces
+        std::string_view query;
+    };
+    // What a head says alone: host, path, method and right.
+    std::variant<Admitted, Response> findRoute(const Request& head) const;
+
     Services services_;
     Access access_;
 };

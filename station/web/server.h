@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "channels/playlist.h"
 #include "commands.h"
 
 namespace station {
@@ -36,6 +37,9 @@ class Server {
     static constexpr std::size_t kConnectionsPerAddress = 8;  // TCP
     static constexpr std::size_t kHeaderBytes = 8 * 1024;
     static constexpr std::size_t kBodyBytes = 64 * 1024;
+    // The body of an import, for those who may change: what a playlist file may have as well.
+    static constexpr std::size_t kPlaylistBytes = kPlaylistLimit;
+    static constexpr std::size_t kPlaylists = 2;  // bodies above kBodyBytes at a time
 
     // Listens, and serves on a thread of its own until it is destroyed. Throws std::runtime_error with a
     // sentence for an operator when it cannot listen. `station` has to outlive it.

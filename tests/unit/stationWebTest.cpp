@@ -267,6 +267,38 @@ TEST_F(StationWeb, AnswersRequestsAndRefusesWhatIsNone) {
     EXPECT_THAT(ask(get("/readyz")), AllOf(StartsWith("HTTP/1.1 503 "), HasSubstr("silent")));
 }
 
+TEST_F(StationWeb, TakesALargePlaylistFromWhoMayChangeAlone) {
+    const std::string playlist = "#EXTM3U\nudp://@239.9.9.9:1\n" + std::string(1 << 20, '#');
+    const auto head = [](std::string_view path, std::string_view length, std::string_view token) {
+        return "POST " + std::string(path) + " HTTP/1.1\r\nHost: localhost\r\nContent-Type: text/plain\r\n" +
+               std::string(length) + "\r\nAuthorization: Bearer " + std::string(token) + "\r\n\r\n";
+    };
+    const std::string length = "Content-Length: " + std::to_string(playlist.size());
+    EXPECT_THAT(ask(head("/api/v1/import", length, kToken) + playlist), StartsWith("HTTP/1.1 200 "));
+    // Refused by their heads, before a byte of the body comes.
+    EXPECT_THAT(ask(head("/api/v1/import", length, "wrong")), StartsWith("HTTP/1.1 403 "));
+    EXPECT_THAT(ask(head("/api/v1/import", "Content-Length: 16777217", kToken)),
+                AllOf(StartsWith("HTTP/1.1 413 "), HasSubstr("16 MiB")));
+    EXPECT_THAT(ask(head("/api/v1/clear", length, kToken)),
+                AllOf(StartsWith("HTTP/1.1 413 "), HasSubstr("64 KiB")));
+    EXPECT_THAT(ask(head("/api/v1/clear", "Transfer-Encoding: chunked", kToken) + "20000\r\n" +
+                    std::string(0x20000, ' ')),
+                AllOf(StartsWith("HTTP/1.1 413 "), HasSubstr("64 KiB")));
+
+    // Few at a time, and those that end make room.
+    std::vector<Client> slow;
+    for (std::size_t i = 0; i < Server::kPlaylists; ++i) {
+        slow.emplace_back(server->port()).send(head("/api/v1/import", length, kToken) + "#");
+    }
+    EXPECT_THAT(ask(get("/healthz")), StartsWith("HTTP/1.1 200 "));
+    EXPECT_THAT(ask(head("/api/v1/import", length, kToken)),
+                AllOf(StartsWith("HTTP/1.1 503 "), HasSubstr("Other playlists")));
+    slow.front().send(playlist.substr(1));
+    EXPECT_THAT(slow.front().answer(), StartsWith("HTTP/1.1 200 "));
+    slow.pop_back();  // goes away
+    EXPECT_THAT(ask(head("/api/v1/import", length, kToken) + playlist), StartsWith("HTTP/1.1 200 "));
+}
+
 TEST_F(StationWeb, TakesRequestsOneBehindTheOtherOnOneConnection) {
     Client client(server->port());
     client.send(get("/healthz") + change("PUT /api/v1/channels/239.1.0.2", R"({"name":"One"})") +

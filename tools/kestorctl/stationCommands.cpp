@@ -15,8 +15,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// A call takes so much; a playlist of more goes in pieces.
-constexpr std::size_t kPieceBytes = 60 * 1024;
+constexpr std::size_t kPlaylistLimit = std::size_t{16} << 20;  // bytes: what the station takes
 constexpr std::chrono::milliseconds kLooksForEvents = 1s;
 constexpr int kEventsAtOnce = 1000;
 
@@ -247,85 +246,37 @@ int showEvents(StationClient& station, const StationRequest& request) {
     return 0;
 }
 
-struct Piece {
-    std::string text;
-    std::size_t firstLine = 0;  // lines of the playlist in front of it
-};
-
-// A playlist in pieces that a call takes, cut between entries: behind a line that is no comment.
-std::vector<Piece> pieces(std::string_view playlist) {
-    std::vector<Piece> result(1);
-    std::string entry;
-    std::size_t line = 0;
-    std::size_t entryLine = 0;
-    const auto flush = [&] {
-        if (!result.back().text.empty() && result.back().text.size() + entry.size() > kPieceBytes) {
-            result.push_back({{}, entryLine});
-        }
-        result.back().text += entry;
-        entry.clear();
-        entryLine = line;
-    };
-    while (!playlist.empty()) {
-        const std::size_t end = std::min(playlist.find('\n'), playlist.size() - 1);
-        const std::string_view text = playlist.substr(0, end + 1);
-        playlist.remove_prefix(end + 1);
-        ++line;
-        entry += text;
-        if (const std::size_t first = text.find_first_not_of(" \t\r\n");
-            first != std::string_view::npos && text[first] != '#') {
-            flush();
-        }
+// The whole of a file or of standard input.
+std::string readPlaylist(const std::string& name) {
+    std::ifstream file;
+    if (name != "-") {
+        file.open(name, std::ios::binary);
     }
-    flush();
-    return result;
-}
-
-// "line 3: ..." of a piece, counted in the whole.
-std::string inWhole(const std::string& note, std::size_t firstLine) {
-    constexpr std::string_view kLine = "line ";
-    std::size_t digits = 0;
-    if (!note.starts_with(kLine)) {
-        return note;
+    std::istream& input = name == "-" ? std::cin : file;
+    std::string playlist(kPlaylistLimit + 1, '\0');
+    input.read(playlist.data(), static_cast<std::streamsize>(playlist.size()));
+    playlist.resize(static_cast<std::size_t>(input.gcount()));
+    if (!input.eof() && playlist.size() <= kPlaylistLimit) {
+        throw LinkError("cannot read " + name);
     }
-    const std::string rest = note.substr(kLine.size());
-    const unsigned long line = strtoul(rest.c_str(), nullptr, 10);
-    while (digits < rest.size() && rest[digits] >= '0' && rest[digits] <= '9') {
-        ++digits;
+    if (playlist.size() > kPlaylistLimit) {
+        throw LinkError(name + " is larger than a playlist may be, 16 MiB");
     }
-    return std::string(kLine) + std::to_string(line + firstLine) + rest.substr(digits);
+    return playlist;
 }
 
 int importPlaylist(StationClient& station, const StationRequest& request) {
-    std::string playlist;
-    if (request.file == "-") {
-        playlist.assign(std::istreambuf_iterator<char>(std::cin), {});
-    } else {
-        std::ifstream file(request.file, std::ios::binary);
-        playlist.assign(std::istreambuf_iterator<char>(file), {});
-        if (!file) {
-            throw LinkError("cannot read " + request.file);
-        }
-    }
-    Json sum = {{"added", 0}, {"changed", 0}, {"skipped", 0}, {"notes", Json::array()}};
-    for (const Piece& piece : pieces(playlist)) {
-        const Json result = station.sendText("/api/v1/import", "text/plain", piece.text);
-        for (const char* count : {"added", "changed", "skipped"}) {
-            sum[count] = sum[count].get<int64_t>() + result.value(count, int64_t{0});
-        }
-        for (const Json& note : result.value("notes", Json::array())) {
-            sum["notes"].push_back(note.is_string() ? inWhole(note.get<std::string>(), piece.firstLine) : "");
-        }
-    }
+    const Json result = station.sendText("/api/v1/import", "text/plain", readPlaylist(request.file));
     if (request.json) {
-        print(sum);
+        print(result);
         return 0;
     }
-    for (const Json& note : sum["notes"]) {
-        fprintf(stderr, "kestorctl: %s: %s\n", request.file.c_str(), note.get<std::string>().c_str());
+    for (const Json& note : result.value("notes", Json::array())) {
+        fprintf(stderr, "kestorctl: %s: %s\n", request.file.c_str(),
+                note.is_string() ? note.get<std::string>().c_str() : "");
     }
-    printf("imported: %s added, %s changed, %s lines skipped\n", number(sum, "added").c_str(),
-           number(sum, "changed").c_str(), number(sum, "skipped").c_str());
+    printf("imported: %s added, %s changed, %s lines skipped\n", number(result, "added").c_str(),
+           number(result, "changed").c_str(), number(result, "skipped").c_str());
     return 0;
 }
 
