@@ -244,16 +244,22 @@ TEST(Station, IsWhatKestorctlSpeaksTo) {
     EXPECT_EQ(ctl({"remove", kB}).out, "sent: remove 239.1.1.2\n");
     EXPECT_TRUE(kestor.waitForOut("clearIPChannel: 239.1.1.2"));
     EXPECT_THAT(ctl({"scan", kA}).err, HasSubstr("systemctl stop kestor-station"));
-    EXPECT_EQ(ctl({"remove", kC}).status, 1);
+    // As without a station, which cannot know what the probe watches.
+    const Result nothing = ctl({"remove", kC});
+    EXPECT_EQ(nothing.status, 0);
+    EXPECT_EQ(nothing.out, "sent: remove 239.1.1.3\n");
+    EXPECT_THAT(nothing.err, HasSubstr("239.1.1.3: no channel"));
 
     // What was added at run time outlives the station, and goes out as the playlist that it came in as.
-    write("/tmp/import.m3u", "#EXTM3U\n#EXTINF:-1,Zw\xf6lf\nudp://@239.1.1.3:5000\nhttp://nothing/here\n");
+    write("/tmp/import.m3u", "#EXTM3U\r#EXTGRP:News, World\r" + std::string(100'000, '#') +
+                                 "\r#EXTINF:-1,Zw\xf6lf\rudp://@239.1.1.3:5000\rhttp://nothing/here\r");
     const Result imported = ctl({"import", "/tmp/import.m3u"});
     EXPECT_EQ(imported.out, "imported: 1 added, 0 changed, 1 lines skipped\n");
-    EXPECT_THAT(imported.err, HasSubstr("line 4"));
+    EXPECT_THAT(imported.err, HasSubstr("line 6"));
     station.process->kill(SIGKILL);
     station.start();
     EXPECT_TRUE(eventually([] { return channel(kC).value("name", "") == "Zw\u00f6lf"; }));
+    EXPECT_EQ(channel(kC)["labels"]["group"], "News, World");
     EXPECT_THAT(ctl({"export"}).out, AllOf(HasSubstr("Zw\u00f6lf"), HasSubstr("udp://@239.1.1.3:5000"),
                                            HasSubstr(kA), Not(HasSubstr(kB))));
     EXPECT_TRUE(

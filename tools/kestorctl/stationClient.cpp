@@ -144,7 +144,7 @@ std::string problemText(const std::string& body, long status) {
 std::string StationClient::get(const std::string& path) {
     Response response = call("GET", path, {}, {});
     if (response.status / 100 != 2) {
-        throw LinkError(problemText(response.body, response.status));
+        throw RefusedError(problemText(response.body, response.status), response.status);
     }
     return std::move(response.body);
 }
@@ -160,7 +160,7 @@ nlohmann::ordered_json StationClient::send(const char* method, const std::string
         call(method, path, hasBody ? "application/json" : "",
              hasBody ? body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) : std::string());
     if (response.status / 100 != 2) {
-        throw LinkError(problemText(response.body, response.status));
+        throw RefusedError(problemText(response.body, response.status), response.status);
     }
     return parse(response.body);
 }
@@ -169,7 +169,7 @@ nlohmann::ordered_json StationClient::sendText(const std::string& path, const st
                                                const std::string& body) {
     const Response response = call("POST", path, type, body);
     if (response.status / 100 != 2) {
-        throw LinkError(problemText(response.body, response.status));
+        throw RefusedError(problemText(response.body, response.status), response.status);
     }
     return parse(response.body);
 }
@@ -180,7 +180,7 @@ std::optional<std::string> StationClient::newSnapshot() {
         return std::nullopt;
     }
     if (response.status != kOk) {
-        throw LinkError(problemText(response.body, response.status));
+        throw RefusedError(problemText(response.body, response.status), response.status);
     }
     snapshotTag_ = response.tag;
     return std::move(response.body);

@@ -11,6 +11,12 @@
 
 inline constexpr const char* kStationSocket = "/run/kestor/station.sock";
 
+// The station's answer was no 2xx.
+struct RefusedError : LinkError {
+    RefusedError(const std::string& text, long status_) : LinkError(text), status(status_) {}
+    long status;
+};
+
 // One station, over its Unix socket. For use by one thread. Calls throw LinkError with a sentence for the
 // operator when the station does not answer or refuses.
 class StationClient {
@@ -18,7 +24,7 @@ class StationClient {
     // Nothing when no station listens there. Throws LinkError when one does and this user may not talk to it.
     static std::optional<StationClient> find(const std::string& socket, std::chrono::milliseconds timeout);
 
-    // The answer's body; an answer other than 2xx throws.
+    // The answer's body; an answer other than 2xx throws RefusedError.
     std::string get(const std::string& path);
     nlohmann::ordered_json getJson(const std::string& path);
     nlohmann::ordered_json send(const char* method, const std::string& path,

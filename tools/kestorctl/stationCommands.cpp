@@ -18,6 +18,7 @@ using Json = nlohmann::ordered_json;
 constexpr std::size_t kPlaylistLimit = std::size_t{16} << 20;  // bytes: what the station takes
 constexpr std::chrono::milliseconds kLooksForEvents = 1s;
 constexpr int kEventsAtOnce = 1000;
+constexpr long kNotFound = 404;
 
 void print(const Json& value) {
     puts(value.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
@@ -327,6 +328,18 @@ void printSent(const std::string& said, bool json) {
     }
 }
 
+// What is not watched is removed already: a probe without a station says no more.
+void removeChannel(StationClient& station, const std::string& group) {
+    try {
+        station.send("DELETE", "/api/v1/channels/" + group);
+    } catch (const RefusedError& error) {
+        if (error.status != kNotFound) {
+            throw;
+        }
+        fprintf(stderr, "kestorctl: %s: %s\n", group.c_str(), error.what());
+    }
+}
+
 // One that is refused does not keep the others from being told.
 int changeChannels(StationClient& station, const StationRequest& request) {
     std::string said;
@@ -336,7 +349,7 @@ int changeChannels(StationClient& station, const StationRequest& request) {
             if (request.command == "add") {
                 station.send("PUT", "/api/v1/channels/" + group, Json::object());
             } else {
-                station.send("DELETE", "/api/v1/channels/" + group);
+                removeChannel(station, group);
             }
             said += " " + group;
         } catch (const LinkError& error) {
