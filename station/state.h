@@ -63,6 +63,9 @@ struct StationUse {
     uint64_t residentBytes = 0;
     double lastSnapshotCpuMs = 0;  // parsing, alarms, history
     uint64_t commandsRefused = 0;  // the owner's queue was full
+    // Of the InfluxDB: points and requests.
+    uint64_t influxWritten = 0, influxDropped = 0, influxFailed = 0;
+    std::string influxProblem{};  // empty after a success
 };
 
 struct StationState {

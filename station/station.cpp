@@ -310,6 +310,7 @@ struct Station::Implementation : StationInterface {
             }
         }
         take(changes, now);
+        judgeDelivery(now);
         if (probe.updateConnected(now.steady)) {
             const bool connected = probe.state().connected;
             const std::string text = connected ? "the probe asks and shows snapshots" : whySilent(now);
@@ -324,6 +325,18 @@ struct Station::Implementation : StationInterface {
             use.residentBytes = residentBytes();
         }
         publish(now);
+    }
+
+    void judgeDelivery(const Now& now) {
+        const Delivery::Health health = delivery.health();
+        std::vector<AlarmChange> changes;
+        engine.deliveryFailing(health.failing, health.since, now, changes);
+        for (AlarmChange& change : changes) {
+            if (change.what == AlarmChange::What::kRaised) {
+                change.text += ": " + health.problem;
+            }
+        }
+        take(changes, now);
     }
 
     std::string whySilent(const Now& now) const {
@@ -462,6 +475,7 @@ struct Station::Implementation : StationInterface {
         next->passive = passiveAsked.value_or(configuration->passive.value_or(false));
         next->use = use;
         next->use.commandsRefused = mailbox.refusedCommands();
+        takeInfluxUse(next->use);
         next->channelsVersion = channelsVersion;
         next->alarmsVersion = alarmsVersion;
         {
@@ -472,6 +486,14 @@ struct Station::Implementation : StationInterface {
         if (server) {
             server->statePublished();
         }
+    }
+
+    void takeInfluxUse(StationUse& shown) const {
+        const InfluxWriter::Statistics points = influx.statistics();
+        shown.influxWritten = points.written;
+        shown.influxDropped = points.dropped;
+        shown.influxFailed = points.failed;
+        shown.influxProblem = points.lastProblem;
     }
 
     ProbeState probeState() const {

@@ -105,6 +105,7 @@ struct AlarmEngine::Implementation {
 
     const std::size_t probeSilent = *findAlarmType("probe_silent");
     const std::size_t probeRestarted = *findAlarmType("probe_restarted");
+    const std::size_t deliveryFailing = *findAlarmType("delivery_failing");
     const std::size_t noSignal = *findAlarmType("no_signal");
     const std::size_t wrongSource = *findAlarmType("wrong_source");
     const std::size_t ttlChanged = *findAlarmType("ttl_changed");
@@ -390,6 +391,18 @@ void AlarmEngine::tick(bool probeSilent, const Now& now, std::vector<AlarmChange
                         .value = inSeconds(now.steady - since),
                         .wrongSince = since},
                        now, changes);
+}
+
+void AlarmEngine::deliveryFailing(std::optional<bool> failing, SteadyTime since, const Now& now,
+                                  std::vector<AlarmChange>& changes) {
+    using Look = Finding::Look;
+    Implementation& engine = *implementation_;
+    if (engine.probe.rule(engine.deliveryFailing).enabled) {
+        const Look look = !failing ? Look::kUnknown : *failing ? Look::kWrong : Look::kRight;
+        engine.probe.judge(engine.deliveryFailing,
+                           {.look = look, .value = look == Look::kWrong ? 1.0 : 0.0, .wrongSince = since},
+                           now, changes);
+    }
 }
 
 void AlarmEngine::probeRestarted(const Now& now, std::vector<AlarmChange>& changes) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -62,6 +63,10 @@ class AlarmEngine {
     // About once a second, also when no snapshot comes. While the probe is silent the channels' alarms stay
     // as they are (nothing is known), and probe_silent is raised.
     void tick(bool probeSilent, const Now& now, std::vector<AlarmChange>& changes);
+    // Whether a receiver of notifications fails, and since when; nothing while it is not known, as just after
+    // the start. About once a second.
+    void deliveryFailing(std::optional<bool> failing, SteadyTime since, const Now& now,
+                         std::vector<AlarmChange>& changes);
     // The probe's sequence numbers started anew: probe_restarted happens; all counters start anew, which is
     // no fault.
     void probeRestarted(const Now& now, std::vector<AlarmChange>& changes);

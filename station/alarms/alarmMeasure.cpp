@@ -53,6 +53,7 @@ constexpr AlarmMeasure errors(std::string_view type, Hold hold, uint64_t (*error
 constexpr std::array kMeasures = std::to_array<AlarmMeasure>({
     {.type = "probe_silent"},
     {.type = "probe_restarted"},
+    {.type = "delivery_failing"},
     {.type = "no_signal"},
     level("bitrate_low", Hold::kWithoutSignal, bitRate, "bit rate"),
     level("bitrate_high", Hold::kWithoutSignal, bitRate, "bit rate"),
@@ -101,8 +102,9 @@ struct ConditionTexts {
     std::string_view raised;
     std::string_view cleared;
 };
-constexpr std::array<ConditionTexts, 3> kConditions = {{
+constexpr std::array<ConditionTexts, 4> kConditions = {{
     {"probe_silent", "the probe delivers no results", "the probe delivers results again"},
+    {"delivery_failing", "a webhook cannot be told", "webhooks take notifications again"},
     {"no_signal", "no packets arrive", "packets arrive again"},
     {"wrong_source", "another source sends to the group",
      "no other source was seen since the counters were cleared"},

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "common/text.h"
 #include "store/deliveryDatabase.h"
 #include "store/httpPoster.h"
 #include "store/payload.h"
@@ -51,7 +52,7 @@ struct Delivery::Implementation {
 
     mutable std::mutex mutex;  // guards the three below; no lock is taken while it is held
     Orders orders;
-    std::vector<ReceiverStatistics> statistics;
+    std::optional<std::vector<ReceiverStatistics>> statistics;  // nothing until receivers are configured
     bool closing = false;
     HttpPoster poster;
 
@@ -87,6 +88,7 @@ struct Delivery::Implementation {
     std::vector<std::string> order_;                // keys as they are configured
     std::map<std::string, StoredReceiver> stored_;  // of receivers that are not configured yet
     std::vector<std::pair<std::string, DeliveryChanges>> unsaved_;
+    bool configured_ = false;
     int64_t lastSequence_ = 0;
     std::optional<DeliveryDatabase> database_;
     bool saved_ = true;  // what the file has is what it should have, but for unsaved_
@@ -152,6 +154,7 @@ bool Delivery::Implementation::ending() const {
 void Delivery::Implementation::follow(Orders& taken) {
     if (taken.webhooks) {
         configureReceivers(*taken.webhooks);
+        configured_ = true;
     }
     const WallTime now = systemNow().wall;
     for (const auto& [key, entry] : receivers_) {
@@ -224,7 +227,7 @@ void Delivery::Implementation::post(const std::string& key, const EntryPointer& 
 }
 
 void Delivery::Implementation::settled(const std::string& key, Entry& entry, const HttpOutcome& outcome) {
-    note(key, entry.receiver.settle(outcome, Clock::now()));
+    note(key, entry.receiver.settle(outcome, systemNow()));
     const std::string who = "webhook " + shownUrl(entry.receiver.webhook().url);
     if (outcome.taken()) {
         entry.problem.over(who + ": notifications arrive again");
@@ -238,6 +241,9 @@ void Delivery::Implementation::publishStatistics() {
     std::vector<ReceiverStatistics> all;
     for (const std::string& key : order_) {
         all.push_back(receivers_.at(key)->receiver.statistics());
+    }
+    if (!configured_) {
+        return;
     }
     const std::lock_guard lock(mutex);
     statistics = std::move(all);
@@ -359,7 +365,30 @@ void Delivery::notify(Notification notification) {
 
 std::vector<Delivery::ReceiverStatistics> Delivery::statistics() const {
     const std::lock_guard lock(implementation_->mutex);
-    return implementation_->statistics;
+    return implementation_->statistics.value_or(std::vector<ReceiverStatistics>());
+}
+
+Delivery::Health Delivery::health() const {
+    const std::lock_guard lock(implementation_->mutex);
+    Health health;
+    if (!implementation_->statistics) {
+        return health;
+    }
+    const auto& receivers = *implementation_->statistics;
+    if (std::ranges::all_of(receivers, &ReceiverStatistics::tried)) {
+        health.failing = false;
+    }
+    for (const ReceiverStatistics& receiver : receivers) {
+        if (receiver.failingSince &&
+            (!health.failing.value_or(false) || *receiver.failingSince < health.since)) {
+            health.failing = true;
+            health.since = *receiver.failingSince;
+            health.problem = receiver.url + " has taken nothing since " +
+                             rfc3339(receiver.failingSinceWall.value_or(WallTime())) + ": " +
+                             receiver.lastProblem;
+        }
+    }
+    return health;
 }
 
 }  // namespace station

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -85,8 +86,20 @@ class Delivery {
         uint64_t dropped = 0;  // notifications never told
         uint64_t owed = 0;
         std::string lastProblem;  // empty after a success
+        bool tried = false;       // an attempt was made, or there is nothing to tell
+        // The first attempt that failed since the last that did not; nothing once it is over.
+        std::optional<SteadyTime> failingSince{};
+        std::optional<WallTime> failingSinceWall{};
     };
+    // In the order of the configuration.
     std::vector<ReceiverStatistics> statistics() const;  // any thread
+    // Whether a receiver fails: nothing as long as one has to be told and no attempt has ended.
+    struct Health {
+        std::optional<bool> failing{};
+        SteadyTime since{};     // failing: the first attempt that failed, of the receiver that fails longest
+        std::string problem{};  // a sentence that names it
+    };
+    Health health() const;  // any thread
 
   private:
     struct Implementation;

@@ -32,6 +32,8 @@ void Receiver::restore(std::deque<Owed>&& owed, std::map<int64_t, Notification>&
 Delivery::ReceiverStatistics Receiver::statistics() const {
     Delivery::ReceiverStatistics statistics = statistics_;
     statistics.owed = owed_.size();
+    const bool idle = owed_.empty() && !(alertmanager() && !told_.empty());
+    statistics.tried = idle || statistics.delivered + statistics.failed > 0;
     return statistics;
 }
 
@@ -212,8 +214,8 @@ SteadyTime Receiver::due(SteadyTime now) const {
 
 // What became of it.
 
-DeliveryChanges Receiver::settle(const HttpOutcome& outcome, SteadyTime now) {
-    DeliveryChanges changes = outcome.taken() ? delivered(now) : failed(outcome, now);
+DeliveryChanges Receiver::settle(const HttpOutcome& outcome, const Now& now) {
+    DeliveryChanges changes = outcome.taken() ? delivered(now.steady) : failed(outcome, now);
     busy_ = false;
     underWay_ = listed_ = 0;
     return changes;
@@ -244,19 +246,25 @@ DeliveryChanges Receiver::delivered(SteadyTime) {
     }
     statistics_.delivered += underWay_;
     statistics_.lastProblem.clear();
+    statistics_.failingSince.reset();
+    statistics_.failingSinceWall.reset();
     failures_ = 0;
     refusals_ = 0;
     retryAt_ = {};
     return changes;
 }
 
-DeliveryChanges Receiver::failed(const HttpOutcome& outcome, SteadyTime now) {
+DeliveryChanges Receiver::failed(const HttpOutcome& outcome, const Now& now) {
     DeliveryChanges changes;
     ++statistics_.failed;
     statistics_.lastProblem = outcome.problem;
+    if (!statistics_.failingSince) {
+        statistics_.failingSince = now.steady;
+        statistics_.failingSinceWall = now.wall;
+    }
     const auto doubled = pace_.firstWait * (int64_t{1} << std::min(failures_++, 20U));
     const auto wait = std::min<std::chrono::milliseconds>(doubled, pace_.longestWait);
-    retryAt_ = now + wait * std::uniform_int_distribution<int>(80, 120)(random_) / 100;
+    retryAt_ = now.steady + wait * std::uniform_int_distribution<int>(80, 120)(random_) / 100;
     refreshAt_ = underWay_ == 0 ? SteadyTime{} : refreshAt_;
     refreshedTo_ = 0;
     refusals_ = isRefusal(outcome.status) ? refusals_ + 1 : 0;

@@ -61,7 +61,7 @@ class Receiver {
     std::optional<Message> next(SteadyTime now);
     // When next() may have something; nothing while a message is under way.
     SteadyTime due(SteadyTime now) const;
-    DeliveryChanges settle(const HttpOutcome& outcome, SteadyTime now);
+    DeliveryChanges settle(const HttpOutcome& outcome, const Now& now);
 
     const std::deque<Owed>& owed() const {
         return owed_;
@@ -79,7 +79,7 @@ class Receiver {
     Message takeOwed();
     Message takeRefresh(SteadyTime now);
     DeliveryChanges delivered(SteadyTime now);
-    DeliveryChanges failed(const HttpOutcome& outcome, SteadyTime now);
+    DeliveryChanges failed(const HttpOutcome& outcome, const Now& now);
     void oweClear(Notification&& clear, int64_t& lastSequence, DeliveryChanges& changes);
     void append(Notification&& notification, int64_t& lastSequence, DeliveryChanges& changes);
     void drop(const std::deque<Owed>::iterator& owed, DeliveryChanges& changes);

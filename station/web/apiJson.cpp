@@ -286,9 +286,13 @@ std::string useJson(const StationUse& use, const ProbeState& probe, const EventS
         json.open('{').member("url", receiver.url).member("delivered", receiver.delivered);
         json.member("failed", receiver.failed).member("dropped", receiver.dropped);
         json.member("owed", receiver.owed);
+        json.member("failingSince", receiver.failingSinceWall);
         json.member("lastProblem", json::textOrNull(receiver.lastProblem)).close('}');
     }
-    json.close(']').name("server").open('{').member("connections", server.connections);
+    json.close(']').name("influx").open('{').member("written", use.influxWritten);
+    json.member("dropped", use.influxDropped).member("failed", use.influxFailed);
+    json.member("lastProblem", json::textOrNull(use.influxProblem)).close('}');
+    json.name("server").open('{').member("connections", server.connections);
     json.member("streams", server.streams).member("requests", server.requests);
     json.member("refused", server.refused).member("malformed", server.malformed);
     json.member("slowClosed", server.slowClosed).close('}').close('}');

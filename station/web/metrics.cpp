@@ -479,6 +479,15 @@ constexpr auto kUseMetrics = std::to_array<OwnMetric<StationState>>({
      [](const StationState& s) { return static_cast<double>(s.notes.size()); }},
 });
 
+constexpr auto kInfluxMetrics = std::to_array<OwnMetric<StationUse>>({
+    {{"kestor_station_influx_points_total", kCounter, "Points that the InfluxDB took."},
+     [](const StationUse& use) { return static_cast<double>(use.influxWritten); }},
+    {{"kestor_station_influx_dropped_total", kCounter, "Points that were given up for the InfluxDB."},
+     [](const StationUse& use) { return static_cast<double>(use.influxDropped); }},
+    {{"kestor_station_influx_failures_total", kCounter, "Requests to the InfluxDB that failed."},
+     [](const StationUse& use) { return static_cast<double>(use.influxFailed); }},
+});
+
 constexpr auto kExtraMetrics = std::to_array<OwnMetric<MetricsExtras>>({
     {{"kestor_station_events_written_total", kCounter, "Events written to the disk."},
      [](const MetricsExtras& e) { return static_cast<double>(e.store.written); }},
@@ -515,6 +524,8 @@ constexpr auto kReceiverMetrics = std::to_array<OwnMetric<Delivery::ReceiverStat
      [](const Delivery::ReceiverStatistics& r) { return static_cast<double>(r.dropped); }},
     {{"kestor_station_delivery_owed", kGauge, "Notifications that wait to be delivered."},
      [](const Delivery::ReceiverStatistics& r) { return static_cast<double>(r.owed); }},
+    {{"kestor_station_delivery_failing", kGauge, "1 while a webhook takes nothing."},
+     [](const Delivery::ReceiverStatistics& r) { return r.failingSince ? 1.0 : 0.0; }},
 });
 
 void writeStation(Exposition& out, const StationState& state, const MetricsExtras& extras) {
@@ -525,6 +536,10 @@ void writeStation(Exposition& out, const StationState& state, const MetricsExtra
     for (const auto& metric : kExtraMetrics) {
         out.family(metric.family);
         out.sample(metric.value(extras));
+    }
+    for (const auto& metric : kInfluxMetrics) {
+        out.family(metric.family);
+        out.sample(metric.value(state.use));
     }
     for (const auto& metric : kReceiverMetrics) {
         out.family(metric.family);
