@@ -64,7 +64,8 @@ struct CheckReport {
     bool applicable = true;
     uint64_t count = 0;
     uint64_t seconds = 0;
-    std::optional<double> last;  // s since the begin
+    std::optional<double> first;  // s since the begin; not in the JSON
+    std::optional<double> last;   // s since the begin
     bool active = false;
     std::vector<std::pair<uint16_t, uint64_t>> pids;  // PID, count; ascending
 };
