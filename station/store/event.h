@@ -50,7 +50,9 @@ struct Event {
 
 // Which events; what is not set does not restrict.
 struct EventFilter {
+    static constexpr std::size_t kTextBytes = 256;  // of `text`
     std::optional<Group> group{};
+    std::optional<std::string> text{};  // a part of the channel's name or group, ASCII letters in any case
     std::optional<Severity> severity{};
     std::optional<EventKind> kind{};
     std::optional<WallTime> since{};  // inclusive

@@ -308,6 +308,7 @@ std::string eventQuery(const EventFilter& filter) {
     sql += filter.severity ? " AND severity = ?5" : "";
     sql += filter.since ? " AND time >= ?6" : "";
     sql += filter.until ? " AND time < ?7" : "";
+    sql += filter.text ? " AND (instr(lower(channel), lower(?9)) > 0 OR instr(channel_group, ?9) > 0)" : "";
     return sql + " ORDER BY id DESC LIMIT ?8";
 }
 
@@ -347,6 +348,9 @@ std::vector<Event> EventReader::query(const EventFilter& filter) {
     }
     if (filter.until) {
         rows.bind(7, milliseconds(*filter.until));
+    }
+    if (filter.text) {
+        rows.bind(9, *filter.text);
     }
     rows.bind(8, static_cast<int64_t>(std::clamp<std::size_t>(filter.limit, 1, 1000)));
     std::vector<Event> events;

@@ -25,6 +25,7 @@ void health(Services& services, const Call& call, Reply&& reply);
 void readiness(Services& services, const Call& call, Reply&& reply);
 void index(Services& services, const Call& call, Reply&& reply);
 void pageFile(Services& services, const Call& call, Reply&& reply);
+void versionedPageFile(Services& services, const Call& call, Reply&& reply);
 void libraryFile(Services& services, const Call& call, Reply&& reply);
 
 // Changing.

@@ -162,7 +162,14 @@ void alarmTypeList(Services& services, const Call&, Reply&& reply) {
 void events(Services& services, const Call& call, Reply&& reply) {
     QueryReader query(call.query);
     EventFilter filter;
-    filter.group = query.read("channel", "an IPv4 multicast group", Group::parse);
+    const std::string wantedText = "1 to " + std::to_string(EventFilter::kTextBytes) + " bytes of text";
+    filter.text = query.read("channel", wantedText, [](const std::string& text) {
+        return text.empty() || text.size() > EventFilter::kTextBytes ? std::nullopt : std::optional(text);
+    });
+    filter.group = filter.text ? Group::parse(*filter.text) : std::nullopt;
+    if (filter.group) {
+        filter.text.reset();
+    }
     filter.severity = query.read("severity", "critical, major, minor or warning", parseSeverity);
     filter.kind = query.read("kind", "a name of eventKinds in /api/v1/meta", parseEventKind);
     filter.since = query.time("since");
@@ -277,6 +284,10 @@ void index(Services& services, const Call&, Reply&& reply) {
 
 void pageFile(Services& services, const Call& call, Reply&& reply) {
     reply(services.files.page(call.file));
+}
+
+void versionedPageFile(Services& services, const Call& call, Reply&& reply) {
+    reply(services.files.versionedPage(call.version, call.file));
 }
 
 void libraryFile(Services& services, const Call& call, Reply&& reply) {

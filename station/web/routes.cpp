@@ -45,6 +45,7 @@ constexpr std::array kRoutes = std::to_array<Route>({
     {kGet, "/readyz", kRead, kNothing, kNoState, "", handlers::readiness},
     {kGet, "/", kRead, kNothing, kNoState, "", handlers::index},
     {kGet, "/page/{file}", kRead, kNothing, kNoState, "", handlers::pageFile},
+    {kGet, "/page/{version}/{file}", kRead, kNothing, kNoState, "", handlers::versionedPageFile},
     {kGet, "/lib/{file}", kRead, kNothing, kNoState, "", handlers::libraryFile},
 });
 // clang-format on
@@ -62,13 +63,13 @@ std::string_view takeSegment(std::string_view& path) {
     return segment;
 }
 
-// Whether the path has the pattern's segments; `wildcard` gets what stands in place of a name in braces.
-bool matches(std::string_view pattern, std::string_view path, std::string_view& wildcard) {
+// Whether the path has the pattern's segments.
+bool matches(std::string_view pattern, std::string_view path, Wildcards& wildcards) {
     while (!pattern.empty() && !path.empty()) {
         const std::string_view wanted = takeSegment(pattern);
         const std::string_view segment = takeSegment(path);
         if (wanted.starts_with('{')) {
-            wildcard = segment;
+            wildcards.push_back(segment);
         } else if (wanted != segment) {
             return false;
         }
@@ -87,19 +88,19 @@ bool hasWord(std::string_view words, std::string_view word) {
     return false;
 }
 
-// All routes of a path, and what stands in place of a name in braces.
+// All routes of a path.
 struct Matched {
     std::vector<const Route*> routes;
-    std::string_view wildcard;
+    Wildcards wildcards;
 };
 
 Matched matchPath(std::string_view path) {
     Matched matched;
     for (const Route& route : kRoutes) {
-        std::string_view wildcard;
-        if (matches(route.pattern, path, wildcard)) {
+        Wildcards wildcards;
+        if (matches(route.pattern, path, wildcards)) {
             matched.routes.push_back(&route);
-            matched.wildcard = wildcard;
+            matched.wildcards = std::move(wildcards);
         }
     }
     return matched;
@@ -147,11 +148,14 @@ std::optional<Response> refuseQuery(const Route& route, const Query& query) {
     return std::nullopt;
 }
 
-// Takes what stands in place of the name in braces.
-std::optional<Response> takeWildcard(const Route& route, std::string_view wildcard, Call& call) {
-    const auto text = percentDecoded(wildcard);
+// Takes what stands in place of the names in braces.
+std::optional<Response> takeWildcards(const Route& route, const Wildcards& wildcards, Call& call) {
+    const auto text = percentDecoded(wildcards.empty() ? std::string_view{} : wildcards.back());
     if (!text) {
         return problem(400, "The path is not percent-encoded UTF-8 without control characters");
+    }
+    if (route.pattern.find("{version}") != std::string_view::npos) {
+        call.version = wildcards.front();
     }
     if (route.pattern.find("{group}") != std::string_view::npos) {
         call.group = Group::parse(*text);
@@ -202,7 +206,7 @@ std::variant<Router::Admitted, Response> Router::findRoute(const Request& reques
         return problem(403, "This server has another name: use its address, or add the name to allowed_hosts",
                        "Host");
     }
-    const Matched matched = matchPath(target->path);
+    Matched matched = matchPath(target->path);
     if (matched.routes.empty()) {
         return problem(404, "There is nothing here; docs/api.yaml lists what there is");
     }
@@ -221,7 +225,7 @@ std::variant<Router::Admitted, Response> Router::findRoute(const Request& reques
         return problem(403, "A change over TCP needs the token of token_file: Authorization: Bearer TOKEN",
                        "Authorization");
     }
-    return Admitted{&route, matched.wildcard, target->query};
+    return Admitted{&route, std::move(matched.wildcards), target->query};
 }
 
 Router::Admission Router::admit(const Request& head) const {
@@ -249,8 +253,9 @@ void Router::handle(const Request& request, Reply reply) {
               .query = std::move(*query),
               .state = services_.station.state(),
               .group = {},
-              .file = {}};
-    for (auto&& refused : {refuseQuery(route, call.query), takeWildcard(route, admitted.wildcard, call),
+              .file = {},
+              .version = {}};
+    for (auto&& refused : {refuseQuery(route, call.query), takeWildcards(route, admitted.wildcards, call),
                            refuseType(route, request)}) {
         if (refused) {
             return reply(Response(*refused));

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 #include "commands.h"
 #include "web/access.h"
@@ -56,7 +57,11 @@ struct Call {
     std::optional<Group> group;  // of {group}
     int64_t id = 0;              // of {id}, above 0
     std::string file;            // of {file}
+    std::string version;         // of {version}
 };
+
+// What stands in place of the names in braces of a route, in their order.
+using Wildcards = std::vector<std::string_view>;
 
 using Handler = void (*)(Services& services, const Call& call, Reply&& reply);
 
@@ -93,7 +98,7 @@ class Router {
   private:
     struct Admitted {
         const Route* route;
-        std::string_view wildcard;  // what stands in place of a name in braces
+        Wildcards wildcards;
         std::string_view query;
     };
     // What a head says alone: host, path, method and right.

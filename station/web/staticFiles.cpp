@@ -32,17 +32,24 @@ constexpr std::array kContentTypes = std::to_array<ContentType>({
 
 constexpr std::array<std::string_view, 2> kLibraryFiles = {"dygraph.min.js", "dygraph.min.css"};
 
-// Tells one content from another (FNV-1a, 64 bits). Weak, since compressed answers bear it as well.
-std::string etagOf(std::string_view content) {
+// Tells one content from another (FNV-1a, 64 bits), in hexadecimal digits.
+std::string hashOf(std::string_view content) {
     uint64_t hash = 0xCBF29CE484222325;
     for (const char byte : content) {
         hash = (hash ^ static_cast<uint8_t>(byte)) * 0x100000001B3;
     }
     std::array<char, 32> text{};
-    const int length =
-        snprintf(text.data(), text.size(), "W/\"%016llx\"", static_cast<unsigned long long>(hash));
+    const int length = snprintf(text.data(), text.size(), "%016llx", static_cast<unsigned long long>(hash));
     return {text.data(), static_cast<std::size_t>(length)};
 }
+
+// Weak, since compressed answers bear it as well.
+std::string etagOf(std::string_view content) {
+    return "W/\"" + hashOf(content) + "\"";
+}
+
+constexpr std::string_view kIndex = "index.html";
+constexpr std::string_view kPlainAddress = "\"page/";  // as index.html names its files
 
 }  // namespace
 
@@ -52,6 +59,7 @@ StaticFiles::StaticFiles(const std::filesystem::path& page, const std::filesyste
          entry.increment(error)) {
         read(entry->path(), page_);
     }
+    setVersion();
     for (const std::string_view name : kLibraryFiles) {
         read(dygraphs / name, library_);
     }
@@ -85,6 +93,25 @@ void StaticFiles::read(const std::filesystem::path& file, Files& files) {
     files.emplace(name, File{type->type, std::move(etag), std::make_shared<Payload>(std::move(content))});
 }
 
+void StaticFiles::setVersion() {
+    std::string all;
+    for (const auto& [name, file] : page_) {
+        all.append(name).append(file.etag);
+    }
+    version_ = hashOf(all);
+    const auto index = page_.find(kIndex);
+    if (index == page_.end()) {
+        return;
+    }
+    std::string text(index->second.payload->text());
+    for (std::size_t at = 0; (at = text.find(kPlainAddress, at)) != std::string::npos;) {
+        at += kPlainAddress.size();
+        text.insert(at, version_ + "/");
+    }
+    index->second.etag = etagOf(text);
+    index->second.payload = std::make_shared<Payload>(std::move(text));
+}
+
 Response StaticFiles::answer(const Files& files, std::string_view name) {
     const auto found = files.find(name);
     if (found == files.end()) {
@@ -100,6 +127,19 @@ Response StaticFiles::answer(const Files& files, std::string_view name) {
 
 Response StaticFiles::page(std::string_view name) const {
     return answer(page_, name);
+}
+
+Response StaticFiles::versionedPage(std::string_view version, std::string_view name) const {
+    if (version != version_) {
+        return problem(404, "The page has another version: load it anew");
+    }
+    Response response = answer(page_, name);
+    for (auto& [header, value] : response.headers) {
+        if (header == "Cache-Control") {
+            value = "public, max-age=31536000, immutable";
+        }
+    }
+    return response;
 }
 
 Response StaticFiles::library(std::string_view name) const {

@@ -24,6 +24,9 @@ class StaticFiles {
 
     // Of a name such as "index.html"; 404 when there is none.
     Response page(std::string_view name) const;
+    // The same by an address that names the page's version: may be kept for ever, and is 404 once the page is
+    // another one, so that no document mixes the modules of two.
+    Response versionedPage(std::string_view version, std::string_view name) const;
     Response library(std::string_view name) const;
 
   private:
@@ -35,8 +38,11 @@ class StaticFiles {
     using Files = std::map<std::string, File, std::less<>>;
     static void read(const std::filesystem::path& file, Files& files);
     static Response answer(const Files& files, std::string_view name);
+    // Makes index.html name its files by their version.
+    void setVersion();
 
     Files page_;
+    std::string version_;  // tells the page's files, all together, from those of another version
     Files library_;
 };
 

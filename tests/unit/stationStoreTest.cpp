@@ -266,6 +266,7 @@ TEST(EventStore, FindsEventsNewestFirst) {
                           kTime + std::chrono::hours(id > 6 ? id - 5 : id));
         one.group = id % 3 == 0 ? kOther : kGroup;
         one.severity = id % 4 == 0 ? Severity::kMinor : Severity::kMajor;
+        one.channel = id % 3 == 0 ? "50%_off" : "News HD";
         events.push_back(one);
     }
     store.recordAll(events);
@@ -276,6 +277,10 @@ TEST(EventStore, FindsEventsNewestFirst) {
         {{.limit = 3}, {12, 11, 10}},
         {{.before = 10, .limit = 3}, {9, 8, 7}},
         {{.group = kOther}, {12, 9, 6, 3}},
+        {{.text = "eWs", .limit = 3}, {11, 10, 8}},
+        {{.text = "%_", .since = kTime + 5h}, {12, 6}},
+        {{.text = kOther.text().substr(1), .before = 9}, {6, 3}},
+        {{.text = "sport"}, {}},
         {{.kind = EventKind::kRaised}, {12, 10, 8, 6, 4, 2}},
         {{.severity = Severity::kMinor}, {12, 8, 4}},
         {{.severity = Severity::kMajor, .kind = EventKind::kRaised}, {10, 6, 2}},

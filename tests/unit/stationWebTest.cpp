@@ -30,7 +30,9 @@ class Directory {
   public:
     Directory() : path_(std::filesystem::temp_directory_path() / ("stationWeb." + std::to_string(getpid()))) {
         std::filesystem::create_directories(path_ / "page" / "inner");
-        std::ofstream(path_ / "page" / "index.html") << "<!doctype html>" << std::string(2000, ' ');
+        std::ofstream(path_ / "page" / "index.html")
+            << "<!doctype html>" << std::string(2000, ' ') << R"(<script src="page/start.js">)";
+        std::ofstream(path_ / "page" / "start.js") << "'use strict';";
         std::ofstream(path_ / "page" / "inner" / "deep.js") << "secret";
         std::ofstream(path_ / "secret.js") << "secret";
     }
@@ -195,11 +197,13 @@ TEST_F(StationWeb, AnswersRequestsAndRefusesWhatIsNone) {
         {get("/page/inner%2fdeep.js"), 404, "problem"},
         {get("/page/inner"), 404, "problem"},
         {get("/page//etc/passwd"), 404, "problem"},
+        {get("/page/0123456789abcdef/start.js"), 404, "another version"},
         {get("/lib/dygraph.js"), 404, "problem"},
         // Not understood.
         {get("/api/v1/channels/10.0.0.1"), 422, "\"field\":\"group\""},
         {get(kGroup + "/history"), 422, "\"field\":\"metric\""},
         {get(kGroup + "/history?metric=bitRate&resolution=2"), 422, "\"field\":\"resolution\""},
+        {get("/api/v1/events?channel="), 422, "\"field\":\"channel\""},
         {get("/api/v1/events?limit=1001"), 422, "\"field\":\"limit\""},
         {get("/api/v1/events?since=yesterday"), 422, "\"field\":\"since\""},
         {get("/api/v1/events?limit=1&limit=2"), 422, "\"field\":\"limit\""},
@@ -297,6 +301,24 @@ TEST_F(StationWeb, TakesALargePlaylistFromWhoMayChangeAlone) {
     EXPECT_THAT(slow.front().answer(), StartsWith("HTTP/1.1 200 "));
     slow.pop_back();  // goes away
     EXPECT_THAT(ask(head("/api/v1/import", length, kToken) + playlist), StartsWith("HTTP/1.1 200 "));
+}
+
+TEST_F(StationWeb, NamesThePagesFilesByTheirVersion) {
+    const auto version = [this] {
+        const std::string index = ask(get("/"));
+        const std::size_t at = index.find("src=\"page/");
+        return index.substr(at + 10, index.find("/start.js") - at - 10);
+    };
+    const std::string first = version();
+    EXPECT_EQ(first.size(), 16);
+    EXPECT_THAT(ask(get("/page/" + first + "/start.js")),
+                AllOf(StartsWith("HTTP/1.1 200 "), HasSubstr("immutable"), HasSubstr("'use strict';")));
+    EXPECT_THAT(ask(get("/page/start.js")), AllOf(StartsWith("HTTP/1.1 200 "), HasSubstr("no-cache")));
+    std::ofstream(directory / "page" / "start.js") << "'use strict'; // mended";
+    server.reset();
+    start();
+    EXPECT_NE(version(), first);
+    EXPECT_THAT(ask(get("/page/" + first + "/start.js")), StartsWith("HTTP/1.1 404 "));
 }
 
 TEST_F(StationWeb, TakesRequestsOneBehindTheOtherOnOneConnection) {
