@@ -128,7 +128,7 @@ struct VideoReport {
     std::optional<double> frameRate;
     std::optional<bool> interlaced;
     std::optional<std::string> profile;  // profiles and levels as ffprobe spells them
-    std::optional<std::string> level;
+    std::optional<uint32_t> level;
     std::optional<std::string> chroma;  // "4:2:0"
     std::optional<uint32_t> bitDepth;
     std::optional<std::string> colour;

@@ -12,7 +12,8 @@ namespace meter {
 // Bounds of what is kept of tables; what is beyond is left out.
 inline constexpr std::size_t kProgramsLimit = 256;
 inline constexpr std::size_t kStreamsPerProgramLimit = 64;
-inline constexpr std::size_t kCaPidsLimit = 64;  // of the CAT, and of a program
+inline constexpr std::size_t kStreamsLimit = 1024;  // of the channel
+inline constexpr std::size_t kCaPidsLimit = 64;     // of the CAT, and of a program
 
 enum class Codec : uint8_t {
     kNone,
@@ -36,6 +37,7 @@ struct StreamModel {
     StreamKind kind = StreamKind::kData;
     uint8_t audioType = 0;      // of the ISO 639 language descriptor; 0 without one
     bool stillPicture = false;  // video_stream_descriptor's still_picture_flag, or AVC_still_present
+    std::optional<uint8_t> aacProfileLevel;  // ISO/IEC 14496-3, audioProfileLevelIndication of a descriptor
     std::vector<uint16_t> ecmPids;
 };
 
