@@ -29,7 +29,8 @@ TEST(MeterReport, EscapesTextsAndWritesNumbersExactly) {
     report.group = 0xEF010203;
     report.seconds = 60.0;
     report.services.emplace_back().name = "a\"b\\c\nd\xC3\xA4";
-    report.checks.push_back({.id = "1.4", .name = "x", .count = 1ULL << 60, .last = 0.1, .pids = {{256, 3}}});
+    report.checks.push_back(
+        {.id = "1.4", .name = "x", .count = 1ULL << 60, .first = {}, .last = 0.1, .pids = {{256, 3}}});
     const std::string text = meter::toJson(report);
     const json parsed = json::parse(text);
     EXPECT_EQ(parsed.at("group"), "239.1.2.3");
