@@ -4,6 +4,7 @@
 #include <string>
 
 #include "fields/sectionFields.h"
+#include "fields/wallClock.h"
 #include "services/dvbText.h"
 #include "services/dvbTime.h"
 #include "services/services.h"

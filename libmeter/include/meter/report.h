@@ -215,14 +215,15 @@ struct PidReport {
 };
 
 struct SegmentationReport {
-    uint8_t typeId = 0;
+    // Of one that is cancelled the identifier alone is known.
+    std::optional<uint8_t> typeId;
     std::optional<std::string> type;
     uint32_t eventId = 0;
-    uint8_t upidType = 0;
+    std::optional<uint8_t> upidType;
     std::optional<std::string> upid;
     std::optional<double> durationMs;
-    uint8_t number = 0;
-    uint8_t expected = 0;
+    std::optional<uint8_t> number;
+    std::optional<uint8_t> expected;
 };
 
 struct CueReport {

@@ -10,6 +10,9 @@
 
 namespace meter {
 
+// Cues kept, the latest ones. A repetition of one that is no longer kept counts as a new cue.
+inline constexpr std::size_t kCuesLimit = 64;
+
 class Cues {
   public:
     Cues();

@@ -1,9 +1,5 @@
 #include "services/dvbTime.h"
 
-#include <array>
-#include <chrono>
-#include <cstdio>
-
 namespace meter {
 
 std::optional<uint32_t> bcdSeconds(Bytes bytes, std::size_t offset) {
@@ -26,20 +22,6 @@ std::optional<int64_t> utcTime(Bytes bytes, std::size_t offset) {
     if (!seconds || *seconds >= kSecondsPerDay)
         return std::nullopt;
     return (u16At(bytes, offset) - kUnixEpochMjd) * kSecondsPerDay + *seconds;
-}
-
-std::string rfc3339(int64_t unixSeconds) {
-    using namespace std::chrono;
-    const sys_seconds time{seconds{unixSeconds}};
-    const auto day = floor<days>(time);
-    const year_month_day date{day};
-    const hh_mm_ss clock{time - day};
-    std::array<char, 48> text;
-    std::snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(date.year()),
-                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                  static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
-                  static_cast<int>(clock.seconds().count()));
-    return text.data();
 }
 
 }  // namespace meter

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 
+#include "fields/wallClock.h"
 #include "services/dvbText.h"
 #include "services/dvbTime.h"
 #include "services/streamTypes.h"

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "fields/wallClock.h"
 #include "services/dvbText.h"
 #include "services/dvbTime.h"
 #include "services/streamTypes.h"
