@@ -38,6 +38,7 @@ struct FileKeeper::Implementation {
     std::map<std::filesystem::path, Playlist> lastGood;  // playlists as they were last read
     std::filesystem::path stateDirectory;                // another one needs a restart
     LogOnChange saveTrouble;
+    LogOnChange openTrouble;  // that everybody can read
     std::map<std::filesystem::path, LogOnChange> playlistTrouble;
     SteadyTime saveAgain{};
 
@@ -78,6 +79,12 @@ struct FileKeeper::Implementation {
         options.override(result.configuration);
         configuration = std::make_shared<const Configuration>(std::move(result.configuration));
         files.configuration = configuration;
+        if (const std::string note = openToAll(*configuration); !note.empty()) {
+            files.notes.push_back(note);
+            openTrouble.say(LogLevel::kWarning, note);
+        } else {
+            openTrouble.over();
+        }
         if (stateDirectory.empty()) {
             stateDirectory = configuration->state;
         }

@@ -118,6 +118,10 @@ int check(const std::filesystem::path& file, const CLI::App& app, const Argument
     auto result =
         file.empty() ? station::parseConfiguration("", "station.toml") : station::readConfiguration(file);
     override(app, arguments, result.configuration);
+    const std::string note = station::openToAll(result.configuration);
+    if (!note.empty() && app.count("--listen") > 0) {
+        result.notes.push_back({.file = "--listen", .text = note});
+    }
     return station::reportConfiguration(result, std::cout, std::cerr);
 }
 

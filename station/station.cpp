@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "channelBook.h"
-#include "channels/textFile.h"
 #include "common/log.h"
 #include "common/text.h"
 #include "eventDesk.h"
@@ -29,7 +28,6 @@ constexpr auto kTick = 1s;
 constexpr auto kStandstill = 2500ms;
 constexpr auto kMeasuresUse = 5s;
 constexpr std::size_t kNotesShown = 100;
-constexpr std::size_t kTokenLimit = 4096;  // bytes
 
 // A channel that nothing is known of is not without signal: only an alarm says so.
 StripCell stripCell(const ChannelSample& sample, ChannelStatus status) {
@@ -142,8 +140,7 @@ struct Station::Implementation : StationInterface {
         ServerOptions options;
         options.listen = configuration->listen;
         options.socket = configuration->socket;
-        options.token = readToken();
-        options.allowedHosts = configuration->allowedHosts;
+        options.access = serverAccess();
         options.page = configuration->page;
         server = std::make_unique<Server>(options, *this);
         log(LogLevel::kNotice, "serving " +
@@ -151,18 +148,12 @@ struct Station::Implementation : StationInterface {
                                    options.socket.string());
     }
 
-    std::string readToken() const {
-        if (configuration->tokenFile.empty()) {
-            return {};
-        }
-        std::string problem;
-        std::string token = readTextFile(configuration->tokenFile, kTokenLimit, problem);
-        token.erase(token.find_last_not_of(" \t\r\n") + 1);
-        if (!problem.empty()) {
-            log(LogLevel::kError,
-                configuration->tokenFile.string() + ": " + problem + "; no changes are taken over TCP");
-        }
-        return token;
+    ServerAccess serverAccess() const {
+        return {.token = configuration->token,
+                .socketToken = configuration->socketToken,
+                .allowedHosts = configuration->allowedHosts,
+                .connections = configuration->http.connections,
+                .connectionsPerAddress = configuration->http.connectionsPerAddress};
     }
 
     // Takes the playlists out of `files`.
@@ -190,7 +181,7 @@ struct Station::Implementation : StationInterface {
                                 .text = "read again: " + std::to_string(book.channels().size()) + " channels"}
                         : Event{.kind = EventKind::kConfigurationRefused, .text = files.refusals.front()},
                     now);
-        server->setAccess(readToken(), configuration->allowedHosts);
+        server->setAccess(serverAccess());
         tellController();
     }
 

@@ -33,7 +33,7 @@ class Checker:
     def request(self, method, target, body=None, content_type="application/json"):
         """Status, headers, body."""
         connection = SocketConnection(self.path) if self.path else http.client.HTTPConnection(self.address, timeout=10)
-        headers = {} if body is None else {"Content-Type": content_type}
+        headers = {"Content-Type": content_type} if method in ("POST", "PUT") else {}
         connection.request(method, target, body=body, headers=headers)
         answer = connection.getresponse()
         result = answer.status, answer.headers, answer.read()
@@ -103,7 +103,7 @@ class Checker:
 
     def reads(self, group):
         channel = "/api/v1/channels/{group}"
-        for path in ("status", "channels", "records", "alarms", "alarm-types", "events", "overview", "meta", "use",
+        for path in ("access", "status", "channels", "records", "alarms", "alarm-types", "events", "overview", "meta", "use",
                      "maintenance", "export"):
             self.check("GET", f"/api/v1/{path}", f"/api/v1/{path}", 200)
             refused = self.check("GET", f"/api/v1/{path}", f"/api/v1/{path}?nonsense=1", 422)

@@ -23,7 +23,7 @@ constexpr std::size_t kWebhooksLimit = 16;
 constexpr std::size_t kPlaylistsLimit = 100;
 constexpr std::size_t kProfilesLimit = 100;
 constexpr std::string_view kSections =
-    "[events], [metrics], [influx], [[webhook]], [[playlist]], [[channel]], [profile.NAME.TYPE]";
+    "[events], [metrics], [http], [influx], [[webhook]], [[playlist]], [[channel]], [profile.NAME.TYPE]";
 
 template <typename Record>
 std::string names(std::span<const Key<Record>> keys) {
@@ -99,9 +99,10 @@ const toml::source_region& whereIs(const toml::table& table, std::string_view ke
 }
 
 // The one line of a file that holds a secret; reports what is wrong with it.
-std::string readSecret(Reading& reading, const toml::source_region& at, const std::filesystem::path& file) {
+std::string readSecret(Reading& reading, const toml::source_region& at, const std::filesystem::path& file,
+                       std::size_t limit = kSecretLimit) {
     std::string problem;
-    std::string bytes = readTextFile(file, kSecretLimit, problem);
+    std::string bytes = readTextFile(file, limit, problem);
     const std::size_t end = bytes.find_last_not_of(" \t\r\n");
     bytes.resize(end == std::string::npos ? 0 : end + 1);
     const bool plain =
@@ -147,6 +148,8 @@ class ConfigurationParser {
             readPlain(node, "[events]", eventsKeys(), configuration_);
         } else if (name == "metrics") {
             readPlain(node, "[metrics]", metricsKeys(), configuration_);
+        } else if (name == "http") {
+            readPlain(node, "[http]", httpKeys(), configuration_.http);
         } else if (name == "influx") {
             readPlain(node, "[influx]", influxKeys(), configuration_.influx);
             if (const toml::table* table = node.as_table()) {
@@ -188,11 +191,14 @@ class ConfigurationParser {
 
     void checkTop(const toml::table& root) {
         if (!configuration_.tokenFile.empty()) {
-            readSecret(reading_, whereIs(root, "token_file"), configuration_.tokenFile);
-        } else if (!isLoopback(configuration_.listen)) {
-            reading_.note(whereIs(root, "listen"),
-                          "everybody who reaches " + configuration_.listen +
-                              " can read, and nobody can change anything there without a token_file");
+            configuration_.token =
+                readSecret(reading_, whereIs(root, "token_file"), configuration_.tokenFile, kTokenLimit);
+        } else if (configuration_.socketToken) {
+            reading_.mistake(whereIs(root, "socket_token"),
+                             "\"socket_token\" needs a token_file: without one nobody could change anything");
+        }
+        if (const std::string note = openToAll(configuration_); !note.empty()) {
+            reading_.note(whereIs(root, "listen"), note);
         }
     }
 
@@ -335,10 +341,6 @@ class ConfigurationParser {
         return list;
     }
 
-    static bool isLoopback(std::string_view listen) {
-        return listen.empty() || listen.starts_with("127.") || listen.starts_with("[::1]");
-    }
-
     Reading& reading_;
     Configuration& configuration_;
     std::map<Group, uint32_t> groups_;  // with the lines that name them
@@ -420,11 +422,22 @@ ConfigurationResult readConfiguration(const std::filesystem::path& file) {
     return parseConfiguration(text, file);
 }
 
+std::string openToAll(const Configuration& configuration) {
+    const std::string_view listen = configuration.listen;
+    const bool loopback = listen.empty() || listen.starts_with("127.") || listen.starts_with("[::1]");
+    if (loopback || !configuration.tokenFile.empty()) {
+        return {};
+    }
+    return "everybody who reaches " + configuration.listen +
+           " can read, and nobody can change anything there without a token_file";
+}
+
 std::string effectiveConfiguration(const Configuration& configuration) {
     std::string text;
     writeKeys(text, topKeys(), configuration);
     writeSection(text, "[events]", eventsKeys(), configuration);
     writeSection(text, "[metrics]", metricsKeys(), configuration);
+    writeSection(text, "[http]", httpKeys(), configuration.http);
     writeSection(text, "[influx]", influxKeys(), configuration.influx);
     for (const Webhook& webhook : configuration.webhooks) {
         writeSection(text, "[[webhook]]", webhookKeys(), webhook);
@@ -467,6 +480,7 @@ std::vector<KeyDescription> describeKeys() {
     describe(list, "", topKeys(), Configuration{});
     describe(list, "[events]", eventsKeys(), Configuration{});
     describe(list, "[metrics]", metricsKeys(), Configuration{});
+    describe(list, "[http]", httpKeys(), Configuration::Http{});
     describe(list, "[influx]", influxKeys(), Configuration::Influx{});
     describe(list, "[[webhook]]", webhookKeys(), Webhook{});
     describe(list, "[[playlist]]", playlistKeys(), PlaylistSource{});

@@ -43,6 +43,8 @@ struct Webhook {
 
 enum class MetricsPids : uint8_t { kNone, kListed, kAll };
 
+inline constexpr std::size_t kTokenLimit = 4096;  // bytes; it has to fit into a request's headers
+
 // Everything that can be configured, with its defaults. Relative paths count from the configuration's
 // directory, and are taken from there when they are read.
 struct Configuration {
@@ -54,6 +56,8 @@ struct Configuration {
     std::string controllerEndpoint = "tcp://127.0.0.1:5999";
     std::filesystem::path page;             // directory of the page's files; empty: found by the program
     std::filesystem::path tokenFile;        // empty: no changes over TCP
+    std::string token;                      // the file's one line, of at most kTokenLimit bytes
+    bool socketToken = false;               // changes over the Unix socket need the token too
     std::vector<std::string> allowedHosts;  // beside the listening address, localhost and this machine's name
     std::optional<bool> passive;            // not set: the probe is told nothing
     std::optional<std::chrono::milliseconds> igmpLatency;
@@ -74,6 +78,12 @@ struct Configuration {
         std::chrono::milliseconds timeout{5000};
         bool operator==(const Influx&) const = default;
     } influx;
+
+    struct Http {
+        uint32_t connections = 256;
+        uint32_t connectionsPerAddress = 64;
+        bool operator==(const Http&) const = default;
+    } http;
 
     bool operator==(const Configuration&) const = default;
 };
@@ -102,6 +112,9 @@ struct ConfigurationResult {
 ConfigurationResult readConfiguration(const std::filesystem::path& file);
 // The same for a text; `name` stands in the messages and its directory is where relative paths count from.
 ConfigurationResult parseConfiguration(std::string_view text, const std::filesystem::path& name);
+
+// What is odd about serving on `listen`: other machines reach it and no token is set. Empty for nothing.
+std::string openToAll(const Configuration& configuration);
 
 // All keys with their values as TOML that reads back as an equal configuration. Secrets stay in their files.
 std::string effectiveConfiguration(const Configuration& configuration);

@@ -41,8 +41,10 @@ using C = Configuration;
 constexpr std::array kTopKeys = {
     key<&C::listen>("listen", "string", "", "Address and port for HTTP; empty for none",
                     {.check = checkListen}),
-    key<&C::socket>("socket", "path", "", "Unix socket for HTTP, with all rights to change",
+    key<&C::socket>("socket", "path", "", "Unix socket for HTTP; who may open it may change everything",
                     {.filled = true, .check = checkSocketPath}),
+    key<&C::socketToken>("socket_token", "boolean", "",
+                         "Whether a change over the Unix socket needs the token too"),
     key<&C::tokenFile>("token_file", "path", "",
                        "File with the token that a change over TCP needs; empty: none can be made"),
     key<&C::allowedHosts>(
@@ -72,6 +74,15 @@ constexpr std::array kEventsKeys = {
 constexpr std::array kMetricsKeys = {
     key<&C::metricsPids>("pids", "string", "",
                          R"(PIDs with metrics of their own: "none", "listed" (in a PMT) or "all")"),
+};
+
+using H = Configuration::Http;
+constexpr std::array kHttpKeys = {
+    key<&H::connections>("connections", "integer", "connections",
+                         "Connections over TCP, and over the socket but for the places that are kept for it",
+                         {.from = 16, .to = 800}),
+    key<&H::connectionsPerAddress>("connections_per_address", "integer", "connections",
+                                   "Connections from one address over TCP", {.from = 8, .to = 800}),
 };
 
 using I = Configuration::Influx;
@@ -153,6 +164,10 @@ std::span<const Key<Configuration>> eventsKeys() {
 
 std::span<const Key<Configuration>> metricsKeys() {
     return kMetricsKeys;
+}
+
+std::span<const Key<Configuration::Http>> httpKeys() {
+    return kHttpKeys;
 }
 
 std::span<const Key<Configuration::Influx>> influxKeys() {

@@ -27,6 +27,7 @@ inline constexpr std::string_view kRequired = "required";
 std::span<const Key<Configuration>> topKeys();
 std::span<const Key<Configuration>> eventsKeys();
 std::span<const Key<Configuration>> metricsKeys();
+std::span<const Key<Configuration::Http>> httpKeys();
 std::span<const Key<Configuration::Influx>> influxKeys();
 std::span<const Key<Webhook>> webhookKeys();
 std::span<const Key<PlaylistSource>> playlistKeys();

@@ -15,6 +15,7 @@ using ErrorCode = boost::system::error_code;
 
 // The parser needs a whole head at once in the buffer.
 constexpr std::size_t kBufferBytes = Server::kHeaderBytes + 4096;
+constexpr std::size_t kReadBytes = 4096;
 constexpr std::size_t kUnaskedBytes = std::size_t{256} << 10;
 
 }  // namespace
@@ -48,6 +49,11 @@ void Connection::refuse() {
 void Connection::tick(SteadyTime now) {
     if (now >= deadline_ && phase_ == Phase::kHandling) {
         respond(exchange_, problem(503, "The station did not answer in time"));
+    } else if (now >= deadline_ && phase_ == Phase::kReading && !tooLate_) {
+        tooLate_ = true;
+        setDeadline(kDrainTime);
+        ErrorCode ignored;
+        socket_.cancel(ignored);  // ends the reading, which answers 408
     } else if (now >= deadline_ && phase_ != Phase::kClosed) {
         if (phase_ == Phase::kWriting) {
             ++shared_.counters.slowClosed;
@@ -81,6 +87,7 @@ void Connection::waitForRequest(std::chrono::seconds time) {
         return readHead();
     }
     setDeadline(time);
+    idleSince_ = std::chrono::steady_clock::now();
     socket_.async_wait(Socket::wait_read, [self = shared_from_this()](const ErrorCode& error) {
         if (error) {
             return self->close();
@@ -94,36 +101,57 @@ void Connection::readHead() {
     setDeadline(kRequestTime);
     parser_.emplace();
     setLimits(*parser_);
-    http::async_read_header(socket_, buffer_, *parser_,
-                            [self = shared_from_this()](const ErrorCode& error, std::size_t) {
-                                if (!error) {
-                                    self->admitBody();
-                                } else if (auto refused = refuseMessage(error)) {
-                                    ++self->shared_.counters.malformed;
-                                    self->answerProblem(std::move(*refused));
-                                } else {
-                                    self->close();
-                                }
-                            });
+    parseHead();
+}
+
+// Parses the head once it is whole, and waits for more until then.
+void Connection::parseHead() {
+    const auto bytes = buffer_.cdata();
+    Head head = inspectHead({static_cast<const char*>(bytes.data()), bytes.size()});
+    if (head.state == Head::State::kPartial) {
+        const std::size_t room = std::min(buffer_.max_size() - buffer_.size(), kReadBytes);
+        socket_.async_read_some(buffer_.prepare(room),
+                                [self = shared_from_this()](const ErrorCode& error, std::size_t count) {
+                                    if (error) {
+                                        return self->readingFailed(error);
+                                    }
+                                    self->buffer_.commit(count);
+                                    self->parseHead();
+                                });
+        return;
+    }
+    ErrorCode error;
+    buffer_.consume(parser_->put(bytes, error));
+    if (error) {
+        return readingFailed(error);
+    }
+    auto refused = head.refusal ? std::move(head.refusal) : refuseFraming(parser_->get());
+    if (refused) {
+        ++shared_.counters.malformed;
+        return answerProblem(std::move(*refused));
+    }
+    admitBody();
 }
 
 // Only who may change, and asks for an import, has more than a little read.
 void Connection::admitBody() {
     request_ = toRequest(parser_->get());
     request_.localAddress = localAddress_;
+    request_.address = address_;
     request_.unixSocket = localAddress_.empty();
-    Router::Admission admission = shared_.router.admit(request_);
+    admission_ = shared_.router.admit(request_);
+    const std::size_t limit = admission_->bodyLimit;
     const auto length = parser_->content_length();
-    if (length && *length > admission.bodyLimit) {
+    if (length && *length > limit) {
         ++shared_.counters.malformed;
-        return answerProblem(admission.refusal ? std::move(*admission.refusal)
-                                               : bodyTooLarge(admission.bodyLimit));
+        auto* refused = std::get_if<Response>(&admission_->found);
+        return answerProblem(refused != nullptr ? std::move(*refused) : bodyTooLarge(limit));
     }
     const bool large = length ? *length > Server::kBodyBytes : parser_->chunked();
-    if (admission.bodyLimit > Server::kBodyBytes && large && !takePlaylist()) {
+    if (limit > Server::kBodyBytes && large && !takePlaylist()) {
         return answerProblem(problem(503, "Other playlists are being imported; try again in a moment"));
     }
-    parser_->body_limit(admission.bodyLimit);
+    parser_->body_limit(limit);
     readBody();
 }
 
@@ -155,34 +183,50 @@ void Connection::readBody() {
     }
     http::async_read(socket_, buffer_, *parser_,
                      [self = shared_from_this()](const ErrorCode& error, std::size_t) {
-                         if (!error) {
-                             self->handleRequest();
-                         } else if (error == http::error::body_limit) {
+                         if (error == http::error::body_limit) {
                              ++self->shared_.counters.malformed;
                              self->answerProblem(
                                  bodyTooLarge(self->playlist_ ? Server::kPlaylistBytes : Server::kBodyBytes));
-                         } else if (auto refused = refuseMessage(error)) {
-                             ++self->shared_.counters.malformed;
-                             self->answerProblem(std::move(*refused));
+                         } else if (error) {
+                             self->readingFailed(error);
                          } else {
-                             self->close();
+                             self->handleRequest();
                          }
                      });
+}
+
+void Connection::readingFailed(const ErrorCode& error) {
+    if (phase_ == Phase::kClosed) {
+        return;
+    }
+    if (tooLate_) {
+        return answerProblem(
+            problem(408, "The request was not whole within " + std::to_string(kRequestTime.count()) + " s"));
+    }
+    auto refused = refuseMessage(error);
+    if (!refused) {
+        return close();
+    }
+    ++shared_.counters.malformed;
+    answerProblem(std::move(*refused));
 }
 
 void Connection::handleRequest() {
     ++shared_.counters.requests;
     phase_ = Phase::kHandling;
     setDeadline(kAnswerTime);
-    keepAlive_ = parser_->keep_alive();
+    keepAlive_ = parser_->keep_alive() && !oneRequest_;
     request_.body = std::move(parser_->get().body());
     parser_.reset();
     const uint64_t exchange = ++exchange_;
-    shared_.router.handle(request_, [weak = weak_from_this(), exchange](Response&& response) {
-        if (const auto self = weak.lock()) {
-            self->respond(exchange, std::move(response));
-        }
-    });
+    Router::Admission admission = std::move(*admission_);
+    admission_.reset();
+    shared_.router.handle(request_, std::move(admission),
+                          [weak = weak_from_this(), exchange](Response&& response) {
+                              if (const auto self = weak.lock()) {
+                                  self->respond(exchange, std::move(response));
+                              }
+                          });
 }
 
 void Connection::answerProblem(Response&& response) {
@@ -197,6 +241,10 @@ void Connection::respond(uint64_t exchange, Response&& response) {
         return;
     }
     ++exchange_;  // one answer a request
+    if (response.eventStream && oneRequest_) {
+        ++shared_.counters.refused;
+        response = problem(503, "Too many connections for another event stream; try again in a moment");
+    }
     keepAlive_ = keepAlive_ && !response.eventStream;
     adapt(request_, response);
     const PayloadPointer payload = response.body;
@@ -287,8 +335,6 @@ void Connection::drain() {
 void Connection::becomeStream() {
     ++shared_.counters.streams;
     stream_.emplace();
-    ErrorCode ignored;
-    socket_.set_option(asio::socket_base::send_buffer_size(kStreamSendBuffer), ignored);
     shared_.refreshEvents();
     watchStream();
 }

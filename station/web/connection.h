@@ -25,6 +25,8 @@ struct ServerCounters {
     std::atomic<uint64_t> streams{0};
     std::atomic<uint64_t> requests{0};
     std::atomic<uint64_t> refused{0};
+    std::atomic<uint64_t> madeRoom{0};
+    std::atomic<uint64_t> wrongTokens{0};
     std::atomic<uint64_t> malformed{0};
     std::atomic<uint64_t> slowClosed{0};
 };
@@ -51,7 +53,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     static constexpr std::chrono::seconds kWholeTime{60};     // for a client to take a whole answer
     static constexpr std::chrono::seconds kDrainTime{
         1};  // for what a client still sends after the last answer
-    static constexpr int kStreamSendBuffer = 256 * 1024;  // bytes: what the kernel keeps of old events
+    // What the kernel may keep for a client (it takes twice that): by default it would be megabytes.
+    static constexpr int kSendBuffer = 128 * 1024;
 
     // `address` is that of a TCP client, or empty.
     Connection(Socket&& socket, ConnectionShared& shared, std::string address, std::string localAddress);
@@ -59,6 +62,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
     Connection(const Connection&) = delete;
 
     void start();
+    // Closes after one answer, and becomes no stream. To be called before start().
+    void takeOneRequest() {
+        oneRequest_ = true;
+    }
     // Answers 503 at once and closes, for a client beyond the limits.
     void refuse();
     // Closes when its time is over, and sends a stream's comments. About four times a second.
@@ -73,6 +80,14 @@ class Connection : public std::enable_shared_from_this<Connection> {
     const std::string& address() const {
         return address_;
     }
+    // Whether it was answered, is open for another request, and nothing of one came yet.
+    bool isKept() const {
+        boost::system::error_code error;
+        return phase_ == Phase::kIdle && exchange_ > 0 && socket_.available(error) == 0 && !error;
+    }
+    SteadyTime idleSince() const {
+        return idleSince_;
+    }
 
   private:
     void waitForRequest(std::chrono::seconds time);
@@ -80,6 +95,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void admitBody();
     bool takePlaylist();
     void givePlaylistBack();
+    void parseHead();
     void readBody();
     void handleRequest();
     void answerProblem(Response&& response);
@@ -91,6 +107,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void becomeStream();
     void nextEvent();
     void watchStream();
+    void readingFailed(const boost::system::error_code& error);
     void setDeadline(std::chrono::seconds time);
 
     enum class Phase : uint8_t { kIdle, kReading, kHandling, kWriting, kStreaming, kDraining, kClosed };
@@ -106,9 +123,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
     boost::beast::flat_buffer buffer_;
     std::optional<HttpParser> parser_;
     Request request_;
+    std::optional<Router::Admission> admission_;  // of request_, until it is handled
     uint64_t exchange_ = 0;  // number of the request: a late answer to an earlier one is dropped
     bool keepAlive_ = false;
     bool playlist_ = false;  // counts in shared_.playlists
+    bool oneRequest_ = false;
+    bool tooLate_ = false;  // the request was not whole in time
+    SteadyTime idleSince_;
 
     std::vector<std::shared_ptr<const std::string>> parts_;  // being written
     std::size_t sent_ = 0;                                   // bytes of them

@@ -6,6 +6,7 @@
 namespace station::handlers {
 
 // Reading.
+void access(Services& services, const Call& call, Reply&& reply);
 void status(Services& services, const Call& call, Reply&& reply);
 void channels(Services& services, const Call& call, Reply&& reply);
 void channel(Services& services, const Call& call, Reply&& reply);

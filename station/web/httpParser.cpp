@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/asio/buffer.hpp>
+#include <boost/beast/core/string.hpp>
 #include <boost/beast/http/error.hpp>
 
 #include "web/server.h"
@@ -50,6 +51,10 @@ Request toRequest(const HttpRequest& message) {
     request.hosts = message.count(http::field::host);
     request.host = header(message, http::field::host);
     request.http10 = message.version() < 11;
+    request.origins = message.count(http::field::origin);
+    request.origin = header(message, http::field::origin);
+    const auto fetchSite = message["Sec-Fetch-Site"];
+    request.fetchSite.assign(fetchSite.data(), fetchSite.size());
     request.authorization = header(message, http::field::authorization);
     request.contentType = header(message, http::field::content_type);
     request.ifNoneMatch = header(message, http::field::if_none_match);
@@ -61,6 +66,38 @@ Response bodyTooLarge(std::size_t limit) {
     return limit < Server::kPlaylistBytes
                ? problem(413, "A body may have at most 64 KiB; a playlist at /api/v1/import, 16 MiB")
                : problem(413, "A playlist may have at most 16 MiB");
+}
+
+Head inspectHead(std::string_view bytes) {
+    // The first of a request is a letter of its method. Another protocol's need not come to an empty line.
+    if (!bytes.empty() && (bytes.front() < 'A' || bytes.front() > 'z')) {
+        return {Head::State::kNoRequest, {}};
+    }
+    const std::size_t end = bytes.find("\r\n\r\n");
+    if (end == std::string_view::npos) {
+        return {bytes.size() > Server::kHeaderBytes ? Head::State::kNoRequest : Head::State::kPartial, {}};
+    }
+    const std::string_view head = bytes.substr(0, end);
+    for (std::size_t at = head.find("\r\n"); at != std::string_view::npos; at = head.find("\r\n", at + 2)) {
+        if (at + 2 < head.size() && (head[at + 2] == ' ' || head[at + 2] == '\t')) {
+            return {Head::State::kWhole, problem(400, "A header may not go on in the next line")};
+        }
+    }
+    return {Head::State::kWhole, {}};
+}
+
+std::optional<Response> refuseFraming(const HttpRequest& message) {
+    const std::size_t count = message.count(http::field::transfer_encoding);
+    if (count == 0) {
+        return std::nullopt;
+    }
+    if (message.version() < 11) {
+        return problem(400, "HTTP/1.0 knows no Transfer-Encoding", "Transfer-Encoding");
+    }
+    if (count > 1 || !boost::beast::iequals(message[http::field::transfer_encoding], "chunked")) {
+        return problem(501, "Transfer-Encoding takes chunked alone", "Transfer-Encoding");
+    }
+    return std::nullopt;
 }
 
 std::optional<Response> refuseMessage(const boost::system::error_code& error) {
@@ -79,6 +116,10 @@ std::optional<Response> refuseMessage(const boost::system::error_code& error) {
 }
 
 std::variant<Request, Response> parseRequest(std::string_view bytes) {
+    Head head = inspectHead(bytes);
+    if (head.refusal) {
+        return std::move(*head.refusal);
+    }
     HttpParser parser;
     setLimits(parser);
     parser.eager(true);
@@ -86,6 +127,10 @@ std::variant<Request, Response> parseRequest(std::string_view bytes) {
     while (!parser.is_done() && !bytes.empty()) {
         const std::size_t used = parser.put(boost::asio::buffer(bytes.data(), bytes.size()), error);
         bytes.remove_prefix(std::min(used, bytes.size()));
+        auto refused = parser.is_header_done() ? refuseFraming(parser.get()) : std::nullopt;
+        if (refused) {
+            return std::move(*refused);
+        }
         if (error || used == 0) {
             break;
         }

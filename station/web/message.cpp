@@ -25,7 +25,7 @@ constexpr std::string_view kAlways =
     "form-action 'none'; frame-ancestors 'none'\r\n"
     "X-Content-Type-Options: nosniff\r\n"
     "X-Frame-Options: DENY\r\n"
-    "Referrer-Policy: no-referrer\r\n"
+    "Referrer-Policy: same-origin\r\n"
     "Cross-Origin-Opener-Policy: same-origin\r\n"
     "Cross-Origin-Resource-Policy: same-origin\r\n";
 
@@ -39,6 +39,7 @@ constexpr std::array kStatusTexts = std::to_array<StatusText>({
     {204, "No Content"},
     {304, "Not Modified"},
     {400, "Bad Request"},
+    {401, "Unauthorized"},
     {403, "Forbidden"},
     {404, "Not Found"},
     {405, "Method Not Allowed"},
@@ -48,7 +49,9 @@ constexpr std::array kStatusTexts = std::to_array<StatusText>({
     {415, "Unsupported Media Type"},
     {417, "Expectation Failed"},
     {422, "Unprocessable Content"},
+    {429, "Too Many Requests"},
     {431, "Request Header Fields Too Large"},
+    {501, "Not Implemented"},
     {503, "Service Unavailable"},
 });
 
@@ -135,7 +138,9 @@ Response problem(int status, std::string_view detail, std::string_view field) {
     response.status = status;
     response.contentType = "application/problem+json";
     response.body = std::make_shared<Payload>(std::move(text));
-    if (status == 503) {
+    if (status == 401) {
+        response.headers.emplace_back("WWW-Authenticate", "Bearer");
+    } else if (status == 503) {
         response.headers.emplace_back("Retry-After", "1");
     }
     return response;

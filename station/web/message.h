@@ -20,7 +20,11 @@ struct Request {
     std::size_t hosts = 0;     // how many Host headers came
     bool http10 = false;       // which may come without a Host
     std::string localAddress;  // that the connection was made to; empty on the Unix socket
-    bool unixSocket = false;   // who may open it may change
+    std::string address;       // where it comes from; empty on the Unix socket
+    bool unixSocket = false;
+    std::string origin;       // that a browser names (RFC 6454)
+    std::size_t origins = 0;  // how many Origin headers came
+    std::string fetchSite;    // Sec-Fetch-Site (Fetch Metadata): what a browser says of where it comes from
     std::string authorization;
     std::string contentType;
     std::string ifNoneMatch;

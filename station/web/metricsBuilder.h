@@ -13,7 +13,7 @@ namespace station {
 
 class MetricsBuilder {
   public:
-    static constexpr std::size_t kWaiting = Server::kConnections;  // scrapes; beyond, they are refused
+    static constexpr std::size_t kWaiting = 64;  // scrapes; beyond, they are refused
     // How long a payload is kept for others who scrape the same state.
     static constexpr std::chrono::seconds kKept{2};
 

@@ -96,6 +96,13 @@ Response statusResponse(Services& services, const StationState& state) {
     return cached(services, "status", {state.number}, [&] { return statusJson(state); });
 }
 
+void access(Services&, const Call& call, Reply&& reply) {
+    using enum Access::Right;
+    reply(jsonResponse(call.changes == kGranted      ? R"({"changes":"allowed"})"
+                       : call.changes == kNeedsToken ? R"({"changes":"token"})"
+                                                     : R"({"changes":"refused"})"));
+}
+
 void status(Services& services, const Call& call, Reply&& reply) {
     reply(statusResponse(services, *call.state));
 }

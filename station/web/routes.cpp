@@ -16,6 +16,7 @@ using enum Route::Needs;
 
 // clang-format off
 constexpr std::array kRoutes = std::to_array<Route>({
+    {kGet, "/api/v1/access", kToken, kNothing, kNoState, "", handlers::access},
     {kGet, "/api/v1/status", kRead, kNothing, kState, "", handlers::status},
     {kGet, "/api/v1/channels", kRead, kNothing, kState, "", handlers::channels},
     {kGet, "/api/v1/channels/{group}", kRead, kNothing, kState, "", handlers::channel},
@@ -117,15 +118,16 @@ std::string allowedMethods(const Matched& matched) {
 
 // Nothing when the body is of a type that the route takes.
 std::optional<Response> refuseType(const Route& route, const Request& request) {
-    if (route.takes == kNothing || request.body.empty()) {
+    if (route.takes == kNothing) {
         return std::nullopt;
     }
+    // Without a body too: a form of somebody else's page can send none of these types.
     std::string type = request.contentType.substr(0, request.contentType.find(';'));
     std::ranges::transform(type, type.begin(),
                            [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c; });
     type.erase(type.find_last_not_of(" \t") + 1);
     if (route.takes == kJson && type != "application/json") {
-        return problem(415, "The body has to be application/json", "Content-Type");
+        return problem(415, "Content-Type has to be application/json, without a body too", "Content-Type");
     }
     if (route.takes == kPlaylist && std::ranges::find(kPlaylistTypes, type) == kPlaylistTypes.end()) {
         return problem(415, "The body has to be a playlist: text/plain or audio/x-mpegurl", "Content-Type");
@@ -197,12 +199,61 @@ void Router::setAccess(Access access) {
     access_ = std::move(access);
 }
 
-std::variant<Router::Admitted, Response> Router::findRoute(const Request& request) const {
+Access::Right Router::lookAtToken(const Request& request, std::optional<Response>& refused) {
+    const auto now = std::chrono::steady_clock::now();
+    if (const auto wait = guard_.wait(request.address, now);
+        wait.count() > 0 && !request.authorization.empty()) {
+        refused = problem(429,
+                          "Too many wrong tokens came from this address; try again in " +
+                              std::to_string(wait.count()) + " s",
+                          "Authorization");
+        refused->headers.emplace_back("Retry-After", std::to_string(wait.count()));
+        return Access::Right::kNeedsToken;
+    }
+    const Access::Right right = access_.right(request);
+    if (right == Access::Right::kWrongToken) {
+        guard_.wrong(request.address, now);
+        ++services_.wrongTokens;
+        refused = problem(401, "This is not the token of token_file", "Authorization");
+    }
+    return right;
+}
+
+std::optional<Response> Router::refuseChange(const Request& request, std::string_view host) {
+    if (!access_.sameSite(request, host)) {
+        return problem(403,
+                       "The browser sends this for a page of another site; behind a proxy, have it pass Host "
+                       "on, or add the name that the browser shows to allowed_hosts",
+                       "Origin");
+    }
+    std::optional<Response> refused;
+    switch (lookAtToken(request, refused)) {
+        case Access::Right::kNeedsToken:
+            if (!refused) {
+                refused = problem(401, "A change needs the token of token_file: Authorization: Bearer TOKEN",
+                                  "Authorization");
+            }
+            break;
+        case Access::Right::kNever:
+            refused = problem(403,
+                              "This station takes no changes over the network: set token_file, or use the "
+                              "Unix socket",
+                              "Authorization");
+            break;
+        case Access::Right::kGranted:
+        case Access::Right::kWrongToken:
+            break;
+    }
+    return refused;
+}
+
+std::variant<Router::Admitted, Response> Router::findRoute(const Request& request) {
     const auto target = splitTarget(request.target);
     if (!target || request.hosts > 1 || (request.hosts == 0 && !request.http10)) {
         return problem(400, target ? "The request needs one Host header" : "The target has to be a path");
     }
-    if (!access_.hostAllowed(request, target->authority.value_or(request.host))) {
+    const std::string_view host = target->authority.value_or(request.host);
+    if (!access_.hostAllowed(request, host)) {
         return problem(403, "This server has another name: use its address, or add the name to allowed_hosts",
                        "Host");
     }
@@ -221,28 +272,31 @@ std::variant<Router::Admitted, Response> Router::findRoute(const Request& reques
         return response;
     }
     const Route& route = **found;
-    if (route.right == kChange && !access_.mayChange(request)) {
-        return problem(403, "A change over TCP needs the token of token_file: Authorization: Bearer TOKEN",
-                       "Authorization");
+    std::optional<Response> refused;
+    Access::Right changes = Access::Right::kNeedsToken;
+    if (route.right == kChange) {
+        refused = refuseChange(request, host);
+    } else if (route.right == kToken) {
+        changes = lookAtToken(request, refused);
     }
-    return Admitted{&route, std::move(matched.wildcards), target->query};
+    if (refused) {
+        return std::move(*refused);
+    }
+    return Admitted{&route, std::move(matched.wildcards), target->query, changes};
 }
 
-Router::Admission Router::admit(const Request& head) const {
+Router::Admission Router::admit(const Request& head) {
     auto found = findRoute(head);
-    if (auto* refused = std::get_if<Response>(&found)) {
-        return {Server::kBodyBytes, std::move(*refused)};
-    }
-    const Route& route = *std::get<Admitted>(found).route;
-    return {route.takes == kPlaylist ? Server::kPlaylistBytes : Server::kBodyBytes, std::nullopt};
+    const auto* admitted = std::get_if<Admitted>(&found);
+    const bool playlist = admitted != nullptr && admitted->route->takes == kPlaylist;
+    return {playlist ? Server::kPlaylistBytes : Server::kBodyBytes, std::move(found)};
 }
 
-void Router::handle(const Request& request, Reply reply) {
-    auto found = findRoute(request);
-    if (auto* refused = std::get_if<Response>(&found)) {
+void Router::handle(const Request& request, Admission&& admission, Reply reply) {
+    if (auto* refused = std::get_if<Response>(&admission.found)) {
         return reply(std::move(*refused));
     }
-    const Admitted& admitted = std::get<Admitted>(found);
+    const Admitted& admitted = std::get<Admitted>(admission.found);
     const Route& route = *admitted.route;
     auto query = Query::parse(admitted.query);
     if (!query) {
@@ -254,11 +308,12 @@ void Router::handle(const Request& request, Reply reply) {
               .state = services_.station.state(),
               .group = {},
               .file = {},
-              .version = {}};
-    for (auto&& refused : {refuseQuery(route, call.query), takeWildcards(route, admitted.wildcards, call),
-                           refuseType(route, request)}) {
-        if (refused) {
-            return reply(Response(*refused));
+              .version = {},
+              .changes = admitted.changes};
+    for (auto&& wrong : {refuseQuery(route, call.query), takeWildcards(route, admitted.wildcards, call),
+                         refuseType(route, request)}) {
+        if (wrong) {
+            return reply(Response(*wrong));
         }
     }
     if (route.needs == kState && call.state == nullptr) {

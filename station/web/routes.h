@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <functional>
 #include <map>
 #include <span>
@@ -16,6 +17,7 @@
 #include "web/metricsBuilder.h"
 #include "web/server.h"
 #include "web/staticFiles.h"
+#include "web/tokenGuard.h"
 
 namespace station {
 
@@ -46,6 +48,7 @@ struct Services {
     // Runs something on the I/O thread, from any thread; drops it once the server ends.
     std::function<void(std::function<void()>)> post;
     MetricsBuilder* metrics = nullptr;
+    std::atomic<uint64_t>& wrongTokens;
     PayloadCache cache{};
 };
 
@@ -58,6 +61,7 @@ struct Call {
     int64_t id = 0;              // of {id}, above 0
     std::string file;            // of {file}
     std::string version;         // of {version}
+    Access::Right changes{};     // what the request might change
 };
 
 // What stands in place of the names in braces of a route, in their order.
@@ -66,7 +70,7 @@ using Wildcards = std::vector<std::string_view>;
 using Handler = void (*)(Services& services, const Call& call, Reply&& reply);
 
 struct Route {
-    enum class Right : uint8_t { kRead, kChange };
+    enum class Right : uint8_t { kRead, kToken, kChange };  // kToken reads, and looks at a token
     enum class Takes : uint8_t { kNothing, kJson, kPlaylist };
     enum class Needs : uint8_t { kState, kNoState };  // without a state it answers 503
     Method method;
@@ -85,27 +89,34 @@ class Router {
   public:
     Router(Services services, Access access);
 
-    // How many bytes of body may follow this head, and the answer that it gets whatever they are.
-    struct Admission {
-        std::size_t bodyLimit;
-        std::optional<Response> refusal;
-    };
-    Admission admit(const Request& head) const;
-    // May reply before it returns.
-    void handle(const Request& request, Reply reply);
-    void setAccess(Access access);
-
-  private:
     struct Admitted {
         const Route* route;
         Wildcards wildcards;
         std::string_view query;
+        Access::Right changes;  // what the token allows, where the route asks
     };
-    // What a head says alone: host, path, method and right.
-    std::variant<Admitted, Response> findRoute(const Request& head) const;
+    // What a head says alone: host, path, method and right, or the answer that it gets whatever body follows.
+    // It points into the head's target.
+    struct Admission {
+        std::size_t bodyLimit;
+        std::variant<Admitted, Response> found;
+    };
+    // To be asked once a request: it counts wrong tokens.
+    Admission admit(const Request& head);
+    // May reply before it returns.
+    void handle(const Request& request, Admission&& admission, Reply reply);
+    void setAccess(Access access);
+
+  private:
+    std::variant<Admitted, Response> findRoute(const Request& head);
+    // What the token allows. Sets `refused` when it is wrong, or is not looked at since too many were.
+    Access::Right lookAtToken(const Request& request, std::optional<Response>& refused);
+    // Nothing when the request may change something.
+    std::optional<Response> refuseChange(const Request& request, std::string_view host);
 
     Services services_;
     Access access_;
+    TokenGuard guard_;
 };
 
 }  // namespace station

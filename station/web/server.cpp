@@ -57,6 +57,17 @@ std::string addressText(const asio::ip::address& address) {
                   : address.to_string();
 }
 
+// What limits count as one address: of IPv6 the network, since a host has as many addresses in it as it
+// likes.
+std::string networkText(const asio::ip::address& address) {
+    if (!address.is_v6() || address.to_v6().is_v4_mapped()) {
+        return addressText(address);
+    }
+    auto bytes = address.to_v6().to_bytes();
+    std::fill(bytes.begin() + bytes.size() / 2, bytes.end(), 0);
+    return asio::ip::make_address_v6(bytes).to_string() + "/64";
+}
+
 // ADDRESS:PORT or [IPv6]:PORT.
 tcp::endpoint parseEndpoint(const std::string& listen) {
     const std::size_t colon = listen.rfind(':');
@@ -80,7 +91,8 @@ struct Server::Implementation {
         : station(stationInterface),
           files(serverOptions.page, serverOptions.dygraphs),
           socketPath(serverOptions.socket),
-          router(services(), Access(serverOptions.token, serverOptions.allowedHosts)) {
+          access(serverOptions.access),
+          router(services(), Access(access)) {
         inbox->context = &context;
         if (!serverOptions.listen.empty()) {
             listenTcp(serverOptions.listen);
@@ -113,6 +125,7 @@ struct Server::Implementation {
                 .statistics = [this] { return statistics(); },
                 .post = [box = inbox](std::function<void()> work) { box->post(std::move(work)); },
                 .metrics = &metrics,
+                .wrongTokens = counters.wrongTokens,
                 .cache = {}};
     }
 
@@ -199,7 +212,7 @@ struct Server::Implementation {
                 return;  // out of descriptors, most likely: again at the next tick
             }
             ErrorCode gone;
-            const auto remote = addressText(socket.remote_endpoint(gone).address());
+            const auto remote = networkText(socket.remote_endpoint(gone).address());
             const auto local = addressText(socket.local_endpoint(gone).address());
             socket.set_option(tcp::no_delay(true), gone);
             if (!gone) {
@@ -223,12 +236,15 @@ struct Server::Implementation {
     void add(Socket&& socket, const std::string& address, const std::string& localAddress) {
         ErrorCode ignored;
         socket.non_blocking(true, ignored);
+        socket.set_option(asio::socket_base::send_buffer_size(Connection::kSendBuffer), ignored);
         auto connection = std::make_shared<Connection>(std::move(socket), shared, address, localAddress);
         dropClosed();
-        const auto ofAddress = std::ranges::count_if(
-            connections, [&](const auto& other) { return !address.empty() && other->address() == address; });
-        if (connections.size() >= kConnections ||
-            static_cast<std::size_t>(ofAddress) >= kConnectionsPerAddress) {
+        const bool local = address.empty();
+        const bool place = hasPlace(address);
+        const bool kept = !place && local && connections.size() < access.connections + kSocketPlaces;
+        if (kept) {
+            connection->takeOneRequest();
+        } else if (!place) {
             ++counters.refused;
             if (refusing.size() < kRefusing) {
                 connection->refuse();
@@ -239,6 +255,37 @@ struct Server::Implementation {
         connection->start();
         connections.push_back(std::move(connection));
         counters.connections = connections.size();
+    }
+
+    // Whether there is a place for one more, once the connection that has been idle for longest has made
+    // room.
+    bool hasPlace(const std::string& address) {
+        const auto isOfAddress = [&](const auto& other) { return other->address() == address; };
+        const auto ofAddress = static_cast<std::size_t>(std::ranges::count_if(connections, isOfAddress));
+        if (!address.empty() && ofAddress >= access.connectionsPerAddress && !makeRoom(isOfAddress)) {
+            return false;
+        }
+        return connections.size() < access.connections || makeRoom([](const auto&) { return true; });
+    }
+
+    // Of the connections that wait for another request, closes the one that has waited longest. Browsers keep
+    // some, and open new ones without a word when they need them.
+    template <typename Which>
+    bool makeRoom(Which which) {
+        std::shared_ptr<Connection> longest;
+        for (const auto& connection : connections) {
+            if (which(connection) && connection->isKept() &&
+                (longest == nullptr || connection->idleSince() < longest->idleSince())) {
+                longest = connection;
+            }
+        }
+        if (longest == nullptr) {
+            return false;
+        }
+        longest->close();
+        ++counters.madeRoom;
+        dropClosed();
+        return true;
     }
 
     void dropClosed() {
@@ -303,6 +350,8 @@ struct Server::Implementation {
                 .streams = counters.streams,
                 .requests = counters.requests,
                 .refused = counters.refused,
+                .madeRoom = counters.madeRoom,
+                .wrongTokens = counters.wrongTokens,
                 .malformed = counters.malformed,
                 .slowClosed = counters.slowClosed};
     }
@@ -311,6 +360,7 @@ struct Server::Implementation {
     const StaticFiles files;
     const std::filesystem::path socketPath;
     const std::shared_ptr<Inbox> inbox = std::make_shared<Inbox>();
+    ServerAccess access;
     ServerCounters counters;
     MetricsBuilder metrics;
     Router router;
@@ -327,7 +377,7 @@ struct Server::Implementation {
     bool tcpWaits = false;  // accepting failed and is tried again
     bool unixWaits = false;
     uint16_t tcpPort = 0;
-    std::list<std::shared_ptr<Connection>> connections;  // at most kConnections
+    std::list<std::shared_ptr<Connection>> connections;  // at most access.connections and kSocketPlaces
     std::list<std::shared_ptr<Connection>> refusing;     // at most kRefusing
     std::thread thread;
 };
@@ -346,9 +396,10 @@ void Server::statePublished() {
     }
 }
 
-void Server::setAccess(const std::string& token, const std::vector<std::string>& allowedHosts) {
-    implementation_->inbox->post([server = implementation_.get(), access = Access(token, allowedHosts)] {
-        server->router.setAccess(access);
+void Server::setAccess(const ServerAccess& access) {
+    implementation_->inbox->post([server = implementation_.get(), access] {
+        server->access = access;
+        server->router.setAccess(Access(access));
     });
 }
 

@@ -20,13 +20,15 @@ void require(bool kept) {
 
 struct Room {
     FakeStation station{2};
+    std::atomic<uint64_t> wrongTokens{0};
     StaticFiles files{"/nonexistent", "/nonexistent"};
     Router router{{.station = station,
                    .files = files,
                    .statistics = [] { return ServerStatistics{}; },
                    .post = [](const std::function<void()>& work) { work(); },
+                   .wrongTokens = wrongTokens,
                    .cache = {}},
-                  Access("token", {"allowed.example"})};
+                  Access({.token = "token", .allowedHosts = {"allowed.example"}})};
     Room() {
         station.inlineAnswers = true;
     }
@@ -62,7 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     request.unixSocket = unixSocket;
     request.localAddress = unixSocket ? "" : "192.0.2.1";
     int answers = 0;
-    room->router.handle(request, [&](Response&& response) {
+    room->router.handle(request, room->router.admit(request), [&](Response&& response) {
         ++answers;
         check(request, std::move(response));
     });

@@ -14,6 +14,7 @@
 #include "support/fakeStation.h"
 #include "web/eventStream.h"
 #include "web/server.h"
+#include "web/tokenGuard.h"
 
 namespace station {
 namespace {
@@ -131,8 +132,7 @@ class StationWeb : public testing::Test {
         ServerOptions options;
         options.listen = "127.0.0.1:0";
         options.socket = directory / "station.sock";
-        options.token = kToken;
-        options.allowedHosts = {"probe1.example.net"};
+        options.access = access;
         options.page = directory / "page";
         server = std::make_unique<Server>(options, station);
     }
@@ -144,11 +144,20 @@ class StationWeb : public testing::Test {
 
     Directory directory;
     FakeStation station{3};
+    ServerAccess access{.token = std::string(kToken),
+                        .allowedHosts = {"probe1.example.net", "wall.example.net:8443"},
+                        .connections = 20,
+                        .connectionsPerAddress = 8};
     std::unique_ptr<Server> server;
 };
 
 std::string get(std::string_view target, std::string_view headers = "") {
     return "GET " + std::string(target) + " HTTP/1.1\r\nHost: localhost\r\n" + std::string(headers) + "\r\n";
+}
+
+std::string post(std::string_view target, std::string_view headers) {
+    return "POST " + std::string(target) + " HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer " +
+           std::string(kToken) + "\r\n" + std::string(headers) + "\r\n";
 }
 
 std::string change(std::string_view line, std::string_view body, std::string_view headers = "") {
@@ -219,15 +228,28 @@ TEST_F(StationWeb, AnswersRequestsAndRefusesWhatIsNone) {
         {"\x16\x03\x01\x02\x01\xfc\x03\x03 hello\r\n\r\n", 400, "Connection: close"},
         {"GET / HTTP/1.1\r\nHost: localhost\r\nno colon\r\n\r\n", 400, "Connection: close"},
         {"POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: -1\r\n\r\n", 400, "Connection: close"},
+        // Where another server might see a request in the body, or a header where this one sees none.
+        {change("PUT " + kGroup, "GET /healthz", "Transfer-Encoding: gzip\r\n"), 400, "Connection: close"},
+        {get("/", "Transfer-Encoding: gzip, chunked\r\n"), 501, "Connection: close"},
+        {get("/", "Transfer-Encoding: gzip\r\n"), 501, "Connection: close"},
+        {get("/", "Transfer-Encoding: identity\r\n"), 501, "Connection: close"},
+        {get("/", "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n"), 400, "Connection: close"},
+        {"GET / HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", 400, "Connection: close"},
+        {get("/", "X: y\r\n Host: evil.example\r\n"), 400, "Connection: close"},
+        {get("/", "X: y\r\n\tz\r\n"), 400, "Connection: close"},
+        {get("/healthz", "Transfer-Encoding: Chunked\r\n") + "0\r\n\r\n", 200, "ok"},
         {get("/", "X: " + std::string(9000, 'x') + "\r\n"), 431, "8 KiB"},
         {change("PUT " + kGroup, std::string(65537, ' ')), 413, "64 KiB"},
         {get("/healthz", "Expect: much\r\nContent-Length: 1\r\n"), 417, "Expect"},
         // Rights.
         {"GET /healthz HTTP/1.1\r\nHost: evil.example\r\n\r\n", 403, "\"field\":\"Host\""},
         {"GET http://evil.example/healthz HTTP/1.1\r\nHost: localhost\r\n\r\n", 403, "\"field\":\"Host\""},
-        {"PUT " + kGroup + " HTTP/1.1\r\nHost: localhost\r\n\r\n", 403, "\"field\":\"Authorization\""},
-        {"POST /api/v1/clear HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer a token\r\n\r\n", 403,
-         "token"},
+        {"PUT " + kGroup + " HTTP/1.1\r\nHost: localhost\r\n\r\n", 401, "\"field\":\"Authorization\""},
+        {"POST /api/v1/clear HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer a token\r\n\r\n", 401,
+         "WWW-Authenticate: Bearer"},
+        {get("/api/v1/access"), 200, R"({"changes":"token"})"},
+        {change("GET /api/v1/access", ""), 200, R"({"changes":"allowed"})"},
+        {get("/api/v1/access", "Authorization: Bearer a token\r\n"), 401, "\"field\":\"Authorization\""},
         // Changes.
         {change("PUT " + kGroup, R"({"name":"News"})"), 200, R"("name":"News")"},
         {change("PUT /api/v1/channels/239.1.7.7", "{}"), 201, R"("bitRate":null)"},
@@ -248,6 +270,10 @@ TEST_F(StationWeb, AnswersRequestsAndRefusesWhatIsNone) {
         {change("POST /api/v1/maintenance", R"({"until":"2001-01-01T00:00:00Z"})"), 422,
          R"("field":"until")"},
         {change("POST /api/v1/import", "#EXTM3U"), 415, R"("field":"Content-Type")"},
+        {post("/api/v1/clear", ""), 415, R"("field":"Content-Type")"},
+        {post("/api/v1/clear", "Content-Type: text/plain\r\n"), 415, R"("field":"Content-Type")"},
+        {post("/api/v1/clear", "Content-Type: application/json; charset=utf-8\r\n"), 200, "igmpLatencyMs"},
+        {post("/api/v1/import", ""), 415, R"("field":"Content-Type")"},
         {change("POST /api/v1/alarms/99999999999999999999/acknowledge", "{}"), 422, R"("field":"id")"},
         {change("POST /api/v1/alarms/9/acknowledge", "{}"), 404, "No such alarm"},
     };
@@ -280,7 +306,7 @@ TEST_F(StationWeb, TakesALargePlaylistFromWhoMayChangeAlone) {
     const std::string length = "Content-Length: " + std::to_string(playlist.size());
     EXPECT_THAT(ask(head("/api/v1/import", length, kToken) + playlist), StartsWith("HTTP/1.1 200 "));
     // Refused by their heads, before a byte of the body comes.
-    EXPECT_THAT(ask(head("/api/v1/import", length, "wrong")), StartsWith("HTTP/1.1 403 "));
+    EXPECT_THAT(ask(head("/api/v1/import", length, "wrong")), StartsWith("HTTP/1.1 401 "));
     EXPECT_THAT(ask(head("/api/v1/import", "Content-Length: 16777217", kToken)),
                 AllOf(StartsWith("HTTP/1.1 413 "), HasSubstr("16 MiB")));
     EXPECT_THAT(ask(head("/api/v1/clear", length, kToken)),
@@ -321,6 +347,87 @@ TEST_F(StationWeb, NamesThePagesFilesByTheirVersion) {
     EXPECT_THAT(ask(get("/page/" + first + "/start.js")), StartsWith("HTTP/1.1 404 "));
 }
 
+TEST_F(StationWeb, TakesNoChangesOfOtherSites) {
+    struct Case {
+        const char* headers;  // that the browser sends, and Host
+        bool tcp;
+        bool socket;
+    };
+    const Case cases[] = {
+        {"Host: localhost\r\n", true, true},  // no browser
+        {"Host: localhost\r\nSec-Fetch-Site: same-origin\r\nOrigin: https://wall.example\r\n", true, true},
+        {"Host: localhost\r\nSec-Fetch-Site: none\r\n", true, true},
+        {"Host: localhost\r\nSec-Fetch-Site: cross-site\r\nOrigin: http://localhost\r\n", false, false},
+        {"Host: localhost\r\nSec-Fetch-Site: same-site\r\n", false, false},
+        {"Host: localhost\r\nSec-Fetch-Site: \r\nOrigin: http://evil.example\r\n", false, false},
+        {"Host: localhost:9427\r\nOrigin: http://localhost:9427\r\n", true, true},
+        {"Host: localhost:9427\r\nOrigin: http://localhost:3000\r\n", false, false},
+        {"Host: localhost:9427\r\nOrigin: http://localhost\r\n", false, false},
+        {"Host: localhost\r\nOrigin: http://LOCALHOST:80\r\n", true, true},
+        {"Host: [::1]:9427\r\nOrigin: http://[::1]:9427\r\n", true, true},
+        {"Host: localhost\r\nOrigin: null\r\n", false, false},
+        {"Host: localhost\r\nOrigin: \r\n", false, false},
+        {"Host: localhost\r\nOrigin: http://localhost\r\nOrigin: http://evil.example\r\n", false, false},
+        {"Host: localhost\r\nOrigin: http://evil.example\r\nX-Forwarded-Host: evil.example\r\n", false,
+         false},
+        // A proxy that passes Host on, and one that does not.
+        {"Host: 127.0.0.1\r\nOrigin: https://127.0.0.1\r\n", true, true},
+        {"Host: 10.1.2.3:8080\r\nOrigin: http://10.1.2.3:8080\r\n", false, true},
+        {"Host: probe1.example.net\r\nOrigin: http://probe1.example.net\r\n", true, true},
+        {"Host: localhost\r\nOrigin: https://probe1.example.net:444\r\n", true, true},
+        {"Host: localhost\r\nOrigin: https://wall.example.net:8443\r\n", true, true},
+        {"Host: localhost\r\nOrigin: https://wall.example.net\r\n", false, false},
+        // Somebody else's name that was pointed at the proxy.
+        {"Host: evil.example\r\nOrigin: http://evil.example\r\n", false, false},
+    };
+    for (const Case& one : cases) {
+        const std::string request = "POST /api/v1/clear HTTP/1.1\r\nContent-Type: application/json\r\n" +
+                                    std::string(one.headers) + "Authorization: Bearer " +
+                                    std::string(kToken) + "\r\n\r\n";
+        Client local(directory / "station.sock");
+        local.send(request);
+        EXPECT_THAT(ask(request), StartsWith(one.tcp ? "HTTP/1.1 200 " : "HTTP/1.1 403 ")) << one.headers;
+        EXPECT_THAT(local.answer(), StartsWith(one.socket ? "HTTP/1.1 200 " : "HTTP/1.1 403 "))
+            << one.headers;
+    }
+}
+
+TEST_F(StationWeb, SlowsDownWhoTriesTokens) {
+    const std::string wrong = get("/api/v1/access", "Authorization: Bearer guess\r\n");
+    for (int i = 0; i < TokenGuard::kAtOnce; ++i) {
+        EXPECT_THAT(ask(wrong), StartsWith("HTTP/1.1 401 "));
+    }
+    EXPECT_THAT(ask(wrong), AllOf(StartsWith("HTTP/1.1 429 "), HasSubstr("Retry-After: 1\r\n")));
+    EXPECT_THAT(ask(change("POST /api/v1/clear", "")), StartsWith("HTTP/1.1 429 ")) << "or it were no bound";
+    EXPECT_THAT(ask(get("/api/v1/access")), StartsWith("HTTP/1.1 200 "));
+    Client elsewhere(server->port(), "127.0.0.2");
+    elsewhere.send(change("POST /api/v1/clear", ""));
+    EXPECT_THAT(elsewhere.answer(), StartsWith("HTTP/1.1 200 "));
+    EXPECT_EQ(server->statistics().wrongTokens, static_cast<uint64_t>(TokenGuard::kAtOnce));
+}
+
+TEST(StationTokenGuard, BoundsGuessesAndItsMemory) {
+    TokenGuard guard;
+    SteadyTime now{};
+    int looked = 0;
+    for (int tries = 0; tries < 6000; ++tries, now += std::chrono::milliseconds(10)) {
+        if (guard.wait("10.0.0.1", now).count() == 0) {
+            guard.wrong("10.0.0.1", now);
+            ++looked;
+        }
+    }
+    EXPECT_LE(looked, TokenGuard::kAtOnce + 60) << "in a minute";
+    now += seconds(60);
+    EXPECT_EQ(guard.wait("10.0.0.1", now), seconds(0));
+    for (int i = 0; i < TokenGuard::kAtOnce; ++i) {
+        guard.wrong("10.0.0.1", now);
+    }
+    for (std::size_t i = 0; i < 2 * TokenGuard::kAddresses; ++i) {
+        guard.wrong("other " + std::to_string(i), now);
+    }
+    EXPECT_EQ(guard.wait("10.0.0.1", now), seconds(1)) << "who waits longest is forgotten last";
+}
+
 TEST_F(StationWeb, TakesRequestsOneBehindTheOtherOnOneConnection) {
     Client client(server->port());
     client.send(get("/healthz") + change("PUT /api/v1/channels/239.1.0.2", R"({"name":"One"})") +
@@ -340,43 +447,81 @@ TEST_F(StationWeb, LetsWhoMayOpenTheSocketChange) {
     Client client(directory / "station.sock");
     client.send("DELETE /api/v1/channels/239.1.0.1 HTTP/1.1\r\nHost: whatever\r\n\r\n");
     EXPECT_THAT(client.answer(), StartsWith("HTTP/1.1 200 "));
+    client.send(get("/api/v1/access"));
+    EXPECT_THAT(client.answer(), HasSubstr(R"({"changes":"allowed"})"));
+    access.socketToken = true;
+    server->setAccess(access);
+    client.send("DELETE /api/v1/channels/239.1.0.1 HTTP/1.1\r\nHost: whatever\r\n\r\n");
+    EXPECT_THAT(client.answer(), StartsWith("HTTP/1.1 401 "));
+    client.send(change("DELETE /api/v1/channels/239.1.0.1", ""));
+    EXPECT_THAT(client.answer(), StartsWith("HTTP/1.1 200 "));
     ServerOptions second;
     second.socket = directory / "station.sock";
     EXPECT_THROW(Server(second, station), std::runtime_error)
         << "the socket of a station that runs is left alone";
 
-    server->setAccess("", {});
+    server->setAccess({});
     EXPECT_THAT(ask(change("POST /api/v1/clear", "")), StartsWith("HTTP/1.1 403 "))
         << "without a token, none is right";
+    EXPECT_THAT(ask(get("/api/v1/access")), HasSubstr(R"({"changes":"refused"})"));
     server.reset();
     EXPECT_FALSE(std::filesystem::exists(directory / "station.sock"));
 }
 
 TEST_F(StationWeb, BoundsConnections) {
+    const auto openStream = [&](const char* from) {
+        Client client(server->port(), from);
+        client.send(get("/api/v1/stream"));
+        EXPECT_THAT(client.answer(false), StartsWith("HTTP/1.1 200 "));
+        return client;
+    };
     std::vector<Client> clients;
-    for (std::size_t i = 0; i < Server::kConnectionsPerAddress; ++i) {
-        clients.emplace_back(server->port());
-        clients.back().send(get("/healthz"));
-        EXPECT_THAT(clients.back().answer(), StartsWith("HTTP/1.1 200 "));
+    for (std::size_t i = 0; i < access.connectionsPerAddress; ++i) {
+        clients.push_back(openStream("127.0.0.1"));
     }
     EXPECT_THAT(ask(get("/healthz")), AllOf(StartsWith("HTTP/1.1 503 "), HasSubstr("Retry-After")));
-    for (int host = 2; clients.size() < Server::kConnections; ++host) {
-        for (std::size_t i = 0; i < Server::kConnectionsPerAddress; ++i) {
-            clients.emplace_back(server->port(), ("127.0.0." + std::to_string(host)).c_str());
+    for (int host = 2; clients.size() < access.connections; ++host) {
+        for (std::size_t i = 0; i < 6; ++i) {
+            clients.push_back(openStream(("127.0.0." + std::to_string(host)).c_str()));
         }
     }
-    clients.back().send(get("/healthz"));
-    EXPECT_THAT(clients.back().answer(), StartsWith("HTTP/1.1 200 "));
-    Client local(directory / "station.sock");
-    local.send(get("/healthz"));
-    EXPECT_THAT(local.answer(), StartsWith("HTTP/1.1 503 "));
-    EXPECT_EQ(server->statistics().connections, Server::kConnections);
+    Client beyond(server->port(), "127.0.0.9");
+    beyond.send(get("/healthz"));
+    EXPECT_THAT(beyond.answer(), StartsWith("HTTP/1.1 503 "));
+
+    // The socket's own places: for a request each, and not for streams.
+    std::vector<Client> local;
+    for (std::size_t i = 0; i < Server::kSocketPlaces; ++i) {
+        local.emplace_back(directory / "station.sock");
+    }
+    local[0].send(get("/api/v1/stream"));
+    EXPECT_THAT(local[0].answer(), StartsWith("HTTP/1.1 503 "));
+    local[1].send(get("/healthz"));
+    EXPECT_THAT(local[1].answer(), AllOf(StartsWith("HTTP/1.1 200 "), HasSubstr("Connection: close")));
+    EXPECT_EQ(server->statistics().connections, access.connections + Server::kSocketPlaces);
     clients.clear();
     std::string answer;
     for (int i = 0; i < 100 && !answer.starts_with("HTTP/1.1 200 "); ++i) {
         answer = ask(get("/healthz"));
     }
     EXPECT_THAT(answer, StartsWith("HTTP/1.1 200 ")) << "whose places are free again";
+}
+
+TEST_F(StationWeb, MakesRoomByClosingWhatIsKeptIdle) {
+    std::vector<Client> kept;
+    for (std::size_t i = 0; i < access.connectionsPerAddress; ++i) {
+        kept.emplace_back(server->port());
+        kept.back().send(get("/healthz"));
+        EXPECT_THAT(kept.back().answer(), StartsWith("HTTP/1.1 200 "));
+    }
+    kept[0].send(get("/healthz"));  // is no longer the one that was idle for longest
+    kept[0].answer();
+    EXPECT_THAT(ask(get("/healthz")), StartsWith("HTTP/1.1 200 "));
+    EXPECT_TRUE(kept[1].closesWithin(seconds(1)));
+    kept[0].send(get("/healthz"));
+    EXPECT_THAT(kept[0].answer(), StartsWith("HTTP/1.1 200 "));
+    EXPECT_EQ(server->statistics().madeRoom, 1U);
+    EXPECT_EQ(server->statistics().refused, 0U);
 }
 
 TEST_F(StationWeb, LetsSlowClientsGo) {
@@ -397,6 +542,9 @@ TEST_F(StationWeb, LetsSlowClientsGo) {
     }
     std::this_thread::sleep_for(seconds(3));
     head.send("TP/1.1\r\n");  // a byte now and then does not help
+    for (Client* client : {&head, &body}) {
+        EXPECT_THAT(client->answer(), AllOf(StartsWith("HTTP/1.1 408 "), HasSubstr("Connection: close")));
+    }
     for (Client* client : {&head, &body, &idle}) {
         EXPECT_TRUE(client->closesWithin(seconds(3)));
     }

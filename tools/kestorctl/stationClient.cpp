@@ -155,10 +155,11 @@ nlohmann::ordered_json StationClient::getJson(const std::string& path) {
 
 nlohmann::ordered_json StationClient::send(const char* method, const std::string& path,
                                            const nlohmann::ordered_json& body) {
-    const bool hasBody = !body.is_null();
-    const Response response =
-        call(method, path, hasBody ? "application/json" : "",
-             hasBody ? body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) : std::string());
+    // The station takes no POST without a type, since any web page can have a browser send one.
+    const bool hasType = !body.is_null() || std::string_view(method) == "POST";
+    const Response response = call(
+        method, path, hasType ? "application/json" : "",
+        body.is_null() ? std::string() : body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
     if (response.status / 100 != 2) {
         throw RefusedError(problemText(response.body, response.status), response.status);
     }
