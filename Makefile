@@ -12,45 +12,51 @@ PRESET ?= release
 SOAK_SECONDS ?= 600
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS ?= frames control parameterSet captureFile recordLine playlist configuration httpRequest
-PAGE_PACKAGES = chromium chromium-driver python3-selenium python3-zmq fonts-dejavu-core
+RUN_PROGRAMS = kestor kestor-station kestorctl
 SOURCES = git ls-files '*.cpp' '*.h' '*.js'
+# What is about to be compiled, and how long that takes (about 3 s a file and processor): PRESET, TARGETS
+announce = files=$$(ninja -C build/$(1) -n $(2) | grep -c ' Building ') || true; [ $$files -eq 0 ] || \
+  echo "compiling $(or $(2),everything): $$files files, about $$(((files * 3 / $(JOBS) + 9) / 10 * 10)) s with $(JOBS) at a time"
 
 .PHONY: help build run test verify soak bench format check-format tidy clean
 
 help:
 	@sed -n 's/^## //p' $(MAKEFILE_LIST)
 
-## build         the programs, in build/release/bin
-build: deps
-	cmake --preset release
+## build         the programs, tests and benchmarks, in build/release/bin
+build:
+	scripts/install-deps.sh run test
+	cmake --preset release -DBUILD_TESTING=ON
+	@$(call announce,release)
 	cmake --build --preset release -j $(JOBS)
 
-.PHONY: deps
-deps:
-	scripts/install-deps.sh
-
 ## run           probe, station and page; RUN_SECONDS limits the time, GROUPS or PLAYLIST name real groups
-run: build
+run:
+	scripts/install-deps.sh run
+	@[ -e build/release/build.ninja ] || cmake --preset release -DBUILD_TESTING=OFF --log-level=WARNING
+	@$(call announce,release,$(RUN_PROGRAMS))
+	cmake --build --preset release -j $(JOBS) --target $(RUN_PROGRAMS)
 	RUN_SECONDS="$(RUN_SECONDS)" PLAYLIST="$(PLAYLIST)" scripts/demo.sh $(GROUPS)
 
 ## test          unit and end-to-end tests, the page in Chromium, monitoring with its servers; PRESET=asan, tsan, debug
-test: deps
-	scripts/install-deps.sh $(PAGE_PACKAGES)
+test:
+	scripts/install-deps.sh run test page
 	scripts/install-servers.sh
-	cmake --preset $(PRESET)
+	cmake --preset $(PRESET) -DBUILD_TESTING=ON
+	@$(call announce,$(PRESET))
 	cmake --build --preset $(PRESET) -j $(JOBS)
 	ctest --test-dir build/$(PRESET) --output-on-failure $(CTEST_OPTIONS) -j $$((2 * $(JOBS))) # most of them mostly wait
 
 ## check-accessibility   every view of the page by axe-core (npm) in Chromium
 .PHONY: check-accessibility
 check-accessibility: build
-	scripts/install-deps.sh $(PAGE_PACKAGES)
+	scripts/install-deps.sh page
 	scripts/check-accessibility
 
 ## page-images   the pictures in docs/images, anew from the demonstration
 .PHONY: page-images
 page-images: build
-	scripts/install-deps.sh $(PAGE_PACKAGES)
+	scripts/install-deps.sh page
 	scripts/page-images
 
 ## verify        the live results against ffprobe and the sender
@@ -63,7 +69,8 @@ soak: build
 
 ## fuzz          libFuzzer for FUZZ_SECONDS (60) on each of FUZZ_TARGETS; what fails is in build/fuzz/found
 .PHONY: fuzz
-fuzz: deps
+fuzz:
+	scripts/install-deps.sh run test fuzz
 	cmake --preset fuzz
 	cmake --build --preset fuzz -j $(JOBS)
 	mkdir -p build/fuzz/found $(FUZZ_TARGETS:%=build/fuzz/corpus/%)
@@ -74,16 +81,20 @@ fuzz: deps
 
 ## bench         what the speed claims rest on
 bench: build
+	scripts/install-deps.sh bench
 	bench/run.sh
 
 ## format check-format   clang-format on all sources, or a look whether it would change any
-format: deps
+format:
+	scripts/install-deps.sh lint
 	$(SOURCES) | xargs clang-format -i
-check-format: deps
+check-format:
+	scripts/install-deps.sh lint
 	$(SOURCES) | xargs clang-format --dry-run -Werror
 
 ## tidy          clang-tidy on what is shipped, and on the benchmarks
 tidy: build
+	scripts/install-deps.sh lint
 	git ls-files 'libsarn/*.cpp' 'source/*.cpp' 'probelink/*.cpp' 'station/*.cpp' 'tools/*.cpp' 'bench/*.cpp' | \
 	  xargs -P $(JOBS) -n 1 clang-tidy --quiet -p build/release
 

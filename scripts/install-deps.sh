@@ -1,26 +1,55 @@
 #!/usr/bin/env bash
-# Installs what building, testing and showing the probe needs, from Debian's own packages.
+# install-deps.sh [PURPOSE | PACKAGE]...
 #
-# Asks dpkg first, so a machine that has everything needs neither root nor a network. Packages named as arguments are
-# installed as well.
+# Installs from Debian's own packages what a PURPOSE needs; packages named besides are installed as well.
+#
+#   run      compiling the programs and showing them (make run)
+#   test     compiling and running the tests and benchmarks, manuals
+#   page     the page in Chromium
+#   bench    counting instructions
+#   lint     clang-format, clang-tidy
+#   fuzz     the fuzzers' compiler
+#
+# Without an argument everything but `page`. Asks dpkg first, so a machine that has everything needs neither root nor a
+# network.
 set -euo pipefail
 
-packages=(
+run=(
   # Toolchain.
-  g++ cmake ninja-build pkg-config scdoc clang-format clang-tidy clang libclang-rt-14-dev
+  g++ cmake ninja-build pkg-config
   # What the probe and its tools link.
   libpcap-dev libdvbpsi-dev libzmq3-dev cppzmq-dev libprotobuf-dev protobuf-compiler
   uthash-dev libcli11-dev nlohmann-json3-dev
   # What the station links.
   libboost-dev libtomlplusplus-dev libsqlite3-dev libcurl4-openssl-dev libsystemd-dev
   zlib1g-dev
-  # Tests, benchmarks and the demonstration.
-  libgtest-dev libgmock-dev libbenchmark-dev valgrind ffmpeg python3
-  python3-jsonschema python3-yaml libjs-dygraphs
+  # The demonstration, and the page's plots.
+  ffmpeg python3 libjs-dygraphs
   # The network of its own that the scripts make.
   iproute2 util-linux kmod procps
-  "$@"
 )
+# shellcheck disable=SC2034 # by name
+test=(scdoc libgtest-dev libgmock-dev libbenchmark-dev python3-jsonschema python3-yaml)
+# shellcheck disable=SC2034
+page=(chromium chromium-driver python3-selenium python3-zmq fonts-dejavu-core)
+# shellcheck disable=SC2034
+bench=(valgrind)
+# shellcheck disable=SC2034
+lint=(clang-format clang-tidy)
+# shellcheck disable=SC2034
+fuzz=(clang libclang-rt-14-dev)
+
+[ $# -gt 0 ] || set -- run test bench lint fuzz
+packages=()
+for wanted in "$@"; do
+  case $wanted in
+    run | test | page | bench | lint | fuzz)
+      declare -n of_purpose=$wanted
+      packages+=("${of_purpose[@]}")
+      ;;
+    *) packages+=("$wanted") ;;
+  esac
+done
 
 missing=()
 for package in "${packages[@]}"; do
@@ -37,7 +66,7 @@ if [ "$(id -u)" -ne 0 ]; then
   fi
   as_root=(sudo)
 fi
-echo "installing: ${missing[*]}"
+echo "installing from Debian: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 "${as_root[@]}" apt-get update -qq
 "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
