@@ -1,0 +1,113 @@
+// What is kept of each PID.
+#pragma once
+
+#include <array>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "clocks/programClock.h"
+#include "packets/continuity.h"
+#include "packets/secondRing.h"
+#include "sections/sectionAssembler.h"
+
+namespace meter {
+
+// Why a packet of a PID needs more than the counting that all get.
+enum PidRole : uint8_t {
+    kUnknownPid = 1 << 0,   // no packet of it yet, or none since it ceased to be referred to
+    kSectionsPid = 1 << 1,  // carries sections that are read
+    kMediaPid = 1 << 2,     // PES packets of a video or audio stream begin here
+    kMediaWanted = 1 << 3,  // and more of the one that began is looked at
+    kOverflowPid = 1 << 4,  // one record for all PIDs that found no place
+};
+
+// 0 in the index stands for a PID without record.
+inline constexpr std::size_t kPidsLimit = 254;
+inline constexpr uint8_t kNoPid = 0;
+inline constexpr uint8_t kOverflow = 255;
+
+struct PidRecord {
+    // What every packet touches.
+    uint64_t packets = 0;
+    Ticks lastSeen = 0;             // stream time of the last packet
+    const uint8_t* last = nullptr;  // it; null where there was none to compare with
+    uint16_t pid = 0;
+    uint8_t roles = kUnknownPid;
+    Continuity continuity;
+    bool touched = false;  // `last` lies in the datagram that is being read
+
+    // Counters, which outlive a change of flow.
+    uint64_t scrambled = 0;
+    uint64_t withoutPayload = 0;
+    uint64_t continuityErrors = 0;
+    uint64_t lost = 0;
+    uint64_t repeated = 0;
+    uint64_t keyChanges = 0;
+
+    uint8_t key = 0;           // the last transport_scrambling_control other than clear
+    uint8_t keysInSecond = 0;  // bit i: transport_scrambling_control i
+    uint8_t keysShown = 0;     // of the last second with packets; bit 0: clear
+    uint64_t packetsAtSecond = 0;
+    uint64_t clearAtSecond = 0;
+    SecondRing rates;  // packets a second
+
+    StreamKind kind = StreamKind::kData;  // where a PMT lists it
+    bool stream = false;                  // a PMT lists it
+    bool referenced = false;
+    bool unreferencedHeld = false;          // 3.4.a holds
+    std::optional<Ticks> unreferencedFrom;  // first packet since nothing refers to it
+    bool stillPicture = false;
+    std::optional<Ticks> ptsAt;  // stream time of the last PTS
+    int mediaSlot = -1;
+    uint16_t clockPid = kNullPid;  // of its program
+
+    ClockTrack track;
+    bool discontinuity = false;
+    std::unique_ptr<ProgramClock> clock;
+    std::unique_ptr<SectionAssembler> sections;
+    std::array<uint8_t, kPacketSize> kept;  // the last packet, between datagrams
+};
+
+class PidTable {
+  public:
+    PidTable() {
+        records_[kNoPid] = &none_;
+        none_.roles = kUnknownPid;
+        overflow_.roles = kOverflowPid;
+        records_[kOverflow] = &overflow_;
+    }
+    PidTable(const PidTable&) = delete;
+    PidTable& operator=(const PidTable&) = delete;
+
+    // The PID's record; one that says kUnknownPid and is nobody's where it has none yet.
+    PidRecord& find(uint16_t pid) {
+        return *records_[index_[pid]];
+    }
+    const PidRecord* known(uint16_t pid) const {
+        const uint8_t slot = index_[pid & (kPidCount - 1)];
+        return slot == kNoPid || slot == kOverflow ? nullptr : records_[slot];
+    }
+    // Makes one where there is none. The record of all that found no place when the table is full.
+    PidRecord& obtain(uint16_t pid);
+
+    // In the order in which they came; the overflow is not among them.
+    std::deque<PidRecord>& all() {
+        return own_;
+    }
+    const std::deque<PidRecord>& all() const {
+        return own_;
+    }
+    PidRecord& overflow() {
+        return overflow_;
+    }
+
+  private:
+    std::array<uint8_t, kPidCount> index_{};
+    std::array<PidRecord*, 256> records_{};
+    std::deque<PidRecord> own_;
+    PidRecord none_;
+    PidRecord overflow_;
+};
+
+}  // namespace meter
