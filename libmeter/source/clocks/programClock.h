@@ -1,0 +1,91 @@
+// What is measured of one PID's PCRs (ETSI TR 101 290, 5.3.2).
+#pragma once
+
+#include <optional>
+
+#include "clocks/accuracyBlock.h"
+#include "clocks/clockOffset.h"
+#include "clocks/recentRates.h"
+#include "clocks/streamTime.h"
+#include "meter/report.h"
+
+namespace meter {
+
+struct PcrFinding {
+    bool first = false;          // of the PID: nothing to compare it with
+    Ticks interval = 0;          // of stream time, since the one before
+    bool discontinuity = false;  // not signalled
+    int64_t missing = 0;         // packets that the stream is short of by this clock; below 0: too many
+    AccuracyFinding accuracy;
+};
+
+class ProgramClock {
+  public:
+    // A PCR of the packet at `moment`. `own`: its stream time, not held back; `signalled`:
+    // discontinuity_indicator came since the PCR before.
+    PcrFinding pcr(Ticks value, const Moment& moment, Ticks own, bool signalled);
+    // A packet of any PID is missing here.
+    AccuracyFinding packetsMissing();
+    // The recording ends.
+    AccuracyFinding finish() {
+        return closeBlock();
+    }
+    void secondEnded(int64_t second) {
+        offset_.secondEnded(second);
+    }
+
+    // The value at a later stream time; nothing before the first PCR.
+    std::optional<Ticks> valueAt(Ticks streamTime) const;
+    uint64_t count() const {
+        return count_;
+    }
+    const RecentRates& rates() const {
+        return rates_;
+    }
+    // Packets lost by this clock, where it could tell.
+    std::optional<int64_t> lost() const {
+        return judged_ ? std::optional(lost_) : std::nullopt;
+    }
+    uint64_t lossEvents() const {
+        return lossEvents_;
+    }
+    uint64_t longestLoss() const {
+        return longestLoss_;
+    }
+    void fill(ClockReport& report, bool bare) const;
+    std::size_t heldBytes() const {
+        return rates_.heldBytes() + block_.heldBytes() + offset_.heldBytes();
+    }
+
+  private:
+    AccuracyFinding closeBlock();
+    int64_t missingPackets(Ticks step, uint64_t packets) const;
+
+    uint64_t count_ = 0;
+    Ticks value_ = 0;       // the last one
+    Ticks sum_ = 0;         // of the steps: grows, whatever the values do
+    Ticks streamTime_ = 0;  // of its packet
+    Ticks own_ = 0;         // and not held back
+    uint64_t position_ = 0;
+    bool missing_ = false;  // packets of some PID, since the last PCR
+
+    RecentRates rates_;
+    AccuracyBlock block_;
+    ClockOffset offset_;
+
+    Ticks highestInterval_ = 0;
+    Ticks intervals_ = 0;
+    uint64_t intervalCount_ = 0;
+    double worstNs_ = 0;
+    double lastWorstNs_ = 0;
+    uint64_t measured_ = 0;
+    uint64_t over500_ = 0;
+    uint64_t signalled_ = 0;
+    uint64_t unsignalled_ = 0;
+    bool judged_ = false;
+    int64_t lost_ = 0;
+    uint64_t lossEvents_ = 0;
+    uint64_t longestLoss_ = 0;
+};
+
+}  // namespace meter

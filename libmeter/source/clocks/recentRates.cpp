@@ -1,0 +1,104 @@
+#include "clocks/recentRates.h"
+
+#include <algorithm>
+
+namespace meter {
+
+namespace {
+
+constexpr std::size_t kRatesToJudge = 8;
+constexpr uint64_t kSpreadShare = 100;  // of the median; a constant rate's spread is below one such part
+
+// a / b as an exact comparison needs it: rates are packets by ticks.
+uint64_t product(uint32_t a, uint32_t b) {
+    return uint64_t{a} * b;
+}
+
+}  // namespace
+
+// Equal rates stand in the order of their places, so that each can be found again.
+bool RecentRates::rateLess(uint16_t a, uint16_t b) const {
+    const Pace& left = ring_[a].pace;
+    const Pace& right = ring_[b].pace;
+    const uint64_t leftRate = product(left.packets, right.ticks);
+    const uint64_t rightRate = product(right.packets, left.ticks);
+    return leftRate != rightRate ? leftRate < rightRate : a < b;
+}
+
+void RecentRates::dropOldest() {
+    const auto index = static_cast<uint16_t>(oldest_);
+    const auto place = std::lower_bound(order_.begin(), order_.end(), index,
+                                        [this](uint16_t a, uint16_t b) { return rateLess(a, b); });
+    packets_ -= ring_[index].pace.packets;
+    ticks_ -= ring_[index].pace.ticks;
+    order_.erase(place);
+    oldest_ = (oldest_ + 1) % ring_.size();
+}
+
+void RecentRates::grow() {
+    std::vector<Sample> ring(std::max(2 * ring_.size(), kFirstCapacity));
+    for (std::size_t i = 0; i < order_.size(); ++i) {
+        ring[i] = ring_[(oldest_ + i) % ring_.size()];
+    }
+    ring_ = std::move(ring);
+    oldest_ = 0;
+    const std::size_t held = order_.size();
+    order_.resize(held);
+    for (std::size_t i = 0; i < held; ++i) {
+        order_[i] = static_cast<uint16_t>(i);
+    }
+    std::sort(order_.begin(), order_.end(), [this](uint16_t a, uint16_t b) { return rateLess(a, b); });
+    order_.reserve(ring_.size());
+}
+
+void RecentRates::add(const Pace& pace, Ticks now) {
+    const auto ms = static_cast<uint32_t>(now / kTicksPerMs);
+    while (!order_.empty() && ms - ring_[oldest_].time > kSpan / kTicksPerMs) {
+        dropOldest();
+    }
+    if (order_.size() == ring_.size()) {
+        if (ring_.size() < kLimit) {
+            grow();
+        } else {
+            dropOldest();
+        }
+    }
+    const auto index = static_cast<uint16_t>((oldest_ + order_.size()) % ring_.size());
+    ring_[index] = {pace, ms};
+    packets_ += pace.packets;
+    ticks_ += pace.ticks;
+    order_.insert(std::upper_bound(order_.begin(), order_.end(), index,
+                                   [this](uint16_t a, uint16_t b) { return rateLess(a, b); }),
+                  index);
+    judge();
+}
+
+void RecentRates::judge() {
+    const std::size_t count = order_.size();
+    constant_ = false;
+    if (count < kRatesToJudge) {
+        return;
+    }
+    // high - low < median / 100. Each rate is rounded to 1/16 of a packet a second: far below what a
+    // hundredth is.
+    const auto rate = [](const Pace& pace) {
+        return uint64_t{pace.packets} * 16 * static_cast<uint64_t>(kTicksPerSecond) / pace.ticks;
+    };
+    const uint64_t low = rate(paceAt(count * 5 / 100));
+    const uint64_t high = rate(paceAt(count * 95 / 100));
+    constant_ = (high - low) * kSpreadShare < rate(median());
+}
+
+void RecentRates::clear() {
+    order_.clear();
+    oldest_ = 0;
+    packets_ = 0;
+    ticks_ = 0;
+    constant_ = false;
+}
+
+std::size_t RecentRates::heldBytes() const {
+    return ring_.capacity() * sizeof(Sample) + order_.capacity() * sizeof(uint16_t);
+}
+
+}  // namespace meter

@@ -1,0 +1,63 @@
+// The rates between the PCRs of the latest 10 s, in order of size as well.
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "clocks/streamTime.h"
+
+namespace meter {
+
+class RecentRates {
+  public:
+    static constexpr Ticks kSpan = 10 * kTicksPerSecond;
+    // A PCR each 5 ms for 10 s; with more of them the oldest make room.
+    static constexpr std::size_t kLimit = 2048;
+
+    // A rate that ended at `now`; drops what is older than the span.
+    void add(const Pace& pace, Ticks now);
+    void clear();
+    bool empty() const {
+        return order_.empty();
+    }
+    // REQUIRES: not empty.
+    Pace median() const {
+        return paceAt(order_.size() / 2);
+    }
+    // Whether 8 or more rates lie as close together as those of a constant bit rate do.
+    bool constant() const {
+        return constant_;
+    }
+    // Packets and ticks of all of them.
+    uint64_t packets() const {
+        return packets_;
+    }
+    uint64_t ticks() const {
+        return ticks_;
+    }
+    std::size_t heldBytes() const;
+
+  private:
+    static constexpr std::size_t kFirstCapacity = 64;
+
+    struct Sample {
+        Pace pace;
+        uint32_t time = 0;  // ms, modulo 2^32
+    };
+    Pace paceAt(std::size_t rank) const {
+        return ring_[order_[rank]].pace;
+    }
+    bool rateLess(uint16_t a, uint16_t b) const;
+    void dropOldest();
+    void grow();
+    void judge();
+
+    std::vector<Sample> ring_;     // its size is its capacity
+    std::vector<uint16_t> order_;  // indices into the ring, from the lowest rate on
+    std::size_t oldest_ = 0;
+    uint64_t packets_ = 0;
+    uint64_t ticks_ = 0;
+    bool constant_ = false;
+};
+
+}  // namespace meter
