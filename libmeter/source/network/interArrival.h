@@ -1,0 +1,51 @@
+// Times between datagrams: of the last second, and as a histogram of the last minute.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <vector>
+
+#include "fields/moment.h"
+#include "meter/report.h"
+#include "packets/secondRing.h"
+
+namespace meter {
+
+class InterArrival {
+  public:
+    // Times kept a second for its percentile; where more come, every second, fourth ... of them is kept.
+    static constexpr std::size_t kTimesLimit = 8192;
+
+    void datagram(Nanoseconds between);
+    // So many whole seconds ended, all but the first of them without a datagram.
+    void secondsEnded(int64_t seconds);
+    void fill(NetworkReport& report) const;
+    std::size_t heldBytes() const {
+        return times_.capacity() * sizeof(uint32_t) + minute_.capacity() * sizeof(Bins);
+    }
+
+  private:
+    using Bins = std::array<uint32_t, kHistogramBins>;
+    struct Figures {
+        Nanoseconds lowest = 0;
+        Nanoseconds highest = 0;
+        double mean = 0;
+        Nanoseconds p99 = 0;
+    };
+
+    std::vector<uint32_t> times_;  // ns, of the second that runs
+    uint32_t keepEvery_ = 1;
+    uint32_t untilKept_ = 1;
+    Nanoseconds lowest_ = 0;
+    Nanoseconds highest_ = 0;
+    Nanoseconds sum_ = 0;
+    uint64_t count_ = 0;
+    std::optional<Figures> last_;
+
+    Bins running_{};
+    std::vector<Bins> minute_;  // ring of whole seconds
+    std::size_t next_ = 0;
+    Bins total_{};  // of the minute
+};
+
+}  // namespace meter
