@@ -1,0 +1,304 @@
+#include "analyser/channel.h"
+
+#include <algorithm>
+
+#include "fields/wallClock.h"
+
+namespace meter {
+
+namespace {
+
+std::string dotted(uint32_t address) {
+    std::string text;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        text += std::to_string(address >> shift & 0xFF);
+        text += shift > 0 ? "." : "";
+    }
+    return text;
+}
+
+std::string nameOf(uint32_t source, uint16_t sourcePort, uint16_t port) {
+    return dotted(source) + ":" + std::to_string(sourcePort) + " to port " + std::to_string(port);
+}
+
+}  // namespace
+
+bool ChannelAnalyser::Channel::fits(const Datagram& datagram) const {
+    return settings_.source.value_or(datagram.source) == datagram.source &&
+           settings_.port.value_or(datagram.destinationPort) == datagram.destinationPort;
+}
+
+bool ChannelAnalyser::Channel::isFlow(const Datagram& datagram) const {
+    return flow_ && flow_->source == datagram.source && flow_->sourcePort == datagram.sourcePort &&
+           flow_->port == datagram.destinationPort;
+}
+
+// SMPTE 2022-1: columns on the media's port + 2, rows on + 4.
+bool ChannelAnalyser::Channel::isProtection(const Datagram& datagram) const {
+    return flow_ && isRtpVersion(datagram.payload) &&
+           (datagram.destinationPort == flow_->port + 2 || datagram.destinationPort == flow_->port + 4);
+}
+
+void ChannelAnalyser::Channel::feed(const Datagram& datagram) {
+    if (datagram.fragment) {
+        ++fragments_;
+    } else if (isFlow(datagram)) {
+        feedFlow(datagram);
+    } else {
+        feedOther(datagram);
+    }
+}
+
+void ChannelAnalyser::Channel::feedOther(const Datagram& datagram) {
+    if (isProtection(datagram)) {
+        ++protection_;
+        return;
+    }
+    if (!fits(datagram)) {
+        ++otherFlows_;
+        return;
+    }
+    const Payload payload = classify(datagram.payload, Encapsulation::kUnknown);
+    if (payload.packets.empty()) {
+        // Before there is a flow, who sends nonsense is taken for the channel's sender.
+        ++(flow_ || !payload.malformed || isRtpVersion(datagram.payload) ? otherFlows_ : malformed_);
+    } else if (!flow_) {
+        beginFlow(datagram);
+    } else if (datagram.arrival - begin_ - lastDatagram_ > kSilence) {
+        changeFlow(datagram);
+    } else {
+        ++otherFlows_;
+    }
+}
+
+void ChannelAnalyser::Channel::beginFlow(const Datagram& datagram) {
+    flow_ = {datagram.source, datagram.sourcePort, datagram.destinationPort};
+    begin_ = datagram.arrival;
+    beginWall_ = datagram.wall;
+    feedFlow(datagram);
+}
+
+void ChannelAnalyser::Channel::changeFlow(const Datagram& datagram) {
+    const Nanoseconds since = std::max(datagram.arrival - begin_, now_);
+    order_.restart(*this);
+    endSeconds(since);
+    stream_.restart(since);
+    ChangeReport change;
+    change.at = static_cast<double>(since) / static_cast<double>(kNsPerSecond);
+    change.what = "flow";
+    change.text = "The flow is " + nameOf(datagram.source, datagram.sourcePort, datagram.destinationPort) +
+                  "; " + nameOf(flow_->source, flow_->sourcePort, flow_->port) + " was silent for over 5 s";
+    changes_.push_back(change);
+    events_.emplace_back(std::move(change));
+    flow_ = {datagram.source, datagram.sourcePort, datagram.destinationPort};
+    encapsulation_ = Encapsulation::kUnknown;
+    packetsPerDatagram_ = 0;
+    anyDatagram_ = false;
+    rtp_.restart();
+    interArrival_ = {};
+    delivery_.restart();
+    feedFlow(datagram);
+}
+
+void ChannelAnalyser::Channel::feedFlow(const Datagram& datagram) {
+    const Nanoseconds arrival = std::max(datagram.arrival - begin_, now_);
+    now_ = arrival;
+    endSeconds(arrival);
+    if (anyDatagram_) {
+        interArrival_.datagram(arrival - lastDatagram_);
+    }
+    anyDatagram_ = true;
+    lastDatagram_ = arrival;
+    ++datagrams_;
+    ttl_ = datagram.ttl;
+    dscp_ = datagram.dscp;
+    vlanCount_ = std::min<uint8_t>(datagram.vlanCount, kVlanTagsLimit);
+    vlan_ = datagram.vlan;
+
+    const Payload payload = classify(datagram.payload, encapsulation_);
+    malformed_ += payload.malformed ? 1 : 0;
+    if (payload.encapsulation == Encapsulation::kUnknown) {
+        return;
+    }
+    encapsulation_ = payload.encapsulation;
+    const std::size_t packets = payload.packets.size() / kPacketSize;
+    if (packets > 0) {
+        packetsPerDatagram_ = static_cast<uint32_t>(packets);
+    }
+    delivery_.datagram(arrival - second_ * kNsPerSecond, payload.packets.size());
+    if (payload.encapsulation == Encapsulation::kRtp) {
+        feedRtp(payload.rtp, arrival, datagram.wall);
+    } else {
+        order_.flush(*this);
+        stream_.packets(payload.packets, arrival, datagram.wall, 0);
+    }
+}
+
+void ChannelAnalyser::Channel::feedRtp(const RtpPacket& rtp, Nanoseconds arrival, Nanoseconds wall) {
+    if (rtp_.changesSource(rtp)) {
+        order_.restart(*this);
+    }
+    rtp_.datagram(rtp, arrival);
+    const RtpOrder::Place place = order_.feed(rtp, arrival, wall, *this);
+    rtp_.placed(place);
+    if (place == RtpOrder::Place::kLate) {
+        delivery_.loss().outOfOrder += rtp.payload.size() / kPacketSize;
+    }
+}
+
+void ChannelAnalyser::Channel::ordered(Bytes packets, Nanoseconds arrival, Nanoseconds wall,
+                                       uint32_t missing) {
+    uint64_t missingPackets = 0;
+    if (missing > 0) {
+        rtp_.missing(missing);
+        missingPackets = uint64_t{missing} * packetsPerDatagram_;
+        rtpMissing_ += missingPackets;
+        rtpLongest_ = std::max(rtpLongest_, missingPackets);
+        delivery_.loss().byRtp += missingPackets;
+    }
+    stream_.packets(packets, arrival, wall, missingPackets);
+}
+
+void ChannelAnalyser::Channel::endSeconds(Nanoseconds since) {
+    const int64_t seconds = since / kNsPerSecond - second_;
+    if (seconds <= 0) {
+        return;
+    }
+    const LossFound found = stream_.takeLoss();
+    const DeliveryIndex::Loss& loss = delivery_.loss();
+    const uint64_t lost = rtp_.any()              ? loss.byRtp
+                          : stream_.lossByClock() ? static_cast<uint64_t>(std::max<int64_t>(found.byClock, 0))
+                                                  : found.byCounter;
+    const Pace rate = stream_.mediaRate();
+    delivery_.secondEnded(lost + loss.outOfOrder, uint64_t{rate.packets} * kPacketSize, rate.ticks);
+    if (seconds > 1) {
+        delivery_.secondEnded(0, uint64_t{rate.packets} * kPacketSize, rate.ticks);
+    }
+    interArrival_.secondsEnded(seconds);
+    second_ += seconds;
+}
+
+void ChannelAnalyser::Channel::tick(Nanoseconds now) {
+    if (!flow_ || now - begin_ <= now_) {
+        return;
+    }
+    now_ = now - begin_;
+    endSeconds(now_);
+    stream_.advance(now_);
+}
+
+void ChannelAnalyser::Channel::finish() {
+    order_.flush(*this);
+    feedHeld();
+    if (flow_) {
+        stream_.advance(now_);
+    }
+    stream_.finish();
+}
+
+void ChannelAnalyser::Channel::feedHeld() {
+    firstPace_.giveUp();
+    stream_.packets(held_, 0, 0, 0);
+    held_ = {};
+}
+
+void ChannelAnalyser::Channel::feedPackets(Bytes packets) {
+    if (!settings_.bare) {
+        return;
+    }
+    packets = packets.first(packets.size() / kPacketSize * kPacketSize);
+    if (firstPace_.done()) {
+        stream_.packets(packets, 0, 0, 0);
+        return;
+    }
+    held_.insert(held_.end(), packets.begin(), packets.end());
+    if (const std::optional<Pace> pace = firstPace_.search(packets)) {
+        stream_.setFirstPace(*pace);
+        feedHeld();
+    } else if (held_.size() >= FirstPace::kHeadLimit) {
+        feedHeld();
+    }
+}
+
+std::vector<Event> ChannelAnalyser::Channel::takeEvents() {
+    stream_.takeEvents(events_);
+    if (events_.size() > kEventsLimit) {
+        events_.erase(events_.begin(), events_.end() - static_cast<std::ptrdiff_t>(kEventsLimit));
+    }
+    return std::exchange(events_, {});
+}
+
+FlowReport ChannelAnalyser::Channel::flowReport() const {
+    FlowReport report;
+    if (flow_) {
+        report.source = flow_->source;
+        report.sourcePort = flow_->sourcePort;
+        report.port = flow_->port;
+        report.ttl = ttl_;
+        report.dscp = dscp_;
+    }
+    if (encapsulation_ != Encapsulation::kUnknown) {
+        report.encapsulation = encapsulation_ == Encapsulation::kRtp ? "rtp" : "udp";
+    }
+    if (packetsPerDatagram_ > 0) {
+        report.packetsPerDatagram = packetsPerDatagram_;
+    }
+    report.datagrams = datagrams_;
+    report.malformed = malformed_;
+    report.fragments = fragments_;
+    report.otherFlows = otherFlows_;
+    report.fec = protection_;
+    report.vlan.assign(vlan_.begin(), vlan_.begin() + vlanCount_);
+    return report;
+}
+
+NetworkReport ChannelAnalyser::Channel::networkReport() const {
+    const auto ms = [](const std::optional<Nanoseconds>& ns) {
+        return ns ? std::optional(static_cast<double>(*ns) / static_cast<double>(kNsPerMs)) : std::nullopt;
+    };
+    NetworkReport report;
+    interArrival_.fill(report);
+    report.delayFactorMs = ms(delivery_.delayFactor());
+    report.delayFactorHighestMs = ms(delivery_.delayFactorHighest());
+    report.lossRate = delivery_.lossRate();
+    report.lossRateHighest = delivery_.lossRateHighest();
+    if (rtp_.any()) {
+        report.rtp = rtp_.report(order_.expected());
+    }
+    return report;
+}
+
+void ChannelAnalyser::Channel::fillRtpLoss(LossReport& lost) const {
+    lost.byRtp = rtpMissing_;
+    lost.basis = "rtp";
+    lost.packets = static_cast<int64_t>(rtpMissing_);
+    lost.events = rtp_.lossEvents();
+    lost.longest = rtpLongest_;
+    lost.longestMs.reset();
+    if (const std::optional<Ticks> longest = stream_.duration(rtpLongest_)) {
+        lost.longestMs = static_cast<double>(*longest) / static_cast<double>(kTicksPerMs);
+    }
+}
+
+Report ChannelAnalyser::Channel::report() const {
+    Report report;
+    report.group = settings_.group;
+    stream_.fill(report);
+    if (settings_.bare) {
+        return report;
+    }
+    report.seconds = static_cast<double>(now_) / static_cast<double>(kNsPerSecond);
+    if (beginWall_ != 0) {
+        report.begin = rfc3339Milliseconds(beginWall_);
+    }
+    report.flow = flowReport();
+    report.network = networkReport();
+    if (rtp_.any()) {
+        fillRtpLoss(report.packets.lost);
+    }
+    report.changes.insert(report.changes.end(), changes_.begin(), changes_.end());
+    std::ranges::stable_sort(report.changes, {}, &ChangeReport::at);
+    return report;
+}
+
+}  // namespace meter

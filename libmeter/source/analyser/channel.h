@@ -1,0 +1,89 @@
+// A channel: which flow it is, its datagrams as they came, and the stream in them.
+#pragma once
+
+#include "analyser/streamAnalysis.h"
+#include "flow/firstPace.h"
+#include "flow/payload.h"
+#include "flow/rtpOrder.h"
+#include "meter/channelAnalyser.h"
+#include "network/deliveryIndex.h"
+#include "network/interArrival.h"
+#include "network/rtpStatistics.h"
+
+namespace meter {
+
+class ChannelAnalyser::Channel final : private OrderedSink {
+  public:
+    explicit Channel(const Settings& settings)
+        : settings_(settings), stream_(settings), firstPace_(settings) {}
+
+    void feed(const Datagram& datagram);
+    void feedPackets(Bytes packets);
+    void tick(Nanoseconds now);
+    void finish();
+    Report report() const;
+    std::vector<Event> takeEvents();
+
+  private:
+    static constexpr Nanoseconds kSilence = 5 * kNsPerSecond;  // after which a flow gives way to another
+
+    struct Flow {
+        uint32_t source = 0;
+        uint16_t sourcePort = 0;
+        uint16_t port = 0;
+    };
+
+    void ordered(Bytes packets, Nanoseconds arrival, Nanoseconds wall, uint32_t missing) override;
+    bool fits(const Datagram& datagram) const;
+    bool isFlow(const Datagram& datagram) const;
+    bool isProtection(const Datagram& datagram) const;
+    void feedOther(const Datagram& datagram);
+    void beginFlow(const Datagram& datagram);
+    void changeFlow(const Datagram& datagram);
+    void feedFlow(const Datagram& datagram);
+    void feedRtp(const RtpPacket& rtp, Nanoseconds arrival, Nanoseconds wall);
+    void endSeconds(Nanoseconds since);
+    uint64_t packetsByRtp() const;
+    FlowReport flowReport() const;
+    NetworkReport networkReport() const;
+    void fillRtpLoss(LossReport& lost) const;
+    void feedHeld();
+
+    Settings settings_;
+    StreamAnalysis stream_;
+
+    std::optional<Flow> flow_;
+    Encapsulation encapsulation_ = Encapsulation::kUnknown;
+    uint32_t packetsPerDatagram_ = 0;
+    uint64_t datagrams_ = 0;
+    uint64_t malformed_ = 0;
+    uint64_t fragments_ = 0;
+    uint64_t otherFlows_ = 0;
+    uint64_t protection_ = 0;
+    uint8_t ttl_ = 0;
+    uint8_t dscp_ = 0;
+    uint8_t vlanCount_ = 0;
+    std::array<uint16_t, kVlanTagsLimit> vlan_{};
+
+    Nanoseconds begin_ = 0;  // of the first flow; all below is since then
+    Nanoseconds beginWall_ = 0;
+    Nanoseconds now_ = 0;
+    Nanoseconds lastDatagram_ = 0;
+    bool anyDatagram_ = false;  // of this flow
+    int64_t second_ = 0;        // that runs
+
+    RtpOrder order_;
+    RtpStatistics rtp_;
+    uint64_t rtpMissing_ = 0;  // transport packets
+    uint64_t rtpLongest_ = 0;
+    InterArrival interArrival_;
+    DeliveryIndex delivery_;
+
+    // A bare file, until its first pace is known.
+    FirstPace firstPace_;
+    std::vector<uint8_t> held_;
+    std::vector<Event> events_;
+    std::vector<ChangeReport> changes_;
+};
+
+}  // namespace meter

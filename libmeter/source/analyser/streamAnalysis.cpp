@@ -1,0 +1,339 @@
+#include "analyser/streamAnalysis.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace meter {
+
+namespace {
+
+constexpr Ticks kHalfPcrRange = kPcrModulus / 2;
+
+bool isScrambled(TsHeader header) {
+    return header.hasPayload() && header.scramblingControl() != 0;
+}
+
+}  // namespace
+
+StreamAnalysis::StreamAnalysis(const Settings& settings)
+    : settings_(settings),
+      bare_(settings.bare),
+      presence_(std::in_place, settings, pids_, book_, 0),
+      information_(std::in_place, settings.serviceInformationRequired, book_, 0) {
+    if (bare_ && settings.bitrate.value_or(0) > 0) {
+        time_.setConstantPace(*settings.bitrate);
+    }
+    for (uint16_t pid = 0; pid <= kLastReservedPid; ++pid) {
+        refer(pid);
+    }
+    refer(kNullPid);
+}
+
+void StreamAnalysis::packets(Bytes bytes, Nanoseconds arrival, Nanoseconds wall, uint64_t missing) {
+    if (!bare_) {
+        time_.arrived(arrival - arrival_);
+        if (arrival / kNsPerSecond > second_) {
+            endSeconds(arrival);
+        }
+        arrival_ = arrival;
+        wall_ = wall;
+    } else {
+        time_.arrived(0);
+    }
+    if (missing > 0) {
+        time_.skip(missing);
+        position_ += missing;
+    }
+    const uint8_t* packet = bytes.data();
+    const uint8_t* const end = packet + bytes.size() / kPacketSize * kPacketSize;
+    while (packet != end) {
+        const auto rest = static_cast<std::size_t>(end - packet);
+        const uint8_t* const part = packet + std::min(rest, kPacketsTogether * kPacketSize);
+        batch(packet, part);
+        packet = part;
+    }
+    streamNow_ = time_.now();
+}
+
+// The packets' road. Most packets only go on with what began before, and end in the first branch.
+void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
+    for (; packet != end; packet += kPacketSize) {
+        const Ticks now = time_.packet();
+        if ((packet[0] != kSyncByte || !sync_.calm()) && !synchronise(packet)) {
+            ++position_;
+            ++received_;
+            continue;
+        }
+        const TsHeader header(packet);
+        PidRecord& record = pids_.find(header.pid());
+        if (header.isClearPayloadOnly() && !header.payloadUnitStart() && record.roles == 0 &&
+            record.continuity.isNext(header.continuityCounter()) && now < nextLook_) [[likely]] {
+            record.continuity.accept(header.continuityCounter());
+            ++record.packets;
+            record.lastSeen = now;
+            remember(record, packet);
+        } else {
+            lookAtPacket(packet, header, now);
+        }
+        ++position_;
+        ++received_;
+    }
+    keepTouched();
+}
+
+void StreamAnalysis::keepTouched() {
+    for (std::size_t i = 0; i < touchedCount_; ++i) {
+        PidRecord& record = *touched_[i];
+        record.touched = false;
+        if (record.last != nullptr) {
+            memcpy(record.kept.data(), record.last, kPacketSize);
+            record.last = record.kept.data();
+        }
+    }
+    touchedCount_ = 0;
+}
+
+// Returns whether there is a packet to look into.
+bool StreamAnalysis::synchronise(const uint8_t* packet) {
+    const bool syncByte = packet[0] == kSyncByte;
+    const Synchronisation::Finding finding = sync_.packet(syncByte);
+    const Nanoseconds arrival = momentAt(time_.now()).arrival;
+    constexpr uint16_t pid = 0;  // nobody knows it
+    if (!syncByte) {
+        book_.hit(Check::kSyncByteError, pid, arrival);
+    }
+    if (finding == Synchronisation::Finding::kLost) {
+        book_.begin(Check::kTsSyncLoss, pid, arrival, arrival);
+    } else if (finding == Synchronisation::Finding::kFound) {
+        book_.end(Check::kTsSyncLoss, arrival);
+    }
+    return syncByte;
+}
+
+PidRecord& StreamAnalysis::recordOf(uint16_t pid) {
+    PidRecord& record = pids_.obtain(pid);
+    if (record.packets == 0 && (record.roles & kUnknownPid) != 0) {
+        record.referenced = referenced_.test(pid);
+        const bool serviceInformation =
+            pid == kPatPid || pid == kCatPid || (pid >= kNitPid && pid <= kTdtPid);
+        if (serviceInformation && !record.sections) {
+            record.sections = std::make_unique<SectionAssembler>(pid);
+            record.roles |= kSectionsPid;
+        }
+    }
+    return record;
+}
+
+void StreamAnalysis::transportError(PidRecord& record) {
+    book_.hit(Check::kTransportError, record.pid, momentAt(time_.now()).arrival);
+    ++record.packets;
+    record.continuity.forget();
+    record.last = nullptr;
+    record.roles &= static_cast<uint8_t>(~kMediaWanted);
+    if (record.sections) {
+        record.sections->drop();
+    }
+}
+
+void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks now) {
+    PidRecord& known = pids_.find(header.pid());
+    PidRecord& record = (known.roles & kUnknownPid) != 0 ? recordOf(header.pid()) : known;
+    if (header.transportErrorIndicator()) {
+        if (now >= nextLook_) {
+            look(now);
+        }
+        transportError(record);
+        return;
+    }
+    if ((record.roles & kOverflowPid) != 0 || header.pid() == kNullPid ||
+        !(header.hasPayload() || header.hasAdaptationField())) {
+        if (now >= nextLook_) {
+            look(now);
+        }
+        ++record.packets;
+        record.lastSeen = now;
+        return;
+    }
+    const TsPacket bytes(packet, kPacketSize);
+    Adaptation adaptation;
+    if (header.hasAdaptationField()) {
+        adaptation = adaptationOf(bytes);
+        record.discontinuity = record.discontinuity || adaptation.discontinuity;
+        if (adaptation.pcr) {
+            now = readPcr(record, *adaptation.pcr);
+        }
+    }
+    if (now >= nextLook_) {
+        look(now);
+    }
+    const Moment moment = momentAt(now);
+    ++record.packets;
+    record.lastSeen = now;
+    if ((record.roles & kUnknownPid) != 0) {
+        presence_->appeared(record, moment);
+    }
+    const bool fresh = checkContinuity(record, packet, header, adaptation, moment);
+    remember(record, packet);
+    if (!header.hasPayload()) {
+        ++record.withoutPayload;
+        return;
+    }
+    if (isScrambled(header)) {
+        scrambledPacket(record, header, moment);
+    } else if (fresh && (record.sections || record.stream)) {
+        readPayload(record, payloadOf(bytes, header), header, adaptation.randomAccess, moment);
+    }
+}
+
+// Returns whether the packet is none that came before.
+bool StreamAnalysis::checkContinuity(PidRecord& record, const uint8_t* packet, TsHeader header,
+                                     const Adaptation& adaptation, const Moment& moment) {
+    if (header.hasPayload() && record.continuity.isNext(header.continuityCounter())) {
+        record.continuity.accept(header.continuityCounter());
+        return true;
+    }
+    const ContinuityFinding finding = record.continuity.packet(packet, record.last, header, adaptation);
+    if (finding.broken) {
+        record.roles &= static_cast<uint8_t>(~kMediaWanted);
+        if (record.sections) {
+            record.sections->drop();
+        }
+    }
+    if (finding.error) {
+        continuityError(record, finding, moment);
+    } else if (finding.repetition) {
+        ++record.repeated;
+        ++repeated_;
+    }
+    return !finding.repetition;
+}
+
+void StreamAnalysis::continuityError(PidRecord& record, const ContinuityFinding& finding,
+                                     const Moment& moment) {
+    book_.hit(Check::kContinuityCountError, record.pid, moment.arrival);
+    ++record.continuityErrors;
+    if (finding.missing > 0) {
+        record.lost += finding.missing;
+        lostByCounter_ += finding.missing;
+        found_.byCounter += finding.missing;
+        ++counterEvents_;
+        longestByCounter_ = std::max<uint64_t>(longestByCounter_, finding.missing);
+    }
+    for (PidRecord* clock : clocks_) {
+        countAccuracy(*clock, clock->clock->packetsMissing());
+    }
+}
+
+void StreamAnalysis::countAccuracy(const PidRecord& record, const AccuracyFinding& finding) {
+    for (const Nanoseconds arrival : finding.beyond) {
+        book_.hit(Check::kPcrAccuracyError, record.pid, arrival);
+    }
+}
+
+// Returns the packet's stream time.
+Ticks StreamAnalysis::readPcr(PidRecord& record, Ticks value) {
+    if (!record.clock) {
+        record.clock = std::make_unique<ProgramClock>();
+    }
+    if (record.clock->count() == 0) {
+        clocks_.push_back(&record);
+    }
+    const bool signalled = record.discontinuity;
+    record.track.discontinuity = signalled;
+    record.discontinuity = false;
+    const Ticks now = time_.pcr(record.pid, record.track, value, position_);
+    const Moment moment = momentAt(now);
+    const PcrFinding finding = record.clock->pcr(value, moment, record.track.time, signalled);
+    const Ticks limit = settings_.pcrRepetitionMs * kTicksPerMs;
+    if (finding.interval > limit) {
+        book_.holdFor(Check::kPcrRepetitionError, record.pid,
+                      moment.arrival - toNanoseconds(finding.interval - limit), moment.arrival);
+    }
+    if (finding.discontinuity) {
+        book_.hit(Check::kPcrDiscontinuityIndicatorError, record.pid, moment.arrival);
+    }
+    if (finding.missing != 0 && &record == speakingClock()) {
+        found_.byClock += finding.missing;
+    }
+    countAccuracy(record, finding.accuracy);
+    return now;
+}
+
+void StreamAnalysis::scrambledPacket(PidRecord& record, TsHeader header, const Moment& moment) {
+    constexpr uint8_t kEvenKey = 2;
+    const uint8_t key = header.scramblingControl();
+    ++scrambled_;
+    ++record.scrambled;
+    record.keysInSecond |= static_cast<uint8_t>(1U << key);
+    if (key >= kEvenKey) {
+        record.keyChanges += record.key != 0 && record.key != key ? 1 : 0;
+        record.key = key;
+    }
+    record.ptsAt.reset();
+    record.roles &= static_cast<uint8_t>(~kMediaWanted);
+    presence_->scrambled(moment);
+    if (record.sections) {
+        record.sections->drop();
+    }
+    if (record.pid == kPatPid) {
+        book_.hit(Check::kPatError2, record.pid, moment.arrival);
+    } else if (pmtPids_.test(record.pid)) {
+        book_.hit(Check::kPmtError2, record.pid, moment.arrival);
+    }
+}
+
+void StreamAnalysis::readPayload(PidRecord& record, Bytes payload, TsHeader header, bool randomAccess,
+                                 const Moment& moment) {
+    if (record.sections) {
+        record.sections->feed(payload, header.payloadUnitStart(), moment, *this);
+        if (modelChanged_) {
+            applyModel();
+        }
+        return;
+    }
+    UnitPiece piece;
+    piece.start = header.payloadUnitStart();
+    piece.randomAccess = randomAccess;
+    piece.moment = moment;
+    piece.payload = payload;
+    if (piece.start) {
+        const std::optional<PesStart> start = pesStartOf(payload);
+        if (!start) {
+            record.roles &= static_cast<uint8_t>(~kMediaWanted);
+            return;
+        }
+        startPes(record, piece, *start);
+    } else if ((record.roles & kMediaWanted) == 0) {
+        return;
+    }
+    const bool wanted = record.mediaSlot >= 0 && media_->unit(record.mediaSlot, piece);
+    record.roles = static_cast<uint8_t>(wanted ? record.roles | kMediaWanted : record.roles & ~kMediaWanted);
+}
+
+void StreamAnalysis::startPes(PidRecord& record, UnitPiece& piece, const PesStart& start) {
+    piece.payload = start.payload;
+    piece.pts = start.pts;
+    piece.dts = start.dts;
+    if (!start.pts) {
+        return;
+    }
+    const Ticks now = piece.moment.stream;
+    const bool media = record.kind == StreamKind::kVideo || record.kind == StreamKind::kAudio;
+    if (media && !record.stillPicture) {
+        if (record.ptsAt && now - *record.ptsAt > kPtsLimit) {
+            book_.holdFor(Check::kPtsError, record.pid,
+                          piece.moment.arrival - toNanoseconds(now - *record.ptsAt - kPtsLimit),
+                          piece.moment.arrival);
+        }
+        record.ptsAt = now;
+    }
+    const PidRecord* clock = pids_.known(record.clockPid);
+    if (clock != nullptr && clock->clock) {
+        if (const std::optional<Ticks> value = clock->clock->valueAt(now)) {
+            const Ticks ahead = pcrStep(*value, *start.pts * kTicksPer90kHz);
+            piece.ptsAhead = ahead > kHalfPcrRange ? ahead - kPcrModulus : ahead;
+        }
+    }
+}
+
+}  // namespace meter

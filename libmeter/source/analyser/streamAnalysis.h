@@ -1,0 +1,159 @@
+// One transport stream: packets with their arrival go in, in order, and all rooms look at them.
+#pragma once
+
+#include <bitset>
+#include <vector>
+
+#include "checks/checkBook.h"
+#include "checks/presence.h"
+#include "checks/serviceInformation.h"
+#include "clocks/streamTime.h"
+#include "cues/cues.h"
+#include "media/mediaStreams.h"
+#include "meter/report.h"
+#include "meter/settings.h"
+#include "packets/pidTable.h"
+#include "packets/synchronisation.h"
+#include "sections/section.h"
+#include "services/services.h"
+
+namespace meter {
+
+// Packets lost, by what tells of it.
+struct LossFound {
+    uint64_t byCounter = 0;
+    int64_t byClock = 0;
+};
+
+class StreamAnalysis final : private SectionSink {
+  public:
+    explicit StreamAnalysis(const Settings& settings);
+    StreamAnalysis(const StreamAnalysis&) = delete;
+    StreamAnalysis& operator=(const StreamAnalysis&) = delete;
+
+    // Whole packets that arrived together, `arrival` after the begin; `missing` packets before them stay
+    // missing. A bare file has no arrival.
+    void packets(Bytes bytes, Nanoseconds arrival, Nanoseconds wall, uint64_t missing);
+    // Nothing came until `arrival`.
+    void advance(Nanoseconds arrival);
+    // What follows is another stream. Counters go on, all else begins anew.
+    void restart(Nanoseconds arrival);
+    void finish();
+    // The pace of a bare file from its first packet on.
+    void setFirstPace(const Pace& pace) {
+        time_.setFirstPace(pace);
+    }
+
+    // What happened since the last call is appended.
+    void takeEvents(std::vector<Event>& events);
+    LossFound takeLoss();
+    // Packets and ticks that say the media rate of the latest 10 s; 0 where no clock speaks for the stream.
+    Pace mediaRate() const;
+    bool lossByClock() const;  // the clock is the better witness of loss than the counters
+    std::optional<Ticks> duration(uint64_t packets) const {
+        return time_.duration(packets);
+    }
+    Nanoseconds now() const {
+        return bare_ ? toNanoseconds(streamNow_) : arrival_;
+    }
+    // Fills all of the report but what concerns the flow, the network and loss by RTP.
+    void fill(Report& report) const;
+
+  private:
+    static constexpr std::size_t kPacketsTogether = 64;  // whose bytes are kept at their end
+    static constexpr std::size_t kChangesLimit = 100;    // the newest are kept
+
+    void section(const Section& section) override;
+    void checkCrc(const Section& section);
+
+    void batch(const uint8_t* packet, const uint8_t* end);
+    bool synchronise(const uint8_t* packet);
+    void lookAtPacket(const uint8_t* packet, TsHeader header, Ticks now);
+    void transportError(PidRecord& record);
+    PidRecord& recordOf(uint16_t pid);
+    void scrambledPacket(PidRecord& record, TsHeader header, const Moment& moment);
+    bool checkContinuity(PidRecord& record, const uint8_t* packet, TsHeader header,
+                         const Adaptation& adaptation, const Moment& moment);
+    void continuityError(PidRecord& record, const ContinuityFinding& finding, const Moment& moment);
+    Ticks readPcr(PidRecord& record, Ticks value);
+    void countAccuracy(const PidRecord& record, const AccuracyFinding& finding);
+    void readPayload(PidRecord& record, Bytes payload, TsHeader header, bool randomAccess,
+                     const Moment& moment);
+    void startPes(PidRecord& record, UnitPiece& piece, const PesStart& start);
+    void remember(PidRecord& record, const uint8_t* packet) {
+        record.last = packet;
+        if (!record.touched) {
+            record.touched = true;
+            touched_[touchedCount_++] = &record;
+        }
+    }
+    void keepTouched();
+
+    Moment momentAt(Ticks now) const {
+        return {bare_ ? toNanoseconds(now) : arrival_, now, position_, wall_};
+    }
+    void look(Ticks now);
+    void endSeconds(Nanoseconds arrival);
+    void endSecond(PidRecord& record, int64_t seconds);
+    void applyModel();
+    void refer(uint16_t pid) {
+        referenced_.set(pid & (kPidCount - 1));
+    }
+    const PidRecord* speakingClock() const;
+
+    void fillPids(Report& report) const;
+    void fillClocks(Report& report) const;
+    void fillLoss(LossReport& report) const;
+    void fillServices(Report& report) const;
+
+    Settings settings_;
+    bool bare_;
+
+    // What every packet touches.
+    StreamTime time_;
+    Ticks nextLook_ = 0;
+    uint64_t position_ = 0;
+    Synchronisation sync_;
+    std::size_t touchedCount_ = 0;
+    Nanoseconds arrival_ = 0;
+    Nanoseconds wall_ = 0;
+    PidTable pids_;
+    std::array<PidRecord*, kPacketsTogether> touched_{};
+
+    Ticks streamNow_ = 0;
+    Nanoseconds lookedAt_ = 0;  // arrival of the last look
+    int64_t second_ = 0;        // that runs
+    CheckBook book_;
+    std::optional<Presence> presence_;
+    std::optional<ServiceInformation> information_;
+    std::bitset<kPidCount> referenced_;
+    std::bitset<kPidCount> pmtPids_;
+    std::bitset<kPidCount> cuePids_;
+    std::unique_ptr<Services> services_ = std::make_unique<Services>();
+    std::unique_ptr<MediaStreams> media_ = std::make_unique<MediaStreams>();
+    std::unique_ptr<Cues> cues_ = std::make_unique<Cues>();
+    uint64_t modelRevision_ = 0;
+    bool modelChanged_ = false;
+    std::vector<PidRecord*> clocks_;
+
+    uint64_t received_ = 0;
+    uint64_t scrambled_ = 0;
+    uint64_t repeated_ = 0;
+    uint64_t lostByCounter_ = 0;
+    uint64_t counterEvents_ = 0;
+    uint64_t longestByCounter_ = 0;
+    std::optional<int64_t> clockBefore_;  // loss by the clocks of flows before
+    LossFound found_;
+
+    SecondRing rates_;  // packets a second
+    uint64_t receivedAtSecond_ = 0;
+    uint64_t nullAtSecond_ = 0;
+    std::optional<double> nullShare_;
+
+    std::vector<ChangeReport> changes_;
+    std::vector<ChangeReport> newChanges_;
+    std::vector<CueReport> newCues_;
+    std::vector<Event> events_;
+};
+
+}  // namespace meter

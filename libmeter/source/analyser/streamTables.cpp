@@ -1,0 +1,154 @@
+// What sections and the model that they make mean to the analysis of a stream.
+#include <algorithm>
+
+#include "analyser/streamAnalysis.h"
+
+namespace meter {
+
+namespace {
+
+// Tables whose CRC_32 is looked at (ETSI TR 101 290, 5.2.2, 2.2): PAT, CAT, NIT, SDT, BAT, EIT, TOT.
+bool isCheckedTable(uint8_t table) {
+    switch (table) {
+        case kPatTable:
+        case kCatTable:
+        case kPmtTable:
+        case kNitActualTable:
+        case kNitOtherTable:
+        case kSdtActualTable:
+        case kSdtOtherTable:
+        case kBatTable:
+        case kTotTable:
+            return true;
+        default:
+            return table >= kEitActualPfTable && table <= kEitLastTable;
+    }
+}
+
+}  // namespace
+
+void StreamAnalysis::checkCrc(const Section& section) {
+    const uint8_t table = sectionTableId(section.bytes);
+    const bool checked = section.pid <= kLastReservedPid ? isCheckedTable(table) : table == kPmtTable;
+    if (checked && (section.pid <= kLastReservedPid || pmtPids_.test(section.pid))) {
+        book_.hit(Check::kCrcError, section.pid, section.moment.arrival);
+    }
+}
+
+void StreamAnalysis::section(const Section& section) {
+    const uint8_t table = sectionTableId(section.bytes);
+    const Moment& moment = section.moment;
+    if (cuePids_.test(section.pid) && table == kSpliceInfoTable) {
+        const PidRecord* clock = pids_.known(pids_.find(section.pid).clockPid);
+        cues_->section(section,
+                       clock != nullptr && clock->clock ? clock->clock->valueAt(moment.stream) : std::nullopt,
+                       newCues_);
+        for (CueReport& cue : newCues_) {
+            events_.emplace_back(std::move(cue));
+        }
+        newCues_.clear();
+        return;
+    }
+    if (!section.crcOk) {
+        checkCrc(section);
+        return;
+    }
+    if (section.pid == kPatPid) {
+        if (table == kPatTable) {
+            presence_->pat(moment);
+        } else {
+            book_.hit(Check::kPatError2, section.pid, moment.arrival);
+        }
+    } else if (section.pid == kCatPid) {
+        if (table == kCatTable) {
+            presence_->cat(moment);
+        } else {
+            book_.hit(Check::kCatError, section.pid, moment.arrival);
+        }
+    } else if (section.pid <= kLastReservedPid) {
+        information_->section(section);
+    } else if (table == kPmtTable) {
+        presence_->pmt(section.pid, sectionTableIdExtension(section.bytes), moment);
+    }
+    if (section.repeated) {
+        return;
+    }
+    services_->section(section, newChanges_);
+    for (ChangeReport& change : newChanges_) {
+        if (changes_.size() == kChangesLimit) {
+            changes_.erase(changes_.begin());
+        }
+        changes_.push_back(change);
+        events_.emplace_back(std::move(change));
+    }
+    newChanges_.clear();
+    modelChanged_ = modelChanged_ || services_->model().revision != modelRevision_;
+}
+
+// Not from within a section: what reads it may go.
+void StreamAnalysis::applyModel() {
+    const ServiceModel& model = services_->model();
+    modelChanged_ = false;
+    modelRevision_ = model.revision;
+    referenced_.reset();
+    pmtPids_.reset();
+    cuePids_.reset();
+    for (uint16_t pid = 0; pid <= kLastReservedPid; ++pid) {
+        refer(pid);
+    }
+    refer(kNullPid);
+    if (model.networkPid) {
+        refer(*model.networkPid);
+    }
+    std::ranges::for_each(model.emmPids, [this](uint16_t pid) { refer(pid); });
+    for (PidRecord& record : pids_.all()) {
+        record.stream = false;
+        record.stillPicture = false;
+        record.clockPid = kNullPid;
+    }
+    for (const ProgramModel& program : model.programs) {
+        refer(program.pmtPid);
+        pmtPids_.set(program.pmtPid & (kPidCount - 1));
+        refer(program.pcrPid);
+        std::ranges::for_each(program.ecmPids, [this](uint16_t pid) { refer(pid); });
+        for (const StreamModel& stream : program.streams) {
+            refer(stream.pid);
+            std::ranges::for_each(stream.ecmPids, [this](uint16_t pid) { refer(pid); });
+            PidRecord& record = pids_.obtain(stream.pid);
+            if ((record.roles & kOverflowPid) == 0) {
+                record.stream = true;
+                record.kind = stream.kind;
+                record.stillPicture = stream.stillPicture;
+                record.clockPid = program.pcrPid;
+            }
+            if (stream.kind == StreamKind::kCue) {
+                cuePids_.set(stream.pid & (kPidCount - 1));
+            }
+        }
+    }
+    media_->setModel(model);
+    const std::bitset<kPidCount> tables = pmtPids_ | cuePids_;
+    for (uint32_t pid = kLastReservedPid + 1U; pid < kPidCount; ++pid) {
+        if (tables.test(pid)) {
+            pids_.obtain(static_cast<uint16_t>(pid));
+        }
+    }
+    for (PidRecord& record : pids_.all()) {
+        record.referenced = referenced_.test(record.pid);
+        record.mediaSlot = record.stream && !tables.test(record.pid) ? media_->slot(record.pid) : -1;
+        record.roles &= static_cast<uint8_t>(~kMediaWanted);
+        if (record.pid <= kLastReservedPid) {
+            continue;
+        }
+        if (tables.test(record.pid) && !record.sections) {
+            record.sections = std::make_unique<SectionAssembler>(record.pid);
+            record.roles |= kSectionsPid;
+        } else if (!tables.test(record.pid)) {
+            record.sections.reset();
+            record.roles &= static_cast<uint8_t>(~kSectionsPid);
+        }
+    }
+    presence_->setModel(model, momentAt(time_.now()));
+}
+
+}  // namespace meter
