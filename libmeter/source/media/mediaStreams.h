@@ -23,6 +23,9 @@ struct UnitPiece {
     Moment moment;
 };
 
+// Streams looked at, those with the lowest PIDs.
+inline constexpr std::size_t kMediaStreamsLimit = 256;
+
 class MediaStreams {
   public:
     static constexpr int kNoSlot = -1;

@@ -61,7 +61,7 @@ struct StreamDetails {
     std::vector<std::string> pages;       // teletext magazines with page, subtitle pages
     std::optional<uint8_t> componentTag;
     bool stillPicture = false;
-    std::optional<uint8_t> aacProfileLevel;  // ISO/IEC 14496-3, audioProfileLevelIndication
+    std::optional<uint8_t> aacProfileLevel;  // MPEG-4_audio_profile_and_level
 
     bool operator==(const StreamDetails&) const = default;
 };

@@ -37,7 +37,7 @@ struct StreamModel {
     StreamKind kind = StreamKind::kData;
     uint8_t audioType = 0;      // of the ISO 639 language descriptor; 0 without one
     bool stillPicture = false;  // video_stream_descriptor's still_picture_flag, or AVC_still_present
-    std::optional<uint8_t> aacProfileLevel;  // ISO/IEC 14496-3, audioProfileLevelIndication of a descriptor
+    std::optional<uint8_t> aacProfileLevel;  // MPEG-4_audio_profile_and_level
     std::vector<uint16_t> ecmPids;
 };
 
