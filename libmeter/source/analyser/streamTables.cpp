@@ -70,9 +70,6 @@ void StreamAnalysis::section(const Section& section) {
     } else if (table == kPmtTable) {
         presence_->pmt(section.pid, sectionTableIdExtension(section.bytes), moment);
     }
-    if (section.repeated) {
-        return;
-    }
     services_->section(section, newChanges_);
     for (ChangeReport& change : newChanges_) {
         if (changes_.size() == kChangesLimit) {
