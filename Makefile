@@ -79,10 +79,10 @@ fuzz:
 	    -artifact_prefix=build/fuzz/found/$$target- build/fuzz/corpus/$$target tests/fuzz/corpus/$$target || exit 1; \
 	done
 
-## bench         what the speed claims rest on
+## bench         what the speed claims rest on; BENCH=quick only sees that all of it runs
 bench: build
 	scripts/install-deps.sh bench
-	bench/run.sh
+	bench/run.sh $(BENCH)
 
 ## format check-format   clang-format on all sources, or a look whether it would change any
 format:

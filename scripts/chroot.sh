@@ -3,13 +3,16 @@
 # chroot.sh ARCH run COMMAND [ARG]...    runs a command in it, in this tree
 # chroot.sh ARCH try COMMAND [ARG]...    the same with a network and root's rights on a copy that is dropped afterwards
 #
-# ARCH `plain` is no build chroot but a Debian as its users have it, for trying packages.
+# ARCH `plain` is no build chroot but a Debian as its users have it, for trying packages. `bare` is what somebody has
+# who only just cloned this: Debian with git and make (and ccache). `chroot.sh bare try` keeps the packages that it
+# downloads and what the compiler made for the next time; the tree is at /root/kestor in it, with a build/ of its own,
+# which is build/bare outside.
 #
 # A Debian 12 of its own with the cross toolchain for ARCH, ARCH's libraries beside the machine's, and qemu to run what
 # was built. It lives in KESTOR_CHROOTS (default /var/cache/kestor), a few hundred megabytes each; deleting the
 # directory is all it takes to be rid of it. On the machine itself only mmdebstrap is installed. Needs root.
 #
-# Inside, the tree has the path that it has outside, and `run` has no network but a loopback of its own. Mounts are made
+# In the others the tree has the path that it has outside, and `run` has no network but a loopback of its own. Mounts are made
 # in a namespace of their own and end with the command.
 set -euo pipefail
 
@@ -20,9 +23,11 @@ shift 2
 host=$(dpkg --print-architecture)
 chroots=${KESTOR_CHROOTS:-/var/cache/kestor}
 root=$chroots/build-$arch
+place=$tree # inside
 
 build=yes
 case $arch in
+  bare) build=no toolchain=(git make ca-certificates ccache) place=/root/kestor ;;
   plain) build=no toolchain=(systemd systemd-sysv dbus procps iproute2 man-db) ;;
   "$host") toolchain=(build-essential) ;;
   arm64 | armhf) toolchain=(build-essential "crossbuild-essential-$arch" "libc6:$arch" "libstdc++6:$arch" qemu-user qemu-user-static) ;;
@@ -34,37 +39,60 @@ tools=() test_packages=()
 [ $build = no ] || test_packages=("libgtest-dev:$arch" "libgmock-dev:$arch" "libbenchmark-dev:$arch"
   python3-jsonschema python3-yaml libjs-dygraphs) # what the station answers, and what it serves
 
-# ISOLATION is --net for no network and none for the machine's; ROOT_KIND is copy for one whose changes are dropped.
+# ISOLATION is --net for no network and none for the machine's; ROOT_KIND is copy for one whose changes are dropped, and
+# disk for one of them that memory may not hold.
 inside() { # ISOLATION ROOT_KIND COMMAND [ARG]...
   local namespaces=(--mount --pid --ipc --uts --fork --kill-child) isolation=$1 kind=$2
   [ "$isolation" != --net ] || namespaces+=(--net)
   shift 2
+  # unshare holds signals back while it waits, and would outlive this shell with the lock in its hands.
   # shellcheck disable=SC2016 # expands inside
-  unshare "${namespaces[@]}" bash -euc '
-    root=$1 tree=$2 kind=$3 isolation=$4
-    shift 4
-    if [ "$kind" = copy ]; then
+  setpriv --pdeathsig KILL unshare "${namespaces[@]}" bash -euc '
+    root=$1 tree=$2 kind=$3 isolation=$4 place=$5 keep=$root.kept
+    shift 5
+    if [ "$kind" = disk ]; then
+      mkdir -p "$root.copy"
+      mount -n --bind "$root.copy" /mnt
+    elif [ "$kind" = copy ]; then
       mount -n -t tmpfs tmpfs /mnt
+    fi
+    if [ "$kind" != kept ]; then
       mkdir /mnt/upper /mnt/work /mnt/root
       mount -n -t overlay -o "lowerdir=$root,upperdir=/mnt/upper,workdir=/mnt/work" overlay /mnt/root
       root=/mnt/root
     fi
-    mkdir -p "$root$tree"
-    mount -n --bind "$tree" "$root$tree"
     mount -n -t proc proc "$root/proc"
     mount -n --rbind /dev "$root/dev"
     mount -n -t tmpfs -o mode=1777 tmpfs "$root/tmp"
+    mkdir -p "$root$place"
+    mount -n --bind "$tree" "$root$place"
     [ "$isolation" != --net ] || ip link set lo up
     if [ -e /etc/resolv.conf ]; then
       touch "$root/etc/resolv.conf"
       mount -n --bind "$(realpath /etc/resolv.conf)" "$root/etc/resolv.conf"
     fi
-    exec chroot "$root" /usr/bin/env -i HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
+    enter=(chroot "$root")
+    if [ "$kind" = disk ]; then
+      mount -n --rbind /sys "$root/sys"
+      mkdir -p "$keep/archives" "$keep/ccache" "$root/var/cache/ccache" "$tree/build/bare"
+      mount -n --bind "$keep/archives" "$root/var/cache/apt/archives"
+      mount -n --bind "$keep/ccache" "$root/var/cache/ccache"
+      mount -n --bind "$tree/build/bare" "$root$place/build"
+      # A work tree has its commits elsewhere.
+      commits=$(cd "$tree" && realpath "$(git rev-parse --git-common-dir)")
+      case $commits in "$tree"/*) ;; *) mkdir -p "$root$commits"; mount -n --rbind "$commits" "$root$commits" ;; esac
+      mkdir -p "$root/old"
+      cd "$root"
+      pivot_root . old
+      umount -l /old
+      enter=()
+    fi
+    exec "${enter[@]}" /usr/bin/env -i HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
       PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
       CCACHE_DIR=/var/cache/ccache CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache \
-      ${DEB_BUILD_OPTIONS:+DEB_BUILD_OPTIONS="$DEB_BUILD_OPTIONS"} \
-      sh -euc "cd \"\$0\"; exec \"\$@\"" "$tree" "$@"
-  ' inside "$root" "$tree" "$kind" "$isolation" "$@"
+      ${DEB_BUILD_OPTIONS:+DEB_BUILD_OPTIONS="$DEB_BUILD_OPTIONS"} ${CI_PRESETS:+CI_PRESETS="$CI_PRESETS"} \
+      sh -euc "cd \"\$0\"; exec \"\$@\"" "$place" "$@"
+  ' inside "$root" "$tree" "$kind" "$isolation" "$place" "$@"
 }
 
 # From the point release alone: libraries of two architectures install side by side only in one and the same version,
@@ -77,9 +105,11 @@ bootstrap() {
   mkdir -p "$chroots"
   rm -rf "$root.part"
   local architectures=$host include
+  local variant=apt
+  [ "$arch" != bare ] || variant=minbase
   [ "$arch" = "$host" ] || [ $build = no ] || architectures+=,$arch
   include=$(IFS=,; echo "${packages[*]}")
-  mmdebstrap --quiet --variant=apt --architectures="$architectures" --include="$include" \
+  setpriv --pdeathsig TERM mmdebstrap --quiet --variant=$variant --architectures="$architectures" --include="$include" \
     --aptopt='APT::Install-Recommends "false"' --skip=cleanup/apt \
     bookworm "$root.part" 'deb http://deb.debian.org/debian bookworm main'
   mv "$root.part" "$root"
@@ -108,6 +138,16 @@ exec {lock}>"/run/lock/kestor-chroot-$arch"
 case $mode in
   prepare) flock "$lock"; prepare ;;
   run) flock -s "$lock"; inside --net kept "$@" ;;
-  try) flock -s "$lock"; inside none copy "$@" ;;
+  try)
+    if [ "$arch" = bare ]; then
+      flock "$lock"
+      rm -rf "$root.copy" "$tree/build/bare"
+      trap 'rm -rf "$root.copy"' EXIT
+      inside none disk "$@"
+    else
+      flock -s "$lock"
+      inside none copy "$@"
+    fi
+    ;;
   *) echo "chroot.sh: $mode: neither prepare, run nor try" >&2; exit 2 ;;
 esac

@@ -14,6 +14,7 @@
 # network.
 set -euo pipefail
 
+# shellcheck disable=SC2034 # by name
 run=(
   # Toolchain.
   g++ cmake ninja-build pkg-config
@@ -28,7 +29,7 @@ run=(
   # The network of its own that the scripts make.
   iproute2 util-linux kmod procps
 )
-# shellcheck disable=SC2034 # by name
+# shellcheck disable=SC2034
 test=(scdoc libgtest-dev libgmock-dev libbenchmark-dev python3-jsonschema python3-yaml)
 # shellcheck disable=SC2034
 page=(chromium chromium-driver python3-selenium python3-zmq fonts-dejavu-core)
