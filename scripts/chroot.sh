@@ -58,7 +58,7 @@ inside() { # ISOLATION ROOT_KIND COMMAND [ARG]...
     fi
     if [ "$kind" != kept ]; then
       mkdir /mnt/upper /mnt/work /mnt/root
-      mount -n -t overlay -o "lowerdir=$root,upperdir=/mnt/upper,workdir=/mnt/work" overlay /mnt/root
+      mount -n -t overlay -o "lowerdir=$root,upperdir=/mnt/upper,workdir=/mnt/work,volatile" overlay /mnt/root # what is dropped need not reach a disk
       root=/mnt/root
     fi
     mount -n -t proc proc "$root/proc"

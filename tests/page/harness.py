@@ -240,9 +240,9 @@ class Browser:
 
     def main_thread_ms(self, seconds):
         """CPU time of the page's main thread, in ms a second, over so many seconds."""
-        before = self.metric("TaskDuration")
+        before = self.metric("ThreadTime")
         time.sleep(seconds)
-        return (self.metric("TaskDuration") - before) * 1000 / seconds
+        return (self.metric("ThreadTime") - before) * 1000 / seconds
 
     def metric(self, name):
         metrics = self.cdp("Performance.getMetrics")["metrics"]
