@@ -1,7 +1,7 @@
 // Active alarms and events as table rows, for the views that list them.
 import {askAcknowledgement} from './dialog.js';
 import {button, el, setAttribute, setClass, setText} from './dom.js';
-import {duration, isKnown, parseTime, quantity, time, visible} from './format.js';
+import {duration, isKnown, nameText, parseTime, quantity, time, visible} from './format.js';
 import {sign} from './state.js';
 
 function timeCell(text, store) {
@@ -16,7 +16,7 @@ function channelCell({group, channel, alarm}) {
   if (!group) return el('td', {class: 'muted', text: alarm ? 'probe' : visible(channel)});
   return el(
       'td', {class: 'text-cell'},
-      el('a', {href: `#channel/${group}`}, el('bdi', {text: shortened(channel || group)})));
+      el('a', {href: `#channel/${group}`}, el('bdi', {text: shortened(nameText(channel, group))})));
 }
 
 function shortened(text) {
@@ -32,6 +32,8 @@ function severityCell(severity) {
 }
 
 const kNumbers = new Set(['Value', 'Worst', 'Lasted']);
+
+export const kUnknownText = 'Not known yet.';
 
 function heads(texts) {
   return el(
@@ -58,10 +60,12 @@ export class AlarmTable {
               this.table));
   }
 
-  update(alarms, noneText = 'No alarm.') {
+  // `told`: the alarms, or null while nobody knows which there are.
+  update(told, noneText = 'No alarm.') {
+    const alarms = told ?? [];
     this.none.hidden = alarms.length > 0;
     this.table.hidden = alarms.length === 0;
-    setText(this.none, noneText);
+    setText(this.none, told ? noneText : kUnknownText);
     const wanted = new Set(alarms.map(({id}) => id));
     for (const [id, row] of this.rows) {
       if (wanted.has(id)) continue;
@@ -140,32 +144,45 @@ export class EventTable {
     const columns =
         ['Time', 'Event', 'Severity', ...(withChannel ? ['Channel'] : []), 'Alarm', 'What', 'Lasted'];
     this.table = el('table', {}, heads(columns), this.body);
-    this.none = el('p', {class: 'muted', text: 'No event.'});
+    this.none = el('p', {class: 'muted'});
+    this.problem = el('p', {class: 'trouble', role: 'status'});
     this.node =
-        el('div', {}, this.none,
+        el('div', {}, this.problem, this.none,
            el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Events'}, this.table));
     this.ids = new Set();
     this.events = [];
+    this.loaded = false;
+    this.showNone();
   }
 
   get oldest() {
     return this.events.at(-1)?.id;
   }
 
+  // Nothing is known of them.
   clear() {
     this.ids.clear();
     this.events = [];
     this.body.replaceChildren();
+    this.loaded = false;
     this.showNone();
   }
 
   showNone() {
     this.none.hidden = this.events.length > 0;
     this.table.hidden = this.events.length === 0;
+    setText(this.none, this.loaded ? 'No event.' : kUnknownText);
+  }
+
+  // They could not be read: those that there are stay, and are not said to be all.
+  fail(error) {
+    setText(this.problem, `The newest events could not be read, asking again: ${error.message}`);
   }
 
   // Adds those that are not there yet, each at its place; at most `most` are kept, the newest.
   add(events, most = Infinity) {
+    this.loaded = true;
+    setText(this.problem, '');
     for (const event of events) {
       if (this.ids.has(event.id)) continue;
       this.ids.add(event.id);

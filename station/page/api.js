@@ -1,7 +1,9 @@
 // The station's HTTP interface.
 
-const kBase = '/api/v1/';
+// Beside the page, wherever a proxy has put that.
+const kBase = new URL('api/v1/', document.baseURI).href;
 const kTimeoutMs = 15_000;
+const kImportTimeoutMs = 75_000;  // the station takes 60 s for one to come
 const kTokenKey = 'kestor-token';
 
 // What the station refused, or why it could not be asked. `field` names what was given wrongly, or is empty;
@@ -12,8 +14,9 @@ export class ApiError extends Error {
     this.status = status;
     this.field = field;
   }
+  // Whether a token, or another one, would do.
   get needsToken() {
-    return this.status === 401 || this.status === 403;
+    return this.status === 401;
   }
 }
 
@@ -28,9 +31,34 @@ async function refusal(answer) {
   return new ApiError(answer.status, String(text), String(problem.field ?? ''));
 }
 
+async function send(method, path, token, body, type, timeout = kTimeoutMs) {
+  const headers = {};
+  if (token) headers.Authorization = `Bearer ${token}`;
+  if (type) headers['Content-Type'] = type;
+  let answer;
+  try {
+    answer = await fetch(
+        kBase + path, {method, headers, body, cache: 'no-store', signal: AbortSignal.timeout(timeout)});
+  } catch {
+    throw new ApiError(0, 'The station does not answer.');
+  }
+  if (!answer.ok) throw await refusal(answer);
+  if (answer.status === 204) return null;
+  try {
+    return await answer.json();
+  } catch {
+    throw new ApiError(0, 'The station\'s answer was cut off.');
+  }
+}
+
 export class Api {
   constructor() {
     this.listeners = new Set();
+    // What changes need here: 'token', 'allowed' without one, or 'refused' whatever one has; null while
+    // unknown.
+    this.changes = null;
+    // Called when a change was refused for want of the right token; resolves to whether there is one at last.
+    this.onRefused = async () => false;
   }
 
   // Kept for this tab and until it closes, no longer.
@@ -42,35 +70,37 @@ export class Api {
       sessionStorage.setItem(kTokenKey, token);
     else
       sessionStorage.removeItem(kTokenKey);
+    this.tell();
+  }
+  tell() {
     for (const listener of this.listeners) listener();
   }
   get mayChange() {
-    return this.token !== '';
+    return this.changes === 'allowed' || (this.token !== '' && this.changes !== 'refused');
   }
-  // Calls `listener` when a token came or went; returns what ends that.
+  // Calls `listener` when what may be changed is another; returns what ends that.
   onToken(listener) {
     this.listeners.add(listener);
     return () => this.listeners.delete(listener);
   }
 
-  async request(method, path, body, type) {
-    const headers = {};
-    if (method !== 'GET' && this.token) headers.Authorization = `Bearer ${this.token}`;
-    if (type) headers['Content-Type'] = type;
-    let answer;
-    try {
-      answer = await fetch(
-          kBase + path, {method, headers, body, cache: 'no-store', signal: AbortSignal.timeout(kTimeoutMs)});
-    } catch {
-      throw new ApiError(0, 'The station does not answer.');
+  // The answer's JSON. A change that is refused for its token is sent again once there is another.
+  async request(method, path, body, type, timeout) {
+    for (;;) {
+      const token = method === 'GET' ? '' : this.token;
+      try {
+        return await send(method, path, token, body, type, timeout);
+      } catch (error) {
+        if (method === 'GET' || !error.needsToken || !await this.askAgain(token)) throw error;
+      }
     }
-    if (!answer.ok) throw await refusal(answer);
-    if (answer.status === 204) return null;
-    try {
-      return await answer.json();
-    } catch {
-      throw new ApiError(0, 'The station\'s answer was cut off.');
-    }
+  }
+
+  // Forgets a token that is not right any more.
+  async askAgain(refused) {
+    if (this.token && this.token !== refused) return true;  // another one came meanwhile
+    if (this.token) this.token = '';
+    return this.onRefused();
   }
 
   get(path) {
@@ -85,20 +115,30 @@ export class Api {
   remove(path) {
     return this.request('DELETE', path);
   }
-  // `piece`: bytes of a playlist, at most 64 KiB.
-  importPiece(piece) {
-    return this.request('POST', 'import', piece, 'text/plain');
+  // `bytes`: of a whole playlist, at most 16 MiB.
+  importPlaylist(bytes) {
+    return this.request('POST', 'import', bytes, 'text/plain', kImportTimeoutMs);
   }
 
-  // Whether the station takes changes with this token. Asks for the end of a maintenance window that cannot
-  // exist, which changes nothing.
+  // Asks what changes need here, and drops a token that is not right any more.
+  async loadAccess() {
+    try {
+      this.changes = (await send('GET', 'access', '')).changes;
+      if (this.token && !await this.accepts(this.token)) this.token = '';
+    } catch {
+      return;  // asked again with the next connection
+    }
+    this.tell();
+  }
+
+  // Whether this token is the right one. Throws an ApiError when that is not known.
   async accepts(token) {
-    const answer = await fetch(`${kBase}maintenance/0`, {
-      method: 'DELETE',
-      headers: {Authorization: `Bearer ${token}`},
-      signal: AbortSignal.timeout(kTimeoutMs),
-    });
-    return answer.status !== 401 && answer.status !== 403;
+    try {
+      return (await send('GET', 'access', token)).changes === 'allowed';
+    } catch (error) {
+      if (error.needsToken) return false;
+      throw error;
+    }
   }
 
   url(path) {

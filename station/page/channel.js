@@ -4,16 +4,24 @@ import {query} from './api.js';
 import {forgetSize, onPaletteChange} from './canvas.js';
 import {askMaintenance} from './dialog.js';
 import {button, el, setAttribute, setClass, setText} from './dom.js';
-import {isKnown, parseTime, quantity, time, visible} from './format.js';
+import {isKnown, nameText, parseTime, quantity, time, visible} from './format.js';
 import {Lamps} from './lamps.js';
 import {Pids} from './pids.js';
 import {kRanges, Plots} from './plots.js';
-import {isAwaited, look, sign, stateText} from './state.js';
+import {hasSignal, look, sign, stateText} from './state.js';
 import {drawStrip, stripText} from './strip.js';
 
 const kEventRows = 50;
+const kEventsAgainMs = 5_000;
 // Metrics that have a plot of their own beside; packets say what the bit rate says.
 const kNotPlotted = new Set(['packetsReceived', 'packets']);
+const kNotFound = 404;
+const kFailures = 3;  // in a row without an answer, before anybody is told
+const kNothing = {
+  alarms: [],
+  pids: [],
+  checks: []
+};
 const kAroundMs = 10 * 60_000;  // events shown around a chosen time
 
 export class ChannelView {
@@ -29,6 +37,7 @@ export class ChannelView {
         kRanges.find(({resolution}) => String(resolution) === parameters.get('r')) ?? this.rangeFor(this.at);
     this.closed = false;
     this.asking = false;
+    this.failures = 0;  // in a row
     this.ends = [];
     root.replaceChildren(el('p', {class: 'hint', role: 'status', text: 'Asking the station …'}));
     if (this.store.meta)
@@ -140,25 +149,59 @@ export class ChannelView {
       const detail = await this.api.get(`channels/${encodeURIComponent(this.group)}`);
       if (!this.closed) this.show(detail);
     } catch (error) {
-      if (!this.closed && error.status) this.fail(error);
+      if (!this.closed) this.fail(error);
     } finally {
       this.asking = false;
     }
   }
 
   fail(error) {
+    if (!this.name.firstChild) setText(this.name, visible(this.group));
+    if (error.status === kNotFound) {
+      this.showGone(error);
+      return;
+    }
+    this.failures++;
+    if (!error.status && this.failures < kFailures) return;
     this.problem.hidden = false;
-    setText(this.problem, error.message);
-    if (!this.name.textContent) setText(this.name, visible(this.group));
+    const of = this.shownTime ? ` What is shown is of ${time(this.shownTime, this.store.now())}.` : '';
+    setText(this.problem, error.message + of);
+  }
+
+  // There is no such channel, or not any more: nothing is known of it.
+  showGone(error) {
+    if (this.gone) return;
+    this.gone = true;
+    this.problem.hidden = false;
+    setText(
+        this.problem,
+        this.shownTime ? 'This channel was removed. Its events stay; its history does not.' : error.message);
+    setText(this.sign, sign(null));
+    setClass(this.title, 'title-line is-waiting');
+    setText(this.state, this.shownTime ? 'removed' : 'unknown');
+    this.facts.forget();
+    this.lamps.update(kNothing);
+    this.pids.update(kNothing);
+    this.alarms.update([]);
+    this.plotPanel.hidden = true;
+    this.controls.hidden = true;
+    this.drawStrip();
   }
 
   show(detail) {
     this.problem.hidden = true;
+    this.failures = 0;
+    this.shownTime = parseTime(detail.time);
+    if (this.gone) {
+      this.gone = false;
+      this.plotPanel.hidden = this.controls.hidden = false;
+      this.showRange(this.range);
+    }
     setText(this.sign, sign(look(detail.state, detail.severity)));
     setClass(this.title, `title-line is-${look(detail.state, detail.severity)}`);
     if (this.shownName !== detail.name) {
       this.shownName = detail.name;
-      this.name.replaceChildren(el('bdi', {text: visible(detail.name)}));
+      this.name.replaceChildren(el('bdi', {text: nameText(detail.name, detail.group)}));
     }
     setText(
         this.state, stateText(detail.state, detail.severity) + (detail.maintenance ? ', maintenance' : ''));
@@ -192,9 +235,13 @@ export class ChannelView {
     try {
       const events =
           await this.api.get(`events?${query({channel: this.group, limit: kEventRows, ...around})}`);
-      if (!this.closed) this.events.add(events, kEventRows);
-    } catch {
-      // The banner says that the station does not answer; the next alarm asks again.
+      if (this.closed) return;
+      this.events.add(events, kEventRows);
+    } catch (error) {
+      if (this.closed) return;
+      this.events.fail(error);
+      clearTimeout(this.eventsAgain);
+      this.eventsAgain = setTimeout(() => this.closed || this.loadEvents(), kEventsAgainMs);
     }
   }
 
@@ -241,11 +288,11 @@ export class ChannelView {
     this.controls.replaceChildren(
         ...(this.api.mayChange ?
                 [
-                  button('Maintenance', () => askMaintenance(this.api, this.group)),
+                  button('Maintenance', () => askMaintenance(this.context, this.group)),
                   el('a', {href: `#edit?channel=${this.group}`, text: 'Edit'})
                 ] :
                 []));
-    this.alarms.update(this.store.alarmsByGroup.get(this.group) ?? []);
+    this.alarms.update(this.store.alarms && this.store.alarmsOf(this));
   }
 }
 
@@ -266,13 +313,19 @@ class Facts {
     setText(value, text);
   }
 
+  // Nothing is known any more.
+  forget() {
+    for (const [term, value] of this.values)
+      if (term !== 'Group') setText(value, '–');
+  }
+
   update(detail, store) {
     const {identity} = detail;
     const known = (value, unit = '') => (isKnown(value) ? quantity(value, unit) : '–');
     const port = (value) => (isKnown(value) ? String(value) : '–');
     this.set(
         'Group', identity.destinationPort ? `${detail.group}:${identity.destinationPort}` : detail.group);
-    const bitRate = isAwaited(detail) ? null : detail.bitRate;
+    const bitRate = hasSignal(detail, detail.alarms) ? detail.bitRate : null;
     this.set('Bit rate', quantity(bitRate, store.unit('bitRate')));
     const listed = identity.listedSource && identity.listedSource !== identity.source ?
         ` (listed: ${visible(identity.listedSource)})` :

@@ -1,30 +1,36 @@
 // Dialogs: a form in a <dialog>, with what was refused shown at the field that is meant.
-import {button, el, field} from './dom.js';
+import {button, el, field, setText} from './dom.js';
 import {localInput} from './format.js';
+import {ChannelPicker} from './picker.js';
+
+let dialogs = 0;
 
 // Shows a form. `fields`: {name: {label, input, hint}}; submit(values) is called with the inputs' values by
-// name and throws an ApiError to keep the dialog open. Resolves to true when it went through, false when it
-// was cancelled.
-export function ask({title, text = '', fields = {}, action, danger = false, submit}) {
+// name, true or false for a tick, and throws an ApiError to keep the dialog open. Without an action there is
+// something to read alone. Resolves to true when it went through, false when it was cancelled.
+export function ask({title, text = '', fields = {}, action = '', danger = false, submit}) {
   return new Promise((resolve) => {
-    const made =
-        Object.entries(fields).map(([name, {label, input, hint}]) => [name, field(label, input, hint)]);
+    const made = Object.entries(fields).map(
+        ([name, {label, input, hint, more}]) => [name, field(label, input, hint, more)]);
     const problem = el('p', {class: 'field-error', role: 'alert'});
-    const go = el('button', {type: 'submit', class: danger ? 'danger' : 'primary', text: action});
-    const heading = el('h2', {id: 'dialog-title', text: title});
+    const go =
+        action ? el('button', {type: 'submit', class: danger ? 'danger' : 'primary', text: action}) : null;
+    const heading = el('h2', {id: `dialog${++dialogs}`, text: title});
     const form =
         el('form', {method: 'dialog', novalidate: true}, heading, text ? el('p', {text}) : null,
            ...made.map(([, one]) => one.wrapper), problem,
-           el('p', {class: 'actions'}, button('Cancel', () => dialog.close()), go));
-    const dialog = el('dialog', {'aria-labelledby': 'dialog-title'}, form);
+           el('p', {class: 'actions'}, button(action ? 'Cancel' : 'Close', () => dialog.close()), go));
+    const dialog = el('dialog', {'aria-labelledby': heading.id}, form);
     let done = false;
     form.addEventListener('submit', async (event) => {
       event.preventDefault();
+      if (!go || go.disabled) return;
       go.disabled = true;
-      problem.textContent = '';
+      setText(problem, '');
       for (const [, one] of made) one.fail();
       try {
-        await submit(Object.fromEntries(made.map(([name, one]) => [name, one.input.value])));
+        await submit(Object.fromEntries(
+            made.map(([name, {input}]) => [name, input.type === 'checkbox' ? input.checked : input.value])));
         done = true;
         dialog.close();
       } catch (error) {
@@ -40,30 +46,32 @@ export function ask({title, text = '', fields = {}, action, danger = false, subm
     document.body.append(dialog);
     dialog.showModal();
     form.querySelector('input, textarea, select')?.focus();
+    if (text && !made.length) heading.tabIndex = -1;
   });
 }
 
 // Puts what the station said at the field that it named, or into `problem` when no such field is there.
 export function showRefusal(error, fieldsByName, problem) {
   if (error.needsToken)
-    problem.textContent = `${error.message} Enter the token by the button at the top right.`;
+    setText(problem, `${error.message} Enter the token by the button at the top right.`);
   else if (error.field && fieldsByName[error.field])
     fieldsByName[error.field].fail(error.message);
   else
-    problem.textContent = error.message;
+    setText(problem, error.message);
 }
 
-// Asks for the token, or drops it. It stays in this tab's memory of the session, and goes nowhere but to the
-// station.
-export async function askToken(api) {
-  if (api.mayChange) {
-    api.token = '';
-    return;
-  }
+export const kNoChanges =
+    'This station takes no changes over the network. To allow them, write a token into a file and name it as ' +
+    'token_file in station.toml. On the station\'s own machine kestorctl needs none.';
+
+// Asks for the token. It stays in this tab's memory of the session, and goes nowhere but to the station.
+// Resolves to whether there is one.
+export function askToken(api, why = '') {
+  if (api.changes === 'refused') return ask({title: 'Look only', text: kNoChanges});
   const input = el('input', {type: 'password', autocomplete: 'off', spellcheck: 'false'});
-  await ask({
+  return ask({
     title: 'Allow changes',
-    text: 'The station takes changes from those who have its token. It is kept until this tab closes.',
+    text: `${why}The station takes changes from those who have its token. It is kept until this tab closes.`,
     fields: {token: {label: 'Token', input}},
     action: 'Allow',
     async submit({token}) {
@@ -73,8 +81,8 @@ export async function askToken(api) {
       let accepted;
       try {
         accepted = await api.accepts(trimmed);
-      } catch {
-        throw refused('The station does not answer.');
+      } catch (error) {
+        throw refused(error.message);
       }
       if (!accepted) throw refused('The station does not take this token.');
       api.token = trimmed;
@@ -111,7 +119,7 @@ export function askAcknowledgement(api, alarms) {
       rememberBy(by);
       for (const alarm of alarms) {
         try {
-          await api.post(`alarms/${alarm.id}/acknowledge`, {by, remark});
+          await api.post(`alarms/${alarm.id}/acknowledge`, {by, remark: oneLine(remark)});
         } catch (error) {
           // One of several may have cleared meanwhile.
           if (error.status !== kNotFound || alarms.length === 1) throw error;
@@ -121,15 +129,27 @@ export function askAcknowledgement(api, alarms) {
   });
 }
 
-// Sets a maintenance window; `group` is what the dialog begins with, empty for all channels.
-export function askMaintenance(api, group = '') {
+// A remark is one line wherever it is shown.
+function oneLine(text) {
+  return text.trim().replace(/\s*[\r\n\u2028\u2029]+\s*/g, ' ');
+}
+
+// Sets a maintenance window for a channel, or for all by a tick of their own: nobody silences all of them by
+// leaving something out. `group` is what the dialog begins with.
+export function askMaintenance({api, store}, group = '') {
+  const picker = new ChannelPicker(store, group);
+  const all = el('input', {type: 'checkbox'});
+  all.addEventListener('change', () => {
+    picker.input.disabled = all.checked;
+  });
   const now = new Date();
   const hour = new Date(now.getTime() + 3_600_000);
   return ask({
     title: 'Maintenance window',
     text: 'Alarms are recorded and shown, and nobody is told of them.',
     fields: {
-      group: {label: 'Channel (group; empty for all)', input: el('input', {type: 'text', value: group})},
+      group: {label: 'Channel', input: picker.input, more: picker.list},
+      all: {label: 'All channels', input: all},
       from: {label: 'From', input: el('input', {type: 'datetime-local', value: localInput(now)})},
       until: {label: 'Until', input: el('input', {type: 'datetime-local', value: localInput(hour)})},
       by: {label: 'Who', input: byInput()},
@@ -138,12 +158,21 @@ export function askMaintenance(api, group = '') {
     action: 'Set',
     async submit(values) {
       rememberBy(values.by);
-      const body = {until: inUtc(values.until, 'until'), by: values.by, remark: values.remark};
+      const body = {until: inUtc(values.until, 'until'), by: values.by, remark: oneLine(values.remark)};
       if (values.from) body.from = inUtc(values.from, 'from');
-      if (values.group.trim()) body.group = values.group.trim();
+      if (!values.all) body.group = chosenGroup(picker);
       await api.post('maintenance', body);
     },
   });
+}
+
+function chosenGroup(picker) {
+  const channel = picker.channel();
+  if (channel) return channel.group;
+  const text = picker.input.value.trim() ?
+      'No channel, or more than one, is like that: choose from the list.' :
+      'Choose a channel, or tick "All channels".';
+  throw Object.assign(new Error(text), {field: 'group'});
 }
 
 function inUtc(text, fieldName) {

@@ -19,14 +19,12 @@ export function el(tag, attributes = {}, ...children) {
   return node;
 }
 
-const shown = new WeakMap();
-
-// Sets the text only where it differs from what this function set before, so that what did not change costs
-// nothing and no screen reader is told of it.
+// Sets the text only where it differs from what the node has, so that what did not change costs nothing and
+// no screen reader is told of it.
 export function setText(node, text) {
-  if (shown.get(node) === text) return;
-  shown.set(node, text);
-  node.textContent = text;
+  const child = node.firstChild;
+  const same = child ? child === node.lastChild && child.data === text : text === '';
+  if (!same) node.textContent = text;
 }
 
 export function setClass(node, name) {
@@ -41,16 +39,16 @@ export function setAttribute(node, name, value) {
     node.setAttribute(name, value);
 }
 
-// A labelled input: {wrapper, input, fail(text)}. fail() shows under the input what is wrong with it and ties
-// the two for screen readers; without a text it takes that away.
+// A labelled input: {wrapper, input, fail(text)}; `more` stands beside it. fail() shows under the input what
+// is wrong with it and ties the two for screen readers; without a text it takes that away.
 let fields = 0;
-export function field(label, input, hint = '') {
+export function field(label, input, hint = '', more = null) {
   const id = `field${++fields}`;
   input.id = id;
   const error = el('p', {class: 'field-error', id: `${id}-error`, role: 'alert'});
   const wrapper =
-      el('div', {class: 'field'}, el('label', {for: id, text: label
-         }), input, hint ? el('p', {class: 'field-hint', id: `${id}-hint`, text: hint}) : null, error);
+      el('div', {class: input.type === 'checkbox' ? 'field tick' : 'field'}, el('label', {for: id, text: label
+         }), input, more, hint ? el('p', {class: 'field-hint', id: `${id}-hint`, text: hint}) : null, error);
   if (hint) input.setAttribute('aria-describedby', `${id}-hint`);
   return {
     wrapper,

@@ -1,16 +1,18 @@
 // Adding, changing and removing channels, and importing playlists.
-import {ask, askToken, showRefusal} from './dialog.js';
+import {parseAddress} from './address.js';
+import {ask, askToken, kNoChanges, showRefusal} from './dialog.js';
 import {button, el, field, setText} from './dom.js';
 import {count, visible} from './format.js';
-import {cutPlaylist} from './playlist.js';
 
 const kRows = 100;
 const kMostNotes = 200;
+const kPlaylistBytes = 16 * 1024 * 1024;  // what the station takes
+const kLabelsHint = 'name=value, one a line';
 
-// "site=north, pack=2" or a line each; throws with the field's name when it is neither.
+// A label a line: "site=north"; values may have commas. Throws with the field's name when one is none.
 function parseLabels(text) {
   const labels = {};
-  for (const part of text.split(/[\n,]/).map((one) => one.trim()).filter(Boolean)) {
+  for (const part of text.split('\n').map((one) => one.trim()).filter(Boolean)) {
     const at = part.indexOf('=');
     if (at < 1)
       throw Object.assign(
@@ -18,6 +20,15 @@ function parseLabels(text) {
     labels[part.slice(0, at).trim()] = part.slice(at + 1).trim();
   }
   return labels;
+}
+
+// As parseAddress(), with the field's name in what it throws.
+function addressOf(text) {
+  try {
+    return parseAddress(text);
+  } catch (error) {
+    throw Object.assign(error, {field: 'group'});
+  }
 }
 
 function labelText(labels) {
@@ -46,9 +57,9 @@ export class EditView {
   }
 
   build() {
-    this.locked =
-        el('div', {class: 'panel'}, el('p', {text: 'Looking only: changes need the station\'s token.'}),
-           el('p', {}, button('Enter the token', () => askToken(this.api), {class: 'primary'})));
+    this.lockedText = el('p');
+    this.unlock = button('Enter the token', () => askToken(this.api), {class: 'primary'});
+    this.locked = el('div', {class: 'panel view'}, this.lockedText, el('p', {}, this.unlock));
     this.search = el('input', {
       type: 'search',
       placeholder: 'Search name, group, label',
@@ -83,7 +94,15 @@ export class EditView {
               el('p', {class: 'actions'}, this.more))));
   }
 
+  // Whether something was typed that loading the page anew would lose.
+  isUsed() {
+    return [...this.changes.querySelectorAll('input, textarea')].some((input) => input.value !== '');
+  }
+
   showAccess() {
+    const refused = this.api.changes === 'refused';
+    setText(this.lockedText, refused ? kNoChanges : 'Looking only: changes need the station\'s token.');
+    this.unlock.hidden = refused;
     this.locked.hidden = this.api.mayChange;
     this.changes.hidden = !this.api.mayChange;
     this.showChannels(true);
@@ -97,11 +116,15 @@ export class EditView {
 
   makeAddForm() {
     this.addFields = {
-      group: field(
-          'Group',
-          el('input', {type: 'text', placeholder: '239.1.1.1', spellcheck: 'false', autocomplete: 'off'})),
+      group: field('Group', el('input', {
+                     type: 'text',
+                     placeholder: '239.1.1.1 or udp://@239.1.1.1:5000',
+                     spellcheck: 'false',
+                     autocomplete: 'off'
+                   })),
       name: field('Name', el('input', {type: 'text', autocomplete: 'off'})),
-      labels: field('Labels', el('textarea', {rows: 2, placeholder: 'site=north', spellcheck: 'false'})),
+      labels: field(
+          'Labels', el('textarea', {rows: 2, placeholder: 'site=north', spellcheck: 'false'}), kLabelsHint),
       profile: field('Profile', el('select')),
     };
     const problem = el('p', {class: 'field-error wide', role: 'alert'});
@@ -110,15 +133,20 @@ export class EditView {
         el('form', {class: 'form', novalidate: true},
            ...Object.values(this.addFields).map(({wrapper}) => wrapper), problem, done,
            el('p', {class: 'actions wide'}, el('button', {type: 'submit', class: 'primary', text: 'Add'})));
-    form.addEventListener('submit', async (event) => {
-      event.preventDefault();
+    // What came of the last one, until the next is begun.
+    const forget = () => {
       setText(problem, '');
       setText(done, '');
       for (const one of Object.values(this.addFields)) one.fail();
+    };
+    form.addEventListener('input', forget);
+    form.addEventListener('submit', async (event) => {
+      event.preventDefault();
+      forget();
       try {
         const group = await this.add();
-        setText(done, `${group} was added.`);
         form.reset();
+        setText(done, `${group} was added.`);
       } catch (error) {
         showRefusal(error, this.addFields, problem);
       }
@@ -129,13 +157,14 @@ export class EditView {
   }
 
   async add() {
-    const group = this.addFields.group.input.value.trim();
+    const {group, port, source} = addressOf(this.addFields.group.input.value);
     const name = this.addFields.name.input.value;
-    if (!group) throw Object.assign(new Error('A group is needed, such as 239.1.1.1.'), {field: 'group'});
     const body = {labels: parseLabels(this.addFields.labels.input.value), enabled: true};
     if (name) body.name = name;
     const profile = this.addFields.profile.input.value;
     if (profile) body.profile = profile;
+    if (port) body.port = port;
+    if (source) body.source = source;
     if (this.store.channels.has(group))
       throw Object.assign(new Error('There is such a channel already: change it below.'), {field: 'group'});
     await this.api.put(`channels/${encodeURIComponent(group)}`, body);
@@ -158,7 +187,8 @@ export class EditView {
            problem, result, el('p', {class: 'actions wide'}, go));
     form.addEventListener('submit', async (event) => {
       event.preventDefault();
-      for (const place of [problem, result]) place.replaceChildren();
+      setText(problem, '');
+      setText(result, '');
       for (const one of [text, file]) one.fail();
       const [chosen] = file.input.files;
       go.disabled = true;
@@ -184,18 +214,9 @@ export class EditView {
   }
 
   async importAll(bytes, result) {
-    const {pieces, tooLarge} = cutPlaylist(bytes);
-    if (!pieces.length)
-      throw Object.assign(new Error('There is no address in this playlist.'), {field: 'text'});
-    const sum = {added: 0, changed: 0, skipped: tooLarge, notes: []};
-    for (const [place, piece] of pieces.entries()) {
-      if (pieces.length > 1)
-        result.replaceChildren(el('p', {text: `Part ${place + 1} of ${pieces.length} …`}));
-      const answer = await this.api.importPiece(piece);
-      for (const name of ['added', 'changed', 'skipped']) sum[name] += answer[name];
-      sum.notes.push(
-          ...answer.notes.map((note) => (pieces.length > 1 ? `part ${place + 1}: ${note}` : note)));
-    }
+    if (bytes.length > kPlaylistBytes)
+      throw Object.assign(new Error('A playlist has at most 16 MiB.'), {field: 'text'});
+    const sum = await this.api.importPlaylist(bytes);
     const shown =
         sum.notes.slice(0, kMostNotes).map((note) => el('li', {}, el('bdi', {text: visible(note)})));
     const rest = sum.notes.length - shown.length;
@@ -225,7 +246,7 @@ export class EditView {
 
   makeRow(channel) {
     const {info} = channel;
-    const name = visible(info.name);
+    const {name} = channel;
     const actions = this.api.mayChange ?
         [
           button('Change', () => this.change(channel), {class: 'small', 'aria-label': `Change ${name}`}), ' ',
@@ -267,7 +288,7 @@ export class EditView {
       title: `Change ${channel.group}`,
       fields: {
         name: {label: 'Name', input: el('input', {type: 'text', value: info.name, autocomplete: 'off'})},
-        labels: {label: 'Labels', input: labelArea(info.labels)},
+        labels: {label: 'Labels', input: labelArea(info.labels), hint: kLabelsHint},
         profile: {label: 'Profile', input: profile},
         number: {
           label: 'Number',
@@ -276,9 +297,12 @@ export class EditView {
       },
       action: 'Change',
       submit: async (values) => {
-        const body = {name: values.name, labels: parseLabels(values.labels), profile: values.profile};
-        if (values.number.trim() || info.number) body.number = wholeNumber(values.number);
-        await this.api.put(`channels/${channel.group}`, body);
+        const body = {};  // what was changed, and nothing that was only shown
+        if (values.name !== info.name) body.name = values.name;
+        if (values.labels !== labelText(info.labels)) body.labels = parseLabels(values.labels);
+        if (values.profile !== info.profile) body.profile = values.profile;
+        if (values.number.trim() !== String(info.number ?? '')) body.number = wholeNumber(values.number);
+        if (Object.keys(body).length) await this.api.put(`channels/${channel.group}`, body);
       },
     });
   }
@@ -286,7 +310,7 @@ export class EditView {
   remove(channel) {
     return ask({
       title: 'Remove the channel?',
-      text: `${visible(channel.info.name)} (${
+      text: `${channel.name} (${
           channel.group}) is no longer watched, and its history is forgotten. Its events stay.`,
       action: 'Remove',
       danger: true,

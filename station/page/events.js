@@ -1,14 +1,18 @@
 // Active alarms, what happened, and maintenance windows.
-import {AlarmTable, EventTable} from './alarmTable.js';
+import {AlarmTable, EventTable, kUnknownText} from './alarmTable.js';
 import {query} from './api.js';
 import {askAcknowledgement, askMaintenance, showRefusal} from './dialog.js';
 import {button, el, field, setText} from './dom.js';
 import {localInput, parseTime, time, visible} from './format.js';
+import {ChannelPicker} from './picker.js';
 
 const kPage = 100;
 const kMostRows = 2000;
 const kDownloadLimit = 1000;  // what the station gives in one answer
-const kSuggestions = 50;
+const kAgainMs = 5_000;       // after a failure
+
+const kGroup = /^\d+(\.\d+){3}$/;
+const kMostText = `These are ${kMostRows} events, the most that are listed; choose a time for older ones.`;
 
 export class EventsView {
   constructor(root, context, parameters) {
@@ -18,6 +22,7 @@ export class EventsView {
     this.api = context.api;
     this.chosen = Object.fromEntries(parameters);
     this.closed = false;
+    this.generation = 0;  // of the filters
     this.ends = [];
     this.build();
     const {store} = this;
@@ -33,6 +38,7 @@ export class EventsView {
 
   close() {
     this.closed = true;
+    clearTimeout(this.retry);
     for (const end of this.ends) end();
   }
 
@@ -43,9 +49,12 @@ export class EventsView {
     this.acknowledgeAll = button(
         'Acknowledge all shown',
         () => askAcknowledgement(this.api, this.shownAlarms().filter((alarm) => !alarm.acknowledged)));
-    this.addWindow =
-        button('Set a window', () => this.changeMaintenance(askMaintenance(this.api, this.group() ?? '')));
-    this.windows = el('div');
+    this.addWindow = button(
+        'Set a window',
+        () => this.changeMaintenance(askMaintenance(this.context, this.picker.channel()?.group ?? '')));
+    this.windows = el('div', {}, el('p', {class: 'muted', text: kUnknownText}));
+    this.windowsProblem = el('p', {class: 'trouble', role: 'status'});
+    this.most = el('span', {class: 'note', hidden: true, text: kMostText});
     this.older = button('Older', () => this.loadOlder());
     this.csv = el('a', {download: 'events.csv', text: 'CSV'});
     this.json = el('a', {download: 'events.json', text: 'JSON'});
@@ -60,25 +69,19 @@ export class EventsView {
               this.acknowledgeAll,
               el('a', {href: this.api.url('alarms'), download: 'alarms.json', text: 'JSON'})
             ],
-            this.alarms.node),
-        section('Maintenance', [this.addWindow], this.windows),
+            el('div', {class: 'of-station'}, this.alarms.node)),
+        section('Maintenance', [this.addWindow], this.windowsProblem, this.windows),
         section(
             'Events',
             [el('span', {class: 'note', text: `newest ${kDownloadLimit} that pass:`}), this.csv, this.json],
-            this.events.node, el('p', {class: 'actions'}, this.older))));
+            this.events.node, el('p', {class: 'actions'}, this.most, this.older))));
   }
 
   makeFilters() {
     const {chosen} = this;
-    const list = el('datalist', {id: 'channel-names'});
+    this.picker = new ChannelPicker(this.store, chosen.channel ?? '');
     this.fields = {
-      channel: field('Channel', el('input', {
-                       type: 'search',
-                       list: 'channel-names',
-                       placeholder: 'name or group',
-                       value: chosen.channel ?? '',
-                       spellcheck: 'false'
-                     })),
+      channel: field('Channel', this.picker.input),
       severity: field('Severity', el('select')),
       kind: field('Event', el('select')),
       since: field('From', el('input', {type: 'datetime-local', value: this.localTime(chosen.since)})),
@@ -87,28 +90,16 @@ export class EventsView {
     for (const [name, {input}] of Object.entries(this.fields)) {
       input.addEventListener(name === 'channel' ? 'input' : 'change', () => this.filterChanged());
     }
-    this.fields.channel.input.addEventListener('input', () => this.suggest(list));
     return el(
         'div', {class: 'panel', role: 'search', 'aria-label': 'Filters'},
-        el('div', {class: 'filters'}, ...Object.values(this.fields).map(({wrapper}) => wrapper), list,
-           button('Show all', () => this.resetFilters())),
+        el('div', {class: 'filters'}, ...Object.values(this.fields).map(({wrapper}) => wrapper),
+           this.picker.list, button('Show all', () => this.resetFilters())),
         this.problem);
   }
 
   localTime(text) {
     const date = parseTime(text);
     return date ? localInput(date) : '';
-  }
-
-  suggest(list) {
-    const typed = this.fields.channel.input.value.toLowerCase();
-    const found = [];
-    for (const channel of this.store.channels.values()) {
-      if (found.length >= kSuggestions) break;
-      if (channel.searchText.includes(typed)) found.push(channel);
-    }
-    list.replaceChildren(
-        ...found.map(({group, info}) => el('option', {value: group, text: visible(info.name)})));
   }
 
   fillChoices() {
@@ -147,89 +138,149 @@ export class EventsView {
     }, 250);
   }
 
-  // The group that the channel field means: a group as typed, or the one channel of that name; null for none
-  // typed, undefined when there is no such channel.
-  group() {
-    const text = this.chosen.channel;
-    if (!text) return null;
-    if (this.store.channels.has(text) || /^\d+(\.\d+){3}$/.test(text)) return text;
-    const wanted = text.toLowerCase();
-    const found = [...this.store.channels.values()].filter(({info}) => info.name.toLowerCase() === wanted);
-    return found.length === 1 ? found[0].group : undefined;
-  }
-
   filterQuery(more) {
-    const {severity, kind, since, until} = this.chosen;
-    return query({channel: this.group() ?? '', severity, kind, since, until, ...more});
+    const {channel, severity, kind, since, until} = this.chosen;
+    return query({channel, severity, kind, since, until, ...more});
   }
 
-  // Alarms that pass: the channel field finds any part of name or group here.
+  // Alarms that pass, by the rule that events are asked for: a whole group, or a part of name or group. Null
+  // while nobody knows which there are.
   shownAlarms() {
     const {channel, severity} = this.chosen;
     const wanted = channel?.toLowerCase();
-    return this.store.alarms.filter(
-        (alarm) => (!severity || alarm.severity === severity) &&
-            (!wanted || alarm.channel.toLowerCase().includes(wanted) || alarm.group === wanted));
+    const named = kGroup.test(wanted ?? '') ?
+        ({group}) => group === wanted :
+        (alarm) => alarm.channel.toLowerCase().includes(wanted) || alarm.group?.includes(wanted);
+    return this.store.alarms?.filter(
+               (alarm) => (!severity || alarm.severity === severity) && (!wanted || named(alarm))) ??
+        null;
   }
 
   showAlarms() {
     if (document.hidden) return;
     const shown = this.shownAlarms();
-    this.alarms.update(shown, this.store.alarms.length ? 'No alarm passes the filters.' : 'No alarm.');
-    this.acknowledgeAll.disabled = shown.every((alarm) => alarm.acknowledged);
+    this.alarms.update(shown, this.store.alarms?.length ? 'No alarm passes the filters.' : 'No alarm.');
+    this.acknowledgeAll.disabled = !shown || shown.every((alarm) => alarm.acknowledged);
   }
 
   // Something happened: what is new goes to the top.
-  async changed() {
+  changed() {
     this.showAlarms();
-    if (!this.store.connection.live) return;
     this.loadMaintenance();
-    await this.load({limit: kPage});
+    return this.loadNewest();
   }
 
-  async reload() {
+  // Filters are others: nothing is known of the events that pass them.
+  reload() {
+    this.generation++;
     this.events.clear();
-    await this.load({limit: kPage}, true);
-    this.showAlarms();
-  }
-
-  async load(more, reset = false) {
-    const mine = this.generation = reset ? (this.generation ?? 0) + 1 : this.generation ?? 0;
-    const {channel} = this.fields;
-    if (this.group() === undefined) {
-      channel.fail();
-      setText(this.problem, 'No single channel has this name: events need a whole name or a group.');
-      return;
-    }
+    this.older.hidden = this.most.hidden = true;
     this.csv.href = this.api.url(`events?${this.filterQuery({limit: kDownloadLimit, format: 'csv'})}`);
     this.json.href = this.api.url(`events?${this.filterQuery({limit: kDownloadLimit})}`);
+    this.showAlarms();
+    return this.loadNewest();
+  }
+
+  // Events page by page, newest first, until one that is known; all of them or none are added, so that there
+  // is never a hole in the list. One at a time; what happens meanwhile is asked for afterwards.
+  async loadNewest() {
+    if (this.loading) {
+      this.again = true;
+      return;
+    }
+    this.loading = true;
+    const mine = this.generation;
     try {
-      const events = await this.api.get(`events?${this.filterQuery(more)}`);
-      if (this.closed || mine !== this.generation) return;
-      setText(this.problem, '');
-      this.events.add(events, kMostRows);
-      if (more.before || reset)
-        this.older.hidden = events.length < kPage || this.events.events.length >= kMostRows;
+      const events = await this.untilKnown();
+      if (this.isOf(mine)) this.take(events);
     } catch (error) {
-      if (!this.closed && error.status) {
-        setText(this.problem, '');
-        showRefusal(error, this.fields, this.problem);
-      }
+      if (this.isOf(mine)) this.fail(error);
+    }
+    this.loading = false;
+    if ((this.again || mine !== this.generation) && !this.closed) {
+      this.again = false;
+      this.loadNewest();
     }
   }
 
-  loadOlder() {
-    return this.load({limit: kPage, before: this.events.oldest});
+  async untilKnown() {
+    const mine = this.generation;
+    const events = [];
+    for (;;) {
+      const before = events.at(-1)?.id;
+      const page = await this.api.get(`events?${this.filterQuery({limit: kPage, before})}`);
+      events.push(...page);
+      const whole =
+          page.length < kPage || !this.events.loaded || page.some(({id}) => this.events.ids.has(id));
+      if (whole || events.length >= kMostRows || !this.isOf(mine)) return events;
+    }
+  }
+
+  isOf(generation) {
+    return !this.closed && generation === this.generation;
+  }
+
+  take(events) {
+    this.showProblem('');
+    const {loaded} = this.events;
+    const met = events.some(({id}) => this.events.ids.has(id));
+    // What came is more than is shown: what was shown is too old.
+    if (loaded && !met && events.length >= kMostRows) this.events.clear();
+    this.events.add(events, kMostRows);
+    if (!loaded) this.older.hidden = events.length < kPage;
+    this.showMost();
+  }
+
+  showMost() {
+    this.most.hidden = this.events.events.length < kMostRows;
+    if (!this.most.hidden) this.older.hidden = true;
+  }
+
+  // A filter that is refused is shown at its field; what could not be asked is asked again.
+  fail(error) {
+    if (error.field && this.fields[error.field]) {
+      this.showProblem('');
+      showRefusal(error, this.fields, this.problem);
+      return;
+    }
+    this.events.fail(error);
+    clearTimeout(this.retry);
+    this.retry = setTimeout(() => this.closed || this.loadNewest(), kAgainMs);
+  }
+
+  showProblem(text) {
+    setText(this.problem, text);
+    for (const one of Object.values(this.fields)) one.fail();
+  }
+
+  async loadOlder() {
+    const mine = this.generation;
+    try {
+      const events =
+          await this.api.get(`events?${this.filterQuery({limit: kPage, before: this.events.oldest})}`);
+      if (!this.isOf(mine)) return;
+      this.showProblem('');
+      this.events.add(events, kMostRows);
+      this.older.hidden = events.length < kPage;
+      this.showMost();
+    } catch (error) {
+      if (this.isOf(mine)) this.showProblem(error.message);
+    }
   }
 
   async loadMaintenance() {
-    let list;
+    if (this.windowsAsked) return;
+    this.windowsAsked = true;
     try {
-      list = await this.api.get('maintenance');
-    } catch {
-      return;
+      const list = await this.api.get('maintenance');
+      if (this.closed) return;
+      setText(this.windowsProblem, '');
+      this.showMaintenance(list);
+    } catch (error) {
+      setText(this.windowsProblem, `The newest windows could not be read: ${error.message}`);
+    } finally {
+      this.windowsAsked = false;
     }
-    if (!this.closed) this.showMaintenance(list);
   }
 
   showMaintenance(list) {
@@ -246,10 +297,8 @@ export class EventsView {
         (window) => el(
             'tr', {},
             el('th', {scope: 'row'},
-               window.group ?
-                   el('bdi',
-                      {text: visible(this.store.channels.get(window.group)?.info.name ?? window.group)}) :
-                   'all channels'),
+               window.group ? el('bdi', {text: this.store.channels.get(window.group)?.name ?? window.group}) :
+                              'all channels'),
             el('td', {class: 'nowrap', text: shownTime(window.from)}),
             el('td', {class: 'nowrap', text: shownTime(window.until)}), el('td', {text: visible(window.by)}),
             el('td', {class: 'text-cell'}, el('bdi', {text: visible(window.remark)})),
@@ -269,14 +318,15 @@ export class EventsView {
   async endWindow(window) {
     try {
       await this.api.remove(`maintenance/${window.id}`);
+      return true;
     } catch (error) {
-      showRefusal(error, {}, this.problem);
+      showRefusal(error, {}, this.windowsProblem);
+      return false;
     }
   }
 
   async changeMaintenance(change) {
-    await change;
-    this.loadMaintenance();
+    if (await change) this.loadMaintenance();
   }
 
   showControls() {

@@ -53,6 +53,16 @@ export function visible(text) {
           '\ufffd');
 }
 
+// What shows no ink: blanks, what is ignored in display, marks with nothing to stand on, an empty braille
+// cell.
+const kUnseen = /^[\p{Z}\p{C}\p{M}\p{Default_Ignorable_Code_Point}\u2800\s]*$/u;
+
+// A channel's name, or its group where the name has nothing that can be seen and clicked.
+export function nameText(name, group) {
+  const text = visible(name ?? '');
+  return kUnseen.test(text) ? group : text;
+}
+
 function two(value) {
   return String(value).padStart(2, '0');
 }

@@ -1,7 +1,7 @@
 // The checks of ETSI TR 101 290 as a panel of lamps: first priority, second, and the rest.
 import {el, setAttribute, setClass, setText} from './dom.js';
 import {count, parseTime, time, visible} from './format.js';
-import {isAwaited, sign} from './state.js';
+import {hasSignal, sign} from './state.js';
 
 const kPriorities = [[1, 'First priority'], [2, 'Second priority'], [0, 'Other']];
 
@@ -12,6 +12,7 @@ const kLamps = {
   counts: ['◐', 'errors within the last minute, no alarm'],
   was: ['◌', 'errors earlier'],
   unknown: ['?', 'unknown'],
+  unjudged: ['?', 'not judged without a signal'],
 };
 
 // A name with underscores as nodes, with a place to break a line after each of them.
@@ -23,7 +24,9 @@ export class Lamps {
   constructor(store) {
     this.store = store;
     this.rows = new Map();  // column -> nodes
-    this.node = el('div', {class: 'lamps'});
+    this.tables = el('div', {class: 'lamps'});
+    this.since = el('p', {class: 'note', hidden: true});
+    this.node = el('div', {}, this.tables, this.since);
     this.build();
   }
 
@@ -36,7 +39,7 @@ export class Lamps {
           el('tr', {}, el('th', {scope: 'col'}, el('span', {class: 'unseen', text: 'State'})),
              el('th', {scope: 'col', text: title}),
              ...['count', '1 min', 'last'].map((text) => el('th', {scope: 'col', class: 'number', text})));
-      this.node.append(el(
+      this.tables.append(el(
           'table', {}, el('thead', {}, head), el('tbody', {}, ...some.map((check) => this.makeRow(check)))));
     }
   }
@@ -54,14 +57,21 @@ export class Lamps {
 
   // `detail`: the channel as the API describes it.
   update(detail) {
-    const checks = isAwaited(detail) ? [] : detail.checks;
+    const judged = hasSignal(detail, detail.alarms);
+    const checks = parseTime(detail.lastSeen) ? detail.checks : [];
     const values = new Map(checks.map((check) => [check.column, check]));
     const columns = new Map(this.store.meta.alarmTypes.map((type) => [type.name, type.column]));
     const alarms = new Map(detail.alarms.map((alarm) => [columns.get(alarm.alarm), alarm]));
+    const since = parseTime(detail.countsSince);
+    this.showSince(checks.length ? since : null);
     for (const [column, {node, lamp, cells}] of this.rows) {
       const check = values.get(column);
       const alarm = alarms.get(column);
-      const kind = !check ? 'unknown' : check.lastMinute > 0 ? 'counts' : check.count > 0 ? 'was' : 'quiet';
+      const kind = !check      ? 'unknown' :
+          !judged              ? 'unjudged' :
+          check.lastMinute > 0 ? 'counts' :
+          check.count > 0      ? 'was' :
+                                 'quiet';
       const [mark, meaning] = alarm ? [sign(alarm.severity), `${alarm.severity} alarm`] : kLamps[kind];
       setClass(node, alarm ? `is-${alarm.severity}` : kind);
       setText(lamp, mark);
@@ -70,7 +80,18 @@ export class Lamps {
       const last = parseTime(check?.lastError);
       setText(cells[0], count(check?.count));
       setText(cells[1], count(check?.lastMinute));
-      setText(cells[2], last ? time(last) : check ? 'never' : '–');
+      setText(cells[2], last ? time(last) : this.lastText(check, since));
     }
+  }
+  // When a counter grew last that was not seen to grow: never, or before the station began to look.
+  lastText(check, since) {
+    if (!check) return '–';
+    if (!check.count) return 'never';
+    return since ? `before ${time(since, this.store.now())}` : '–';
+  }
+
+  showSince(since) {
+    this.since.hidden = !since;
+    if (since) setText(this.since, `Seen since ${time(since, this.store.now())}.`);
   }
 }

@@ -11,16 +11,40 @@ export const kRanges = [
 
 const kDesignedFontSize = 14;
 
+const kScript = new URL('lib/dygraph.min.js', document.baseURI).href;
+const kSheet = new URL('lib/dygraph.min.css', document.baseURI).href;
+const kAgainMs = 2_000;
+const kNotFound = 404;
+
 let loading = null;
 // The plot library is loaded when it is first needed, as a plain script: it is no module.
 function loadLibrary() {
-  loading ??= new Promise((resolve, reject) => {
-    if (window.Dygraph) {
-      resolve(window.Dygraph);
-      return;
+  loading ??= insertLibrary().catch((error) => {
+    loading = null;
+    throw error;
+  });
+  return loading;
+}
+
+// Until it comes: a station that is busy may refuse it.
+async function insertLibrary() {
+  for (;;) {
+    try {
+      return await insertOnce();
+    } catch {
+      const answer = await fetch(kScript, {method: 'HEAD'}).catch(() => null);
+      if (answer?.status === kNotFound)
+        throw new Error(
+            'The plot library is missing: install Debian\'s package libjs-dygraphs beside the station.');
+      await new Promise((resolve) => setTimeout(resolve, kAgainMs));
     }
-    const sheet = el('link', {rel: 'stylesheet', href: '/lib/dygraph.min.css'});
-    const script = el('script', {src: '/lib/dygraph.min.js'});
+  }
+}
+
+function insertOnce() {
+  return new Promise((resolve, reject) => {
+    const sheet = el('link', {rel: 'stylesheet', href: kSheet});
+    const script = el('script', {src: kScript});
     script.addEventListener('load', () => {
       const {Dygraph} = window;
       // The readouts here are the page's own; the library's legend sets style attributes, which the policy
@@ -29,14 +53,12 @@ function loadLibrary() {
       resolve(Dygraph);
     });
     script.addEventListener('error', () => {
-      loading = null;
-      reject(new Error(
-          'The plot library is missing: install Debian\'s package libjs-dygraphs beside the station.'));
+      for (const node of [sheet, script]) node.remove();
+      reject(new Error('not given'));
     });
     document.head.prepend(sheet);
     document.head.append(script);
   });
-  return loading;
 }
 
 export class Plots {
@@ -89,7 +111,7 @@ export class Plots {
       this.problem.hidden = true;
     } catch (error) {
       this.problem.hidden = false;
-      this.problem.textContent = error.message;
+      setText(this.problem, error.message);
       return;
     }
     if (mine !== this.generation) return;

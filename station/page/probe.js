@@ -20,9 +20,8 @@ export class ProbeView {
     this.notesPanel.hidden = true;
     root.replaceChildren(
         el('div', {class: 'view'}, el('h1', {text: 'The probe'}),
-           el('div', {class: 'live-data view'}, panel('Probe', this.probe), panel('Station', this.station),
-              this.use),
-           this.notesPanel));
+           el('div', {class: 'live-data'}, panel('Probe', this.probe)),
+           el('div', {class: 'of-station view'}, panel('Station', this.station), this.use), this.notesPanel));
     this.end = store.on('snapshot', () => this.show());
     this.timer = setInterval(() => this.load(), kUseMs);
     this.show();
@@ -100,7 +99,7 @@ export class ProbeView {
     set('Started', `${time(started, this.store.now())} · ${duration(this.store.now() - started)}`);
     set('Channels configured', count(status.channels.configured));
     set('Watched', count(status.channels.watched));
-    set('With signal', count(status.channels.withSignal));
+    set('With signal', status.probe.connected ? count(status.channels.withSignal) : '–');
     set('Joins groups', status.passive ? 'no, passive' : 'yes');
     set('IGMP latency', quantity(status.igmpLatencyMs, 'ms'));
     const key = status.notes.join('\n');
@@ -134,6 +133,7 @@ export class ProbeView {
       const unit = kUnits.find(([pattern]) => pattern.test(name))?.[1] ?? '';
       const text = typeof value === 'boolean' ? (value ? 'yes' : 'no') :
           value === null                      ? 'none' :
+          /Since$/.test(name)                 ? time(parseTime(value), this.store.now()) :
                                                 quantity(value, unit);
       this.set(list, words(name.replace(/(?<=.)(Bytes|Ms|Seconds)$/, '')), text);
     }

@@ -1,69 +1,126 @@
-// Loads the page's modules and watches that all of them come. A station with too many connections refuses
-// some, and a page that lacks a module shows nothing, for as long as it is not loaded anew. This file is
-// asked for first, so that it comes by the connection that index.html came by, which is not refused.
-'use strict';
+// Gets the page's modules, however often the station refuses one, and begins with main.js once all it needs
+// is there. A module that did not come once does not come for this document any more: so each is fetched
+// first, again and again, and kept by the browser; what imports it then asks nobody.
 
-{
-  const kAgainMs = 3_000;
-  // What main.js imports at once: all asked for together, and not one import after the other.
-  const kModules = [
-    'main', 'api', 'store', 'stream', 'dom', 'format', 'state', 'wall', 'tile', 'order', 'canvas', 'spark',
-    'strip', 'dialog'
-  ];
-  let waiting = false;
+const kFirstWaitMs = 500;
+const kLongestWaitMs = 4_000;
+const kNotFound = 404;
+const kImport = /\bfrom '\.\/(\w+)\.js'/g;
+// What main.js imports, and what that imports: all asked for together, and not one import after the other.
+const kFirst = [
+  'main', 'api', 'store', 'stream', 'dom', 'format', 'state', 'wall', 'tile', 'order', 'canvas', 'spark',
+  'strip', 'dialog', 'picker'
+];
 
-  function say() {
-    const text = document.createElement('p');
-    text.className = 'hint';
-    text.setAttribute('role', 'alert');
-    text.textContent = 'The station did not give all of this page. Trying again.';
-    document.getElementById('main').before(text);
+const coming = new Map();  // name -> promise of the names that it imports, once the browser has it
+let missing = 0;           // files that were refused and are asked for again
+let note = null;
+
+const pause = (time) => new Promise((resolve) => setTimeout(resolve, time));
+const urlOf = (file) => new URL(file, import.meta.url).href;
+
+// Says that something is missing, for as long as it is.
+function showMissing(change) {
+  missing += change;
+  if (!note) {
+    note = document.createElement('p');
+    note.className = 'hint';
+    note.setAttribute('role', 'alert');
+    note.textContent = 'The station did not give all of this page. Trying again.';
   }
-
-  // Asks first: what comes in place of a page that is refused would not try again.
-  async function again() {
-    try {
-      const answer = await fetch('/', {cache: 'no-store'});
-      if (answer.ok) {
-        location.reload();
-        return;
-      }
-    } catch {
-      // The station does not answer.
-    }
-    setTimeout(again, kAgainMs);
-  }
-
-  function incomplete() {
-    if (waiting) return;
-    waiting = true;
-    if (document.getElementById('main'))
-      say();
-    else
-      addEventListener('DOMContentLoaded', say);
-    setTimeout(again, kAgainMs);
-  }
-
-  // Of the style sheet or a module.
-  function failed({target}) {
-    const url = target.src ?? target.href;
-    if (url && new URL(url).pathname.startsWith('/page/')) incomplete();
-  }
-
-  addEventListener('error', failed, true);
-  addEventListener('load', () => removeEventListener('error', failed, true));
-  addEventListener('incomplete', incomplete);  // from a view whose module did not come
-
-  for (const name of kModules) {
-    const link = document.createElement('link');
-    link.rel = 'modulepreload';
-    link.href = `/page/${name}.js`;
-    document.head.append(link);
-  }
-  addEventListener('DOMContentLoaded', () => {
-    const script = document.createElement('script');
-    script.type = 'module';
-    script.src = '/page/main.js';
-    document.head.append(script);
-  });
+  if (missing)
+    document.getElementById('main').before(note);
+  else
+    note.remove();
 }
+
+// Fetches a file until it comes, and returns its text.
+async function fetched(url) {
+  let wait = kFirstWaitMs;
+  for (let first = true;; first = false) {
+    try {
+      const answer = await fetch(url);
+      if (answer.ok) {
+        const text = await answer.text();
+        if (!first) showMissing(-1);
+        return text;
+      }
+      if (answer.status === kNotFound && await upgraded()) return reload();
+    } catch {
+      // No answer, or one that was cut off.
+    }
+    if (first) showMissing(1);
+    await pause(wait);
+    wait = Math.min(2 * wait, kLongestWaitMs);
+  }
+}
+
+async function importsOf(name) {
+  const text = await fetched(urlOf(`./${name}.js`));
+  return [...text.matchAll(kImport)].map(([, other]) => other);
+}
+
+// Resolves when the browser has the module and all that it imports.
+export async function need(name, seen = new Set()) {
+  if (seen.has(name)) return;
+  seen.add(name);
+  if (!coming.has(name)) coming.set(name, importsOf(name));
+  const others = await coming.get(name);
+  await Promise.all(others.map((other) => need(other, seen)));
+}
+
+// The page as the station has it at this moment; null when it gives none.
+async function index() {
+  try {
+    const answer = await fetch(document.baseURI, {cache: 'no-store'});
+    return answer.ok ? await answer.text() : null;
+  } catch {
+    return null;
+  }
+}
+
+// Whether the station's page is of another version than this document: its address has the version.
+export async function upgraded() {
+  const text = await index();
+  return text !== null && !text.includes(`page/${import.meta.url.split('/').at(-2)}/`);
+}
+
+function reload() {
+  location.reload();
+  return new Promise(() => {});  // nothing that waits goes on
+}
+
+// Loads the page anew once the station gives it: what comes in place of a page that is refused would not try
+// again.
+async function again() {
+  while (await index() === null) await pause(kLongestWaitMs);
+  return reload();
+}
+
+// A style sheet that was refused may be asked for again by itself.
+async function style() {
+  const [link] = document.querySelectorAll('link[rel=stylesheet]');
+  if (link.sheet?.cssRules.length) return;
+  await fetched(link.href);
+  const fresh = link.cloneNode();
+  fresh.addEventListener('error', () => setTimeout(style, kLongestWaitMs));
+  link.replaceWith(fresh);
+}
+
+async function begin() {
+  await Promise.all(kFirst.map((name) => need(name)));
+  const script = document.createElement('script');
+  script.type = 'module';
+  script.src = urlOf('./main.js');
+  script.addEventListener('error', () => {  // the browser keeps nothing
+    showMissing(1);
+    setTimeout(again, kLongestWaitMs);
+  });
+  document.head.append(script);
+}
+
+if (document.readyState === 'complete')
+  style();
+else
+  addEventListener('load', style);
+begin();

@@ -22,9 +22,12 @@ export function look(state, severity) {
   return state === 'alarm' ? (severity ?? 'alarm') : (state ?? 'waiting');
 }
 
-// Whether no packet of a channel came yet: the record's zeros are no measures then.
-export function isAwaited({state, lastSeen}) {
-  return state === 'waiting' && !parseTime(lastSeen);
+const kNoSignal = 'no_signal';
+
+// Whether packets of a channel come. Without them nothing of it is judged, and a record's zeros are no
+// measures. `alarms`: those of the channel.
+export function hasSignal({lastSeen}, alarms) {
+  return parseTime(lastSeen) !== null && !alarms.some(({alarm}) => alarm === kNoSignal);
 }
 
 // What a channel's state is called: "ok", "critical alarm", "waiting".

@@ -1,9 +1,12 @@
 // What the page knows: filled by the event stream, read by the views.
 //
 // Topics that can be listened to: "channels" (set, names, labels), "snapshot" (each second), "alarms",
-// "overview" (strips and sparklines were loaded), "connection" (live or not), "meta".
-import {isKnown, parseTime} from './format.js';
-import {isAwaited} from './state.js';
+// "overview" (strips and sparklines were loaded), "connection" (live or not), "back" (live again), "meta".
+//
+// While no event stream comes, what is needed is asked for every few seconds instead. What nobody has told is
+// null, and is shown as unknown.
+import {isKnown, nameText, parseTime} from './format.js';
+import {hasSignal} from './state.js';
 import {EventStream} from './stream.js';
 
 export const kSparkCells = 60;
@@ -11,6 +14,9 @@ const kSparkMs = 5_000;         // of a cell
 const kStripReloadMs = 60_000;  // a strip's cell is five minutes
 const kHelloMs = 20_000;
 const kWorkerAnswerMs = 3_000;
+const kAskFirstMs = 1_000;  // a stream comes sooner
+const kAskMs = 5_000;
+const kAnswerIsOldMs = 3 * kAskMs;
 
 const names = new Intl.Collator(undefined, {numeric: true, sensitivity: 'base'});
 
@@ -18,7 +24,8 @@ function groupNumber(group) {
   return group.split('.').reduce((number, part) => number * 256 + Number(part), 0);
 }
 
-// One channel. `info` is the API's description; `row` the newest snapshot's row, null without one.
+// One channel. `info` is the API's description; `row` the newest snapshot's row, null without one; `told` the
+// newest answer, which holds where there is no row.
 class Channel {
   constructor(info) {
     this.group = info.group;
@@ -31,7 +38,9 @@ class Channel {
 
   describe(info) {
     this.info = info;
+    this.told = info;
     const labels = Object.entries(info.labels).map(([key, value]) => `${key}=${value}`);
+    this.name = nameText(info.name, info.group);
     this.searchText = [info.name, info.group, ...labels].join('\n').toLowerCase();
     this.labelTexts = labels;
   }
@@ -42,14 +51,16 @@ export class Store {
     this.api = api;
     this.listeners = new Map();
     this.channels = new Map();  // by group
-    this.alarms = [];
+    this.alarms = null;         // active ones
     this.alarmsByGroup = new Map();
     this.meta = null;
     this.probe = null;
-    this.alarmCounts = {};
-    this.index = {};  // name of a field -> its place in a row
+    this.alarmCounts = null;  // by severity
+    this.index = {};          // name of a field -> its place in a row
     this.number = -1;
     this.connection = {live: false, since: Date.now()};
+    this.answered = 0;  // when the station last said what the stream does not, ms since the epoch; 0: never
+    this.wasLive = false;
     this.clockAhead = 0;  // ms that the station's clock is ahead of this browser's
     this.sparkSlot = 0;
     this.sparkSum = new Map();
@@ -72,15 +83,22 @@ export class Store {
     return new Date(Date.now() + this.clockAhead);
   }
 
-  // A field of the channel's newest row; null while nothing is known.
+  // What the newest snapshot, or the newest answer, says of the channel; null while nothing is known.
   value(channel, field) {
-    return channel.row ? channel.row[this.index[field]] : null;
+    if (channel.row) return channel.row[this.index[field]] ?? null;
+    if (field === 'unacknowledged' && this.alarms)
+      return this.alarmsOf(channel).filter(({acknowledged}) => !acknowledged).length;
+    return channel.told?.[field] ?? null;
   }
 
-  // A measure of the channel's newest row; null while nothing came that could be measured.
+  alarmsOf(channel) {
+    return this.alarmsByGroup.get(channel.group) ?? [];
+  }
+
+  // A measure of the channel; null while nothing comes that could be measured.
   measure(channel, field) {
-    const state = this.value(channel, 'state');
-    return isAwaited({state, lastSeen: this.value(channel, 'lastSeen')}) ? null : this.value(channel, field);
+    const lastSeen = this.value(channel, 'lastSeen');
+    return hasSignal({lastSeen}, this.alarmsOf(channel)) ? this.value(channel, field) : null;
   }
 
   // Units and meanings of stream columns and history metrics, by name.
@@ -88,9 +106,17 @@ export class Store {
     return this.units?.get(name) ?? '';
   }
 
+  // Whether the station tells what is, by its stream or by answers.
+  get told() {
+    return this.connection.live || Date.now() - this.answered < kAnswerIsOldMs;
+  }
+
   // Whether what is shown may be old: why, and since when; null while all is well.
   stale() {
-    if (!this.connection.live) return {who: 'station', since: new Date(this.connection.since)};
+    if (!this.told) {
+      const since = Math.max(this.wasLive ? this.connection.since : 0, this.answered);
+      return {who: 'station', since: since ? new Date(since) : null};
+    }
     if (this.probe && !this.probe.connected) return {who: 'probe', since: parseTime(this.probe.lastSnapshot)};
     return null;
   }
@@ -106,18 +132,54 @@ export class Store {
     document.addEventListener('visibilitychange', () => {
       if (!document.hidden) this.loadOverview();
     });
+    setTimeout(() => this.ask(), kAskFirstMs);
+  }
+
+  // What the stream would tell.
+  async ask() {
+    if (!this.connection.live && !document.hidden) {
+      try {
+        const [status, alarms, channels] =
+            await Promise.all(['status', 'alarms', 'channels'].map((path) => this.api.get(path)));
+        if (!this.connection.live) this.takeAnswers(status, alarms, channels);
+      } catch {  // stale() says so
+        this.tell('connection');
+      }
+    }
+    setTimeout(() => this.ask(), kAskMs);
+  }
+
+  takeAnswers(status, alarms, channels) {
+    this.answered = Date.now();
+    for (const channel of this.channels.values()) channel.row = null;
+    this.takeChannels(channels);
+    this.takeStatus(status);
+    this.takeAlarms(alarms);
+    this.fillSparks();
+    this.tell('snapshot');
+    this.tell('connection');
+  }
+
+  // What status and snapshots have in common.
+  takeStatus(data) {
+    this.number = data.number;
+    this.time = new Date(data.time);
+    this.clockAhead = this.time.getTime() - Date.now();
+    this.probe = data.probe;
+    this.alarmCounts = data.alarms;
   }
 
   // One stream for all tabs, by a shared worker; where there is none, a stream of this tab's own.
   connect() {
+    const url = this.api.url('stream');
     const alone = () => {
-      this.stream =
-          new EventStream((name, text) => this.heard(name, text), (connection) => this.connected(connection));
+      this.stream = new EventStream(
+          url, (name, text) => this.heard(name, text), (connection) => this.connected(connection));
     };
     let answered = false;
     let worker;
     try {
-      worker = new SharedWorker('/page/streamWorker.js', {type: 'module', name: 'kestor'});
+      worker = new SharedWorker(new URL('./streamWorker.js', import.meta.url), {type: 'module', name: url});
     } catch {  // there are none in this browser, or none are allowed
       alone();
       return;
@@ -144,12 +206,14 @@ export class Store {
   }
 
   connected(connection) {
-    const back = connection.live && !this.connection.live;
+    const back = connection.live && !this.connection.live && this.wasLive;
     this.connection = connection;
+    this.wasLive ||= connection.live;
     if (back && this.loaded) {  // the station may be another one since
       this.channelsVersion = null;
       this.loadMeta();
       this.loadOverview();
+      this.tell('back');
     }
     this.tell('connection');
   }
@@ -167,11 +231,7 @@ export class Store {
   }
 
   takeSnapshot(data) {
-    this.number = data.number;
-    this.time = new Date(data.time);
-    this.clockAhead = this.time.getTime() - Date.now();
-    this.probe = data.probe;
-    this.alarmCounts = data.alarms;
+    this.takeStatus(data);
     if (data.fields.join() !== this.fieldNames) {
       this.fieldNames = data.fields.join();
       this.index = Object.fromEntries(data.fields.map((field, place) => [field, place]));
@@ -183,7 +243,10 @@ export class Store {
       channel.row = row;
       before.delete(row[0]);
     }
-    for (const group of before) this.channels.get(group).row = null;
+    for (const group of before) {
+      const channel = this.channels.get(group);
+      channel.row = channel.told = null;
+    }
     this.fillSparks();
     this.tell('snapshot');
   }
@@ -253,7 +316,7 @@ export class Store {
   // Comparing names is slow: it is done once for a set, and sorting compares ranks.
   rankNames() {
     const list = [...this.channels.values()];
-    list.sort((a, b) => names.compare(a.info.name, b.info.name) || a.groupNumber - b.groupNumber);
+    list.sort((a, b) => names.compare(a.name, b.name) || a.groupNumber - b.groupNumber);
     list.forEach((channel, rank) => {
       channel.nameRank = rank;
     });
@@ -291,8 +354,8 @@ export class Store {
     for (const {group, spark, strip} of overview.channels) {
       const channel = this.channels.get(group);
       if (!channel) continue;
-      const awaited = isAwaited(channel.info);
-      for (let cell = 0; cell < kSparkCells; cell++) channel.spark[cell] = awaited ? NaN : spark[cell] ?? NaN;
+      const never = parseTime(this.value(channel, 'lastSeen')) === null;
+      for (let cell = 0; cell < kSparkCells; cell++) channel.spark[cell] = never ? NaN : spark[cell] ?? NaN;
       channel.strip = strip;
     }
     this.tell('overview');

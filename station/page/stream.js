@@ -1,15 +1,15 @@
 // The station's event stream: opened, watched and opened again for as long as the page lives.
 
-const kUrl = '/api/v1/stream';
 const kEvents = ['snapshot', 'alarm', 'channels'];
 const kSilenceMs = 10_000;  // a snapshot comes each second: silence for so long is a dead connection
 const kFirstWaitMs = 500;
 const kLongestWaitMs = 4_000;
 
 export class EventStream {
-  // onEvent(name, text): what came. onConnection({live, since}): live or not since (ms since the epoch);
-  // not live: the time of the last event, or of the first attempt.
-  constructor(onEvent, onConnection) {
+  // `url`: of the stream. onEvent(name, text): what came. onConnection({live, since}): live or not since (ms
+  // since the epoch); not live: the time of the last event, or of the first attempt.
+  constructor(url, onEvent, onConnection) {
+    this.url = url;
     this.onEvent = onEvent;
     this.onConnection = onConnection;
     this.connection = {live: false, since: Date.now()};
@@ -22,7 +22,7 @@ export class EventStream {
   }
 
   open() {
-    this.source = new EventSource(kUrl);
+    this.source = new EventSource(this.url);
     for (const name of kEvents) {
       this.source.addEventListener(name, (event) => this.heard(name, event.data));
     }

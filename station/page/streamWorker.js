@@ -1,5 +1,5 @@
 // A shared worker: one event stream for all tabs of a browser. Texts are passed on as they came; a tab that
-// joins gets the newest of each kind at once.
+// joins gets the newest of each kind at once. The worker's name is the stream's address.
 import {EventStream} from './stream.js';
 
 const kForgetMs = 180_000;  // hidden tabs may run a timer only once a minute
@@ -24,7 +24,7 @@ function toAll(message) {
 }
 
 function start() {
-  stream ??= new EventStream((name, text) => {
+  stream ??= new EventStream(self.name, (name, text) => {
     newest.set(name, text);
     toAll({name, text});
   }, (connection) => toAll({connection}));

@@ -91,10 +91,10 @@ export class Tile {
 
   // Name and labels: after the set changed.
   describe() {
-    const {name, labels} = this.channel.info;
-    setText(this.name, visible(name));
+    const {info: {labels}, name} = this.channel;
+    setText(this.name, name);
     const text = Object.entries(labels).map(([key, value]) => `${key}=${value}`).join(', ');
-    const title = visible(text ? `${name}\n${text}` : name);
+    const title = text ? `${name}\n${visible(text)}` : name;
     if (this.name.title !== title) this.name.title = title;
   }
 
@@ -144,7 +144,7 @@ export class Tile {
   }
 
   updateAlarms() {
-    const alarms = this.store.alarmsByGroup.get(this.channel.group) ?? [];
+    const alarms = this.store.alarmsOf(this.channel);
     const open = this.store.value(this.channel, 'unacknowledged') ?? 0;
     const worst = alarms.length ? alarms.reduce((a, b) => (this.rank(b) < this.rank(a) ? b : a)) : null;
     let text = '';

@@ -14,6 +14,8 @@ const kColumns = [
   'Quality', 'Last 8 h', 'Alarms'
 ];
 
+const kStateFields = ['state', 'severity', 'unacknowledged', 'maintenance'];
+
 export class Wall {
   // `kiosk`: tiles alone, without controls.
   constructor(root, context, parameters, kiosk) {
@@ -186,10 +188,8 @@ export class Wall {
   takeStates() {
     let changed = false;
     const {store} = this;
-    const {state, severity, unacknowledged, maintenance} = store.index;
     for (const channel of store.channels.values()) {
-      const row = channel.row;
-      const key = row ? `${row[state]} ${row[severity]} ${row[unacknowledged]} ${row[maintenance]}` : '';
+      const key = kStateFields.map((field) => store.value(channel, field)).join();
       if (channel.stateKey === key && this.tiles.has(channel)) continue;
       channel.stateKey = key;
       changed = true;

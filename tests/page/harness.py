@@ -1,4 +1,6 @@
 """The real station, the real probe and a real browser, in the network of scripts/netns.sh."""
+import http.client
+import http.server
 import json
 import os
 import pathlib
@@ -56,17 +58,18 @@ class Process:
 class Station:
     """kestor-station with a directory of its own; its API as get() and change()."""
 
-    def __init__(self, configuration, port=9427, controller=5999, pipe="/tmp/american_maid"):
+    def __init__(self, configuration, port=9427, controller=5999, pipe="/tmp/american_maid", token=True,
+                 page=ROOT / "station/page"):
         self.directory = pathlib.Path(tempfile.mkdtemp(prefix="page-station-"))
         self.port = port
         self.url = f"http://127.0.0.1:{port}/"
         (self.directory / "token").write_text(TOKEN + "\n")
         (self.directory / "token").chmod(0o600)
         (self.directory / "station.toml").write_text(
-            f'token_file = "{self.directory}/token"\n' + configuration)
+            (f'token_file = "{self.directory}/token"\n' if token else "") + configuration)
         self.arguments = ("--config", self.directory / "station.toml", "--state", self.directory / "state",
                           "--socket", self.directory / "socket", "--listen", f"127.0.0.1:{port}", "--pipe", pipe,
-                          "--controller-endpoint", f"tcp://127.0.0.1:{controller}", "--page", ROOT / "station/page")
+                          "--controller-endpoint", f"tcp://127.0.0.1:{controller}", "--page", page)
         self.process = None
 
     def start(self):
@@ -104,6 +107,12 @@ class Station:
         with urllib.request.urlopen(request, timeout=10) as answer:
             return json.load(answer)
 
+    def upload(self, playlist):
+        request = urllib.request.Request(f"{self.url}api/v1/import", method="POST", data=playlist.encode(),
+                                         headers={"Authorization": f"Bearer {TOKEN}", "Content-Type": "text/plain"})
+        with urllib.request.urlopen(request, timeout=10) as answer:
+            return json.load(answer)
+
     def close(self):
         if self.process:
             self.stop()
@@ -123,8 +132,9 @@ class Writer:
         inner = b"\x0a\x00\x20" + digits + bytes([number])
         return b"\x12" + bytes([len(inner)]) + inner
 
-    def __init__(self, pipe, controller, columns, groups):
+    def __init__(self, pipe, controller, columns, groups, silent=()):
         self.pipe, self.controller, self.columns, self.groups = pipe, controller, columns, groups
+        self.silent = silent  # groups of which no packet ever came
         self.ended = threading.Event()
         self.threads = [threading.Thread(target=run, daemon=True) for run in (self.write, self.ask)]
         for thread in self.threads:
@@ -148,6 +158,8 @@ class Writer:
         while not self.ended.wait(1):
             turn += 1
             text = "".join(self.record(place, group, turn) for place, group in enumerate(self.groups))
+            text += "".join(self.line({"group": group, "kind": 0, "pid": -1, "label": "-1", "transportQualityIndex": 1})
+                            for group in self.silent)
             with open(self.pipe, "w") as pipe:
                 pipe.write(text)
 
@@ -157,12 +169,113 @@ class Writer:
                   "packetsReceived": turn * 1300, "transportQualityIndex": 4.5, "ttl": 8, "igmpLatency": 120}
         if place % 100 == 99:  # some lose packets now and then: alarms come and go
             values["packetsLost"] = values["Continuity_count_error"] = 3 * (turn // 15)
+        return self.line(values)
+
+    def line(self, values):
         return ";".join(str(values.get(column, 0)) for column in self.columns) + "\n"
 
     def close(self):
         self.ended.set()
         for thread in self.threads:
             thread.join(5)
+
+
+class Between:
+    """A proxy in front of a station that spoils some of its answers. `rules`: [pattern of the path, what to do]; the
+    first that fits holds. What to do: a status to answer with, "hang" for an answer that never comes, or a function from
+    the answer's bytes to others; with `times`, so often and no more."""
+
+    def __init__(self, station, port):
+        self.station, self.url, self.rules, self.asked = station, f"http://127.0.0.1:{port}/", [], []
+        self.ended = threading.Event()
+        self.room = threading.Semaphore(5)  # of the connections that the station takes from one address
+        between = self
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            protocol_version = "HTTP/1.1"
+
+            def do_GET(self):
+                between.pass_on(self)
+            do_PUT = do_POST = do_DELETE = do_HEAD = do_GET
+
+            def log_message(self, *_):
+                pass
+
+        self.server = http.server.ThreadingHTTPServer(("127.0.0.1", port), Handler)
+        self.server.daemon_threads = True
+        threading.Thread(target=self.server.serve_forever, daemon=True).start()
+
+    def spoil(self, pattern, what, times=None):
+        self.rules.insert(0, [pattern, what, times])
+
+    def mend(self):
+        self.rules = []
+
+    def ruled(self, path):
+        for rule in self.rules:
+            if re.search(rule[0], path) and rule[2] != 0:
+                if rule[2] is not None:
+                    rule[2] -= 1
+                return rule[1]
+        return None
+
+    def pass_on(self, client):
+        body = client.rfile.read(int(client.headers.get("Content-Length", 0)))
+        self.asked.append((client.command, client.path))
+        what = self.ruled(client.path)
+        if what == "hang":
+            self.ended.wait()
+            return
+        if isinstance(what, int):
+            problem = json.dumps({"type": "about:blank", "title": "Spoiled", "status": what}).encode()
+            self.answer(client, what, {"Content-Type": "application/problem+json"}, problem)
+            return
+        connection = http.client.HTTPConnection("127.0.0.1", self.station.port)
+        headers = {name: value for name, value in client.headers.items() if name != "Accept-Encoding"}
+        try:
+            if not client.path.endswith("/stream"):
+                with self.room:
+                    connection.request(client.command, client.path, body or None, headers)
+                    answer = connection.getresponse()
+                    given = answer.read()
+                    connection.close()
+            else:
+                connection.request(client.command, client.path, None, headers)
+                answer = connection.getresponse()
+            kept = {name: answer.headers[name] for name in ("Content-Type", "Cache-Control", "Content-Security-Policy")
+                    if name in answer.headers}
+            if answer.headers["Content-Type"] == "text/event-stream":
+                self.stream(client, kept, answer, what)
+            else:
+                self.answer(client, answer.status, kept, what(given) if what else given)
+        except OSError:
+            client.close_connection = True
+        finally:
+            connection.close()
+
+    def answer(self, client, status, headers, body):
+        client.send_response(status)
+        for name, value in headers.items():
+            client.send_header(name, value)
+        client.send_header("Content-Length", str(len(body)))
+        client.end_headers()
+        if client.command != "HEAD":
+            client.wfile.write(body)
+
+    def stream(self, client, headers, answer, what):
+        client.close_connection = True
+        client.send_response(200)
+        for name, value in headers.items():
+            client.send_header(name, value)
+        client.end_headers()
+        while line := answer.readline():
+            client.wfile.write(what(line) if what else line)
+            client.wfile.flush()
+
+    def close(self):
+        self.ended.set()
+        self.server.shutdown()
+        self.server.server_close()
 
 
 class Browser:
@@ -230,7 +343,7 @@ class Browser:
     def problems(self):
         """What the browser complained of: scripts that failed, files that are missing, policy violations; not what the
         station refused or did not answer, which is up to the test."""
-        expected = re.compile(r"status of (403|422)|net::ERR_CONNECTION_REFUSED|ERR_INCOMPLETE_CHUNKED|ERR_EMPTY_RESPONSE")
+        expected = re.compile(r"status of (401|403|422)|net::ERR_CONNECTION_REFUSED|ERR_INCOMPLETE_CHUNKED|ERR_EMPTY_RESPONSE")
         return [entry["message"] for entry in self.driver.get_log("browser")
                 if entry["level"] == "SEVERE" and not expected.search(entry["message"])]
 

@@ -301,17 +301,6 @@ class PageTest(unittest.TestCase):
         wait_for("what the station uses", 10, lambda: "resident" in self.browser.text("main"))
         self.images("probe")
 
-    def test_8_a_page_that_came_in_part_is_loaded_again(self):
-        for fragment, file in (("", "tile.js"), ("", "style.css"), ("#events", "events.js")):
-            self.browser.cdp("Network.enable")
-            self.browser.cdp("Network.setBlockedURLs", urls=[f"*/page/{file}"])
-            self.browser.open(self.station.url + fragment)
-            wait_for(f"word of what is missing without {file}", 5, lambda: "all of this page" in self.browser.text("body"))
-            self.browser.cdp("Network.setBlockedURLs", urls=[])
-            wait_for("the whole page", 10, lambda: self.browser.find("#connection.live") and
-                     "all of this page" not in self.browser.text("body") and self.browser.find("main ul, main table"))
-        self.browser.driver.get_log("browser")  # of what was kept from it
-
 
 class ManyChannelsTest(unittest.TestCase):
     """1000 channels that a writer makes up, in the place of a probe."""
