@@ -122,6 +122,7 @@ function troubles() {
             `No data from the station${since}. Trying again.` :
             `No data from the probe${since}.${stale.since ? ' What is shown is old.' : ''}`);
   }
+  if (store.probe?.problem && store.told) lines.push(visible(store.probe.problem));
   if (!store.connection.live && store.told) {
     lines.push(
         `The event stream does not come; asked at ${time(new Date(store.answered))} instead. ` +

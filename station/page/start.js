@@ -1,16 +1,12 @@
-// Gets the page's modules, however often the station refuses one, and begins with main.js once all it needs
-// is there. A module that did not come once does not come for this document any more: so each is fetched
-// first, again and again, and kept by the browser; what imports it then asks nobody.
+// Begins with main.js, and gets what the station refuses of the page, however often it does. A module that
+// did not come once does not come for this document any more. So those of a view are fetched before they are
+// imported, again and again, and kept by the browser: what imports them then asks nobody. Where main.js
+// itself or what it imports was refused the same is done, and the page loaded anew with all of it kept.
 
 const kFirstWaitMs = 500;
 const kLongestWaitMs = 4_000;
 const kNotFound = 404;
 const kImport = /\bfrom '\.\/(\w+)\.js'/g;
-// What main.js imports, and what that imports: all asked for together, and not one import after the other.
-const kFirst = [
-  'main', 'api', 'store', 'stream', 'dom', 'format', 'state', 'wall', 'tile', 'order', 'canvas', 'spark',
-  'strip', 'dialog', 'picker'
-];
 
 const coming = new Map();  // name -> promise of the names that it imports, once the browser has it
 let missing = 0;           // files that were refused and are asked for again
@@ -107,14 +103,15 @@ async function style() {
   link.replaceWith(fresh);
 }
 
-async function begin() {
-  await Promise.all(kFirst.map((name) => need(name)));
+function begin() {
   const script = document.createElement('script');
   script.type = 'module';
   script.src = urlOf('./main.js');
-  script.addEventListener('error', () => {  // the browser keeps nothing
+  script.addEventListener('error', async () => {  // index.html had all of it loaded ahead
     showMissing(1);
-    setTimeout(again, kLongestWaitMs);
+    await pause(kFirstWaitMs);
+    await need('main');
+    await again();
   });
   document.head.append(script);
 }

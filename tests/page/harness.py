@@ -181,12 +181,15 @@ class Writer:
 
 
 class Between:
-    """A proxy in front of a station that spoils some of its answers. `rules`: [pattern of the path, what to do]; the
+    """A proxy that has the station below a path of its own, and spoils some of its answers. `rules`: [pattern of the path, what to do]; the
     first that fits holds. What to do: a status to answer with, "hang" for an answer that never comes, or a function from
     the answer's bytes to others; with `times`, so often and no more."""
 
+    PREFIX = "/tv/kestor"
+
     def __init__(self, station, port):
-        self.station, self.url, self.rules, self.asked = station, f"http://127.0.0.1:{port}/", [], []
+        self.station, self.url = station, f"http://127.0.0.1:{port}{self.PREFIX}/"
+        self.rules, self.asked = [], []
         self.ended = threading.Event()
         self.room = threading.Semaphore(5)  # of the connections that the station takes from one address
         between = self
@@ -221,6 +224,10 @@ class Between:
 
     def pass_on(self, client):
         body = client.rfile.read(int(client.headers.get("Content-Length", 0)))
+        if not client.path.startswith(self.PREFIX + "/"):
+            self.answer(client, 404, {}, b"")
+            return
+        client.path = client.path.removeprefix(self.PREFIX)
         self.asked.append((client.command, client.path))
         what = self.ruled(client.path)
         if what == "hang":
