@@ -201,6 +201,9 @@ bool EventDesk::tick(const std::vector<Alarm>& active, const ChannelMap& channel
         ended = true;
         return true;
     });
+    if (delivery_.wantsActive()) {
+        restore(active, channels, now);
+    }
     if (silenced_.empty()) {
         return ended;
     }

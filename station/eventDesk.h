@@ -34,8 +34,8 @@ class EventDesk {
     void record(const AlarmChange& change, AlarmEngine& engine, const ChannelMap& channels,
                 const ChannelDifference* removed, const Now& now);
 
-    // Ends windows whose time is over, and has alarms delivered that are still raised behind one. True when a
-    // window ended.
+    // Ends windows whose time is over, has alarms delivered that are still raised behind one, and tells
+    // receivers that lack something what is raised. True when a window ended.
     bool tick(const std::vector<Alarm>& active, const ChannelMap& channels, const Now& now);
 
     int64_t setMaintenance(const SetMaintenance& action, const ChannelMap& channels, const Now& now);

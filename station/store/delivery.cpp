@@ -4,6 +4,7 @@
 #include <sys/prctl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <deque>
 #include <map>
@@ -14,7 +15,7 @@
 
 #include "common/log.h"
 #include "common/text.h"
-#include "store/deliveryDatabase.h"
+#include "store/deliveryKeeper.h"
 #include "store/httpPoster.h"
 #include "store/payload.h"
 #include "store/receiver.h"
@@ -25,8 +26,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kDiskRetry{10};
 constexpr std::chrono::seconds kIdle{60};
+constexpr std::chrono::seconds kDiskPatience{1};  // how long a message waits for the disk
+constexpr std::chrono::hours kRetiredTime{24};
+constexpr std::size_t kRetired = 16;  // receivers that are configured no more and told what is over
+constexpr std::size_t kDormant = 32;  // receivers whose account is kept though they are not configured
 
 // A receiver's name in delivery.db: tells URLs apart without keeping the secrets that may stand in them.
 std::string keyOf(const Webhook& webhook) {
@@ -48,60 +52,73 @@ struct Delivery::Implementation {
         std::optional<std::vector<Webhook>> webhooks;
         std::optional<std::vector<ActiveNotification>> active;
         std::deque<Notification> notifications;
+        uint64_t lost = 0;  // notifications that found no room
     };
 
     mutable std::mutex mutex;  // guards the three below; no lock is taken while it is held
     Orders orders;
     std::optional<std::vector<ReceiverStatistics>> statistics;  // nothing until receivers are configured
     bool closing = false;
+    std::atomic<bool> wantsActive{false};
     HttpPoster poster;
 
   private:
     struct Entry {
         Receiver receiver;
-        LogOnChange problem;
+        LogOnChange problem{};
+        SteadyTime retiredUntil{};
     };
     using EntryPointer = std::shared_ptr<Entry>;
+    // A message that waits for the disk to know of it.
+    struct Outgoing {
+        std::string key;
+        std::weak_ptr<Entry> entry;
+        Message message;
+    };
 
     void run();
     bool takeOrders(Orders& taken);
     bool ending() const;
+    void awaitFile();
     void follow(Orders& taken);
     void configureReceivers(const std::vector<Webhook>& webhooks);
+    bool keepRetired(Entry& entry, const std::string& key);
+    void endRetired();
+    void restore(StoredReceivers&& stored);
+    void keepDormant(const std::string& key, StoredReceiver&& stored);
+    void prepare();
     void send();
     void post(const std::string& key, const EntryPointer& entry, const Message& message);
     void settled(const std::string& key, Entry& entry, const HttpOutcome& outcome);
     void note(const std::string& key, DeliveryChanges&& changes);
-    void publishStatistics();
-
-    void open();
     void save();
-    void saveAll();
-    void failed(const DatabaseError& error);
+    void publishStatistics();
+    SteadyTime due() const;
 
-    const std::filesystem::path file_;
     const std::string instance_;
     const DeliveryPace pace_;
 
     // The delivery thread's.
     std::map<std::string, EntryPointer> receivers_;
-    std::vector<std::string> order_;                // keys as they are configured
-    std::map<std::string, StoredReceiver> stored_;  // of receivers that are not configured yet
-    std::vector<std::pair<std::string, DeliveryChanges>> unsaved_;
+    std::vector<std::string> order_;  // keys as they are configured
+    StoredReceivers dormant_;         // of receivers that are not configured
+    ReceiverChanges unsaved_;
+    std::vector<Outgoing> outgoing_;
+    DeliveryKeeper::Ticket ticket_ = 0;  // of what was given to the disk last
+    SteadyTime sendAt_{};                // when what is outgoing no longer waits for it
+    bool diskHangs_ = false;
+    LogOnChange diskProblem_;
     bool configured_ = false;
     int64_t lastSequence_ = 0;
-    std::optional<DeliveryDatabase> database_;
-    bool saved_ = true;  // what the file has is what it should have, but for unsaved_
-    Clock::time_point openAt_{};
-    LogOnChange problem_;
+    DeliveryKeeper keeper_;  // wakes `poster`
     std::thread thread_;
 };
 
 Delivery::Implementation::Implementation(const std::filesystem::path& directory, std::string instance,
                                          const DeliveryPace& pace)
-    : file_(directory / "delivery.db"), instance_(std::move(instance)), pace_(pace) {
-    std::error_code ignored;  // what is wrong shows when the file is opened
-    std::filesystem::create_directories(directory, ignored);
+    : instance_(std::move(instance)),
+      pace_(pace),
+      keeper_(directory / "delivery.db", [this] { poster.wake(); }) {
     thread_ = std::thread([this] { run(); });
 }
 
@@ -120,22 +137,43 @@ void Delivery::Implementation::run() {
     sigemptyset(&broken);
     sigaddset(&broken, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &broken, nullptr);
-    open();
+    awaitFile();
     for (Orders taken; takeOrders(taken); taken = {}) {
+        if (auto stored = keeper_.takeLoaded()) {
+            restore(std::move(*stored));
+        }
         follow(taken);
+        endRetired();
+        prepare();
         save();
         send();
         publishStatistics();
         if (ending()) {
             break;
         }
-        SteadyTime until = Clock::now() + kIdle;
-        for (const auto& [key, entry] : receivers_) {
-            until = std::min(until, entry->receiver.due(Clock::now()));
-        }
-        poster.run(saved_ ? until : std::min(until, openAt_));
+        poster.run(due());
     }
     save();
+}
+
+// What the file has comes first, if it comes at all.
+void Delivery::Implementation::awaitFile() {
+    for (const SteadyTime until = Clock::now() + kDiskPatience; Clock::now() < until && !ending();) {
+        if (auto stored = keeper_.takeLoaded()) {
+            restore(std::move(*stored));
+            return;
+        }
+        poster.run(until);
+    }
+}
+
+SteadyTime Delivery::Implementation::due() const {
+    const SteadyTime now = Clock::now();
+    SteadyTime until = now + kIdle;
+    for (const auto& [key, entry] : receivers_) {
+        until = std::min(until, entry->receiver.due(now));
+    }
+    return outgoing_.empty() ? until : std::min(until, sendAt_);
 }
 
 // Orders from other threads.
@@ -157,47 +195,137 @@ void Delivery::Implementation::follow(Orders& taken) {
         configured_ = true;
     }
     const WallTime now = systemNow().wall;
+    bool lacking = taken.lost > 0 && !taken.active;
     for (const auto& [key, entry] : receivers_) {
+        Receiver& receiver = entry->receiver;
         if (taken.active) {
-            note(key, entry->receiver.resume(*taken.active, lastSequence_, now));
+            note(key, receiver.resume(*taken.active, lastSequence_, now));
         }
         for (const Notification& notification : taken.notifications) {
-            note(key, entry->receiver.owe(notification, lastSequence_));
+            note(key, receiver.owe(notification, lastSequence_));
         }
+        receiver.lost(taken.lost);
+        lacking = lacking || receiver.wantsActive();
+    }
+    if (lacking) {
+        wantsActive = true;
     }
 }
+
+// Receivers.
 
 void Delivery::Implementation::configureReceivers(const std::vector<Webhook>& webhooks) {
     std::map<std::string, EntryPointer> kept;
     order_.clear();
     for (const Webhook& webhook : webhooks) {
-        const std::string key = keyOf(webhook);
-        if (kept.contains(key)) {
-            continue;
+        const std::string base = keyOf(webhook);
+        std::string key = base;
+        for (int number = 2; kept.contains(key); ++number) {  // each of several with one URL is told
+            key = base + " #" + std::to_string(number);
         }
         order_.push_back(key);
         EntryPointer& entry = kept[key];
         if (const auto present = receivers_.find(key); present != receivers_.end()) {
-            entry = present->second;
+            entry = std::move(present->second);
+            receivers_.erase(present);
             entry->receiver.configure(webhook);
             continue;
         }
-        entry = std::make_shared<Entry>(Entry{Receiver(webhook, pace_), {}});
-        if (const auto stored = stored_.find(key); stored != stored_.end()) {
-            entry->receiver.restore(std::move(stored->second.owed), std::move(stored->second.told));
+        entry = std::make_shared<Entry>(Entry{.receiver = Receiver(webhook, pace_)});
+        if (auto stored = dormant_.extract(key)) {
+            entry->receiver.restore(std::move(stored.mapped()), lastSequence_);
+        }
+        wantsActive = true;  // it has to be told what is raised
+    }
+    for (auto& [key, entry] : receivers_) {
+        if (keepRetired(*entry, key)) {
+            kept.emplace(key, std::move(entry));
         }
     }
     receivers_ = std::move(kept);
-    stored_.clear();
-    saveAll();
+    keeper_.wantAll();
+}
+
+// Of a receiver that is configured no more: whether there is something that it has to be told yet.
+bool Delivery::Implementation::keepRetired(Entry& entry, const std::string& key) {
+    if (!entry.receiver.retired()) {
+        note(key, entry.receiver.retire());
+        entry.retiredUntil = Clock::now() + kRetiredTime;
+    }
+    const std::ptrdiff_t others = std::ranges::count_if(
+        receivers_, [](const auto& one) { return one.second && one.second->receiver.retired(); });
+    return !entry.receiver.done() && others <= static_cast<std::ptrdiff_t>(kRetired);
+}
+
+void Delivery::Implementation::endRetired() {
+    const SteadyTime now = Clock::now();
+    std::erase_if(receivers_, [&](const auto& one) {
+        const Receiver& receiver = one.second->receiver;
+        const bool over = receiver.retired() && (receiver.done() || now > one.second->retiredUntil);
+        if (over && !receiver.done()) {
+            log(LogLevel::kWarning, "webhook " + shownUrl(receiver.webhook().url) +
+                                        " is configured no more and could not be told for a day that alarms "
+                                        "are over: given up");
+        }
+        return over;
+    });
+}
+
+// What the file had; receivers that are there already know more.
+void Delivery::Implementation::restore(StoredReceivers&& stored) {
+    for (auto& [key, receiver] : stored) {
+        if (const auto present = receivers_.find(key); present != receivers_.end()) {
+            present->second->receiver.restore(std::move(receiver), lastSequence_);
+            wantsActive = true;
+        } else {
+            keepDormant(key, std::move(receiver));
+        }
+    }
+}
+
+// It may be configured again: then it is told of all that is over by then. What it was never sent goes.
+void Delivery::Implementation::keepDormant(const std::string& key, StoredReceiver&& stored) {
+    if (dormant_.size() < kDormant && !(stored.owed.empty() && stored.told.empty())) {
+        dormant_[key] = std::move(stored);
+    }
 }
 
 // Messages.
 
-void Delivery::Implementation::send() {
+void Delivery::Implementation::prepare() {
+    const SteadyTime now = Clock::now();
     for (const auto& [key, entry] : receivers_) {
-        if (const std::optional<Message> message = entry->receiver.next(Clock::now())) {
-            post(key, entry, *message);
+        DeliveryChanges changes;
+        if (std::optional<Message> message = entry->receiver.next(now, changes)) {
+            if (outgoing_.empty()) {
+                sendAt_ = now + kDiskPatience;
+            }
+            outgoing_.push_back({key, entry, std::move(*message)});
+        }
+        note(key, std::move(changes));
+    }
+}
+
+// That a message may have arrived has to be known after a restart, so the disk goes first, as long as it
+// works.
+void Delivery::Implementation::send() {
+    const bool pending = keeper_.pending(ticket_);
+    if (!pending) {
+        diskHangs_ = false;
+        diskProblem_.over("delivery.db is written again");
+    }
+    if (outgoing_.empty() || (pending && !diskHangs_ && Clock::now() < sendAt_)) {
+        return;
+    }
+    if (pending && !diskHangs_) {
+        diskHangs_ = true;
+        diskProblem_.say(LogLevel::kError,
+                         "delivery.db takes longer than a second to be written: notifications are delivered "
+                         "all the same, and may come twice or not at all when the station is started anew");
+    }
+    for (const Outgoing& one : std::exchange(outgoing_, {})) {
+        if (const EntryPointer entry = one.entry.lock()) {
+            post(one.key, entry, one.message);
         }
     }
 }
@@ -249,84 +377,25 @@ void Delivery::Implementation::publishStatistics() {
     statistics = std::move(all);
 }
 
-// The file. Delivery goes on without it.
+// The file.
 
 void Delivery::Implementation::note(const std::string& key, DeliveryChanges&& changes) {
-    if (!changes.empty() && saved_) {
+    if (!changes.empty()) {
         unsaved_.emplace_back(key, std::move(changes));
     }
 }
 
-void Delivery::Implementation::open() {
-    for (int attempt = 0; attempt < 2 && !database_; ++attempt) {
-        try {
-            database_.emplace(file_);
-            stored_ = database_->load();
-            for (const auto& [key, receiver] : stored_) {
-                lastSequence_ =
-                    std::max(lastSequence_, receiver.owed.empty() ? 0 : receiver.owed.back().sequence);
-            }
-        } catch (const DatabaseError& error) {
-            database_.reset();
-            failed(error);
-        }
-    }
-}
-
-// What could not be written is written anew as a whole once it can be.
 void Delivery::Implementation::save() {
-    if (!saved_) {
-        saveAll();
-    } else if (!unsaved_.empty()) {
-        try {
-            database_->apply(unsaved_);
-        } catch (const DatabaseError& error) {
-            failed(error);
-        }
-    }
-    unsaved_.clear();
-}
-
-void Delivery::Implementation::saveAll() {
-    if (!saved_ && Clock::now() < openAt_) {
-        return;
-    }
-    try {
-        if (!database_) {
-            database_.emplace(file_);
-        }
-        std::map<std::string, const Receiver*> all;
+    if (keeper_.wantsAll()) {
+        StoredReceivers all = dormant_;
         for (const auto& [key, entry] : receivers_) {
-            all[key] = &entry->receiver;
+            all[key] = entry->receiver.stored();
         }
-        database_->replace(all);
-        saved_ = true;
-        unsaved_.clear();
-        problem_.over(file_.string() + " can be written again");
-    } catch (const DatabaseError& error) {
-        failed(error);
+        ticket_ = keeper_.replace(std::move(all));
+    } else if (!unsaved_.empty()) {
+        ticket_ = keeper_.save(std::move(unsaved_));
     }
-}
-
-void Delivery::Implementation::failed(const DatabaseError& error) {
-    database_.reset();
-    saved_ = false;
-    openAt_ = Clock::now() + kDiskRetry;
     unsaved_.clear();
-    const bool damaged = error.kind() == DatabaseError::Kind::kDamaged;
-    if (damaged || error.kind() == DatabaseError::Kind::kNewer) {
-        const std::string aside = putAside(file_, damaged ? "damaged" : "newer");
-        if (!aside.empty()) {
-            openAt_ = {};
-            log(LogLevel::kError, file_.string() + " cannot be used (" + error.what() + "): put aside as " +
-                                      aside + ", a new file is begun");
-            return;
-        }
-    }
-    problem_.say(LogLevel::kError,
-                 file_.string() + " cannot be written (" + error.what() +
-                     "): notifications are delivered, and would not outlive a restart of the station; see to "
-                     "space and permissions of that directory");
 }
 
 Delivery::Delivery(const std::filesystem::path& stateDirectory, const std::string& instance,
@@ -347,6 +416,7 @@ void Delivery::resume(std::vector<ActiveNotification> active) {
     {
         const std::lock_guard lock(implementation_->mutex);
         implementation_->orders.active = std::move(active);
+        implementation_->wantsActive = false;
     }
     implementation_->poster.wake();
 }
@@ -357,10 +427,15 @@ void Delivery::notify(Notification notification) {
         std::deque<Notification>& queue = implementation_->orders.notifications;
         if (queue.size() >= kNotifyQueue) {
             queue.pop_front();
+            ++implementation_->orders.lost;
         }
         queue.push_back(std::move(notification));
     }
     implementation_->poster.wake();
+}
+
+bool Delivery::wantsActive() const {
+    return implementation_->wantsActive;
 }
 
 std::vector<Delivery::ReceiverStatistics> Delivery::statistics() const {

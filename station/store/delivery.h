@@ -38,13 +38,15 @@ struct ActiveNotification {
     bool silenced = false;  // a maintenance window holds: not told unless it was already
 };
 
-// How patient delivery is.
+// How patient delivery is, and how much it bears.
 struct DeliveryPace {
     std::chrono::milliseconds firstWait{1'000};  // after a failure; doubles with each, give or take a fifth
     std::chrono::milliseconds longestWait{300'000};
     std::chrono::milliseconds minute{60'000};      // of maxPerMinute
     std::chrono::milliseconds refresh{60'000};     // an Alertmanager is told again what is raised
     std::chrono::milliseconds alertLife{300'000};  // and forgets it after this time
+    std::size_t owed = 10'000;      // notifications owed to a receiver; beyond, the oldest raises are dropped
+    std::size_t accounts = 20'000;  // alarms that a receiver was told of or is to be told of
 };
 
 // Sends notifications by HTTP, on a thread of its own (libcurl); no call waits. What is owed to each receiver
@@ -59,9 +61,7 @@ struct DeliveryPace {
 // minute what is raised, since it takes for resolved what it is not told again.
 class Delivery {
   public:
-    static constexpr std::size_t kOwedLimit =
-        10'000;  // notifications owed to a receiver; beyond, the oldest are dropped
-    static constexpr std::size_t kNotifyQueue = 10'000;  // not yet taken up; beyond, the oldest are dropped
+    static constexpr std::size_t kNotifyQueue = 10'000;  // not yet taken up; beyond, the oldest are lost
 
     // `instance` is what receivers know this station by.
     Delivery(const std::filesystem::path& stateDirectory, const std::string& instance,
@@ -75,6 +75,9 @@ class Delivery {
     // What is raised at the start, all of it: a receiver that was told of an alarm that is not among them is
     // told that it is over, one that knows nothing of one of them is told. Heals what a kill in between left.
     void resume(std::vector<ActiveNotification> active);
+    // True when resume() is wanted: a receiver is new, or something was left out for want of room. Any
+    // thread.
+    bool wantsActive() const;
     // Of one alarm to all receivers whose minimum severity it reaches. A raise that a receiver knows already
     // is not told again.
     void notify(Notification notification);

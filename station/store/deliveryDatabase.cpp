@@ -9,10 +9,12 @@ namespace station {
 
 namespace {
 
-constexpr std::array<const char*, 1> kSchema = {
+constexpr std::array<const char*, 2> kSchema = {
     R"(CREATE TABLE owed (sequence INTEGER PRIMARY KEY, receiver TEXT NOT NULL, notification TEXT NOT NULL);
        CREATE TABLE told (receiver TEXT NOT NULL, alarm_id INTEGER NOT NULL, notification TEXT NOT NULL,
          PRIMARY KEY (receiver, alarm_id)) WITHOUT ROWID;)",
+    // Of what was owed before it is not known whether it was sent.
+    "ALTER TABLE owed ADD COLUMN sent INTEGER NOT NULL DEFAULT 1;",
 };
 
 std::string stored(const Notification& notification) {
@@ -21,38 +23,48 @@ std::string stored(const Notification& notification) {
 
 }  // namespace
 
-DeliveryDatabase::DeliveryDatabase(const std::filesystem::path& file)
-    : database_(file, Database::Mode::kReadWrite) {
+DeliveryDatabase::DeliveryDatabase(const std::filesystem::path& file, const Patience& patience)
+    : database_(file, Database::Mode::kReadWrite, patience) {
     database_.execute("PRAGMA synchronous = FULL");
     migrate(database_, kSchema);
-    owe_ =
-        database_.prepare("INSERT OR REPLACE INTO owed (sequence, receiver, notification) VALUES (?, ?, ?)");
+    owe_ = database_.prepare(
+        "INSERT OR REPLACE INTO owed (sequence, receiver, notification, sent) VALUES (?, ?, ?, ?)");
+    send_ = database_.prepare("UPDATE owed SET sent = ? WHERE sequence = ?");
     settle_ = database_.prepare("DELETE FROM owed WHERE sequence = ?");
     tell_ =
         database_.prepare("INSERT OR REPLACE INTO told (receiver, alarm_id, notification) VALUES (?, ?, ?)");
     forget_ = database_.prepare("DELETE FROM told WHERE receiver = ? AND alarm_id = ?");
 }
 
-std::map<std::string, StoredReceiver> DeliveryDatabase::load() {
-    std::map<std::string, StoredReceiver> receivers;
-    Statement owed = database_.prepare("SELECT sequence, receiver, notification FROM owed ORDER BY sequence");
+StoredReceivers DeliveryDatabase::load() {
+    StoredReceivers receivers;
+    Statement owed =
+        database_.prepare("SELECT sequence, receiver, notification, sent FROM owed ORDER BY sequence");
     while (owed.step()) {
         if (auto notification = parseNotification(owed.text(2))) {
-            receivers[owed.text(1)].owed.push_back({owed.integer(0), std::move(*notification), false});
+            receivers[owed.text(1)].owed.push_back(
+                {owed.integer(0), std::move(*notification), owed.integer(3) != 0});
         }
     }
-    Statement told = database_.prepare("SELECT receiver, alarm_id, notification FROM told");
+    Statement told = database_.prepare("SELECT receiver, notification FROM told ORDER BY alarm_id");
     while (told.step()) {
-        if (auto notification = parseNotification(told.text(2))) {
-            receivers[told.text(0)].told.emplace(told.integer(1), std::move(*notification));
+        if (auto notification = parseNotification(told.text(1))) {
+            receivers[told.text(0)].told.push_back(std::move(*notification));
         }
     }
     return receivers;
 }
 
 void DeliveryDatabase::insert(const std::string& receiver, const DeliveryChanges& changes) {
-    for (const Owed& owed : changes.owed) {
-        owe_.bind(1, owed.sequence).bind(2, receiver).bind(3, stored(owed.notification)).run();
+    for (const StoredOwed& owed : changes.owed) {
+        owe_.bind(1, owed.sequence)
+            .bind(2, receiver)
+            .bind(3, stored(owed.notification))
+            .bind(4, static_cast<int64_t>(owed.sent))
+            .run();
+    }
+    for (const auto& [sequence, sent] : changes.sent) {
+        send_.bind(1, static_cast<int64_t>(sent)).bind(2, sequence).run();
     }
     for (const int64_t sequence : changes.settled) {
         settle_.bind(1, sequence).run();
@@ -65,7 +77,7 @@ void DeliveryDatabase::insert(const std::string& receiver, const DeliveryChanges
     }
 }
 
-void DeliveryDatabase::apply(std::span<const std::pair<std::string, DeliveryChanges>> changes) {
+void DeliveryDatabase::apply(std::span<const ReceiverChanges::value_type> changes) {
     Transaction transaction(database_);
     for (const auto& [receiver, ofReceiver] : changes) {
         insert(receiver, ofReceiver);
@@ -73,15 +85,13 @@ void DeliveryDatabase::apply(std::span<const std::pair<std::string, DeliveryChan
     transaction.commit();
 }
 
-void DeliveryDatabase::replace(const std::map<std::string, const Receiver*>& receivers) {
+void DeliveryDatabase::replace(const StoredReceivers& receivers) {
     Transaction transaction(database_);
     database_.execute("DELETE FROM owed; DELETE FROM told;");
     for (const auto& [key, receiver] : receivers) {
         DeliveryChanges all;
-        all.owed.assign(receiver->owed().begin(), receiver->owed().end());
-        for (const auto& [id, notification] : receiver->told()) {
-            all.told.push_back(notification);
-        }
+        all.owed = receiver.owed;
+        all.told = receiver.told;
         insert(key, all);
     }
     transaction.commit();

@@ -1,39 +1,39 @@
 // The tables of delivery.db. Failures are DatabaseErrors.
 #pragma once
 
-#include <deque>
 #include <filesystem>
 #include <map>
 #include <span>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "store/receiver.h"
 #include "store/sqlite.h"
 
 namespace station {
 
-struct StoredReceiver {
-    std::deque<Owed> owed;
-    std::map<int64_t, Notification> told;
-};
+// By the receiver's key.
+using StoredReceivers = std::map<std::string, StoredReceiver>;
+using ReceiverChanges = std::vector<std::pair<std::string, DeliveryChanges>>;
 
-// What receivers are owed and were told, by their keys. One thread.
+// What receivers are owed and were told. One thread.
 class DeliveryDatabase {
   public:
-    explicit DeliveryDatabase(const std::filesystem::path& file);
+    // `patience` says how long it waits for another program that holds the file.
+    DeliveryDatabase(const std::filesystem::path& file, const Patience& patience);
 
-    std::map<std::string, StoredReceiver> load();
+    StoredReceivers load();
     // All changes or none, in order, synced to the disk.
-    void apply(std::span<const std::pair<std::string, DeliveryChanges>> changes);
+    void apply(std::span<const ReceiverChanges::value_type> changes);
     // These receivers and no others.
-    void replace(const std::map<std::string, const Receiver*>& receivers);
+    void replace(const StoredReceivers& receivers);
 
   private:
     void insert(const std::string& receiver, const DeliveryChanges& changes);
 
     Database database_;
-    Statement owe_, settle_, tell_, forget_;
+    Statement owe_, send_, settle_, tell_, forget_;
 };
 
 }  // namespace station

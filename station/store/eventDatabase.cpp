@@ -109,8 +109,8 @@ bool isDurable(const StoreEntry& entry) {
            event->kind == EventKind::kAcknowledged || event->kind == EventKind::kHappened;
 }
 
-EventDatabase::EventDatabase(const std::filesystem::path& file)
-    : file_(file), database_(file, Database::Mode::kReadWrite) {
+EventDatabase::EventDatabase(const std::filesystem::path& file, const Patience& patience)
+    : file_(file), database_(file, Database::Mode::kReadWrite, patience) {
     migrate(database_, kSchema);
     stat(file.c_str(), &identity_);
     insertEvent_ = database_.prepare("INSERT OR REPLACE INTO events (" + std::string(kColumns) +
@@ -271,8 +271,9 @@ bool EventDatabase::retain(WallTime oldest, uint64_t rows) {
     return deleted == kRetentionStep;
 }
 
-EventReader::EventReader(const std::filesystem::path& file, const std::atomic<bool>& stop)
-    : stop_(stop), database_(file, Database::Mode::kReadOnly) {
+EventReader::EventReader(const std::filesystem::path& file, const std::atomic<bool>& stop,
+                         const Patience& patience)
+    : stop_(stop), database_(file, Database::Mode::kReadOnly, patience) {
     constexpr int kInstructions = 10'000;  // between two looks: well below a millisecond
     sqlite3_progress_handler(database_.handle(), kInstructions, &EventReader::progress, this);
 }

@@ -45,7 +45,7 @@ class EventDatabase {
     static constexpr int64_t kRetentionStep = 600;  // rows deleted in one transaction: some milliseconds
 
     // Opens or makes the file and brings its schema to the newest version.
-    explicit EventDatabase(const std::filesystem::path& file);
+    EventDatabase(const std::filesystem::path& file, const Patience& patience);
 
     // False when the file was removed since it was opened, or another one is in its place: what is written
     // goes nowhere.
@@ -80,7 +80,7 @@ class EventDatabase {
 class EventReader {
   public:
     // `stop` ends what is under way; it has to outlive the reader.
-    EventReader(const std::filesystem::path& file, const std::atomic<bool>& stop);
+    EventReader(const std::filesystem::path& file, const std::atomic<bool>& stop, const Patience& patience);
 
     // Newest first. One that takes longer than kQueryTime is given up (kStopped).
     std::vector<Event> query(const EventFilter& filter);

@@ -120,6 +120,7 @@ struct EventStore::Implementation {
 
     const std::filesystem::path file_;
     const ClockFunction clock_;
+    Patience patience_;
 
     std::mutex mutex_;  // guards the three below; no lock is taken while it is held
     std::condition_variable changed_;
@@ -155,6 +156,7 @@ EventStore::Implementation::Implementation(const std::filesystem::path& director
 
 // The connection that writes is closed last: only that one takes the log up into the file.
 EventStore::Implementation::~Implementation() {
+    patience_.endAt(Clock::now() + kClosingTime);
     questions.close();
     stopReading_ = true;
     stopCheck_ = true;
@@ -218,7 +220,7 @@ void EventStore::Implementation::putBack(std::deque<Waiting>&& batch) {
 void EventStore::Implementation::openAtStart() {
     try {
         try {
-            database_.emplace(file_);
+            database_.emplace(file_, patience_);
             takeUp(database_->load());
             initial.lastId = database_->lastId();
         } catch (const DatabaseError& error) {
@@ -262,7 +264,7 @@ void EventStore::Implementation::open() {
     try {
         std::error_code ignored;  // what is wrong shows when the file is opened
         std::filesystem::create_directories(file_.parent_path(), ignored);
-        database_.emplace(file_);
+        database_.emplace(file_, patience_);
         database_->carryOver(carried_);
         works();
     } catch (const DatabaseError& error) {
@@ -286,7 +288,7 @@ std::string EventStore::Implementation::startAnew(const std::string& problem, st
     std::string text = file_.string() + " cannot be used (" + problem + "): put aside as " + aside +
                        ", events go into a new file";
     log(LogLevel::kError, text);
-    database_.emplace(file_);
+    database_.emplace(file_, patience_);
     database_->carryOver(carried_);
     works();
     return text;
@@ -445,7 +447,7 @@ std::string EventStore::Implementation::read(const EventFilter& filter, std::vec
     const std::lock_guard lock(readerMutex_);
     try {
         if (!reader_) {
-            reader_.emplace(file_, stopReading_);
+            reader_.emplace(file_, stopReading_, patience_);
         }
         events = reader_->query(filter);
         return {};
@@ -474,7 +476,7 @@ void EventStore::Implementation::startCheck() {
     checker_ = std::thread([this] {
         prctl(PR_SET_NAME, "event-check");
         try {
-            if (const auto damage = EventReader(file_, stopCheck_).damage()) {
+            if (const auto damage = EventReader(file_, stopCheck_, patience_).damage()) {
                 foundDamage(*damage);
             }
         } catch (const DatabaseError& error) {

@@ -113,8 +113,7 @@ std::string webhookBody(std::span<const Notification> notifications, std::size_t
         body["notifications"].push_back(notificationJson(notification));
     }
     if (summed > 0) {
-        body["text"] = std::to_string(summed) + " notifications within a minute, of which " +
-                       std::to_string(notifications.size()) + " are listed";
+        body["text"] = std::to_string(summed).append(" notifications");
         body["bySeverity"] =
             countBy(notifications, [](const Notification& one) { return severityName(one.severity); });
         body["byState"] = countBy(notifications, &stateName);
@@ -132,7 +131,7 @@ std::string labelName(std::string_view name) {
         character = digit || letter ? character : '_';
     }
     if (valid.empty() || (valid[0] >= '0' && valid[0] <= '9')) {
-        valid.insert(0, "_");
+        valid.insert(valid.begin(), '_');
     }
     return valid.starts_with("__") ? "label" + valid : valid;
 }
@@ -153,12 +152,16 @@ std::string alertmanagerBody(std::span<const Notification> notifications, const 
             labels.try_emplace(labels.contains(valid) ? "label_" + valid : valid, value);
         }
         std::erase_if(labels, [](const auto& label) { return label.second.empty(); });
+        // An end that lies ahead would leave the alert firing, and one before its begin is refused: the wall
+        // clock may have been set back between the two, or since.
         const bool over = !notification.raised && !notification.momentary;
+        const WallTime ends = over ? std::min(notification.time, now) : now + life;
+        const WallTime starts = std::min({notification.raisedAt, ends, now});
         body.push_back({
             {"labels", labels},
             {"annotations", {{"summary", summary(notification)}, {"description", notification.meaning}}},
-            {"startsAt", rfc3339(notification.raisedAt)},
-            {"endsAt", rfc3339(over ? notification.time : now + life)},
+            {"startsAt", rfc3339(starts)},
+            {"endsAt", rfc3339(ends)},
         });
     }
     return dump(body);

@@ -8,10 +8,6 @@ namespace station {
 
 namespace {
 
-bool isRefusal(long status) {
-    return status == 400 || status == 413 || status == 422;
-}
-
 // A raise that is followed by a clear.
 bool isRaise(const Notification& notification) {
     return notification.raised && !notification.momentary;
@@ -20,103 +16,237 @@ bool isRaise(const Notification& notification) {
 }  // namespace
 
 Receiver::Receiver(const Webhook& webhook, const DeliveryPace& pace)
-    : webhook_(webhook), pace_(pace), random_(std::random_device()()) {
+    : webhook_(webhook), pace_(pace), limit_(kListed), random_(std::random_device()()) {
     statistics_.url = shownUrl(webhook.url);
 }
 
-void Receiver::restore(std::deque<Owed>&& owed, std::map<int64_t, Notification>&& told) {
-    owed_ = std::move(owed);
-    told_ = std::move(told);
+// Whoever changed it wants to see whether it works.
+void Receiver::configure(const Webhook& webhook) {
+    lacking_ = lacking_ || retired_ || webhook.minimumSeverity > webhook_.minimumSeverity;
+    retired_ = false;
+    if (!(webhook == webhook_)) {
+        retryAt_ = {};
+        failures_ = 0;
+    }
+    webhook_ = webhook;
 }
 
 Delivery::ReceiverStatistics Receiver::statistics() const {
     Delivery::ReceiverStatistics statistics = statistics_;
-    statistics.owed = owed_.size();
-    const bool idle = owed_.empty() && !(alertmanager() && !told_.empty());
-    statistics.tried = idle || statistics.delivered + statistics.failed > 0;
+    statistics.owed = queued();
+    statistics.tried = statistics.tried || queued() == 0;
     return statistics;
+}
+
+void Receiver::lost(uint64_t count) {
+    statistics_.dropped += count;
+}
+
+// Null when its alarm was closed meanwhile.
+Receiver::Owed* Receiver::findOwed(int64_t sequence) {
+    for (Queue* queue : {&owed_, &refused_}) {
+        if (const auto found = queue->find(sequence); found != queue->end()) {
+            return &found->second;
+        }
+    }
+    return nullptr;
+}
+
+const Notification& Receiver::notificationOf(const Owed& owed) const {
+    const Account& account = accounts_.at(owed.alarm);
+    return owed.clear ? *account.clear : account.raise;
+}
+
+// The disk.
+
+void Receiver::restore(StoredReceiver&& stored, int64_t& lastSequence) {
+    DeliveryChanges ignored;  // all is written anew
+    for (Notification& raise : stored.told) {
+        const int64_t id = raise.alarmId;
+        Account& account = accounts_.try_emplace(id, Account{std::move(raise)}).first->second;
+        account.told = Told::kYes;
+        if (account.raiseOwed != 0 && !isUnderWay(account.raiseOwed)) {
+            unowe(account.raiseOwed, ignored);
+        }
+    }
+    for (StoredOwed& owed : stored.owed) {
+        Notification& one = owed.notification;
+        const int64_t id = one.alarmId;
+        const bool clear = !one.raised && !one.momentary;
+        const auto [entry, added] = accounts_.try_emplace(id, Account{one});
+        Account& account = entry->second;
+        if (!clear) {
+            account.told = std::max(account.told, owed.sent ? Told::kPerhaps : Told::kNo);
+            if (added) {
+                oweAgain(account, lastSequence, ignored);
+            }
+        } else if (account.clearOwed == 0) {
+            // A clear is owed for what was told, or may have been.
+            account.raise.raised = true;
+            account.told = added ? Told::kYes : std::max(account.told, Told::kPerhaps);
+            account.clear = std::move(one);
+            account.clearOwed = ++lastSequence;
+            owed_[account.clearOwed] = {.alarm = id, .clear = true};
+            if (alertmanager() && account.raiseOwed != 0 && !isUnderWay(account.raiseOwed)) {
+                unowe(account.raiseOwed, ignored);
+            }
+        }
+    }
+}
+
+StoredReceiver Receiver::stored() const {
+    StoredReceiver all;
+    for (const Queue* queue : {&owed_, &refused_}) {
+        for (const auto& [sequence, owed] : *queue) {
+            const bool sent = accounts_.at(owed.alarm).told != Told::kNo || isUnderWay(sequence);
+            all.owed.push_back({sequence, notificationOf(owed), sent});
+        }
+    }
+    std::ranges::sort(all.owed, {}, &StoredOwed::sequence);
+    for (const auto& [id, account] : accounts_) {
+        if (account.told != Told::kNo && account.raiseOwed == 0 && !account.raise.momentary) {
+            all.told.push_back(account.raise);
+        }
+    }
+    return all;
 }
 
 // What is owed.
 
-std::deque<Owed>::iterator Receiver::findOwed(int64_t alarmId, bool raised) {
-    return std::ranges::find_if(owed_, [alarmId, raised](const Owed& owed) {
-        const Notification& one = owed.notification;
-        return one.alarmId == alarmId && one.raised == raised && !one.momentary;
-    });
+bool Receiver::isUnderWay(int64_t sequence) const {
+    return std::ranges::binary_search(underWay_, sequence);
 }
 
-// Whether it was told of the raise, or will be.
-bool Receiver::knows(const Notification& notification) {
-    return isRaise(notification) &&
-           (told_.contains(notification.alarmId) || findOwed(notification.alarmId, true) != owed_.end());
-}
-
-void Receiver::drop(const std::deque<Owed>::iterator& owed, DeliveryChanges& changes) {
-    changes.settled.push_back(owed->sequence);
-    ++statistics_.dropped;
-    owed_.erase(owed);
-}
-
-void Receiver::append(Notification&& notification, int64_t& lastSequence, DeliveryChanges& changes) {
-    while (owed_.size() >= Delivery::kOwedLimit && owed_.size() > underWay_) {
-        drop(owed_.begin() + static_cast<std::ptrdiff_t>(underWay_), changes);
+// Takes it out of its queue and sets the sequence to 0.
+void Receiver::unowe(int64_t& sequence, DeliveryChanges& changes) {
+    if (owed_.erase(sequence) + refused_.erase(sequence) > 0) {
+        changes.settled.push_back(sequence);
     }
-    owed_.push_back({++lastSequence, std::move(notification), false});
-    changes.owed.push_back(owed_.back());
+    sequence = 0;
+}
+
+// The receiver is done with the alarm, or never hears of it.
+void Receiver::close(Accounts::iterator account, DeliveryChanges& changes) {
+    if (account->second.told != Told::kNo) {
+        changes.over.push_back(account->first);
+    }
+    unowe(account->second.raiseOwed, changes);
+    unowe(account->second.clearOwed, changes);
+    accounts_.erase(account);
+}
+
+// A raise that will not be sent, or not again. What the receiver may know stays accounted for.
+void Receiver::giveUpRaise(Accounts::iterator account, DeliveryChanges& changes) {
+    ++statistics_.dropped;
+    if (account->second.told == Told::kNo || account->second.raise.momentary) {
+        close(account, changes);
+    } else {
+        unowe(account->second.raiseOwed, changes);
+        changes.told.push_back(account->second.raise);
+    }
+}
+
+// Drops the oldest of which the receiver cannot know. False when there is none.
+bool Receiver::makeRoom(DeliveryChanges& changes) {
+    while (owed_.size() >= pace_.owed) {
+        auto oldest = owed_.lower_bound(dropFrom_);
+        for (bool stays = true; oldest != owed_.end(); ++oldest) {
+            const bool untold = !oldest->second.clear && accounts_.at(oldest->second.alarm).told == Told::kNo;
+            if (untold && !isUnderWay(oldest->first)) {
+                break;
+            }
+            stays = stays && !untold;
+            dropFrom_ = stays ? oldest->first + 1 : dropFrom_;
+        }
+        if (oldest == owed_.end()) {
+            return false;
+        }
+        const auto account = accounts_.find(oldest->second.alarm);
+        lacking_ = lacking_ || isRaise(account->second.raise);
+        giveUpRaise(account, changes);
+    }
+    return true;
+}
+
+void Receiver::oweAgain(Account& account, int64_t& lastSequence, DeliveryChanges& changes) {
+    account.raiseOwed = ++lastSequence;
+    owed_[account.raiseOwed] = {.alarm = account.raise.alarmId};
+    changes.owed.push_back({account.raiseOwed, account.raise, account.told != Told::kNo});
+}
+
+void Receiver::oweRaise(Notification&& raise, int64_t& lastSequence, DeliveryChanges& changes) {
+    if (accounts_.size() >= pace_.accounts || !makeRoom(changes)) {
+        ++statistics_.dropped;
+        lacking_ = lacking_ || isRaise(raise);
+        return;
+    }
+    const int64_t id = raise.alarmId;
+    oweAgain(accounts_.emplace(id, Account{std::move(raise)}).first->second, lastSequence, changes);
 }
 
 DeliveryChanges Receiver::owe(Notification notification, int64_t& lastSequence) {
     DeliveryChanges changes;
     if (!notification.raised && !notification.momentary) {
         oweClear(std::move(notification), lastSequence, changes);
-    } else if (notification.severity <= webhook_.minimumSeverity && !knows(notification)) {
-        append(std::move(notification), lastSequence, changes);
+    } else if (!retired_ && notification.severity <= webhook_.minimumSeverity &&
+               !accounts_.contains(notification.alarmId)) {
+        oweRaise(std::move(notification), lastSequence, changes);
     }
     return changes;
 }
 
 // A clear goes by the name, labels and severity of its raise: an Alertmanager knows the alert by them.
 void Receiver::oweClear(Notification&& clear, int64_t& lastSequence, DeliveryChanges& changes) {
-    const auto owed = findOwed(clear.alarmId, true);
-    const auto told = told_.find(clear.alarmId);
-    if ((owed == owed_.end() && told == told_.end()) || findOwed(clear.alarmId, false) != owed_.end()) {
+    const auto entry = accounts_.find(clear.alarmId);
+    if (entry == accounts_.end() || entry->second.raise.momentary || entry->second.clearOwed != 0) {
         return;
     }
-    const bool underWay =
-        owed != owed_.end() && owed - owed_.begin() < static_cast<std::ptrdiff_t>(underWay_);
-    if (owed != owed_.end() && !underWay && !owed->doubt) {
-        drop(owed, changes);
+    Account& account = entry->second;
+    const bool underWay = isUnderWay(account.raiseOwed);
+    if (account.told == Told::kNo && !underWay) {
+        statistics_.dropped += account.raiseOwed != 0 ? 1 : 0;
+        close(entry, changes);
+        noteIdle();
         return;
     }
-    Notification whole = owed != owed_.end() ? owed->notification : told->second;
-    whole.raised = false;
-    whole.time = clear.time;
-    whole.text = std::move(clear.text);
-    whole.value = clear.value;
-    append(std::move(whole), lastSequence, changes);
+    account.clear = account.raise;
+    account.clear->raised = false;
+    account.clear->time = clear.time;
+    account.clear->text = std::move(clear.text);
+    account.clear->value = clear.value;
+    account.clearOwed = ++lastSequence;
+    owed_[account.clearOwed] = {.alarm = entry->first, .clear = true};
+    changes.owed.push_back({account.clearOwed, *account.clear, true});
+    // The clear alone tells an Alertmanager all; others are told the raise first.
+    if (account.raiseOwed != 0 && !underWay && (alertmanager() || refused_.contains(account.raiseOwed))) {
+        unowe(account.raiseOwed, changes);
+        changes.told.push_back(account.raise);
+    }
 }
 
 DeliveryChanges Receiver::resume(const std::vector<ActiveNotification>& active, int64_t& lastSequence,
                                  WallTime now) {
     DeliveryChanges changes;
+    lacking_ = false;
     std::set<int64_t> raised;
     for (const ActiveNotification& one : active) {
         raised.insert(one.raise.alarmId);
-        if (const auto clear = findOwed(one.raise.alarmId, false); clear != owed_.end()) {
-            drop(clear, changes);
+        const auto known = accounts_.find(one.raise.alarmId);
+        if (known == accounts_.end() || isUnderWay(known->second.clearOwed)) {
+            continue;
+        }
+        Account& account = known->second;
+        unowe(account.clearOwed, changes);
+        account.clear.reset();
+        if (account.told == Told::kPerhaps && account.raiseOwed == 0 && !retired_ &&
+            owed_.size() < pace_.owed) {
+            oweAgain(account, lastSequence, changes);
         }
     }
-    std::set<int64_t> over;
-    for (const auto& [id, notification] : told_) {
-        if (!raised.contains(id)) {
-            over.insert(id);
-        }
-    }
-    for (const Owed& owed : owed_) {
-        const int64_t id = owed.notification.alarmId;
-        if (isRaise(owed.notification) && !raised.contains(id)) {
-            over.insert(id);
+    std::vector<int64_t> over;
+    for (const auto& [id, account] : accounts_) {
+        if (!account.raise.momentary && !raised.contains(id)) {
+            over.push_back(id);
         }
     }
     for (const int64_t id : over) {
@@ -127,165 +257,36 @@ DeliveryChanges Receiver::resume(const std::vector<ActiveNotification>& active, 
         oweClear(std::move(clear), lastSequence, changes);
     }
     for (const ActiveNotification& one : active) {
-        if (!one.silenced && one.raise.severity <= webhook_.minimumSeverity && !knows(one.raise)) {
-            append(Notification(one.raise), lastSequence, changes);
+        if (one.silenced || retired_ || one.raise.severity > webhook_.minimumSeverity ||
+            accounts_.contains(one.raise.alarmId)) {
+            continue;
         }
-    }
-    return changes;
-}
-
-// What is sent.
-
-bool Receiver::exhausted(SteadyTime now) const {
-    return sentInMinute_ >= std::max(webhook_.maxPerMinute, 1U) && now < minuteBegan_ + pace_.minute;
-}
-
-std::optional<Message> Receiver::next(SteadyTime now) {
-    if (busy_ || now < retryAt_) {
-        return std::nullopt;
-    }
-    if (now >= minuteBegan_ + pace_.minute) {
-        sentInMinute_ = 0;
-        minuteBegan_ = now;
-    }
-    const bool full = exhausted(now);
-    held_ = held_ || (full && !owed_.empty());
-    std::optional<Message> message;
-    if (!owed_.empty() && !full) {
-        message = takeOwed();
-    } else if (alertmanager() && !told_.empty() && now >= refreshAt_) {
-        message = takeRefresh(now);
-    }
-    busy_ = message.has_value();
-    return message;
-}
-
-Message Receiver::takeOwed() {
-    Message message;
-    underWay_ = 1;
-    if (alertmanager()) {
-        underWay_ = std::min(owed_.size(), kAlerts);
-    } else if (held_) {
-        underWay_ = owed_.size();
-    }
-    listed_ = alertmanager() ? underWay_ : std::min(underWay_, kListed);
-    message.summed = underWay_ > 1 && !alertmanager() ? underWay_ : 0;
-    std::set<int64_t> alarms;
-    for (std::size_t i = 0; i < listed_; ++i) {
-        const Notification& notification = owed_[i].notification;
-        // A raise and its clear are one alert to an Alertmanager: the clear waits for the next message.
-        if (alertmanager() && !alarms.insert(notification.alarmId).second) {
-            underWay_ = listed_ = i;
+        if (owed_.size() >= pace_.owed || accounts_.size() >= pace_.accounts) {
+            lacking_ = true;  // the rest is told when there is room
             break;
         }
-        message.notifications.push_back(notification);
+        oweRaise(Notification(one.raise), lastSequence, changes);
     }
-    return message;
-}
-
-Message Receiver::takeRefresh(SteadyTime now) {
-    Message message;
-    underWay_ = listed_ = 0;
-    auto alarm = told_.upper_bound(refreshedTo_);
-    for (; alarm != told_.end() && message.notifications.size() < kAlerts; ++alarm) {
-        message.notifications.push_back(alarm->second);
-        refreshedTo_ = alarm->first;
-    }
-    if (alarm == told_.end()) {
-        refreshAt_ = now + pace_.refresh;
-        refreshedTo_ = 0;
-    }
-    return message;
-}
-
-SteadyTime Receiver::due(SteadyTime now) const {
-    SteadyTime due = SteadyTime::max();
-    if (busy_) {
-        return due;
-    }
-    if (!owed_.empty()) {
-        due = std::max(retryAt_, exhausted(now) ? minuteBegan_ + pace_.minute : now);
-    }
-    if (alertmanager() && !told_.empty()) {
-        due = std::min(due, std::max(retryAt_, refreshAt_));
-    }
-    return due;
-}
-
-// What became of it.
-
-DeliveryChanges Receiver::settle(const HttpOutcome& outcome, const Now& now) {
-    DeliveryChanges changes = outcome.taken() ? delivered(now.steady) : failed(outcome, now);
-    busy_ = false;
-    underWay_ = listed_ = 0;
     return changes;
 }
 
-DeliveryChanges Receiver::delivered(SteadyTime) {
-    DeliveryChanges changes;
-    for (std::size_t i = 0; i < underWay_; ++i) {
-        Owed& owed = owed_.front();
-        Notification& notification = owed.notification;
-        changes.settled.push_back(owed.sequence);
-        if (!notification.raised) {
-            told_.erase(notification.alarmId);
-            changes.over.push_back(notification.alarmId);
-        } else if (isRaise(notification) && i < listed_) {
-            if (told_.size() >= kToldLimit) {
-                changes.over.push_back(told_.begin()->first);
-                told_.erase(told_.begin());
-            }
-            changes.told.push_back(notification);
-            told_.insert_or_assign(notification.alarmId, std::move(notification));
-        }
-        owed_.pop_front();
-    }
-    if (underWay_ > 0) {
-        ++sentInMinute_;
-        held_ = false;
-    }
-    statistics_.delivered += underWay_;
-    statistics_.lastProblem.clear();
-    statistics_.failingSince.reset();
-    statistics_.failingSinceWall.reset();
-    failures_ = 0;
-    refusals_ = 0;
-    retryAt_ = {};
-    return changes;
+bool Receiver::wantsActive() const {
+    return lacking_ && !retired_ && owed_.size() < pace_.owed / 2 &&
+           accounts_.size() < pace_.accounts - pace_.accounts / 10;
 }
 
-DeliveryChanges Receiver::failed(const HttpOutcome& outcome, const Now& now) {
+DeliveryChanges Receiver::retire() {
     DeliveryChanges changes;
-    ++statistics_.failed;
-    statistics_.lastProblem = outcome.problem;
-    if (!statistics_.failingSince) {
-        statistics_.failingSince = now.steady;
-        statistics_.failingSinceWall = now.wall;
-    }
-    const auto doubled = pace_.firstWait * (int64_t{1} << std::min(failures_++, 20U));
-    const auto wait = std::min<std::chrono::milliseconds>(doubled, pace_.longestWait);
-    retryAt_ = now.steady + wait * std::uniform_int_distribution<int>(80, 120)(random_) / 100;
-    refreshAt_ = underWay_ == 0 ? SteadyTime{} : refreshAt_;
-    refreshedTo_ = 0;
-    refusals_ = isRefusal(outcome.status) ? refusals_ + 1 : 0;
-    if (refusals_ >= kRefusals) {
-        for (; underWay_ > 0; --underWay_) {
-            drop(owed_.begin(), changes);
+    retired_ = true;
+    for (auto entry = accounts_.begin(); entry != accounts_.end();) {
+        const auto account = entry++;
+        const bool open = isUnderWay(account->second.raiseOwed) || account->second.told != Told::kNo;
+        if (alertmanager() || account->second.raise.momentary || !open) {
+            close(account, changes);
+        } else if (account->second.clearOwed == 0 && !isUnderWay(account->second.raiseOwed) &&
+                   account->second.raiseOwed != 0) {
+            giveUpRaise(account, changes);
         }
-        refusals_ = 0;
-    }
-    std::set<int64_t> over;  // before they could be told
-    for (std::size_t i = 0; i < underWay_; ++i) {
-        Owed& owed = owed_[i];
-        owed.doubt = owed.doubt || outcome.doubt;
-        const int64_t id = owed.notification.alarmId;
-        if (isRaise(owed.notification) && !owed.doubt && findOwed(id, false) != owed_.end()) {
-            over.insert(id);
-        }
-    }
-    for (const int64_t id : over) {
-        drop(findOwed(id, true), changes);
-        drop(findOwed(id, false), changes);
     }
     return changes;
 }

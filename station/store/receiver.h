@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <optional>
 #include <random>
@@ -13,20 +12,28 @@
 
 namespace station {
 
-struct Owed {
+// A notification that is owed, as it is kept on the disk.
+struct StoredOwed {
     int64_t sequence = 0;  // grows with each that is owed
     Notification notification;
-    bool doubt = false;  // was sent, and not answered
+    bool sent = false;  // is under way, or was sent and not answered
 };
 
-// What has to be kept on the disk of a change.
+// All that is kept of one receiver.
+struct StoredReceiver {
+    std::vector<StoredOwed> owed;    // by sequence
+    std::vector<Notification> told;  // raises that it knows, or may know, and that are not over for it
+};
+
+// What has to be kept on the disk of a change, in this order.
 struct DeliveryChanges {
-    std::vector<Owed> owed;
-    std::vector<int64_t> settled;  // sequences that are owed no more
+    std::vector<StoredOwed> owed;
+    std::vector<std::pair<int64_t, bool>> sent;  // sequence, StoredOwed::sent
+    std::vector<int64_t> settled;                // sequences that are owed no more
     std::vector<Notification> told;
-    std::vector<int64_t> over;  // alarms that the receiver knows to be over
+    std::vector<int64_t> over;  // alarms that are over for the receiver
     bool empty() const {
-        return owed.empty() && settled.empty() && told.empty() && over.empty();
+        return owed.empty() && sent.empty() && settled.empty() && told.empty() && over.empty();
     }
 };
 
@@ -35,73 +42,141 @@ struct Message {
     std::size_t summed = 0;  // 0, or how many notifications this one stands for
 };
 
-// No I/O, no clock of its own, one thread. One message is under way at a time.
+// What stands between a receiver and each alarm:
+//
+//   untold --sent--> perhaps told --answered--> told --alarm over--> clear owed --answered--> done
+//
+// An alarm that is over while it is untold is done. Whatever else happens - a bound is reached, a message is
+// refused, the station is started anew - from "perhaps told" on an alarm stays accounted for until its clear
+// was taken. An Alertmanager alone may be left without a clear that it refuses: it forgets by itself what it
+// is not told again.
+//
+// A message that is refused is split until what is wrong with it stands alone; that one waits apart from the
+// others. No I/O, no clock of its own, one thread. One message is under way at a time.
 class Receiver {
   public:
-    static constexpr std::size_t kListed = 1'000;  // notifications that a summary lists; the rest is counted
+    static constexpr std::size_t kListed = 1'000;  // notifications in one message
     static constexpr std::size_t kAlerts = 500;    // in one message to an Alertmanager
-    static constexpr unsigned kRefusals = 10;      // of one message until it is dropped
-    static constexpr std::size_t kToldLimit =
-        50'000;  // alarms known to be told; beyond, the oldest are forgotten
+    static constexpr unsigned kRefusals = 10;      // of one notification until it is given up
+    // Refusals one after the other at which the next message goes out at once: enough to find one bad
+    // notification among kListed.
+    static constexpr unsigned kQuickRefusals = 12;
 
     Receiver(const Webhook& webhook, const DeliveryPace& pace);
-    void configure(const Webhook& webhook) {
-        webhook_ = webhook;
-    }
+    void configure(const Webhook& webhook);
     const Webhook& webhook() const {
         return webhook_;
     }
-    // What was kept on the disk.
-    void restore(std::deque<Owed>&& owed, std::map<int64_t, Notification>&& told);
+    // Takes up what was kept on the disk, behind what it has already. Sequences are given anew: all has to be
+    // written anew.
+    void restore(StoredReceiver&& stored, int64_t& lastSequence);
+    StoredReceiver stored() const;
 
     DeliveryChanges owe(Notification notification, int64_t& lastSequence);
+    // All that is raised: what the receiver was told of and is not raised any more is over, what it does not
+    // know it is told.
     DeliveryChanges resume(const std::vector<ActiveNotification>& active, int64_t& lastSequence,
                            WallTime now);
-    // The message to send at this time, if any; it is under way until settle().
-    std::optional<Message> next(SteadyTime now);
+    // True when it has to be given what is raised: some of it was left out, and there is room for it.
+    bool wantsActive() const;
+    // It is configured no more: it is told what is over, and nothing else. done(): nothing is left to tell.
+    DeliveryChanges retire();
+    bool retired() const {
+        return retired_;
+    }
+    bool done() const {
+        return accounts_.empty();
+    }
+    // Notifications that were lost before they came here.
+    void lost(uint64_t count);
+
+    // The message to send at this time, if any; it is under way until settle(). What is said of it in
+    // `changes` has to be on the disk before it is sent.
+    std::optional<Message> next(SteadyTime now, DeliveryChanges& changes);
     // When next() may have something; nothing while a message is under way.
     SteadyTime due(SteadyTime now) const;
     DeliveryChanges settle(const HttpOutcome& outcome, const Now& now);
 
-    const std::deque<Owed>& owed() const {
-        return owed_;
-    }
-    const std::map<int64_t, Notification>& told() const {
-        return told_;
-    }
     Delivery::ReceiverStatistics statistics() const;
 
   private:
+    enum class Told : uint8_t { kNo, kPerhaps, kYes };
+    struct Account {
+        Notification raise;  // or what happened
+        Told told = Told::kNo;
+        int64_t raiseOwed = 0;  // its sequence; 0 when it is not owed
+        int64_t clearOwed = 0;
+        std::optional<Notification> clear{};
+    };
+    using Accounts = std::map<int64_t, Account>;  // by alarm
+    struct Owed {
+        int64_t alarm = 0;
+        bool clear = false;
+        unsigned refusals = 0;
+        SteadyTime retryAt{};
+        uint64_t takenBefore = 0;  // taken_ when it was refused first
+    };
+    using Queue = std::map<int64_t, Owed>;  // by sequence
+
     bool alertmanager() const {
         return webhook_.format == WebhookFormat::kAlertmanager;
     }
     bool exhausted(SteadyTime now) const;
-    Message takeOwed();
-    Message takeRefresh(SteadyTime now);
-    DeliveryChanges delivered(SteadyTime now);
-    DeliveryChanges failed(const HttpOutcome& outcome, const Now& now);
+    bool isUnderWay(int64_t sequence) const;
+    std::size_t queued() const {
+        return owed_.size() + refused_.size();
+    }
+    Owed* findOwed(int64_t sequence);
+    const Notification& notificationOf(const Owed& owed) const;
+
     void oweClear(Notification&& clear, int64_t& lastSequence, DeliveryChanges& changes);
-    void append(Notification&& notification, int64_t& lastSequence, DeliveryChanges& changes);
-    void drop(const std::deque<Owed>::iterator& owed, DeliveryChanges& changes);
-    bool knows(const Notification& notification);
-    std::deque<Owed>::iterator findOwed(int64_t alarmId, bool raised);
+    bool makeRoom(DeliveryChanges& changes);
+    void oweRaise(Notification&& raise, int64_t& lastSequence, DeliveryChanges& changes);
+    void oweAgain(Account& account, int64_t& lastSequence, DeliveryChanges& changes);
+    void unowe(int64_t& sequence, DeliveryChanges& changes);
+    void giveUpRaise(Accounts::iterator account, DeliveryChanges& changes);
+    void close(Accounts::iterator account, DeliveryChanges& changes);
+
+    bool takeOwed(Message& message, DeliveryChanges& changes);
+    bool takeRefused(SteadyTime now, Message& message, DeliveryChanges& changes);
+    bool takeRefresh(SteadyTime now, Message& message);
+    void add(int64_t sequence, const Owed& owed, Message& message, DeliveryChanges& changes);
+
+    void delivered(DeliveryChanges& changes);
+    void refused(const Now& now, DeliveryChanges& changes);
+    void refusedAlone(int64_t sequence, const Now& now, DeliveryChanges& changes);
+    void failed(const HttpOutcome& outcome, const Now& now, DeliveryChanges& changes);
+    void unanswered(bool doubt, DeliveryChanges& changes);
+    std::chrono::milliseconds waitAfter(unsigned failures);
+    void noteFailing(const Now& now);
+    void noteIdle();
 
     Webhook webhook_;
     DeliveryPace pace_;
-    std::deque<Owed> owed_;
-    std::map<int64_t, Notification> told_;  // raises that were delivered and not cleared, by alarm
-    // The first `underWay_` of owed_ are in the message that is under way, of which `listed_` are in full.
-    std::size_t underWay_ = 0;
-    std::size_t listed_ = 0;
+    Accounts accounts_;
+    Queue owed_;
+    Queue refused_;         // refused alone, each with a time of its own
+    int64_t dropFrom_ = 0;  // of owed_, below is nothing that may be dropped
+    uint64_t taken_ = 0;    // messages
+
+    std::vector<int64_t> underWay_;  // sequences, growing; empty in a refresh
+    std::size_t refreshing_ = 0;     // alerts in the refresh that is under way
+    int64_t refreshFrom_ = 0;        // where it began
     bool busy_ = false;
+
+    std::size_t limit_;  // of the next message
     SteadyTime minuteBegan_{};
     uint32_t sentInMinute_ = 0;
-    bool held_ = false;  // the minute was full: what waited is summed up
+    int64_t heldTo_ = 0;  // the minute was full: up to here what waits is summed up
     SteadyTime retryAt_{};
-    unsigned failures_ = 0;
+    unsigned failures_ = 0;  // one after the other
     unsigned refusals_ = 0;
     SteadyTime refreshAt_{};
-    int64_t refreshedTo_ = 0;  // alarm id up to which this refresh has come
+    int64_t refreshedTo_ = 0;  // alarm up to which this refresh has come
+    bool refreshedLast_ = false;
+    bool lacking_ = false;  // a raise was left out for want of room
+    bool gaveUp_ = false;   // something was given up since the last message that was taken
+    bool retired_ = false;
     Delivery::ReceiverStatistics statistics_;
     std::minstd_rand random_;
 };

@@ -3,12 +3,13 @@
 #include <ctime>
 #include <set>
 #include <system_error>
+#include <thread>
 
 namespace station {
 
 namespace {
 
-constexpr int kBusyTimeoutMs = 5000;  // another program may look into the file
+constexpr std::chrono::milliseconds kBusyStep{10};  // between two looks whether the file is free
 
 DatabaseError::Kind kindOf(int code) {
     switch (code & 0xFF) {
@@ -109,7 +110,20 @@ std::string Statement::text(int column) const {
     return bytes == nullptr ? std::string() : std::string(bytes, static_cast<std::size_t>(size));
 }
 
-Database::Database(const std::filesystem::path& file, Mode mode) {
+int Database::busy(void* database, int attempts) {
+    auto* const self = static_cast<Database*>(database);
+    if (attempts == 0) {
+        self->waitingSince_ = std::chrono::steady_clock::now();
+    }
+    if (!self->patience_.lasts(self->waitingSince_)) {
+        return 0;
+    }
+    std::this_thread::sleep_for(kBusyStep);
+    return 1;
+}
+
+Database::Database(const std::filesystem::path& file, Mode mode, const Patience& patience)
+    : patience_(patience) {
     const int flags =
         SQLITE_OPEN_NOMUTEX |
         (mode == Mode::kReadOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
@@ -118,7 +132,7 @@ Database::Database(const std::filesystem::path& file, Mode mode) {
     handle_.reset(handle);
     check(handle, code);
     sqlite3_extended_result_codes(handle, 1);
-    sqlite3_busy_timeout(handle, kBusyTimeoutMs);
+    sqlite3_busy_handler(handle, &Database::busy, this);
     if (mode == Mode::kReadWrite) {
         execute("PRAGMA journal_mode = WAL; PRAGMA journal_size_limit = 16777216;");
     }

@@ -3,6 +3,8 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -66,12 +68,34 @@ class Statement {
     std::unique_ptr<sqlite3_stmt, Finalize> statement_;
 };
 
+// How long a connection waits for a file that another program holds.
+class Patience {
+  public:
+    static constexpr std::chrono::milliseconds kUsual{2000};  // for one statement
+
+    // From here on no statement waits beyond this time, nor one that waits already. Any thread.
+    void endAt(std::chrono::steady_clock::time_point time) {
+        end_ = time.time_since_epoch().count();
+    }
+    // Whether a statement that began to wait at `since` may go on.
+    bool lasts(std::chrono::steady_clock::time_point since) const {
+        const auto now = std::chrono::steady_clock::now();
+        return now < since + kUsual && now.time_since_epoch().count() < end_;
+    }
+
+  private:
+    std::atomic<std::chrono::steady_clock::rep> end_ =
+        std::chrono::steady_clock::time_point::max().time_since_epoch().count();
+};
+
 // One connection, for one thread at a time.
 class Database {
   public:
     enum class Mode : uint8_t { kReadWrite, kReadOnly };
     // REQUIRES for kReadWrite: the directory exists; the file is made when it is missing, in WAL mode.
-    Database(const std::filesystem::path& file, Mode mode);
+    // `patience` has to outlive it.
+    Database(const std::filesystem::path& file, Mode mode, const Patience& patience);
+    Database(const Database&) = delete;
 
     void execute(const char* sql);
     Statement prepare(std::string_view sql);
@@ -89,6 +113,10 @@ class Database {
             sqlite3_close_v2(handle);
         }
     };
+    static int busy(void* database, int attempts);
+
+    const Patience& patience_;
+    std::chrono::steady_clock::time_point waitingSince_{};
     std::unique_ptr<sqlite3, Close> handle_;
 };
 

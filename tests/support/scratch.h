@@ -26,10 +26,10 @@ class ScratchDirectory {
     std::filesystem::path path_;
 };
 
-// Whether the condition comes true within ten seconds.
+// Whether the condition comes true in time.
 template <typename Condition>
-bool eventually(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+bool eventually(Condition condition, std::chrono::seconds time = std::chrono::seconds(10)) {
+    const auto deadline = std::chrono::steady_clock::now() + time;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;

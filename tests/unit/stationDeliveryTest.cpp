@@ -1,10 +1,15 @@
 // Notifications on their way to receivers that fail, restart and complain.
 #include <gmock/gmock.h>
 
-#include <nlohmann/json.hpp>
+#include <sqlite3.h>
 
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "common/text.h"
 #include "store/delivery.h"
 #include "store/influx.h"
+#include "store/payload.h"
 #include "support/scratch.h"
 #include "support/webhookServer.h"
 
@@ -157,6 +162,154 @@ TEST(Delivery, SumsUpWhatIsBeyondTheRate) {
         messages.emplace_back(message["notifications"].size(), message["summed"].get<std::size_t>());
     }
     EXPECT_THAT(messages, ElementsAre(std::pair(1, 0), std::pair(1, 0), std::pair(9, 9)));
+}
+
+// What the receiver holds for raised: by what it took, and by what it got and did not answer.
+std::set<int64_t> heldFor(const WebhookServer& server) {
+    std::set<int64_t> held;
+    for (const auto& request : server.requests()) {
+        if (request.status == 200 || request.status == WebhookServer::kClose) {
+            const json message = json::parse(request.body);
+            for (const json& one : message["notifications"]) {
+                const auto id = one["alarmId"].get<int64_t>();
+                one["state"] == "raised" ? static_cast<void>(held.insert(id))
+                                         : static_cast<void>(held.erase(id));
+            }
+        }
+    }
+    return held;
+}
+
+TEST(Delivery, ClearsAfterARestartWhatWasSentAndNotAnswered) {
+    Receiving receiving;
+    receiving.server.answer(std::deque<int>(1000, WebhookServer::kClose));
+    receiving.start();
+    receiving.tell({raised(1)});
+    ASSERT_TRUE(eventually([&] { return !receiving.server.requests().empty(); }));
+    receiving.delivery.reset();
+    ASSERT_THAT(heldFor(receiving.server), ElementsAre(1));
+    receiving.server.answer({});
+    receiving.start();
+    receiving.delivery->resume({});  // it is over by now
+    EXPECT_TRUE(eventually([&] { return heldFor(receiving.server).empty(); }));
+}
+
+TEST(Delivery, TellsEachOfTwoWebhooksWithOneUrl) {
+    Receiving receiving;
+    receiving.start();
+    receiving.delivery->configure({receiving.webhook, receiving.webhook});
+    receiving.tell({raised(1)});
+    EXPECT_TRUE(eventually([&] { return receiving.told().size() == 2; }));
+    EXPECT_THAT(receiving.delivery->statistics(), SizeIs(2));
+}
+
+TEST(Delivery, TellsANewUrlWhatIsRaisedAndTheOldOneWhatIsOver) {
+    Receiving receiving;
+    receiving.start();
+    receiving.tell({raised(1)});
+    ASSERT_TRUE(eventually([&] { return receiving.told().size() == 1; }));
+    receiving.delivery->resume({{raised(1), false}});
+    const WebhookServer other;
+    Webhook mended = receiving.webhook;
+    mended.url = other.url();
+    receiving.delivery->configure({mended});
+    ASSERT_TRUE(eventually([&] { return receiving.delivery->wantsActive(); }));
+    receiving.delivery->resume({{raised(1), false}});
+    ASSERT_TRUE(eventually([&] { return heldFor(other).size() == 1; }));
+    EXPECT_FALSE(receiving.delivery->wantsActive());
+    receiving.tell({raised(2), cleared(1), cleared(2)});
+    EXPECT_TRUE(eventually([&] { return heldFor(other).empty() && heldFor(receiving.server).empty(); }));
+    EXPECT_THAT(receiving.told(), ElementsAre("raised 1", "cleared 1"));
+    EXPECT_THAT(receiving.delivery->statistics(), SizeIs(1));
+}
+
+// Another program that has the database for itself.
+struct Holder {
+    explicit Holder(const std::filesystem::path& file) {
+        EXPECT_EQ(sqlite3_open(file.c_str(), &handle), SQLITE_OK);
+        sqlite3_busy_timeout(handle, 2000);
+        EXPECT_EQ(sqlite3_exec(handle, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    }
+    ~Holder() {
+        sqlite3_close(handle);
+    }
+    sqlite3* handle = nullptr;
+};
+
+TEST(Delivery, DoesNotWaitForADiskThatHangs) {
+    Receiving receiving;
+    receiving.start();
+    receiving.tell({raised(1)});
+    ASSERT_TRUE(receiving.settles());
+    std::optional<Holder> holder(receiving.directory.path() / "delivery.db");
+    const auto before = std::chrono::steady_clock::now();
+    receiving.tell({raised(2)});
+    EXPECT_TRUE(eventually([&] { return receiving.told().size() == 2; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 2500ms);
+    receiving.tell({cleared(1), raised(3)});
+    EXPECT_TRUE(eventually([&] { return receiving.told().size() == 4; }));
+    const auto end = std::chrono::steady_clock::now();
+    receiving.delivery.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - end, 1500ms);
+}
+
+TEST(Delivery, ReadsItsFileBeforeItWritesItHoweverLateThatIs) {
+    Receiving receiving;
+    receiving.start();
+    receiving.tell({raised(1), raised(2)});
+    ASSERT_TRUE(receiving.settles());
+    receiving.delivery.reset();
+    std::filesystem::rename(receiving.directory.path() / "delivery.db", receiving.directory.path() / "away");
+    std::filesystem::create_directory(receiving.directory.path() / "delivery.db");  // cannot be opened
+    receiving.start();
+    receiving.delivery->resume({{raised(2), false}, {raised(3), false}});
+    ASSERT_TRUE(eventually([&] { return heldFor(receiving.server).contains(3); }));
+    std::filesystem::remove(receiving.directory.path() / "delivery.db");
+    std::filesystem::rename(receiving.directory.path() / "away", receiving.directory.path() / "delivery.db");
+    const auto clearedTheFirst = [&] {
+        if (receiving.delivery->wantsActive()) {
+            receiving.delivery->resume({{raised(2), false}, {raised(3), false}});
+        }
+        return heldFor(receiving.server) == std::set<int64_t>{2, 3};
+    };
+    EXPECT_TRUE(eventually(clearedTheFirst, 20s));
+}
+
+TEST(Delivery, KnowsWhoFails) {
+    Receiving receiving;
+    receiving.server.answer(std::deque<int>(1000, 503));
+    receiving.start();
+    ASSERT_TRUE(eventually([&] { return receiving.delivery->health().failing == false; }));
+    receiving.tell({raised(1)});
+    ASSERT_TRUE(eventually([&] { return receiving.delivery->health().failing == true; }));
+    EXPECT_THAT(receiving.delivery->health().problem,
+                testing::AllOf(HasSubstr(receiving.server.url()), HasSubstr("503")));
+    receiving.server.answer({});
+    EXPECT_TRUE(eventually([&] { return receiving.delivery->health().failing == false; }));
+}
+
+TEST(Payload, EndsNoAlertBeforeItsBeginNorAheadOfNow) {
+    struct Case {
+        const char* what;
+        WallTime raisedAt, clearedAt, now;
+    };
+    const Case cases[] = {{"no step", kTime, kTime + 5s, kTime + 6s},
+                          {"set back before the clear", kTime, kTime - 1h, kTime - 1h + 1s},
+                          {"set back before it is sent", kTime, kTime + 5s, kTime - 24h * 365},
+                          {"set ahead", kTime, kTime + 24h * 365, kTime + 24h * 365}};
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.what);
+        Notification alert = cleared(1);
+        alert.raisedAt = one.raisedAt;
+        alert.time = one.clearedAt;
+        const json over = json::parse(alertmanagerBody(std::span(&alert, 1), "p", one.now, 5min))[0];
+        EXPECT_LE(over["startsAt"].get<std::string>(), over["endsAt"].get<std::string>());
+        EXPECT_LE(over["endsAt"].get<std::string>(), rfc3339(one.now)) << "would still fire";
+        alert.raised = true;
+        const json firing = json::parse(alertmanagerBody(std::span(&alert, 1), "p", one.now, 5min))[0];
+        EXPECT_LE(firing["startsAt"].get<std::string>(), rfc3339(one.now));
+        EXPECT_EQ(firing["endsAt"].get<std::string>(), rfc3339(one.now + 5min));
+    }
 }
 
 TEST(Delivery, KeepsSecretsToItself) {
