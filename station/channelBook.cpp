@@ -61,8 +61,28 @@ void assign(T& value, const std::optional<T>& given) {
 
 }  // namespace
 
-ChannelBook::ChannelBook(const std::filesystem::path& stateDirectory)
-    : runtime_(RuntimeChannelFile(stateDirectory).load(problem_)) {}
+void ChannelBook::setRuntime(LoadedRuntime&& loaded) {
+    known_ = loaded.channels.has_value();
+    problem_ = std::move(loaded.problem);
+    runtime_ = std::move(loaded.channels).value_or(RuntimeChannels{});
+    merge();
+}
+
+std::optional<Refusal> ChannelBook::refuseUnknown() const {
+    return known_ ? std::nullopt
+                  : std::optional(Refusal{Refusal::Why::kFailed, "",
+                                          "no change is taken until the channels of the run time can be read: " +
+                                              problem_});
+}
+
+std::optional<Refusal> ChannelBook::takeRuntime(RuntimeChannels&& channels, const char* field) {
+    if (std::string beyond = beyondRuntimeLimits(channels); !beyond.empty()) {
+        return Refusal{Refusal::Why::kConflict, field, std::move(beyond)};
+    }
+    runtime_ = std::move(channels);
+    merge();
+    return std::nullopt;
+}
 
 void ChannelBook::setFiles(const Configuration& configuration,
                            std::vector<std::pair<PlaylistSource, Playlist>> playlists) {
@@ -76,14 +96,28 @@ void ChannelBook::merge() {
 }
 
 std::optional<Refusal> ChannelBook::put(const PutChannel& action, const Configuration& configuration) {
-    if (auto refusal = check(action, configuration)) {
+    auto refusal = refuseUnknown();
+    if (!refusal) {
+        refusal = check(action, configuration);
+    }
+    if (refusal) {
         return refusal;
     }
+    RuntimeChannels before = runtime_;
     if (const auto removed = runtime_.find(action.group);
         removed != runtime_.end() && removed->second.removed) {
         runtime_.erase(removed);  // what the files say of it holds again
         merge();
     }
+    refusal = assignChannel(action);
+    if (refusal && runtime_ != before) {
+        runtime_ = std::move(before);
+        merge();
+    }
+    return refusal;
+}
+
+std::optional<Refusal> ChannelBook::assignChannel(const PutChannel& action) {
     const auto known = merged_.channels.find(action.group);
     if (known == merged_.channels.end() && merged_.channels.size() >= kChannelsLimit) {
         return Refusal{Refusal::Why::kConflict, "group",
@@ -106,28 +140,41 @@ std::optional<Refusal> ChannelBook::put(const PutChannel& action, const Configur
     }
     channel.origin = Origin::kRuntime;
     channel.place = {};
-    runtime_.insert_or_assign(action.group, RuntimeChannel{channel, false});
-    merge();
-    return std::nullopt;
+    RuntimeChannels next = runtime_;
+    next.insert_or_assign(action.group, RuntimeChannel{channel, false});
+    return takeRuntime(std::move(next), "group");
 }
 
-bool ChannelBook::remove(const Group& group) {
+std::optional<Refusal> ChannelBook::remove(const Group& group) {
+    if (auto refusal = refuseUnknown()) {
+        return refusal;
+    }
     const auto channel = merged_.channels.find(group);
     if (channel == merged_.channels.end()) {
-        return false;
+        return Refusal{Refusal::Why::kNotFound, "group", "no channel has the group " + group.text()};
     }
     const Channel removed = channel->second;
+    RuntimeChannels before = runtime_;
     runtime_.erase(group);
     merge();
+    if (!merged_.channels.contains(group)) {
+        return std::nullopt;
+    }
     // A file names it too, so it has to be said that it is not wanted.
-    if (merged_.channels.contains(group)) {
-        runtime_.insert_or_assign(group, RuntimeChannel{removed, true});
+    RuntimeChannels next = before;
+    next.insert_or_assign(group, RuntimeChannel{removed, true});
+    auto refusal = takeRuntime(std::move(next), "group");
+    if (refusal) {
+        runtime_ = std::move(before);
         merge();
     }
-    return true;
+    return refusal;
 }
 
 std::optional<Refusal> ChannelBook::import(const std::string& text, Answer& answer) {
+    if (auto refusal = refuseUnknown()) {
+        return refusal;
+    }
     const Playlist playlist = parsePlaylist(text);
     if (playlist.channels.empty()) {
         return invalid("playlist", playlist.notes.empty() ? "the playlist names no channel"
@@ -142,6 +189,7 @@ std::optional<Refusal> ChannelBook::import(const std::string& text, Answer& answ
         return Refusal{Refusal::Why::kConflict, "playlist",
                        "that would be more than " + std::to_string(kChannelsLimit) + " channels"};
     }
+    RuntimeChannels next = runtime_;
     for (Channel channel : playlist.channels) {
         if (const auto known = merged_.channels.find(channel.group); known != merged_.channels.end()) {
             channel.profile = known->second.profile;
@@ -149,7 +197,10 @@ std::optional<Refusal> ChannelBook::import(const std::string& text, Answer& answ
         }
         channel.origin = Origin::kRuntime;
         channel.place = {};
-        runtime_.insert_or_assign(channel.group, RuntimeChannel{channel, false});
+        next.insert_or_assign(channel.group, RuntimeChannel{channel, false});
+    }
+    if (auto refusal = takeRuntime(std::move(next), "playlist")) {
+        return refusal;
     }
     for (const PlaylistNote& note : playlist.notes) {
         answer.notes.push_back("line " + std::to_string(note.line) + ": " + note.text);
@@ -157,7 +208,6 @@ std::optional<Refusal> ChannelBook::import(const std::string& text, Answer& answ
     answer.skipped = playlist.skipped;
     answer.added = added;
     answer.changed = playlist.channels.size() - added;
-    merge();
     return std::nullopt;
 }
 

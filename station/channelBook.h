@@ -11,12 +11,13 @@
 
 namespace station {
 
-// One thread. Nothing here waits for a disk but the constructor.
+// One thread. Nothing here waits for a disk.
 class ChannelBook {
   public:
-    // Reads what was added at run time before.
-    explicit ChannelBook(const std::filesystem::path& stateDirectory);
-    // What was wrong with that, or empty.
+    // Takes up what was changed at run time before. As long as that could not be read, every change is refused:
+    // saving it would write over what is on the disk.
+    void setRuntime(LoadedRuntime&& loaded);
+    // What was wrong with it, or empty.
     const std::string& problem() const {
         return problem_;
     }
@@ -27,7 +28,7 @@ class ChannelBook {
     // Changes at run time; nothing is changed when they are refused. A channel that a file names and that the
     // change leaves as it is stays the file's, and one that was removed comes back as the file has it.
     std::optional<Refusal> put(const PutChannel& action, const Configuration& configuration);
-    bool remove(const Group& group);  // false: no such channel
+    std::optional<Refusal> remove(const Group& group);
     // Adds what the playlist names, or overrides it; fills the counts and notes of `answer`.
     std::optional<Refusal> import(const std::string& text, Answer& answer);
 
@@ -45,10 +46,15 @@ class ChannelBook {
 
   private:
     void merge();
+    std::optional<Refusal> refuseUnknown() const;
+    std::optional<Refusal> assignChannel(const PutChannel& action);
+    // Takes these for the run-time part, unless they pass a bound.
+    std::optional<Refusal> takeRuntime(RuntimeChannels&& channels, const char* field);
 
     Configuration configuration_;
     std::vector<std::pair<PlaylistSource, Playlist>> playlists_;
-    std::string problem_;  // in front of what is loaded with it
+    std::string problem_;
+    bool known_ = false;  // the run-time part was read
     RuntimeChannels runtime_;
     MergedChannels merged_;
     ChannelMap taken_;

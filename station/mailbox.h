@@ -20,17 +20,24 @@
 
 namespace station {
 
-// Configuration and playlists as read from their files.
+// What came of reading the files.
+struct ReadResult {
+    bool configurationRefused = false;  // the file has mistakes, and the last good configuration holds
+    // Mistakes of a configuration that was refused, playlists that cannot be read: as long as that is so.
+    std::vector<std::string> refusals;
+    std::vector<std::string> notes;  // what was odd, what is waited for
+};
+
+// Configuration and playlists as read from their files: always all of them, whichever of them was read anew.
 struct LoadedFiles {
-    // Not set when the file was refused: the last good one holds.
+    // The last good one; not set when there is none yet.
     std::shared_ptr<const Configuration> configuration;
-    // Of the configuration that holds; a playlist that cannot be read is there as it was last good.
+    // Of that configuration; a playlist that cannot be read is there as it was last good.
     std::vector<std::pair<PlaylistSource, Playlist>> playlists;
-    std::vector<std::string> notes;  // what was odd
-    std::vector<std::string>
-        refusals;  // mistakes of a configuration that was refused, playlists that were not read
+    ReadResult result;
+    std::vector<std::string> refused;  // those of the refusals that this reading made
     // Who asked for it, told once it is in effect; not more than FileKeeper::kAskers at a time.
-    std::vector<std::function<void(const LoadedFiles&)>> askers;
+    std::vector<std::function<void()>> askers;
 };
 
 // Letters of several kinds, each with a bound of its own, so that none crowds out another. Any number of
@@ -46,6 +53,7 @@ class Mailbox {
         std::deque<Controller::Report> reports;
         std::deque<Command> commands;
         std::optional<LoadedFiles> files;
+        std::optional<LoadedRuntime> runtime;
         bool stop = false;
     };
 
@@ -70,13 +78,20 @@ class Mailbox {
         ready_.notify_one();
         return true;
     }
-    // Takes the place of files that were not taken yet; who asked for those is told of these.
+    // Takes the place of files that were not taken yet, but for who asked for those and what they refused. A good
+    // configuration is not lost to a bad one behind it: the files have the last good one.
     void send(LoadedFiles&& files) {
         const std::lock_guard lock(mutex_);
         if (letters_.files) {
             std::ranges::move(letters_.files->askers, std::back_inserter(files.askers));
+            std::ranges::move(letters_.files->refused, std::back_inserter(files.refused));
         }
         letters_.files = std::move(files);
+        ready_.notify_one();
+    }
+    void send(LoadedRuntime&& runtime) {
+        const std::lock_guard lock(mutex_);
+        letters_.runtime = std::move(runtime);
         ready_.notify_one();
     }
     void stop() {
@@ -89,7 +104,7 @@ class Mailbox {
     Letters takeUntil(SteadyTime deadline) {
         std::unique_lock lock(mutex_);
         ready_.wait_until(lock, deadline, [this] {
-            return letters_.stop || letters_.files || !letters_.snapshots.empty() ||
+            return letters_.stop || letters_.files || letters_.runtime || !letters_.snapshots.empty() ||
                    !letters_.reports.empty() || !letters_.commands.empty();
         });
         return std::exchange(letters_, {});

@@ -13,6 +13,7 @@
 #include <iostream>
 
 #include "channels/configurationValues.h"
+#include "channels/textFile.h"
 #include "completion.h"
 #include "station.h"
 
@@ -159,6 +160,15 @@ class DirectoryLock {
     int descriptor_;
 };
 
+// A disk that hangs must not keep the process: its threads are left to their end then.
+int leave(station::FileKeeper& keeper, int status) {
+    if (!keeper.end()) {
+        fflush(nullptr);
+        _Exit(status);
+    }
+    return status;
+}
+
 int run(const CLI::App& app, const Arguments& arguments) {
     const std::filesystem::path file = configurationFile(arguments);
     if (arguments.check) {
@@ -166,25 +176,30 @@ int run(const CLI::App& app, const Arguments& arguments) {
     }
     umask(kNothingForOthers);
     std::signal(SIGPIPE, SIG_IGN);  // of whoever reads standard error
+    station::Mailbox mailbox;
     station::FileKeeper keeper(
-        {file, [&](Configuration& configuration) { override(app, arguments, configuration); }});
-    station::LoadedFiles files = keeper.load();
-    if (!files.configuration) {
-        for (const std::string& mistake : files.refusals) {
+        {file, [&](Configuration& configuration) { override(app, arguments, configuration); },
+         station::readTextFile},
+        mailbox);
+    std::optional<station::LoadedFiles> files = keeper.load();
+    if (!files) {
+        return leave(keeper, 0);
+    }
+    if (!files->configuration) {
+        for (const std::string& mistake : files->result.refusals) {
             fprintf(stderr, "%s\n", mistake.c_str());
         }
-        return kExitFailed;
+        return leave(keeper, kExitFailed);
     }
-    makeDirectory(files.configuration->state);
-    const DirectoryLock lock(files.configuration->state);
-    makeDirectory(files.configuration->socket.parent_path());
-    station::Mailbox mailbox;
+    const std::filesystem::path state = files->configuration->state;
+    makeDirectory(state);
+    const DirectoryLock lock(state);
+    makeDirectory(files->configuration->socket.parent_path());
     {
-        const station::Station owner(std::move(files), keeper, mailbox);
-        keeper.run(mailbox);
+        const station::Station owner(std::move(*files), keeper.loadRuntime(state), keeper, mailbox);
+        keeper.run();
     }
-    keeper.saveLast();
-    return 0;
+    return leave(keeper, 0);
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ class Station {
   public:
     // What it runs with from the start; a reload changes the rest. Throws std::runtime_error with a sentence
     // for an operator when it cannot start. `keeper` and `mailbox` have to outlive it.
-    Station(LoadedFiles files, FileKeeper& keeper, Mailbox& mailbox);
+    Station(LoadedFiles files, LoadedRuntime runtime, FileKeeper& keeper, Mailbox& mailbox);
     // Stops the mailbox and ends all threads; everything is written.
     ~Station();
     Station(const Station&) = delete;

@@ -14,7 +14,6 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::size_t kRuntimeFileLimit = std::size_t{64} << 20;  // bytes
 constexpr int kRuntimeFileVersion = 1;
 
 // Adds channels from the highest precedence to the lowest.
@@ -161,12 +160,14 @@ RuntimeChannels parseRuntimeChannels(const std::string& bytes, std::string& dama
     }
     RuntimeChannels channels;
     std::size_t wrong = 0;
+    std::size_t room[] = {kAdditionsLimit, kRemovalsLimit};
     for (const json& object : document["channels"]) {
         std::optional<RuntimeChannel> entry = fromJson(object);
-        if (!entry || channels.size() >= kChannelsLimit) {
+        if (!entry || room[entry->removed ? 1 : 0] == 0) {
             ++wrong;
             continue;
         }
+        --room[entry->removed ? 1 : 0];
         const Group group = entry->channel.group;
         channels.insert_or_assign(group, std::move(*entry));
     }
@@ -224,33 +225,77 @@ ChannelDifference compareChannels(const ChannelMap& before, const ChannelMap& af
 RuntimeChannelFile::RuntimeChannelFile(const std::filesystem::path& stateDirectory)
     : file_(stateDirectory / "channels.json") {}
 
-RuntimeChannels RuntimeChannelFile::load(std::string& problem) const {
-    problem.clear();
+std::string beyondRuntimeLimits(const RuntimeChannels& channels) {
+    // What one takes in JSON at most: every character may need a second one in front.
+    constexpr std::size_t kFixed = 320;
+    constexpr std::size_t kFixedLabel = 32;
+    std::size_t removals = 0;
+    std::size_t bytes = kFixed;
+    for (const auto& [group, entry] : channels) {
+        const Channel& channel = entry.channel;
+        removals += entry.removed ? 1 : 0;
+        bytes += kFixed;
+        if (entry.removed) {
+            continue;
+        }
+        bytes +=
+            2 * (channel.name.size() + channel.profile.size() + channel.source.size() + channel.logo.size());
+        for (const auto& [name, value] : channel.labels) {
+            bytes += kFixedLabel + 2 * (name.size() + value.size());
+        }
+    }
+    if (channels.size() - removals > kAdditionsLimit) {
+        return "there are " + std::to_string(kAdditionsLimit) +
+               " channels that were added or changed at run time; name some in a file instead";
+    }
+    if (removals > kRemovalsLimit) {
+        return "there are " + std::to_string(kRemovalsLimit) +
+               " channels of files that were removed at run time; take some out of their files and add them "
+               "again";
+    }
+    if (bytes > kRuntimeFileLimit) {
+        return "the channels of the run time would take more than 64 MiB on the disk; give them shorter texts";
+    }
+    return {};
+}
+
+LoadedRuntime RuntimeChannelFile::load() const {
     std::error_code error;
     if (std::filesystem::symlink_status(file_, error).type() == std::filesystem::file_type::not_found) {
-        return {};
+        return {RuntimeChannels{}, {}};
     }
-    std::string damage;
+    std::string problem;
     const std::string bytes = readTextFile(file_, kRuntimeFileLimit, problem);
     if (!problem.empty()) {
-        problem = file_.string() + " " + problem;
-        return {};
+        return {std::nullopt, file_.string() + " " + problem};
     }
+    std::string damage;
     RuntimeChannels channels = parseRuntimeChannels(bytes, damage);
     if (damage.empty()) {
-        return channels;
+        return {std::move(channels), {}};
     }
-    std::filesystem::path aside = file_;
-    aside += ".damaged";
-    std::filesystem::rename(file_, aside, error);
-    problem = file_.string() + " is damaged (" + damage + "); " +
-              (error ? "it cannot be put aside: " + error.message() : "put aside as " + aside.string()) +
-              "; add what is missing anew";
-    if (!error && !channels.empty()) {
-        const std::string failed = save(channels);
-        problem += failed.empty() ? "" : "; " + failed;
+    damage = file_.string() + " is damaged (" + damage + "); ";
+    std::filesystem::path aside;
+    if (const std::string failed = putAside(aside); !failed.empty()) {
+        return {std::nullopt, damage + failed};
     }
-    return channels;
+    problem = damage + "put aside as " + aside.string() + "; add what is missing anew";
+    const std::string failed = channels.empty() ? "" : save(channels);
+    return {std::move(channels), problem + (failed.empty() ? "" : "; " + failed), !failed.empty()};
+}
+
+std::string RuntimeChannelFile::putAside(std::filesystem::path& aside) const {
+    for (int number = 0; number < kAside; ++number) {
+        aside = file_;
+        aside += number == 0 ? ".damaged" : ".damaged." + std::to_string(number);
+        std::error_code error;
+        if (std::filesystem::symlink_status(aside, error).type() != std::filesystem::file_type::not_found) {
+            continue;
+        }
+        std::filesystem::rename(file_, aside, error);
+        return error ? "it cannot be put aside: " + error.message() : "";
+    }
+    return "it cannot be put aside: there are " + std::to_string(kAside) + " like it; move some away";
 }
 
 std::string RuntimeChannelFile::save(const RuntimeChannels& channels) const {

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,17 +42,39 @@ struct ChannelDifference {
 };
 ChannelDifference compareChannels(const ChannelMap& before, const ChannelMap& after);
 
+// Bounds of the run-time part, for writing as for reading: additions and overrides, removals, bytes on the disk.
+inline constexpr std::size_t kAdditionsLimit = kChannelsLimit;
+inline constexpr std::size_t kRemovalsLimit = 10'000;
+inline constexpr std::size_t kRuntimeFileLimit = std::size_t{64} << 20;
+
+// Which of these bounds the channels pass, as a sentence for an operator; empty for none. What passes none can be
+// written and read again.
+std::string beyondRuntimeLimits(const RuntimeChannels& channels);
+
+// What a start finds of the run-time part.
+struct LoadedRuntime {
+    // Nothing when it could not be taken up: what is on the disk must not be written over.
+    std::optional<RuntimeChannels> channels;
+    std::string problem;   // empty when all is well
+    bool unsaved = false;  // the file no longer holds `channels`
+};
+
 // The run-time part, kept in `channels.json` of the state directory: written to a new file, synced, renamed.
 class RuntimeChannelFile {
   public:
+    static constexpr int kAside = 10;  // damaged files that are kept, none written over
+
     explicit RuntimeChannelFile(const std::filesystem::path& stateDirectory);
-    // What the file holds; nothing when there is none. Of a damaged file, which is put aside (".damaged") and
-    // reported in `problem`, what could be read.
-    RuntimeChannels load(std::string& problem) const;
+    // What the file holds; an empty set when there is none. Of a damaged file, which is put aside (".damaged",
+    // ".damaged.1" and so on), what could be read. Waits for the disk.
+    LoadedRuntime load() const;
     // Empty when all is on the disk, else what went wrong (the old file is whole then). Waits for the disk.
     std::string save(const RuntimeChannels& channels) const;
 
   private:
+    // Empty when the file was renamed to `aside`.
+    std::string putAside(std::filesystem::path& aside) const;
+
     std::filesystem::path file_;
 };
 

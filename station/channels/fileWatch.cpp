@@ -25,11 +25,11 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
-constexpr milliseconds kPollInterval{2000};  // where a watch is missing
+constexpr milliseconds kPollInterval{2000};
 constexpr int kLinksLimit = 40;              // links followed for one file, as the kernel does
 constexpr int kReadsLimit = 16;              // of the event queue in one call
 constexpr uint32_t kNameEvents = IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
-constexpr uint32_t kFileEvents = kNameEvents | IN_CLOSE_WRITE | IN_ATTRIB;
+constexpr uint32_t kFileEvents = kNameEvents | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB;
 
 // What tells one state of a file from another; all zero when it is not there.
 struct Signature {
@@ -55,6 +55,7 @@ Signature signatureOf(const std::filesystem::path& file) {
 struct Pending {
     SteadyTime due;
     Signature seen;
+    milliseconds quiet;
 };
 
 struct File {
@@ -63,6 +64,8 @@ struct File {
     Signature known;                 // when it was last told, or first watched
     std::optional<Pending> pending;
     bool maybeOpen = false;  // made, and not seen closed since
+    bool writing = false;    // written to, and not seen closed since
+    bool asked = false;      // to be told once it rests
 };
 
 }  // namespace
@@ -96,10 +99,9 @@ struct FileWatch::Implementation {
         const int watch = inotify < 0 ? -1 : inotify_add_watch(inotify, directory.c_str(), events);
         if (watch >= 0) {
             watches[watch].emplace(name, file);
-        } else if (errno != ENOENT && errno != ENOTDIR) {
-            // A directory that went away is seen from the one above.
-            polling = true;
         }
+        // A directory that went away is seen from the one above; for any other without a watch its files are
+        // polled as all are.
     }
 
     // Watches every directory that the way to a file leads through, links and all. Each is watched before the
@@ -140,7 +142,6 @@ struct FileWatch::Implementation {
     void watchAll() {
         const auto before = std::move(watches);
         watches.clear();
-        polling = inotify < 0;
         for (std::size_t file = 0; file < files.size(); ++file) {
             watchWay(file);
         }
@@ -151,15 +152,19 @@ struct FileWatch::Implementation {
         }
     }
 
-    void touched(File& file, SteadyTime now) {
-        file.pending = {now + kFileQuiet, signatureOf(file.absolute)};
+    static void touched(File& file, SteadyTime now, milliseconds quiet = kFileQuiet) {
+        file.pending = {now + quiet, signatureOf(file.absolute), quiet};
     }
 
     // True when the ways to the files have to be looked at anew.
     bool take(const inotify_event& event, std::string_view name, SteadyTime now) {
         const auto watch = watches.find(event.wd);
         if ((event.mask & IN_Q_OVERFLOW) != 0 || (watch != watches.end() && (event.mask & IN_IGNORED) != 0)) {
-            std::for_each(files.begin(), files.end(), [&](File& file) { touched(file, now); });
+            for (File& file : files) {  // closing it may be among what was missed
+                file.maybeOpen = file.maybeOpen || file.writing;
+                file.writing = false;
+                touched(file, now);
+            }
             return true;
         }
         if (watch == watches.end()) {
@@ -168,11 +173,14 @@ struct FileWatch::Implementation {
         const auto [from, to] = watch->second.equal_range(std::string(name));
         for (auto entry = from; entry != to; ++entry) {
             File& file = files[entry->second];
+            if ((event.mask & IN_MODIFY) != 0) {
+                file.writing = !file.maybeOpen;
+                continue;
+            }
             touched(file, now);
-            if ((event.mask & IN_CREATE) != 0) {
-                file.maybeOpen = true;
-            } else if ((event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO)) != 0) {
-                file.maybeOpen = false;
+            if ((event.mask & (kNameEvents | IN_CLOSE_WRITE)) != 0) {
+                file.writing = false;
+                file.maybeOpen = (event.mask & IN_CREATE) != 0;
             }
         }
         return from != to && (event.mask & kNameEvents) != 0;
@@ -201,12 +209,12 @@ struct FileWatch::Implementation {
 
     // Whether the change that is waited on is over and really was one.
     bool settle(File& file, SteadyTime now) {
-        if (!file.pending || file.pending->due > now) {
+        if (!file.pending || file.pending->due > now || file.writing) {
             return false;
         }
         const Signature signature = signatureOf(file.absolute);
         if (signature != file.pending->seen) {
-            touched(file, now);
+            touched(file, now, file.pending->quiet);
             return false;
         }
         const nanoseconds age = std::chrono::system_clock::now().time_since_epoch() - signature.modified;
@@ -214,44 +222,59 @@ struct FileWatch::Implementation {
             file.pending->due = now + std::chrono::ceil<milliseconds>(kOpenFileQuiet - age);
             return false;
         }
-        const bool changed = signature != file.known;
+        const bool changed = signature != file.known || file.asked;
         file.known = signature;
         file.pending.reset();
         file.maybeOpen = false;
+        file.asked = false;
         return changed;
     }
 
     void setTimer(SteadyTime now) {
-        std::optional<SteadyTime> next;
-        if (polling) {
-            next = nextPoll;
-        }
+        SteadyTime next = nextPoll;
         for (const File& file : files) {
-            if (file.pending && (!next || file.pending->due < *next)) {
-                next = file.pending->due;
+            if (file.pending && !file.writing) {
+                next = std::min(next, file.pending->due);
             }
         }
-        itimerspec setting{};  // all zero: off
-        if (next) {
-            const nanoseconds wait = std::max<nanoseconds>(*next - now, milliseconds(1));
-            setting.it_value.tv_sec =
-                static_cast<time_t>(std::chrono::floor<std::chrono::seconds>(wait).count());
-            setting.it_value.tv_nsec = static_cast<long>((wait % std::chrono::seconds(1)).count());
-        }
+        const nanoseconds wait = std::max<nanoseconds>(next - now, milliseconds(1));
+        itimerspec setting{};
+        setting.it_value.tv_sec = static_cast<time_t>(std::chrono::floor<std::chrono::seconds>(wait).count());
+        setting.it_value.tv_nsec = static_cast<long>((wait % std::chrono::seconds(1)).count());
         timerfd_settime(timer, 0, &setting, nullptr);  // which also takes what it has told
     }
 
     void pollFiles(SteadyTime now) {
-        if (!polling || now < nextPoll) {
+        if (now < nextPoll) {
             return;
         }
         nextPoll = now + kPollInterval;
+        bool news = false;
         for (File& file : files) {
-            if (!file.pending && signatureOf(file.absolute) != file.known) {
-                touched(file, now);
+            if (!file.pending && !file.writing && signatureOf(file.absolute) != file.known) {
+                touched(file, now, kOpenFileQuiet);
+                news = true;
             }
         }
-        watchAll();
+        if (news) {
+            watchAll();
+        }
+    }
+
+    bool rests(File& file, SteadyTime now) {
+        takeEvents(now);
+        if (!file.writing && !file.pending) {
+            const Signature signature = signatureOf(file.absolute);
+            const nanoseconds age = std::chrono::system_clock::now().time_since_epoch() - signature.modified;
+            if (age < nanoseconds(0) || age >= kFileQuiet) {
+                file.known = signature;
+                return true;
+            }
+            touched(file, now);
+        }
+        file.asked = true;
+        setTimer(now);
+        return false;
     }
 
     int epoll = -1;
@@ -260,8 +283,7 @@ struct FileWatch::Implementation {
     std::vector<File> files;
     // By watch descriptor: the names that matter in that directory, with the files they matter for.
     std::map<int, std::multimap<std::string, std::size_t>> watches;
-    bool polling = false;
-    SteadyTime nextPoll{};
+    SteadyTime nextPoll = std::chrono::steady_clock::now() + kPollInterval;
 };
 
 FileWatch::FileWatch() : implementation_(std::make_unique<Implementation>()) {}
@@ -280,7 +302,7 @@ void FileWatch::watch(const std::vector<std::filesystem::path>& files) {
         }
         std::error_code error;
         const std::filesystem::path absolute = std::filesystem::absolute(path, error).lexically_normal();
-        fresh.push_back({path, absolute, signatureOf(absolute), {}, false});
+        fresh.push_back({path, absolute, signatureOf(absolute), {}});
     }
     own.files = std::move(fresh);
     own.watchAll();
@@ -289,6 +311,13 @@ void FileWatch::watch(const std::vector<std::filesystem::path>& files) {
 
 int FileWatch::descriptor() const {
     return implementation_->timer < 0 ? -1 : implementation_->epoll;
+}
+
+bool FileWatch::rests(const std::filesystem::path& file) {
+    Implementation& own = *implementation_;
+    const auto known =
+        std::find_if(own.files.begin(), own.files.end(), [&](const File& one) { return one.path == file; });
+    return known == own.files.end() || own.rests(*known, std::chrono::steady_clock::now());
 }
 
 std::vector<std::filesystem::path> FileWatch::changed() {

@@ -209,6 +209,7 @@ class PlaylistParser {
         }
         const auto [first, isNew] = lines_.emplace(channel->group, line_);
         if (!isNew) {
+            ++playlist_.skipped;
             note(channel->group.text() + " stands in line " + std::to_string(first->second) +
                  " already; line skipped");
             return;
@@ -283,9 +284,11 @@ Playlist parsePlaylist(std::string_view bytes) {
 
 std::optional<Playlist> readPlaylist(const std::filesystem::path& file, std::string& problem) {
     const std::string bytes = readTextFile(file, kPlaylistLimit, problem);
-    if (!problem.empty()) {
-        return std::nullopt;
-    }
+    return problem.empty() ? playlistOf(bytes, file, problem) : std::nullopt;
+}
+
+std::optional<Playlist> playlistOf(std::string_view bytes, const std::filesystem::path& file,
+                                   std::string& problem) {
     Playlist playlist = parsePlaylist(bytes);
     if (playlist.channels.empty() && (!playlist.header || playlist.skipped > 0)) {
         problem = "holds no multicast group";

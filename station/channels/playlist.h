@@ -24,7 +24,8 @@ struct Playlist {
     // In the file's order, with the lines that name them; a group named twice stands where it came first.
     std::vector<Channel> channels;
     std::vector<PlaylistNote> notes;  // the first kNotesLimit of what was skipped or changed
-    std::size_t skipped = 0;          // lines that name something that is no multicast group, or one too many
+    // Lines that name something that is no multicast group, a group that stands there already, or one too many.
+    std::size_t skipped = 0;
     bool header = false;              // there is an #EXTM3U
     static constexpr std::size_t kNotesLimit = 100;
 };
@@ -37,6 +38,9 @@ Playlist parsePlaylist(std::string_view bytes);
 // file cannot be read, is too large or holds no channel (an #EXTM3U with nothing below it is an empty
 // playlist): what was read before is to be kept then.
 std::optional<Playlist> readPlaylist(const std::filesystem::path& file, std::string& problem);
+// The same of the bytes that were read of a file.
+std::optional<Playlist> playlistOf(std::string_view bytes, const std::filesystem::path& file,
+                                   std::string& problem);
 
 // A playlist that parsePlaylist reads back: #EXTM3U, then for each channel #EXTINF with its attributes and
 // udp://@GROUP:PORT (port 5000 where none is known). Quotes and line ends in texts are replaced.

@@ -1,0 +1,501 @@
+#include "fileReader.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "channels/fileWatch.h"
+#include "channels/textFile.h"
+#include "common/log.h"
+#include "playlistCopies.h"
+
+namespace station {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr int kLongestWaitMs = 1000;
+constexpr int kWaitForRestMs = 50;
+
+// What is known of one playlist.
+struct List {
+    std::optional<Playlist> good;  // as it was last read
+    std::string refusal;           // why it cannot be read; empty when it can
+    bool tried = false;
+    bool waits = false;  // it is being written
+    LogOnChange trouble;
+    LogOnChange copyTrouble;
+    std::optional<std::string> toCopy;  // its bytes, until the copy holds them
+};
+
+}  // namespace
+
+struct FileReader::Implementation {
+    const Options options;
+    const Deliver deliver;
+    const int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    const int done = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+
+    // Below: the reader's thread alone, once it runs.
+    FileWatch watch;
+    std::shared_ptr<const Configuration> configuration;  // the last good one
+    std::vector<std::string> mistakes;                   // of the file as it is
+    bool configurationWaits = false;
+    std::map<std::filesystem::path, List> lists;
+    std::optional<PlaylistCopies> copies;  // in the first state directory: another one needs a restart
+    steady_clock::time_point readAgain;
+    std::optional<steady_clock::time_point> askedSince;  // a reading that waits for files to rest
+
+    mutable std::mutex mutex;  // guards what follows; no lock is taken while it is held
+    std::condition_variable endedNow;
+    bool ending = false;
+    bool ended = false;
+    bool allAsked = false;
+    bool mayCopy = false;
+    std::vector<std::function<void(const ReadResult&)>> askers;
+    std::optional<Busy> busy;
+    LoadedFiles begun;  // the first reading, as far as it is
+    std::optional<steady_clock::time_point> configurationRead;
+    bool firstOver = false;
+    bool firstTaken = false;
+
+    std::thread thread;
+
+    Implementation(Options options_, Deliver deliver_)
+        : options(std::move(options_)), deliver(std::move(deliver_)) {
+        if (wake < 0 || done < 0) {
+            throw std::runtime_error("no descriptor for reading files: is the limit of open files reached?");
+        }
+        thread = std::thread([this] { run(); });
+    }
+    ~Implementation() {
+        end(milliseconds(0));
+        thread.join();
+        close(wake);
+        close(done);
+    }
+
+    bool end(milliseconds time) {
+        std::unique_lock lock(mutex);
+        ending = true;
+        eventfd_write(wake, 1);
+        return endedNow.wait_for(lock, time, [this] { return ended; });
+    }
+
+    // Says what is read for as long as it lives.
+    class Reading {
+      public:
+        Reading(Implementation& own, const std::filesystem::path& file) : own_(own) {
+            const std::lock_guard lock(own.mutex);
+            own.busy = Busy{file, steady_clock::now()};
+        }
+        ~Reading() {
+            const std::lock_guard lock(own_.mutex);
+            own_.busy.reset();
+        }
+        Reading(const Reading&) = delete;
+
+      private:
+        Implementation& own_;
+    };
+
+    // The thread.
+
+    void run() {
+        readFirst();
+        while (!isEnding()) {
+            writeCopies();
+            pollfd items[2] = {{wake, POLLIN, 0}, {watch.descriptor(), POLLIN, 0}};
+            poll(items, 2, askedSince ? kWaitForRestMs : kLongestWaitMs);
+            eventfd_t count = 0;
+            eventfd_read(wake, &count);
+            std::vector<std::filesystem::path> changed;
+            {
+                const Reading reading(*this, "the directories of configuration and playlists");
+                changed = watch.changed();
+            }
+            addUnread(changed);
+            const bool all = takeAsked();
+            // What changes while a reading of all is waited for is read with it.
+            if (all || (!askedSince && !changed.empty())) {
+                readChanged(changed, all);
+            }
+        }
+        const std::lock_guard lock(mutex);
+        ended = true;
+        endedNow.notify_all();
+    }
+
+    bool isEnding() const {
+        const std::lock_guard lock(mutex);
+        return ending;
+    }
+
+    void readFirst() {
+        watchFiles();  // before reading: what changes meanwhile is read again
+        std::vector<std::string> refused;
+        readConfiguration(refused);
+        {
+            const std::lock_guard lock(mutex);
+            configurationRead = steady_clock::now();
+        }
+        if (configuration) {
+            watchFiles();
+            takeUpCopies();
+            begin();
+            for (const PlaylistSource& source : configuration->playlists) {
+                readList(source.file, refused);
+                begin();
+            }
+        }
+        begin();
+        {
+            const std::lock_guard lock(mutex);
+            firstOver = true;
+            eventfd_write(done, 1);
+            if (!firstTaken) {
+                return;
+            }
+        }
+        tell({}, std::move(refused));
+    }
+
+    // Shows the first reading as far as it is.
+    void begin() {
+        LoadedFiles files = collect();
+        const std::lock_guard lock(mutex);
+        begun = std::move(files);
+    }
+
+    void takeUpCopies() {
+        for (const PlaylistSource& source : configuration->playlists) {
+            List& list = lists[source.file];
+            if (list.tried || list.good) {
+                continue;
+            }
+            std::string problem;
+            const std::string bytes = copies->read(source.file, configuration->playlists, problem);
+            if (problem.empty()) {
+                list.good = playlistOf(bytes, source.file, problem);
+            }
+        }
+    }
+
+    // Whether all files are to be read now: somebody asked, and they rest or have been waited for.
+    bool takeAsked() {
+        {
+            const std::lock_guard lock(mutex);
+            if (std::exchange(allAsked, false) && !askedSince) {
+                askedSince = steady_clock::now();
+            }
+        }
+        if (!askedSince || (steady_clock::now() - *askedSince < kReloadWait && !allRest())) {
+            return false;
+        }
+        askedSince.reset();
+        return true;
+    }
+
+    bool allRest() {
+        const Reading reading(*this, "the directories of configuration and playlists");
+        return std::ranges::all_of(watched(), [this](const auto& file) { return watch.rests(file); });
+    }
+
+    // Adds the playlists that could not be read, every now and then: the trouble may be over without a trace.
+    void addUnread(std::vector<std::filesystem::path>& changed) {
+        if (steady_clock::now() < readAgain) {
+            return;
+        }
+        readAgain = steady_clock::now() + kReadsAgain;
+        for (const auto& [file, list] : lists) {
+            std::error_code error;
+            if (!list.refusal.empty() && std::ranges::find(changed, file) == changed.end() &&
+                std::filesystem::exists(file, error)) {
+                changed.push_back(file);
+            }
+        }
+    }
+
+    void readChanged(const std::vector<std::filesystem::path>& changed, bool all) {
+        const auto wanted = [&](const std::filesystem::path& file) {
+            return all || std::ranges::find(changed, file) != changed.end();
+        };
+        std::vector<std::function<void(const ReadResult&)>> told;
+        {
+            const std::lock_guard lock(mutex);
+            if (all) {
+                told.swap(askers);
+            }
+        }
+        std::vector<std::string> refused;
+        bool news = all;
+        if (wanted(options.configuration)) {
+            configurationWaits = !watch.rests(options.configuration);
+            if (!configurationWaits) {
+                readConfiguration(refused);
+                watchFiles();
+                takeUpCopies();
+                news = true;
+            }
+        }
+        for (const auto& file : playlistFiles()) {
+            List& list = lists[file];
+            if (!wanted(file) && list.tried) {
+                continue;
+            }
+            list.waits = list.tried && !watch.rests(file);
+            const std::string refusal = list.refusal;
+            if (!list.waits) {
+                news = readList(file, refused) || list.refusal != refusal || news;
+            }
+        }
+        if (news) {
+            tell(std::move(told), std::move(refused));
+        }
+    }
+
+    // Files.
+
+    std::vector<std::filesystem::path> playlistFiles() const {
+        std::vector<std::filesystem::path> files;
+        for (const PlaylistSource& source :
+             configuration ? configuration->playlists : std::vector<PlaylistSource>{}) {
+            if (std::ranges::find(files, source.file) == files.end()) {
+                files.push_back(source.file);
+            }
+        }
+        return files;
+    }
+
+    std::vector<std::filesystem::path> watched() const {
+        std::vector<std::filesystem::path> files = playlistFiles();
+        if (!options.configuration.empty()) {
+            files.insert(files.begin(), options.configuration);
+        }
+        return files;
+    }
+
+    void watchFiles() {
+        const std::vector<std::filesystem::path> files = watched();
+        const Reading reading(*this, "the directories of configuration and playlists");
+        watch.watch(files);
+        std::erase_if(lists, [&](const auto& list) { return std::ranges::find(files, list.first) == files.end(); });
+    }
+
+    void readConfiguration(std::vector<std::string>& refused) {
+        const Reading reading(*this, options.configuration);
+        ConfigurationResult read = options.configuration.empty()
+                                       ? parseConfiguration("", "station.toml")
+                                       : station::readConfiguration(options.configuration);
+        mistakes.clear();
+        for (const Mistake& mistake : read.mistakes) {
+            mistakes.push_back(mistake.message());
+            if (configuration) {
+                log(LogLevel::kWarning, mistake.message() + "; the last good configuration holds");
+            }
+        }
+        refused.insert(refused.end(), mistakes.begin(), mistakes.end());
+        if (!mistakes.empty()) {
+            return;
+        }
+        options.override(read.configuration);
+        configuration = std::make_shared<const Configuration>(std::move(read.configuration));
+        if (!copies) {
+            copies.emplace(configuration->state);
+        }
+    }
+
+    // True when the list was read.
+    bool readList(const std::filesystem::path& file, std::vector<std::string>& refused) {
+        const Reading reading(*this, file);
+        List& list = lists[file];
+        std::string problem;
+        std::string bytes = options.read(file, kPlaylistLimit, problem);
+        std::optional<Playlist> playlist =
+            problem.empty() ? playlistOf(bytes, file, problem) : std::nullopt;
+        // Somebody has begun to write it.
+        if (list.good && !watch.rests(file)) {
+            list.waits = true;
+            list.tried = true;
+            return false;
+        }
+        list.tried = true;
+        list.waits = false;
+        if (playlist) {
+            list.refusal.clear();
+            list.trouble.over("playlist " + file.string() + ": read, " +
+                              std::to_string(playlist->channels.size()) + " channels");
+            list.good = std::move(*playlist);
+            list.toCopy = std::move(bytes);
+            return true;
+        }
+        list.refusal = "playlist " + file.string() + " " + problem + whatHolds(list);
+        refused.push_back(list.refusal);
+        list.trouble.say(LogLevel::kWarning, list.refusal);
+        return false;
+    }
+
+    static std::string whatHolds(const List& list) {
+        return list.good ? "; its last good list of " + std::to_string(list.good->channels.size()) +
+                               " channels holds"
+                         : "";
+    }
+
+    void writeCopies() {
+        {
+            const std::lock_guard lock(mutex);
+            if (!mayCopy) {
+                return;
+            }
+        }
+        for (auto& [file, list] : lists) {
+            if (!list.toCopy || !copies) {
+                continue;
+            }
+            const Reading reading(*this, "the copy of " + file.string());
+            const std::string problem = copies->keep(file, *list.toCopy);
+            list.toCopy.reset();
+            if (problem.empty()) {
+                list.copyTrouble.over();
+            } else {
+                list.copyTrouble.say(LogLevel::kWarning, "no copy of " + file.string() + " is kept: " + problem);
+            }
+        }
+    }
+
+    // What is told.
+
+    ReadResult result() const {
+        ReadResult now;
+        now.configurationRefused = !mistakes.empty();
+        now.refusals = mistakes;
+        std::size_t details = 0;
+        for (const auto& file : playlistFiles()) {
+            const auto found = lists.find(file);
+            details += found == lists.end() || !found->second.good ? 0 : found->second.good->notes.size();
+        }
+        std::vector<std::string> notes;
+        if (configurationWaits) {
+            now.notes.push_back(options.configuration.string() + " is being written, and read when that is over");
+        }
+        for (const auto& file : playlistFiles()) {
+            const auto found = lists.find(file);
+            if (found == lists.end()) {
+                continue;
+            }
+            const List& list = found->second;
+            const std::string name = file.filename().string();
+            if (!list.refusal.empty()) {
+                now.refusals.push_back(list.refusal);
+            }
+            if (list.waits) {
+                now.notes.push_back(name + " is being written, and read when that is over" + whatHolds(list));
+            }
+            if (!list.good) {
+                continue;
+            }
+            if (list.good->skipped > list.good->notes.size() || (list.good->skipped > 0 && details > kNotes)) {
+                now.notes.push_back(name + ": " + std::to_string(list.good->skipped) + " lines skipped");
+            }
+            for (const PlaylistNote& note : list.good->notes) {
+                notes.push_back(name + ":" + std::to_string(note.line) + ": " + note.text);
+            }
+        }
+        notes.resize(std::min(notes.size(), kNotes));
+        now.notes.insert(now.notes.end(), notes.begin(), notes.end());
+        return now;
+    }
+
+    LoadedFiles collect() const {
+        LoadedFiles files;
+        files.configuration = configuration;
+        files.result = result();
+        for (const PlaylistSource& source :
+             configuration ? configuration->playlists : std::vector<PlaylistSource>{}) {
+            if (const auto list = lists.find(source.file); list != lists.end() && list->second.good) {
+                files.playlists.emplace_back(source, *list->second.good);
+            }
+        }
+        return files;
+    }
+
+    void tell(std::vector<std::function<void(const ReadResult&)>> told, std::vector<std::string> refused) {
+        LoadedFiles files = collect();
+        files.refused = std::move(refused);
+        const auto shared = std::make_shared<const ReadResult>(files.result);
+        for (auto& asker : told) {
+            files.askers.emplace_back([asker = std::move(asker), shared] { asker(*shared); });
+        }
+        deliver(std::move(files));
+    }
+};
+
+FileReader::FileReader(Options options, Deliver deliver)
+    : implementation_(std::make_unique<Implementation>(std::move(options), std::move(deliver))) {}
+
+FileReader::~FileReader() = default;
+
+int FileReader::firstDone() const {
+    return implementation_->done;
+}
+
+LoadedFiles FileReader::first() {
+    Implementation& own = *implementation_;
+    const std::lock_guard lock(own.mutex);
+    own.firstTaken = true;
+    if (!own.firstOver && own.busy) {
+        own.begun.result.refusals.push_back("reading " + own.busy->file.string() +
+                                            " takes long; what was last read holds until then");
+    }
+    return std::move(own.begun);
+}
+
+std::optional<steady_clock::time_point> FileReader::configurationRead() const {
+    const std::lock_guard lock(implementation_->mutex);
+    return implementation_->configurationRead;
+}
+
+void FileReader::keepCopies() {
+    {
+        const std::lock_guard lock(implementation_->mutex);
+        implementation_->mayCopy = true;
+    }
+    eventfd_write(implementation_->wake, 1);
+}
+
+void FileReader::readAll(std::function<void(const ReadResult&)> asker) {
+    {
+        const std::lock_guard lock(implementation_->mutex);
+        implementation_->allAsked = true;
+        if (asker) {
+            implementation_->askers.push_back(std::move(asker));
+        }
+    }
+    eventfd_write(implementation_->wake, 1);
+}
+
+std::size_t FileReader::askers() const {
+    const std::lock_guard lock(implementation_->mutex);
+    return implementation_->askers.size();
+}
+
+std::optional<FileReader::Busy> FileReader::busy() const {
+    const std::lock_guard lock(implementation_->mutex);
+    return implementation_->busy;
+}
+
+bool FileReader::end(std::chrono::milliseconds time) {
+    return implementation_->end(time);
+}
+
+}  // namespace station
