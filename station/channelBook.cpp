@@ -70,9 +70,9 @@ void ChannelBook::setRuntime(LoadedRuntime&& loaded) {
 
 std::optional<Refusal> ChannelBook::refuseUnknown() const {
     return known_ ? std::nullopt
-                  : std::optional(Refusal{Refusal::Why::kFailed, "",
-                                          "no change is taken until the channels of the run time can be read: " +
-                                              problem_});
+                  : std::optional(Refusal{
+                        Refusal::Why::kFailed, "",
+                        "no change is taken until the channels of the run time can be read: " + problem_});
 }
 
 std::optional<Refusal> ChannelBook::takeRuntime(RuntimeChannels&& channels, const char* field) {

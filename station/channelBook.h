@@ -14,12 +14,16 @@ namespace station {
 // One thread. Nothing here waits for a disk.
 class ChannelBook {
   public:
-    // Takes up what was changed at run time before. As long as that could not be read, every change is refused:
-    // saving it would write over what is on the disk.
+    // Takes up what was changed at run time before. As long as that could not be read, every change is
+    // refused: saving it would write over what is on the disk.
     void setRuntime(LoadedRuntime&& loaded);
     // What was wrong with it, or empty.
     const std::string& problem() const {
         return problem_;
+    }
+    // Whether it could be read, so that a channel that is not here is not watched.
+    bool known() const {
+        return known_;
     }
 
     void setFiles(const Configuration& configuration,

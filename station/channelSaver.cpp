@@ -62,7 +62,7 @@ struct ChannelSaver::Implementation {
             saveNow();
             std::unique_lock lock(mutex);
             news.wait_for(lock, known ? kSavesAgain : kLoadsAgain,
-                          [this] { return ending || !askers.empty(); });
+                          [this] { return ending || (known && !askers.empty()); });
             last = ending;
         }
         saveAgain = {};

@@ -11,8 +11,8 @@
 
 namespace station {
 
-// Reads them once, as soon as that can be done, and writes them when they change. A disk that hangs holds up this
-// thread and nobody else. What could not be read is never written over.
+// Reads them once, as soon as that can be done, and writes them when they change. A disk that hangs holds up
+// this thread and nobody else. What could not be read is never written over.
 class ChannelSaver {
   public:
     static constexpr std::chrono::milliseconds kLoadsAgain{2000};
@@ -27,8 +27,8 @@ class ChannelSaver {
 
     // What was read; without channels when that did not work, or not within the time. To be called once.
     LoadedRuntime load(std::chrono::milliseconds time);
-    // Of several that wait only the latest is written, and all are told: the problem, or an empty text. One that
-    // could not be written is tried again. Any thread, at once; `done` is called on the saver's.
+    // Of several that wait only the latest is written, and all are told: the problem, or an empty text. One
+    // that could not be written is tried again. Any thread, at once; `done` is called on the saver's.
     void save(RuntimeChannels channels, std::function<void(const std::string& problem)> done);
     // Nobody is told any more, once this returns.
     void mute();

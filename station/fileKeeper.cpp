@@ -18,7 +18,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr int kLooksMs = 1000;      // how often the main thread looks whether a reading takes long
+constexpr int kLooksMs = 1000;       // how often the main thread looks whether a reading takes long
 constexpr int kLooksAtStartMs = 50;  // and at the start
 
 }  // namespace
@@ -105,8 +105,8 @@ std::optional<LoadedFiles> FileKeeper::load() {
 
 LoadedRuntime FileKeeper::loadRuntime(const std::filesystem::path& stateDirectory) {
     Mailbox& mailbox = implementation_->mailbox;
-    implementation_->saver.emplace(
-        stateDirectory, [&mailbox](LoadedRuntime&& loaded) { mailbox.send(std::move(loaded)); });
+    implementation_->saver.emplace(stateDirectory,
+                                   [&mailbox](LoadedRuntime&& loaded) { mailbox.send(std::move(loaded)); });
     implementation_->reader->keepCopies();
     return implementation_->saver->load(kStartWait);
 }

@@ -289,7 +289,8 @@ struct FileReader::Implementation {
         const std::vector<std::filesystem::path> files = watched();
         const Reading reading(*this, "the directories of configuration and playlists");
         watch.watch(files);
-        std::erase_if(lists, [&](const auto& list) { return std::ranges::find(files, list.first) == files.end(); });
+        std::erase_if(lists,
+                      [&](const auto& list) { return std::ranges::find(files, list.first) == files.end(); });
     }
 
     void readConfiguration(std::vector<std::string>& refused) {
@@ -321,8 +322,7 @@ struct FileReader::Implementation {
         List& list = lists[file];
         std::string problem;
         std::string bytes = options.read(file, kPlaylistLimit, problem);
-        std::optional<Playlist> playlist =
-            problem.empty() ? playlistOf(bytes, file, problem) : std::nullopt;
+        std::optional<Playlist> playlist = problem.empty() ? playlistOf(bytes, file, problem) : std::nullopt;
         // Somebody has begun to write it.
         if (list.good && !watch.rests(file)) {
             list.waits = true;
@@ -368,7 +368,8 @@ struct FileReader::Implementation {
             if (problem.empty()) {
                 list.copyTrouble.over();
             } else {
-                list.copyTrouble.say(LogLevel::kWarning, "no copy of " + file.string() + " is kept: " + problem);
+                list.copyTrouble.say(LogLevel::kWarning,
+                                     "no copy of " + file.string() + " is kept: " + problem);
             }
         }
     }
@@ -386,7 +387,8 @@ struct FileReader::Implementation {
         }
         std::vector<std::string> notes;
         if (configurationWaits) {
-            now.notes.push_back(options.configuration.string() + " is being written, and read when that is over");
+            now.notes.push_back(options.configuration.string() +
+                                " is being written, and read when that is over");
         }
         for (const auto& file : playlistFiles()) {
             const auto found = lists.find(file);
@@ -404,7 +406,8 @@ struct FileReader::Implementation {
             if (!list.good) {
                 continue;
             }
-            if (list.good->skipped > list.good->notes.size() || (list.good->skipped > 0 && details > kNotes)) {
+            if (list.good->skipped > list.good->notes.size() ||
+                (list.good->skipped > 0 && details > kNotes)) {
                 now.notes.push_back(name + ": " + std::to_string(list.good->skipped) + " lines skipped");
             }
             for (const PlaylistNote& note : list.good->notes) {

@@ -13,8 +13,8 @@
 
 namespace station {
 
-// A share that hangs holds up this thread and nobody else. What is being written is waited for, whatever the files
-// are read for; and a change of one file has that one read alone.
+// A share that hangs holds up this thread and nobody else. What is being written is waited for, whatever the
+// files are read for; and a change of one file has that one read alone.
 class FileReader {
   public:
     struct Options {
@@ -22,7 +22,8 @@ class FileReader {
         // What the command line puts in the place of what the file says.
         std::function<void(Configuration&)> override;
         // Reads a playlist's bytes: readTextFile(), or what a test puts in its place.
-        std::function<std::string(const std::filesystem::path&, std::size_t limit, std::string& problem)> read;
+        std::function<std::string(const std::filesystem::path&, std::size_t limit, std::string& problem)>
+            read;
     };
     using Deliver = std::function<void(LoadedFiles&&)>;
 
@@ -30,7 +31,8 @@ class FileReader {
     static constexpr std::chrono::milliseconds kReloadWait{2000};
     // A playlist that is there and cannot be read is tried again so often, though nothing changes.
     static constexpr std::chrono::milliseconds kReadsAgain{10000};
-    static constexpr std::size_t kNotes = 100;  // of all playlists; each one's count of skipped lines goes first
+    static constexpr std::size_t kNotes =
+        100;  // of all playlists; each one's count of skipped lines goes first
 
     // Begins to read. `deliver` is called on the reader's thread, with what changed after first().
     FileReader(Options options, Deliver deliver);
@@ -39,9 +41,9 @@ class FileReader {
 
     // For poll(): readable once the first reading is done.
     int firstDone() const;
-    // What the first reading found; before it is done, what it found so far, with the copies of playlists that it
-    // did not get to, and all of it is delivered later. No configuration: the file has mistakes, or is not read
-    // yet. To be called once.
+    // What the first reading found; before it is done, what it found so far, with the copies of playlists
+    // that it did not get to, and all of it is delivered later. No configuration: the file has mistakes, or
+    // is not read yet. To be called once.
     LoadedFiles first();
     // When the configuration was read, or refused; from then on playlists are what first() waits for.
     std::optional<std::chrono::steady_clock::time_point> configurationRead() const;

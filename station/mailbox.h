@@ -78,8 +78,8 @@ class Mailbox {
         ready_.notify_one();
         return true;
     }
-    // Takes the place of files that were not taken yet, but for who asked for those and what they refused. A good
-    // configuration is not lost to a bad one behind it: the files have the last good one.
+    // Takes the place of files that were not taken yet, but for who asked for those and what they refused. A
+    // good configuration is not lost to a bad one behind it: the files have the last good one.
     void send(LoadedFiles&& files) {
         const std::lock_guard lock(mutex_);
         if (letters_.files) {

@@ -160,13 +160,28 @@ class DirectoryLock {
     int descriptor_;
 };
 
-// A disk that hangs must not keep the process: its threads are left to their end then.
-int leave(station::FileKeeper& keeper, int status) {
-    if (!keeper.end()) {
-        fflush(nullptr);
-        _Exit(status);
+void tell(const std::exception& error) {
+    fprintf(stderr, "kestor-station: %s\n", error.what());
+}
+
+int serve(station::FileKeeper& keeper, station::Mailbox& mailbox) {
+    std::optional<station::LoadedFiles> files = keeper.load();
+    if (!files) {
+        return 0;  // a signal came first
     }
-    return status;
+    if (!files->configuration) {
+        for (const std::string& mistake : files->result.refusals) {
+            fprintf(stderr, "%s\n", mistake.c_str());
+        }
+        return kExitFailed;
+    }
+    const std::filesystem::path state = files->configuration->state;
+    makeDirectory(state);
+    const DirectoryLock lock(state);
+    makeDirectory(files->configuration->socket.parent_path());
+    const station::Station owner(std::move(*files), keeper.loadRuntime(state), keeper, mailbox);
+    keeper.run();
+    return 0;
 }
 
 int run(const CLI::App& app, const Arguments& arguments) {
@@ -181,25 +196,18 @@ int run(const CLI::App& app, const Arguments& arguments) {
         {file, [&](Configuration& configuration) { override(app, arguments, configuration); },
          station::readTextFile},
         mailbox);
-    std::optional<station::LoadedFiles> files = keeper.load();
-    if (!files) {
-        return leave(keeper, 0);
+    int status = kExitFailed;
+    try {
+        status = serve(keeper, mailbox);
+    } catch (const std::exception& error) {
+        tell(error);
     }
-    if (!files->configuration) {
-        for (const std::string& mistake : files->result.refusals) {
-            fprintf(stderr, "%s\n", mistake.c_str());
-        }
-        return leave(keeper, kExitFailed);
+    // A disk that hangs must not keep the process: its threads are left to their end then.
+    if (!keeper.end()) {
+        fflush(nullptr);
+        _Exit(status);
     }
-    const std::filesystem::path state = files->configuration->state;
-    makeDirectory(state);
-    const DirectoryLock lock(state);
-    makeDirectory(files->configuration->socket.parent_path());
-    {
-        const station::Station owner(std::move(*files), keeper.loadRuntime(state), keeper, mailbox);
-        keeper.run();
-    }
-    return leave(keeper, 0);
+    return status;
 }
 
 }  // namespace
@@ -218,7 +226,7 @@ int main(int argc, char* argv[]) {
         }
         return run(app, arguments);
     } catch (const std::exception& error) {
-        fprintf(stderr, "kestor-station: %s\n", error.what());
+        tell(error);
         return kExitFailed;
     }
 }

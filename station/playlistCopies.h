@@ -10,8 +10,8 @@
 
 namespace station {
 
-// A playlist as it was last good, for a start at which it cannot be read: a share that is not mounted yet must not
-// end the watching of its channels. For use by one thread; waits for the disk.
+// A playlist as it was last good, for a start at which it cannot be read: a share that is not mounted yet
+// must not end the watching of its channels. For use by one thread; waits for the disk.
 class PlaylistCopies {
   public:
     explicit PlaylistCopies(const std::filesystem::path& stateDirectory);

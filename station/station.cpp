@@ -71,7 +71,9 @@ struct Station::Implementation : StationInterface {
     uint64_t channelsVersion = 1;
     uint64_t alarmsVersion = 1;
     const WallTime started = systemNow().wall;
-    std::vector<std::string> notes;
+    std::vector<std::string> fileNotes;  // of configuration and playlists
+    // Active alarms of channels that are not known as long as channels.json could not be read.
+    std::vector<Alarm> heldBack;
 
     // Made last and ended first is the owner, which uses all the others.
     std::unique_ptr<Server> server;
@@ -79,22 +81,18 @@ struct Station::Implementation : StationInterface {
     std::unique_ptr<PipeReader> reader;
     std::thread owner;
 
-    Implementation(LoadedFiles files, FileKeeper& keeper_, Mailbox& mailbox_)
+    Implementation(LoadedFiles files, LoadedRuntime runtime, FileKeeper& keeper_, Mailbox& mailbox_)
         : keeper(keeper_),
           mailbox(mailbox_),
           configuration(files.configuration),
           store(configuration->state, {configuration->keepDays, configuration->keepRows}, systemNow),
           delivery(configuration->state, configuration->instance),
           influx(configuration->influx, configuration->instance),
-          book(configuration->state),
           desk(store, delivery) {
         const Now now = systemNow();
-        if (!book.problem().empty()) {
-            log(LogLevel::kWarning, book.problem());
-        }
+        book.setRuntime(std::move(runtime));
         adopt(files, now, true);
-        take(engine.restore(store.initial().active, now), now);
-        desk.restore(engine.active(), book.channels(), now);
+        restoreAlarms(now);
         desk.record({.kind = EventKind::kStationStarted, .text = "the station started"}, now);
         publish(now);
         openServer();
@@ -134,6 +132,21 @@ struct Station::Implementation : StationInterface {
         return delivery.statistics();
     }
 
+    void restoreAlarms(const Now& now) {
+        std::vector<Alarm> active = store.initial().active;
+        if (!book.known()) {
+            const auto unknown = std::ranges::partition(active, [this](const Alarm& alarm) {
+                return !alarm.group || book.channels().contains(*alarm.group);
+            });
+            heldBack.assign(unknown.begin(), unknown.end());
+            active.erase(unknown.begin(), unknown.end());
+        }
+        take(engine.restore(active, now), now);
+        std::vector<Alarm> raised = engine.active();
+        raised.insert(raised.end(), heldBack.begin(), heldBack.end());
+        desk.restore(raised, book.channels(), now);
+    }
+
     // Configuration and files.
 
     void openServer() {
@@ -164,11 +177,9 @@ struct Station::Implementation : StationInterface {
             }
             configuration = files.configuration;
         }
-        notes = files.refusals;
-        notes.insert(notes.end(), files.notes.begin(), files.notes.end());
+        fileNotes = files.result.refusals;
+        fileNotes.insert(fileNotes.end(), files.result.notes.begin(), files.result.notes.end());
         book.setFiles(*configuration, std::move(files.playlists));
-        notes.insert(notes.end(), book.notes().begin(), book.notes().end());
-        notes.resize(std::min(notes.size(), kNotesShown));
         delivery.configure(configuration->webhooks);
         influx.configure(configuration->influx);
         store.setLimits({configuration->keepDays, configuration->keepRows});
@@ -176,13 +187,33 @@ struct Station::Implementation : StationInterface {
         if (atStart) {
             return;
         }
-        desk.record(files.refusals.empty()
+        desk.record(files.refused.empty()
                         ? Event{.kind = EventKind::kConfigurationRead,
                                 .text = "read again: " + std::to_string(book.channels().size()) + " channels"}
-                        : Event{.kind = EventKind::kConfigurationRefused, .text = files.refusals.front()},
+                        : Event{.kind = EventKind::kConfigurationRefused, .text = files.refused.front()},
                     now);
         server->setAccess(serverAccess());
         tellController();
+    }
+
+    std::vector<std::string> notes() const {
+        std::vector<std::string> all;
+        if (!book.problem().empty()) {
+            all.push_back(book.problem());
+        }
+        all.insert(all.end(), fileNotes.begin(), fileNotes.end());
+        all.insert(all.end(), book.notes().begin(), book.notes().end());
+        all.resize(std::min(all.size(), kNotesShown));
+        return all;
+    }
+
+    // What was changed at run time could be read after all.
+    void adopt(LoadedRuntime&& runtime, const Now& now) {
+        book.setRuntime(std::move(runtime));
+        takeChannels(now, false);
+        if (book.known()) {
+            take(engine.restore(std::exchange(heldBack, {}), now), now);
+        }
     }
 
     void noteWhatNeedsARestart(const Configuration& read) const {
@@ -269,7 +300,7 @@ struct Station::Implementation : StationInterface {
 
     static void answerReloads(const LoadedFiles& files) {
         for (const auto& asker : files.askers) {
-            asker(files);
+            asker();
         }
     }
 
@@ -281,10 +312,13 @@ struct Station::Implementation : StationInterface {
         if (letters.files) {
             adopt(*letters.files, now, false);
         }
+        if (letters.runtime) {
+            adopt(std::move(*letters.runtime), now);
+        }
         for (RawSnapshot& snapshot : letters.snapshots) {
             handleSnapshot(std::move(snapshot));
         }
-        return !letters.snapshots.empty() || letters.files.has_value();
+        return !letters.snapshots.empty() || letters.files || letters.runtime;
     }
 
     void finishCycle(const Now& now) {
@@ -462,7 +496,7 @@ struct Station::Implementation : StationInterface {
         next->alarms = engine.active();
         next->maintenance = desk.maintenance();
         next->configuration = configuration;
-        next->notes = notes;
+        next->notes = notes();
         next->passive = passiveAsked.value_or(configuration->passive.value_or(false));
         next->use = use;
         next->use.commandsRefused = mailbox.refusedCommands();
@@ -562,9 +596,10 @@ struct Station::Implementation : StationInterface {
     }
 
     void act(const DeleteChannel& action, const Reply& reply) {
-        if (!book.remove(action.group)) {
-            reply(
-                refused(Refusal::Why::kNotFound, "group", "no channel has the group " + action.group.text()));
+        if (auto refusal = book.remove(action.group)) {
+            Answer answer;
+            answer.refusal = std::move(refusal);
+            reply(std::move(answer));
             return;
         }
         applyChannels({}, reply);
@@ -600,12 +635,12 @@ struct Station::Implementation : StationInterface {
     }
 
     void act(const ReloadFiles& /*action*/, const Reply& reply) {
-        const bool waits = keeper.reload([reply](const LoadedFiles& files) {
+        const bool waits = keeper.reload([reply](const ReadResult& result) {
             Answer answer;
-            answer.notes = files.refusals;
-            answer.notes.insert(answer.notes.end(), files.notes.begin(), files.notes.end());
-            if (!files.configuration) {
-                answer.refusal = Refusal{Refusal::Why::kInvalid, "configuration", files.refusals.front()};
+            answer.notes = result.refusals;
+            answer.notes.insert(answer.notes.end(), result.notes.begin(), result.notes.end());
+            if (result.configurationRefused) {
+                answer.refusal = Refusal{Refusal::Why::kInvalid, "configuration", result.refusals.front()};
             }
             reply(std::move(answer));
         });
@@ -683,8 +718,9 @@ struct Station::Implementation : StationInterface {
     }
 };
 
-Station::Station(LoadedFiles files, FileKeeper& keeper, Mailbox& mailbox)
-    : implementation_(std::make_unique<Implementation>(std::move(files), keeper, mailbox)) {}
+Station::Station(LoadedFiles files, LoadedRuntime runtime, FileKeeper& keeper, Mailbox& mailbox)
+    : implementation_(
+          std::make_unique<Implementation>(std::move(files), std::move(runtime), keeper, mailbox)) {}
 
 Station::~Station() = default;
 

@@ -254,7 +254,8 @@ std::string beyondRuntimeLimits(const RuntimeChannels& channels) {
                "again";
     }
     if (bytes > kRuntimeFileLimit) {
-        return "the channels of the run time would take more than 64 MiB on the disk; give them shorter texts";
+        return "the channels of the run time would take more than 64 MiB on the disk; give them shorter "
+               "texts";
     }
     return {};
 }

@@ -42,13 +42,14 @@ struct ChannelDifference {
 };
 ChannelDifference compareChannels(const ChannelMap& before, const ChannelMap& after);
 
-// Bounds of the run-time part, for writing as for reading: additions and overrides, removals, bytes on the disk.
+// Bounds of the run-time part, for writing as for reading: additions and overrides, removals, bytes on the
+// disk.
 inline constexpr std::size_t kAdditionsLimit = kChannelsLimit;
 inline constexpr std::size_t kRemovalsLimit = 10'000;
 inline constexpr std::size_t kRuntimeFileLimit = std::size_t{64} << 20;
 
-// Which of these bounds the channels pass, as a sentence for an operator; empty for none. What passes none can be
-// written and read again.
+// Which of these bounds the channels pass, as a sentence for an operator; empty for none. What passes none
+// can be written and read again.
 std::string beyondRuntimeLimits(const RuntimeChannels& channels);
 
 // What a start finds of the run-time part.
@@ -65,7 +66,8 @@ class RuntimeChannelFile {
     static constexpr int kAside = 10;  // damaged files that are kept, none written over
 
     explicit RuntimeChannelFile(const std::filesystem::path& stateDirectory);
-    // What the file holds; an empty set when there is none. Of a damaged file, which is put aside (".damaged",
+    // What the file holds; an empty set when there is none. Of a damaged file, which is put aside
+    // (".damaged",
     // ".damaged.1" and so on), what could be read. Waits for the disk.
     LoadedRuntime load() const;
     // Empty when all is on the disk, else what went wrong (the old file is whole then). Waits for the disk.

@@ -26,8 +26,8 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
 constexpr milliseconds kPollInterval{2000};
-constexpr int kLinksLimit = 40;              // links followed for one file, as the kernel does
-constexpr int kReadsLimit = 16;              // of the event queue in one call
+constexpr int kLinksLimit = 40;  // links followed for one file, as the kernel does
+constexpr int kReadsLimit = 16;  // of the event queue in one call
 constexpr uint32_t kNameEvents = IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
 constexpr uint32_t kFileEvents = kNameEvents | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB;
 

@@ -14,10 +14,10 @@ inline constexpr std::chrono::milliseconds kFileQuiet{300};
 inline constexpr std::chrono::milliseconds kOpenFileQuiet{3000};
 
 // Watches files by their directories (inotify), so that files that are not there yet, whose directories are
-// not there yet, that are replaced by renaming, or are links whose target changes are noticed. Times and sizes
-// are looked at every two seconds as well, for what the kernel does not tell: a file system that is mounted over
-// a directory, what other machines do to a share, what is written through a mapping. Where the file system
-// hangs, so do the calls. For use by one thread.
+// not there yet, that are replaced by renaming, or are links whose target changes are noticed. Times and
+// sizes are looked at every two seconds as well, for what the kernel does not tell: a file system that is
+// mounted over a directory, what other machines do to a share, what is written through a mapping. Where the
+// file system hangs, so do the calls. For use by one thread.
 class FileWatch {
   public:
     FileWatch();
@@ -33,9 +33,9 @@ class FileWatch {
     // The watched files that changed since the last call, in the order of watch(): written and closed, moved,
     // created, removed, access rights changed.
     std::vector<std::filesystem::path> changed();
-    // Whether a watched file may be read at this moment: nobody is seen writing it, and the last change is over.
-    // Else changed() will tell it once that is so, be it unchanged then. Ask again behind the reading: what was
-    // read of a file that does not rest any more may be half of it.
+    // Whether a watched file may be read at this moment: nobody is seen writing it, and the last change is
+    // over. Else changed() will tell it once that is so, be it unchanged then. Ask again behind the reading:
+    // what was read of a file that does not rest any more may be half of it.
     bool rests(const std::filesystem::path& file);
 
   private:

@@ -24,9 +24,10 @@ struct Playlist {
     // In the file's order, with the lines that name them; a group named twice stands where it came first.
     std::vector<Channel> channels;
     std::vector<PlaylistNote> notes;  // the first kNotesLimit of what was skipped or changed
-    // Lines that name something that is no multicast group, a group that stands there already, or one too many.
+    // Lines that name something that is no multicast group, a group that stands there already, or one too
+    // many.
     std::size_t skipped = 0;
-    bool header = false;              // there is an #EXTM3U
+    bool header = false;  // there is an #EXTM3U
     static constexpr std::size_t kNotesLimit = 100;
 };
 

@@ -274,7 +274,7 @@ TEST_F(StationChannels, HostilePlaylistsAreBoundedAndReadBack) {
     EXPECT_EQ(playlist.channels[0].name, std::string(kNameLimit, 'n'));
     EXPECT_EQ(playlist.channels[0].number, 12);
     EXPECT_EQ(playlist.channels[1].name, "<script>\xE2\x80\xAE");
-    EXPECT_EQ(playlist.skipped, 3u);
+    EXPECT_EQ(playlist.skipped, 4u);
     ASSERT_THAT(playlist.notes, SizeIs(5));
     EXPECT_EQ(playlist.notes[1].text, "239.1.1.1 stands in line 3 already; line skipped");
 
@@ -358,9 +358,8 @@ TEST_F(StationChannels, OneSetIsMadeByPrecedence) {
 
 TEST_F(StationChannels, ChannelsOfTheRunTimeSurviveWhateverHappensToTheirFile) {
     const RuntimeChannelFile file(directory);
-    std::string problem;
-    EXPECT_THAT(file.load(problem), IsEmpty());
-    EXPECT_EQ(problem, "");
+    EXPECT_TRUE(file.load().channels == RuntimeChannels{});
+    EXPECT_EQ(file.load().problem, "");
     RuntimeChannels channels;
     Channel full = channel("239.1.1.1", "N\xC3\xA9 \"x\"", Origin::kRuntime);
     full.labels = {{"site", "north"}};
@@ -373,12 +372,12 @@ TEST_F(StationChannels, ChannelsOfTheRunTimeSurviveWhateverHappensToTheirFile) {
     channels.emplace(group("239.1.1.2"),
                      RuntimeChannel{channel("239.1.1.2", "239.1.1.2", Origin::kRuntime), true});
     ASSERT_EQ(file.save(channels), "");
-    EXPECT_TRUE(file.load(problem) == channels);
+    EXPECT_TRUE(file.load().channels == channels);
 
     // What cannot be written leaves the old file whole.
     fs::create_directory(directory / "channels.json.new");
     EXPECT_THAT(file.save({}), HasSubstr("cannot be created"));
-    EXPECT_TRUE(file.load(problem) == channels);
+    EXPECT_TRUE(file.load().channels == channels);
     fs::remove(directory / "channels.json.new");
 
     const std::string whole = read("channels.json");
@@ -393,14 +392,59 @@ TEST_F(StationChannels, ChannelsOfTheRunTimeSurviveWhateverHappensToTheirFile) {
         {std::string(whole).replace(whole.find("5000"), 4, "99999"), 1},
         {std::string(whole).replace(whole.find("\"north\""), 7, "[17]"), 1},
     };
+    std::string aside = "channels.json.damaged";  // none is written over by the next
+    int number = 0;
     for (const Case& damaged : cases) {
         write("channels.json", damaged.text);
-        EXPECT_THAT(file.load(problem), SizeIs(damaged.left)) << damaged.text;
-        EXPECT_THAT(problem, HasSubstr("put aside"));
-        EXPECT_EQ(read("channels.json.damaged"), damaged.text);
-        EXPECT_THAT(file.load(problem), SizeIs(damaged.left)) << "what could be read is kept";
-        EXPECT_EQ(problem, "");
+        const LoadedRuntime loaded = file.load();
+        EXPECT_THAT(*loaded.channels, SizeIs(damaged.left)) << damaged.text;
+        EXPECT_THAT(loaded.problem, HasSubstr("put aside"));
+        EXPECT_EQ(read(aside), damaged.text);
+        EXPECT_THAT(*file.load().channels, SizeIs(damaged.left)) << "what could be read is kept";
+        EXPECT_EQ(file.load().problem, "");
+        aside = "channels.json.damaged." + std::to_string(++number);
     }
+
+    // What can be neither taken up nor put aside stays as it is.
+    for (; number < RuntimeChannelFile::kAside; ++number) {
+        write("channels.json.damaged." + std::to_string(number), "older");
+    }
+    write("channels.json", "damaged");
+    EXPECT_FALSE(file.load().channels);
+    EXPECT_EQ(read("channels.json"), "damaged");
+    fs::resize_file(directory / "channels.json", kRuntimeFileLimit + 1);
+    EXPECT_THAT(file.load().problem, HasSubstr("is larger than"));
+    EXPECT_FALSE(file.load().channels);
+}
+
+TEST_F(StationChannels, WhatMayBeWrittenCanBeReadAgain) {
+    RuntimeChannels channels;
+    const auto add = [&](std::size_t count, bool removed, std::size_t length) {
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::string text = "239." + std::to_string(removed ? 2 : 1) + "." +
+                                     std::to_string(i / 250) + "." + std::to_string(i % 250);
+            channels.insert_or_assign(group(text),
+                                      RuntimeChannel{channel(text, text, Origin::kRuntime), removed});
+            for (int label = 0; label < (length > 0 ? 12 : 0); ++label) {
+                channels.at(group(text)).channel.labels[std::to_string(label)] = std::string(length, '"');
+            }
+        }
+    };
+    const RuntimeChannelFile file(directory);
+    add(kAdditionsLimit, false, 200);  // quotes are written as two characters each
+    add(kRemovalsLimit, true, 0);
+    ASSERT_EQ(beyondRuntimeLimits(channels), "");
+    ASSERT_EQ(file.save(channels), "");
+    EXPECT_GT(fs::file_size(directory / "channels.json"), kRuntimeFileLimit * 3 / 4);
+    EXPECT_TRUE(file.load().channels == channels);
+
+    add(kAdditionsLimit, false, 256);
+    EXPECT_THAT(beyondRuntimeLimits(channels), HasSubstr("64 MiB"));
+    add(kAdditionsLimit + 1, false, 0);
+    EXPECT_THAT(beyondRuntimeLimits(channels), HasSubstr("added or changed"));
+    add(kRemovalsLimit + 1, true, 0);
+    channels.erase(channels.begin());
+    EXPECT_THAT(beyondRuntimeLimits(channels), HasSubstr("removed"));
 }
 
 TEST_F(StationChannels, FilesAreWatchedWhateverHappensToThem) {
@@ -463,13 +507,19 @@ TEST_F(StationChannels, FilesAreWatchedWhateverHappensToThem) {
             << step.what;
     }
 
-    // Written in pieces with the file open all the while: not told before it is closed.
+    // Written in pieces with the file open all the while: not told before it is closed, nor to be read.
+    EXPECT_TRUE(watch.rests(list));
     std::ofstream open(list, std::ios::binary);
     open << "half" << std::flush;
     EXPECT_THAT(told(500ms), IsEmpty());
+    EXPECT_FALSE(watch.rests(list));
+    EXPECT_TRUE(watch.rests(link));
+    EXPECT_THAT(told(4000ms), IsEmpty()) << "however long the writer takes";
     open << "whole" << std::flush;
     open.close();
+    EXPECT_FALSE(watch.rests(list)) << "it has just been closed";
     EXPECT_THAT(told(5000ms), ElementsAre("list.m3u"));
+    EXPECT_TRUE(watch.rests(list));
     fs::remove(list);
     ASSERT_THAT(told(5000ms), ElementsAre("list.m3u"));
     std::ofstream made(list, std::ios::binary);

@@ -1,0 +1,418 @@
+// What the owner is told of files, and what it gives to the disk: nothing is lost, nothing is read half, and
+// nobody waits for a disk that hangs.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
+
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include "channelBook.h"
+#include "channelSaver.h"
+#include "channels/fileWatch.h"
+#include "channels/textFile.h"
+#include "fileReader.h"
+#include "playlistCopies.h"
+
+using namespace std::chrono_literals;
+using namespace station;
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Hangs where it is told to, as a share whose server is gone does.
+class Share {
+  public:
+    void hang(bool on) {
+        const std::lock_guard lock(mutex_);
+        hangs_ = on;
+        changed_.notify_all();
+    }
+    std::string read(const fs::path& file, std::size_t limit, std::string& problem) {
+        std::unique_lock lock(mutex_);
+        read_.push_back(file.filename());
+        if (file.string().find("share") != std::string::npos) {
+            changed_.wait(lock, [this] { return !hangs_; });
+        }
+        lock.unlock();
+        return readTextFile(file, limit, problem);
+    }
+    std::vector<std::string> takeRead() {
+        const std::lock_guard lock(mutex_);
+        return std::exchange(read_, {});
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool hangs_ = false;
+    std::vector<std::string> read_;
+};
+
+class StationFiles : public testing::Test {
+  protected:
+    StationFiles() {
+        std::string name = (fs::temp_directory_path() / "files.XXXXXX").string();
+        directory = mkdtemp(name.data());
+        fs::create_directory(directory / "state");
+    }
+    ~StationFiles() override {
+        share.hang(false);
+        reader.reset();
+        fs::remove_all(directory);
+    }
+    fs::path write(const std::string& name, const std::string& text) {
+        std::ofstream(directory / name, std::ios::binary) << text;
+        return directory / name;
+    }
+    std::string read(const fs::path& name) {
+        std::ostringstream text;
+        text << std::ifstream(directory / name).rdbuf();
+        return text.str();
+    }
+    void configure(const std::string& more) {
+        std::ofstream(directory / "station.toml.new") << "state_dir = \"state\"\n" + more;
+        fs::rename(directory / "station.toml.new", directory / "station.toml");
+    }
+    static std::string playlist(const std::string& file) {
+        return "[[playlist]]\nfile = \"" + file + "\"\n";
+    }
+    static std::string entries(int from, int count) {
+        std::string text = "#EXTM3U\n";
+        for (int i = from; i < from + count; ++i) {
+            text += "udp://@239.1.1." + std::to_string(i) + ":5000\n";
+        }
+        return text;
+    }
+
+    // Starts a reader and returns what it finds within the time.
+    LoadedFiles start(std::chrono::milliseconds time = 10s) {
+        reader.reset();
+        FileReader::Options options{directory / "station.toml", [](Configuration&) {},
+                                    [this](const fs::path& file, std::size_t limit, std::string& problem) {
+                                        return share.read(file, limit, problem);
+                                    }};
+        reader = std::make_unique<FileReader>(
+            options, [this](LoadedFiles&& files) { mailbox.send(std::move(files)); });
+        pollfd item{reader->firstDone(), POLLIN, 0};
+        poll(&item, 1, static_cast<int>(time.count()));
+        LoadedFiles files = reader->first();
+        reader->keepCopies();
+        return files;
+    }
+    // What is delivered within the time.
+    std::optional<LoadedFiles> delivered(std::chrono::milliseconds time = 10s) {
+        return mailbox.takeUntil(std::chrono::steady_clock::now() + time).files;
+    }
+    static std::size_t channels(const LoadedFiles& files) {
+        std::size_t count = 0;
+        for (const auto& [source, list] : files.playlists) {
+            count += list.channels.size();
+        }
+        return count;
+    }
+    bool eventually(const std::function<bool()>& holds) {
+        for (int i = 0; i < 200 && !holds(); ++i) {
+            std::this_thread::sleep_for(50ms);
+        }
+        return holds();
+    }
+
+    fs::path directory;
+    Share share;
+    Mailbox mailbox;
+    std::unique_ptr<FileReader> reader;
+};
+
+PutChannel put(const std::string& group, const std::string& name = {}) {
+    PutChannel action{*Group::parse(group), {}, {}, {}, {}, {}, {}, {}, {}};
+    action.name = name.empty() ? std::nullopt : std::optional(name);
+    return action;
+}
+
+RuntimeChannels oneChannel(const std::string& name) {
+    Channel channel{.group = *Group::parse("239.9.9.9"), .name = name, .origin = Origin::kRuntime};
+    return {{channel.group, RuntimeChannel{channel}}};
+}
+
+}  // namespace
+
+TEST_F(StationFiles, WhatIsHalfWrittenIsNotReadForAnythingElse) {
+    write("a.m3u", entries(1, 34));
+    write("b.m3u", entries(101, 2));
+    configure(playlist("a.m3u") + playlist("b.m3u"));
+    ASSERT_EQ(channels(start()), 36u);
+    share.takeRead();
+
+    std::ofstream half(directory / "a.m3u", std::ios::binary);
+    half << entries(1, 17) << std::flush;
+    write("b.m3u", entries(101, 3));
+    auto files = delivered();
+    ASSERT_TRUE(files);
+    EXPECT_EQ(channels(*files), 37u);
+    EXPECT_THAT(share.takeRead(), ElementsAre("b.m3u")) << "a change of one file has that one read";
+
+    std::optional<ReadResult> asked;
+    reader->readAll([&](const ReadResult& result) { asked = result; });
+    files = delivered();
+    ASSERT_TRUE(files);
+    EXPECT_EQ(channels(*files), 37u);
+    ASSERT_THAT(files->askers, SizeIs(1));
+    files->askers[0]();
+    EXPECT_THAT(asked->notes,
+                ElementsAre(AllOf(HasSubstr("a.m3u is being written"), HasSubstr("34 channels"))));
+
+    half << "udp://@239.1.1.99:5000\n";
+    half.close();
+    files = delivered();
+    ASSERT_TRUE(files);
+    EXPECT_EQ(channels(*files), 21u);
+    EXPECT_THAT(files->result.notes, IsEmpty());
+
+    // Half of a configuration is valid as well; and one that was just written is read by a reading on demand.
+    std::ofstream open(directory / "station.toml", std::ios::binary);
+    open << "state_dir = \"state\"\n" << playlist("a.m3u") << std::flush;
+    reader->readAll(nullptr);
+    files = delivered();
+    ASSERT_TRUE(files);
+    EXPECT_THAT(files->configuration->playlists, SizeIs(2));
+    EXPECT_THAT(files->result.notes, Contains(HasSubstr("station.toml is being written")));
+    open << playlist("b.m3u") << "[events]\nkeep_days = 7\n";
+    open.close();
+    reader->readAll(nullptr);
+    files = delivered();
+    ASSERT_TRUE(files);
+    EXPECT_EQ(files->configuration->keepDays, 7u);
+    EXPECT_THAT(files->configuration->playlists, SizeIs(2));
+}
+
+TEST_F(StationFiles, AGoodConfigurationHoldsWhenABadOneFollowsBeforeItIsTaken) {
+    configure("");
+    start();
+    std::vector<std::string> told;
+    const auto ask = [&](const char* who) {
+        reader->readAll([&told, who](const ReadResult& result) {
+            told.push_back(std::string(who) + (result.configurationRefused ? " refused" : " fine"));
+        });
+    };
+    std::this_thread::sleep_for(kFileQuiet);
+    configure("[events]\nkeep_days = 7\n");
+    ask("good");
+    ASSERT_TRUE(eventually([&] { return reader->askers() == 0; }));
+    configure("[events]\nkeep_days = \n");
+    ask("bad");
+    ASSERT_TRUE(eventually([&] { return reader->askers() == 0; }));
+    std::this_thread::sleep_for(200ms);  // delivered
+    const auto files = delivered();
+    ASSERT_TRUE(files);
+    EXPECT_EQ(files->configuration->keepDays, 7u);
+    EXPECT_THAT(files->result.refusals, ElementsAre(HasSubstr("station.toml:3")));
+    EXPECT_THAT(files->refused, SizeIs(testing::Ge(1u)));
+    for (const auto& asker : files->askers) {
+        asker();
+    }
+    EXPECT_THAT(told, testing::UnorderedElementsAre("good fine", "bad refused")) << "each of its own reading";
+}
+
+TEST_F(StationFiles, CopiesOfPlaylistsHoldForTheirOwnPathAlone) {
+    fs::create_directories(directory / "a/b");
+    fs::create_directories(directory / "a-b");
+    const std::string both = playlist("a/b/x.m3u") + playlist("a-b/x.m3u");
+    write("a/b/x.m3u", entries(1, 1));
+    write("a-b/x.m3u", entries(2, 1));
+    configure(both);
+    ASSERT_EQ(channels(start()), 2u);
+    const auto copied = [&] {
+        return std::distance(fs::directory_iterator(directory / "state/playlists"), {});
+    };
+    ASSERT_TRUE(eventually([&] { return fs::exists(directory / "state/playlists") && copied() == 2; }));
+    fs::remove_all(directory / "a");
+    fs::remove_all(directory / "a-b");
+    LoadedFiles files = start();
+    ASSERT_THAT(files.playlists, SizeIs(2));
+    EXPECT_EQ(files.playlists[0].second.channels[0].group.text(), "239.1.1.1");
+    EXPECT_EQ(files.playlists[1].second.channels[0].group.text(), "239.1.1.2");
+    EXPECT_EQ(files.playlists[0].second.channels[0].place.file, (directory / "a/b/x.m3u").string());
+    EXPECT_THAT(files.result.refusals, ElementsAre(HasSubstr("its last good list of 1 channels holds"),
+                                                   HasSubstr("a-b/x.m3u cannot be read")));
+
+    // Copies under the names of 1.1 are found, unless two playlists share one.
+    const std::string old = PlaylistCopies::oldNameOf(directory / "a/b/x.m3u");
+    EXPECT_EQ(old, PlaylistCopies::oldNameOf(directory / "a-b/x.m3u"));
+    fs::remove_all(directory / "state/playlists");
+    fs::create_directory(directory / "state/playlists");
+    write("state/playlists/" + old, entries(7, 3));
+    EXPECT_EQ(channels(start()), 0u);
+    configure(playlist("a-b/x.m3u"));
+    EXPECT_EQ(channels(start()), 3u);
+    fs::create_directory(directory / "a-b");
+    write("a-b/x.m3u", entries(7, 4));
+    EXPECT_EQ(channels(*delivered()), 4u);
+    EXPECT_TRUE(
+        eventually([&] { return copied() == 1 && !fs::exists(directory / "state/playlists" / old); }));
+}
+
+TEST_F(StationFiles, AShareThatHangsHoldsUpNobody) {
+    fs::create_directory(directory / "share");
+    write("share/list.m3u", entries(1, 3));
+    configure(playlist("share/list.m3u"));
+    ASSERT_EQ(channels(start()), 3u);
+    ASSERT_TRUE(eventually([&] { return fs::exists(directory / "state/playlists"); }));
+
+    // At the start the copy holds, and what is read at last is delivered.
+    write("share/list.m3u", entries(1, 5));
+    std::this_thread::sleep_for(kFileQuiet);
+    share.hang(true);
+    const LoadedFiles files = start(500ms);
+    EXPECT_EQ(channels(files), 3u);
+    EXPECT_THAT(files.result.refusals, ElementsAre(AllOf(HasSubstr("list.m3u"), HasSubstr("takes long"))));
+    ASSERT_TRUE(reader->busy());
+    EXPECT_EQ(reader->busy()->file, directory / "share/list.m3u");
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_FALSE(reader->end(100ms));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
+    share.hang(false);
+    const auto late = delivered();
+    ASSERT_TRUE(late);
+    EXPECT_EQ(channels(*late), 5u);
+    EXPECT_THAT(late->result.refusals, IsEmpty());
+}
+
+TEST_F(StationFiles, SkippedLinesAreCountedForEachList) {
+    std::string bad;
+    for (int i = 0; i < 250; ++i) {
+        bad += "http://nothing/here\n";
+    }
+    write("a.m3u", entries(1, 1) + bad);
+    write("b.m3u", entries(2, 1) + "udp://@239.1.1.2:5000\nno\n");
+    configure(playlist("a.m3u") + playlist("b.m3u"));
+    const LoadedFiles files = start();
+    EXPECT_THAT(files.result.notes, SizeIs(2 + FileReader::kNotes));
+    EXPECT_EQ(files.result.notes[0], "a.m3u: 250 lines skipped");
+    EXPECT_EQ(files.result.notes[1], "b.m3u: 2 lines skipped");
+}
+
+TEST_F(StationFiles, ChannelsThatCannotBeReadAreNeverWrittenOver) {
+    const fs::path state = directory / "state";
+    ASSERT_EQ(RuntimeChannelFile(state).save(oneChannel("kept")), "");
+    const std::string whole = read("state/channels.json");
+    // A link in a circle: its kind can be told, and it cannot be read.
+    fs::rename(state / "channels.json", state / "elsewhere");
+    fs::create_symlink("channels.json", state / "channels.json");
+
+    ChannelSaver saver(state, [this](LoadedRuntime&& loaded) { mailbox.send(std::move(loaded)); });
+    ChannelBook book;
+    book.setRuntime(saver.load(5s));
+    book.setFiles({}, {});
+    EXPECT_FALSE(book.known());
+    Answer answer;
+    for (const auto& refusal : {book.put(put("239.1.1.1"), {}), book.remove(*Group::parse("239.9.9.9")),
+                                book.import("udp://@239.1.1.1:1\n", answer)}) {
+        ASSERT_TRUE(refusal);
+        EXPECT_EQ(refusal->why, Refusal::Why::kFailed);
+        EXPECT_THAT(refusal->text, AllOf(HasSubstr("channels.json"), HasSubstr("cannot be read")));
+    }
+    EXPECT_THAT(book.channels(), IsEmpty());
+    saver.save(oneChannel("other"), [](const std::string&) {});  // and should one come all the same
+    std::this_thread::sleep_for(200ms);
+    EXPECT_TRUE(fs::is_symlink(state / "channels.json"));
+
+    fs::rename(state / "elsewhere", state / "channels.json");
+    auto letters = mailbox.takeUntil(std::chrono::steady_clock::now() + 10s);
+    ASSERT_TRUE(letters.runtime);
+    book.setRuntime(std::move(*letters.runtime));
+    EXPECT_EQ(book.channels().at(*Group::parse("239.9.9.9")).name, "kept");
+    EXPECT_FALSE(book.put(put("239.1.1.1"), {}));
+}
+
+TEST_F(StationFiles, RefusedChangesChangeNothing) {
+    ChannelBook book;
+    book.setRuntime({RuntimeChannels{}, {}});
+    std::string all = "#EXTM3U\n";
+    for (std::size_t i = 0; i < kRemovalsLimit; ++i) {
+        all += "udp://@239.2." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ":1\n";
+    }
+    const auto setFiles = [&](const std::string& text) {
+        book.setFiles({}, {{PlaylistSource{"l.m3u", "default", {}}, parsePlaylist(text)}});
+    };
+    setFiles(all);
+    while (!book.channels().empty() && book.runtime().size() < 3) {
+        ASSERT_FALSE(book.remove(book.channels().begin()->first));
+    }
+    RuntimeChannels removed = book.runtime();
+    const Channel sample = removed.begin()->second.channel;
+    for (std::size_t i = removed.size(); i < kRemovalsLimit; ++i) {
+        const Group group = *Group::parse("239.3." + std::to_string(i / 250) + "." + std::to_string(i % 250));
+        removed.emplace(group, RuntimeChannel{{.group = group}, true});
+    }
+    book.setRuntime({removed, {}});
+    const ChannelMap before = book.channels();
+    const auto refusal = book.remove(before.begin()->first);
+    ASSERT_TRUE(refusal);
+    EXPECT_EQ(refusal->why, Refusal::Why::kConflict);
+    EXPECT_TRUE(book.channels() == before);
+    EXPECT_TRUE(book.runtime() == removed);
+
+    // The place of a removed channel is taken meanwhile: it stays removed.
+    std::string other = "#EXTM3U\n";
+    for (std::size_t i = 0; i < kChannelsLimit; ++i) {
+        other += "udp://@239.4." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ":1\n";
+    }
+    setFiles(other);
+    EXPECT_EQ(book.put(put(sample.group.text()), {})->why, Refusal::Why::kConflict);
+    EXPECT_TRUE(book.runtime() == removed);
+}
+
+TEST_F(StationFiles, LabelsOfAnyPlaylistCanBeEdited) {
+    ChannelBook book;
+    book.setRuntime({RuntimeChannels{}, {}});
+    book.setFiles({}, {});
+    Answer answer;
+    ASSERT_FALSE(book.import("#EXTINF:-1 group-title=\"News, World = 1\",A\nudp://@239.1.1.1:1\n", answer));
+    const Labels imported = book.channels().begin()->second.labels;
+    EXPECT_EQ(imported.at("group"), "News, World = 1");
+    PutChannel edit = put("239.1.1.1", "B");
+    edit.labels = imported;
+    ASSERT_FALSE(book.put(edit, {}));
+    EXPECT_EQ(book.channels().begin()->second.labels, imported);
+    EXPECT_EQ(book.channels().begin()->second.name, "B");
+}
+
+TEST_F(StationFiles, SavesAreTriedAgainAndNobodyIsToldTooLate) {
+    const fs::path state = directory / "state";
+    ChannelSaver saver(state, [](LoadedRuntime&&) {});
+    ASSERT_TRUE(saver.load(5s).channels);
+    std::mutex mutex;
+    std::vector<std::string> told;
+    const auto tell = [&](const std::string& problem) {
+        const std::lock_guard lock(mutex);
+        told.push_back(problem);
+    };
+    const auto count = [&] {
+        const std::lock_guard lock(mutex);
+        return told.size();
+    };
+    saver.save(oneChannel("one"), tell);
+    ASSERT_TRUE(eventually([&] { return count() == 1; }));
+    EXPECT_EQ(told[0], "");
+    fs::create_directory(state / "channels.json.new");  // cannot be written
+    saver.save(oneChannel("two"), tell);
+    ASSERT_TRUE(eventually([&] { return count() == 2; }));
+    EXPECT_THAT(told[1], HasSubstr("cannot be created"));
+    saver.mute();
+    saver.save(oneChannel("three"), tell);
+    fs::remove(state / "channels.json.new");
+    EXPECT_TRUE(saver.end(5s));
+    EXPECT_EQ(count(), 2u);
+    EXPECT_EQ(RuntimeChannelFile(state).load().channels->begin()->second.channel.name, "three");
+}
