@@ -51,6 +51,7 @@ struct FileReader::Implementation {
     std::shared_ptr<const Configuration> configuration;  // the last good one
     std::vector<std::string> mistakes;                   // of the file as it is
     bool configurationWaits = false;
+    LogOnChange openTrouble;  // that everybody can read
     std::map<std::filesystem::path, List> lists;
     std::optional<PlaylistCopies> copies;  // in the first state directory: another one needs a restart
     steady_clock::time_point readAgain;
@@ -311,6 +312,11 @@ struct FileReader::Implementation {
         }
         options.override(read.configuration);
         configuration = std::make_shared<const Configuration>(std::move(read.configuration));
+        if (const std::string note = openToAll(*configuration); note.empty()) {
+            openTrouble.over();
+        } else {
+            openTrouble.say(LogLevel::kWarning, note);
+        }
         if (!copies) {
             copies.emplace(configuration->state);
         }
@@ -386,6 +392,9 @@ struct FileReader::Implementation {
             details += found == lists.end() || !found->second.good ? 0 : found->second.good->notes.size();
         }
         std::vector<std::string> notes;
+        if (const std::string note = configuration ? openToAll(*configuration) : ""; !note.empty()) {
+            now.notes.push_back(note);
+        }
         if (configurationWaits) {
             now.notes.push_back(options.configuration.string() +
                                 " is being written, and read when that is over");
