@@ -156,7 +156,7 @@ std::string videoText(const meter::VideoReport& video) {
         append(text, *video.interlaced ? "interlaced" : "progressive", " ");
     }
     std::string profile = video.profile.value_or("");
-    append(profile, video.level.value_or(""), " ");
+    append(profile, video.level ? "level " + std::to_string(*video.level) : "", " ");
     append(text, profile);
     append(text, video.chroma.value_or(""));
     if (video.bitDepth && *video.bitDepth != 8) {
