@@ -393,8 +393,10 @@ std::string cueText(const meter::CueReport& cue) {
     append(text, cue.aheadMs ? formatted("%.1f s ahead", *cue.aheadMs / 1000) : "");
     append(text, cue.durationMs ? formatted("for %.1f s", *cue.durationMs / 1000) : "");
     for (const auto& segment : cue.segmentation) {
-        append(text, segment.type ? *segment.type : formatted("segmentation type 0x%02X", segment.typeId.value_or(0)),
-               "; ");
+        append(
+            text,
+            segment.type ? *segment.type : formatted("segmentation type 0x%02X", segment.typeId.value_or(0)),
+            "; ");
         append(text, segment.upid ? *segment.upid : "", " ");
     }
     return text;

@@ -159,9 +159,11 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
     if (header.hasAdaptationField()) {
         adaptation = adaptationOf(bytes);
         record.discontinuity = record.discontinuity || adaptation.discontinuity;
-        if (adaptation.pcr) {
-            now = readPcr(record, *adaptation.pcr);
-        }
+    }
+    // What is missing in front of a PCR is known before the PCR is measured.
+    const ContinuityFinding finding = findContinuity(record, packet, header, adaptation);
+    if (adaptation.pcr) {
+        now = readPcr(record, *adaptation.pcr);
     }
     if (now >= nextLook_) {
         look(now);
@@ -172,7 +174,12 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
     if ((record.roles & kUnknownPid) != 0) {
         presence_->appeared(record, moment);
     }
-    const bool fresh = checkContinuity(record, packet, header, adaptation, moment);
+    if (finding.error) {
+        continuityError(record, finding, moment);
+    } else if (finding.repetition) {
+        ++record.repeated;
+        ++repeated_;
+    }
     remember(record, packet);
     if (!header.hasPayload()) {
         ++record.withoutPayload;
@@ -180,17 +187,16 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
     }
     if (isScrambled(header)) {
         scrambledPacket(record, header, moment);
-    } else if (fresh && (record.sections || record.stream)) {
+    } else if (!finding.repetition && (record.sections || record.stream)) {
         readPayload(record, payloadOf(bytes, header), header, adaptation.randomAccess, moment);
     }
 }
 
-// Returns whether the packet is none that came before.
-bool StreamAnalysis::checkContinuity(PidRecord& record, const uint8_t* packet, TsHeader header,
-                                     const Adaptation& adaptation, const Moment& moment) {
+ContinuityFinding StreamAnalysis::findContinuity(PidRecord& record, const uint8_t* packet, TsHeader header,
+                                                 const Adaptation& adaptation) {
     if (header.hasPayload() && record.continuity.isNext(header.continuityCounter())) {
         record.continuity.accept(header.continuityCounter());
-        return true;
+        return {};
     }
     const ContinuityFinding finding = record.continuity.packet(packet, record.last, header, adaptation);
     if (finding.broken) {
@@ -200,12 +206,11 @@ bool StreamAnalysis::checkContinuity(PidRecord& record, const uint8_t* packet, T
         }
     }
     if (finding.error) {
-        continuityError(record, finding, moment);
-    } else if (finding.repetition) {
-        ++record.repeated;
-        ++repeated_;
+        for (PidRecord* clock : clocks_) {
+            countAccuracy(*clock, clock->clock->packetsMissing());
+        }
     }
-    return !finding.repetition;
+    return finding;
 }
 
 void StreamAnalysis::continuityError(PidRecord& record, const ContinuityFinding& finding,
@@ -218,9 +223,6 @@ void StreamAnalysis::continuityError(PidRecord& record, const ContinuityFinding&
         found_.byCounter += finding.missing;
         ++counterEvents_;
         longestByCounter_ = std::max<uint64_t>(longestByCounter_, finding.missing);
-    }
-    for (PidRecord* clock : clocks_) {
-        countAccuracy(*clock, clock->clock->packetsMissing());
     }
 }
 

@@ -72,8 +72,8 @@ class StreamAnalysis final : private SectionSink {
     void transportError(PidRecord& record);
     PidRecord& recordOf(uint16_t pid);
     void scrambledPacket(PidRecord& record, TsHeader header, const Moment& moment);
-    bool checkContinuity(PidRecord& record, const uint8_t* packet, TsHeader header,
-                         const Adaptation& adaptation, const Moment& moment);
+    ContinuityFinding findContinuity(PidRecord& record, const uint8_t* packet, TsHeader header,
+                                     const Adaptation& adaptation);
     void continuityError(PidRecord& record, const ContinuityFinding& finding, const Moment& moment);
     Ticks readPcr(PidRecord& record, Ticks value);
     void countAccuracy(const PidRecord& record, const AccuracyFinding& finding);
