@@ -31,6 +31,7 @@ void CheckBook::countSeconds(Entry& entry, Nanoseconds from, Nanoseconds to) {
         entry.seconds += (entry.recent & bit) == 0 ? 1 : 0;
         entry.recent |= bit;
     }
+    entry.first = std::min(entry.first.value_or(to), from);
     entry.last = std::max(entry.last.value_or(0), to);
 }
 
@@ -89,7 +90,8 @@ void CheckBook::fill(std::vector<CheckReport>& reports) const {
         to.seconds = from.seconds;
         to.active = from.active > 0;
         to.pids = from.pids;
-        if (from.last) {
+        if (from.first && from.last) {
+            to.first = static_cast<double>(*from.first) / static_cast<double>(kNsPerSecond);
             to.last = static_cast<double>(*from.last) / static_cast<double>(kNsPerSecond);
         }
     }

@@ -43,6 +43,7 @@ class CheckBook {
     struct Entry {
         uint64_t count = 0;
         uint64_t seconds = 0;
+        std::optional<Nanoseconds> first;
         std::optional<Nanoseconds> last;
         uint32_t active = 0;
         int64_t newestSecond = -1;
