@@ -98,12 +98,11 @@ bool StreamAnalysis::synchronise(const uint8_t* packet) {
     const bool syncByte = packet[0] == kSyncByte;
     const Synchronisation::Finding finding = sync_.packet(syncByte);
     const Nanoseconds arrival = momentAt(time_.now()).arrival;
-    constexpr uint16_t pid = 0;  // nobody knows it
     if (!syncByte) {
-        book_.hit(Check::kSyncByteError, pid, arrival);
+        book_.hit(Check::kSyncByteError, CheckBook::kNoPid, arrival);
     }
     if (finding == Synchronisation::Finding::kLost) {
-        book_.begin(Check::kTsSyncLoss, pid, arrival, arrival);
+        book_.begin(Check::kTsSyncLoss, CheckBook::kNoPid, arrival, arrival);
     } else if (finding == Synchronisation::Finding::kFound) {
         book_.end(Check::kTsSyncLoss, arrival);
     }

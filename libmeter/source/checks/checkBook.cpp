@@ -5,6 +5,9 @@
 namespace meter {
 
 void CheckBook::countPid(Entry& entry, uint16_t pid) {
+    if (pid == kNoPid) {
+        return;
+    }
     const auto at = std::ranges::lower_bound(entry.pids, pid, {}, &std::pair<uint16_t, uint64_t>::first);
     if (at != entry.pids.end() && at->first == pid) {
         ++at->second;

@@ -15,6 +15,8 @@ class CheckBook {
   public:
     // PIDs with counts of their own a check; what further ones do is in the check's count alone.
     static constexpr std::size_t kPidsLimit = 1024;
+    // What is no PID's: nobody knows the PID of a packet without sync byte.
+    static constexpr uint16_t kNoPid = 0xFFFF;
 
     // The condition came true at `at`.
     void hit(Check check, uint16_t pid, Nanoseconds at) {
