@@ -85,8 +85,9 @@ void MediaStreams::setModel(const ServiceModel& model) {
                                  .leastAhead = {},
                                  .lastLeastAhead = {}});
     std::ranges::stable_sort(fresh, {}, &Stream::pid);
-    const auto twice = std::ranges::unique(fresh, {}, &Stream::pid);
-    fresh.erase(twice.begin(), twice.end());
+    fresh.erase(std::unique(fresh.begin(), fresh.end(),
+                            [](const Stream& one, const Stream& other) { return one.pid == other.pid; }),
+                fresh.end());
     if (fresh.size() > kMediaStreamsLimit)
         fresh.erase(fresh.begin() + kMediaStreamsLimit, fresh.end());
     for (Stream& old : state_->streams) {

@@ -53,26 +53,36 @@ VideoStream::VideoStream(Codec codec) {
         reader_.emplace<H265Reader>();
 }
 
+template <typename Use>
+void VideoStream::visitReader(Use use) {
+    std::visit(
+        [this, &use]<typename Reader>(Reader& reader) {
+            Guide<Reader> guide{*this, reader};
+            use(guide);
+        },
+        reader_);
+}
+
 bool VideoStream::feed(bool start, bool randomAccess, Bytes payload, std::optional<Ticks> dts) {
     if (start)
         beginUnit(randomAccess, payload, dts);
     if (ended_)
         return false;
-    ended_ = std::visit(
-        [this, payload]<typename Reader>(Reader& reader) {
-            Guide<Reader> guide{*this, reader};
-            scanner_.feed(payload, guide);
-            return guide.done();
-        },
-        reader_);
+    visitReader([this, payload](auto& guide) {
+        scanner_.feed(payload, guide);
+        ended_ = guide.done();
+    });
     return !ended_;
 }
 
 void VideoStream::beginUnit(bool randomAccess, Bytes payload, std::optional<Ticks> dts) {
-    // Where PES packets begin anywhere, a unit may go on from the one before.
+    // Where PES packets begin anywhere, a unit may go on from the one before. Elsewhere it ended with that
+    // one, whose picture it may be: slices of a still scene are short.
     const bool aligned = payload.empty() || beginsWithStartCode(payload);
-    if (aligned || ended_)
+    if (ended_)
         scanner_.reset();
+    else if (aligned)
+        visitReader([this](auto& guide) { scanner_.finish(guide); });
     throughout_ = manyPictures_ || !aligned || looks_ < kFirstLooks || looks_ % kLookInterval == 0;
     ++looks_;
     ended_ = false;

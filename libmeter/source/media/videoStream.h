@@ -32,6 +32,8 @@ class VideoStream {
     template <typename Reader>
     struct Guide;
 
+    template <typename Use>
+    void visitReader(Use use);
     void beginUnit(bool randomAccess, Bytes payload, std::optional<Ticks> dts);
     void addPicture(PictureStart picture);
     void measureRate();
