@@ -19,15 +19,18 @@ Response refusalResponse(const Refusal& refusal) {
 }
 
 // Asks for what a body says, or refuses the body.
-void askParsed(Services& services, ParsedAction&& parsed, Reply&& reply, BuildAnswer build) {
+void askParsed(Services& services, ParsedAction&& parsed, Reply&& reply, AnswerThen then) {
     if (auto* refused = std::get_if<Response>(&parsed)) {
         return reply(std::move(*refused));
     }
-    ask(services, std::get<Action>(std::move(parsed)), std::move(reply), std::move(build));
+    ask(services, std::get<Action>(std::move(parsed)), std::move(reply), std::move(then));
 }
 
-Response newStatus(Services& services, Answer&&) {
-    return statusResponse(services, *services.station.state());
+// Answers with the state as it is afterwards.
+AnswerThen newStatus(const Call& call) {
+    return [gzip = takesGzip(call)](Services& services, Answer&&, Reply&& reply) {
+        answerStatus(services, Of::kChange, gzip, std::move(reply));
+    };
 }
 
 Response windowResponse(const StationState& state, int64_t id) {
@@ -44,13 +47,15 @@ Response alarmResponse(const StationState& state, int64_t id) {
 
 }  // namespace
 
-void ask(Services& services, Action action, Reply&& reply, BuildAnswer build) {
+void ask(Services& services, Action action, Reply&& reply, AnswerThen then) {
     Command command{std::move(action),
-                    [post = services.post, &services, reply, build = std::move(build)](Answer&& answer) {
+                    [post = services.post, &services, reply, then = std::move(then)](Answer&& answer) {
                         const auto shared = std::make_shared<Answer>(std::move(answer));
-                        post([&services, reply, build, shared] {
-                            reply(shared->refusal ? refusalResponse(*shared->refusal)
-                                                  : build(services, std::move(*shared)));
+                        post([&services, reply, then, shared] {
+                            if (shared->refusal) {
+                                return reply(refusalResponse(*shared->refusal));
+                            }
+                            then(services, std::move(*shared), Reply(reply));
                         });
                     }};
     if (!services.station.command(std::move(command))) {
@@ -62,51 +67,61 @@ void putChannel(Services& services, const Call& call, Reply&& reply) {
     const Group group = *call.group;
     const int status = call.state->find(group) == nullptr ? 201 : 200;
     askParsed(services, parsePutChannel(group, call.request.body), std::move(reply),
-              [group, status](Services& room, Answer&&) {
-                  return channelResponse(*room.station.state(), group, status);
+              [group, status, gzip = takesGzip(call)](Services& room, Answer&&, Reply&& answered) {
+                  answerChannel(room, Of::kChange, group, gzip, std::move(answered), status);
               });
 }
 
 void deleteChannel(Services& services, const Call& call, Reply&& reply) {
-    ask(services, DeleteChannel{*call.group}, std::move(reply), newStatus);
+    ask(services, DeleteChannel{*call.group}, std::move(reply), newStatus(call));
 }
 
 void acknowledge(Services& services, const Call& call, Reply&& reply) {
     const int64_t id = call.id;
     askParsed(services, parseAcknowledge(id, call.request.body), std::move(reply),
-              [id](Services& room, Answer&&) { return alarmResponse(*room.station.state(), id); });
+              [id](Services& room, Answer&&, Reply&& answered) {
+                  answered(alarmResponse(*room.station.state(), id));
+              });
 }
 
 void setMaintenance(Services& services, const Call& call, Reply&& reply) {
-    askParsed(
-        services, parseMaintenance(call.state->now.wall, call.request.body), std::move(reply),
-        [](Services& room, Answer&& answer) { return windowResponse(*room.station.state(), answer.id); });
+    askParsed(services, parseMaintenance(call.state->now.wall, call.request.body), std::move(reply),
+              [](Services& room, Answer&& said, Reply&& answered) {
+                  answered(windowResponse(*room.station.state(), said.id));
+              });
 }
 
 void endMaintenance(Services& services, const Call& call, Reply&& reply) {
     ask(services, EndMaintenance{call.id}, std::move(reply),
-        [](Services& room, Answer&&) { return jsonResponse(maintenanceListJson(*room.station.state())); });
+        [gzip = takesGzip(call)](Services& room, Answer&&, Reply&& answered) {
+            answerMaintenance(room, Of::kChange, gzip, std::move(answered));
+        });
 }
 
 void clear(Services& services, const Call& call, Reply&& reply) {
-    askParsed(services, parseNothing(ClearCounters{}, call.request.body), std::move(reply), newStatus);
+    askParsed(services, parseNothing(ClearCounters{}, call.request.body), std::move(reply), newStatus(call));
 }
 
 void passive(Services& services, const Call& call, Reply&& reply) {
-    askParsed(services, parsePassive(call.request.body), std::move(reply), newStatus);
+    askParsed(services, parsePassive(call.request.body), std::move(reply), newStatus(call));
 }
 
 void igmpLatency(Services& services, const Call& call, Reply&& reply) {
-    askParsed(services, parseIgmpLatency(call.request.body), std::move(reply), newStatus);
+    askParsed(services, parseIgmpLatency(call.request.body), std::move(reply), newStatus(call));
 }
 
 void reload(Services& services, const Call& call, Reply&& reply) {
-    askParsed(services, parseNothing(ReloadFiles{}, call.request.body), std::move(reply), newStatus);
+    askParsed(services, parseNothing(ReloadFiles{}, call.request.body), std::move(reply), newStatus(call));
 }
 
 void importPlaylist(Services& services, const Call& call, Reply&& reply) {
     ask(services, ImportPlaylist{call.request.body}, std::move(reply),
-        [](Services&, Answer&& answer) { return jsonResponse(importJson(answer)); });
+        [gzip = takesGzip(call)](Services& room, Answer&& said, Reply&& answered) {
+            const auto shared = std::make_shared<Answer>(std::move(said));
+            answer(
+                room, Of::kChange, {}, gzip, [shared] { return AnswerText{importJson(*shared)}; },
+                std::move(answered));
+        });
 }
 
 }  // namespace station::handlers

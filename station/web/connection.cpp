@@ -64,6 +64,13 @@ void Connection::tick(SteadyTime now) {
     }
 }
 
+void Connection::makeRoom(SteadyTime now) {
+    if (phase_ == Phase::kWriting && !stream_ && now >= writeLimit_ - kWholeTime + kPatience) {
+        ++shared_.counters.slowClosed;
+        close();
+    }
+}
+
 void Connection::wake() {
     if (phase_ == Phase::kStreaming) {
         nextEvent();
@@ -248,22 +255,23 @@ void Connection::respond(uint64_t exchange, Response&& response) {
     keepAlive_ = keepAlive_ && !response.eventStream;
     adapt(request_, response);
     const PayloadPointer payload = response.body;
-    std::shared_ptr<const std::string> body;
-    if (payload != nullptr) {
-        body = {payload, response.compressed ? &payload->gzip() : &payload->text()};
-    }
-    const auto head = std::make_shared<const std::string>(
-        responseHead(response, body == nullptr ? std::string_view{} : *body, keepAlive_));
-    const bool withBody = body != nullptr && request_.method != Method::kHead;
+    const std::string_view body = payload == nullptr    ? std::string_view()
+                                  : response.compressed ? payload->gzip()
+                                                        : payload->text();
+    const auto head = std::make_shared<const std::string>(responseHead(response, body, keepAlive_));
     if (response.eventStream && request_.method != Method::kHead) {
         becomeStream();
     }
     phase_ = Phase::kWriting;
     writeLimit_ = std::chrono::steady_clock::now() + kWholeTime;
-    send(withBody ? std::vector{head, body} : std::vector{head});
+    std::vector<Part> parts = {{head, *head}};
+    if (request_.method != Method::kHead && !body.empty()) {
+        parts.push_back({payload, body});
+    }
+    send(std::move(parts));
 }
 
-void Connection::send(std::vector<std::shared_ptr<const std::string>> parts) {
+void Connection::send(std::vector<Part> parts) {
     parts_ = std::move(parts);
     sent_ = 0;
     setDeadline(kProgressTime);
@@ -276,10 +284,10 @@ void Connection::writeSome() {
     std::size_t skip = sent_;
     std::size_t count = 0;
     for (const auto& part : parts_) {
-        const std::size_t skipped = std::min(skip, part->size());
-        skip -= skipped;
-        if (skipped < part->size()) {
-            buffers.at(count++) = asio::buffer(part->data() + skipped, part->size() - skipped);
+        const std::string_view left = part.bytes.substr(std::min(skip, part.bytes.size()));
+        skip -= part.bytes.size() - left.size();
+        if (!left.empty()) {
+            buffers.at(count++) = asio::buffer(left.data(), left.size());
         }
     }
     if (count == 0) {
@@ -342,7 +350,7 @@ void Connection::becomeStream() {
 void Connection::nextEvent() {
     const PayloadPointer payload = shared_.events.next(*stream_, std::chrono::steady_clock::now());
     if (payload != nullptr) {
-        send({std::shared_ptr<const std::string>(payload, &payload->text())});
+        send({{payload, payload->text()}});
     }
 }
 

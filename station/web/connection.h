@@ -51,8 +51,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
     static constexpr std::chrono::seconds kAnswerTime{10};    // for the rest of the station to answer
     static constexpr std::chrono::seconds kProgressTime{10};  // for a client to take any byte
     static constexpr std::chrono::seconds kWholeTime{60};     // for a client to take a whole answer
-    static constexpr std::chrono::seconds kDrainTime{
-        1};  // for what a client still sends after the last answer
+    static constexpr std::chrono::seconds kPatience{5};  // likewise, while the answers' budget is used up
+    // For what a client still sends after the last answer.
+    static constexpr std::chrono::seconds kDrainTime{1};
     // What the kernel may keep for a client (it takes twice that): by default it would be megabytes.
     static constexpr int kSendBuffer = 128 * 1024;
 
@@ -70,6 +71,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void refuse();
     // Closes when its time is over, and sends a stream's comments. About four times a second.
     void tick(SteadyTime now);
+    // Closes when its client has been taking an answer for kPatience: there is no room for others' answers.
+    void makeRoom(SteadyTime now);
     // There are new events.
     void wake();
     void close();
@@ -100,7 +103,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void handleRequest();
     void answerProblem(Response&& response);
     void respond(uint64_t exchange, Response&& response);
-    void send(std::vector<std::shared_ptr<const std::string>> parts);
+    // A piece of an answer, and what keeps it.
+    struct Part {
+        std::shared_ptr<const void> owner;
+        std::string_view bytes;
+    };
+    void send(std::vector<Part> parts);
     void writeSome();
     void written();
     void drain();
@@ -131,8 +139,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     bool tooLate_ = false;  // the request was not whole in time
     SteadyTime idleSince_;
 
-    std::vector<std::shared_ptr<const std::string>> parts_;  // being written
-    std::size_t sent_ = 0;                                   // bytes of them
+    std::vector<Part> parts_;  // being written
+    std::size_t sent_ = 0;     // bytes of them
 
     std::optional<EventStream::Client> stream_;
     std::array<char, 512> scratch_{};

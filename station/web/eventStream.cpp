@@ -10,20 +10,44 @@ const std::array<EventStream::Kind, 3> EventStream::kKinds = {{
     {"snapshot", streamSnapshotJson, [](const StationState& state) { return state.number; }},
 }};
 
-void EventStream::update(const StationState& state) {
+EventStream::Known EventStream::known() const {
+    Known known;
+    known.lastNumber = lastNumber_;
     for (std::size_t i = 0; i < kKinds.size(); ++i) {
-        const uint64_t version = kKinds[i].version(state);
-        Newest& newest = newest_[i];
-        if (newest.payload != nullptr && newest.version == version) {
+        known.versions[i] = newest_[i].version;
+        known.there[i] = newest_[i].payload != nullptr;
+    }
+    return known;
+}
+
+EventStream::Update EventStream::make(const StationState& state, const Known& known,
+                                      const BudgetPointer& budget) {
+    Update update;
+    update.lastNumber = known.lastNumber;
+    for (std::size_t i = 0; i < kKinds.size(); ++i) {
+        update.versions[i] = kKinds[i].version(state);
+        if (known.there[i] && known.versions[i] == update.versions[i]) {
             continue;
         }
-        newest.version = version;
-        newest.number = ++lastNumber_;
         std::string text = "event: ";
-        text.append(kKinds[i].name).append("\nid: ").append(std::to_string(newest.number));
+        text.append(kKinds[i].name).append("\nid: ").append(std::to_string(++update.lastNumber));
         text.append("\ndata: ").append(kKinds[i].json(state)).append("\n\n");
-        newest.payload = std::make_shared<Payload>(std::move(text));
+        update.payloads[i] = std::make_shared<Payload>(std::move(text), std::string(), budget);
     }
+    return update;
+}
+
+void EventStream::adopt(Update&& update) {
+    for (std::size_t i = 0; i < kKinds.size(); ++i) {
+        if (update.payloads[i] != nullptr) {
+            newest_[i] = {std::move(update.payloads[i]), update.versions[i], ++lastNumber_};
+        }
+    }
+    lastNumber_ = update.lastNumber;
+}
+
+void EventStream::forget() {
+    newest_ = {};
 }
 
 PayloadPointer EventStream::next(Client& client, SteadyTime now) const {
@@ -39,7 +63,7 @@ PayloadPointer EventStream::next(Client& client, SteadyTime now) const {
         return comment;
     }
     for (std::size_t i = 0; i < kKinds.size(); ++i) {
-        if (client.sent_[i] != newest_[i].number) {
+        if (newest_[i].payload != nullptr && client.sent_[i] != newest_[i].number) {
             client.sent_[i] = newest_[i].number;
             return newest_[i].payload;
         }

@@ -11,7 +11,8 @@
 namespace station {
 
 // Builds each event once for all clients and keeps the newest of each kind. There is no queue: a client that
-// is not done with one gets the newest of the kinds that are due when it is. For the I/O thread.
+// is not done with one gets the newest of the kinds that are due when it is. For the I/O thread, but for
+// make().
 class EventStream {
   public:
     static constexpr std::chrono::seconds kCommentEvery{15};
@@ -24,8 +25,24 @@ class EventStream {
         SteadyTime comment_{};  // when one is due
     };
 
-    // Builds what differs from the last state.
-    void update(const StationState& state);
+    // The kinds that differ from what was built last, made anew.
+    struct Update {
+        std::array<PayloadPointer, 3> payloads;  // null: as it was
+        std::array<uint64_t, 3> versions{};
+        uint64_t lastNumber = 0;
+    };
+    // What make() needs to know, taken on the I/O thread.
+    struct Known {
+        std::array<uint64_t, 3> versions{};
+        std::array<bool, 3> there{};
+        uint64_t lastNumber = 0;
+    };
+    Known known() const;
+    // Any thread: it takes as long as there are channels.
+    static Update make(const StationState& state, const Known& known, const BudgetPointer& budget);
+    void adopt(Update&& update);
+    // When nobody listens: what is old is not to be sent to who comes next.
+    void forget();
     // The next thing to send, which counts as sent; null when nothing is due.
     PayloadPointer next(Client& client, SteadyTime now) const;
 

@@ -77,6 +77,10 @@ void Exposition::sample(std::string_view labels, std::string_view more, double v
     text_ += ' ';
     appendNumber(text_, value);
     text_ += '\n';
+    if (flush_ && text_.size() >= flushAt_) {
+        flush_(text_);
+        flushAt_ = text_.size() + kPiece;
+    }
 }
 
 }  // namespace station

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -24,7 +25,12 @@ void appendLabel(std::string& labels, std::string_view name, std::string_view va
 // of one are told before the next family begins. A family without samples leaves no trace.
 class Exposition {
   public:
-    explicit Exposition(std::string& text) : text_(text) {}
+    static constexpr std::size_t kPiece = 256 * 1024;
+    // Gets the text each time that another kPiece bytes have come together, and may take them out of it, or
+    // throw.
+    using Flush = std::function<void(std::string& text)>;
+
+    explicit Exposition(std::string& text, Flush flush = {}) : text_(text), flush_(std::move(flush)) {}
 
     void family(const MetricFamily& family) {
         family_ = family;
@@ -41,6 +47,8 @@ class Exposition {
     void name();
 
     std::string& text_;
+    const Flush flush_;
+    std::size_t flushAt_ = kPiece;
     MetricFamily family_{};
     bool named_ = false;
 };

@@ -42,12 +42,23 @@ void reload(Services& services, const Call& call, Reply&& reply);
 void importPlaylist(Services& services, const Call& call, Reply&& reply);
 
 // What both use.
+// For short texts.
 Response jsonResponse(std::string text, int status = 200);
+// All of an answer but its body; that is built on another thread.
+Response jsonHead(int status = 200);
+// An answer to a change is given in any case, built on this thread where no other has room: 503 would say
+// that nothing was done.
+enum class Of : uint8_t { kReading, kChange };
+// `build` must not use what does not outlive the request.
+void answer(Services& services, Of of, const std::optional<AnswerKey>& key, bool gzip,
+            const AnswerBuilder::Build& build, Reply&& reply, Response head = jsonHead());
 // 404 for a group that is no channel.
-Response channelResponse(const StationState& state, const Group& group, int status = 200);
-Response statusResponse(Services& services, const StationState& state);
-// Asks the owner thread; `build` makes the answer on the I/O thread from what it said, unless it refused.
-using BuildAnswer = std::function<Response(Services& services, Answer&& answer)>;
-void ask(Services& services, Action action, Reply&& reply, BuildAnswer build);
+void answerChannel(Services& services, Of of, const Group& group, bool gzip, Reply&& reply, int status = 200);
+void answerStatus(Services& services, Of of, bool gzip, Reply&& reply);
+void answerMaintenance(Services& services, Of of, bool gzip, Reply&& reply);
+bool takesGzip(const Call& call);
+// Asks the owner thread; `then` answers on the I/O thread from what it said, unless it refused.
+using AnswerThen = std::function<void(Services& services, Answer&& answer, Reply&& reply)>;
+void ask(Services& services, Action action, Reply&& reply, AnswerThen then);
 
 }  // namespace station::handlers

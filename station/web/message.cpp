@@ -1,22 +1,16 @@
 #include "web/message.h"
 
-#include <zlib.h>
-
 #include <algorithm>
 #include <array>
 #include <cctype>
 
 #include "common/text.h"
+#include "web/answerBuilder.h"
 #include "web/jsonWriter.h"
 
 namespace station {
 
 namespace {
-
-constexpr std::size_t kSmallestToCompress = 1024;
-constexpr int kGzipWindow = 15 + 16;  // zlib's way to say: largest window, gzip's header
-constexpr std::size_t kGzipPiece = 65536;
-constexpr int kGzipMemory = 8;
 
 // On every answer. The page is made of files of this server alone, and runs in no frame.
 constexpr std::string_view kAlways =
@@ -55,28 +49,6 @@ constexpr std::array kStatusTexts = std::to_array<StatusText>({
     {503, "Service Unavailable"},
 });
 
-std::string compressed(const std::string& text) {
-    z_stream stream{};
-    if (deflateInit2(&stream, Z_BEST_SPEED, Z_DEFLATED, kGzipWindow, kGzipMemory, Z_DEFAULT_STRATEGY) !=
-        Z_OK) {
-        return {};
-    }
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-    stream.avail_in = static_cast<uInt>(text.size());
-    // Piece by piece: the result takes what it needs, not what the worst of texts would.
-    std::string result;
-    std::vector<Bytef> piece(kGzipPiece);
-    int status = Z_OK;
-    while (status == Z_OK) {
-        stream.next_out = piece.data();
-        stream.avail_out = static_cast<uInt>(piece.size());
-        status = deflate(&stream, Z_FINISH);
-        result.append(reinterpret_cast<const char*>(piece.data()), piece.size() - stream.avail_out);
-    }
-    deflateEnd(&stream);
-    return status == Z_STREAM_END ? result : std::string();
-}
-
 std::string_view trimmed(std::string_view text) {
     while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) {
         text.remove_prefix(1);
@@ -111,13 +83,6 @@ bool isZeroWeight(std::string_view parameter) {
 }
 
 }  // namespace
-
-const std::string& Payload::gzip() const {
-    if (!gzip_) {
-        gzip_ = compressed(text_);
-    }
-    return *gzip_;
-}
 
 std::string_view statusText(int status) {
     const auto found = std::ranges::find(kStatusTexts, status, &StatusText::status);
@@ -239,11 +204,13 @@ void adapt(const Request& request, Response& response) {
             }
         }
     }
-    if (response.body == nullptr || response.body->text().size() < kSmallestToCompress) {
+    if (response.body == nullptr || (response.body->gzip().empty() &&
+                                     response.body->text().size() < AnswerBuilder::kSmallestToCompress)) {
         return;
     }
     response.headers.emplace_back("Vary", "Accept-Encoding");
-    if (acceptsGzip(request.acceptEncoding) && !response.body->gzip().empty()) {
+    const bool compressedAlone = response.body->text().empty();
+    if (!response.body->gzip().empty() && (compressedAlone || acceptsGzip(request.acceptEncoding))) {
         response.compressed = true;
         response.headers.emplace_back("Content-Encoding", "gzip");
     }

@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "web/payload.h"
+
 namespace station {
 
 enum class Method : uint8_t { kGet, kHead, kPost, kPut, kDelete, kOptions, kOther };
@@ -31,24 +33,6 @@ struct Request {
     std::string acceptEncoding;
     std::string body;
 };
-
-// What an answer carries, built once and shared by all who get the same. For the I/O thread alone, but for
-// the text, which does not change.
-class Payload {
-  public:
-    explicit Payload(std::string text) : text_(std::move(text)) {}
-
-    const std::string& text() const {
-        return text_;
-    }
-    // The text compressed (RFC 1952), at the first call; empty where that fails.
-    const std::string& gzip() const;
-
-  private:
-    std::string text_;
-    mutable std::optional<std::string> gzip_;
-};
-using PayloadPointer = std::shared_ptr<const Payload>;
 
 struct Response {
     int status = 200;
@@ -98,7 +82,8 @@ std::optional<Target> splitTarget(std::string_view target);
 // Whether an Accept-Encoding header (RFC 9110, clause 12.5.3) takes gzip.
 bool acceptsGzip(std::string_view header);
 
-// The answer as it goes to this client: 304 where it has the same already, compressed where it takes that.
+// The answer as it goes to this client: 304 where it has the same already, compressed where it takes that and
+// there is a compressed one.
 void adapt(const Request& request, Response& response);
 
 // Status line and headers, with the empty line.

@@ -563,15 +563,16 @@ std::size_t expectedSize(std::size_t channels, std::size_t pids) {
 
 }  // namespace
 
-std::string MetricsWriter::text(const StationState& state, const MetricsExtras& extras) {
+std::string MetricsWriter::text(const StationState& state, const MetricsExtras& extras,
+                                const Exposition::Flush& flush) {
     const auto channels = channelRows(state);
     const auto which = state.configuration ? state.configuration->metricsPids : MetricsPids::kListed;
     const auto pids = pidRows(channels, which);
     failedChecks_ = failedChecks(pids, failedChecks_);
 
     std::string text;
-    text.reserve(expectedSize(channels.size(), pids.size()));
-    Exposition out(text);
+    text.reserve(flush ? 2 * Exposition::kPiece : expectedSize(channels.size(), pids.size()));
+    Exposition out(text, flush);
     writeProbe(out, state, extras);
     writeChannelInfo(out, channels);
     writeStreams(out, channels);

@@ -10,6 +10,7 @@
 #include "state.h"
 #include "store/delivery.h"
 #include "store/eventStore.h"
+#include "web/exposition.h"
 #include "web/server.h"
 
 namespace station {
@@ -35,7 +36,9 @@ struct MetricsExtras {
 // PID failed.
 class MetricsWriter {
   public:
-    std::string text(const StationState& state, const MetricsExtras& extras);
+    // `flush` as Exposition has it: what it took out of the text is missing in what is returned.
+    std::string text(const StationState& state, const MetricsExtras& extras,
+                     const Exposition::Flush& flush = {});
 
   private:
     // By group and PID, a bit a check of records::kChecks.

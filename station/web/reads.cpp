@@ -49,23 +49,6 @@ class QueryReader {
     const Query& query_;
 };
 
-Response cached(Services& services, std::string_view name, const PayloadCache::Version& version,
-                const std::function<std::string()>& build) {
-    Response response;
-    response.contentType = "application/json";
-    response.body = services.cache.get(name, version, build);
-    return response;
-}
-
-Response eventsResponse(const std::vector<Event>& events, bool csv) {
-    Response response = jsonResponse(csv ? eventsCsv(events) : eventsJson(events));
-    if (csv) {
-        response.contentType = "text/csv; charset=utf-8";
-        response.headers.emplace_back("Content-Disposition", "attachment; filename=\"events.csv\"");
-    }
-    return response;
-}
-
 std::string exportText(const StationState& state) {
     ChannelMap channels;
     for (const auto& one : state.channels) {
@@ -84,16 +67,59 @@ Response jsonResponse(std::string text, int status) {
     return response;
 }
 
-Response channelResponse(const StationState& state, const Group& group, int status) {
-    const ChannelState* channel = state.find(group);
-    if (channel == nullptr) {
-        return problem(404, group.text() + " is no channel of this station", "group");
-    }
-    return jsonResponse(channelJson(state, *channel), status);
+Response jsonHead(int status) {
+    Response response;
+    response.status = status;
+    response.contentType = "application/json";
+    return response;
 }
 
-Response statusResponse(Services& services, const StationState& state) {
-    return cached(services, "status", {state.number}, [&] { return statusJson(state); });
+bool takesGzip(const Call& call) {
+    return acceptsGzip(call.request.acceptEncoding);
+}
+
+void answer(Services& services, Of of, const std::optional<AnswerKey>& key, bool gzip,
+            const AnswerBuilder::Build& build, Reply&& reply, Response head) {
+    const auto response = [of, build, head = std::move(head)](const PayloadPointer& payload) {
+        Response whole = head;
+        whole.body = payload;
+        if (payload == nullptr && of == Of::kChange) {
+            const AnswerText text = build();
+            whole.body = std::make_shared<Payload>(text.made);
+        }
+        return whole.body != nullptr ? whole : problem(503, "There is no room for more answers");
+    };
+    const auto built = [post = services.post, reply, response](const PayloadPointer& payload) {
+        post([reply, response, payload] { reply(response(payload)); });
+    };
+    if (!services.answers->ask(key, gzip, build, built)) {
+        reply(response(nullptr));
+    }
+}
+
+void answerChannel(Services& services, Of of, const Group& group, bool gzip, Reply&& reply, int status) {
+    const StatePointer state = services.station.state();
+    if (state->find(group) == nullptr) {
+        return reply(problem(404, group.text() + " is no channel of this station", "group"));
+    }
+    answer(
+        services, of, AnswerKey{"channel", {state->number, group.hostOrder()}}, gzip,
+        [state, group] { return AnswerText{channelJson(*state, *state->find(group))}; }, std::move(reply),
+        jsonHead(status));
+}
+
+void answerStatus(Services& services, Of of, bool gzip, Reply&& reply) {
+    const StatePointer state = services.station.state();
+    answer(
+        services, of, AnswerKey{"status", {state->number}}, gzip,
+        [state] { return AnswerText{statusJson(*state)}; }, std::move(reply));
+}
+
+void answerMaintenance(Services& services, Of of, bool gzip, Reply&& reply) {
+    const StatePointer state = services.station.state();
+    answer(
+        services, of, AnswerKey{"maintenance", {state->number}}, gzip,
+        [state] { return AnswerText{maintenanceListJson(*state)}; }, std::move(reply));
 }
 
 void access(Services&, const Call& call, Reply&& reply) {
@@ -104,15 +130,17 @@ void access(Services&, const Call& call, Reply&& reply) {
 }
 
 void status(Services& services, const Call& call, Reply&& reply) {
-    reply(statusResponse(services, *call.state));
+    answerStatus(services, Of::kReading, takesGzip(call), std::move(reply));
 }
 
 void channels(Services& services, const Call& call, Reply&& reply) {
-    reply(cached(services, "channels", {call.state->number}, [&] { return channelsJson(*call.state); }));
+    answer(
+        services, Of::kReading, AnswerKey{"channels", {call.state->number}}, takesGzip(call),
+        [state = call.state] { return AnswerText{channelsJson(*state)}; }, std::move(reply));
 }
 
-void channel(Services&, const Call& call, Reply&& reply) {
-    reply(channelResponse(*call.state, *call.group));
+void channel(Services& services, const Call& call, Reply&& reply) {
+    answerChannel(services, Of::kReading, *call.group, takesGzip(call), std::move(reply));
 }
 
 void records(Services& services, const Call& call, Reply&& reply) {
@@ -120,13 +148,17 @@ void records(Services& services, const Call& call, Reply&& reply) {
     if (state.snapshot == nullptr || !state.probe.connected) {
         return reply(problem(503, "There is no snapshot of the probe, or none that is fresh"));
     }
-    Response response = cached(services, "records", {state.probe.snapshots},
-                               [&] { return std::string(state.snapshot->text()); });
+    Response response;
     response.contentType = "text/plain; charset=utf-8";
     // Numbers of snapshots start anew with the station.
     response.headers.emplace_back("ETag", "\"" + std::to_string(state.started.time_since_epoch().count()) +
                                               "-" + std::to_string(state.probe.snapshots) + "\"");
-    reply(std::move(response));
+    answer(
+        services, Of::kReading, AnswerKey{"records", {state.probe.snapshots}}, takesGzip(call),
+        [snapshot = state.snapshot] {
+            return AnswerText{{}, snapshot, snapshot->text()};
+        },
+        std::move(reply), std::move(response));
 }
 
 void history(Services& services, const Call& call, Reply&& reply) {
@@ -148,22 +180,45 @@ void history(Services& services, const Call& call, Reply&& reply) {
         return reply(std::move(*query.refusal));
     }
     if (call.state->find(*call.group) == nullptr) {
-        return reply(channelResponse(*call.state, *call.group));
+        return answerChannel(services, Of::kReading, *call.group, false, std::move(reply));
     }
     const AskHistory asked{.group = *call.group,
                            .metric = *metric,
                            .resolution = static_cast<int>(resolution.value_or(1)),
                            .since = since.value_or(WallTime{})};
     ask(services, asked, std::move(reply),
-        [asked](Services&, Answer&& answer) { return jsonResponse(historyJson(asked, answer.points)); });
+        [asked, gzip = takesGzip(call)](Services& room, Answer&& said, Reply&& answered) {
+            const auto shared = std::make_shared<Answer>(std::move(said));
+            answer(
+                room, Of::kReading, {}, gzip,
+                [asked, shared] { return AnswerText{historyJson(asked, shared->points)}; },
+                std::move(answered));
+        });
 }
 
 void alarms(Services& services, const Call& call, Reply&& reply) {
-    reply(cached(services, "alarms", {call.state->number}, [&] { return alarmsJson(*call.state); }));
+    answer(
+        services, Of::kReading, AnswerKey{"alarms", {call.state->number}}, takesGzip(call),
+        [state = call.state] { return AnswerText{alarmsJson(*state)}; }, std::move(reply));
 }
 
-void alarmTypeList(Services& services, const Call&, Reply&& reply) {
-    reply(cached(services, "alarm-types", {}, alarmTypesJson));
+void alarmTypeList(Services& services, const Call& call, Reply&& reply) {
+    answer(
+        services, Of::kReading, AnswerKey{"alarm-types"}, takesGzip(call),
+        [] { return AnswerText{alarmTypesJson()}; }, std::move(reply));
+}
+
+static void answerEvents(Services& services, const std::shared_ptr<std::vector<Event>>& events, bool csv,
+                         bool gzip, Reply&& reply) {
+    Response head = jsonHead();
+    if (csv) {
+        head.contentType = "text/csv; charset=utf-8";
+        head.headers.emplace_back("Content-Disposition", "attachment; filename=\"events.csv\"");
+    }
+    answer(
+        services, Of::kReading, {}, gzip,
+        [events, csv] { return AnswerText{csv ? eventsCsv(*events) : eventsJson(*events)}; },
+        std::move(reply), std::move(head));
 }
 
 void events(Services& services, const Call& call, Reply&& reply) {
@@ -190,13 +245,15 @@ void events(Services& services, const Call& call, Reply&& reply) {
         return reply(std::move(*query.refusal));
     }
     const bool asCsv = csv.value_or(false);
-    const bool queued = services.station.queryEvents(
-        filter, [post = services.post, reply, asCsv](std::vector<Event>&& found, const std::string& wrong) {
-            const auto shared = std::make_shared<std::vector<Event>>(std::move(found));
-            post([shared, wrong, reply, asCsv] {
-                reply(wrong.empty() ? eventsResponse(*shared, asCsv) : problem(503, wrong));
-            });
+    const auto found = [&services, post = services.post, reply, asCsv, gzip = takesGzip(call)](
+                           std::vector<Event>&& events, const std::string& wrong) {
+        const auto shared = std::make_shared<std::vector<Event>>(std::move(events));
+        post([&services, shared, wrong, reply, asCsv, gzip] {
+            wrong.empty() ? answerEvents(services, shared, asCsv, gzip, Reply(reply))
+                          : reply(problem(503, wrong));
         });
+    };
+    const bool queued = services.station.queryEvents(filter, found);
     if (!queued) {
         reply(problem(503, "Too many queries wait for the event store"));
     }
@@ -223,15 +280,13 @@ void overview(Services& services, const Call& call, Reply&& reply) {
     }
     const AskOverview asked{.sparkCells = static_cast<std::size_t>(cells),
                             .sparkSeconds = static_cast<std::size_t>(seconds)};
-    ask(services, asked, std::move(reply), [asked](Services& room, Answer&& answer) {
-        const StatePointer state = room.station.state();
-        return cached(room, "overview", {state->number, asked.sparkCells, asked.sparkSeconds},
-                      [&] { return overviewJson(state->now.wall, asked, answer.overview); });
-    });
+    services.overviews.ask(services, asked, takesGzip(call), std::move(reply));
 }
 
 void meta(Services& services, const Call& call, Reply&& reply) {
-    reply(cached(services, "meta", {call.state->number}, [&] { return metaJson(*call.state); }));
+    answer(
+        services, Of::kReading, AnswerKey{"meta", {call.state->number}}, takesGzip(call),
+        [state = call.state] { return AnswerText{metaJson(*state)}; }, std::move(reply));
 }
 
 void use(Services& services, const Call& call, Reply&& reply) {
@@ -239,17 +294,18 @@ void use(Services& services, const Call& call, Reply&& reply) {
                                services.station.deliveryStatistics(), services.statistics())));
 }
 
-void maintenance(Services&, const Call& call, Reply&& reply) {
-    reply(jsonResponse(maintenanceListJson(*call.state)));
+void maintenance(Services& services, const Call& call, Reply&& reply) {
+    answerMaintenance(services, Of::kReading, takesGzip(call), std::move(reply));
 }
 
 void exportPlaylist(Services& services, const Call& call, Reply&& reply) {
     Response response;
     response.contentType = "audio/x-mpegurl";
     response.headers.emplace_back("Content-Disposition", "attachment; filename=\"channels.m3u\"");
-    response.body =
-        services.cache.get("export", {call.state->channelsVersion}, [&] { return exportText(*call.state); });
-    reply(std::move(response));
+    answer(
+        services, Of::kReading, AnswerKey{"export", {call.state->channelsVersion}}, takesGzip(call),
+        [state = call.state] { return AnswerText{exportText(*state)}; }, std::move(reply),
+        std::move(response));
 }
 
 void metrics(Services& services, const Call& call, Reply&& reply) {
@@ -258,7 +314,12 @@ void metrics(Services& services, const Call& call, Reply&& reply) {
             Response response;
             response.contentType = kMetricsContentType;
             response.body = payload;
-            reply(payload == nullptr ? problem(503, "There is no memory for it") : std::move(response));
+            reply(
+                payload == nullptr
+                    ? problem(
+                          503,
+                          "There is no room for it; ask for gzip (Accept-Encoding), or set pids in [metrics]")
+                    : std::move(response));
         });
     };
     MetricsExtras extras{.version = KESTOR_VERSION,

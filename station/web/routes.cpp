@@ -182,16 +182,6 @@ std::span<const Route> routes() {
     return kRoutes;
 }
 
-PayloadPointer PayloadCache::get(std::string_view name, const Version& version,
-                                 const std::function<std::string()>& build) {
-    Entry& entry = entries_[name];
-    if (entry.payload == nullptr || entry.version != version) {
-        entry.payload = std::make_shared<Payload>(build());
-        entry.version = version;
-    }
-    return entry.payload;
-}
-
 Router::Router(Services services, Access access)
     : services_(std::move(services)), access_(std::move(access)) {}
 

@@ -1,10 +1,8 @@
 // From a request to its answer, without a connection.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <functional>
-#include <map>
 #include <span>
 #include <string>
 #include <string_view>
@@ -13,8 +11,10 @@
 
 #include "commands.h"
 #include "web/access.h"
+#include "web/answerBuilder.h"
 #include "web/message.h"
 #include "web/metricsBuilder.h"
+#include "web/overviewDesk.h"
 #include "web/server.h"
 #include "web/staticFiles.h"
 #include "web/tokenGuard.h"
@@ -24,22 +24,6 @@ namespace station {
 // Called once, on the I/O thread; nothing happens when the client is gone.
 using Reply = std::function<void(Response&&)>;
 
-// Answers that were built once and serve until what they tell of has another version. One entry a name.
-class PayloadCache {
-  public:
-    using Version = std::array<uint64_t, 3>;
-    // `name` has static storage.
-    PayloadPointer get(std::string_view name, const Version& version,
-                       const std::function<std::string()>& build);
-
-  private:
-    struct Entry {
-        Version version{};
-        PayloadPointer payload;
-    };
-    std::map<std::string_view, Entry> entries_;
-};
-
 // What handlers work with. They run on the I/O thread and never wait.
 struct Services {
     StationInterface& station;
@@ -48,8 +32,9 @@ struct Services {
     // Runs something on the I/O thread, from any thread; drops it once the server ends.
     std::function<void(std::function<void()>)> post;
     MetricsBuilder* metrics = nullptr;
+    AnswerBuilder* answers = nullptr;
     std::atomic<uint64_t>& wrongTokens;
-    PayloadCache cache{};
+    OverviewDesk overviews{};
 };
 
 // One request, checked by its route.

@@ -125,8 +125,8 @@ struct Server::Implementation {
                 .statistics = [this] { return statistics(); },
                 .post = [box = inbox](std::function<void()> work) { box->post(std::move(work)); },
                 .metrics = &metrics,
-                .wrongTokens = counters.wrongTokens,
-                .cache = {}};
+                .answers = &answers,
+                .wrongTokens = counters.wrongTokens};
     }
 
     // Whatever goes wrong with one client must not end the others.
@@ -313,7 +313,14 @@ struct Server::Implementation {
         if (std::exchange(unixWaits, false)) {
             acceptUnix();
         }
+        const std::size_t before = std::exchange(refusals, budget->refusals());
+        if (before != refusals) {
+            for (const auto& connection : connections) {
+                connection->makeRoom(now);
+            }
+        }
         dropClosed();
+        answers.expire(now);
         publishEvents(now);
         for (const auto* list : {&connections, &refusing}) {
             for (const auto& connection : *list) {
@@ -328,20 +335,44 @@ struct Server::Implementation {
     }
 
     void publishEvents(SteadyTime now) {
-        if (!published || counters.streams == 0 || now - lastEvents < kEventsApart) {
-            return;
-        }
-        refreshEvents();
-        lastEvents = now;
-        for (const auto& connection : connections) {
-            connection->wake();
+        if (counters.streams == 0) {
+            if (!buildingEvents) {
+                events.forget();
+            }
+        } else if (published && now - lastEvents >= kEventsApart) {
+            refreshEvents();
         }
     }
 
+    // Has the events made of the newest state, and streams told.
     void refreshEvents() {
-        if (const StatePointer state = station.state()) {
-            published = false;
-            events.update(*state);
+        const StatePointer state = station.state();
+        if (buildingEvents || state == nullptr) {
+            return;
+        }
+        published = false;
+        buildingEvents = true;
+        lastEvents = std::chrono::steady_clock::now();
+        answers.run([this, state, known = events.known(), budget = budget, box = inbox] {
+            auto update = std::make_shared<std::optional<EventStream::Update>>();
+            try {
+                update->emplace(EventStream::make(*state, known, budget));
+            } catch (const std::bad_alloc&) {
+                log(LogLevel::kError, "there is no memory for the event stream's events");
+            }
+            box->post([this, update] { adoptEvents(*update); });
+        });
+    }
+
+    void adoptEvents(std::optional<EventStream::Update>& update) {
+        buildingEvents = false;
+        if (!update) {
+            published = true;  // again at the next tick
+            return;
+        }
+        events.adopt(std::move(*update));
+        for (const auto& connection : connections) {
+            connection->wake();
         }
     }
 
@@ -353,7 +384,9 @@ struct Server::Implementation {
                 .madeRoom = counters.madeRoom,
                 .wrongTokens = counters.wrongTokens,
                 .malformed = counters.malformed,
-                .slowClosed = counters.slowClosed};
+                .slowClosed = counters.slowClosed,
+                .answerBytes = budget->held(),
+                .answersRefused = budget->refusals()};
     }
 
     StationInterface& station;
@@ -362,11 +395,15 @@ struct Server::Implementation {
     const std::shared_ptr<Inbox> inbox = std::make_shared<Inbox>();
     ServerAccess access;
     ServerCounters counters;
-    MetricsBuilder metrics;
+    const BudgetPointer budget = std::make_shared<AnswerBudget>();
+    std::size_t refusals = 0;  // of the budget, at the last tick
+    MetricsBuilder metrics{budget};
+    AnswerBuilder answers{budget};
     Router router;
     EventStream events;
     ConnectionShared shared{router, events, counters, [this] { refreshEvents(); }};
     bool published = false;  // a state that the events are not made of
+    bool buildingEvents = false;
     SteadyTime lastEvents{};
     std::atomic<bool> publishedPosted{false};
 

@@ -39,6 +39,8 @@ struct ServerStatistics {
     uint64_t wrongTokens = 0;
     uint64_t malformed = 0;  // requests that were none
     uint64_t slowClosed = 0;
+    uint64_t answerBytes = 0;     // that answers hold
+    uint64_t answersRefused = 0;  // since they held too many
 };
 
 class Server {

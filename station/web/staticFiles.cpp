@@ -8,6 +8,8 @@
 
 #include "common/log.h"
 #include "common/text.h"
+#include "web/answerBuilder.h"
+#include "web/gzip.h"
 
 namespace station {
 
@@ -46,6 +48,12 @@ std::string hashOf(std::string_view content) {
 // Weak, since compressed answers bear it as well.
 std::string etagOf(std::string_view content) {
     return "W/\"" + hashOf(content) + "\"";
+}
+
+// With what those get who accept gzip.
+PayloadPointer filePayload(std::string content) {
+    std::string gzip = content.size() < AnswerBuilder::kSmallestToCompress ? std::string() : gzipOf(content);
+    return std::make_shared<Payload>(std::move(content), std::move(gzip));
 }
 
 constexpr std::string_view kIndex = "index.html";
@@ -90,7 +98,7 @@ void StaticFiles::read(const std::filesystem::path& file, Files& files) {
         return;
     }
     std::string etag = etagOf(content);
-    files.emplace(name, File{type->type, std::move(etag), std::make_shared<Payload>(std::move(content))});
+    files.emplace(name, File{type->type, std::move(etag), filePayload(std::move(content))});
 }
 
 void StaticFiles::setVersion() {
@@ -109,7 +117,7 @@ void StaticFiles::setVersion() {
         text.insert(at, version_ + "/");
     }
     index->second.etag = etagOf(text);
-    index->second.payload = std::make_shared<Payload>(std::move(text));
+    index->second.payload = filePayload(std::move(text));
 }
 
 Response StaticFiles::answer(const Files& files, std::string_view name) {

@@ -596,14 +596,16 @@ TEST(StationEventStream, TellsEachKindOnceAndCommentsInBetween) {
     SteadyTime now{};
     const auto next = [&] {
         const PayloadPointer payload = events.next(client, now);
-        return payload == nullptr ? std::string() : payload->text().substr(0, payload->text().find('\n'));
+        return payload == nullptr ? std::string()
+                                  : std::string(payload->text().substr(0, payload->text().find('\n')));
     };
-    events.update(*station.state());
+    const auto update = [&] { events.adopt(EventStream::make(*station.state(), events.known(), nullptr)); };
+    update();
     for (const char* line : {"retry: 2000", "event: channels", "event: alarm", "event: snapshot", ""}) {
         EXPECT_EQ(next(), line);
     }
     station.change([](StationState& state) { ++state.channelsVersion; });
-    events.update(*station.state());
+    update();
     now += seconds(15);
     for (const char* line : {": still here", "event: channels", "event: snapshot", ""}) {
         EXPECT_EQ(next(), line);

@@ -1,0 +1,62 @@
+#include "web/gzip.h"
+
+#include <zlib.h>
+
+#include <array>
+#include <new>
+
+namespace station {
+
+namespace {
+
+constexpr int kGzipWindow = 15 + 16;  // zlib's way to say: largest window, gzip's header
+constexpr int kGzipMemory = 8;
+constexpr std::size_t kPiece = 65536;
+
+}  // namespace
+
+struct GzipWriter::Stream {
+    z_stream zlib{};
+    std::array<Bytef, kPiece> piece;
+};
+
+GzipWriter::GzipWriter() : stream_(std::make_unique<Stream>()) {
+    if (deflateInit2(&stream_->zlib, Z_BEST_SPEED, Z_DEFLATED, kGzipWindow, kGzipMemory,
+                     Z_DEFAULT_STRATEGY) != Z_OK) {
+        throw std::bad_alloc();
+    }
+}
+
+GzipWriter::~GzipWriter() {
+    deflateEnd(&stream_->zlib);
+}
+
+void GzipWriter::add(std::string_view text) {
+    stream_->zlib.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+    stream_->zlib.avail_in = static_cast<uInt>(text.size());
+    deflateAll(Z_NO_FLUSH);
+}
+
+std::string GzipWriter::finish() {
+    deflateAll(Z_FINISH);
+    return std::move(result_);
+}
+
+// Piece by piece: the result takes what it needs, not what the worst of texts would.
+void GzipWriter::deflateAll(int flush) {
+    z_stream& zlib = stream_->zlib;
+    do {
+        zlib.next_out = stream_->piece.data();
+        zlib.avail_out = kPiece;
+        deflate(&zlib, flush);
+        result_.append(reinterpret_cast<const char*>(stream_->piece.data()), kPiece - zlib.avail_out);
+    } while (zlib.avail_out == 0);
+}
+
+std::string gzipOf(std::string_view text) {
+    GzipWriter writer;
+    writer.add(text);
+    return writer.finish();
+}
+
+}  // namespace station
