@@ -3,10 +3,16 @@
 
 What kestor-station costs with 1000 CHANNELS of 20 PIDs, a snapshot a second (bench/stationLoad.cpp), and how soon a fresh probe
 knows 2000 channels (TOLD). Inside a network of its own (scripts/netns.sh); the programs are those of build/release.
+
+station.py hostile [CHANNELS PIDS]
+
+How long /healthz takes, and how much memory the station, while clients ask for the most expensive answers and take none.
 """
 import http.client
 import json
+import multiprocessing
 import os
+import random
 import re
 import select
 import socket
@@ -28,6 +34,15 @@ def cpu_ms(pid):
     with open(f"/proc/{pid}/stat") as stat:
         fields = stat.read().rpartition(")")[2].split()
     return (int(fields[11]) + int(fields[12])) * 1000 / TICKS
+
+
+def http_thread_ms(pid):
+    """CPU time of the thread that serves HTTP."""
+    for thread in os.listdir(f"/proc/{pid}/task"):
+        with open(f"/proc/{pid}/task/{thread}/comm") as name, open(f"/proc/{pid}/task/{thread}/schedstat") as times:
+            if name.read() == "http\n":
+                return int(times.read().split()[0]) / 1e6
+    raise SystemExit("station.py: the station has no thread of the name http")
 
 
 def resident_mib(pid, name="VmRSS"):
@@ -180,7 +195,97 @@ def told(directory, channels):
     station.end()
 
 
+def ask_for_ever(port, path):
+    """A client that asks again and again; `path` makes the target. It leaves the cores to the station: others have theirs."""
+    os.nice(10)
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
+    while True:
+        try:
+            connection.request("GET", path(), headers={"Accept-Encoding": random.choice(("gzip", "identity"))})
+            connection.getresponse().read()
+        except OSError:
+            connection.close()
+
+
+def health(station, seconds, what):
+    """Reports how long /healthz takes, asked twenty times a second on one connection."""
+    connection = http.client.HTTPConnection("127.0.0.1", station.port, timeout=30)
+    took, late = [], []
+    before_all, requests = http_thread_ms(station.pid), station.use()["server"]["requests"]
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        before = time.monotonic()
+        connection.request("GET", "/healthz")
+        connection.getresponse().read()
+        done = time.monotonic()
+        took.append((done - before) * 1000)
+        time.sleep(0.05)
+        late.append((time.monotonic() - done - 0.05) * 1000)
+    took.sort()
+    report(f"/healthz {what}, median", statistics.median(took), "ms")
+    report("  99 of 100", took[len(took) * 99 // 100], "ms")
+    report("  longest", took[-1], "ms")
+    requests = station.use()["server"]["requests"] - requests
+    report(f"  CPU of the HTTP thread a request, of {requests}",
+           (http_thread_ms(station.pid) - before_all) / requests, "ms")
+    report("  longest that this program itself was held up meanwhile", max(late), "ms")
+
+
+def take_nothing(port, path, streams):
+    """Connections from several addresses, as many as are let in, that ask for something and take none of it."""
+    clients = []
+    for number in range(streams):
+        client = socket.socket()
+        client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        client.bind((f"127.0.1.{1 + number // 50}", 0))
+        client.connect(("127.0.0.1", port))
+        client.send(f"GET {path} HTTP/1.1\r\nHost: localhost\r\n\r\n".encode())
+        clients.append(client)
+        time.sleep(0.1)
+    return clients
+
+
+def hostile(directory, channels, pids):
+    pipe = os.path.join(directory, "pipe")
+    endpoint = "tcp://127.0.0.1:15999"
+    station = Station(directory, 100, channels, pipe, endpoint, 19427)
+    probe = subprocess.Popen([f"{BIN}/stationLoad", "--pipe", pipe, "--controller-endpoint", endpoint, "--channels",
+                              str(channels), "--pids", str(pids), "--seconds", "100000"], stdout=subprocess.DEVNULL)
+    station.wait(lambda status: status["channels"]["withSignal"] == channels, "not all channels were seen", 120)
+    time.sleep(3)
+    report("resident memory", resident_mib(station.pid), "MiB")
+    health(station, 5, "with no clients")
+    for what, path in (("while 4 vary overview?cells=", lambda: f"/api/v1/overview?cells={random.randint(1, 600)}&seconds=1"),
+                       ("while 4 ask for a channel", lambda: f"/api/v1/channels/{group(100, 0)}"),
+                       ("while 4 ask for all channels", lambda: "/api/v1/channels"),
+                       ("while 4 scrape", lambda: "/metrics")):
+        size = len(station.get(path())[0])
+        clients = [multiprocessing.Process(target=ask_for_ever, args=(station.port, path), daemon=True) for _ in range(4)]
+        for client in clients:
+            client.start()
+        health(station, 8, f"{what} ({size / 1e6:.1f} MB)")
+        for client in clients:
+            client.kill()
+            client.join()
+    report("highest resident memory until then", resident_mib(station.pid, "VmHWM"), "MiB")
+    slow = take_nothing(station.port, "/metrics", 200)
+    health(station, 15, "while 200 take nothing of /metrics")
+    report("highest resident memory with them", resident_mib(station.pid, "VmHWM"), "MiB")
+    print("  of the server:", station.use()["server"])
+    for client in slow:
+        client.close()
+    begin = time.monotonic()
+    station.end()
+    report("SIGTERM took", (time.monotonic() - begin) * 1000, "ms")
+    probe.terminate()
+    probe.wait()
+
+
 def main():
+    if sys.argv[1:2] == ["hostile"]:
+        with tempfile.TemporaryDirectory() as directory:
+            hostile(directory, *(int(number) for number in sys.argv[2:] + ["1000", "20"][len(sys.argv) - 2:]))
+        return
     seconds, channels, to_tell = (int(number) for number in sys.argv[1:] + ["30", "1000", "2000"][len(sys.argv) - 1:])
     with tempfile.TemporaryDirectory() as directory:
         os.mkdir(f"{directory}/load")

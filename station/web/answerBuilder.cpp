@@ -80,6 +80,7 @@ void AnswerBuilder::expire(SteadyTime now) {
 }
 
 void AnswerBuilder::serve() {
+    pthread_setname_np(pthread_self(), "answers");
     std::unique_lock lock(mutex_);
     const auto next = [this] { return std::ranges::find(jobs_, false, &Job::running); };
     while (true) {
@@ -117,8 +118,9 @@ void AnswerBuilder::finish(std::unique_lock<std::mutex>& lock, std::list<Job>::i
     for (const Done& tell : done.front().done) {
         tell(built);
     }
-    done.clear();  // and `before`: states and payloads may be large
+    done.clear();  // before the lock is taken again: states and payloads may be large
     before = {};
+    built = nullptr;
     lock.lock();
 }
 

@@ -295,6 +295,8 @@ std::string useJson(const StationUse& use, const ProbeState& probe, const EventS
     json.name("server").open('{').member("connections", server.connections);
     json.member("streams", server.streams).member("requests", server.requests);
     json.member("refused", server.refused).member("malformed", server.malformed);
+    json.member("madeRoom", server.madeRoom).member("wrongTokens", server.wrongTokens);
+    json.member("answerBytes", server.answerBytes).member("answersRefused", server.answersRefused);
     json.member("slowClosed", server.slowClosed).close('}').close('}');
     return text;
 }

@@ -21,6 +21,7 @@ MetricsBuilder::~MetricsBuilder() {
 }
 
 void MetricsBuilder::run(const std::stop_token& stop) {
+    pthread_setname_np(pthread_self(), "metrics");
     while (!stop.stop_requested()) {
         const auto scrape = scrapes_.popUntil(std::chrono::steady_clock::now() + kKept);
         if (!scrape) {

@@ -80,13 +80,11 @@ bool takesGzip(const Call& call) {
 
 void answer(Services& services, Of of, const std::optional<AnswerKey>& key, bool gzip,
             const AnswerBuilder::Build& build, Reply&& reply, Response head) {
-    const auto response = [of, build, head = std::move(head)](const PayloadPointer& payload) {
+    // Of a reading it keeps nothing that is large, since it ends on the I/O thread.
+    const auto here = of == Of::kChange ? build : AnswerBuilder::Build();
+    const auto response = [here, head = std::move(head)](const PayloadPointer& payload) {
         Response whole = head;
-        whole.body = payload;
-        if (payload == nullptr && of == Of::kChange) {
-            const AnswerText text = build();
-            whole.body = std::make_shared<Payload>(text.made);
-        }
+        whole.body = payload == nullptr && here ? std::make_shared<Payload>(here().made) : payload;
         return whole.body != nullptr ? whole : problem(503, "There is no room for more answers");
     };
     const auto built = [post = services.post, reply, response](const PayloadPointer& payload) {

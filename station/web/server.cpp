@@ -131,6 +131,7 @@ struct Server::Implementation {
 
     // Whatever goes wrong with one client must not end the others.
     void run() {
+        pthread_setname_np(pthread_self(), "http");
         while (!context.stopped()) {
             try {
                 context.run();
