@@ -1,6 +1,6 @@
 // Runs a fixed number of frames through the analysis, or through the floor, for callgrind to count.
 //
-//     instructionCount analysis|floor FRAMES
+//     instructionCount analysis|meter|floor FRAMES
 //
 // The warm-up brings the stream into the steady state: bit rate known, delivery index running. Counting two
 // runs of different length and taking the difference leaves it out (bench/run.sh).
@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "meterWorkload.h"
 #include "workload.h"
 
 namespace {
@@ -26,7 +27,7 @@ extern "C" __attribute__((noinline)) void measuredFloor(const bench::Recording& 
 
 int main(int argc, char** argv) {
     if (argc != 3) {
-        fprintf(stderr, "usage: instructionCount analysis|floor FRAMES\n");
+        fprintf(stderr, "usage: instructionCount analysis|meter|floor FRAMES\n");
         return 2;
     }
     const auto frames = static_cast<std::size_t>(strtoull(argv[2], nullptr, 10));
@@ -35,6 +36,11 @@ int main(int argc, char** argv) {
         bench::Table table(recording);
         for (std::size_t i = 0; i < kWarmUpFrames + frames; ++i) {
             table.feed();
+        }
+    } else if (strcmp(argv[1], "meter") == 0) {
+        bench::MeterChannels meters(recording);
+        for (std::size_t i = 0; i < kWarmUpFrames + frames; ++i) {
+            meters.feed();
         }
     } else {
         std::vector<uint64_t> perPid(kPidCount);

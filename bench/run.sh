@@ -44,9 +44,10 @@ instructions() { # what, function to collect in
     'BEGIN { printf "%-10s %8.1f instructions per transport packet\n", what, (b - a) / n / 7 }'
 }
 instructions analysis 'sarnUdpStreams_processIpPacket*'
+instructions meter 'meter::ChannelAnalyser::feed*'
 instructions floor measuredFloor
 
-for program in analysisBench snapshotBench recordParserBench stationMetricsBench stationWebBench; do
+for program in analysisBench meterBench snapshotBench recordParserBench stationMetricsBench stationWebBench; do
   # Where the recording starts again the PCR steps back, which the analysis says on standard error.
   "$bin/$program" "${options[@]}" 2>&1 >/dev/null | grep -v '^stofain'
 done

@@ -103,7 +103,9 @@ void ChannelAnalyser::Channel::changeFlow(const Datagram& datagram) {
 void ChannelAnalyser::Channel::feedFlow(const Datagram& datagram) {
     const Nanoseconds arrival = std::max(datagram.arrival - begin_, now_);
     now_ = arrival;
-    endSeconds(arrival);
+    if (arrival >= secondEnd_) {
+        endSeconds(arrival);
+    }
     if (anyDatagram_) {
         interArrival_.datagram(arrival - lastDatagram_);
     }
@@ -114,24 +116,35 @@ void ChannelAnalyser::Channel::feedFlow(const Datagram& datagram) {
     dscp_ = datagram.dscp;
     vlanCount_ = std::min<uint8_t>(datagram.vlanCount, kVlanTagsLimit);
     vlan_ = datagram.vlan;
-
+    if (isPlain(datagram.payload)) {
+        feedPlain(datagram.payload, arrival, datagram.wall);
+        return;
+    }
     const Payload payload = classify(datagram.payload, encapsulation_);
     malformed_ += payload.malformed ? 1 : 0;
     if (payload.encapsulation == Encapsulation::kUnknown) {
         return;
     }
-    encapsulation_ = payload.encapsulation;
-    const std::size_t packets = payload.packets.size() / kPacketSize;
-    if (packets > 0) {
-        packetsPerDatagram_ = static_cast<uint32_t>(packets);
+    if (payload.encapsulation == Encapsulation::kUdp) {
+        feedPlain(payload.packets, arrival, datagram.wall);
+        return;
     }
-    delivery_.datagram(arrival - second_ * kNsPerSecond, payload.packets.size());
-    if (payload.encapsulation == Encapsulation::kRtp) {
-        feedRtp(payload.rtp, arrival, datagram.wall);
-    } else {
-        order_.flush(*this);
-        stream_.packets(payload.packets, arrival, datagram.wall, 0);
+    count(payload.packets, Encapsulation::kRtp, arrival);
+    feedRtp(payload.rtp, arrival, datagram.wall);
+}
+
+void ChannelAnalyser::Channel::count(Bytes packets, Encapsulation encapsulation, Nanoseconds arrival) {
+    encapsulation_ = encapsulation;
+    if (!packets.empty()) {
+        packetsPerDatagram_ = static_cast<uint32_t>(packets.size() / kPacketSize);
     }
+    delivery_.datagram(arrival - (secondEnd_ - kNsPerSecond), packets.size());
+}
+
+void ChannelAnalyser::Channel::feedPlain(Bytes packets, Nanoseconds arrival, Nanoseconds wall) {
+    count(packets, Encapsulation::kUdp, arrival);
+    order_.flush(*this);
+    stream_.packets(packets, arrival, wall, 0);
 }
 
 void ChannelAnalyser::Channel::feedRtp(const RtpPacket& rtp, Nanoseconds arrival, Nanoseconds wall) {
@@ -176,6 +189,7 @@ void ChannelAnalyser::Channel::endSeconds(Nanoseconds since) {
     }
     interArrival_.secondsEnded(seconds);
     second_ += seconds;
+    secondEnd_ = (second_ + 1) * kNsPerSecond;
 }
 
 void ChannelAnalyser::Channel::tick(Nanoseconds now) {

@@ -41,6 +41,8 @@ class ChannelAnalyser::Channel final : private OrderedSink {
     void beginFlow(const Datagram& datagram);
     void changeFlow(const Datagram& datagram);
     void feedFlow(const Datagram& datagram);
+    void count(Bytes packets, Encapsulation encapsulation, Nanoseconds arrival);
+    void feedPlain(Bytes packets, Nanoseconds arrival, Nanoseconds wall);
     void feedRtp(const RtpPacket& rtp, Nanoseconds arrival, Nanoseconds wall);
     void endSeconds(Nanoseconds since);
     uint64_t packetsByRtp() const;
@@ -71,6 +73,7 @@ class ChannelAnalyser::Channel final : private OrderedSink {
     Nanoseconds lastDatagram_ = 0;
     bool anyDatagram_ = false;  // of this flow
     int64_t second_ = 0;        // that runs
+    Nanoseconds secondEnd_ = kNsPerSecond;
 
     RtpOrder order_;
     RtpStatistics rtp_;

@@ -32,7 +32,7 @@ StreamAnalysis::StreamAnalysis(const Settings& settings)
 void StreamAnalysis::packets(Bytes bytes, Nanoseconds arrival, Nanoseconds wall, uint64_t missing) {
     if (!bare_) {
         time_.arrived(arrival - arrival_);
-        if (arrival / kNsPerSecond > second_) {
+        if (arrival >= secondEnd_) {
             endSeconds(arrival);
         }
         arrival_ = arrival;
@@ -45,39 +45,53 @@ void StreamAnalysis::packets(Bytes bytes, Nanoseconds arrival, Nanoseconds wall,
         position_ += missing;
     }
     const uint8_t* packet = bytes.data();
-    const uint8_t* const end = packet + bytes.size() / kPacketSize * kPacketSize;
-    while (packet != end) {
-        const auto rest = static_cast<std::size_t>(end - packet);
-        const uint8_t* const part = packet + std::min(rest, kPacketsTogether * kPacketSize);
-        batch(packet, part);
-        packet = part;
+    for (std::size_t rest = bytes.size(); rest > 0;) {
+        const std::size_t part = std::min(rest, kPacketsTogether * kPacketSize);
+        batch(packet, packet + part);
+        packet += part;
+        rest -= part;
     }
     streamNow_ = time_.now();
 }
 
 // The packets' road. Most packets only go on with what began before, and end in the first branch.
 void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
+    const uint8_t* const begin = packet;
+    const uint64_t position = position_;
+    const uint64_t received = received_;
+    StreamTime::Run run = time_.run();
+    Ticks lookAt = timeToLook();
     for (; packet != end; packet += kPacketSize) {
-        const Ticks now = time_.packet();
-        if ((packet[0] != kSyncByte || !sync_.calm()) && !synchronise(packet)) {
-            ++position_;
-            ++received_;
-            continue;
-        }
+        const Ticks now = run.next();
         const TsHeader header(packet);
         PidRecord& record = pids_.find(header.pid());
-        if (header.isClearPayloadOnly() && !header.payloadUnitStart() && record.roles == 0 &&
-            record.continuity.isNext(header.continuityCounter()) && now < nextLook_) [[likely]] {
+        if (header.isClearContinuation() && now < lookAt && record.roles == 0 &&
+            record.continuity.isNext(header.continuityCounter())) [[likely]] {
             record.continuity.accept(header.continuityCounter());
             ++record.packets;
             record.lastSeen = now;
             remember(record, packet);
-        } else {
+            continue;
+        }
+        if (record.roles == kNullRole && packet[0] == kSyncByte && now < lookAt &&
+            !header.transportErrorIndicator()) {
+            ++record.packets;
+            continue;
+        }
+        time_.put(run);
+        const uint64_t index = static_cast<uint64_t>(packet - begin) / kPacketSize;
+        position_ = position + index;
+        received_ = received + index;
+        if ((packet[0] == kSyncByte && sync_.calm()) || synchronise(packet)) {
             lookAtPacket(packet, header, now);
         }
-        ++position_;
-        ++received_;
+        run = time_.run();
+        lookAt = timeToLook();
     }
+    time_.put(run);
+    const uint64_t packets = static_cast<uint64_t>(end - begin) / kPacketSize;
+    position_ = position + packets;
+    received_ = received + packets;
     keepTouched();
 }
 
@@ -151,6 +165,9 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
         }
         ++record.packets;
         record.lastSeen = now;
+        if (header.pid() == kNullPid) {
+            record.roles = kNullRole;
+        }
         return;
     }
     const TsPacket bytes(packet, kPacketSize);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <bitset>
+#include <limits>
 #include <vector>
 
 #include "checks/checkBook.h"
@@ -31,8 +32,8 @@ class StreamAnalysis final : private SectionSink {
     StreamAnalysis(const StreamAnalysis&) = delete;
     StreamAnalysis& operator=(const StreamAnalysis&) = delete;
 
-    // Whole packets that arrived together, `arrival` after the begin; `missing` packets before them stay
-    // missing. A bare file has no arrival.
+    // Whole packets (a multiple of kPacketSize bytes) that arrived together, `arrival` after the begin;
+    // `missing` packets before them stay missing. A bare file has no arrival.
     void packets(Bytes bytes, Nanoseconds arrival, Nanoseconds wall, uint64_t missing);
     // Nothing came until `arrival`.
     void advance(Nanoseconds arrival);
@@ -92,6 +93,10 @@ class StreamAnalysis final : private SectionSink {
     Moment momentAt(Ticks now) const {
         return {bare_ ? toNanoseconds(now) : arrival_, now, position_, wall_};
     }
+    // From when on a packet gets more than the usual; at once where sync bytes are in doubt.
+    Ticks timeToLook() const {
+        return sync_.calm() ? nextLook_ : std::numeric_limits<Ticks>::min();
+    }
     void look(Ticks now);
     void endSeconds(Nanoseconds arrival);
     void endSecond(PidRecord& record, int64_t seconds);
@@ -123,6 +128,7 @@ class StreamAnalysis final : private SectionSink {
     Ticks streamNow_ = 0;
     Nanoseconds lookedAt_ = 0;  // arrival of the last look
     int64_t second_ = 0;        // that runs
+    Nanoseconds secondEnd_ = kNsPerSecond;
     CheckBook book_;
     std::optional<Presence> presence_;
     std::optional<ServiceInformation> information_;

@@ -70,6 +70,7 @@ void StreamAnalysis::endSeconds(Nanoseconds arrival) {
         media_->secondEnded();
     }
     second_ = second;
+    secondEnd_ = (second + 1) * kNsPerSecond;
     book_.advance(arrival);
 }
 

@@ -9,20 +9,13 @@ namespace {
 constexpr std::size_t kRatesToJudge = 8;
 constexpr uint64_t kSpreadShare = 100;  // of the median; a constant rate's spread is below one such part
 
-// a / b as an exact comparison needs it: rates are packets by ticks.
-uint64_t product(uint32_t a, uint32_t b) {
-    return uint64_t{a} * b;
-}
-
 }  // namespace
 
 // Equal rates stand in the order of their places, so that each can be found again.
 bool RecentRates::rateLess(uint16_t a, uint16_t b) const {
-    const Pace& left = ring_[a].pace;
-    const Pace& right = ring_[b].pace;
-    const uint64_t leftRate = product(left.packets, right.ticks);
-    const uint64_t rightRate = product(right.packets, left.ticks);
-    return leftRate != rightRate ? leftRate < rightRate : a < b;
+    const uint64_t left = ring_[a].rate;
+    const uint64_t right = ring_[b].rate;
+    return left != right ? left < right : a < b;
 }
 
 void RecentRates::dropOldest() {
@@ -64,7 +57,7 @@ void RecentRates::add(const Pace& pace, Ticks now) {
         }
     }
     const auto index = static_cast<uint16_t>((oldest_ + order_.size()) % ring_.size());
-    ring_[index] = {pace, ms};
+    ring_[index] = {(uint64_t{pace.packets} << 32) / pace.ticks, pace, ms};
     packets_ += pace.packets;
     ticks_ += pace.ticks;
     order_.insert(std::upper_bound(order_.begin(), order_.end(), index,
@@ -79,14 +72,9 @@ void RecentRates::judge() {
     if (count < kRatesToJudge) {
         return;
     }
-    // high - low < median / 100. Each rate is rounded to 1/16 of a packet a second: far below what a
-    // hundredth is.
-    const auto rate = [](const Pace& pace) {
-        return uint64_t{pace.packets} * 16 * static_cast<uint64_t>(kTicksPerSecond) / pace.ticks;
-    };
-    const uint64_t low = rate(paceAt(count * 5 / 100));
-    const uint64_t high = rate(paceAt(count * 95 / 100));
-    constant_ = (high - low) * kSpreadShare < rate(median());
+    const uint64_t low = ring_[order_[count * 5 / 100]].rate;
+    const uint64_t high = ring_[order_[count * 95 / 100]].rate;
+    constant_ = (high - low) < ring_[order_[count / 2]].rate / kSpreadShare;
 }
 
 void RecentRates::clear() {

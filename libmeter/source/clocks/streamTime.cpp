@@ -39,15 +39,10 @@ void StreamTime::skip(uint64_t packets) {
     }
 }
 
-void StreamTime::arrived(Nanoseconds passed) {
-    if (since_ >= kFoldAt) {
-        fold();
-    }
-    if (step_ == 0) {
-        const Nanoseconds total = passed + arrivalRest_;
-        base_ += toTicks(total);
-        arrivalRest_ = total - toNanoseconds(toTicks(total));
-    }
+void StreamTime::goWithArrival(Nanoseconds passed) {
+    const Nanoseconds total = passed + arrivalRest_;
+    base_ += toTicks(total);
+    arrivalRest_ = total - toNanoseconds(toTicks(total));
 }
 
 void StreamTime::addPace(const Pace& pace) {
@@ -66,6 +61,7 @@ void StreamTime::addPace(const Pace& pace) {
 Ticks StreamTime::pcr(uint16_t pid, ClockTrack& track, Ticks pcr, uint64_t position) {
     const Ticks goesOn = base_ + static_cast<Ticks>(since_ >> kFraction);
     Ticks time = now();
+    floor_ = time;
     if (!constant_) {
         if (reference_ == kNoReference && track.count == 1) {
             reference_ = pid;

@@ -40,6 +40,8 @@ struct ClockTrack {
 
 class StreamTime {
   public:
+    static constexpr int kFraction = 16;  // bits of a tick
+
     // A pace that holds whatever PCRs say. `bitrate`: above 0.
     void setConstantPace(uint64_t bitrate);
     // A pace until PCRs say another one.
@@ -48,21 +50,48 @@ class StreamTime {
         return paceCount_ == 0 ? std::nullopt : std::optional(pace_);
     }
 
-    // A packet is next. Returns its stream time.
-    Ticks packet() {
+    // The time between two PCRs, to go on in registers: next() for each packet, then put() before anything
+    // else of the object is asked for.
+    struct Run {
+        uint64_t since;
+        uint64_t step;
+        Ticks base;
+        Ticks floor;
+
+        Ticks next() {
+            since += step;
+            return now();
+        }
+        Ticks now() const {
+            return std::max(floor, base + static_cast<Ticks>(since >> kFraction));
+        }
+    };
+    Run run() const {
+        return {since_, step_, base_, floor_};
+    }
+    void put(const Run& run) {
+        since_ = run.since;
+    }
+    // A packet is next.
+    void packet() {
         since_ += step_;
-        return now();
     }
     // So many are missing before the next one.
     void skip(uint64_t packets);
     // The datagram of the next packets has arrived: so much later than the one before.
-    void arrived(Nanoseconds passed);
-    // The packet that packet() was called for has a PCR. Returns its stream time.
+    void arrived(Nanoseconds passed) {
+        if (since_ >= kFoldAt) {
+            fold();
+        }
+        if (step_ == 0) {
+            goWithArrival(passed);
+        }
+    }
+    // The packet that is next has a PCR. Returns its stream time.
     Ticks pcr(uint16_t pid, ClockTrack& track, Ticks pcr, uint64_t position);
 
-    Ticks now() {
-        handed_ = std::max(handed_, base_ + static_cast<Ticks>(since_ >> kFraction));
-        return handed_;
+    Ticks now() const {
+        return run().now();
     }
     std::optional<uint16_t> reference() const {
         return reference_ == kNoReference ? std::nullopt : std::optional(reference_);
@@ -74,16 +103,16 @@ class StreamTime {
     static constexpr uint16_t kNoReference = 0xFFFF;
     static constexpr uint32_t kPcrsToTakeOver = 50;
     static constexpr std::size_t kPaces = 5;
-    static constexpr int kFraction = 16;  // bits of a tick
     static constexpr uint64_t kFoldAt = uint64_t{1} << 40;
 
     void addPace(const Pace& pace);
     void fold();
+    void goWithArrival(Nanoseconds passed);
 
     Ticks base_ = 0;      // stream time of the last PCR, or what went on from there
     uint64_t since_ = 0;  // time since, with a fraction
     uint64_t step_ = 0;   // of a packet; 0 before there is a pace
-    Ticks handed_ = 0;
+    Ticks floor_ = 0;     // what was handed out before the base was set
     Pace pace_;
     std::array<Pace, kPaces> paces_;  // the latest
     uint32_t paceCount_ = 0;

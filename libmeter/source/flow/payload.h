@@ -17,6 +17,11 @@ struct Payload {
     RtpPacket rtp;
 };
 
+// Whether it is transport packets and nothing else: what most payloads are.
+inline bool isPlain(Bytes bytes) {
+    return !bytes.empty() && bytes[0] == kSyncByte && bytes.size() % kPacketSize == 0;
+}
+
 // `flow`: what the flow was found to be.
 inline Payload classify(Bytes bytes, Encapsulation flow) {
     Payload payload;

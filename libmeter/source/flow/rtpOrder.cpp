@@ -65,12 +65,6 @@ void RtpOrder::giveUpFirst(OrderedSink& sink) {
     handOutHeld(sink);
 }
 
-void RtpOrder::flush(OrderedSink& sink) {
-    while (heldCount_ > 0) {
-        giveUpFirst(sink);
-    }
-}
-
 void RtpOrder::restart(OrderedSink& sink) {
     flush(sink);
     if (began_) {

@@ -33,7 +33,11 @@ class RtpOrder {
     // last.
     Place feed(const RtpPacket& packet, Nanoseconds arrival, Nanoseconds wall, OrderedSink& sink);
     // Hands out what is held; missing ones are given up.
-    void flush(OrderedSink& sink);
+    void flush(OrderedSink& sink) {
+        while (heldCount_ > 0) {
+            giveUpFirst(sink);
+        }
+    }
     // Another sender: what comes next begins a sequence.
     void restart(OrderedSink& sink);
 

@@ -20,6 +20,7 @@ enum PidRole : uint8_t {
     kMediaPid = 1 << 2,     // PES packets of a video or audio stream begin here
     kMediaWanted = 1 << 3,  // and more of the one that began is looked at
     kOverflowPid = 1 << 4,  // one record for all PIDs that found no place
+    kNullRole = 1 << 5,     // null packets, which are counted alone
 };
 
 // 0 in the index stands for a PID without record.

@@ -12,12 +12,22 @@ class Synchronisation {
 
     // Whether packets with a sync byte need no look: nothing is wrong and nothing was in the packet before.
     bool calm() const {
-        return !lost_ && wrong_ == 0;
+        return calm_;
     }
     bool lost() const {
         return lost_;
     }
     Finding packet(bool syncByte) {
+        const Finding finding = judge(syncByte);
+        calm_ = !lost_ && wrong_ == 0;
+        return finding;
+    }
+
+  private:
+    static constexpr uint8_t kPacketsToLose = 2;
+    static constexpr uint8_t kPacketsToFind = 5;
+
+    Finding judge(bool syncByte) {
         if (syncByte) {
             wrong_ = 0;
             if (lost_ && ++right_ == kPacketsToFind) {
@@ -34,10 +44,7 @@ class Synchronisation {
         return Finding::kNothing;
     }
 
-  private:
-    static constexpr uint8_t kPacketsToLose = 2;
-    static constexpr uint8_t kPacketsToFind = 5;
-
+    bool calm_ = true;
     uint8_t wrong_ = 0;  // in a row
     uint8_t right_ = 0;
     bool lost_ = false;

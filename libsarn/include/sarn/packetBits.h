@@ -62,6 +62,10 @@ class TsHeader {
     bool isClearPayloadOnly() const {
         return (word_ & 0x8000F0) == 0x10;
     }
+    // The same, of a packet with its sync byte that begins no unit of payload.
+    bool isClearContinuation() const {
+        return (word_ & 0xFFC000F0) == 0x47000010;
+    }
 
   private:
     uint32_t word_;
