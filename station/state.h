@@ -34,6 +34,7 @@ struct ChannelState {
     std::shared_ptr<const void> snapshot{};  // owns what the two point into
     ChannelSample sample{};
     WallTime lastSeen{};       // last time that packets came; the epoch before the first
+    WallTime countsSince{};    // when its counters were first read; errors that were not seen are older
     bool maintenance = false;  // a window holds at this moment
     // For the lamps, by sampleCounter(): when the counter last grew (the epoch for never), and how much it
     // grew in the last minute.

@@ -451,6 +451,9 @@ struct Station::Implementation : StationInterface {
         const Group group = channel.channel.group;
         const ChannelSample sample = makeSample(stream, pids, channel.sample ? &*channel.sample : nullptr,
                                                 now.steady - channel.sampleTime);
+        if (!channel.sample) {
+            channel.countsSince = now.wall;
+        }
         channel.sample = sample;
         channel.sampleTime = now.steady;
         channel.stream = &stream;
@@ -548,6 +551,7 @@ struct Station::Implementation : StationInterface {
         }
         state->status = engine.status(channel.channel.group);
         state->lastSeen = channel.lastSeen;
+        state->countsSince = channel.countsSince;
         state->maintenance = desk.inMaintenance(channel.channel.group, now);
         state->lastError = channel.lastError;
         state->lastMinute = channel.minute.sums(now.steady);

@@ -58,6 +58,7 @@ struct WatchedChannel {
     MinuteSums minute;
     std::array<WallTime, kSampleCounters> lastError{};
     WallTime lastSeen;
+    WallTime countsSince;  // the first sample since the station was started or the channel added
     // The last snapshot's records; `snapshot` owns them.
     const Record* stream = nullptr;
     std::span<const Record> pids;

@@ -59,7 +59,7 @@ export class EditView {
   build() {
     this.lockedText = el('p');
     this.unlock = button('Enter the token', () => askToken(this.api), {class: 'primary'});
-    this.locked = el('div', {class: 'panel view'}, this.lockedText, el('p', {}, this.unlock));
+    this.locked = el('div', {class: 'panel view'}, this.lockedText, el('div', {}, this.unlock));
     this.search = el('input', {
       type: 'search',
       placeholder: 'Search name, group, label',
@@ -102,7 +102,7 @@ export class EditView {
   showAccess() {
     const refused = this.api.changes === 'refused';
     setText(this.lockedText, refused ? kNoChanges : 'Looking only: changes need the station\'s token.');
-    this.unlock.hidden = refused;
+    this.unlock.parentNode.hidden = refused;
     this.locked.hidden = this.api.mayChange;
     this.changes.hidden = !this.api.mayChange;
     this.showChannels(true);

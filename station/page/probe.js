@@ -20,8 +20,9 @@ export class ProbeView {
     this.notesPanel.hidden = true;
     root.replaceChildren(
         el('div', {class: 'view'}, el('h1', {text: 'The probe'}),
-           el('div', {class: 'live-data'}, panel('Probe', this.probe)),
-           el('div', {class: 'of-station view'}, panel('Station', this.station), this.use), this.notesPanel));
+           el('div', {class: 'of-station view'}, panel('Probe', this.probe), panel('Station', this.station),
+              this.use),
+           this.notesPanel));
     this.end = store.on('snapshot', () => this.show());
     this.timer = setInterval(() => this.load(), kUseMs);
     this.show();

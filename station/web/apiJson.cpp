@@ -198,6 +198,7 @@ std::string channelJson(const StationState& state, const ChannelState& channel) 
     json.open('{');
     channelMembers(json, channel);
     json.member("time", state.now.wall);
+    json.member("countsSince", channel.countsSince);
     identityMember(json, channel, state.passive);
     checksMember(json, channel);
     json.name("stream");
