@@ -26,22 +26,24 @@ help:
 
 ## build         the programs, tests and benchmarks, in build/release/bin
 build:
-	scripts/install-deps.sh run test
+	scripts/install-deps.sh compile run test
 	cmake --preset release -DBUILD_TESTING=ON
 	@$(call announce,release)
 	cmake --build --preset release -j $(JOBS)
 
 ## run           probe, station and page; RUN_SECONDS limits the time, GROUPS or PLAYLIST name real groups
 run:
-	scripts/install-deps.sh run
-	@[ -e build/release/build.ninja ] || cmake --preset release -DBUILD_TESTING=OFF --log-level=WARNING
+	scripts/install-deps.sh compile
+	@tests=$$([ -e build/release/build.ninja ] || echo -DBUILD_TESTING=OFF) && \
+	  cmake --preset release $$tests --log-level=WARNING >/dev/null
 	@$(call announce,release,$(RUN_PROGRAMS))
-	cmake --build --preset release -j $(JOBS) --target $(RUN_PROGRAMS)
+	scripts/install-deps.sh run & cmake --build --preset release -j $(JOBS) --target $(RUN_PROGRAMS); \
+	  status=$$?; wait $$! && exit $$status
 	RUN_SECONDS="$(RUN_SECONDS)" PLAYLIST="$(PLAYLIST)" scripts/demo.sh $(GROUPS)
 
 ## test          unit and end-to-end tests, the page in Chromium, monitoring with its servers; PRESET=asan, tsan, debug
 test:
-	scripts/install-deps.sh run test page
+	scripts/install-deps.sh compile run test page
 	scripts/install-servers.sh
 	cmake --preset $(PRESET) -DBUILD_TESTING=ON
 	@$(call announce,$(PRESET))
@@ -71,14 +73,13 @@ soak: build
 ## fuzz          libFuzzer for FUZZ_SECONDS (60) on each of FUZZ_TARGETS; what fails is in build/fuzz/found
 .PHONY: fuzz
 fuzz:
-	scripts/install-deps.sh run test fuzz
+	scripts/install-deps.sh compile run test fuzz
 	cmake --preset fuzz
 	cmake --build --preset fuzz -j $(JOBS)
 	mkdir -p build/fuzz/found $(FUZZ_TARGETS:%=build/fuzz/corpus/%)
-	for target in $(FUZZ_TARGETS); do \
-	  build/fuzz/bin/fuzz_$$target -max_total_time=$(FUZZ_SECONDS) -max_len=8192 -timeout=25 -close_fd_mask=1 \
-	    -artifact_prefix=build/fuzz/found/$$target- build/fuzz/corpus/$$target tests/fuzz/corpus/$$target || exit 1; \
-	done
+	printf '%s\n' $(FUZZ_TARGETS) | xargs -P $(JOBS) -I{} \
+	  build/fuzz/bin/fuzz_{} -max_total_time=$(FUZZ_SECONDS) -max_len=8192 -timeout=25 -close_fd_mask=1 \
+	    -artifact_prefix=build/fuzz/found/{}- build/fuzz/corpus/{} tests/fuzz/corpus/{}
 
 ## bench         what the speed claims rest on; BENCH=quick only sees that all of it runs
 bench: build
@@ -123,18 +124,10 @@ check-packages: deb
 test-booted: build deb
 	scripts/test-booted
 
-## release-check  what has to hold before a release besides .ci/run, and takes hours; root
+## release-check  what has to hold before a release besides .ci/run, and takes hours; STEPS names some of it; root
 .PHONY: release-check
 release-check:
-	$(MAKE) test PRESET=tsan
-	$(MAKE) tidy check-32bit check-accessibility
-	$(MAKE) fuzz FUZZ_SECONDS=300
-	$(MAKE) check-packages
-	$(MAKE) cross ARCH=arm64
-	$(MAKE) cross ARCH=armhf
-	$(MAKE) deb ARCH=arm64
-	$(MAKE) deb ARCH=armhf
-	$(MAKE) soak
+	scripts/release-check $(STEPS)
 
 ## clean         removes all builds
 clean:

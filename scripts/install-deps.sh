@@ -3,7 +3,8 @@
 #
 # Installs from Debian's own packages what a PURPOSE needs; packages named besides are installed as well.
 #
-#   run      compiling the programs and showing them (make run)
+#   compile  the programs
+#   run      showing what they do (make run)
 #   test     compiling and running the tests and benchmarks, manuals
 #   page     the page in Chromium
 #   bench    counting instructions
@@ -15,7 +16,7 @@
 set -euo pipefail
 
 # shellcheck disable=SC2034 # by name
-run=(
+compile=(
   # Toolchain.
   g++ cmake ninja-build pkg-config
   # What the probe and its tools link.
@@ -24,6 +25,9 @@ run=(
   # What the station links.
   libboost-dev libtomlplusplus-dev libsqlite3-dev libcurl4-openssl-dev libsystemd-dev
   zlib1g-dev
+)
+# shellcheck disable=SC2034
+run=(
   # The demonstration, and the page's plots.
   ffmpeg python3 libjs-dygraphs
   # The network of its own that the scripts make.
@@ -40,11 +44,11 @@ lint=(clang-format clang-tidy)
 # shellcheck disable=SC2034
 fuzz=(clang libclang-rt-14-dev)
 
-[ $# -gt 0 ] || set -- run test bench lint fuzz
+[ $# -gt 0 ] || set -- compile run test bench lint fuzz
 packages=()
 for wanted in "$@"; do
   case $wanted in
-    run | test | page | bench | lint | fuzz)
+    compile | run | test | page | bench | lint | fuzz)
       declare -n of_purpose=$wanted
       packages+=("${of_purpose[@]}")
       ;;
