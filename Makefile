@@ -15,9 +15,10 @@ FUZZ_TARGETS ?= frames control parameterSet captureFile recordLine playlist conf
   meterSections meterVideo meterAudio meterCues
 RUN_PROGRAMS = kestor kestor-station kestorctl
 SOURCES = git ls-files '*.cpp' '*.h' '*.js'
-# What is about to be compiled, and how long that takes (about 3 s a file and processor): PRESET, TARGETS
-announce = files=$$(ninja -C build/$(1) -n $(2) | grep -c ' Building ') || true; [ $$files -eq 0 ] || \
-  echo "compiling $(or $(2),everything): $$files files, about $$(((files * 3 / $(JOBS) + 9) / 10 * 10)) s with $(JOBS) at a time"
+# What is about to be compiled for the first time, and how long that takes (about 3 s a file and processor): PRESET, TARGETS
+announce = files=$$(cd build/$(1) && ninja -t inputs $(2) | grep '\.o$$' | while read -r file; do [ -e $$file ] || echo; done | \
+  wc -l); [ $$files -eq 0 ] || \
+  echo "compiling $(2): $$files files, about $$(((files * 3 / $(JOBS) + 9) / 10 * 10)) s with $(JOBS) at a time"
 
 .PHONY: help build run test verify soak bench format check-format tidy clean
 
@@ -28,7 +29,7 @@ help:
 build:
 	scripts/install-deps.sh compile run test
 	cmake --preset release -DBUILD_TESTING=ON
-	@$(call announce,release)
+	@$(call announce,release,all)
 	cmake --build --preset release -j $(JOBS)
 
 ## run           probe, station and page; RUN_SECONDS limits the time, GROUPS or PLAYLIST name real groups
@@ -46,7 +47,7 @@ test:
 	scripts/install-deps.sh compile run test page
 	scripts/install-servers.sh
 	cmake --preset $(PRESET) -DBUILD_TESTING=ON
-	@$(call announce,$(PRESET))
+	@$(call announce,$(PRESET),all)
 	cmake --build --preset $(PRESET) -j $(JOBS)
 	ctest --test-dir build/$(PRESET) --output-on-failure $(CTEST_OPTIONS) -j $$((2 * $(JOBS))) # most of them mostly wait
 
