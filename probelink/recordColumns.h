@@ -9,6 +9,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -25,7 +26,13 @@ struct Column {
     Type type;
     std::string_view unit;  // empty where there is none
     std::string_view meaning;
+    // What a whole number can be at most, and of signed ones at least; a line with another is no record.
+    uint64_t maximum = std::numeric_limits<uint64_t>::max();
+    int64_t minimum = std::numeric_limits<int64_t>::min();
 };
+inline constexpr uint64_t kLargestPid = 0x1FFF;
+inline constexpr uint64_t kLargestPort = 0xFFFF;
+inline constexpr uint64_t kLargestByte = 0xFF;
 
 // The label, column 4, tells the kind.
 struct KindName {
@@ -44,25 +51,28 @@ inline constexpr std::size_t kLabelColumn = 3;  // counted from 0
 inline constexpr std::array kCommonColumns = std::to_array<Column>({
     {"group", Type::kText, "", "multicast group, dotted quad"},
     {"kind", Type::kUnsigned, "", "0 for the stream, 1 for a PID"},
-    {"pid", Type::kSigned, "", "PID; -1 for the stream"},
+    {"pid", Type::kSigned, "", "PID; -1 for the stream", kLargestPid, -1},
     {"label", Type::kText, "",
      "-1 stream, PAT, PMT, KP elementary PID that a PMT lists, UP any other PID seen"},
 });
 
 inline constexpr Column kStreamTypeColumn = {
-    "streamType", Type::kUnsigned, "", "stream_type from the last PMT that listed the PID; 0 without one"};
+    "streamType", Type::kUnsigned, "", "stream_type from the last PMT that listed the PID; 0 without one",
+    kLargestByte};
 inline constexpr Column kPmtPidColumn = {"pmtPid", Type::kUnsigned, "",
-                                         "PMT PID of the program that lists the PID"};
+                                         "PMT PID of the program that lists the PID", kLargestPid};
 
 inline constexpr std::array kIdentityColumns = std::to_array<Column>({
     {"sourceAddress", Type::kSigned, "",
-     "source IPv4 address of the first datagram; its bytes in network order read as a little-endian integer"},
-    {"destinationAddress", Type::kSigned, "", "destination IPv4 address of the first datagram, likewise"},
-    {"sourcePort", Type::kUnsigned, "", "UDP source port of the first datagram"},
-    {"destinationPort", Type::kUnsigned, "", "UDP destination port of the first datagram"},
+     "source IPv4 address of the first datagram; its bytes in network order read as a little-endian integer",
+     INT32_MAX, INT32_MIN},
+    {"destinationAddress", Type::kSigned, "", "destination IPv4 address of the first datagram, likewise",
+     INT32_MAX, INT32_MIN},
+    {"sourcePort", Type::kUnsigned, "", "UDP source port of the first datagram", kLargestPort},
+    {"destinationPort", Type::kUnsigned, "", "UDP destination port of the first datagram", kLargestPort},
     {"firstPacketLength", Type::kUnsigned, "byte", "captured length of the first frame"},
     {"wrongSource", Type::kUnsigned, "",
-     "1 once a datagram came from another source than the first; such datagrams are not analysed"},
+     "1 once a datagram came from another source than the first; such datagrams are not analysed", 1},
     {"hasExtraHeader", Type::kUnsigned, "",
      "1 when the UDP length is no multiple of 188: headers precede the transport packets"},
 });
@@ -114,9 +124,9 @@ inline constexpr std::array kStreamMeasureColumns = std::to_array<Column>({
     {"jitterMeanInterArrival", Type::kUnsigned, "ms", "mean inter-arrival time of datagrams, whole ms"},
     {"transportQualityIndex", Type::kFraction, "",
      "1.0 (bad) to 5.0, from bit rate and loss since the previous snapshot"},
-    {"ttl", Type::kUnsigned, "", "IPv4 time to live of the latest datagram"},
-    {"dscp", Type::kUnsigned, "", "differentiated services code point of the latest datagram"},
-    {"ecn", Type::kUnsigned, "", "congestion notification bits of the latest datagram"},
+    {"ttl", Type::kUnsigned, "", "IPv4 time to live of the latest datagram", kLargestByte},
+    {"dscp", Type::kUnsigned, "", "differentiated services code point of the latest datagram", 63},
+    {"ecn", Type::kUnsigned, "", "congestion notification bits of the latest datagram", 3},
     {"igmpLatency", Type::kUnsigned, "ms",
      "from the join to the first packet; meaningless before the first packet or without a join time"},
 });
@@ -136,7 +146,8 @@ inline constexpr std::array kPidMeasureColumns = std::to_array<Column>({
 
 // Stands for all tags at the end of a PID line; there may be none.
 inline constexpr Column kDescriptorTagsColumn = {"descriptorTags", Type::kUnsigned, "",
-                                                 "tags of the PID's descriptors in its PMT, one column each"};
+                                                 "tags of the PID's descriptors in its PMT, one column each",
+                                                 kLargestByte};
 
 namespace detail {
 

@@ -57,6 +57,21 @@ bool readField(Type type, const char*& at, const char* end, uint64_t& value) {
     return false;
 }
 
+// Whether the column can hold the number; readField() found it to be one of its type.
+bool inRange(const Column& column, uint64_t value) {
+    if (column.type == Type::kUnsigned) {
+        return value <= column.maximum;
+    }
+    const auto number = static_cast<int64_t>(value);
+    return column.type != Type::kSigned ||
+           (number >= column.minimum && (number < 0 || value <= column.maximum));
+}
+
+std::string outOfRange(const Column& column, std::size_t index) {
+    return "column " + std::to_string(index + 1) + " (" + std::string(column.name) +
+           ") has a value that it cannot have";
+}
+
 std::string wrongValue(const Column& column, std::size_t index) {
     return "column " + std::to_string(index + 1) + " (" + std::string(column.name) + ") is no " +
            std::string(typeName(column.type)) + " value";
@@ -79,6 +94,9 @@ class LineParser {
         for (std::size_t i = 0; i < columns.size(); ++i) {
             if (!readField(columns[i].type, at_, end_, record_.values_[i])) {
                 return countProblem(columns.size(), wrongValue(columns[i], i));
+            }
+            if (!inRange(columns[i], record_.values_[i])) {
+                return outOfRange(columns[i], i);
             }
             if (i + 1 < columns.size()) {
                 if (at_ == end_) {
@@ -124,6 +142,9 @@ class LineParser {
             ++at_;
             if (!readField(kDescriptorTagsColumn.type, at_, end_, tag)) {
                 return wrongValue(kDescriptorTagsColumn, columns + static_cast<std::size_t>(count));
+            }
+            if (!inRange(kDescriptorTagsColumn, tag)) {
+                return outOfRange(kDescriptorTagsColumn, columns + static_cast<std::size_t>(count));
             }
         }
         // The last column of a PID is descriptorCount.
@@ -193,6 +214,25 @@ std::variant<Record, std::string> parseRecord(std::string_view line) {
         result = std::move(problem);
     }
     return result;
+}
+
+std::vector<GroupRecords> groupsOf(const Snapshot& snapshot) {
+    std::vector<GroupRecords> groups;
+    const std::size_t size = snapshot.size();
+    for (std::size_t first = 0; first < size;) {
+        const Record& stream = snapshot[first++];
+        if (stream.kind() != Kind::kStream) {
+            continue;
+        }
+        const std::size_t firstPid = first;
+        const std::string_view group = stream.text("group");
+        while (first < size && snapshot[first].kind() != Kind::kStream &&
+               snapshot[first].text("group") == group) {
+            ++first;
+        }
+        groups.push_back({&stream, {&stream + 1, first - firstPid}});
+    }
+    return groups;
 }
 
 Snapshot parseSnapshot(std::string text, const BadLine& badLine) {

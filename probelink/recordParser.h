@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -119,6 +120,16 @@ class Snapshot {
     std::unique_ptr<const std::string> text_;  // stays in place when the snapshot is moved
     std::vector<Record> records_;
 };
+
+// What a snapshot says of one group: its stream record and the records of its PIDs behind it.
+struct GroupRecords {
+    const Record* stream;
+    std::span<const Record> pids;
+};
+
+// The groups of a snapshot in their order; they refer to it. A record belongs to the group in its first
+// column: PIDs whose stream record was dropped belong to nobody, as do those that stand apart from it.
+std::vector<GroupRecords> groupsOf(const Snapshot& snapshot);
 
 // Takes apart the lines of a snapshot; those that are no record are told to `badLine`, during the call, and
 // left out. The caller bounds the text.

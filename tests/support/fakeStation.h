@@ -30,6 +30,7 @@ inline std::string fakeLine(records::Kind kind, const std::string& group, int pi
                             : column.name == "mdiDelayFactor"  ? std::string("nan")
                             : column.name == "descriptorCount" ? std::string("2")
                             : fraction                         ? std::string("4.500000")
+                            : column.maximum < 7               ? std::to_string(column.maximum)
                                                                : std::string("7");
         text += (text.empty() ? "" : ";") + value;
     }

@@ -55,10 +55,16 @@ std::string line(Kind kind, std::size_t index = 0, const std::string& value = "2
     const auto columns = records::columnsOf(kind);
     std::string text = "239.1.1.1;1;0;" + std::string(records::kKinds[static_cast<std::size_t>(kind)].label);
     for (std::size_t i = records::kLabelColumn + 1; i < columns.size(); ++i)
-        text += ";" + (i == index                             ? value
-                       : columns[i].name == "descriptorCount" ? "2"
-                                                              : std::to_string(i + 1));
+        text += ";" + (i == index ? value
+                       : columns[i].name == "descriptorCount"
+                           ? "2"
+                           : std::to_string(std::min<uint64_t>(i + 1, columns[i].maximum)));
     return text + (kind == Kind::kStream ? "" : ";82;40");
+}
+
+// Place in a stream's record.
+std::size_t index(std::string_view column) {
+    return *records::columnIndex(Kind::kStream, column);
 }
 
 TEST(RecordParser, TakesLinesApartAndTellsWhatIsWrong) {
@@ -84,6 +90,11 @@ TEST(RecordParser, TakesLinesApartAndTellsWhatIsWrong) {
         EXPECT_THAT(tags, testing::ElementsAreArray(kind == Kind::kStream ? std::vector<uint64_t>{}
                                                                           : std::vector<uint64_t>{82, 40}));
     }
+    EXPECT_EQ(records::parseSnapshot(line(Kind::kStream, index("ttl"), "255") + "\n" +
+                                         line(Kind::kStream, index("sourceAddress"), "-2147483648"),
+                                     unexpected)
+                  .size(),
+              2U);
     EXPECT_EQ(snapshot[5].integer("igmpLatency"), -1);
     EXPECT_EQ(snapshot[5].number("igmpLatency"), 18446744073709551616.0);
     EXPECT_EQ(snapshot[6].fraction("mdiDelayFactor"), -0.000001);
@@ -96,6 +107,15 @@ TEST(RecordParser, TakesLinesApartAndTellsWhatIsWrong) {
         {line(Kind::kPat).substr(0, 40), "columns instead of 43"},
         {"239.1.1.1;x;0;PAT", "4 columns instead of 43"},
         {line(Kind::kKnownPid, 4, "-1"), "column 5 (streamType) is no unsigned value"},
+        {line(Kind::kStream, index("ttl"), "99999999999"), "(ttl) has a value that it cannot have"},
+        {line(Kind::kStream, index("ttl"), "256"), "(ttl) has a value that it cannot have"},
+        {line(Kind::kStream, index("dscp"), "64"), "(dscp) has a value that it cannot have"},
+        {line(Kind::kStream, index("sourceAddress"), "-2147483649"), "(sourceAddress) has a value"},
+        {line(Kind::kStream, index("sourceAddress"), "2147483648"), "(sourceAddress) has a value"},
+        {line(Kind::kStream, index("destinationPort"), "65536"), "(destinationPort) has a value"},
+        {"239.1.1.1;1;8192" + line(Kind::kPat).substr(13), "(pid) has a value"},
+        {"239.1.1.1;1;-2" + line(Kind::kPat).substr(13), "(pid) has a value"},
+        {line(Kind::kPat).substr(0, line(Kind::kPat).size() - 2) + "256", "(descriptorTags) has a value"},
         {line(Kind::kStream, 33, "1.5x"), "column 34 (mdiDelayFactor) is no fraction value"},
     };
     for (const auto& [bad, problem] : malformed) {
@@ -106,6 +126,43 @@ TEST(RecordParser, TakesLinesApartAndTellsWhatIsWrong) {
         EXPECT_EQ(records::parseSnapshot(line(Kind::kPmt) + "\n" + bad, tell).size(), 1U);
         EXPECT_THAT(told, testing::ElementsAre(
                               testing::AllOf(testing::StartsWith("2: "), testing::HasSubstr(problem))));
+    }
+}
+
+// A writer that is ended, or a second one, may damage any line.
+TEST(RecordParser, GivesRecordsToTheGroupInTheirFirstColumn) {
+    const auto of = [](int group, Kind kind) {
+        return "239.1.1." + std::to_string(group) + line(kind).substr(9) + "\n";
+    };
+    struct Case {
+        const char* what;
+        std::string text;
+        const char* groups;
+    };
+    const Case cases[] = {
+        {"all whole",
+         of(1, Kind::kStream) + of(1, Kind::kPat) + of(1, Kind::kKnownPid) + of(2, Kind::kStream) +
+             of(2, Kind::kPat),
+         "239.1.1.1:2 239.1.1.2:1 "},
+        {"the second group's stream is damaged",
+         of(1, Kind::kStream) + of(1, Kind::kPat) + "damaged\n" + of(2, Kind::kPat) + of(2, Kind::kKnownPid) +
+             of(3, Kind::kStream) + of(3, Kind::kPat),
+         "239.1.1.1:1 239.1.1.3:1 "},
+        {"the first group's stream is damaged", of(1, Kind::kPat) + of(2, Kind::kStream), "239.1.1.2:0 "},
+        {"a damaged PID", of(1, Kind::kStream) + of(1, Kind::kPat) + "damaged\n" + of(1, Kind::kKnownPid),
+         "239.1.1.1:2 "},
+        {"another's PID between", of(1, Kind::kStream) + of(2, Kind::kPat) + of(1, Kind::kPat),
+         "239.1.1.1:0 "},
+        {"nothing", "", ""},
+    };
+    for (const Case& one : cases) {
+        const records::Snapshot snapshot = records::parseSnapshot(one.text, [](std::size_t, const auto&) {});
+        std::string groups;
+        for (const records::GroupRecords& group : records::groupsOf(snapshot)) {
+            groups +=
+                std::string(group.stream->text("group")) + ":" + std::to_string(group.pids.size()) + " ";
+        }
+        EXPECT_EQ(groups, one.groups) << one.what;
     }
 }
 

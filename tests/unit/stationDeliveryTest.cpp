@@ -369,6 +369,7 @@ TEST(InfluxWriter, WritesEachSnapshotOnceAndNamesThatTheProtocolTakes) {
         line += columns[i].name == "packetsLost" ? ";18446744073709551615"
                 : fraction                       ? ";0.250000"
                 : columns[i].name == "bitRate"   ? ";3000000"
+                : columns[i].maximum < 7         ? ";1"
                                                  : ";7";
     }
     const auto stream = std::get<records::Record>(records::parseRecord(line));

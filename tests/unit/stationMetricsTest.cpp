@@ -23,12 +23,14 @@ using testing::Pair;
 
 constexpr WallTime kTime{std::chrono::hours(24 * 365 * 50)};
 
-// A line whose every number is another one: 1000 and 100 times the kind, and the column's place.
+// A line whose every number is another one, where the column can hold it: 1000 and 100 times the kind, and
+// the column's place.
 std::string line(Kind kind, const std::string& pid, const std::map<std::string_view, std::string>& values) {
     const auto columns = records::columnsOf(kind);
     std::string text;
     for (std::size_t i = 0; i < columns.size(); ++i) {
-        std::string value = std::to_string(1000 + 100 * static_cast<std::size_t>(kind) + i);
+        std::string value = std::to_string(
+            std::min<uint64_t>(1000 + 100 * static_cast<std::size_t>(kind) + i, columns[i].maximum));
         value += columns[i].type == records::Type::kFraction ? ".500000" : "";
         const std::string_view name = columns[i].name;
         value = name == "group"             ? "239.1.1.1"
@@ -178,7 +180,7 @@ TEST(StationMetrics, TellEachColumnUnderItsName) {
         {R"(kestor_channel_info{group="239.1.1.1",channel="News",origin="config",profile="default",)"
          R"(source="10.0.0.2",port="1007",label_site="north"})",
          R"(kestor_pid_info{group="239.1.1.1",channel="News",pid="0",kind="PAT"})",
-         R"(kestor_pid_info{group="239.1.1.1",channel="News",pid="257",kind="KP",stream_type="1304",pmt_pid="1305"})",
+         R"(kestor_pid_info{group="239.1.1.1",channel="News",pid="257",kind="KP",stream_type="255",pmt_pid="1305"})",
          R"(kestor_stream_state{group="239.1.1.1",channel="News",state="alarm"})",
          R"(kestor_alarm_active{group="239.1.1.1",channel="News",alarm="continuity",severity="warning"})",
          R"(kestor_alarm_active{alarm="probe_silent",severity="warning"})", "kestor_up"}) {
