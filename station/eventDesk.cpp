@@ -115,7 +115,8 @@ void EventDesk::record(const AlarmChange& change, AlarmEngine& engine, const Cha
     const AlarmType& type = alarmTypes()[change.alarm.type];
     const Channel* channel = findChannel(change.alarm.group, channels, removed);
     Event event;
-    event.kind = kindOf(change.what);
+    // What has a kind of its own is one event, not one of the probe and one of the alarm.
+    event.kind = type.name == "probe_restarted" ? EventKind::kProbeRestarted : kindOf(change.what);
     event.group = change.alarm.group;
     event.channel = channel != nullptr ? channel->name : std::string();
     event.alarm = type.name;

@@ -1,21 +1,36 @@
 // Whether the probe is there: what the owner knows of its requests and snapshots.
 #pragma once
 
+#include <optional>
 #include <string>
 
+#include "alarms/alarmEngine.h"
 #include "probe/controller.h"
 #include "probe/pipeReader.h"
 #include "state.h"
 
 namespace station {
 
+// What is known of channels comes with snapshots alone, whoever asks; requests only carry what to watch. So
+// each is judged by itself: no snapshot for more than 3 s is silence, no request for more than 2 s beside
+// snapshots a fault of its own.
+//
 // One thread, no I/O.
 class ProbeWatch {
   public:
     explicit ProbeWatch(SteadyTime start) : awakeSince_(start) {}
 
+    // What the two ends of the link say of themselves.
+    struct Ends {
+        std::string portProblem;  // empty when all is well
+        PipeReader::Statistics pipe;
+    };
+
     void request(const Controller::Report& report);
     void snapshot(const RawSnapshot& raw);
+    void restarted() {
+        ++state_.restarts;
+    }
     void droppedLine() {
         ++state_.droppedLines;
     }
@@ -24,22 +39,26 @@ class ProbeWatch {
         awakeSince_ = now;
     }
 
-    // No request for more than 2 s, or no snapshot for more than 3 s.
-    bool silent(SteadyTime now) const;
-    // Both a request and a snapshot came since the start, or since this process stood still.
-    bool heard() const {
-        return lastRequest_ > awakeSince_ && lastSnapshot_ > awakeSince_;
+    // What is known at that time; what is not leaves an alarm as it is.
+    ProbeLook look(SteadyTime now) const;
+    // Takes over what holds now. True when snapshots began to come or ceased.
+    bool update(SteadyTime now, const Ends& ends);
+    // What is wrong, in a sentence for an operator; empty when nothing is, or nothing is known. As of the
+    // last update(): the first for whether snapshots come, the second for requests beside them.
+    std::string whySilent() const {
+        return state_.connected ? std::string() : state_.problem;
     }
-    // Takes over whether it is connected: heard and not silent. True when that has changed.
-    bool updateConnected(SteadyTime now);
-    // REQUIRES: silent. A sentence for an operator: what is wrong with the controller's port or with the
-    // pipe, where that is known.
-    std::string whySilent(SteadyTime now, const std::string& portProblem,
-                          const std::string& pipeProblem) const;
+    std::string whyNotAsking() const {
+        return state_.connected ? state_.problem : std::string();
+    }
     // Whether a channel's sample of that time is still what is.
     bool fresh(SteadyTime sample, SteadyTime now) const;
     bool scanning() const {
         return scanning_;
+    }
+    // Somebody else than the probe that is told what to watch asks as well.
+    bool secondAsker() const {
+        return state_.secondAsker;
     }
 
     const ProbeState& state() const {
@@ -47,6 +66,8 @@ class ProbeWatch {
     }
 
   private:
+    std::string describe(const ProbeLook& look, const Ends& ends) const;
+
     ProbeState state_;
     SteadyTime lastRequest_;
     SteadyTime lastSnapshot_;

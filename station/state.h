@@ -43,7 +43,9 @@ struct ChannelState {
 };
 
 struct ProbeState {
-    bool connected = false;        // a request within the last 2 s, and a snapshot within the last 3 s
+    bool connected = false;        // a snapshot came within the last 3 s: what is known is of now
+    bool asks = false;             // a request came within the last 2 s: changes reach the probe
+    bool secondAsker = false;      // somebody else asks at the port as well
     bool otherController = false;  // another controller holds the port
     WallTime lastRequest;          // the epoch before the first
     WallTime lastSnapshot;
@@ -52,10 +54,12 @@ struct ProbeState {
     uint64_t snapshots = 0;
     uint64_t restarts = 0;
     uint64_t droppedLines = 0;
-    uint64_t droppedSnapshots = 0;  // handed over by the reader and not taken in time
-    uint64_t snapshotBytes = 0;     // of the last one
-    std::string pipeProblem;        // empty when all is well
-    double longestPipeWaitMs = 0;   // longest time between two reads with the pipe full
+    uint64_t droppedSnapshots = 0;   // cut, or handed over by the reader and not taken in time
+    uint64_t tooLargeSnapshots = 0;  // dropped for their size
+    uint64_t snapshotBytes = 0;      // of the last one
+    std::string pipeProblem;         // empty when all is well
+    std::string problem;             // what is wrong between probe and station; empty when nothing is
+    double longestPipeWaitMs = 0;    // longest time between two reads with the pipe full
 };
 
 // What the station itself costs.
@@ -64,6 +68,7 @@ struct StationUse {
     uint64_t residentBytes = 0;
     double lastSnapshotCpuMs = 0;  // parsing, alarms, history
     uint64_t commandsRefused = 0;  // the owner's queue was full
+    uint64_t logDropped = 0;       // lines that standard error did not take
     // Of the InfluxDB: points and requests.
     uint64_t influxWritten = 0, influxDropped = 0, influxFailed = 0;
     std::string influxProblem{};  // empty after a success

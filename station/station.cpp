@@ -27,6 +27,8 @@ constexpr auto kTick = 1s;
 // So long without a turn of the loop, and it was this process that stood still, not the probe.
 constexpr auto kStandstill = 2500ms;
 constexpr auto kMeasuresUse = 5s;
+// From the last records of one probe to the first ones of the next that is told what to watch.
+constexpr auto kRestartTakes = 10s;
 constexpr std::size_t kNotesShown = 100;
 
 // A channel that nothing is known of is not without signal: only an alarm says so.
@@ -62,6 +64,9 @@ struct Station::Implementation : StationInterface {
     EventDesk desk;
     std::map<Group, WatchedChannel> watched;
     std::shared_ptr<const records::Snapshot> lastRecords;
+    std::optional<SteadyTime> replaced;  // when another asker took the last one's place, until it is judged
+    Groups lastShown;                    // by the last snapshot
+    std::optional<SteadyTime> recordsGone;  // when a snapshot had nothing of what the one before it showed
     ProbeWatch probe{std::chrono::steady_clock::now()};
     std::optional<bool> passiveAsked;
     std::optional<std::chrono::milliseconds> latencyAsked;
@@ -322,26 +327,27 @@ struct Station::Implementation : StationInterface {
     }
 
     void finishCycle(const Now& now) {
+        const bool asked = probe.state().asks;
+        const bool turned = probe.update(now.steady, probeEnds());
         std::vector<AlarmChange> changes;
-        // As long as nothing is known, a probe that was silent still is.
-        const bool stillSilent =
-            !probe.heard() && std::ranges::any_of(engine.active(), [](const Alarm& alarm) {
-                return alarmTypes()[alarm.type].name == "probe_silent";
-            });
-        engine.tick(probe.silent(now.steady) || stillSilent, now, changes);
+        engine.tick(probe.look(now.steady), now, changes);
         for (AlarmChange& change : changes) {
-            if (change.what == AlarmChange::What::kRaised) {  // probe_silent: there is no other here
-                change.text += "; " + whySilent(now);
+            if (change.what == AlarmChange::What::kRaised) {
+                explain(change);
             }
         }
         take(changes, now);
         judgeDelivery(now);
-        if (probe.updateConnected(now.steady)) {
+        if (turned) {
             const bool connected = probe.state().connected;
-            const std::string text = connected ? "the probe asks and shows snapshots" : whySilent(now);
+            const std::string text = !connected           ? probe.whySilent()
+                                     : probe.state().asks ? "the probe asks and shows snapshots"
+                                                          : "the probe shows snapshots";
             desk.record({.kind = connected ? EventKind::kProbeCame : EventKind::kProbeWent, .text = text},
                         now);
             log(LogLevel::kNotice, text);
+        } else if (!asked && probe.state().asks && probe.state().connected) {
+            log(LogLevel::kNotice, "the probe asks and shows snapshots");
         }
         alarmsVersion += desk.tick(engine.active(), book.channels(), now) ? 1 : 0;
         if (now.steady - useMeasured > kMeasuresUse) {
@@ -364,19 +370,27 @@ struct Station::Implementation : StationInterface {
         take(changes, now);
     }
 
-    std::string whySilent(const Now& now) const {
-        return probe.whySilent(now.steady, controller->problem(), reader->statistics().problem);
+    ProbeWatch::Ends probeEnds() const {
+        return {controller->problem(), reader->statistics()};
+    }
+
+    // Adds to an alarm of the probe what is known of its cause.
+    void explain(AlarmChange& change) const {
+        const std::string_view type = alarmTypes()[change.alarm.type].name;
+        const std::string cause = type == "probe_silent"       ? probe.whySilent()
+                                  : type == "probe_not_asking" ? probe.whyNotAsking()
+                                                               : std::string();
+        if (!cause.empty()) {
+            change.text = cause;
+        }
     }
 
     void handleReport(const Controller::Report& report) {
         const bool scanned = probe.scanning();
         probe.request(report);
-        if (report.event == ProbeLink::Event::kRestarted) {
-            log(LogLevel::kWarning, "the probe was restarted; it is told all channels again");
-            desk.record({.kind = EventKind::kProbeRestarted, .text = "the probe was restarted"}, report.time);
-            std::vector<AlarmChange> changes;
-            engine.probeRestarted(report.time, changes);
-            take(changes, report.time);
+        if (report.event == ProbeLink::Event::kReplaced) {
+            log(LogLevel::kNotice, "another probe asks in place of the last one; it is told all channels");
+            replaced = report.time.steady;
         }
         if (report.cleared) {
             engine.countersCleared(report.time);
@@ -388,9 +402,55 @@ struct Station::Implementation : StationInterface {
         }
     }
 
+    // After another asker took the place of the last one: a restart is one if the numbers began anew.
+    // Requests alone say nothing, since anybody on this machine can make some.
+    void judgeRestart(const records::Snapshot& snapshot, const RawSnapshot& raw) {
+        if (!replaced || raw.began.steady < *replaced) {
+            return;
+        }
+        replaced.reset();
+        const bool listLost = recordsGone && raw.began.steady - *recordsGone < kRestartTakes;
+        if (!listLost && !numbersBeganAnew(snapshot)) {
+            return;
+        }
+        probe.restarted();
+        log(LogLevel::kWarning, "the probe was restarted");
+        std::vector<AlarmChange> changes;
+        engine.probeRestarted(raw.ended, changes);
+        if (changes.empty()) {  // nobody wants it as an alarm
+            desk.record({.kind = EventKind::kProbeRestarted, .text = "the probe was restarted"}, raw.ended);
+        }
+        take(changes, raw.ended);
+    }
+
+    // Whether more channels lost their packets than kept them; true when there is nothing to compare.
+    bool numbersBeganAnew(const records::Snapshot& snapshot) const {
+        std::map<Group, uint64_t> received;
+        for (const Record& record : snapshot) {
+            if (record.kind() == records::Kind::kStream) {
+                if (const auto group = Group::parse(record.text("group"))) {
+                    received[*group] = static_cast<uint64_t>(record.integer("packetsReceived"));
+                }
+            }
+        }
+        std::size_t anew = 0;
+        std::size_t kept = 0;
+        for (const auto& [group, channel] : watched) {
+            const uint64_t before = channel.sample ? channel.sample->totals[kPacketsReceivedCounter] : 0;
+            if (before > 0) {
+                const auto now = received.find(group);
+                ++(now == received.end() || now->second < before ? anew : kept);
+            }
+        }
+        return anew > 0 ? anew >= kept : kept == 0;
+    }
+
     void handleSnapshot(RawSnapshot&& raw) {
         const double cpuBefore = threadCpuMs();
         const Now now = raw.ended;
+        if (raw.text.empty() && probe.secondAsker() && lastRecords && !lastRecords->empty()) {
+            return;  // of the one that is told nothing
+        }
         probe.snapshot(raw);
         const auto snapshot = std::make_shared<const records::Snapshot>(
             records::parseSnapshot(std::move(raw.text), [&](std::size_t line, const std::string& problem) {
@@ -402,6 +462,7 @@ struct Station::Implementation : StationInterface {
                             std::to_string(line) + ": " + problem);
                 }
             }));
+        judgeRestart(*snapshot, raw);
         std::vector<AlarmChange> changes;
         const Groups shown = observe(snapshot, now, changes);
         for (auto& [group, channel] : watched) {
@@ -416,31 +477,26 @@ struct Station::Implementation : StationInterface {
             }
         }
         take(changes, now);
+        if (!lastShown.empty() &&
+            std::ranges::none_of(lastShown, [&](const Group& group) { return shown.contains(group); })) {
+            recordsGone = now.steady;
+        }
+        lastShown = shown;
         controller->shown(shown, raw.began.steady);
         lastRecords = snapshot;
         use.lastSnapshotCpuMs = threadCpuMs() - cpuBefore;
     }
 
-    // Goes through the channels of a snapshot: a stream record and the records of its PIDs behind it.
     Groups observe(const std::shared_ptr<const records::Snapshot>& snapshot, const Now& now,
                    std::vector<AlarmChange>& changes) {
         Groups shown;
-        const std::size_t size = snapshot->size();
-        for (std::size_t first = 0; first < size;) {
-            const Record& stream = (*snapshot)[first];
-            std::size_t next = first + 1;
-            while (next < size && (*snapshot)[next].kind() != records::Kind::kStream) {
-                ++next;
-            }
-            const auto group =
-                stream.kind() == records::Kind::kStream ? Group::parse(stream.text("group")) : std::nullopt;
+        for (const records::GroupRecords& records : records::groupsOf(*snapshot)) {
+            const auto group = Group::parse(records.stream->text("group"));
             if (group && shown.insert(*group).second) {
                 if (const auto channel = watched.find(*group); channel != watched.end()) {
-                    observeChannel(channel->second, stream, {&stream + 1, next - first - 1}, snapshot, now,
-                                   changes);
+                    observeChannel(channel->second, *records.stream, records.pids, snapshot, now, changes);
                 }
             }
-            first = next;
         }
         return shown;
     }
@@ -503,6 +559,7 @@ struct Station::Implementation : StationInterface {
         next->passive = passiveAsked.value_or(configuration->passive.value_or(false));
         next->use = use;
         next->use.commandsRefused = mailbox.refusedCommands();
+        next->use.logDropped = droppedLogLines();
         takeInfluxUse(next->use);
         next->channelsVersion = channelsVersion;
         next->alarmsVersion = alarmsVersion;
@@ -531,6 +588,7 @@ struct Station::Implementation : StationInterface {
             const PipeReader::Statistics statistics = reader->statistics();
             state.pipeProblem = statistics.problem;
             state.droppedSnapshots += statistics.cut;
+            state.tooLargeSnapshots = statistics.tooLarge;
             state.longestPipeWaitMs = static_cast<double>(statistics.longestFull.count()) / 1000;
         }
         if (controller) {

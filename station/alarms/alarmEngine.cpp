@@ -104,6 +104,8 @@ struct AlarmEngine::Implementation {
     SteadyTime incrementsHeldUntil;
 
     const std::size_t probeSilent = *findAlarmType("probe_silent");
+    const std::size_t probeNotAsking = *findAlarmType("probe_not_asking");
+    const std::size_t secondAsker = *findAlarmType("second_asker");
     const std::size_t probeRestarted = *findAlarmType("probe_restarted");
     const std::size_t deliveryFailing = *findAlarmType("delivery_failing");
     const std::size_t noSignal = *findAlarmType("no_signal");
@@ -116,6 +118,8 @@ struct AlarmEngine::Implementation {
     Subject* subjectOf(const std::optional<Group>& group);
     void watchClock(const Now& now);
 
+    void judgeProbe(std::size_t type, std::optional<bool> wrong, SteadyTime since, const Now& now,
+                    std::vector<AlarmChange>& changes);
     void followArrivals(ChannelData& channel, const ChannelSample& sample, const Now& now);
     Finding findSignal(const ChannelData& channel, const ChannelSample& sample, const Now& now) const;
     void judgeMeasures(ChannelData& channel, const ChannelSample& sample, bool gapsHeld, const Now& now,
@@ -150,6 +154,20 @@ void AlarmEngine::Implementation::watchClock(const Now& now) {
         ++clockSteps;
     }
     clockDifference = difference;
+}
+
+void AlarmEngine::Implementation::judgeProbe(std::size_t type, std::optional<bool> wrong, SteadyTime since,
+                                             const Now& now, std::vector<AlarmChange>& changes) {
+    using Look = Finding::Look;
+    if (probe.rule(type).enabled) {
+        probe.judge(type,
+                    {.look = !wrong   ? Look::kUnknown
+                             : *wrong ? Look::kWrong
+                                      : Look::kRight,
+                     .value = inSeconds(now.steady - since),
+                     .wrongSince = since},
+                    now, changes);
+    }
 }
 
 // What a sample says.
@@ -368,12 +386,12 @@ void AlarmEngine::observeMissing(const Group& group, const Now& now, std::vector
                            now, changes);
 }
 
-void AlarmEngine::tick(bool probeSilent, const Now& now, std::vector<AlarmChange>& changes) {
+void AlarmEngine::tick(const ProbeLook& probe, const Now& now, std::vector<AlarmChange>& changes) {
     Implementation& engine = *implementation_;
     engine.watchClock(now);
-    if (!probeSilent) {
+    if (probe.silent == false) {
         engine.silentSince.reset();
-    } else if (!engine.silentSince) {
+    } else if (probe.silent == true && !engine.silentSince) {
         engine.silentSince = now.steady;
         // What was awaited is awaited from the next snapshot on.
         for (auto& [group, channel] : engine.channels) {
@@ -382,15 +400,10 @@ void AlarmEngine::tick(bool probeSilent, const Now& now, std::vector<AlarmChange
             channel.subject.trackers[engine.noSignal].since.reset();
         }
     }
-    if (!engine.probe.rule(engine.probeSilent).enabled) {
-        return;
-    }
-    const SteadyTime since = engine.silentSince.value_or(now.steady);
-    engine.probe.judge(engine.probeSilent,
-                       {.look = probeSilent ? Finding::Look::kWrong : Finding::Look::kRight,
-                        .value = inSeconds(now.steady - since),
-                        .wrongSince = since},
-                       now, changes);
+    engine.judgeProbe(engine.probeSilent, probe.silent, engine.silentSince.value_or(now.steady), now,
+                      changes);
+    engine.judgeProbe(engine.probeNotAsking, probe.notAsking, now.steady, now, changes);
+    engine.judgeProbe(engine.secondAsker, probe.secondAsker, now.steady, now, changes);
 }
 
 void AlarmEngine::deliveryFailing(std::optional<bool> failing, SteadyTime since, const Now& now,

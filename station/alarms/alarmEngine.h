@@ -22,6 +22,13 @@ struct AlarmChange {
     std::string text;                       // a sentence: "12 packets lost within 10 s"
 };
 
+// What a look at the probe found; what is not known leaves its alarm as it is.
+struct ProbeLook {
+    std::optional<bool> silent{};       // no snapshots come
+    std::optional<bool> notAsking{};    // snapshots come, and no requests
+    std::optional<bool> secondAsker{};  // somebody else asks as well
+};
+
 // All alarms of all channels and of the probe. No I/O, no clock of its own, one thread. The caller gives a
 // raised alarm its id with setId() before the next call.
 //
@@ -62,13 +69,12 @@ class AlarmEngine {
     void observeMissing(const Group& group, const Now& now, std::vector<AlarmChange>& changes);
     // About once a second, also when no snapshot comes. While the probe is silent the channels' alarms stay
     // as they are (nothing is known), and probe_silent is raised.
-    void tick(bool probeSilent, const Now& now, std::vector<AlarmChange>& changes);
+    void tick(const ProbeLook& probe, const Now& now, std::vector<AlarmChange>& changes);
     // Whether a receiver of notifications fails, and since when; nothing while it is not known, as just after
     // the start. About once a second.
     void deliveryFailing(std::optional<bool> failing, SteadyTime since, const Now& now,
                          std::vector<AlarmChange>& changes);
-    // The probe's sequence numbers started anew: probe_restarted happens; all counters start anew, which is
-    // no fault.
+    // The probe was started anew, and its numbers with it, which is no fault: probe_restarted happens.
     void probeRestarted(const Now& now, std::vector<AlarmChange>& changes);
     // All counters were cleared on demand, which is no fault.
     void countersCleared(const Now& now);

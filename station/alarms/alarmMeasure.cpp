@@ -52,6 +52,8 @@ constexpr AlarmMeasure errors(std::string_view type, Hold hold, uint64_t (*error
 
 constexpr std::array kMeasures = std::to_array<AlarmMeasure>({
     {.type = "probe_silent"},
+    {.type = "probe_not_asking"},
+    {.type = "second_asker"},
     {.type = "probe_restarted"},
     {.type = "delivery_failing"},
     {.type = "no_signal"},
@@ -102,8 +104,13 @@ struct ConditionTexts {
     std::string_view raised;
     std::string_view cleared;
 };
-constexpr std::array<ConditionTexts, 4> kConditions = {{
+constexpr std::array<ConditionTexts, 6> kConditions = {{
     {"probe_silent", "the probe delivers no results", "the probe delivers results again"},
+    {"probe_not_asking", "the probe does not ask what to watch", "the probe asks again"},
+    {"second_asker",
+     "two ask at the controller's port, and the one that came first is told what to watch: stop the other "
+     "(kestor -s -s, or a probe that was started by hand?)",
+     "one alone asks at the controller's port"},
     {"delivery_failing", "a webhook cannot be told", "webhooks take notifications again"},
     {"no_signal", "no packets arrive", "packets arrive again"},
     {"wrong_source", "another source sends to the group",

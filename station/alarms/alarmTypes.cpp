@@ -67,6 +67,11 @@ using enum Severity;
 constexpr std::array kTypes = std::to_array<AlarmType>({
     {"probe_silent", "The probe delivers no results, so nothing is known about any channel.", kCondition, "",
      "", true, condition(kCritical, {2s, 0s})},
+    {"probe_not_asking",
+     "The probe delivers results, but does not ask what to watch: changes do not reach it.", kCondition, "",
+     "", true, condition(kMajor, {3s, 0s})},
+    {"second_asker", "Something else than the probe asks what to watch as well, and is told nothing.",
+     kCondition, "", "", true, condition(kMajor, {2s, 0s})},
     {"probe_restarted", "The probe was started anew; its counters begin at zero.", kEvent, "", "", true,
      event(kMinor, 0s)},
     {"delivery_failing",

@@ -1,22 +1,32 @@
 #include "common/log.h"
 
+#include <poll.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cinttypes>
+#include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 namespace station {
 
 namespace {
 
+constexpr std::chrono::milliseconds kFlushAtExit{300};
+
 std::string oneLine(std::string_view text) {
-    std::string line(text);
+    std::string line(text.substr(0, kLogLine));
     for (char& character : line) {
         if (static_cast<unsigned char>(character) < 0x20 || character == 0x7F) {
             character = ' ';
@@ -35,13 +45,17 @@ bool underJournal() {
            fstat(STDERR_FILENO, &status) == 0 && status.st_dev == device && status.st_ino == inode;
 }
 
-void sendToJournal(LogLevel level, const std::string& text, std::initializer_list<LogField> fields) {
-    std::vector<std::string> entries = {"MESSAGE=" + text,
-                                        "PRIORITY=" + std::to_string(static_cast<int>(level)),
+struct Line {
+    LogLevel level = LogLevel::kInfo;
+    std::string text;
+    std::vector<std::string> fields;  // "NAME=value", for the journal
+};
+
+void sendToJournal(const Line& line) {
+    std::vector<std::string> entries = {"MESSAGE=" + line.text,
+                                        "PRIORITY=" + std::to_string(static_cast<int>(line.level)),
                                         "SYSLOG_IDENTIFIER=kestor-station"};
-    for (const auto& [name, value] : fields) {
-        entries.push_back(std::string(name) + "=" + oneLine(value));
-    }
+    entries.insert(entries.end(), line.fields.begin(), line.fields.end());
     std::vector<iovec> parts;
     parts.reserve(entries.size());
     for (std::string& entry : entries) {
@@ -50,18 +64,120 @@ void sendToJournal(LogLevel level, const std::string& text, std::initializer_lis
     sd_journal_sendv(parts.data(), static_cast<int>(parts.size()));
 }
 
+void writeLine(const Line& line) {
+    static const bool journal = underJournal();
+    if (journal && !line.fields.empty()) {
+        sendToJournal(line);
+        return;
+    }
+    const std::string whole = "<" + std::to_string(static_cast<int>(line.level)) + ">" + line.text + "\n";
+    for (std::string_view left = whole; !left.empty();) {
+        const ssize_t written = write(STDERR_FILENO, left.data(), left.size());
+        if (written < 0 && errno == EAGAIN) {
+            pollfd item = {STDERR_FILENO, POLLOUT, 0};  // whoever shares it made it so
+            poll(&item, 1, -1);
+        } else if (written < 0 && errno != EINTR) {
+            return;  // whoever read it is gone
+        }
+        left.remove_prefix(written < 0 ? 0 : static_cast<std::size_t>(written));
+    }
+}
+
+// Whoever has to read standard error may not: a full pipe, a terminal that is held, a journal that hangs. So
+// one thread alone waits for it. It is never joined, since it may never come back.
+class Writer {
+  public:
+    Writer() {
+        // Signals are for the threads that expect them.
+        sigset_t all;
+        sigset_t before;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before);
+        std::thread([this] { run(); }).detach();
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
+    Writer(const Writer&) = delete;
+
+    void push(Line&& line) {
+        const std::lock_guard lock(mutex_);
+        if (lines_.size() >= kLogQueue) {
+            ++dropped_;
+            return;
+        }
+        lines_.push_back(std::move(line));
+        ready_.notify_one();
+    }
+
+    uint64_t dropped() {
+        const std::lock_guard lock(mutex_);
+        return dropped_;
+    }
+
+    bool flush(std::chrono::milliseconds atMost) {
+        std::unique_lock lock(mutex_);
+        return written_.wait_for(lock, atMost, [this] { return lines_.empty() && !writing_; });
+    }
+
+  private:
+    [[noreturn]] void run() {
+        uint64_t droppedTold = 0;
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            ready_.wait(lock, [this] { return !lines_.empty(); });
+            Line line = std::move(lines_.front());
+            lines_.pop_front();
+            writing_ = true;
+            lock.unlock();
+            writeLine(line);
+            lock.lock();
+            if (lines_.empty() && dropped_ != droppedTold) {
+                lines_.push_back({LogLevel::kWarning,
+                                  std::to_string(dropped_ - droppedTold) +
+                                      " lines of the log were dropped: standard error took none",
+                                  {}});
+                droppedTold = dropped_;
+            }
+            writing_ = false;
+            if (lines_.empty()) {
+                written_.notify_all();
+            }
+        }
+    }
+
+    std::mutex mutex_;  // guards everything below; no lock is taken and nothing waits while it is held
+    std::condition_variable ready_;
+    std::condition_variable written_;
+    std::deque<Line> lines_;
+    uint64_t dropped_ = 0;
+    bool writing_ = false;
+};
+
+// Never destroyed: its thread may outlive everything else.
+Writer& writer() {
+    static Writer* const one = [] {
+        auto* made = new Writer;
+        std::atexit([] { flushLog(kFlushAtExit); });
+        return made;
+    }();
+    return *one;
+}
+
 }  // namespace
 
 void log(LogLevel level, std::string_view text, std::initializer_list<LogField> fields) {
-    static const bool journal = underJournal();
-    const std::string line = oneLine(text);
-    if (journal && fields.size() > 0) {
-        sendToJournal(level, line, fields);
-        return;
+    Line line{level, oneLine(text), {}};
+    for (const auto& [name, value] : fields) {
+        line.fields.push_back(std::string(name) + "=" + oneLine(value));
     }
-    // One write a line, so that lines of several threads do not mix.
-    const std::string whole = "<" + std::to_string(static_cast<int>(level)) + ">" + line + "\n";
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, whole.data(), whole.size());
+    writer().push(std::move(line));
+}
+
+uint64_t droppedLogLines() {
+    return writer().dropped();
+}
+
+bool flushLog(std::chrono::milliseconds atMost) {
+    return writer().flush(atMost);
 }
 
 bool LogOnChange::say(LogLevel level, std::string_view text) {

@@ -1,6 +1,8 @@
 // The station's log: standard error, a line each, with the level prefix that journald understands ("<4>").
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -13,10 +15,22 @@ enum class LogLevel : int { kError = 3, kWarning = 4, kNotice = 5, kInfo = 6, kD
 
 using LogField = std::pair<std::string_view, std::string_view>;
 
-// Writes one line; line ends and control characters in the text come out as spaces. Fields (names in upper
+// Lines that wait for standard error; what comes beyond is dropped and counted, and how many it were is
+// logged once lines are taken again.
+inline constexpr std::size_t kLogQueue = 1000;
+inline constexpr std::size_t kLogLine = 4096;  // bytes of a text; the rest is cut off
+
+// Logs one line; line ends and control characters in the text come out as spaces. Fields (names in upper
 // case, such as KESTOR_CHANNEL) go along where standard error is the journal, and are left out elsewhere. Any
-// thread.
+// thread; never waits: a thread of the log writes, in the order of the calls.
 void log(LogLevel level, std::string_view text, std::initializer_list<LogField> fields = {});
+
+// Lines that were dropped since the start. Any thread.
+uint64_t droppedLogLines();
+
+// Waits until everything is written, but not longer than that. False when it is not: nobody reads standard
+// error. The end of the program does so for up to 300 ms.
+bool flushLog(std::chrono::milliseconds atMost);
 
 // One message that may come again and again: says it at first, and then only when it has changed.
 class LogOnChange {

@@ -12,6 +12,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kLooksForStop = 200ms;
 constexpr std::chrono::milliseconds kBindsAgain = 1000ms;
+constexpr std::chrono::milliseconds kStandstill = 200ms;  // beyond, an asker that was waiting may be gone
+constexpr int kDropped = 1000;  // requests after a standstill; whoever sends more is no probe
 
 configuration::ConfigurationMessage toMessage(const ProbeLink::Answer& answer) {
     configuration::ConfigurationMessage message;
@@ -74,10 +76,14 @@ struct Controller::Implementation {
     }
 
     void serve(const std::stop_token& stop, ControllerLink& port) {
+        auto lastTurn = std::chrono::steady_clock::now();
         while (!stop.stop_requested()) {
             auto request = port.waitForRequest(kLooksForStop);
+            const auto now = std::chrono::steady_clock::now();
             // After a standstill of this process several wait, and only the last asker may still be there.
-            while (request && port.asksAgainWithin(0ms)) {
+            const bool stoodStill = now - lastTurn > kLooksForStop + kStandstill;
+            for (int left = kDropped; stoodStill && request && left > 0 && port.asksAgainWithin(0ms);
+                 --left) {
                 auto next = port.waitForRequest(0ms);
                 if (!next) {
                     break;
@@ -87,6 +93,7 @@ struct Controller::Implementation {
             if (request) {
                 answer(*request, port);
             }
+            lastTurn = now;
         }
     }
 
@@ -99,11 +106,15 @@ struct Controller::Implementation {
             const std::lock_guard lock(mutex);
             said.event = link.request(request.sequence_number(), said.time.steady);
             answer = link.answer(said.time.steady);
+            said.secondAsker = link.secondAsker(said.time.steady);
             said.scanning = link.scanning() || request.has_scan_status();
         }
         port.answer(toMessage(answer));
         said.cleared = answer.clearAll;
-        report(said);
+        // The owner hears of others with the next request of the one that is told, however many they send.
+        if (said.event != ProbeLink::Event::kAside) {
+            report(said);
+        }
     }
 
     void setProblem(const std::string& text) {

@@ -20,10 +20,12 @@ class Controller {
         int32_t sequence = 0;
         Now time;
         bool scanning = false;
-        bool cleared = false;  // this answer told the probe to start all counters anew
+        bool cleared = false;      // this answer told the probe to start all counters anew
+        bool secondAsker = false;  // somebody else asks beside the one that is told what to watch
     };
 
-    // `report` is called on the controller's thread after each answer and must not wait.
+    // `report` is called on the controller's thread after each answer to the asker that is told what to
+    // watch, and must not wait.
     Controller(std::string endpoint, std::function<void(const Report&)> report);
     ~Controller();  // ends the thread, within about a second
     Controller(const Controller&) = delete;

@@ -56,6 +56,7 @@ class Descriptor {
 struct PipeReader::Implementation {
     const std::filesystem::path path;
     const std::function<void(RawSnapshot&&)> take;
+    const std::size_t limit;
     const Descriptor wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
 
     mutable std::mutex mutex;  // guards `shared`
@@ -73,10 +74,11 @@ struct PipeReader::Implementation {
     Now began{};
     steady_clock::time_point lastRead;
     LogOnChange trouble;
+    LogOnChange sizeTrouble;
     std::jthread thread;
 
-    Implementation(std::filesystem::path path_, std::function<void(RawSnapshot&&)> take_)
-        : path(std::move(path_)), take(std::move(take_)) {}
+    Implementation(std::filesystem::path path_, std::function<void(RawSnapshot&&)> take_, std::size_t limit_)
+        : path(std::move(path_)), take(std::move(take_)), limit(limit_) {}
 
     void run(const std::stop_token& stop) {
         while (!stop.stop_requested()) {
@@ -170,9 +172,9 @@ struct PipeReader::Implementation {
             began = systemNow();
             text.reserve(lastSize + lastSize / 8);
         }
-        if (text.size() + part.size() > kSnapshotLimit) {
+        if (text.size() + part.size() > limit) {
             overLimit = true;
-            text.clear();
+            text = {};
         }
         if (!overLimit) {
             text += part;
@@ -181,14 +183,36 @@ struct PipeReader::Implementation {
 
     // The writer is gone: what it sent is a snapshot if its last line is whole.
     void handOver() {
-        if (overLimit || (!text.empty() && text.back() != '\n')) {
+        if (overLimit) {
+            dropTooLarge();
+            return;
+        }
+        if (!text.empty() && text.back() != '\n') {
             dropCut();
             return;
         }
         const Now ended = systemNow();
+        if (!text.empty()) {
+            sizeTrouble.over("snapshots of the probe are small enough again");
+        }
         lastSize = text.size();
         take({std::exchange(text, {}), begun ? began : ended, ended});
         begun = false;
+    }
+
+    void dropTooLarge() {
+        sizeTrouble.say(
+            LogLevel::kError,
+            "a snapshot of the probe is larger than " + std::to_string(limit) +
+                " bytes and is dropped, as all like it will be: watch fewer channels, or find out which "
+                "has thousands of PIDs");
+        {
+            const std::lock_guard lock(mutex);
+            ++shared.tooLarge;
+            shared.lastTooLarge = steady_clock::now();
+        }
+        begun = false;
+        dropCut();
     }
 
     void dropCut() {
@@ -202,8 +226,9 @@ struct PipeReader::Implementation {
     }
 };
 
-PipeReader::PipeReader(std::filesystem::path pipe, std::function<void(RawSnapshot&&)> take)
-    : implementation_(std::make_unique<Implementation>(std::move(pipe), std::move(take))) {
+PipeReader::PipeReader(std::filesystem::path pipe, std::function<void(RawSnapshot&&)> take,
+                       std::size_t snapshotLimit)
+    : implementation_(std::make_unique<Implementation>(std::move(pipe), std::move(take), snapshotLimit)) {
     implementation_->thread =
         std::jthread([this](const std::stop_token& stop) { implementation_->run(stop); });
 }

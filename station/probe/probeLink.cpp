@@ -1,6 +1,7 @@
 #include "probe/probeLink.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace station {
 
@@ -14,6 +15,17 @@ constexpr auto kScanAsksAgain = 2200ms;
 constexpr auto kScanAsksAtTheLatest = 3500ms;
 // After that a request is the first of a probe that came back.
 constexpr auto kSilence = 5s;
+// Of one asker: a request is answered at once or given up after 500 ms, so that one with a number so much
+// higher is not its next.
+constexpr auto kCycle = 500ms;
+constexpr auto kShortestCycle = 400ms;
+constexpr int64_t kCyclesAtOnce = 2;
+// Who keeps a later number than the first ones may have a list from before.
+constexpr int32_t kFirstNumbers = 3;
+constexpr auto kForgotten = 10s;
+// A few requests of others may be somebody's try.
+constexpr int kAsidesTold = 3;
+constexpr auto kAsideOver = 10s;
 // A probe that was running before has shown its list by then, if anything reads its pipe.
 constexpr auto kListShown = 3s;
 // A snapshot that begins sooner after an answer may have been collected before the answer was acted on.
@@ -45,27 +57,117 @@ void ProbeLink::clearCounters() {
 }
 
 ProbeLink::Event ProbeLink::request(int32_t sequence, SteadyTime now) {
-    const bool first = !sequence_.has_value();
-    const bool anew = !first && sequence <= *sequence_;
-    const bool silent = !first && now - lastRequest_ > kSilence;
-    if (first || anew) {
-        told_.clear();
-        removed_.clear();
-        shown_.clear();
-        fresh_ = sequence == 0 || anew;
-        snapshotSince_ = false;
-        firstRequest_ = now;
-        monitors_ = false;
-        scanning_ = false;
-    } else if (sequence == *sequence_ + 1) {
-        // Only requests that follow each other tell the pace.
-        const auto gap = now - lastRequest_;
-        monitors_ = monitors_ || gap < kMonitorAsksAgain;
-        scanning_ = !monitors_ && gap > kScanAsksAgain && gap < kScanAsksAtTheLatest;
+    Asker* asker = findAsker(sequence, now);
+    if (asker == nullptr) {
+        asker = &addAsker(sequence, now);
+    } else {
+        if (sequence == asker->sequence + 1) {
+            // Only requests that follow each other tell the pace.
+            const auto gap = now - asker->last;
+            asker->monitors = asker->monitors || gap < kMonitorAsksAgain;
+            asker->scanning = !asker->monitors && gap > kScanAsksAgain && gap < kScanAsksAtTheLatest;
+        }
+        asker->repeats = true;
+        asker->sequence = sequence;
     }
-    sequence_ = sequence;
-    lastRequest_ = now;
-    return anew ? Event::kRestarted : first || silent ? Event::kCame : Event::kNone;
+    const SteadyTime before = std::exchange(asker->last, now);
+    asideAsked_ = false;
+    if (!main_) {
+        makeMain(*asker, now);
+        return Event::kCame;
+    }
+    if (asker == &askers_.front()) {
+        return now - before > kSilence ? Event::kCame : Event::kNone;
+    }
+    if (takesOver(*asker, now)) {
+        makeMain(*asker, now);
+        return Event::kReplaced;
+    }
+    noteAside(now);
+    return Event::kAside;
+}
+
+// The one whose next number this is: of several the one whose pace it fits best.
+ProbeLink::Asker* ProbeLink::findAsker(int32_t sequence, SteadyTime now) {
+    Asker* found = nullptr;
+    SteadyTime::duration leastOff{};
+    for (Asker& asker : askers_) {
+        const int64_t step = int64_t{sequence} - asker.sequence;
+        const auto elapsed = now - asker.last;
+        if (step <= 0 || step > kCyclesAtOnce + elapsed / kShortestCycle) {
+            continue;
+        }
+        const auto off = std::chrono::abs(elapsed - step * kCycle);
+        if (found == nullptr || off < leastOff) {
+            found = &asker;
+            leastOff = off;
+        }
+    }
+    return found;
+}
+
+ProbeLink::Asker& ProbeLink::addAsker(int32_t sequence, SteadyTime now) {
+    const auto others = askers_.begin() + (main_ ? 1 : 0);
+    askers_.erase(std::remove_if(others, askers_.end(),
+                                 [&](const Asker& asker) { return now - asker.last > kForgotten; }),
+                  askers_.end());
+    if (askers_.size() == kAskers) {
+        askers_.erase(std::ranges::min_element(askers_.begin() + 1, askers_.end(), {}, &Asker::last));
+    }
+    return askers_.emplace_back(Asker{.firstSequence = sequence, .sequence = sequence, .last = now});
+}
+
+// The one that is told what to watch has to be overdue, and this one has to be more than a single try.
+bool ProbeLink::takesOver(const Asker& asker, SteadyTime now) const {
+    const Asker& main = askers_.front();
+    const auto overdue = main.scanning ? kScanAsksAtTheLatest : kMonitorAsksAgain;
+    return now - main.last > kSilence || (asker.repeats && now - main.last > overdue);
+}
+
+void ProbeLink::makeMain(Asker& asker, SteadyTime now) {
+    const Asker chosen = asker;
+    // Of a run that was seen from its begin.
+    fresh_ = chosen.firstSequence == 0 || (main_ && chosen.firstSequence <= kFirstNumbers);
+    askers_.erase(askers_.begin() + (&asker - askers_.data()));
+    if (main_) {
+        askers_.erase(askers_.begin());  // if it asks again it is another
+    }
+    askers_.insert(askers_.begin(), chosen);
+    main_ = true;
+    told_.clear();
+    removed_.clear();
+    shown_.clear();
+    snapshotSince_ = false;
+    firstRequest_ = now;
+    asides_ = 0;
+}
+
+void ProbeLink::noteAside(SteadyTime now) {
+    asideAsked_ = true;
+    if (asides_ == 0 || now - lastAside_ > kAsideOver) {
+        asides_ = 0;
+        firstAside_ = now;
+    }
+    asides_ = std::min(asides_ + 1, kAsidesTold);
+    lastAside_ = now;
+}
+
+// A probe that was started anew asks beside nobody: the one before it is silent by then.
+bool ProbeLink::secondAsker(SteadyTime now) const {
+    return main_ && asides_ >= kAsidesTold && askers_.front().last > firstAside_ &&
+           now - lastAside_ <= kAsideOver;
+}
+
+// Another one that asks as a probe does gets what this one does not watch. False when there is none.
+bool ProbeLink::handOver(SteadyTime now) {
+    const auto next = std::find_if(askers_.begin() + 1, askers_.end(), [&](const Asker& asker) {
+        return asker.monitors && now - asker.last < kMonitorAsksAgain;
+    });
+    if (next == askers_.end()) {
+        return false;
+    }
+    std::iter_swap(askers_.begin(), next);
+    return true;
 }
 
 // Whether told_ and shown_ say what the probe has: a group that it has is not told again without need, since
@@ -76,9 +178,12 @@ bool ProbeLink::listKnown(SteadyTime now) const {
 
 ProbeLink::Answer ProbeLink::answer(SteadyTime now) {
     Answer answer;
+    if (!main_ || asideAsked_) {
+        return answer;
+    }
     answer.passive = passive_;
     answer.igmpLatency = igmpLatency_;
-    if (!monitors_ || !listKnown(now)) {
+    if (!askers_.front().monitors || !listKnown(now)) {
         return answer;
     }
     if (clear_) {
@@ -138,7 +243,7 @@ std::vector<Group> ProbeLink::nextRemovals(SteadyTime now) {
 }
 
 void ProbeLink::shown(const Groups& groups, SteadyTime began) {
-    if (!sequence_) {
+    if (!main_) {
         return;  // nothing was told, so there is nothing to hold it against
     }
     shown_ = groups;
@@ -149,13 +254,18 @@ void ProbeLink::shown(const Groups& groups, SteadyTime began) {
             told_.try_emplace(group, Told{began});
         }
     }
+    bool ignored = false;
     for (auto& [group, told] : told_) {
         if (groups.contains(group)) {
             told.missing = 0;
             told.repeated = 0;
         } else if (began - told.time > kTakesEffect) {
             ++told.missing;
+            ignored = ignored || told.missing == kMissingSnapshots;
         }
+    }
+    if (ignored && handOver(began)) {
+        std::erase_if(told_, [](const auto& entry) { return entry.second.missing >= kMissingSnapshots; });
     }
     std::erase_if(removed_, [&](const auto& entry) {
         const bool stillThere = groups.contains(entry.first);

@@ -19,11 +19,17 @@ using Groups = std::set<Group>;
 // Keeps the probe's channel list equal to the wanted groups. Told are only IPv4 multicast groups, and only to
 // a probe that monitors: one that scans asks at another pace and would end by a group that it has already.
 //
+// Whoever reaches the port may ask, so askers are told apart by their sequence numbers, which grow by one a
+// request and at the pace of requests. One of them is told what to watch: the first, until it is silent and
+// another asks in its place, or until snapshots show that it does not do what it is told and there is
+// another.
+//
 // One thread; times by the steady clock.
 class ProbeLink {
   public:
     static constexpr std::size_t kAddedPerAnswer = 200;
     static constexpr int kMissingSnapshots = 3;
+    static constexpr std::size_t kAskers = 8;  // beyond, the one that was silent longest is forgotten
 
     // One answer. The order in which the probe acts on it is the members'.
     struct Answer {
@@ -36,8 +42,9 @@ class ProbeLink {
 
     enum class Event : uint8_t {
         kNone,
-        kCame,       // first request, or the first after a silence
-        kRestarted,  // its sequence numbers started anew
+        kCame,      // first request, or the first after a silence
+        kReplaced,  // another asks in place of the one that did: a probe that was started anew, most likely
+        kAside,     // of another one than that which is told what to watch; its answer is empty
     };
 
     void want(Groups groups);
@@ -53,10 +60,20 @@ class ProbeLink {
     void shown(const Groups& groups, SteadyTime began);
 
     bool scanning() const {
-        return scanning_;
+        return main_ && askers_.front().scanning;
     }
+    // Whether somebody else asks beside the one that is told what to watch.
+    bool secondAsker(SteadyTime now) const;
 
   private:
+    struct Asker {
+        int32_t firstSequence;
+        int32_t sequence;
+        SteadyTime last;
+        bool repeats = false;   // asked more than once, with numbers that follow one another
+        bool monitors = false;  // it asked again as soon as one that monitors does
+        bool scanning = false;
+    };
     struct Told {
         SteadyTime time;
         int missing = 0;   // snapshots in a row that began after it was told and do not show it
@@ -65,6 +82,12 @@ class ProbeLink {
     std::vector<Group> nextRemovals(SteadyTime now);
     std::vector<Group> nextAdditions(SteadyTime now);
     bool listKnown(SteadyTime now) const;
+    Asker* findAsker(int32_t sequence, SteadyTime now);
+    Asker& addAsker(int32_t sequence, SteadyTime now);
+    bool takesOver(const Asker& asker, SteadyTime now) const;
+    void makeMain(Asker& asker, SteadyTime now);
+    void noteAside(SteadyTime now);
+    bool handOver(SteadyTime now);
 
     Groups wanted_;
     std::map<Group, Told> told_;
@@ -74,13 +97,17 @@ class ProbeLink {
     std::optional<std::chrono::milliseconds> igmpLatency_;
     bool clear_ = false;
 
-    std::optional<int32_t> sequence_;
-    SteadyTime lastRequest_;
-    SteadyTime firstRequest_;  // of this run of the probe, as seen from here
-    bool fresh_ = false;       // its run was seen from its first request: its list was empty
+    std::vector<Asker> askers_;  // the one that is told what to watch first
+    bool main_ = false;          // there is one
+    bool asideAsked_ = false;    // the last request was another's
+    SteadyTime firstRequest_;    // of this run of the probe, as seen from here
+    bool fresh_ = false;         // its run was seen from its begin: its list was empty
     bool snapshotSince_ = false;
-    bool monitors_ = false;  // it asked again as soon as one that monitors does
-    bool scanning_ = false;
+
+    // Requests of others, without a pause of kAsideOver.
+    int asides_ = 0;
+    SteadyTime firstAside_;
+    SteadyTime lastAside_;
 };
 
 }  // namespace station

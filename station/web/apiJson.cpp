@@ -17,12 +17,15 @@ using json::alarmValue;
 constexpr int64_t kJoinLatencyLimitMs = 10 * 60 * 1000;
 
 void probeMembers(JsonWriter& json, const ProbeState& probe) {
-    json.open('{').member("connected", probe.connected).member("otherController", probe.otherController);
+    json.open('{').member("connected", probe.connected).member("asks", probe.asks);
+    json.member("otherController", probe.otherController).member("secondAsker", probe.secondAsker);
+    json.member("problem", json::textOrNull(probe.problem));
     json.member("lastRequest", probe.lastRequest).member("lastSnapshot", probe.lastSnapshot);
     json.member("sequence", probe.sequence < 0 ? std::nullopt : std::optional(probe.sequence));
     json.member("restarts", probe.restarts).member("requests", probe.requests);
     json.member("snapshots", probe.snapshots).member("droppedLines", probe.droppedLines);
     json.member("droppedSnapshots", probe.droppedSnapshots);
+    json.member("tooLargeSnapshots", probe.tooLargeSnapshots);
     json.member("pipeProblem", probe.pipeProblem.empty() ? std::nullopt : std::optional(probe.pipeProblem));
     json.close('}');
 }
@@ -278,6 +281,7 @@ std::string useJson(const StationUse& use, const ProbeState& probe, const EventS
     JsonWriter json(text);
     json.open('{').member("cpuSeconds", use.cpuSeconds).member("residentBytes", use.residentBytes);
     json.member("lastSnapshotCpuMs", use.lastSnapshotCpuMs).member("commandsRefused", use.commandsRefused);
+    json.member("logDropped", use.logDropped);
     json.name("pipe").open('{').member("snapshotBytes", probe.snapshotBytes);
     json.member("longestWaitMs", probe.longestPipeWaitMs).close('}');
     json.name("store").open('{').member("written", store.written).member("dropped", store.dropped);

@@ -288,8 +288,11 @@ double seconds(WallTime time) {
 
 void writeProbe(Exposition& out, const StationState& state, const MetricsExtras& extras) {
     const ProbeState& probe = state.probe;
-    out.family({"kestor_up", kGauge, "Whether the probe asks for its tasks and delivers results."});
+    out.family(
+        {"kestor_up", kGauge, "Whether the probe delivers results: what is told of channels is of now."});
     out.sample(probe.connected ? 1 : 0);
+    out.family({"kestor_probe_asks", kGauge, "Whether the probe asks what to watch: changes reach it."});
+    out.sample(probe.asks ? 1 : 0);
     out.family({"kestor_probe_restarts_total", kCounter, "Times that the probe was seen to start anew."});
     out.sample(static_cast<double>(probe.restarts));
     out.family({"kestor_snapshots_total", kCounter, "Snapshots of all channels that were read."});
@@ -465,6 +468,11 @@ constexpr auto kUseMetrics = std::to_array<OwnMetric<StationState>>({
      [](const StationState& s) { return static_cast<double>(s.probe.snapshotBytes); }},
     {{"kestor_station_dropped_snapshots_total", kCounter, "Snapshots that were read and not taken in time."},
      [](const StationState& s) { return static_cast<double>(s.probe.droppedSnapshots); }},
+    {{"kestor_station_oversize_snapshots_total", kCounter, "Snapshots that were dropped for their size."},
+     [](const StationState& s) { return static_cast<double>(s.probe.tooLargeSnapshots); }},
+    {{"kestor_station_log_dropped_lines_total", kCounter,
+      "Lines of the log that standard error did not take."},
+     [](const StationState& s) { return static_cast<double>(s.use.logDropped); }},
     {{"kestor_station_dropped_lines_total", kCounter, "Lines of snapshots that were no records."},
      [](const StationState& s) { return static_cast<double>(s.probe.droppedLines); }},
     {{"kestor_station_pipe_wait_max_seconds", kGauge, "Longest time between two reads with the pipe full."},

@@ -12,6 +12,8 @@ namespace {
 
 constexpr int64_t kLargestLimit = 1000;
 constexpr int64_t kDefaultLimit = 100;
+// The owner publishes at least once a second.
+constexpr std::chrono::seconds kStateOverdue{5};
 constexpr int64_t kDefaultCells = 60;
 constexpr int64_t kDefaultCellSeconds = 5;
 
@@ -339,6 +341,10 @@ void health(Services&, const Call&, Reply&& reply) {
 void readiness(Services&, const Call& call, Reply&& reply) {
     if (call.state == nullptr || call.state->probe.lastSnapshot == WallTime{}) {
         return reply(problem(503, "No snapshot of the probe came yet"));
+    }
+    if (std::chrono::steady_clock::now() - call.state->now.steady > kStateOverdue) {
+        return reply(
+            problem(503, "The station is stuck: what it knows is not of now; restart kestor-station"));
     }
     reply(call.state->probe.connected ? jsonResponse(R"({"status":"ok"})")
                                       : problem(503, "The probe is silent"));

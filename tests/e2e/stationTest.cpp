@@ -157,7 +157,7 @@ TEST(Station, BringsTheListBackToAProbeThatWasKilled) {
     kestor.emplace(std::vector<std::string>{"kestor", "-s"});
     EXPECT_TRUE(eventually([] { return igmpMember(kA) && igmpMember(kB); }));
     EXPECT_TRUE(eventually([] { return state(kA) == "ok"; }));
-    EXPECT_TRUE(eventually([] { return events("probe_restarted") == 1; }));
+    EXPECT_TRUE(eventually([] { return events("probe_restarted") == 1; })) << station.process->err();
     for (const char* type : {"continuity", "packets_lost", "pat", "pmt"})
         EXPECT_EQ(events("raised", type), 0U) << type;
 
@@ -176,6 +176,77 @@ TEST(Station, BringsTheListBackToAProbeThatWasKilled) {
     EXPECT_TRUE(eventually([] { return raised("probe_silent", "").empty() && state(kA) == "ok"; }));
     EXPECT_EQ(events("raised", "probe_silent"), silences);
     EXPECT_EQ(occurrences(kestor->out(), "Dodaje kanal: 239.1.1.1\n"), 1U);
+}
+
+TEST(Station, CountsOnWhileASecondProbeAsks) {
+    write(kPlaylist, playlistEntry(kA, "A"));
+    Station station(kWatchPlaylist);
+    const Process kestor({"kestor", "-s"});
+    // Every eleventh packet is missing.
+    const std::jthread traffic([](const std::stop_token& stop) {
+        const FrameSender network;
+        UdpFlow flow{.group = kA};
+        for (TsStream stream; !stop.stop_requested(); std::this_thread::sleep_for(100ms))
+            network.send(flow, stream.payload(0x101, 10).lose(0x101, 1).takeDatagrams());
+    });
+    ASSERT_TRUE(eventually([] { return raised("packets_lost", kA).size() == 1; })) << station.process->err();
+    std::optional<Process> others(std::vector<std::string>{"kestor", "-s", "-s"});
+    EXPECT_TRUE(eventually([] { return raised("second_asker", "").size() == 1; })) << station.process->err();
+    const std::size_t clears = events("cleared", "packets_lost");
+    std::this_thread::sleep_for(12s);  // longer than the window of lost packets
+    EXPECT_EQ(raised("packets_lost", kA).size(), 1U) << station.process->err();
+    EXPECT_EQ(events("cleared", "packets_lost"), clears);
+    EXPECT_EQ(events("raised", "second_asker"), 1U);
+    EXPECT_EQ(events("probe_restarted"), 0U);
+    EXPECT_EQ(occurrences(others->out(), "Dodaje kanal"), 0U);
+    others.reset();
+    EXPECT_TRUE(eventually([] { return raised("second_asker", "").empty(); }));
+    EXPECT_EQ(events("probe_restarted"), 0U);
+    EXPECT_EQ(objects({"status"})[0]["probe"]["restarts"], 0);
+}
+
+TEST(Station, WatchesOnWhenItsPortIsAnothers) {
+    write(kPlaylist, playlistEntry(kA, "A"));
+    Controller other;
+    const Process kestor({"kestor", "-s"});
+    other.answer(response({kA}));
+    const auto traffic = liveTraffic(kA);
+    const Station station(kWatchPlaylist);
+    EXPECT_TRUE(eventually([] { return raised("probe_not_asking", "").size() == 1; }))
+        << station.process->err();
+    EXPECT_THAT(station.process->err(), HasSubstr("another controller does"));
+    EXPECT_TRUE(raised("probe_silent", "").empty());
+    EXPECT_TRUE(eventually([] { return raised("pat", kA).size() == 1; })) << "what snapshots show is judged";
+    const json probe = objects({"status"})[0]["probe"];
+    EXPECT_EQ(probe["connected"], true);
+    EXPECT_EQ(probe["asks"], false);
+    EXPECT_THAT(probe["problem"].get<std::string>(), HasSubstr("did not ask"));
+}
+
+TEST(Station, GoesOnWhileNobodyReadsItsLog) {
+    write("/tmp/station.toml", "");
+    std::filesystem::remove("/tmp/log");
+    ASSERT_EQ(mkfifo("/tmp/log", 0600), 0);
+    const int log = open("/tmp/log", O_RDWR | O_CLOEXEC);  // a reader that never reads
+    ASSERT_GE(log, 0);
+    ASSERT_EQ(fcntl(log, F_SETPIPE_SZ, 4096), 4096);
+    const auto program = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "kestor-station";
+    Process station(
+        {"sh", "-c",
+         "exec " + program.string() +
+             " --config /tmp/station.toml --state /tmp/state --socket /tmp/station.sock 2>/tmp/log"});
+    ASSERT_TRUE(eventually([] { return ctl({"status"}).status == 0; }));
+    const Process kestor({"kestor", "-s"});
+    for (int i = 0; i < 200; ++i)  // a line each
+        ASSERT_EQ(ctl({"clear"}).status, 0) << i;
+    EXPECT_EQ(ctl({"add", kA}).status, 0);
+    EXPECT_TRUE(eventually([] { return igmpMember(kA); }));
+    EXPECT_TRUE(eventually([] { return objects({"status"})[0]["probe"]["connected"] == true; }));
+    const auto before = std::chrono::steady_clock::now();
+    station.kill(SIGTERM);
+    EXPECT_EQ(station.wait(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 2500ms);
+    close(log);
 }
 
 TEST(Station, TellsTheProbeOnlyWhatHasChanged) {

@@ -60,6 +60,8 @@ struct World {
     double packets = 1000;  // a second
     bool shown = true;
     bool silent = false;
+    std::optional<bool> notAsking = false;
+    std::optional<bool> secondAsker = false;
     std::optional<ChannelSample> last;
     SteadyTime lastTime;
     int second = 0;
@@ -115,7 +117,7 @@ struct World {
     }
     void look() {
         std::vector<AlarmChange> changes;
-        engine.tick(silent, now, changes);
+        engine.tick({.silent = silent, .notAsking = notAsking, .secondAsker = secondAsker}, now, changes);
         if (!silent && shown) {
             engine.observe(kGroup, sample(), now, changes);
         } else if (!silent) {
@@ -275,6 +277,16 @@ const std::vector<Script> kScripts = {
       add(20, "Continuity_count_error", 1)},
      40,
      "20:raised continuity, 30:cleared continuity"},
+    {"a probe that does not ask, and one that is not alone; of what is not known nothing is said",
+     {{3, [](World& w) { w.notAsking = true; }},
+      {10, [](World& w) { w.notAsking.reset(); }},
+      {15, [](World& w) { w.secondAsker = true; }},
+      {30, [](World& w) { w.notAsking = false; }},
+      {40, [](World& w) { w.secondAsker = false; }},
+      add(50, "Continuity_count_error", 1)},
+     60,
+     "6:raised probe_not_asking, 17:raised second_asker, 30:cleared probe_not_asking, "
+     "40:cleared second_asker, 50:raised continuity, 60:cleared continuity"},
     {"a probe that is silent for a while",
      {add(3, "Continuity_count_error", 1),
       {5, [](World& w) { w.silent = true; }},

@@ -2,7 +2,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "common/log.h"
+#include "mailbox.h"
+#include "probe/pipeReader.h"
 #include "probe/probeLink.h"
+#include "probeWatch.h"
 
 using namespace std::chrono_literals;
 using station::Group;
@@ -79,15 +92,86 @@ TEST(StationProbe, TellsAProbeThatLostItsListAllGroupsAgain) {
     probe.second();
     probe.second();
     ASSERT_EQ(probe.list, groups(3));
+    // It is back at once, and the one before is not known to be gone yet.
     probe.sequence = 0;
     probe.list.clear();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_THAT(probe.ask().append, IsEmpty());
+        EXPECT_EQ(probe.event, ProbeLink::Event::kAside) << i;
+    }
     probe.ask();
-    EXPECT_EQ(probe.event, ProbeLink::Event::kRestarted);
-    probe.ask();
+    EXPECT_EQ(probe.event, ProbeLink::Event::kReplaced);
+    EXPECT_FALSE(link.secondAsker(probe.now));
     EXPECT_EQ(probe.list, groups(3));
     probe.now += 1min;
     probe.ask();
     EXPECT_EQ(probe.event, ProbeLink::Event::kCame);
+    // It takes its time.
+    probe.now += 10s;
+    probe.sequence = 0;
+    probe.ask();
+    EXPECT_EQ(probe.event, ProbeLink::Event::kReplaced);
+}
+
+TEST(StationProbe, TellsOneOfTwoAndSaysThatThereAreTwo) {
+    struct Case {
+        const char* what;
+        int32_t second;                         // its first number
+        std::function<int32_t(int32_t)> next;   // its number after that one
+        std::chrono::milliseconds offset{250};  // behind the first
+    };
+    const auto following = [](int32_t number) { return number + 1; };
+    const Case cases[] = {
+        {"two probes that were started together", 0, following, 5ms},
+        {"a younger one", 0, following},
+        {"an older one", 100'000, following},
+        {"always the same number", 0, [](int32_t number) { return number; }},
+        {"numbers that fall", 100'000, [](int32_t number) { return number - 1; }},
+        {"no sense", 7, [](int32_t number) { return (number * 75 + 74) % 65537 + 1'000'000; }},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.what);
+        ProbeLink link;
+        link.want(groups(3));
+        FakeProbe probe(link);
+        probe.second();
+        int32_t number = one.second;
+        for (int i = 0; i < 240; ++i) {
+            probe.ask();
+            ASSERT_EQ(probe.event, ProbeLink::Event::kNone) << i;
+            ASSERT_EQ(link.request(number, probe.now + one.offset), ProbeLink::Event::kAside) << i;
+            const auto answer = link.answer(probe.now + one.offset);
+            EXPECT_TRUE(answer.append.empty() && answer.remove.empty() && !answer.clearAll);
+            number = one.next(number);
+            link.shown(probe.list, probe.now);
+            if (i == 0) {
+                EXPECT_FALSE(link.secondAsker(probe.now)) << "may be a restart";
+            }
+        }
+        EXPECT_TRUE(link.secondAsker(probe.now));
+        EXPECT_EQ(probe.told, 3U);
+        // The other one is gone.
+        for (int i = 0; i < 22; ++i) {
+            probe.ask();
+        }
+        EXPECT_FALSE(link.secondAsker(probe.now));
+    }
+}
+
+TEST(StationProbe, TellsAnotherWhenTheFirstAskerDoesNotDoAsItIsTold) {
+    ProbeLink link;
+    link.want(groups(3));
+    FakeProbe idle(link);
+    FakeProbe probe(link);
+    idle.sequence = 50;
+    for (int i = 0; i < 20; ++i) {
+        idle.ask();
+        probe.now = idle.now + 100ms - 500ms;
+        probe.ask();
+        link.shown(probe.list, probe.now - 50ms);
+    }
+    EXPECT_EQ(probe.list, groups(3));
+    EXPECT_TRUE(link.secondAsker(probe.now));
 }
 
 TEST(StationProbe, TellsAProbeThatWasRunningOnlyTheDifference) {
@@ -158,4 +242,255 @@ TEST(StationProbe, RemovesFewGroupsAnAnswerFromALongList) {
     }
     EXPECT_THAT(probe.list, IsEmpty());
     EXPECT_GT(most, 10U);
+}
+
+namespace {
+
+// A pipe with a reader that takes at most 100 kB, and a writer that opens and closes it like the probe.
+class StationPipe : public testing::Test {
+  protected:
+    std::filesystem::path directory{testing::TempDir() + "pipe." + std::to_string(getpid())};
+    std::filesystem::path path{directory / "results"};
+    std::mutex mutex;
+    std::vector<std::string> taken;
+    std::unique_ptr<station::PipeReader> reader;
+
+    void SetUp() override {
+        std::filesystem::create_directories(directory);
+        makePipe();
+        reader = std::make_unique<station::PipeReader>(
+            path,
+            [this](station::RawSnapshot&& raw) {
+                const std::lock_guard lock(mutex);
+                taken.push_back(std::move(raw.text));
+            },
+            100'000);
+    }
+    void TearDown() override {
+        reader.reset();
+        std::filesystem::remove_all(directory);
+    }
+    void makePipe() const {
+        ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    }
+    int openWriter() const {
+        const int writer = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+        EXPECT_GE(writer, 0);
+        return writer;
+    }
+    static void put(int writer, std::string_view text) {
+        EXPECT_EQ(::write(writer, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+    void writeWhole(std::string_view text) const {
+        const int writer = openWriter();
+        put(writer, text);
+        close(writer);
+        settle();
+    }
+    // What was written is read long before.
+    static void settle() {
+        std::this_thread::sleep_for(50ms);
+    }
+    std::vector<std::string> takeAll() {
+        const std::lock_guard lock(mutex);
+        return std::exchange(taken, {});
+    }
+};
+
+}  // namespace
+
+TEST_F(StationPipe, TakesWholeSnapshotsAlone) {
+    writeWhole("one\ntwo\n");
+    EXPECT_THAT(takeAll(), ElementsAre("one\ntwo\n"));
+    writeWhole("cut in the mid");
+    EXPECT_THAT(takeAll(), IsEmpty());
+    EXPECT_EQ(reader->statistics().cut, 1U);
+    // In pieces, with a line that is not whole when the first ends.
+    const int writer = openWriter();
+    for (const char* piece : {"thr", "ee\n", "four\n"}) {
+        put(writer, piece);
+        settle();
+        EXPECT_THAT(takeAll(), IsEmpty()) << "its end is not known";
+    }
+    close(writer);
+    settle();
+    EXPECT_THAT(takeAll(), ElementsAre("three\nfour\n"));
+    EXPECT_EQ(reader->statistics().tooLarge, 0U);
+}
+
+TEST_F(StationPipe, DropsWhatIsTooLargeAndSaysSo) {
+    const std::string line(999, 'x');
+    std::string fits;
+    for (int i = 0; i < 100; ++i) {
+        fits += line + "\n";
+    }
+    writeWhole(fits);
+    EXPECT_THAT(takeAll(), ElementsAre(fits));
+    EXPECT_EQ(reader->statistics().tooLarge, 0U);
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 3; ++i) {
+        writeWhole(fits + "\n");
+        EXPECT_THAT(takeAll(), IsEmpty());
+    }
+    EXPECT_TRUE(station::flushLog(5s));
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("larger than 100000 bytes"), std::string::npos) << log;
+    EXPECT_EQ(log.find("larger than"), log.rfind("larger than")) << "said once";
+    EXPECT_EQ(reader->statistics().tooLarge, 3U);
+    EXPECT_EQ(reader->statistics().cut, 0U);
+    writeWhole("small\n");
+    EXPECT_THAT(takeAll(), ElementsAre("small\n"));
+}
+
+TEST_F(StationPipe, FollowsThePipeThatIsMadeAnew) {
+    const int before = openWriter();
+    put(before, "begun, and never ended\n");
+    settle();
+    std::filesystem::remove(path);
+    makePipe();
+    writeWhole("of the new one\n");  // opening it waits for the reader
+    EXPECT_THAT(takeAll(), ElementsAre("of the new one\n"));
+    EXPECT_EQ(reader->statistics().cut, 1U);
+    close(before);
+
+    std::filesystem::remove(path);
+    std::this_thread::sleep_for(600ms);
+    EXPECT_NE(reader->statistics().problem, "");
+    makePipe();
+    writeWhole("and again\n");
+    EXPECT_THAT(takeAll(), ElementsAre("and again\n"));
+    EXPECT_EQ(reader->statistics().problem, "");
+}
+
+TEST(StationMailbox, DropsTheOldestAndRefusesCommandsWhenFull) {
+    station::Mailbox mailbox;
+    const station::SteadyTime past{};
+    for (int i = 0; i < 5; ++i) {
+        mailbox.send(station::RawSnapshot{std::to_string(i), {}, {}});
+    }
+    for (int i = 0; i < 300; ++i) {
+        station::Controller::Report report;
+        report.sequence = i;
+        mailbox.send(report);
+        EXPECT_EQ(mailbox.send(station::Command{station::ClearCounters{}, {}}), i < 256) << i;
+    }
+    int told = 0;
+    for (int i = 0; i < 2; ++i) {
+        station::LoadedFiles files;
+        files.askers.push_back([&](const station::LoadedFiles&) { ++told; });
+        mailbox.send(std::move(files));
+    }
+    station::Mailbox::Letters letters = mailbox.takeUntil(past);
+    ASSERT_THAT(letters.snapshots, SizeIs(3));
+    EXPECT_EQ(letters.snapshots.front().text, "2");
+    ASSERT_THAT(letters.reports, SizeIs(256));
+    EXPECT_EQ(letters.reports.front().sequence, 44);
+    EXPECT_THAT(letters.commands, SizeIs(256));
+    ASSERT_TRUE(letters.files);
+    for (const auto& asker : letters.files->askers) {
+        asker(*letters.files);
+    }
+    EXPECT_EQ(told, 2) << "who asked for files that were replaced hears of those that replaced them";
+    EXPECT_EQ(mailbox.droppedSnapshots(), 2U);
+    EXPECT_EQ(mailbox.refusedCommands(), 44U);
+    mailbox.stop();
+    EXPECT_FALSE(mailbox.send(station::Command{station::ClearCounters{}, {}})) << "nobody would answer it";
+    EXPECT_TRUE(mailbox.takeUntil(past).stop);
+}
+
+TEST(StationProbeWatch, TellsTheFaultsApart) {
+    using station::ProbeWatch;
+    struct Case {
+        const char* what;
+        bool asks;
+        bool shows;
+        ProbeWatch::Ends ends;
+        std::optional<bool> silent;
+        std::optional<bool> notAsking;
+        const char* text;  // part of it, or empty for no problem
+    };
+    station::PipeReader::Statistics removed;
+    removed.problem = "no pipe";
+    station::PipeReader::Statistics large;
+    large.lastTooLarge = station::SteadyTime{2h};
+    const Case cases[] = {
+        {"all is well", true, true, {}, false, false, ""},
+        {"gone", false, false, {}, true, {}, "is kestor -s running?"},
+        {"gone, and the port is not ours", false, false, {"port taken", {}}, true, {}, "port taken"},
+        {"asks alone", true, false, {}, true, false, "does something else read its pipe?"},
+        {"asks, and has no pipe", true, false, {"", removed}, true, false, "no pipe"},
+        {"asks, and says too much", true, false, {"", large}, true, false, "larger than 64 MiB"},
+        {"shows alone", false, true, {}, false, true, "did not ask what to watch"},
+        {"shows, and the port is not ours", false, true, {"port taken", {}}, false, true, "port taken"},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.what);
+        station::SteadyTime now{1h};
+        ProbeWatch watch(now);
+        watch.update(now, one.ends);
+        EXPECT_FALSE(watch.look(now).silent || watch.look(now).notAsking) << "nothing is known yet";
+        for (int i = 0; i < 20; ++i) {
+            now += 500ms;
+            if (one.asks) {
+                station::Controller::Report report;
+                report.time.steady = now;
+                watch.request(report);
+            }
+            if (one.shows) {
+                watch.snapshot({"", {now, {}}, {now, {}}});
+            }
+            watch.update(now, one.ends);
+        }
+        EXPECT_EQ(watch.look(now).silent, one.silent);
+        EXPECT_EQ(watch.look(now).notAsking, one.notAsking);
+        EXPECT_EQ(watch.state().connected, one.shows);
+        EXPECT_EQ(watch.state().asks, one.asks);
+        EXPECT_EQ(watch.fresh(now - 1s, now), one.shows) << "what is shown goes by snapshots alone";
+        if (*one.text == '\0') {
+            EXPECT_EQ(watch.state().problem, "");
+        } else {
+            EXPECT_THAT(watch.state().problem, testing::HasSubstr(one.text));
+        }
+        // This process stood still: that says nothing.
+        now += 1min;
+        watch.wokeUp(now);
+        watch.update(now, one.ends);
+        EXPECT_EQ(watch.state().connected, one.shows);
+        EXPECT_FALSE(watch.look(now).silent);
+    }
+}
+
+TEST(StationLog, NeverWaitsForItsReader) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const int before = dup(STDERR_FILENO);
+    ASSERT_TRUE(station::flushLog(5s));
+    dup2(ends[1], STDERR_FILENO);
+    const uint64_t dropped = station::droppedLogLines();
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 5000; ++i) {
+        station::log(station::LogLevel::kNotice, std::string(100, 'x') + std::to_string(i));
+    }
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_FALSE(station::flushLog(10ms)) << "the pipe takes 64 KiB";
+    EXPECT_GT(station::droppedLogLines(), dropped + 1000);
+    // Everything that was not dropped comes, in order, and how many were dropped.
+    std::string read;
+    std::jthread reading([&] {
+        std::array<char, 4096> part;
+        for (ssize_t size; read.find("were dropped") == std::string::npos &&
+                           (size = ::read(ends[0], part.data(), part.size())) > 0;) {
+            read.append(part.data(), static_cast<std::size_t>(size));
+        }
+    });
+    reading.join();
+    EXPECT_TRUE(station::flushLog(5s));
+    dup2(before, STDERR_FILENO);
+    for (const int one : {before, ends[0], ends[1]}) {
+        close(one);
+    }
+    EXPECT_LT(took, 2s);
+    EXPECT_LT(read.find("x0\n"), read.find("x999\n"));
+    EXPECT_NE(read.find("<4>" + std::to_string(station::droppedLogLines() - dropped) + " lines of the log"),
+              std::string::npos);
 }

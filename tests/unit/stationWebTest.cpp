@@ -293,6 +293,12 @@ TEST_F(StationWeb, AnswersRequestsAndRefusesWhatIsNone) {
     station.full = true;
     EXPECT_THAT(ask(change("POST /api/v1/clear", "")),
                 AllOf(StartsWith("HTTP/1.1 503 "), HasSubstr("Retry-After: ")));
+    // Whatever keeps the owner from going on shows in the age of what it published.
+    const auto published = std::chrono::steady_clock::now();
+    station.change([&](StationState& state) { state.now.steady = published - std::chrono::seconds(6); });
+    EXPECT_THAT(ask(get("/readyz")), AllOf(StartsWith("HTTP/1.1 503 "), HasSubstr("stuck")));
+    station.change([&](StationState& state) { state.now.steady = published; });
+    EXPECT_THAT(ask(get("/readyz")), StartsWith("HTTP/1.1 200 "));
     station.change([](StationState& state) { state.probe.connected = false; });
     EXPECT_THAT(ask(get("/readyz")), AllOf(StartsWith("HTTP/1.1 503 "), HasSubstr("silent")));
 }

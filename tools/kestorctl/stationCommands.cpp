@@ -135,8 +135,15 @@ int showStatus(StationClient& station, const StationRequest& request) {
             "          the station cannot listen where the probe asks: another controller does; its log "
             "tells");
     }
-    if (const std::string problem = text(probe, "pipeProblem"); problem != "-") {
+    const std::string problem = text(probe, "problem");
+    const std::string pipe = text(probe, "pipeProblem");
+    if (problem != "-") {
         printf("          %s\n", problem.c_str());
+    } else if (pipe != "-") {
+        printf("          %s\n", pipe.c_str());
+    }
+    if (probe.value("secondAsker", false)) {
+        puts("          something else asks at the controller's port as well, and is told nothing: stop it");
     }
     printf("channels  %s configured, %s watched, %s with signal\n", number(channels, "configured").c_str(),
            number(channels, "watched").c_str(), number(channels, "withSignal").c_str());
