@@ -15,6 +15,7 @@
 #include "channels/fileWatch.h"
 #include "channels/textFile.h"
 #include "common/log.h"
+#include "knownFiles.h"
 #include "playlistCopies.h"
 
 namespace station {
@@ -27,17 +28,6 @@ using std::chrono::steady_clock;
 constexpr int kLongestWaitMs = 1000;
 constexpr int kWaitForRestMs = 50;
 
-// What is known of one playlist.
-struct List {
-    std::optional<Playlist> good;  // as it was last read
-    std::string refusal;           // why it cannot be read; empty when it can
-    bool tried = false;
-    bool waits = false;  // it is being written
-    LogOnChange trouble;
-    LogOnChange copyTrouble;
-    std::optional<std::string> toCopy;  // its bytes, until the copy holds them
-};
-
 }  // namespace
 
 struct FileReader::Implementation {
@@ -48,11 +38,8 @@ struct FileReader::Implementation {
 
     // Below: the reader's thread alone, once it runs.
     FileWatch watch;
-    std::shared_ptr<const Configuration> configuration;  // the last good one
-    std::vector<std::string> mistakes;                   // of the file as it is
-    bool configurationWaits = false;
-    LogOnChange openTrouble;  // that everybody can read
-    std::map<std::filesystem::path, List> lists;
+    KnownFiles known;
+    LogOnChange openTrouble;               // that everybody can read
     std::optional<PlaylistCopies> copies;  // in the first state directory: another one needs a restart
     steady_clock::time_point readAgain;
     std::optional<steady_clock::time_point> askedSince;  // a reading that waits for files to rest
@@ -77,6 +64,7 @@ struct FileReader::Implementation {
         if (wake < 0 || done < 0) {
             throw std::runtime_error("no descriptor for reading files: is the limit of open files reached?");
         }
+        known.configurationFile = options.configuration;
         thread = std::thread([this] { run(); });
     }
     ~Implementation() {
@@ -150,11 +138,11 @@ struct FileReader::Implementation {
             const std::lock_guard lock(mutex);
             configurationRead = steady_clock::now();
         }
-        if (configuration) {
+        if (known.configuration) {
             watchFiles();
             takeUpCopies();
             begin();
-            for (const PlaylistSource& source : configuration->playlists) {
+            for (const PlaylistSource& source : known.configuration->playlists) {
                 readList(source.file, refused);
                 begin();
             }
@@ -173,19 +161,19 @@ struct FileReader::Implementation {
 
     // Shows the first reading as far as it is.
     void begin() {
-        LoadedFiles files = collect();
+        LoadedFiles files = known.collect();
         const std::lock_guard lock(mutex);
         begun = std::move(files);
     }
 
     void takeUpCopies() {
-        for (const PlaylistSource& source : configuration->playlists) {
-            List& list = lists[source.file];
+        for (const PlaylistSource& source : known.configuration->playlists) {
+            KnownPlaylist& list = known.lists[source.file];
             if (list.tried || list.good) {
                 continue;
             }
             std::string problem;
-            const std::string bytes = copies->read(source.file, configuration->playlists, problem);
+            const std::string bytes = copies->read(source.file, known.configuration->playlists, problem);
             if (problem.empty()) {
                 list.good = playlistOf(bytes, source.file, problem);
             }
@@ -218,7 +206,7 @@ struct FileReader::Implementation {
             return;
         }
         readAgain = steady_clock::now() + kReadsAgain;
-        for (const auto& [file, list] : lists) {
+        for (const auto& [file, list] : known.lists) {
             std::error_code error;
             if (!list.refusal.empty() && std::ranges::find(changed, file) == changed.end() &&
                 std::filesystem::exists(file, error)) {
@@ -241,16 +229,16 @@ struct FileReader::Implementation {
         std::vector<std::string> refused;
         bool news = all;
         if (wanted(options.configuration)) {
-            configurationWaits = !watch.rests(options.configuration);
-            if (!configurationWaits) {
+            known.configurationWaits = !watch.rests(options.configuration);
+            if (!known.configurationWaits) {
                 readConfiguration(refused);
                 watchFiles();
                 takeUpCopies();
                 news = true;
             }
         }
-        for (const auto& file : playlistFiles()) {
-            List& list = lists[file];
+        for (const auto& file : known.playlistFiles()) {
+            KnownPlaylist& list = known.lists[file];
             if (!wanted(file) && list.tried) {
                 continue;
             }
@@ -267,19 +255,8 @@ struct FileReader::Implementation {
 
     // Files.
 
-    std::vector<std::filesystem::path> playlistFiles() const {
-        std::vector<std::filesystem::path> files;
-        for (const PlaylistSource& source :
-             configuration ? configuration->playlists : std::vector<PlaylistSource>{}) {
-            if (std::ranges::find(files, source.file) == files.end()) {
-                files.push_back(source.file);
-            }
-        }
-        return files;
-    }
-
     std::vector<std::filesystem::path> watched() const {
-        std::vector<std::filesystem::path> files = playlistFiles();
+        std::vector<std::filesystem::path> files = known.playlistFiles();
         if (!options.configuration.empty()) {
             files.insert(files.begin(), options.configuration);
         }
@@ -290,7 +267,7 @@ struct FileReader::Implementation {
         const std::vector<std::filesystem::path> files = watched();
         const Reading reading(*this, "the directories of configuration and playlists");
         watch.watch(files);
-        std::erase_if(lists,
+        std::erase_if(known.lists,
                       [&](const auto& list) { return std::ranges::find(files, list.first) == files.end(); });
     }
 
@@ -299,33 +276,33 @@ struct FileReader::Implementation {
         ConfigurationResult read = options.configuration.empty()
                                        ? parseConfiguration("", "station.toml")
                                        : station::readConfiguration(options.configuration);
-        mistakes.clear();
+        known.mistakes.clear();
         for (const Mistake& mistake : read.mistakes) {
-            mistakes.push_back(mistake.message());
-            if (configuration) {
+            known.mistakes.push_back(mistake.message());
+            if (known.configuration) {
                 log(LogLevel::kWarning, mistake.message() + "; the last good configuration holds");
             }
         }
-        refused.insert(refused.end(), mistakes.begin(), mistakes.end());
-        if (!mistakes.empty()) {
+        refused.insert(refused.end(), known.mistakes.begin(), known.mistakes.end());
+        if (!known.mistakes.empty()) {
             return;
         }
         options.override(read.configuration);
-        configuration = std::make_shared<const Configuration>(std::move(read.configuration));
-        if (const std::string note = openToAll(*configuration); note.empty()) {
+        known.configuration = std::make_shared<const Configuration>(std::move(read.configuration));
+        if (const std::string note = openToAll(*known.configuration); note.empty()) {
             openTrouble.over();
         } else {
             openTrouble.say(LogLevel::kWarning, note);
         }
         if (!copies) {
-            copies.emplace(configuration->state);
+            copies.emplace(known.configuration->state);
         }
     }
 
     // True when the list was read.
     bool readList(const std::filesystem::path& file, std::vector<std::string>& refused) {
         const Reading reading(*this, file);
-        List& list = lists[file];
+        KnownPlaylist& list = known.lists[file];
         std::string problem;
         std::string bytes = options.read(file, kPlaylistLimit, problem);
         std::optional<Playlist> playlist = problem.empty() ? playlistOf(bytes, file, problem) : std::nullopt;
@@ -345,16 +322,10 @@ struct FileReader::Implementation {
             list.toCopy = std::move(bytes);
             return true;
         }
-        list.refusal = "playlist " + file.string() + " " + problem + whatHolds(list);
+        list.refusal = "playlist " + file.string() + " " + problem + list.whatHolds();
         refused.push_back(list.refusal);
         list.trouble.say(LogLevel::kWarning, list.refusal);
         return false;
-    }
-
-    static std::string whatHolds(const List& list) {
-        return list.good ? "; its last good list of " + std::to_string(list.good->channels.size()) +
-                               " channels holds"
-                         : "";
     }
 
     void writeCopies() {
@@ -364,7 +335,7 @@ struct FileReader::Implementation {
                 return;
             }
         }
-        for (auto& [file, list] : lists) {
+        for (auto& [file, list] : known.lists) {
             if (!list.toCopy || !copies) {
                 continue;
             }
@@ -382,67 +353,8 @@ struct FileReader::Implementation {
 
     // What is told.
 
-    ReadResult result() const {
-        ReadResult now;
-        now.configurationRefused = !mistakes.empty();
-        now.refusals = mistakes;
-        std::size_t details = 0;
-        for (const auto& file : playlistFiles()) {
-            const auto found = lists.find(file);
-            details += found == lists.end() || !found->second.good ? 0 : found->second.good->notes.size();
-        }
-        std::vector<std::string> notes;
-        if (const std::string note = configuration ? openToAll(*configuration) : ""; !note.empty()) {
-            now.notes.push_back(note);
-        }
-        if (configurationWaits) {
-            now.notes.push_back(options.configuration.string() +
-                                " is being written, and read when that is over");
-        }
-        for (const auto& file : playlistFiles()) {
-            const auto found = lists.find(file);
-            if (found == lists.end()) {
-                continue;
-            }
-            const List& list = found->second;
-            const std::string name = file.filename().string();
-            if (!list.refusal.empty()) {
-                now.refusals.push_back(list.refusal);
-            }
-            if (list.waits) {
-                now.notes.push_back(name + " is being written, and read when that is over" + whatHolds(list));
-            }
-            if (!list.good) {
-                continue;
-            }
-            if (list.good->skipped > list.good->notes.size() ||
-                (list.good->skipped > 0 && details > kNotes)) {
-                now.notes.push_back(name + ": " + std::to_string(list.good->skipped) + " lines skipped");
-            }
-            for (const PlaylistNote& note : list.good->notes) {
-                notes.push_back(name + ":" + std::to_string(note.line) + ": " + note.text);
-            }
-        }
-        notes.resize(std::min(notes.size(), kNotes));
-        now.notes.insert(now.notes.end(), notes.begin(), notes.end());
-        return now;
-    }
-
-    LoadedFiles collect() const {
-        LoadedFiles files;
-        files.configuration = configuration;
-        files.result = result();
-        for (const PlaylistSource& source :
-             configuration ? configuration->playlists : std::vector<PlaylistSource>{}) {
-            if (const auto list = lists.find(source.file); list != lists.end() && list->second.good) {
-                files.playlists.emplace_back(source, *list->second.good);
-            }
-        }
-        return files;
-    }
-
     void tell(std::vector<std::function<void(const ReadResult&)>> told, std::vector<std::string> refused) {
-        LoadedFiles files = collect();
+        LoadedFiles files = known.collect();
         files.refused = std::move(refused);
         const auto shared = std::make_shared<const ReadResult>(files.result);
         for (auto& asker : told) {

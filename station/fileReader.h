@@ -31,8 +31,6 @@ class FileReader {
     static constexpr std::chrono::milliseconds kReloadWait{2000};
     // A playlist that is there and cannot be read is tried again so often, though nothing changes.
     static constexpr std::chrono::milliseconds kReadsAgain{10000};
-    static constexpr std::size_t kNotes =
-        100;  // of all playlists; each one's count of skipped lines goes first
 
     // Begins to read. `deliver` is called on the reader's thread, with what changed after first().
     FileReader(Options options, Deliver deliver);

@@ -10,6 +10,7 @@
 #include <span>
 
 #include "common/text.h"
+#include "groupText.h"
 
 namespace station {
 
@@ -273,7 +274,9 @@ void readInto(const Value& value, Group& target) {
     const auto* string = value.node.as_string();
     const std::optional<Group> group = string == nullptr ? std::nullopt : Group::parse(string->get());
     if (!group) {
-        value.wrong("must be an IPv4 multicast address, \"224.0.0.0\" to \"239.255.255.255\"");
+        const std::string within = string == nullptr ? "" : groupWithin(string->get());
+        value.wrong(within.empty() ? "must be an IPv4 multicast address, \"224.0.0.0\" to \"239.255.255.255\""
+                                   : "must be the group alone, without scheme and port: \"" + within + "\"");
         return;
     }
     target = *group;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "common/text.h"
+#include "groupText.h"
 
 namespace station {
 
@@ -78,7 +79,7 @@ class BodyReader {
         const auto given = text(name);
         const auto group = given ? Group::parse(*given) : std::nullopt;
         if (given && !group) {
-            return refuse(name, "has to be an IPv4 multicast group, 224.0.0.0 to 239.255.255.255");
+            return refuse(name, groupProblem(*given));
         }
         return group;
     }

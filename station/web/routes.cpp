@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "common/text.h"
+#include "groupText.h"
 #include "web/handlers.h"
 
 namespace station {
@@ -162,8 +163,7 @@ std::optional<Response> takeWildcards(const Route& route, const Wildcards& wildc
     if (route.pattern.find("{group}") != std::string_view::npos) {
         call.group = Group::parse(*text);
         if (!call.group) {
-            return problem(422, "The path has to name an IPv4 multicast group, 224.0.0.0 to 239.255.255.255",
-                           "group");
+            return problem(422, "The path's group " + groupProblem(*text), "group");
         }
     } else if (route.pattern.find("{id}") != std::string_view::npos) {
         call.id = parseInteger(*text).value_or(0);

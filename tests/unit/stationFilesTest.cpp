@@ -16,6 +16,7 @@
 #include "channels/fileWatch.h"
 #include "channels/textFile.h"
 #include "fileReader.h"
+#include "knownFiles.h"
 #include "playlistCopies.h"
 
 using namespace std::chrono_literals;
@@ -270,6 +271,7 @@ TEST_F(StationFiles, AShareThatHangsHoldsUpNobody) {
     ASSERT_TRUE(eventually([&] { return fs::exists(directory / "state/playlists"); }));
 
     // At the start the copy holds, and what is read at last is delivered.
+    reader.reset();
     write("share/list.m3u", entries(1, 5));
     std::this_thread::sleep_for(kFileQuiet);
     share.hang(true);
@@ -297,7 +299,7 @@ TEST_F(StationFiles, SkippedLinesAreCountedForEachList) {
     write("b.m3u", entries(2, 1) + "udp://@239.1.1.2:5000\nno\n");
     configure(playlist("a.m3u") + playlist("b.m3u"));
     const LoadedFiles files = start();
-    EXPECT_THAT(files.result.notes, SizeIs(2 + FileReader::kNotes));
+    EXPECT_THAT(files.result.notes, SizeIs(2 + KnownFiles::kNotes));
     EXPECT_EQ(files.result.notes[0], "a.m3u: 250 lines skipped");
     EXPECT_EQ(files.result.notes[1], "b.m3u: 2 lines skipped");
 }

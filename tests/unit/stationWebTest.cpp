@@ -210,6 +210,8 @@ TEST_F(StationWeb, AnswersRequestsAndRefusesWhatIsNone) {
         {get("/lib/dygraph.js"), 404, "problem"},
         // Not understood.
         {get("/api/v1/channels/10.0.0.1"), 422, "\"field\":\"group\""},
+        {change("PUT /api/v1/channels/239.1.1.9:5000", "{}"), 422, "without scheme and port: 239.1.1.9\""},
+        {change("PUT /api/v1/channels/udp%3A%2F%2F%40239.1.1.9%3A5000", "{}"), 422, "port: 239.1.1.9\""},
         {get(kGroup + "/history"), 422, "\"field\":\"metric\""},
         {get(kGroup + "/history?metric=bitRate&resolution=2"), 422, "\"field\":\"resolution\""},
         {get("/api/v1/events?channel="), 422, "\"field\":\"channel\""},

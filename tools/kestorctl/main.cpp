@@ -1,6 +1,4 @@
 // kestorctl: tells the probe what to monitor and shows what it finds, through the station where one runs.
-#include <arpa/inet.h>
-
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -8,6 +6,7 @@
 
 #include "completion.h"
 #include "controllerLink.h"
+#include "groupText.h"
 #include "scan.h"
 #include "stationClient.h"
 #include "stationCommands.h"
@@ -25,11 +24,7 @@ constexpr const char* kNeedsStation = "With a station";
 using configuration::ConfigurationMessage;
 
 std::string checkGroup(const std::string& text) {
-    in_addr address{};
-    if (inet_pton(AF_INET, text.c_str(), &address) == 1 && IN_MULTICAST(ntohl(address.s_addr))) {
-        return {};
-    }
-    return text + " is not an IPv4 multicast address";
+    return isGroup(text) ? "" : text + " " + groupProblem(text);
 }
 
 // Every group once: a repeated one is fatal to a probe that scans.

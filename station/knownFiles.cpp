@@ -1,0 +1,80 @@
+#include "knownFiles.h"
+
+#include <algorithm>
+
+namespace station {
+
+std::string KnownPlaylist::whatHolds() const {
+    return good ? "; its last good list of " + std::to_string(good->channels.size()) + " channels holds" : "";
+}
+
+std::vector<std::filesystem::path> KnownFiles::playlistFiles() const {
+    std::vector<std::filesystem::path> files;
+    for (const PlaylistSource& source :
+         configuration ? configuration->playlists : std::vector<PlaylistSource>{}) {
+        if (std::ranges::find(files, source.file) == files.end()) {
+            files.push_back(source.file);
+        }
+    }
+    return files;
+}
+
+ReadResult KnownFiles::result() const {
+    constexpr const char* kBeingWritten = " is being written, and read when that is over";
+    ReadResult now;
+    now.configurationRefused = !mistakes.empty();
+    now.refusals = mistakes;
+    if (const std::string note = configuration ? openToAll(*configuration) : ""; !note.empty()) {
+        now.notes.push_back(note);
+    }
+    if (configurationWaits) {
+        now.notes.push_back(configurationFile.string() + kBeingWritten);
+    }
+    std::vector<std::string> lines;
+    std::vector<std::pair<std::string, const Playlist*>> read;
+    for (const auto& file : playlistFiles()) {
+        const auto found = lists.find(file);
+        if (found == lists.end()) {
+            continue;
+        }
+        const KnownPlaylist& list = found->second;
+        const std::string name = file.filename().string();
+        if (!list.refusal.empty()) {
+            now.refusals.push_back(list.refusal);
+        }
+        if (list.waits) {
+            now.notes.push_back(name + kBeingWritten + list.whatHolds());
+        }
+        if (!list.good) {
+            continue;
+        }
+        read.emplace_back(name, &*list.good);
+        for (const PlaylistNote& note : list.good->notes) {
+            lines.push_back(name + ":" + std::to_string(note.line) + ": " + note.text);
+        }
+    }
+    const bool allShown = lines.size() <= kNotes;
+    for (const auto& [name, list] : read) {
+        if (list->skipped > (allShown ? list->notes.size() : 0)) {
+            now.notes.push_back(name + ": " + std::to_string(list->skipped) + " lines skipped");
+        }
+    }
+    lines.resize(std::min(lines.size(), kNotes));
+    now.notes.insert(now.notes.end(), lines.begin(), lines.end());
+    return now;
+}
+
+LoadedFiles KnownFiles::collect() const {
+    LoadedFiles files;
+    files.configuration = configuration;
+    files.result = result();
+    for (const PlaylistSource& source :
+         configuration ? configuration->playlists : std::vector<PlaylistSource>{}) {
+        if (const auto list = lists.find(source.file); list != lists.end() && list->second.good) {
+            files.playlists.emplace_back(source, *list->second.good);
+        }
+    }
+    return files;
+}
+
+}  // namespace station
