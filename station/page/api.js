@@ -4,6 +4,7 @@
 const kBase = new URL('api/v1/', document.baseURI).href;
 const kTimeoutMs = 15_000;
 const kImportTimeoutMs = 75_000;  // the station takes 60 s for one to come
+const kAccessAgainMs = 5_000;
 const kTokenKey = 'kestor-token';
 
 // What the station refused, or why it could not be asked. `field` names what was given wrongly, or is empty;
@@ -120,13 +121,15 @@ export class Api {
     return this.request('POST', 'import', bytes, 'text/plain', kImportTimeoutMs);
   }
 
-  // Asks what changes need here, and drops a token that is not right any more.
+  // Asks what changes need here, until the station says it, and drops a token that is not right any more.
   async loadAccess() {
+    clearTimeout(this.accessAgain);
     try {
       this.changes = (await send('GET', 'access', '')).changes;
       if (this.token && !await this.accepts(this.token)) this.token = '';
     } catch {
-      return;  // asked again with the next connection
+      this.accessAgain = setTimeout(() => this.loadAccess(), kAccessAgainMs);
+      return;
     }
     this.tell();
   }

@@ -46,7 +46,6 @@ export function ask({title, text = '', fields = {}, action = '', danger = false,
     document.body.append(dialog);
     dialog.showModal();
     form.querySelector('input, textarea, select')?.focus();
-    if (text && !made.length) heading.tabIndex = -1;
   });
 }
 

@@ -78,7 +78,7 @@ class DoubtTest(unittest.TestCase):
             return label.parentNode.querySelector('.field-error').textContent""", label)
 
     def test_what_was_not_told_is_unknown(self):
-        for path in ("stream", "status", "alarms", "events", "maintenance"):
+        for path in ("stream", "status", "alarms", "events", "maintenance", "access"):
             self.between.spoil(f"/api/v1/{path}", "hang" if path == "stream" else 503)
         self.open("#events")
         wait_for("counts", 5, lambda: self.browser.texts("#severities b"))
@@ -95,6 +95,7 @@ class DoubtTest(unittest.TestCase):
         wait_for("its row and the events", 10,
                  lambda: len(self.browser.texts(ALARMS)) == 1 and self.browser.texts(EVENTS))
         self.assertIn("event stream does not come", self.shown("#banner"))
+        wait_for("what changes need", 10, lambda: self.shown("#token") == "Unlock")
         self.assertEqual(self.browser.run("return document.documentElement.dataset.stale"), "")
         self.open()
         wait_for("the tile by an answer", 10, lambda: "Mbit/s" in self.shown("main"))
