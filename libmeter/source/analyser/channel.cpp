@@ -92,7 +92,7 @@ void ChannelAnalyser::Channel::changeFlow(const Datagram& datagram) {
     events_.emplace_back(std::move(change));
     flow_ = {datagram.source, datagram.sourcePort, datagram.destinationPort};
     encapsulation_ = Encapsulation::kUnknown;
-    packetsPerDatagram_ = 0;
+    bytesPerDatagram_ = 0;
     anyDatagram_ = false;
     rtp_.restart();
     interArrival_ = {};
@@ -100,22 +100,35 @@ void ChannelAnalyser::Channel::changeFlow(const Datagram& datagram) {
     feedFlow(datagram);
 }
 
+inline void ChannelAnalyser::Channel::count(Bytes packets, Encapsulation encapsulation, Nanoseconds arrival) {
+    encapsulation_ = encapsulation;
+    if (!packets.empty()) {
+        bytesPerDatagram_ = static_cast<uint32_t>(packets.size());
+    }
+    delivery_.datagram(arrival - (secondEnd_ - kNsPerSecond), packets.size());
+}
+
+inline void ChannelAnalyser::Channel::feedPlain(Bytes packets, Nanoseconds arrival, Nanoseconds wall) {
+    count(packets, Encapsulation::kUdp, arrival);
+    order_.flush(*this);
+    stream_.packets(packets, arrival, wall, 0);
+}
+
 void ChannelAnalyser::Channel::feedFlow(const Datagram& datagram) {
     const Nanoseconds arrival = std::max(datagram.arrival - begin_, now_);
     now_ = arrival;
     if (arrival >= secondEnd_) {
         endSeconds(arrival);
+        marks_ = marksOf(datagram);
     }
     if (anyDatagram_) {
         interArrival_.datagram(arrival - lastDatagram_);
+    } else {
+        anyDatagram_ = true;
+        marks_ = marksOf(datagram);
     }
-    anyDatagram_ = true;
     lastDatagram_ = arrival;
     ++datagrams_;
-    ttl_ = datagram.ttl;
-    dscp_ = datagram.dscp;
-    vlanCount_ = std::min<uint8_t>(datagram.vlanCount, kVlanTagsLimit);
-    vlan_ = datagram.vlan;
     if (isPlain(datagram.payload)) {
         feedPlain(datagram.payload, arrival, datagram.wall);
         return;
@@ -131,20 +144,6 @@ void ChannelAnalyser::Channel::feedFlow(const Datagram& datagram) {
     }
     count(payload.packets, Encapsulation::kRtp, arrival);
     feedRtp(payload.rtp, arrival, datagram.wall);
-}
-
-void ChannelAnalyser::Channel::count(Bytes packets, Encapsulation encapsulation, Nanoseconds arrival) {
-    encapsulation_ = encapsulation;
-    if (!packets.empty()) {
-        packetsPerDatagram_ = static_cast<uint32_t>(packets.size() / kPacketSize);
-    }
-    delivery_.datagram(arrival - (secondEnd_ - kNsPerSecond), packets.size());
-}
-
-void ChannelAnalyser::Channel::feedPlain(Bytes packets, Nanoseconds arrival, Nanoseconds wall) {
-    count(packets, Encapsulation::kUdp, arrival);
-    order_.flush(*this);
-    stream_.packets(packets, arrival, wall, 0);
 }
 
 void ChannelAnalyser::Channel::feedRtp(const RtpPacket& rtp, Nanoseconds arrival, Nanoseconds wall) {
@@ -164,7 +163,7 @@ void ChannelAnalyser::Channel::ordered(Bytes packets, Nanoseconds arrival, Nanos
     uint64_t missingPackets = 0;
     if (missing > 0) {
         rtp_.missing(missing);
-        missingPackets = uint64_t{missing} * packetsPerDatagram_;
+        missingPackets = uint64_t{missing} * packetsPerDatagram();
         rtpMissing_ += missingPackets;
         rtpLongest_ = std::max(rtpLongest_, missingPackets);
         delivery_.loss().byRtp += missingPackets;
@@ -248,21 +247,21 @@ FlowReport ChannelAnalyser::Channel::flowReport() const {
         report.source = flow_->source;
         report.sourcePort = flow_->sourcePort;
         report.port = flow_->port;
-        report.ttl = ttl_;
-        report.dscp = dscp_;
+        report.ttl = marks_.ttl;
+        report.dscp = marks_.dscp;
     }
     if (encapsulation_ != Encapsulation::kUnknown) {
         report.encapsulation = encapsulation_ == Encapsulation::kRtp ? "rtp" : "udp";
     }
-    if (packetsPerDatagram_ > 0) {
-        report.packetsPerDatagram = packetsPerDatagram_;
+    if (bytesPerDatagram_ > 0) {
+        report.packetsPerDatagram = packetsPerDatagram();
     }
     report.datagrams = datagrams_;
     report.malformed = malformed_;
     report.fragments = fragments_;
     report.otherFlows = otherFlows_;
     report.fec = protection_;
-    report.vlan.assign(vlan_.begin(), vlan_.begin() + vlanCount_);
+    report.vlan.assign(marks_.vlan.begin(), marks_.vlan.begin() + marks_.vlanCount);
     return report;
 }
 

@@ -33,6 +33,21 @@ class ChannelAnalyser::Channel final : private OrderedSink {
         uint16_t port = 0;
     };
 
+    // What headers say that seldom changes: looked at once a second.
+    struct Marks {
+        uint8_t ttl = 0;
+        uint8_t dscp = 0;
+        uint8_t vlanCount = 0;
+        std::array<uint16_t, kVlanTagsLimit> vlan{};
+    };
+    static Marks marksOf(const Datagram& datagram) {
+        return {datagram.ttl, datagram.dscp, std::min<uint8_t>(datagram.vlanCount, kVlanTagsLimit),
+                datagram.vlan};
+    }
+    uint32_t packetsPerDatagram() const {
+        return bytesPerDatagram_ / static_cast<uint32_t>(kPacketSize);
+    }
+
     void ordered(Bytes packets, Nanoseconds arrival, Nanoseconds wall, uint32_t missing) override;
     bool fits(const Datagram& datagram) const;
     bool isFlow(const Datagram& datagram) const;
@@ -56,16 +71,13 @@ class ChannelAnalyser::Channel final : private OrderedSink {
 
     std::optional<Flow> flow_;
     Encapsulation encapsulation_ = Encapsulation::kUnknown;
-    uint32_t packetsPerDatagram_ = 0;
+    uint32_t bytesPerDatagram_ = 0;  // of transport packets
     uint64_t datagrams_ = 0;
     uint64_t malformed_ = 0;
     uint64_t fragments_ = 0;
     uint64_t otherFlows_ = 0;
     uint64_t protection_ = 0;
-    uint8_t ttl_ = 0;
-    uint8_t dscp_ = 0;
-    uint8_t vlanCount_ = 0;
-    std::array<uint16_t, kVlanTagsLimit> vlan_{};
+    Marks marks_;
 
     Nanoseconds begin_ = 0;  // of the first flow; all below is since then
     Nanoseconds beginWall_ = 0;

@@ -13,8 +13,10 @@ constexpr uint64_t kSpreadShare = 100;  // of the median; a constant rate's spre
 
 // Equal rates stand in the order of their places, so that each can be found again.
 bool RecentRates::rateLess(uint16_t a, uint16_t b) const {
-    const uint64_t left = ring_[a].rate;
-    const uint64_t right = ring_[b].rate;
+    const Pace& first = ring_[a].pace;
+    const Pace& second = ring_[b].pace;
+    const uint64_t left = uint64_t{first.packets} * second.ticks;
+    const uint64_t right = uint64_t{second.packets} * first.ticks;
     return left != right ? left < right : a < b;
 }
 
@@ -57,7 +59,7 @@ void RecentRates::add(const Pace& pace, Ticks now) {
         }
     }
     const auto index = static_cast<uint16_t>((oldest_ + order_.size()) % ring_.size());
-    ring_[index] = {(uint64_t{pace.packets} << 32) / pace.ticks, pace, ms};
+    ring_[index] = {pace, ms};
     packets_ += pace.packets;
     ticks_ += pace.ticks;
     order_.insert(std::upper_bound(order_.begin(), order_.end(), index,
@@ -72,9 +74,14 @@ void RecentRates::judge() {
     if (count < kRatesToJudge) {
         return;
     }
-    const uint64_t low = ring_[order_[count * 5 / 100]].rate;
-    const uint64_t high = ring_[order_[count * 95 / 100]].rate;
-    constant_ = (high - low) < ring_[order_[count / 2]].rate / kSpreadShare;
+    // With 32 bits of fraction: far finer than a hundredth.
+    const auto rate = [this](std::size_t rank) {
+        const Pace pace = paceAt(rank);
+        return (uint64_t{pace.packets} << 32) / pace.ticks;
+    };
+    const uint64_t low = rate(count * 5 / 100);
+    const uint64_t high = rate(count * 95 / 100);
+    constant_ = (high - low) < rate(count / 2) / kSpreadShare;
 }
 
 void RecentRates::clear() {

@@ -41,7 +41,6 @@ class RecentRates {
     static constexpr std::size_t kFirstCapacity = 64;
 
     struct Sample {
-        uint64_t rate = 0;  // packets a tick, 32 bits of fraction
         Pace pace;
         uint32_t time = 0;  // ms, modulo 2^32
     };

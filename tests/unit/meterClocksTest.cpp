@@ -1,0 +1,213 @@
+// Stream time, program clocks and loss, against streams whose truth is known by construction.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "clocks/accuracyBlock.h"
+#include "clocks/clockOffset.h"
+#include "clocks/recentRates.h"
+#include "clocks/streamTime.h"
+#include "support/meterStream.h"
+
+namespace {
+
+using meter::kTicksPerMs;
+using meter::kTicksPerSecond;
+using meter::Ticks;
+using psi::TsPacket;
+using test::MeterStream;
+
+// A clock with a PCR each 10 packets, each a millisecond long.
+class MeterStreamTime : public testing::Test {
+  protected:
+    static constexpr Ticks kBase = 1'000'000'000;
+
+    // The next packets up to one with a PCR; returns that one's stream time.
+    Ticks pcr(Ticks value, uint64_t packets = 10, uint16_t pid = 1, bool discontinuity = false) {
+        for (uint64_t i = 0; i < packets; ++i) {
+            time_.packet();
+        }
+        position_ += packets;
+        meter::ClockTrack& track = pid == 1 ? one_ : two_;
+        track.discontinuity = discontinuity;
+        return time_.pcr(pid, track, value, position_);
+    }
+
+    meter::StreamTime time_;
+    meter::ClockTrack one_;
+    meter::ClockTrack two_;
+    uint64_t position_ = 0;
+};
+
+TEST_F(MeterStreamTime, FollowsTheClockAcrossItsWrap) {
+    Ticks value = meter::kPcrModulus - 15 * kTicksPerMs;
+    const Ticks begin = pcr(value);
+    for (int i = 1; i <= 10; ++i) {
+        value = (value + 10 * kTicksPerMs) % meter::kPcrModulus;
+        EXPECT_EQ(pcr(value), begin + i * 10 * kTicksPerMs);
+    }
+    time_.packet();
+    EXPECT_EQ(time_.now(), begin + 101 * kTicksPerMs);
+}
+
+TEST_F(MeterStreamTime, GoesOnAtThePaceAcrossStepsAndLosses) {
+    const Ticks begin = pcr(kBase);
+    for (int i = 1; i <= 5; ++i) {
+        pcr(kBase + i * 10 * kTicksPerMs);
+    }
+    EXPECT_EQ(pcr(5), begin + 60 * kTicksPerMs) << "back";
+    EXPECT_EQ(pcr(5 + 10 * kTicksPerMs), begin + 70 * kTicksPerMs);
+    EXPECT_EQ(pcr(5 + 2 * kTicksPerSecond), begin + 80 * kTicksPerMs) << "too far ahead";
+    EXPECT_EQ(pcr(5 + 2 * kTicksPerSecond + 50 * kTicksPerMs, 10, 1, true), begin + 90 * kTicksPerMs)
+        << "signalled";
+    EXPECT_EQ(pcr(5 + 3 * kTicksPerSecond + 50 * kTicksPerMs, 10), begin + 90 * kTicksPerMs + kTicksPerSecond)
+        << "within a second";
+    time_.skip(5);
+    EXPECT_EQ(time_.now(), begin + 95 * kTicksPerMs + kTicksPerSecond);
+}
+
+TEST_F(MeterStreamTime, NeverRunsBackwardsAndKeepsTheClocksOwn) {
+    const Ticks begin = pcr(kBase);
+    pcr(kBase + 10 * kTicksPerMs);
+    // Thirty packets that the clock says were made in 10 ms.
+    EXPECT_EQ(pcr(kBase + 20 * kTicksPerMs, 30), begin + 40 * kTicksPerMs);
+    EXPECT_EQ(one_.time, begin + 20 * kTicksPerMs);
+    EXPECT_EQ(pcr(kBase + 30 * kTicksPerMs, 1), begin + 40 * kTicksPerMs);
+    EXPECT_EQ(pcr(kBase + 60 * kTicksPerMs, 10), begin + 60 * kTicksPerMs);
+}
+
+TEST_F(MeterStreamTime, TakesAnotherReferenceAfterFiftyOfItsClocks) {
+    pcr(kBase);
+    pcr(kBase + 10 * kTicksPerMs);
+    EXPECT_EQ(time_.reference(), 1);
+    for (int i = 0; i < 49; ++i) {
+        pcr(i * 10 * kTicksPerMs, 10, 2);
+    }
+    EXPECT_EQ(time_.reference(), 1);
+    const Ticks before = time_.now();
+    EXPECT_EQ(pcr(490 * kTicksPerMs, 10, 2), before + 10 * kTicksPerMs);
+    EXPECT_EQ(time_.reference(), 2);
+    EXPECT_EQ(pcr(500 * kTicksPerMs, 10, 2), before + 20 * kTicksPerMs);
+}
+
+TEST(MeterStreamTimeAlone, RunsWithArrivalBeforeThereIsAPace) {
+    meter::StreamTime time;
+    for (int i = 0; i < 1000; ++i) {
+        time.arrived(1'000'001);
+        time.packet();
+    }
+    EXPECT_EQ(time.now(), meter::toTicks(1'000'001'000));
+}
+
+TEST(MeterRates, AreConstantFromEightOnWithinAHundredth) {
+    meter::RecentRates rates;
+    for (int i = 1; i <= 8; ++i) {
+        EXPECT_FALSE(rates.constant());
+        rates.add({static_cast<uint32_t>(1'000'000 + i * 100), 1000}, i * kTicksPerSecond / 10);
+    }
+    EXPECT_TRUE(rates.constant());
+    rates.add({2'000'000, 1000}, kTicksPerSecond);
+    rates.add({2'000'000, 1000}, kTicksPerSecond);
+    EXPECT_FALSE(rates.constant());
+    rates.add({1'000'000, 1000}, 30 * kTicksPerSecond);
+    EXPECT_EQ(rates.packets(), 1000) << "what is older than 10 s is gone";
+    for (uint32_t i = 0; i < 5000; ++i) {
+        rates.add({1'000'000 + i, 1000}, 30 * kTicksPerSecond + i);
+    }
+    EXPECT_EQ(rates.packets(), meter::RecentRates::kLimit * 1000);
+    EXPECT_EQ(rates.median().ticks, 1'000'000 + 5000 - meter::RecentRates::kLimit / 2 - 1);
+}
+
+TEST(MeterAccuracy, MeasuresBlocksOfASecondFromTheLine) {
+    meter::AccuracyBlock block;
+    for (int i = 0; !block.full(); ++i) {
+        block.add(static_cast<uint64_t>(i) * 100, i * 100 * 27'000 + (i == 5 ? 27 * 2 : 0), i);
+    }
+    const meter::AccuracyFinding finding = block.close(true);
+    EXPECT_EQ(finding.measured, 11);
+    EXPECT_THAT(finding.beyond, testing::ElementsAre(5));
+    EXPECT_NEAR(finding.worstNs, 2000.0 * 10 / 11, 1);
+    block.add(0, 0, 0);
+    EXPECT_EQ(block.close(true).measured, 0) << "fewer than eight";
+}
+
+TEST(MeterOffset, IsThatOfTheClockWhateverTheNetworkAdds) {
+    meter::ClockOffset offset;
+    int64_t second = 0;
+    for (int64_t i = 0; i < 25 * 60; ++i) {
+        const int64_t time = i * 40 * kTicksPerMs;
+        // The clock is 50 ppm fast; up to 20 ms of delay, and none in each second's first datagram.
+        const int64_t sent = meter::toNanoseconds(time) - meter::toNanoseconds(time) / 20'000;
+        const int64_t arrival = sent + i % 25 * 800'000;
+        while (arrival / meter::kNsPerSecond > second) {
+            offset.secondEnded(second++);
+        }
+        offset.pcr(arrival, time);
+        if (second < 30) {
+            EXPECT_FALSE(offset.ppm().has_value());
+        }
+    }
+    EXPECT_NEAR(offset.ppm().value(), 50, 0.5);
+    EXPECT_NEAR(offset.jitterNs().value(), 24 * 800'000, 60'000);
+}
+
+const meter::CheckReport& checkOf(const meter::Report& report, std::string_view id) {
+    return *std::ranges::find(report.checks, id, &meter::CheckReport::id);
+}
+
+std::vector<TsPacket> secondsOf(double seconds) {
+    MeterStream stream;
+    stream.seconds = seconds;
+    return stream.packets();
+}
+
+TEST(MeterLoss, CountsWholeBurstsByTheClock) {
+    std::vector<TsPacket> packets = secondsOf(10);
+    for (const std::size_t at : {9000U, 6000U, 3000U}) {
+        packets.erase(packets.begin() + static_cast<std::ptrdiff_t>(at),
+                      packets.begin() + static_cast<std::ptrdiff_t>(at) + 70);
+    }
+    const meter::LossReport lost = test::measureFile(packets).packets.lost;
+    EXPECT_EQ(lost.packets, 210);
+    EXPECT_EQ(lost.basis, "clock");
+    EXPECT_EQ(lost.events, 3);
+    EXPECT_EQ(lost.longest, 70);
+    EXPECT_NEAR(lost.longestMs.value(), 70 * MeterStream::kPacketMs, 0.1);
+    EXPECT_LT(lost.byCounter, 210);
+}
+
+TEST(MeterLoss, OfMoreThanAHundredMillisecondsIsCountedByTheClockToo) {
+    std::vector<TsPacket> packets = secondsOf(10);
+    packets.erase(packets.begin() + 5000, packets.begin() + 5300);
+    const meter::Report report = test::measureFile(packets);
+    EXPECT_EQ(report.packets.lost.packets, 300);
+    EXPECT_EQ(checkOf(report, "2.3.b").count, 1);
+}
+
+TEST(MeterLoss, OfPacketsSentTwiceIsNone) {
+    std::vector<TsPacket> packets = secondsOf(5);
+    uint64_t twice = 0;
+    for (std::size_t i = 1000; i + 1 < packets.size(); ++i) {
+        if (MeterStream::pidOf(packets[i]) == test::kVideoPid &&
+            MeterStream::pidOf(packets[i + 1]) == 0x1FFF) {
+            packets[i + 1] = packets[i];
+            ++twice;
+            ++i;
+        }
+    }
+    const meter::Report report = test::measureFile(packets);
+    EXPECT_EQ(report.packets.repeated, twice);
+    EXPECT_EQ(report.packets.lost.packets, 0);
+    EXPECT_EQ(checkOf(report, "1.4").count, 0);
+}
+
+TEST(MeterFile, WithABitrateNeedsNoClocks) {
+    meter::Settings settings;
+    settings.bitrate = 4'000'000;
+    const meter::Report report =
+        test::measureFile(std::vector<TsPacket>(10'000, MeterStream::null()), settings);
+    EXPECT_NEAR(report.seconds, 10'000 * 1504 / 4e6, 1e-6);
+    EXPECT_EQ(checkOf(report, "1.3.a").count, 1);
+    EXPECT_EQ(report.bitrate.bps, 4'000'000 / 1504 * 1504);
+}
+
+}  // namespace
