@@ -1,0 +1,254 @@
+// Which datagrams are the channel's, RTP put in order, and what the network did to them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <numeric>
+
+#include "support/meterStream.h"
+
+namespace {
+
+using psi::Bytes;
+using psi::TsPacket;
+using test::datagram;
+using test::MeterStream;
+
+constexpr int64_t kDatagramNs = 7 * MeterStream::kPacketTicks * 1000 / 27;  // 5.264 ms
+
+struct Sent {
+    int64_t arrival;
+    Bytes payload;
+    uint16_t sequence;
+};
+
+// The stream as datagrams of seven packets, one each kDatagramNs.
+std::vector<Sent> datagrams(double seconds, bool asRtp) {
+    MeterStream stream;
+    stream.seconds = seconds;
+    const std::vector<TsPacket> packets = stream.packets();
+    std::vector<Sent> all;
+    for (std::size_t i = 0; i + 7 <= packets.size(); i += 7) {
+        const auto number = static_cast<int64_t>(i / 7);
+        const auto sequence = static_cast<uint16_t>(65'500 + number);  // which wraps
+        const auto timestamp = static_cast<uint32_t>(number * 7 * MeterStream::kPacketTicks / 300);
+        const Bytes payload = test::joined(packets, i, 7);
+        all.push_back(
+            {number * kDatagramNs, asRtp ? test::rtp(sequence, timestamp, payload) : payload, sequence});
+    }
+    return all;
+}
+
+meter::Report measure(const std::vector<Sent>& sent, meter::Settings settings = {}) {
+    meter::ChannelAnalyser analyser(settings);
+    for (const Sent& one : sent) {
+        analyser.feed(datagram(one.arrival, one.payload));
+    }
+    analyser.finish();
+    return analyser.report();
+}
+
+uint64_t faults(const meter::Report& report) {
+    uint64_t count = 0;
+    for (const meter::CheckReport& check : report.checks) {
+        count += check.count;
+    }
+    return count;
+}
+
+// The contents change places, the arrivals stay.
+void swapAt(std::vector<Sent>& sent, std::size_t at) {
+    std::swap(sent[at].payload, sent[at + 1].payload);
+}
+
+TEST(MeterRtp, SwappedPairsAreNoLoss) {
+    std::vector<Sent> sent = datagrams(6, true);
+    for (std::size_t i = 0; i < 25; ++i) {
+        swapAt(sent, 10 + 20 * i);
+    }
+    const meter::Report report = measure(sent);
+    EXPECT_EQ(faults(report), 0);
+    EXPECT_EQ(report.packets.lost.packets, 0);
+    EXPECT_EQ(report.packets.lost.basis, "rtp");
+    const meter::RtpReport rtp = report.network->rtp.value();
+    EXPECT_EQ(rtp.outOfOrder, 25);
+    EXPECT_EQ(rtp.lost, 0);
+    EXPECT_EQ(rtp.received, sent.size());
+    EXPECT_EQ(report.network->lossRateHighest, 10 * 7)
+        << "20 datagrams are 105 ms, a second has 10 pairs at most";
+}
+
+TEST(MeterRtp, MissingDatagramsAreGivenUpAfterSixteen) {
+    std::vector<Sent> sent = datagrams(6, true);
+    const uint64_t all = sent.size();
+    sent.erase(sent.begin() + 500, sent.begin() + 530);
+    sent.erase(sent.begin() + 100);
+    const meter::Report report = measure(sent);
+    EXPECT_EQ(report.packets.lost.byRtp, 31 * 7);
+    EXPECT_EQ(report.packets.lost.packets, 31 * 7);
+    EXPECT_EQ(report.packets.lost.events, 2);
+    EXPECT_EQ(report.packets.lost.longest, 30 * 7);
+    EXPECT_NEAR(report.packets.lost.longestMs.value(), 30 * 5.264, 0.1);
+    EXPECT_EQ(report.packets.lost.byClock, 0) << "positions know what is missing";
+    EXPECT_EQ(report.network->rtp->lost, 31);
+    EXPECT_EQ(report.network->rtp->longestBurst, 30);
+    EXPECT_EQ(report.packets.received, (all - 31) * 7);
+}
+
+TEST(MeterRtp, WhatComesTooLateIsReceivedAndMissing) {
+    std::vector<Sent> sent = datagrams(3, true);
+    const Bytes late = sent[100].payload;
+    sent.erase(sent.begin() + 100);
+    sent.insert(sent.begin() + 130, {sent[130].arrival, late, 0});
+    const meter::Report report = measure(sent);
+    EXPECT_EQ(report.packets.lost.packets, 7);
+    EXPECT_EQ(report.network->rtp->lost, 0);
+    EXPECT_EQ(report.network->rtp->outOfOrder, 1);
+}
+
+TEST(MeterRtp, RepeatedOnesAreLeftOut) {
+    std::vector<Sent> sent = datagrams(3, true);
+    for (std::size_t i = 0; i < 20; ++i) {
+        sent.insert(sent.begin() + static_cast<std::ptrdiff_t>(100 + 3 * i), sent[99 + 3 * i]);
+    }
+    const meter::Report report = measure(sent);
+    EXPECT_EQ(faults(report), 0);
+    EXPECT_EQ(report.network->rtp->repeated, 20);
+    EXPECT_EQ(report.network->rtp->lost, 0);
+    EXPECT_EQ(report.packets.repeated, 0);
+}
+
+TEST(MeterRtp, AnotherSourceAndASenderThatBeginsAnewAreNoLoss) {
+    std::vector<Sent> sent = datagrams(3, true);
+    for (std::size_t i = 200; i < sent.size(); ++i) {
+        const auto sequence = static_cast<uint16_t>(i < 400 ? i + 30'000 : i + 7'000);
+        sent[i].payload[2] = psi::low8(sequence >> 8);
+        sent[i].payload[3] = psi::low8(sequence);
+        sent[i].payload[11] = 8;
+    }
+    const meter::Report report = measure(sent);
+    EXPECT_EQ(report.network->rtp->ssrcChanges, 1);
+    EXPECT_EQ(report.packets.lost.byRtp, 0);
+    EXPECT_LE(report.packets.lost.byCounter, 7 * 3)
+        << "the first one of the new sequence is not known to belong";
+}
+
+TEST(MeterRtp, JitterIsThatOfRfc3550AndStepsAreNone) {
+    std::vector<Sent> sent = datagrams(10, true);
+    for (std::size_t i = 0; i < sent.size(); ++i) {
+        sent[i].arrival += i % 2 == 0 ? 0 : 1'000'000;
+    }
+    EXPECT_NEAR(measure(sent).network->rtp->jitterMs.value(), 1, 0.01);
+    for (std::size_t i = 900; i < sent.size(); ++i) {
+        sent[i].payload[4] += 1;  // 186 s
+    }
+    const meter::Report stepped = measure(sent);
+    EXPECT_EQ(stepped.network->rtp->timestampSteps, 1);
+    EXPECT_NEAR(stepped.network->rtp->jitterMs.value(), 1, 0.01);
+}
+
+TEST(MeterNetwork, AHoldUpIsNoFaultOfTheStreamButADelay) {
+    std::vector<Sent> sent = datagrams(8, false);
+    for (std::size_t i = 400; i < 500; ++i) {
+        sent[i].arrival = sent[500].arrival;
+    }
+    const meter::Report report = measure(sent);
+    EXPECT_EQ(faults(report), 0);
+    EXPECT_NEAR(report.network->delayFactorHighestMs.value(), 100 * 5.264, 11);
+    EXPECT_NEAR(report.network->delayFactorMs.value(), 5.264, 0.01);
+    EXPECT_EQ(report.network->lossRateHighest, 0);
+    EXPECT_NEAR(report.network->interArrivalMeanMs.value(), 5.264, 0.001);
+    EXPECT_EQ(
+        std::accumulate(report.network->histogram.begin(), report.network->histogram.end(), uint64_t{0}),
+        sent.size() - 1);
+    EXPECT_EQ(report.network->histogram[12], sent.size() - 1 - 101) << "4096 to 8192 us";
+}
+
+TEST(MeterFlow, ADeafMinuteIsNothingLate) {
+    std::vector<Sent> sent = datagrams(6, false);
+    for (std::size_t i = 600; i < sent.size(); ++i) {
+        sent[i].arrival += 60'000'000'000;
+    }
+    const meter::Report report = measure(sent);
+    EXPECT_EQ(faults(report), 0);
+    EXPECT_NEAR(report.seconds, 66, 0.1);
+}
+
+TEST(MeterFlow, OthersAreCountedAndGiveWayAfterFiveSeconds) {
+    const std::vector<Sent> sent = datagrams(3, false);
+    meter::ChannelAnalyser analyser({});
+    const auto other = [&](int64_t at, const Bytes& payload, uint16_t port = 5000) {
+        meter::Datagram made = datagram(at, payload);
+        made.source += 1;
+        made.destinationPort = port;
+        return made;
+    };
+    for (const Sent& one : sent) {
+        analyser.feed(datagram(one.arrival, one.payload));
+        analyser.feed(other(one.arrival, one.payload));
+    }
+    analyser.feed(other(sent.back().arrival, {0x80, 96, 0, 0}, 5002));
+    analyser.feed(other(sent.back().arrival, {0x80, 96, 0, 0}, 5004));
+    meter::Datagram fragment = datagram(sent.back().arrival, {});
+    fragment.fragment = true;
+    analyser.feed(fragment);
+    analyser.feed(datagram(sent.back().arrival, Bytes{1, 2, 3}));
+    meter::Report report = analyser.report();
+    EXPECT_EQ(report.flow->otherFlows, sent.size());
+    EXPECT_EQ(report.flow->fec, 2);
+    EXPECT_EQ(report.flow->fragments, 1);
+    EXPECT_EQ(report.flow->malformed, 1);
+    EXPECT_EQ(report.flow->datagrams, sent.size() + 1);
+    EXPECT_EQ(faults(report), 0);
+
+    for (const Sent& one : sent) {
+        analyser.feed(other(one.arrival + 9'000'000'000, one.payload));
+    }
+    report = analyser.report();
+    EXPECT_EQ(report.flow->source, 0x0A000002);
+    EXPECT_EQ(report.packets.received, 2 * 7 * sent.size());
+    EXPECT_EQ(faults(report), 0);
+    ASSERT_EQ(report.changes.size(), 1);
+    EXPECT_EQ(report.changes[0].what, "flow");
+    const std::vector<meter::Event> events = analyser.takeEvents();
+    EXPECT_TRUE(std::ranges::any_of(events, [](const meter::Event& event) {
+        const auto* change = std::get_if<meter::ChangeReport>(&event);
+        return change != nullptr && change->what == "flow";
+    }));
+}
+
+TEST(MeterFlow, OnlyWhatFitsThePlaylistIsTheChannels) {
+    meter::Settings settings;
+    settings.source = 0x0A000001;
+    settings.port = 6000;
+    EXPECT_EQ(measure(datagrams(1, false), settings).flow->datagrams, 0);
+    settings.port = 5000;
+    EXPECT_GT(measure(datagrams(1, false), settings).flow->datagrams, 0);
+}
+
+TEST(MeterFlow, TakesWholePacketsOfWhatIsMalformed) {
+    std::vector<Sent> sent = datagrams(2, false);
+    sent[50].payload.push_back(0x47);
+    sent[60].payload[0] = 0;  // a sync byte alone is wrong
+    const meter::Report report = measure(sent);
+    EXPECT_EQ(report.flow->malformed, 1);
+    EXPECT_EQ(report.packets.received, 7 * sent.size());
+}
+
+TEST(MeterFlow, TicksLetSecondsEndAndNothingBeLate) {
+    const std::vector<Sent> sent = datagrams(3, false);
+    meter::ChannelAnalyser analyser({});
+    analyser.tick(5'000'000'000);
+    for (const Sent& one : sent) {
+        analyser.feed(datagram(one.arrival, one.payload));
+    }
+    for (int64_t now = 3'000'000'000; now <= 10'000'000'000; now += 100'000'000) {
+        analyser.tick(now);
+    }
+    const meter::Report report = analyser.report();
+    EXPECT_EQ(faults(report), 0);
+    EXPECT_EQ(report.seconds, 10);
+    EXPECT_EQ(report.bitrate.bps, 0);
+    EXPECT_FALSE(report.network->interArrivalMeanMs.has_value());
+}
+
+}  // namespace
