@@ -4,7 +4,9 @@
 #include "cues/cues.h"
 #include "cues/spliceInfo.h"
 #include "fields/wallClock.h"
+#include "meter/channelAnalyser.h"
 #include "support/psiBuilder.h"
+#include "support/streamBuilder.h"
 
 namespace meter {
 namespace {
@@ -192,6 +194,30 @@ TEST_F(MeterCues, WhatCannotBeReadIsCounted) {
     EXPECT_EQ(report().cuesMalformed, std::size(malformed));
     EXPECT_EQ(report().cuesEncrypted, 1U);
     EXPECT_TRUE(report().cues.empty());
+}
+
+// From packets on: by the clock of its program.
+TEST(MeterCueStream, CuesAreReadFromThePidsThatThePmtNames) {
+    test::TsStream stream;
+    stream.pat({{1, 0x100}}).pmt(1, 0x100, 0x101, {{0x1B, 0x101}, {0x86, kPid}}).pcr(0x101, 27'000'000);
+    stream.section(kPid, spliceSection(5, insert(7, 0xCF, spliceTime(450'000))))
+        .pcr(0x101, 27'000'000 + 270'000);
+    psi::Bytes broken = spliceSection(5, insert(8, 0xDF, {}));
+    broken.back() ^= 1;
+    stream.section(kPid, broken).section(0x102, spliceSection(5, insert(9, 0xDF, {})));
+    Settings settings;
+    settings.bare = true;
+    ChannelAnalyser analyser(settings);
+    for (const psi::Bytes& packets : stream.takeDatagrams())
+        analyser.feedPackets(packets);
+    analyser.finish();
+    const Report report = analyser.report();
+    ASSERT_EQ(report.cues.size(), 1U);
+    EXPECT_EQ(report.cues[0].eventId, 7U);
+    EXPECT_NEAR(report.cues[0].aheadMs.value_or(0), 4000, 10);
+    EXPECT_EQ(report.cuesMalformed, 1U);
+    ASSERT_EQ(report.services.size(), 1U);
+    EXPECT_EQ(report.services[0].streams.at(1).kind, StreamKind::kCue);
 }
 
 TEST(MeterWallClock, IsWrittenByRfc3339) {

@@ -288,6 +288,17 @@ TEST_F(MeterServices, WhatDoesNotHoldYetIsNotRead) {
     EXPECT_FALSE(services_.model().patKnown);
 }
 
+TEST_F(MeterServices, WithoutAnSdtTheNitNamesTheOriginalNetwork) {
+    pat(0, {{1, kPmtPid}});
+    feed(0x10, psi::section(0x40, 9, 0,
+                            concat({psi::loop12({}),
+                                    psi::loop12(concat({psi::u16(6), psi::u16(1), psi::loop12({1, 0}),
+                                                        psi::u16(7), psi::u16(2), psi::loop12({})}))})));
+    EXPECT_EQ(report().transport.originalNetworkId, 2);
+    sdt(0, "One");
+    EXPECT_EQ(report().transport.originalNetworkId, 0x2114);
+}
+
 // A program that went and came back has its streams again, though its section is equal to the last one.
 TEST_F(MeterServices, ARepeatedSectionIsReadWhereItsProgramIsNew) {
     const psi::Bytes section = psi::pmtSection(1, 0, 0x101, {{0x1B, 0x101, {}}});

@@ -188,6 +188,17 @@ TEST(MeterH264, WhatCannotBeIsNotShown) {
     }
 }
 
+// What a gap cut off ends where the next PES packet begins, and is not believed.
+TEST(MeterH264, AParameterSetWithAGapInItChangesNothing) {
+    Feeder feeder(Codec::kH264);
+    feeder.pes(concat({sequenceSet({}), pictureSet(), slice(0x65, 7, 0)}));
+    psi::Bytes cut = sequenceSet({.mapUnits = 18});
+    cut.resize(cut.size() - 6);
+    feeder.pes(cut).pes(slice(0x41, 5, 1));
+    EXPECT_EQ(feeder.video().height, 576U);
+    EXPECT_EQ(feeder.video().frameRate, 25);
+}
+
 TEST(MeterH264, FieldsArePaired) {
     const H264Set set{.frameMbsOnly = false};
     const auto gopOf = [&set](const std::vector<psi::Bytes>& units) {

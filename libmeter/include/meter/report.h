@@ -243,8 +243,12 @@ struct CueReport {
 };
 
 struct ChangeReport {
-    double at = 0;     // s since the begin
-    std::string what;  // "flow", "pat", "pmt", "sdt", ... : what changed
+    double at = 0;  // s since the begin
+    // "flow"; of a PAT "transport_stream", "program_added", "program_gone", "program_moved"; of a PMT
+    // "stream_added", "stream_gone", "stream_moved", "stream", "codec", "language", "conditional_access",
+    // "pcr_moved"; of an SDT "service_added", "service_gone", "service"; of each of them, where nothing that
+    // is read is different, "version" or "content" (under the same version).
+    std::string what;
     std::optional<uint16_t> program;
     std::optional<uint16_t> pid;
     std::string text;  // for people

@@ -26,7 +26,7 @@ constexpr uint8_t nalType(uint8_t header) {
 }
 
 constexpr std::size_t kHeaderSize = 1;
-constexpr std::size_t kSliceBytes = 32;  // the fields up to bottom_field_flag take less
+constexpr std::size_t kSliceBytes = 12;  // the fields up to bottom_field_flag take less
 constexpr std::size_t kPictureSetBytes = 16;
 constexpr std::size_t kSeiBytes = 256;
 constexpr uint32_t kMacroblock = 16;
@@ -95,11 +95,9 @@ std::optional<uint32_t> cropped(uint64_t coded, uint64_t offsets, uint64_t unit)
 }  // namespace
 
 std::size_t H264Reader::wanted(uint8_t header) const {
+    if (isSlice(header))
+        return kSliceBytes;
     switch (nalType(header)) {
-        case kSlice:
-        case kPartitionA:
-        case kIdrSlice:
-            return kSliceBytes;
         case kSei:
             return kSeiBytes;
         case kSequenceParameterSet:
@@ -109,6 +107,11 @@ std::size_t H264Reader::wanted(uint8_t header) const {
         default:
             return 0;
     }
+}
+
+bool H264Reader::isSlice(uint8_t header) const {
+    const uint8_t type = nalType(header);
+    return type == kSlice || type == kPartitionA || type == kIdrSlice;
 }
 
 void H264Reader::unit(Bytes unit) {

@@ -14,6 +14,8 @@ namespace meter {
 class H264Reader {
   public:
     std::size_t wanted(uint8_t header) const;
+    // Whether a unit with this first byte may be the last one of a PES packet.
+    bool isSlice(uint8_t header) const;
     void unit(Bytes unit);
 
     // What the latest sequence parameter set says.

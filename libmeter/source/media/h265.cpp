@@ -27,12 +27,8 @@ constexpr uint8_t nalType(uint8_t header) {
     return header >> 1 & 0x3F;
 }
 
-constexpr bool isSlice(uint8_t type) {
-    return type <= kLastSlice || (type >= kFirstRandomAccess && type <= kCleanRandomAccess);
-}
-
 constexpr std::size_t kHeaderSize = 2;
-constexpr std::size_t kSliceBytes = 24;
+constexpr std::size_t kSliceBytes = 12;  // the fields up to slice_type take less
 constexpr std::size_t kPictureSetBytes = 16;
 constexpr std::size_t kSeiBytes = 256;
 constexpr uint32_t kChroma444 = 3;
@@ -112,10 +108,9 @@ void readVui(BitReader& reader, VideoFormat& format) {
 }  // namespace
 
 std::size_t H265Reader::wanted(uint8_t header) const {
-    const uint8_t type = nalType(header);
-    if (isSlice(type))
+    if (isSlice(header))
         return kSliceBytes;
-    switch (type) {
+    switch (nalType(header)) {
         case kVideoParameterSet:
         case kSequenceParameterSet:
             return kUnitLimit;
@@ -126,6 +121,11 @@ std::size_t H265Reader::wanted(uint8_t header) const {
         default:
             return 0;
     }
+}
+
+bool H265Reader::isSlice(uint8_t header) const {
+    const uint8_t type = nalType(header);
+    return type <= kLastSlice || (type >= kFirstRandomAccess && type <= kCleanRandomAccess);
 }
 
 void H265Reader::unit(Bytes unit) {

@@ -59,10 +59,14 @@ std::size_t Mpeg2Reader::wanted(uint8_t startCode) const {
     }
 }
 
+bool Mpeg2Reader::isSlice(uint8_t startCode) const {
+    return startCode >= kFirstSlice && startCode <= kLastSlice;
+}
+
 void Mpeg2Reader::unit(Bytes unit) {
     constexpr std::size_t kLeastHeader = 5;
     const uint8_t startCode = u8At(unit, 0);
-    if (startCode >= kFirstSlice && startCode <= kLastSlice) {
+    if (isSlice(startCode)) {
         slice_ = true;
         endHeaders();
         return;

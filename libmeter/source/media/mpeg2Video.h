@@ -13,6 +13,8 @@ namespace meter {
 class Mpeg2Reader {
   public:
     std::size_t wanted(uint8_t startCode) const;
+    // Whether a unit with this first byte may be the last one of a PES packet.
+    bool isSlice(uint8_t startCode) const;
     void unit(Bytes unit);
 
     const std::optional<VideoFormat>& format() const {

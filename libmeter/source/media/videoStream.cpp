@@ -11,7 +11,7 @@ namespace {
 
 // The first PES packets are looked through, then each kLookInterval-th one.
 constexpr uint32_t kFirstLooks = 16;
-constexpr uint32_t kLookInterval = 32;
+constexpr uint32_t kLookInterval = 64;
 
 // Frame rates beyond are a time base and not a rate.
 constexpr double kFrameRateLimit = 300;
@@ -31,11 +31,14 @@ template <typename Reader>
 struct VideoStream::Guide {
     VideoStream& stream;
     Reader& reader;
+    bool ending = false;  // the open unit ends with its PES packet, or with a gap behind it
 
     std::size_t wanted(uint8_t first) const {
         return reader.wanted(first);
     }
     void unit(Bytes unit) {
+        if (ending && !reader.isSlice(unit[0]))
+            return;
         reader.unit(unit);
         if (const auto picture = reader.takePicture())
             stream.addPicture(*picture);
@@ -57,7 +60,7 @@ template <typename Use>
 void VideoStream::visitReader(Use use) {
     std::visit(
         [this, &use]<typename Reader>(Reader& reader) {
-            Guide<Reader> guide{*this, reader};
+            Guide<Reader> guide{*this, reader, false};
             use(guide);
         },
         reader_);
@@ -82,7 +85,10 @@ void VideoStream::beginUnit(bool randomAccess, Bytes payload, std::optional<Tick
     if (ended_)
         scanner_.reset();
     else if (aligned)
-        visitReader([this](auto& guide) { scanner_.finish(guide); });
+        visitReader([this](auto& guide) {
+            guide.ending = true;
+            scanner_.finish(guide);
+        });
     throughout_ = manyPictures_ || !aligned || looks_ < kFirstLooks || looks_ % kLookInterval == 0;
     ++looks_;
     ended_ = false;

@@ -161,11 +161,21 @@ void Services::State::takeCat(const Section& section) {
 }
 
 void Services::State::takeNit(const Section& section) {
-    if (section.repeated && network)
+    if (section.repeated && network && originalNetworkId)
         return;
-    const Bytes loop = descriptorLoop(sectionBody(section.bytes), 0);
+    const Bytes body = sectionBody(section.bytes);
+    const Bytes loop = descriptorLoop(body, 0);
     if (const auto name = findDescriptor(loop, kNetworkNameDescriptor))
         network = decodeText(*name);
+    if (originalNetworkId)
+        return;
+    // Where no SDT says it: of the transport stream that this one is.
+    constexpr std::size_t kEntrySize = 6;  // identifiers, length of the descriptors
+    const Bytes streams = descriptorLoop(body, 2 + loop.size());
+    for (std::size_t at = 0; at + kEntrySize <= streams.size();
+         at += kEntrySize + descriptorLoop(streams, at + 4).size())
+        if (model.patKnown && u16At(streams, at) == model.transportStreamId)
+            originalNetworkId = u16At(streams, at + 2);
 }
 
 void Services::State::takeSdt(const Section& section, std::vector<ChangeReport>& changes) {
