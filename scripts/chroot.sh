@@ -74,6 +74,7 @@ inside() { # ISOLATION ROOT_KIND COMMAND [ARG]...
     enter=(chroot "$root")
     if [ "$kind" = disk ]; then
       mount -n --rbind /sys "$root/sys"
+      cp -L /etc/hosts "$root/etc/hosts"
       mkdir -p "$keep/archives" "$keep/ccache" "$root/var/cache/ccache" "$tree/build/bare"
       mount -n --bind "$keep/archives" "$root/var/cache/apt/archives"
       mount -n --bind "$keep/ccache" "$root/var/cache/ccache"
