@@ -53,7 +53,8 @@ export class ProbeView {
     if (!probe || document.hidden) return;
     const at = (text) => time(parseTime(text), store.now());
     const set = (term, text) => this.set(this.probe, term, text);
-    set('Connected', probe.connected ? 'yes' : 'no');
+    set('Delivers results', probe.connected ? 'yes' : 'no');
+    set('Asks what to watch', probe.asks ? 'yes' : 'no');
     set('Last snapshot', probe.lastSnapshot ? at(probe.lastSnapshot) : 'none yet');
     set('Last request', probe.lastRequest ? at(probe.lastRequest) : 'none yet');
     set('Restarts seen', count(probe.restarts));
@@ -63,7 +64,10 @@ export class ProbeView {
     set('Snapshots not taken', count(probe.droppedSnapshots));
     set('Lines that were no records', count(probe.droppedLines));
     set('Pipe', probe.pipeProblem ? visible(probe.pipeProblem) : 'well');
-    if (probe.otherController) set('Controller', 'another controller holds the port');
+    set('Port',
+        probe.otherController ? 'another controller holds it' :
+            probe.secondAsker ? 'something else asks as well and is told nothing' :
+                                'well');
   }
 
   // The sum of all bit rates.
