@@ -113,6 +113,7 @@ function announceAlarms() {
 function troubles() {
   const lines = [];
   const stale = store.stale();
+  const problem = store.told && store.probe?.problem ? visible(store.probe.problem) : '';
   if (stale) {
     const now = stale.who === 'station' ? Date.now() : store.now();
     const age = stale.since ? duration(Math.max(1000, Math.floor((now - stale.since) / 1000) * 1000)) : '';
@@ -120,9 +121,10 @@ function troubles() {
     lines.push(
         stale.who === 'station' ?
             `No data from the station${since}. Trying again.` :
-            `No data from the probe${since}.${stale.since ? ' What is shown is old.' : ''}`);
-  }
-  if (store.probe?.problem && store.told) lines.push(visible(store.probe.problem));
+            `No data from the probe${since}.${stale.since ? ' What is shown is old.' : ''} ${problem}`
+                .trim());
+  } else if (problem)
+    lines.push(problem);
   if (!store.connection.live && store.told) {
     lines.push(
         `The event stream does not come; asked at ${time(new Date(store.answered))} instead. ` +
