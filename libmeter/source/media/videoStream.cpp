@@ -1,5 +1,6 @@
 #include "media/videoStream.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -9,9 +10,13 @@
 namespace meter {
 namespace {
 
-// The first PES packets are looked through, then each kLookInterval-th one.
-constexpr uint32_t kFirstLooks = 16;
+// The first PES packets are looked through and those behind one with several pictures, then each
+// kLookInterval-th one.
 constexpr uint32_t kLookInterval = 64;
+// PES packets of several pictures until all are looked through, and of single ones until that ends: damage
+// makes one look like the other now and then.
+constexpr uint32_t kSeveralUnits = 2;
+constexpr uint32_t kSingleUnits = 64;
 
 // Frame rates beyond are a time base and not a rate.
 constexpr double kFrameRateLimit = 300;
@@ -89,18 +94,34 @@ void VideoStream::beginUnit(bool randomAccess, Bytes payload, std::optional<Tick
             guide.ending = true;
             scanner_.finish(guide);
         });
-    throughout_ = manyPictures_ || !aligned || looks_ < kFirstLooks || looks_ % kLookInterval == 0;
+    if (throughout_)
+        judgeUnit();
+    throughout_ =
+        severalUnits_ >= kSeveralUnits || !aligned || closeLooks_ > 0 || looks_ % kLookInterval == 0;
     ++looks_;
+    closeLooks_ -= closeLooks_ > 0 ? 1 : 0;
     ended_ = false;
+    several_ = false;
     sliceSeen_ = false;
     pictures_ = 0;
     randomAccess_ = randomAccess;
     dts_ = dts;
 }
 
+// The PES packet before was looked at to its end.
+void VideoStream::judgeUnit() {
+    if (several_) {
+        severalUnits_ = std::min(severalUnits_ + 1, kSeveralUnits);
+        singleUnits_ = 0;
+        closeLooks_ = kCloseLooks;
+    } else if (++singleUnits_ >= kSingleUnits) {
+        severalUnits_ = 0;
+        singleUnits_ = 0;
+    }
+}
+
 void VideoStream::addPicture(PictureStart picture) {
-    if (pictures_ > 0 || sliceSeen_)
-        manyPictures_ = true;
+    several_ |= pictures_ > 0 || sliceSeen_;
     if (pictures_ == 0 && randomAccess_ && picture.type == PictureType::kI)
         picture.randomAccess = true;
     groups_.add(picture, pictureTime());

@@ -28,6 +28,8 @@ class VideoStream {
     void fill(VideoReport& video, GopReport& gop) const;
 
   private:
+    static constexpr uint32_t kCloseLooks = 16;
+
     using AnyReader = std::variant<Mpeg2Reader, H264Reader, H265Reader>;
     template <typename Reader>
     struct Guide;
@@ -35,6 +37,7 @@ class VideoStream {
     template <typename Use>
     void visitReader(Use use);
     void beginUnit(bool randomAccess, Bytes payload, std::optional<Ticks> dts);
+    void judgeUnit();
     void addPicture(PictureStart picture);
     void measureRate();
     std::optional<Ticks> pictureTime() const;
@@ -44,13 +47,18 @@ class VideoStream {
     StartCodeScanner scanner_;
     PictureGroups groups_;
 
-    bool manyPictures_ = false;  // PES packets hold several
-    uint32_t looks_ = 0;         // PES packets since the begin
+    // PES packets looked at to their end: those that held several pictures, and the others since the last of
+    // them.
+    uint32_t severalUnits_ = 0;
+    uint32_t singleUnits_ = 0;
+    uint32_t closeLooks_ = kCloseLooks;  // PES packets to be looked through without a pause
+    uint32_t looks_ = 0;                 // PES packets since the begin
     // Of the PES packet that runs:
     bool throughout_ = false;  // it is looked at to its end
     bool ended_ = false;       // nothing more of it is wanted
     bool sliceSeen_ = false;
     bool randomAccess_ = false;  // announced of its first picture
+    bool several_ = false;       // a picture began behind another one, or behind a slice
     uint32_t pictures_ = 0;
     std::optional<Ticks> dts_;
 
