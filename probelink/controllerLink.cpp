@@ -7,6 +7,8 @@
 namespace {
 
 constexpr std::chrono::milliseconds kFlushTime = 1s;
+// A connection that has not said by then that it speaks ZMTP is closed.
+constexpr std::chrono::milliseconds kHandshakeTime = 2s;
 
 // A connection attempt that failed while nobody listened is repeated after 100 to 200 ms. What arrives within
 // this time may be a request whose asker is about to give up, and an answer to it would be lost unnoticed.
@@ -15,7 +17,10 @@ constexpr std::chrono::milliseconds kStaleRequests = 300ms;
 }  // namespace
 
 // A REP socket would have to answer each request before it hears the next; a router may leave one unanswered.
-ControllerLink::ControllerLink(const std::string& endpoint) {
+ControllerLink::ControllerLink(const std::string& endpoint, int largestRequest) {
+    socket_.set(zmq::sockopt::maxmsgsize, int64_t{largestRequest});
+    socket_.set(zmq::sockopt::rcvhwm, kWaitingRequests);
+    socket_.set(zmq::sockopt::handshake_ivl, static_cast<int>(kHandshakeTime.count()));
     socket_.set(zmq::sockopt::linger, static_cast<int>(kFlushTime.count()));
     try {
         socket_.bind(endpoint);

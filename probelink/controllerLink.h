@@ -23,8 +23,15 @@ struct LinkError : std::runtime_error {
 // unanswered. For use by one thread.
 class ControllerLink {
   public:
-    // Throws LinkError when another controller listens at the endpoint, a ZeroMQ address.
-    explicit ControllerLink(const std::string& endpoint = kControllerEndpoint);
+    // What a scan reports at once at most: the results of some 100,000 groups.
+    static constexpr int kLargestRequest = 4 << 20;  // bytes
+    // Requests of one asker that wait; a probe has one under way at a time.
+    static constexpr int kWaitingRequests = 2;
+
+    // Throws LinkError when another controller listens at the endpoint, a ZeroMQ address. Whoever sends a
+    // frame of more bytes than `largestRequest` is disconnected before memory is taken for it.
+    explicit ControllerLink(const std::string& endpoint = kControllerEndpoint,
+                            int largestRequest = kLargestRequest);
 
     // The probe's next request: one that it made while this link was open, so that an answer still finds it
     // waiting. Nothing when none came in time.

@@ -63,6 +63,7 @@ struct Station::Implementation : StationInterface {
     AlarmEngine engine;
     EventDesk desk;
     std::map<Group, WatchedChannel> watched;
+    std::size_t historyMinutes = kMinutesKept;
     std::shared_ptr<const records::Snapshot> lastRecords;
     std::optional<SteadyTime> replaced;  // when another asker took the last one's place, until it is judged
     Groups lastShown;                    // by the last snapshot
@@ -247,6 +248,12 @@ struct Station::Implementation : StationInterface {
         }
         for (const auto& [before, after] : difference.changed) {
             watched.at(after.group).channel = after;
+        }
+        const std::size_t minutes = minutesKept(watched.size());
+        if (std::exchange(historyMinutes, minutes) != minutes || !difference.added.empty()) {
+            for (auto& [group, channel] : watched) {
+                channel.history.keepMinutes(minutes);
+            }
         }
         if (!atStart) {
             desk.record(difference, now);

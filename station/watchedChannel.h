@@ -1,7 +1,9 @@
 // What the owner keeps of one channel between snapshots.
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <limits>
 #include <memory>
 #include <optional>
 
@@ -19,8 +21,10 @@ class MinuteSums {
     void add(const ChannelSample& sample, SteadyTime now) {
         advance(now);
         for (std::size_t i = 0; i < kSampleCounters; ++i) {
-            seconds_[at_][i] += sample.increments[i];
-            sums_[i] += sample.increments[i];
+            const auto room = std::numeric_limits<uint32_t>::max() - seconds_[at_][i];
+            const auto more = static_cast<uint32_t>(std::min<uint64_t>(sample.increments[i], room));
+            seconds_[at_][i] += more;
+            sums_[i] += more;
         }
     }
     const std::array<uint64_t, kSampleCounters>& sums(SteadyTime now) {
@@ -42,7 +46,8 @@ class MinuteSums {
         second_ = std::max<int64_t>(second, second_);
     }
 
-    std::array<std::array<uint64_t, kSampleCounters>, kSeconds> seconds_{};
+    // Of one second, which sees fewer packets by far.
+    std::array<std::array<uint32_t, kSampleCounters>, kSeconds> seconds_{};
     std::array<uint64_t, kSampleCounters> sums_{};
     std::size_t at_ = 0;
     int64_t second_ = 0;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <new>
 #include <type_traits>
@@ -18,6 +19,8 @@ constexpr std::size_t kHistoryLimit = 100 * 1024;  // bytes a channel
 constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
 constexpr int64_t kMsPerSecond = 1000;
 constexpr int64_t kStripSeconds = 300;
+constexpr int64_t kReleasedAtOnce = 60;     // minutes
+constexpr std::size_t kFewestMinutes = 60;  // whatever the budget says
 constexpr uint16_t kUnknownCode = 0xFFFF;
 
 constexpr std::array<HistoryMetricName, kHistoryMetrics> kMetrics = {{
@@ -250,6 +253,15 @@ struct History::Rings {
     Ring<MinuteRecord, kMinutesKept> minutes;
     Ring<uint8_t, kStripCells> strip;
 
+    int64_t minutesForgotten;  // of kMinutesKept
+    int64_t releasedUntil;     // minutes before that have given their memory back
+
+    int64_t oldestMinute() const {
+        return minutes.last - static_cast<int64_t>(kMinutesKept) + 1 + minutesForgotten;
+    }
+    void releaseMinutes();
+    void releaseSlots(std::size_t from, std::size_t to);
+
     int64_t scaleMs(const Now& now) const {
         return steadyMs(now) + offset;
     }
@@ -313,6 +325,30 @@ void History::Rings::enterMinute(int64_t index, const Now& now) {
     minute = {};
     minutes.at(index).wall = stampOf(index * 60, scaleMs(now), now);
     minutes.at(index).known = 1;
+    if (oldestMinute() - releasedUntil >= kReleasedAtOnce) {
+        releaseMinutes();
+    }
+}
+
+// Gives the pages back that hold nothing but minutes which are not kept.
+void History::Rings::releaseMinutes() {
+    const auto first = static_cast<std::size_t>(minutes.last + 1) % kMinutesKept;
+    const auto count = static_cast<std::size_t>(minutesForgotten);
+    releaseSlots(first, std::min(first + count, kMinutesKept));
+    if (first + count > kMinutesKept) {
+        releaseSlots(0, first + count - kMinutesKept);
+    }
+    releasedUntil = oldestMinute();
+}
+
+void History::Rings::releaseSlots(std::size_t from, std::size_t to) {
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto begin = (reinterpret_cast<std::uintptr_t>(&minutes.records[from]) + page - 1) / page * page;
+    const auto end = reinterpret_cast<std::uintptr_t>(minutes.records.data() + to) / page * page;
+    if (begin < end) {
+        // They are zero when they are touched again, which is what is not known.
+        madvise(reinterpret_cast<void*>(begin), end - begin, MADV_DONTNEED);
+    }
 }
 
 void History::Rings::writeSecond(int64_t index) {
@@ -331,6 +367,27 @@ void History::Rings::writeMinute(int64_t index) {
         record.bitRate[statistic] = static_cast<float>(values[statistic][0]);
         packLevels(values[statistic],
                    [&](std::size_t i, uint16_t code) { record.others[statistic][i] = code; });
+    }
+}
+
+std::size_t minutesKept(std::size_t channels) {
+    constexpr std::size_t kPage = 4096;
+    // Pages that are partly in use: two at the ends of the minutes, and what is released late.
+    constexpr std::size_t kSlack = 2 * kPage + kReleasedAtOnce * sizeof(MinuteRecord);
+    const std::size_t each = kHistoryBudget / std::max<std::size_t>(channels, 1);
+    if (each >= History::bytes()) {
+        return kMinutesKept;
+    }
+    const std::size_t fixed = History::bytes() - kMinutesKept * sizeof(MinuteRecord) + kSlack;
+    const std::size_t left = each > fixed ? each - fixed : 0;
+    return std::clamp<std::size_t>(left / sizeof(MinuteRecord), kFewestMinutes, kMinutesKept);
+}
+
+void History::keepMinutes(std::size_t minutes) {
+    rings_->minutesForgotten =
+        static_cast<int64_t>(kMinutesKept - std::clamp<std::size_t>(minutes, 1, kMinutesKept));
+    if (rings_->begun) {
+        rings_->releaseMinutes();
     }
 }
 
@@ -452,8 +509,8 @@ std::vector<HistoryPoint> History::points(HistoryMetric metric, int resolution, 
     if (resolution == 1) {
         return collect(rings.seconds, name, rings.firstSecond, newest, std::chrono::seconds(1), since);
     }
-    return collect(rings.minutes, name, floorDivide(rings.firstSecond, 60), floorDivide(newest, 60),
-                   std::chrono::seconds(60), since);
+    const int64_t oldest = std::max(floorDivide(rings.firstSecond, 60), rings.oldestMinute());
+    return collect(rings.minutes, name, oldest, floorDivide(newest, 60), std::chrono::seconds(60), since);
 }
 
 std::vector<float> History::spark(HistoryMetric metric, std::size_t cells, std::size_t secondsEach,

@@ -50,6 +50,12 @@ struct HistoryPoint {
     double maximum;
 };
 
+// What the histories of all channels take together at most, the pages that their ends lie on included.
+inline constexpr std::size_t kHistoryBudget = std::size_t{480} << 20;
+// So many minutes are kept of each of that many channels: a day of up to some 4900 channels, then less, so
+// that the budget holds; three and a half hours at 10,000.
+std::size_t minutesKept(std::size_t channels);
+
 // One channel's past: at most 100 KiB, all of it allocated at the start, whose pages take memory as time
 // fills them (some 22 KiB after ten minutes, 3 KiB more an hour). Levels other than the bit rate are kept
 // with at least three significant digits, sums are exact. One thread.
@@ -75,6 +81,10 @@ class History {
     // Sum of a counter over the last seconds (at most kSecondsKept).
     uint64_t sum(HistoryMetric metric, std::chrono::seconds time, const Now& now) const;
     std::array<StripCell, kStripCells> strip(const Now& now) const;  // newest last
+
+    // Of minutes that lie further back nothing is known from here on, and their memory is given back within
+    // an hour. REQUIRES: 1 to kMinutesKept.
+    void keepMinutes(std::size_t minutes);
 
     static std::size_t bytes();  // that one takes, all in
 

@@ -11,6 +11,8 @@ namespace station {
 namespace {
 
 constexpr std::chrono::milliseconds kLooksForStop = 200ms;
+// Of a probe that monitors, and of one that reports what it scanned since the last request.
+constexpr int kLargestRequest = 64 << 10;
 constexpr std::chrono::milliseconds kBindsAgain = 1000ms;
 constexpr std::chrono::milliseconds kStandstill = 200ms;  // beyond, an asker that was waiting may be gone
 constexpr int kDropped = 1000;  // requests after a standstill; whoever sends more is no probe
@@ -56,7 +58,7 @@ struct Controller::Implementation {
         LogOnChange trouble;
         while (!stop.stop_requested()) {
             try {
-                ControllerLink port(endpoint);
+                ControllerLink port(endpoint, kLargestRequest);
                 trouble.over("listening for the probe at " + endpoint);
                 setProblem({});
                 serve(stop, port);

@@ -1,6 +1,8 @@
 // When alarms are raised and cleared, and what is kept of the past.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+#include <fstream>
 
 #include <cmath>
 #include <functional>
@@ -516,4 +518,44 @@ TEST(StationHistory, KeepsMinutesForADayAndForgetsTheFirst) {
     EXPECT_EQ(later.back().time, rate.back().time + 1h);
     EXPECT_EQ(past.history.strip(past.now)[kStripCells - 2], StripCell::kNoData);
     EXPECT_EQ(past.history.sum(HistoryMetric::kPacketsLost, 600s, past.now), 0U);
+}
+
+TEST(StationHistory, GetsShorterAsChannelsGrowSoThatAllFitTheirBudget) {
+    constexpr std::size_t kMost = 10'000;  // channels
+    constexpr std::size_t kTried = 500;
+    EXPECT_EQ(station::minutesKept(0), kMinutesKept);
+    EXPECT_EQ(station::minutesKept(4'000), kMinutesKept);
+    const std::size_t kept = station::minutesKept(kMost);
+    EXPECT_GE(kept, 180U);
+    EXPECT_LT(kept, 300U);
+    const auto resident = [] {
+        std::ifstream file("/proc/self/statm");
+        std::size_t all = 0;
+        std::size_t pages = 0;
+        file >> all >> pages;
+        return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    };
+    const std::size_t before = resident();
+    std::vector<Past> pasts(kTried);
+    for (Past& past : pasts) {
+        past.history.keepMinutes(kept);
+        for (int minute = 0; minute < 26 * 60; ++minute) {
+            past.pass(1min);
+            past.add(1);
+        }
+    }
+    EXPECT_LT(resident() - before, station::kHistoryBudget / kMost * kTried);
+    Past& past = pasts.front();
+    EXPECT_EQ(past.points(HistoryMetric::kPacketsLost, 60).size(), kept);
+    EXPECT_EQ(past.points(HistoryMetric::kPacketsLost, 60).front().mean, 1);
+    // Fewer channels: what was forgotten stays unknown, what comes is kept longer.
+    past.history.keepMinutes(kMinutesKept);
+    past.pass(1min);
+    past.add(1);
+    const auto longer = past.points(HistoryMetric::kPacketsLost, 60);
+    EXPECT_GT(longer.size(), kept);
+    EXPECT_EQ(longer.back().mean, 1);
+    for (const HistoryPoint& point : longer) {
+        EXPECT_TRUE(std::isnan(point.mean) || point.mean == 1);
+    }
 }
