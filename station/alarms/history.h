@@ -53,7 +53,7 @@ struct HistoryPoint {
 // What the histories of all channels take together at most, the pages that their ends lie on included.
 inline constexpr std::size_t kHistoryBudget = std::size_t{480} << 20;
 // So many minutes are kept of each of that many channels: a day of up to some 4900 channels, then less, so
-// that the budget holds; three and a half hours at 10,000.
+// that the budget holds; almost five hours at 10,000.
 std::size_t minutesKept(std::size_t channels);
 
 // One channel's past: at most 100 KiB, all of it allocated at the start, whose pages take memory as time
