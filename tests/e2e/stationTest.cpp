@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -364,6 +365,26 @@ TEST(Station, WorksWithWhatItFinds) {
     std::ofstream(kPipe) << "nonsense\n239.1.1.1;0;-1;-1;1\n";
     EXPECT_TRUE(eventually([] { return objects({"status"})[0]["probe"]["droppedLines"] >= 1; }));
     EXPECT_TRUE(eventually([] { return state(kA) == "ok"; }));
+}
+
+TEST(Station, TakesUpWhatCanBeReadLater) {
+    // channels.json cannot be read, and the share of the playlist is not mounted yet.
+    std::filesystem::create_directories("/tmp/state/channels.json");
+    std::filesystem::create_directories("/tmp/share");
+    std::filesystem::create_directories("/tmp/real");
+    write("/tmp/real/list.m3u", playlistEntry(kA, "A"));
+    const Station station("[[playlist]]\nfile = \"/tmp/share/list.m3u\"\n");
+    EXPECT_TRUE(station.says("channels.json is no regular file"));
+    EXPECT_TRUE(eventually([] {
+        return ctl({"add", kB}).err.find("until the channels of the run time can be read") !=
+               std::string::npos;
+    }));
+    std::filesystem::remove("/tmp/state/channels.json");
+    EXPECT_TRUE(eventually([] { return ctl({"add", kB}).status == 0; }));
+    EXPECT_TRUE(std::filesystem::is_regular_file("/tmp/state/channels.json"));
+    ASSERT_EQ(mount("/tmp/real", "/tmp/share", nullptr, MS_BIND, nullptr), 0);
+    EXPECT_TRUE(eventually([] { return channel(kA).value("origin", "") == "playlist"; }));
+    umount("/tmp/share");
 }
 
 TEST(Station, ChangesAThousandChannelsAtOnce) {
