@@ -51,7 +51,6 @@ void StreamAnalysis::packets(Bytes bytes, Nanoseconds arrival, Nanoseconds wall,
         packet += part;
         rest -= part;
     }
-    streamNow_ = time_.now();
 }
 
 // The packets' road. Most packets only go on with what began before, and end in the first branch.
@@ -78,10 +77,15 @@ void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
             ++record.packets;
             continue;
         }
-        time_.put(run);
         const uint64_t index = static_cast<uint64_t>(packet - begin) / kPacketSize;
         position_ = position + index;
         received_ = received + index;
+        if (header.isClearContinuation() && now < lookAt && record.roles == kMediaWanted &&
+            record.continuity.isNext(header.continuityCounter())) {
+            continueUnit(record, packet, header, now);
+            continue;
+        }
+        time_.put(run);
         if ((packet[0] == kSyncByte && sync_.calm()) || synchronise(packet)) {
             lookAtPacket(packet, header, now);
         }
@@ -93,6 +97,20 @@ void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
     position_ = position + packets;
     received_ = received + packets;
     keepTouched();
+}
+
+// More of a PES packet that somebody looks at, and nothing else to be seen in the packet.
+void StreamAnalysis::continueUnit(PidRecord& record, const uint8_t* packet, TsHeader header, Ticks now) {
+    record.continuity.accept(header.continuityCounter());
+    ++record.packets;
+    record.lastSeen = now;
+    remember(record, packet);
+    UnitPiece piece;
+    piece.payload = {packet + kTsHeaderSize, kPacketSize - kTsHeaderSize};
+    piece.moment = momentAt(now);
+    if (!media_->unit(record.mediaSlot, piece)) {
+        record.roles = 0;
+    }
 }
 
 void StreamAnalysis::keepTouched() {

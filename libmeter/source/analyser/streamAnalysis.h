@@ -55,7 +55,7 @@ class StreamAnalysis final : private SectionSink {
         return time_.duration(packets);
     }
     Nanoseconds now() const {
-        return bare_ ? toNanoseconds(streamNow_) : arrival_;
+        return bare_ ? toNanoseconds(time_.now()) : arrival_;
     }
     // Fills all of the report but what concerns the flow, the network and loss by RTP.
     void fill(Report& report) const;
@@ -70,6 +70,7 @@ class StreamAnalysis final : private SectionSink {
     void batch(const uint8_t* packet, const uint8_t* end);
     bool synchronise(const uint8_t* packet);
     void lookAtPacket(const uint8_t* packet, TsHeader header, Ticks now);
+    void continueUnit(PidRecord& record, const uint8_t* packet, TsHeader header, Ticks now);
     void transportError(PidRecord& record);
     PidRecord& recordOf(uint16_t pid);
     void scrambledPacket(PidRecord& record, TsHeader header, const Moment& moment);
@@ -125,7 +126,6 @@ class StreamAnalysis final : private SectionSink {
     PidTable pids_;
     std::array<PidRecord*, kPacketsTogether> touched_{};
 
-    Ticks streamNow_ = 0;
     Nanoseconds lookedAt_ = 0;  // arrival of the last look
     int64_t second_ = 0;        // that runs
     Nanoseconds secondEnd_ = kNsPerSecond;

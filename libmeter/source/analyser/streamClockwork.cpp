@@ -99,7 +99,6 @@ void StreamAnalysis::restart(Nanoseconds arrival) {
     nextLook_ = 0;
     position_ = 0;
     sync_ = {};
-    streamNow_ = 0;
     referenced_.reset();
     pmtPids_.reset();
     cuePids_.reset();

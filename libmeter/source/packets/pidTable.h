@@ -17,10 +17,9 @@ namespace meter {
 enum PidRole : uint8_t {
     kUnknownPid = 1 << 0,   // no packet of it yet, or none since it ceased to be referred to
     kSectionsPid = 1 << 1,  // carries sections that are read
-    kMediaPid = 1 << 2,     // PES packets of a video or audio stream begin here
-    kMediaWanted = 1 << 3,  // and more of the one that began is looked at
-    kOverflowPid = 1 << 4,  // one record for all PIDs that found no place
-    kNullRole = 1 << 5,     // null packets, which are counted alone
+    kMediaWanted = 1 << 2,  // more of the PES packet that began is looked at
+    kOverflowPid = 1 << 3,  // one record for all PIDs that found no place
+    kNullRole = 1 << 4,     // null packets, which are counted alone
 };
 
 // 0 in the index stands for a PID without record.
