@@ -4,6 +4,7 @@
 
 #include <numeric>
 
+#include "network/interArrival.h"
 #include "support/meterStream.h"
 
 namespace {
@@ -161,6 +162,37 @@ TEST(MeterNetwork, AHoldUpIsNoFaultOfTheStreamButADelay) {
         std::accumulate(report.network->histogram.begin(), report.network->histogram.end(), uint64_t{0}),
         sent.size() - 1);
     EXPECT_EQ(report.network->histogram[12], sent.size() - 1 - 101) << "4096 to 8192 us";
+}
+
+TEST(MeterNetwork, ThePercentileIsThatOfTheSecond) {
+    // Microseconds 1 to n in an order of their own: element floor(0.99 n) is known.
+    for (const int64_t count : {10, 1000, 51'000}) {
+        meter::InterArrival times;
+        for (int64_t i = 0; i < count; ++i) {
+            times.datagram((i * 7919 % count + 1) * 1000);
+        }
+        times.secondsEnded(1);
+        meter::NetworkReport report;
+        times.fill(report);
+        EXPECT_DOUBLE_EQ(report.interArrivalP99Ms.value(), static_cast<double>(count * 99 / 100 + 1) / 1000);
+    }
+    meter::InterArrival many;
+    for (int64_t i = 0; i < 100'000; ++i) {
+        many.datagram((i * 7919 % 100'000 + 1) * 1000);
+    }
+    many.secondsEnded(1);
+    meter::NetworkReport report;
+    many.fill(report);
+    EXPECT_FALSE(report.interArrivalP99Ms.has_value());
+}
+
+TEST(MeterFlow, TimesFarApartDoNoHarm) {
+    std::vector<Sent> sent = datagrams(1, false);
+    sent[50].arrival = INT64_MIN;
+    sent[100].arrival = INT64_MAX;
+    EXPECT_GT(measure(sent).seconds, 3e8);
+    sent[0].arrival = INT64_MIN;
+    EXPECT_GT(measure(sent).seconds, 3e8);
 }
 
 TEST(MeterFlow, ADeafMinuteIsNothingLate) {

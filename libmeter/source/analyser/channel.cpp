@@ -64,7 +64,7 @@ void ChannelAnalyser::Channel::feedOther(const Datagram& datagram) {
         ++(flow_ || !payload.malformed || isRtpVersion(datagram.payload) ? otherFlows_ : malformed_);
     } else if (!flow_) {
         beginFlow(datagram);
-    } else if (datagram.arrival - begin_ - lastDatagram_ > kSilence) {
+    } else if (since(datagram.arrival) - lastDatagram_ > kSilence) {
         changeFlow(datagram);
     } else {
         ++otherFlows_;
@@ -79,12 +79,12 @@ void ChannelAnalyser::Channel::beginFlow(const Datagram& datagram) {
 }
 
 void ChannelAnalyser::Channel::changeFlow(const Datagram& datagram) {
-    const Nanoseconds since = std::max(datagram.arrival - begin_, now_);
+    const Nanoseconds at = std::max(since(datagram.arrival), now_);
     order_.restart(*this);
-    endSeconds(since);
-    stream_.restart(since);
+    endSeconds(at);
+    stream_.restart(at);
     ChangeReport change;
-    change.at = static_cast<double>(since) / static_cast<double>(kNsPerSecond);
+    change.at = static_cast<double>(at) / static_cast<double>(kNsPerSecond);
     change.what = "flow";
     change.text = "The flow is " + nameOf(datagram.source, datagram.sourcePort, datagram.destinationPort) +
                   "; " + nameOf(flow_->source, flow_->sourcePort, flow_->port) + " was silent for over 5 s";
@@ -115,7 +115,7 @@ inline void ChannelAnalyser::Channel::feedPlain(Bytes packets, Nanoseconds arriv
 }
 
 void ChannelAnalyser::Channel::feedFlow(const Datagram& datagram) {
-    const Nanoseconds arrival = std::max(datagram.arrival - begin_, now_);
+    const Nanoseconds arrival = std::max(since(datagram.arrival), now_);
     now_ = arrival;
     if (arrival >= secondEnd_) {
         endSeconds(arrival);
@@ -171,8 +171,8 @@ void ChannelAnalyser::Channel::ordered(Bytes packets, Nanoseconds arrival, Nanos
     stream_.packets(packets, arrival, wall, missingPackets);
 }
 
-void ChannelAnalyser::Channel::endSeconds(Nanoseconds since) {
-    const int64_t seconds = since / kNsPerSecond - second_;
+void ChannelAnalyser::Channel::endSeconds(Nanoseconds now) {
+    const int64_t seconds = now / kNsPerSecond - second_;
     if (seconds <= 0) {
         return;
     }
@@ -192,10 +192,10 @@ void ChannelAnalyser::Channel::endSeconds(Nanoseconds since) {
 }
 
 void ChannelAnalyser::Channel::tick(Nanoseconds now) {
-    if (!flow_ || now - begin_ <= now_) {
+    if (!flow_ || since(now) <= now_) {
         return;
     }
-    now_ = now - begin_;
+    now_ = since(now);
     endSeconds(now_);
     stream_.advance(now_);
 }

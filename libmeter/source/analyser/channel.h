@@ -48,6 +48,17 @@ class ChannelAnalyser::Channel final : private OrderedSink {
         return bytesPerDatagram_ / static_cast<uint32_t>(kPacketSize);
     }
 
+    // Ten years: sums of arrivals stay far from 64 bits. What comes later counts as that.
+    static constexpr Nanoseconds kLongestAnalysis = Nanoseconds{10 * 365 * 86400LL} * kNsPerSecond;
+
+    // The arrival since the begin, whatever it is.
+    Nanoseconds since(Nanoseconds arrival) const {
+        if (arrival <= begin_) {
+            return 0;
+        }
+        const uint64_t passed = static_cast<uint64_t>(arrival) - static_cast<uint64_t>(begin_);
+        return static_cast<Nanoseconds>(std::min(passed, static_cast<uint64_t>(kLongestAnalysis)));
+    }
     void ordered(Bytes packets, Nanoseconds arrival, Nanoseconds wall, uint32_t missing) override;
     bool fits(const Datagram& datagram) const;
     bool isFlow(const Datagram& datagram) const;
@@ -59,7 +70,7 @@ class ChannelAnalyser::Channel final : private OrderedSink {
     void count(Bytes packets, Encapsulation encapsulation, Nanoseconds arrival);
     void feedPlain(Bytes packets, Nanoseconds arrival, Nanoseconds wall);
     void feedRtp(const RtpPacket& rtp, Nanoseconds arrival, Nanoseconds wall);
-    void endSeconds(Nanoseconds since);
+    void endSeconds(Nanoseconds now);
     uint64_t packetsByRtp() const;
     FlowReport flowReport() const;
     NetworkReport networkReport() const;

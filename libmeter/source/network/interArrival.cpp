@@ -1,53 +1,48 @@
 #include "network/interArrival.h"
 
 #include <algorithm>
+#include <functional>
 
 namespace meter {
 
-namespace {
-
-constexpr std::size_t kFirstTimes = 1024;
-
-}  // namespace
-
-void InterArrival::makeRoom() {
-    if (times_.size() < kTimesLimit) {
-        times_.resize(std::max(2 * times_.size(), kFirstTimes));
-        return;
+void InterArrival::keep(uint32_t ns) {
+    const auto begin = longest_.begin();
+    if (keptCount_ == kLongest) {
+        std::pop_heap(begin, longest_.end(), std::greater<>());
+        --keptCount_;
     }
-    for (std::size_t i = 0; i < kTimesLimit / 2; ++i) {
-        times_[i] = times_[2 * i];
-    }
-    kept_ = kTimesLimit / 2;
-    keepEvery_ *= 2;
-    untilKept_ = keepEvery_;
+    longest_[keptCount_++] = ns;
+    std::push_heap(begin, begin + static_cast<std::ptrdiff_t>(keptCount_), std::greater<>());
 }
 
 void InterArrival::secondsEnded(int64_t seconds) {
     last_.reset();
     if (seconds == 1 && count_ > 0) {
-        const std::size_t rank = kept_ * 99 / 100;
-        const auto begin = times_.begin();
-        std::nth_element(begin, begin + static_cast<std::ptrdiff_t>(rank),
-                         begin + static_cast<std::ptrdiff_t>(kept_));
-        last_ = {lowest_, highest_, static_cast<double>(sum_) / static_cast<double>(count_), times_[rank]};
+        // Element floor(0.99 n) of the sorted ones, counted from the longest.
+        last_ = {lowest_, highest_, static_cast<double>(sum_) / static_cast<double>(count_), std::nullopt};
+        const uint64_t behind = count_ - count_ * 99 / 100;
+        if (behind <= keptCount_) {
+            const auto end = longest_.begin() + static_cast<std::ptrdiff_t>(keptCount_);
+            const auto p99 = end - static_cast<std::ptrdiff_t>(behind);
+            std::nth_element(longest_.begin(), p99, end);
+            last_->p99 = *p99;
+        }
     }
     count_ = 0;
     sum_ = 0;
     lowest_ = std::numeric_limits<Nanoseconds>::max();
     highest_ = 0;
-    kept_ = 0;
-    keepEvery_ = 1;
-    untilKept_ = 1;
+    keptCount_ = 0;
     if (minute_.empty()) {
         minute_.resize(kMinuteSeconds);
     }
     for (int64_t i = std::min<int64_t>(seconds, kMinuteSeconds); i > 0; --i) {
-        Bins& oldest = minute_[next_];
+        SecondBins& oldest = minute_[next_];
         for (std::size_t bin = 0; bin < kHistogramBins; ++bin) {
-            total_[bin] += running_[bin] - oldest[bin];
+            const auto ended = static_cast<uint16_t>(std::min<uint32_t>(running_[bin], UINT16_MAX));
+            total_[bin] += uint32_t{ended} - oldest[bin];
+            oldest[bin] = ended;
         }
-        oldest = running_;
         running_.fill(0);
         next_ = (next_ + 1) % kMinuteSeconds;
     }
@@ -59,7 +54,9 @@ void InterArrival::fill(NetworkReport& report) const {
         report.interArrivalLowestMs = ms(static_cast<double>(last_->lowest));
         report.interArrivalMeanMs = ms(last_->mean);
         report.interArrivalHighestMs = ms(static_cast<double>(last_->highest));
-        report.interArrivalP99Ms = ms(static_cast<double>(last_->p99));
+        if (last_->p99) {
+            report.interArrivalP99Ms = ms(*last_->p99);
+        }
     }
     // The second that runs is within the last minute, too.
     for (std::size_t bin = 0; bin < kHistogramBins; ++bin) {

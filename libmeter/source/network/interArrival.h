@@ -16,8 +16,9 @@ namespace meter {
 
 class InterArrival {
   public:
-    // Times kept a second for its percentile; where more come, every second, fourth ... of them is kept.
-    static constexpr std::size_t kTimesLimit = 8192;
+    // Times kept a second: the 99th percentile of up to 51,100 is among the longest, that of more is not
+    // known.
+    static constexpr std::size_t kLongest = 512;
 
     // `between`: not negative.
     void datagram(Nanoseconds between) {
@@ -26,28 +27,27 @@ class InterArrival {
         sum_ += between;
         ++count_;
         ++running_[binOf(between)];
-        if (--untilKept_ == 0) {
-            untilKept_ = keepEvery_;
-            if (kept_ == times_.size()) {
-                makeRoom();
-            }
-            times_[kept_++] = static_cast<uint32_t>(std::min<Nanoseconds>(between, UINT32_MAX));
+        // The longest ones are kept, the shortest of them in front: enough to find the percentile among.
+        const auto ns = static_cast<uint32_t>(std::min<Nanoseconds>(between, UINT32_MAX));
+        if (keptCount_ < kLongest || ns > longest_[0]) {
+            keep(ns);
         }
     }
     // So many whole seconds ended, all but the first of them without a datagram.
     void secondsEnded(int64_t seconds);
     void fill(NetworkReport& report) const;
     std::size_t heldBytes() const {
-        return times_.capacity() * sizeof(uint32_t) + minute_.capacity() * sizeof(Bins);
+        return minute_.capacity() * sizeof(SecondBins);
     }
 
   private:
     using Bins = std::array<uint32_t, kHistogramBins>;
+    using SecondBins = std::array<uint16_t, kHistogramBins>;  // at most 65535 a bin and second are counted
     struct Figures {
         Nanoseconds lowest = 0;
         Nanoseconds highest = 0;
         double mean = 0;
-        Nanoseconds p99 = 0;
+        std::optional<uint32_t> p99;
     };
 
     // The n-th bin, from 0, has times below 2^(n + 1) us; the last one all that are longer.
@@ -55,12 +55,10 @@ class InterArrival {
         const auto us = static_cast<uint64_t>(time) / kNsPerUs;
         return std::min<std::size_t>(static_cast<std::size_t>(std::bit_width(us >> 1)), kHistogramBins - 1);
     }
-    void makeRoom();
+    void keep(uint32_t ns);
 
-    std::vector<uint32_t> times_;  // ns, of the second that runs; its size is its capacity
-    std::size_t kept_ = 0;
-    uint32_t keepEvery_ = 1;
-    uint32_t untilKept_ = 1;
+    std::array<uint32_t, kLongest> longest_;  // ns, of the second that runs, as a heap
+    std::size_t keptCount_ = 0;
     Nanoseconds lowest_ = std::numeric_limits<Nanoseconds>::max();
     Nanoseconds highest_ = 0;
     Nanoseconds sum_ = 0;
@@ -68,7 +66,7 @@ class InterArrival {
     std::optional<Figures> last_;
 
     Bins running_{};
-    std::vector<Bins> minute_;  // ring of whole seconds
+    std::vector<SecondBins> minute_;  // ring of whole seconds
     std::size_t next_ = 0;
     Bins total_{};  // of the minute
 };
