@@ -7,6 +7,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <new>
 #include <type_traits>
@@ -342,13 +343,24 @@ void History::Rings::releaseMinutes() {
 }
 
 void History::Rings::releaseSlots(std::size_t from, std::size_t to) {
-    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const auto begin = (reinterpret_cast<std::uintptr_t>(&minutes.records[from]) + page - 1) / page * page;
-    const auto end = reinterpret_cast<std::uintptr_t>(minutes.records.data() + to) / page * page;
-    if (begin < end) {
-        // They are zero when they are touched again, which is what is not known.
-        madvise(reinterpret_cast<void*>(begin), end - begin, MADV_DONTNEED);
+    if (from == to) {
+        return;
     }
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    auto* const first = reinterpret_cast<char*>(minutes.records.data() + from);
+    auto* const last = reinterpret_cast<char*>(minutes.records.data() + to);
+    const auto roundUp = [page](char* at) {
+        return at + (page - reinterpret_cast<std::uintptr_t>(at) % page) % page;
+    };
+    char* const begin = std::min(roundUp(first), last);
+    char* const end = std::max(begin, last - reinterpret_cast<std::uintptr_t>(last) % page);
+    // All of it is zero afterwards, which is what is not known: pages when they are touched again, and at
+    // both ends what shares a page with minutes that are kept.
+    std::memset(first, 0, static_cast<std::size_t>(begin - first));
+    if (begin < end) {
+        madvise(begin, static_cast<std::size_t>(end - begin), MADV_DONTNEED);
+    }
+    std::memset(end, 0, static_cast<std::size_t>(last - end));
 }
 
 void History::Rings::writeSecond(int64_t index) {
