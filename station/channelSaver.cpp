@@ -149,16 +149,21 @@ LoadedRuntime ChannelSaver::load(std::chrono::milliseconds time) {
 
 void ChannelSaver::save(RuntimeChannels channels, std::function<void(const std::string& problem)> done) {
     Implementation& own = *implementation_;
+    bool known = false;
     {
         const std::lock_guard lock(own.mutex);
-        own.toSave = std::move(channels);
-        if (own.askers.size() < kAskers) {
+        known = own.known;
+        if (known) {
+            own.toSave = std::move(channels);
+        }
+        if (known && own.askers.size() < kAskers) {
             own.askers.push_back(std::exchange(done, nullptr));
         }
     }
     own.news.notify_all();
     if (done) {
-        done("the disk is slow, and too many changes wait for it");
+        done(known ? "the disk is slow, and too many changes wait for it"
+                   : own.name.string() + " could not be read yet, and is not written over");
     }
 }
 

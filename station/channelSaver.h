@@ -28,7 +28,8 @@ class ChannelSaver {
     // What was read; without channels when that did not work, or not within the time. To be called once.
     LoadedRuntime load(std::chrono::milliseconds time);
     // Of several that wait only the latest is written, and all are told: the problem, or an empty text. One
-    // that could not be written is tried again. Any thread, at once; `done` is called on the saver's.
+    // that could not be written is tried again. Before load() found what is there none is taken, and `done`
+    // is told so at once. Any thread; `done` is called on the saver's.
     void save(RuntimeChannels channels, std::function<void(const std::string& problem)> done);
     // Nobody is told any more, once this returns.
     void mute();

@@ -276,6 +276,11 @@ struct FileReader::Implementation {
         ConfigurationResult read = options.configuration.empty()
                                        ? parseConfiguration("", "station.toml")
                                        : station::readConfiguration(options.configuration);
+        // Somebody has begun to write it.
+        known.configurationWaits = known.configuration && !watch.rests(options.configuration);
+        if (known.configurationWaits) {
+            return;
+        }
         known.mistakes.clear();
         for (const Mistake& mistake : read.mistakes) {
             known.mistakes.push_back(mistake.message());

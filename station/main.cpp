@@ -14,6 +14,8 @@
 
 #include "channels/configurationValues.h"
 #include "channels/textFile.h"
+#include "common/endWithin.h"
+#include "common/log.h"
 #include "completion.h"
 #include "station.h"
 
@@ -28,6 +30,9 @@ constexpr int kExitUsage = 2;
 constexpr int kKeepsFreed = 1 << 20;
 constexpr const char* kDefaultConfiguration = "/etc/kestor/station.toml";
 constexpr mode_t kNothingForOthers = 0027;  // of what the station writes
+// From a signal to the end, whatever hangs: a little below what is promised.
+constexpr std::chrono::milliseconds kEndTime{1800};
+constexpr std::chrono::milliseconds kLastLines{100};  // for the log
 
 struct Arguments {
     std::string configuration;
@@ -181,6 +186,7 @@ int serve(station::FileKeeper& keeper, station::Mailbox& mailbox) {
     makeDirectory(files->configuration->socket.parent_path());
     const station::Station owner(std::move(*files), keeper.loadRuntime(state), keeper, mailbox);
     keeper.run();
+    station::endWithin(kEndTime, 0);
     return 0;
 }
 
@@ -205,6 +211,7 @@ int run(const CLI::App& app, const Arguments& arguments) {
     // A disk that hangs must not keep the process: its threads are left to their end then.
     if (!keeper.end()) {
         fflush(nullptr);
+        station::flushLog(kLastLines);
         _Exit(status);
     }
     return status;

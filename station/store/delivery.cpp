@@ -195,7 +195,7 @@ void Delivery::Implementation::follow(Orders& taken) {
         configured_ = true;
     }
     const WallTime now = systemNow().wall;
-    bool lacking = taken.lost > 0 && !taken.active;
+    bool lacking = taken.lost > 0;  // also behind what is told here to be active
     for (const auto& [key, entry] : receivers_) {
         Receiver& receiver = entry->receiver;
         if (taken.active) {

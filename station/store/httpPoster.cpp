@@ -175,6 +175,8 @@ HttpOutcome HttpPoster::Implementation::outcome(const Exchange& exchange, CURLco
         outcome.problem = "it redirects (status " + std::to_string(outcome.status) +
                           "), which is not followed; configure the address where it points";
     } else if (outcome.status != 0) {
+        // A gateway that got no answer in time does not know what became of it either.
+        outcome.doubt = outcome.status == 502 || outcome.status == 504;
         outcome.problem = "it answered with status " + std::to_string(outcome.status);
     } else {
         curl_off_t sent = 0;

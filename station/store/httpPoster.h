@@ -22,7 +22,7 @@ struct HttpPost {
 
 struct HttpOutcome {
     long status = 0;      // of the answer; 0 without one
-    bool doubt = false;   // the whole request was sent and no answer came: it may have been taken
+    bool doubt = false;   // the whole request was sent and no answer of the receiver came: it may have it
     std::string problem;  // a sentence without the URL; empty when the status is 2xx
     bool taken() const {
         return problem.empty();

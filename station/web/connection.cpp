@@ -207,8 +207,9 @@ void Connection::readingFailed(const ErrorCode& error) {
         return;
     }
     if (tooLate_) {
+        const auto time = playlist_ ? kPlaylistTime : kRequestTime;
         return answerProblem(
-            problem(408, "The request was not whole within " + std::to_string(kRequestTime.count()) + " s"));
+            problem(408, "The request was not whole within " + std::to_string(time.count()) + " s"));
     }
     auto refused = refuseMessage(error);
     if (!refused) {

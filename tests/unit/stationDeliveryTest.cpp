@@ -129,6 +129,7 @@ TEST(Delivery, TellsOfAClearOnlyWhereTheRaiseMayHaveArrived) {
     };
     const Case cases[] = {
         {"refused", 500, {}},
+        {"given up by a gateway, which may have passed it on", 504, {"raised 1", "cleared 1"}},
         {"sent and not answered", WebhookServer::kClose, {"raised 1", "cleared 1"}},
         {"taken", 200, {"raised 1", "cleared 1"}},
     };
