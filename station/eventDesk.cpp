@@ -66,6 +66,7 @@ std::string whatChanged(const Channel& before, const Channel& after) {
 EventDesk::EventDesk(EventStore& store, Delivery& delivery)
     : store_(store),
       delivery_(delivery),
+      loaded_(store.initial().loaded),
       lastId_(store.initial().lastId),
       maintenance_(store.initial().maintenance) {
     if (!store.initial().problem.empty()) {
@@ -74,6 +75,9 @@ EventDesk::EventDesk(EventStore& store, Delivery& delivery)
 }
 
 void EventDesk::restore(const std::vector<Alarm>& active, const ChannelMap& channels, const Now& now) {
+    if (!loaded_) {
+        return;  // receivers would be told that all is over which is not known yet
+    }
     std::vector<ActiveNotification> raised;
     for (const Alarm& alarm : active) {
         const bool silenced = inMaintenance(alarm.group, now);
@@ -87,11 +91,22 @@ void EventDesk::restore(const std::vector<Alarm>& active, const ChannelMap& chan
     delivery_.resume(std::move(raised));
 }
 
-int64_t EventDesk::record(Event event, const Now& now) {
-    event.id = ++lastId_;
+// Where no more ids are reserved the time has to tell them from all that were given.
+int64_t EventDesk::takeId(const Now& now) {
+    if (lastId_ >= store_.reservedTo()) {
+        lastId_ = std::max(lastId_, idByTime(now.wall));
+    }
+    return ++lastId_;
+}
+
+int64_t EventDesk::record(Event event, const Now& now, EventStore::Stored stored) {
+    if (event.id == 0) {
+        event.id = takeId(now);
+    }
     event.time = now.wall;
-    store_.record(std::move(event));
-    return lastId_;
+    const int64_t id = event.id;
+    store_.record(std::move(event), std::move(stored));
+    return id;
 }
 
 void EventDesk::record(const ChannelDifference& difference, const Now& now) {
@@ -110,7 +125,7 @@ void EventDesk::record(const ChannelDifference& difference, const Now& now) {
 }
 
 void EventDesk::record(const AlarmChange& change, AlarmEngine& engine, const ChannelMap& channels,
-                       const ChannelDifference* removed, const Now& now) {
+                       const ChannelDifference* removed, const Now& now, EventStore::Stored stored) {
     using What = AlarmChange::What;
     const AlarmType& type = alarmTypes()[change.alarm.type];
     const Channel* channel = findChannel(change.alarm.group, channels, removed);
@@ -126,7 +141,7 @@ void EventDesk::record(const AlarmChange& change, AlarmEngine& engine, const Cha
     event.silenced = inMaintenance(change.alarm.group, now);
     Alarm alarm = change.alarm;
     if (change.what == What::kRaised || change.what == What::kHappened) {
-        alarm.id = lastId_ + 1;
+        alarm.id = event.id = takeId(now);
     }
     if (change.what == What::kCleared) {
         event.peak = alarm.peak;
@@ -138,7 +153,7 @@ void EventDesk::record(const AlarmChange& change, AlarmEngine& engine, const Cha
     }
     event.alarmId = alarm.id;
     const bool silenced = event.silenced;
-    record(std::move(event), now);
+    record(std::move(event), now, std::move(stored));
     if (change.what == What::kRaised) {
         engine.setId(alarm.type, alarm.group, alarm.id);
     }
@@ -188,6 +203,38 @@ Notification EventDesk::notification(const Alarm& alarm, AlarmChange::What what,
     return notification;
 }
 
+bool EventDesk::takeLate(AlarmEngine& engine, const ChannelMap& channels, const Now& now) {
+    const std::optional<StoredState> late = store_.late();
+    if (!late) {
+        return false;
+    }
+    loaded_ = true;
+    lastId_ = std::max(lastId_, late->lastId);
+    maintenance_.insert(maintenance_.end(), late->maintenance.begin(), late->maintenance.end());
+    const std::vector<Alarm> raised = engine.active();
+    std::vector<Alarm> others;
+    for (const Alarm& alarm : late->active) {
+        const auto again = std::ranges::find_if(raised, [&alarm](const Alarm& one) {
+            return one.type == alarm.type && one.group == alarm.group;
+        });
+        if (again == raised.end()) {
+            others.push_back(alarm);
+            continue;
+        }
+        engine.identify(alarm);
+        record(
+            {.what = AlarmChange::What::kCleared,
+             .alarm = *again,
+             .text = "it is the alarm " + std::to_string(alarm.id) + ", raised before the station started"},
+            engine, channels, nullptr, now);
+    }
+    for (const AlarmChange& change : engine.restore(others, now)) {
+        record(change, engine, channels, nullptr, now);
+    }
+    restore(engine.active(), channels, now);
+    return true;
+}
+
 bool EventDesk::tick(const std::vector<Alarm>& active, const ChannelMap& channels, const Now& now) {
     bool ended = false;
     std::erase_if(maintenance_, [&](const Maintenance& window) {
@@ -202,7 +249,7 @@ bool EventDesk::tick(const std::vector<Alarm>& active, const ChannelMap& channel
         ended = true;
         return true;
     });
-    if (delivery_.wantsActive()) {
+    if (loaded_ && delivery_.wantsActive()) {
         restore(active, channels, now);
     }
     if (silenced_.empty()) {
@@ -233,8 +280,16 @@ int64_t EventDesk::setMaintenance(const SetMaintenance& action, const ChannelMap
                         .by = action.by},
                        now);
     maintenance_.push_back(window);
-    store_.putMaintenance(window);
     return window.id;
+}
+
+void EventDesk::store(int64_t id, EventStore::Stored stored) {
+    const auto window = std::ranges::find(maintenance_, id, &Maintenance::id);
+    if (window != maintenance_.end()) {
+        store_.putMaintenance(*window, std::move(stored));
+    } else {
+        store_.removeMaintenance(id, std::move(stored));
+    }
 }
 
 bool EventDesk::endMaintenance(int64_t id, const Now& now) {
@@ -242,7 +297,6 @@ bool EventDesk::endMaintenance(int64_t id, const Now& now) {
     if (window == maintenance_.end()) {
         return false;
     }
-    store_.removeMaintenance(id);
     record({.kind = EventKind::kMaintenanceEnded, .group = window->group, .text = "ended on demand"}, now);
     maintenance_.erase(window);
     return true;

@@ -356,6 +356,7 @@ struct Station::Implementation : StationInterface {
         } else if (!asked && probe.state().asks && probe.state().connected) {
             log(LogLevel::kNotice, "the probe asks and shows snapshots");
         }
+        alarmsVersion += desk.takeLate(engine, book.channels(), now) ? 1 : 0;
         alarmsVersion += desk.tick(engine.active(), book.channels(), now) ? 1 : 0;
         if (now.steady - useMeasured > kMeasuresUse) {
             useMeasured = now.steady;
@@ -726,9 +727,22 @@ struct Station::Implementation : StationInterface {
                           "no alarm with the id " + std::to_string(action.id) + " is raised"));
             return;
         }
-        take(changes, now);
+        ++alarmsVersion;
         publish(now);
-        reply({});
+        for (const AlarmChange& change : changes) {
+            desk.record(change, engine, book.channels(), nullptr, now, whenStored({}, reply));
+        }
+    }
+
+    // Answers when it is on the disk, or that it cannot be.
+    static EventStore::Stored whenStored(Answer&& answer, const Reply& reply) {
+        return [reply, said = std::move(answer)](const std::string& problem) mutable {
+            if (!problem.empty()) {
+                said = refused(Refusal::Why::kFailed, "",
+                               "in effect, but not on the disk, which is tried again: " + problem);
+            }
+            reply(std::move(said));
+        };
     }
 
     void act(const SetMaintenance& action, const Reply& reply) {
@@ -744,8 +758,10 @@ struct Station::Implementation : StationInterface {
             answer = refused(Refusal::Why::kConflict, "",
                              "there are too many maintenance windows; end some first");
         } else {
-            answer.id = desk.setMaintenance(action, book.channels(), now);
+            const int64_t id = answer.id = desk.setMaintenance(action, book.channels(), now);
             publish(now);
+            desk.store(id, whenStored(std::move(answer), reply));
+            return;
         }
         reply(std::move(answer));
     }
@@ -753,12 +769,17 @@ struct Station::Implementation : StationInterface {
     void act(const EndMaintenance& action, const Reply& reply) {
         const Now now = systemNow();
         if (!desk.endMaintenance(action.id, now)) {
+            if (!desk.loaded()) {
+                reply(refused(Refusal::Why::kFailed, "",
+                              "events.db could not be read yet: which windows there are is not known"));
+                return;
+            }
             reply(refused(Refusal::Why::kNotFound, "id",
                           "no maintenance window has the id " + std::to_string(action.id)));
             return;
         }
         publish(now);
-        reply({});
+        desk.store(action.id, whenStored({}, reply));
     }
 
     void act(const AskHistory& action, const Reply& reply) {

@@ -440,6 +440,16 @@ void AlarmEngine::setId(std::size_t type, std::optional<Group> group, int64_t id
     }
 }
 
+void AlarmEngine::identify(const Alarm& known) {
+    Subject* subject = implementation_->subjectOf(known.group);
+    if (subject != nullptr && known.type < subject->trackers.size() && subject->trackers[known.type].raised) {
+        Alarm& alarm = subject->trackers[known.type].raised->alarm;
+        alarm.id = known.id;
+        alarm.raised = known.raised;
+        alarm.acknowledged = known.acknowledged;
+    }
+}
+
 bool AlarmEngine::acknowledge(int64_t id, const Acknowledgement& acknowledgement,
                               std::vector<AlarmChange>& changes) {
     const auto acknowledgeIn = [&](Subject& subject) {

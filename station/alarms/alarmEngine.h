@@ -80,6 +80,8 @@ class AlarmEngine {
     void countersCleared(const Now& now);
 
     void setId(std::size_t type, std::optional<Group> group, int64_t id);
+    // A raised alarm is this one: it gets its id, time and acknowledgement.
+    void identify(const Alarm& known);
     // False when no such alarm is raised. A second acknowledgement replaces the first.
     bool acknowledge(int64_t id, const Acknowledgement& acknowledgement, std::vector<AlarmChange>& changes);
 

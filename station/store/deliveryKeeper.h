@@ -21,7 +21,7 @@ namespace station {
 class DeliveryKeeper {
   public:
     static constexpr std::chrono::seconds kRetry{10};          // after a failure
-    static constexpr std::chrono::milliseconds kClosing{800};  // for what is left at the end
+    static constexpr std::chrono::milliseconds kClosing{500};  // for what is left at the end
     static constexpr std::size_t kJobs = 1'000;  // not yet written; beyond, it is given all anew later
 
     // `wake` is called on the keeper's thread whenever something here has changed.

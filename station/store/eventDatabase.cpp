@@ -12,7 +12,7 @@ namespace {
 // any reordering of the enumerations. An index's entries end with the row's id, so each of them also gives
 // its rows newest first. `active` says which alarms are raised and not cleared, so that a start does not have
 // to look through all events.
-constexpr std::array<const char*, 2> kSchema = {
+constexpr std::array<const char*, 3> kSchema = {
     R"(CREATE TABLE events (
          id INTEGER PRIMARY KEY, time INTEGER NOT NULL, kind TEXT NOT NULL, channel_group TEXT,
          channel TEXT NOT NULL, alarm TEXT NOT NULL, alarm_id INTEGER NOT NULL, severity TEXT,
@@ -31,6 +31,11 @@ constexpr std::array<const char*, 2> kSchema = {
        CREATE TABLE maintenance (
          id INTEGER PRIMARY KEY, from_time INTEGER NOT NULL, until_time INTEGER NOT NULL,
          channel_group TEXT, remark TEXT NOT NULL, by_whom TEXT NOT NULL);)",
+    // `ages` has for some ids how long stations had run (ms) when the event was there already. What is there
+    // from before is taken for new.
+    R"(CREATE TABLE numbers (name TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID;
+       CREATE TABLE ages (id INTEGER PRIMARY KEY, ran INTEGER NOT NULL);
+       INSERT INTO ages SELECT max(id), 0 FROM events HAVING max(id) IS NOT NULL;)",
 };
 
 constexpr std::string_view kColumns =
@@ -123,8 +128,9 @@ EventDatabase::EventDatabase(const std::filesystem::path& file, const Patience& 
         "VALUES (?, ?, ?, ?, ?, ?)");
     removeMaintenance_ = database_.prepare("DELETE FROM maintenance WHERE id = ?");
     const std::string inSteps = "DELETE FROM events WHERE id IN (SELECT id FROM events WHERE ";
-    deleteOld_ =
-        database_.prepare(inSteps + "time < ? AND " + std::string(kMayGo) + " ORDER BY time LIMIT ?)");
+    deleteOld_ = database_.prepare(inSteps + "id <= (SELECT max(id) FROM ages WHERE ran <= ?) AND " +
+                                   std::string(kMayGo) + " ORDER BY id LIMIT ?)");
+    setNumber_ = database_.prepare("INSERT OR REPLACE INTO numbers (name, value) VALUES (?, ?)");
     deleteExcess_ = database_.prepare(inSteps + std::string(kMayGo) + " ORDER BY id LIMIT ?)");
 }
 
@@ -135,7 +141,31 @@ bool EventDatabase::inPlace() const {
 }
 
 int64_t EventDatabase::lastId() {
-    return database_.integer("SELECT max(id) FROM events");
+    return std::max(database_.integer("SELECT max(id) FROM events"), number("reserved"));
+}
+
+int64_t EventDatabase::number(const char* name) {
+    return database_.integer("SELECT value FROM numbers WHERE name = '" + std::string(name) + "'");
+}
+
+void EventDatabase::reserve(int64_t id) {
+    beginSynchronous(true);
+    setNumber_.bind(1, std::string_view("reserved")).bind(2, id).run();
+}
+
+std::chrono::milliseconds EventDatabase::ran() {
+    return std::chrono::milliseconds(number("ran"));
+}
+
+void EventDatabase::noteRan(std::chrono::milliseconds ran) {
+    beginSynchronous(false);
+    Transaction transaction(database_);
+    setNumber_.bind(1, std::string_view("ran")).bind(2, static_cast<int64_t>(ran.count())).run();
+    Statement note = database_.prepare(
+        "INSERT INTO ages SELECT max(id), ? FROM events WHERE id > (SELECT coalesce(max(id), 0) FROM ages) "
+        "HAVING max(id) IS NOT NULL");
+    note.bind(1, static_cast<int64_t>(ran.count())).run();
+    transaction.commit();
 }
 
 Carried EventDatabase::load() {
@@ -251,14 +281,17 @@ void EventDatabase::carryOver(const Carried& carried) {
     rows_.reset();
 }
 
-bool EventDatabase::retain(WallTime oldest, uint64_t rows) {
+bool EventDatabase::retain(std::chrono::milliseconds ran, uint64_t rows) {
     if (!rows_) {
         rows_ = static_cast<uint64_t>(database_.integer("SELECT count(*) FROM events"));
     }
     beginSynchronous(false);
     Transaction transaction(database_);
-    deleteOld_.bind(1, milliseconds(oldest)).bind(2, kRetentionStep).run();
+    deleteOld_.bind(1, static_cast<int64_t>(ran.count())).bind(2, kRetentionStep).run();
     int64_t deleted = database_.changes();
+    Statement forget =
+        database_.prepare("DELETE FROM ages WHERE id < (SELECT max(id) FROM ages WHERE ran <= ?)");
+    forget.bind(1, static_cast<int64_t>(ran.count())).run();
     const uint64_t kept = *rows_ - std::min(*rows_, static_cast<uint64_t>(deleted));
     if (kept > rows && deleted < kRetentionStep) {
         const auto excess =

@@ -51,27 +51,33 @@ class EventDatabase {
     // goes nowhere.
     bool inPlace() const;
 
-    int64_t lastId();
+    int64_t lastId();  // given or reserved so far
+    void reserve(int64_t id);
     Carried load();
     // All entries or none; synced to the disk before it returns when one of them is durable.
     void write(std::span<const StoreEntry* const> entries);
     // Makes these the active alarms and windows, whatever the file had.
     void carryOver(const Carried& carried);
-    // Deletes up to kRetentionStep events that are older than `oldest` or beyond `rows`, and none that
-    // belongs to an active alarm. True when there may be more.
-    bool retain(WallTime oldest, uint64_t rows);
+    // How long stations ran with this file, by a clock that is never set. note() keeps it, with the newest
+    // event's id: so the age of events is known, whatever the time that they bear.
+    std::chrono::milliseconds ran();
+    void noteRan(std::chrono::milliseconds ran);
+    // Deletes up to kRetentionStep events that were there when stations had run for `ran`, or that are beyond
+    // `rows`, and none that belongs to an active alarm. True when there may be more.
+    bool retain(std::chrono::milliseconds ran, uint64_t rows);
 
   private:
     void insert(const StoreEntry& entry);
     void insertEvent(const Event& event);
     void keepActive(const Event& event);
     void beginSynchronous(bool full);
+    int64_t number(const char* name);
 
     const std::filesystem::path file_;
     Database database_;
     struct stat identity_ {};
     Statement insertEvent_, raise_, clear_, acknowledge_, putMaintenance_, removeMaintenance_;
-    Statement deleteOld_, deleteExcess_;
+    Statement deleteOld_, deleteExcess_, setNumber_;
     std::optional<uint64_t> rows_;  // counted when first needed
     std::optional<bool> full_;      // synchronous as it was set last
 };

@@ -8,6 +8,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <random>
 #include <thread>
 #include <utility>
 
@@ -26,24 +27,29 @@ constexpr std::size_t kBatch = 500;       // entries of one transaction
 constexpr auto kRetryWait = 1s;           // after a failure
 constexpr auto kRetentionInterval = 60s;  // between two looks for what is too old
 constexpr auto kRetentionBreath = 20ms;   // between two steps, so that the disk has time for others
-constexpr auto kClosingTime = 1s;         // for what is queued at the end
+constexpr auto kClosingTime = 800ms;      // for what is queued at the end
+constexpr auto kStartPatience = 1s;       // with another program that has the file
 constexpr std::chrono::hours kDay{24};
+constexpr auto kAgeInterval = 1h;  // between two notes of how long the station ran
 
 struct Waiting {
     StoreEntry entry;
-    std::function<void(int64_t id)> stored;
+    EventStore::Stored stored;
+
+    void tell(const std::string& problem) {
+        if (stored) {
+            std::exchange(stored, {})(problem);
+        }
+    }
+    bool isWindow() const {
+        return !std::holds_alternative<Event>(entry);
+    }
 };
 
 struct Question {
     EventFilter filter;
     EventStore::QueryAnswer answer;
 };
-
-// Where ids start when those on the disk cannot be known: above all that were given, since events come more
-// slowly than one a second in the long run.
-int64_t idFromTime(WallTime time) {
-    return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
-}
 
 // The active alarms. What nobody could ever clear is taken out: a type that this version does not have, and
 // all but the newest where a channel has one several times.
@@ -75,6 +81,17 @@ std::vector<Alarm> takeAlarms(std::map<int64_t, ActiveEvents>& active) {
 
 }  // namespace
 
+int64_t idByTime(WallTime time) {
+    constexpr int64_t kNeverEarlier = 1'767'225'600'000;  // 2026-01-01
+    constexpr int64_t kSpread = int64_t{1} << 32;
+    const int64_t milliseconds = time.time_since_epoch().count();
+    if (milliseconds >= kNeverEarlier) {
+        return milliseconds;
+    }
+    std::random_device random;
+    return kNeverEarlier + std::uniform_int_distribution<int64_t>(0, kSpread)(random);
+}
+
 struct EventStore::Implementation {
     Implementation(const std::filesystem::path& directory, Limits atFirst, ClockFunction time);
     ~Implementation();
@@ -82,8 +99,11 @@ struct EventStore::Implementation {
     void push(Waiting&& waiting);
 
     StoredState initial;
+    std::optional<StoredState> takeLate();
 
     // Any thread.
+    std::atomic<int64_t> reservedTo{0};
+    std::atomic<bool> retainNow{false};
     std::mutex limitsMutex;
     Limits limits;  // under limitsMutex
     BoundedQueue<Question> questions{kQueryQueue};
@@ -98,11 +118,17 @@ struct EventStore::Implementation {
     bool finished();
     std::deque<Waiting> take(Clock::time_point until);
     void putBack(std::deque<Waiting>&& batch);
+    void tellWaiting(std::deque<Waiting>& batch, const std::string& problem);
     void trim();
 
     void open();
     void openAtStart();
-    void takeUp(Carried&& stored);
+    StoredState readFirst();
+    StoredState takeUp(Carried&& stored);
+    void readLate(StoredState&& state);
+    void keepReserved();
+    void finish();
+    std::chrono::milliseconds ranSoFar() const;
     void works();
     void putAsideIfDamaged();
     void leaveIfRemoved();
@@ -122,15 +148,21 @@ struct EventStore::Implementation {
     const ClockFunction clock_;
     Patience patience_;
 
-    std::mutex mutex_;  // guards the three below; no lock is taken while it is held
+    std::mutex mutex_;  // guards all down to closing_; no lock is taken while it is held
     std::condition_variable changed_;
     std::deque<Waiting> queue_;
     std::string damage_;  // found while reading; empty for none
+    std::optional<StoredState> late_;
+    int64_t lastId_ = 0;  // the highest that was recorded
     bool closing_ = false;
 
     // The store's thread (the constructor's until that runs).
     std::optional<EventDatabase> database_;
+    bool read_ = false;  // what the file had is taken up
     Carried carried_;
+    std::chrono::milliseconds ranBefore_{0};  // until the file was opened
+    SteadyTime ranSince_{};
+    SteadyTime ageAt_{};  // of the next note
     LogOnChange problem_;
     Clock::time_point retryAt_{};
     Clock::time_point retentionAt_{};
@@ -179,15 +211,23 @@ EventStore::Implementation::~Implementation() {
 void EventStore::Implementation::push(Waiting&& waiting) {
     {
         const std::lock_guard lock(mutex_);
+        if (const auto* event = std::get_if<Event>(&waiting.entry)) {
+            lastId_ = std::max(lastId_, event->id);
+        }
         queue_.push_back(std::move(waiting));
         trim();
     }
     changed_.notify_one();
 }
 
+// Windows stay: nobody would set them again.
 void EventStore::Implementation::trim() {
     while (queue_.size() > kStoreQueue) {
-        queue_.pop_front();
+        auto oldest = std::ranges::find_if(queue_, [](const Waiting& one) { return !one.isWindow(); });
+        if (oldest - queue_.begin() > static_cast<std::ptrdiff_t>(kWindowQueue)) {
+            oldest = queue_.begin();
+        }
+        queue_.erase(oldest);
         ++dropped;
     }
     waitingCount = queue_.size();
@@ -218,54 +258,97 @@ void EventStore::Implementation::putBack(std::deque<Waiting>&& batch) {
 // The file.
 
 void EventStore::Implementation::openAtStart() {
+    patience_.endAt(Clock::now() + kStartPatience);
     try {
-        try {
-            database_.emplace(file_, patience_);
-            takeUp(database_->load());
-            initial.lastId = database_->lastId();
-        } catch (const DatabaseError& error) {
-            const bool damaged = error.kind() == DatabaseError::Kind::kDamaged;
-            if (!damaged && error.kind() != DatabaseError::Kind::kNewer) {
-                throw;
-            }
-            initial.active.clear();
-            initial.maintenance.clear();
-            carried_ = {};
-            initial.lastId = idFromTime(clock_().wall);
-            initial.problem = startAnew(error.what(), damaged ? "damaged" : "newer");
-        }
+        initial = readFirst();
         startCheck();
     } catch (const DatabaseError& error) {
         database_.reset();
-        initial.lastId = idFromTime(clock_().wall);
+        initial = {};
+        initial.lastId = idByTime(clock_().wall);
         failed(error);
         initial.problem = file_.string() + " cannot be opened: " + error.what();
     }
+    patience_.endAt(Clock::time_point::max());
     bytes = databaseBytes(file_);
 }
 
-void EventStore::Implementation::takeUp(Carried&& stored) {
+// What the file has; nothing, and a new file, when it cannot be used.
+StoredState EventStore::Implementation::readFirst() {
+    StoredState state;
+    ranSince_ = clock_().steady;
+    try {
+        database_.emplace(file_, patience_);
+        state = takeUp(database_->load());
+        state.lastId = database_->lastId();
+    } catch (const DatabaseError& error) {
+        const bool damaged = error.kind() == DatabaseError::Kind::kDamaged;
+        if (!damaged && error.kind() != DatabaseError::Kind::kNewer) {
+            throw;
+        }
+        carried_ = {};
+        state = {};
+        state.lastId = idByTime(clock_().wall);
+        state.problem = startAnew(error.what(), damaged ? "damaged" : "newer");
+    }
+    state.loaded = read_ = true;
+    ranBefore_ = database_->ran();
+    {
+        const std::lock_guard lock(mutex_);
+        lastId_ = std::max(lastId_, state.lastId);
+    }
+    try {
+        keepReserved();
+    } catch (const DatabaseError&) {
+        // A full disk can still be read. Ids go by the time until it can be written.
+    }
+    return state;
+}
+
+StoredState EventStore::Implementation::takeUp(Carried&& stored) {
+    StoredState state;
     const std::size_t alarms = stored.active.size();
     const std::size_t windows = stored.maintenance.size();
-    initial.active = takeAlarms(stored.active);
+    state.active = takeAlarms(stored.active);
     const WallTime now = clock_().wall;
     std::erase_if(stored.maintenance, [now](const auto& window) { return window.second.until <= now; });
     for (const auto& [id, window] : stored.maintenance) {
-        initial.maintenance.push_back(window);
+        state.maintenance.push_back(window);
     }
     carried_ = std::move(stored);
     if (carried_.active.size() != alarms || carried_.maintenance.size() != windows) {
         database_->carryOver(carried_);
     }
+    return state;
 }
 
-// After a failure: whatever the file has, the alarms and windows known here are the ones that count.
+std::optional<StoredState> EventStore::Implementation::takeLate() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(late_, std::nullopt);
+}
+
+void EventStore::Implementation::readLate(StoredState&& state) {
+    log(LogLevel::kNotice, file_.string() + " can be read: " + std::to_string(state.active.size()) +
+                               " alarms and " + std::to_string(state.maintenance.size()) +
+                               " maintenance windows are taken up");
+    const std::lock_guard lock(mutex_);
+    late_ = std::move(state);
+}
+
+// After a failure: whatever the file has, the alarms and windows known here are the ones that count. What it
+// has is not known before it was read once.
 void EventStore::Implementation::open() {
+    std::error_code ignored;  // what is wrong shows when the file is opened
+    std::filesystem::create_directories(file_.parent_path(), ignored);
+    if (!read_) {
+        readLate(readFirst());
+        works();
+        return;
+    }
     try {
-        std::error_code ignored;  // what is wrong shows when the file is opened
-        std::filesystem::create_directories(file_.parent_path(), ignored);
         database_.emplace(file_, patience_);
         database_->carryOver(carried_);
+        keepReserved();
         works();
     } catch (const DatabaseError& error) {
         database_.reset();
@@ -275,6 +358,40 @@ void EventStore::Implementation::open() {
         }
         setAside(error.what(), damaged ? "damaged" : "newer");
     }
+}
+
+// Reserves ids well before they are used up.
+void EventStore::Implementation::keepReserved() {
+    int64_t given = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        given = lastId_;
+    }
+    if (given + kIdBlock / 2 > reservedTo || database_->lastId() < reservedTo) {
+        database_->reserve(given + kIdBlock);
+        reservedTo = given + kIdBlock;
+    }
+}
+
+// All is written: the next start goes on from here.
+void EventStore::Implementation::finish() {
+    if (!database_) {
+        return;
+    }
+    try {
+        database_->noteRan(ranSoFar());
+        const std::lock_guard lock(mutex_);
+        if (queue_.empty()) {
+            database_->reserve(lastId_);
+        }
+    } catch (const DatabaseError&) {
+        // Then ids have a gap, and events stay an hour longer.
+    }
+    database_.reset();
+}
+
+std::chrono::milliseconds EventStore::Implementation::ranSoFar() const {
+    return ranBefore_ + std::chrono::floor<std::chrono::milliseconds>(clock_().steady - ranSince_);
 }
 
 // Puts the file aside and makes a new one; says so. REQUIRES: no query and no check runs on the file.
@@ -290,6 +407,8 @@ std::string EventStore::Implementation::startAnew(const std::string& problem, st
     log(LogLevel::kError, text);
     database_.emplace(file_, patience_);
     database_->carryOver(carried_);
+    database_->noteRan(ranSoFar());
+    keepReserved();
     works();
     return text;
 }
@@ -329,11 +448,32 @@ void EventStore::Implementation::run() {
             }
         } catch (const DatabaseError& error) {
             failed(error);
+            tellWaiting(batch, error.what());
         }
         putBack(std::move(batch));
         bytes = databaseBytes(file_);
     }
-    database_.reset();
+    finish();
+}
+
+// Who waits for the disk is not kept waiting for one that fails.
+void EventStore::Implementation::tellWaiting(std::deque<Waiting>& batch, const std::string& problem) {
+    std::vector<Waiting> told;
+    const auto take = [&told](std::deque<Waiting>& waiting) {
+        for (Waiting& one : waiting) {
+            if (one.stored) {
+                told.push_back({RemoveMaintenance{0}, std::exchange(one.stored, {})});
+            }
+        }
+    };
+    take(batch);
+    {
+        const std::lock_guard lock(mutex_);
+        take(queue_);
+    }
+    for (Waiting& one : told) {
+        one.tell(problem);
+    }
 }
 
 bool EventStore::Implementation::finished() {
@@ -388,30 +528,34 @@ void EventStore::Implementation::write(std::deque<Waiting>& batch) {
         entries.push_back(&waiting.entry);
     }
     database_->write(entries);
-    for (const Waiting& waiting : batch) {
+    for (Waiting& waiting : batch) {
         carried_.take(waiting.entry);
-        if (const auto* event = std::get_if<Event>(&waiting.entry)) {
+        if (!waiting.isWindow()) {
             ++written;
             ++writtenSinceRetention_;
-            if (waiting.stored) {
-                waiting.stored(event->id);
-            }
         }
+        waiting.tell({});
     }
     batch.clear();
+    keepReserved();
 }
 
 void EventStore::Implementation::retain() {
-    if (Clock::now() < retentionAt_ && writtenSinceRetention_ < kBatch) {
+    const SteadyTime now = clock_().steady;
+    if (now >= ageAt_) {
+        ageAt_ = now + kAgeInterval;
+        database_->noteRan(ranSoFar());
+    }
+    if (!retainNow.exchange(false) && Clock::now() < retentionAt_ && writtenSinceRetention_ < kBatch) {
         return;
     }
-    Limits now{};
+    Limits kept{};
     {
         const std::lock_guard lock(limitsMutex);
-        now = limits;
+        kept = limits;
     }
     writtenSinceRetention_ = 0;
-    const bool more = database_->retain(clock_().wall - now.keepDays * kDay, now.keepRows);
+    const bool more = database_->retain(ranSoFar() - kept.keepDays * kDay, kept.keepRows);
     retentionAt_ = Clock::now() + (more ? Clock::duration(kRetentionBreath) : kRetentionInterval);
 }
 
@@ -503,25 +647,36 @@ const StoredState& EventStore::initial() const {
     return implementation_->initial;
 }
 
-void EventStore::record(Event event, std::function<void(int64_t id)> stored) {
+std::optional<StoredState> EventStore::late() {
+    return implementation_->takeLate();
+}
+
+int64_t EventStore::reservedTo() const {
+    return implementation_->reservedTo;
+}
+
+void EventStore::record(Event event, Stored stored) {
     implementation_->push({std::move(event), std::move(stored)});
 }
 
 void EventStore::setLimits(Limits limits) {
-    const std::lock_guard lock(implementation_->limitsMutex);
-    implementation_->limits = limits;
+    {
+        const std::lock_guard lock(implementation_->limitsMutex);
+        implementation_->limits = limits;
+    }
+    implementation_->retainNow = true;
 }
 
 bool EventStore::query(const EventFilter& filter, QueryAnswer answer) {
     return implementation_->questions.push({filter, std::move(answer)});
 }
 
-void EventStore::putMaintenance(const Maintenance& maintenance) {
-    implementation_->push({maintenance, {}});
+void EventStore::putMaintenance(const Maintenance& maintenance, Stored stored) {
+    implementation_->push({maintenance, std::move(stored)});
 }
 
-void EventStore::removeMaintenance(int64_t id) {
-    implementation_->push({RemoveMaintenance{id}, {}});
+void EventStore::removeMaintenance(int64_t id, Stored stored) {
+    implementation_->push({RemoveMaintenance{id}, std::move(stored)});
 }
 
 EventStore::Statistics EventStore::statistics() const {

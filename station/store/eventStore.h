@@ -14,9 +14,10 @@
 
 namespace station {
 
-// What was on the disk at the start.
+// What was on the disk when it could be read first.
 struct StoredState {
-    int64_t lastId = 0;         // of any event so far; the seconds since 1970 when the file cannot tell
+    bool loaded = false;        // false: it could not be read yet, late() will tell
+    int64_t lastId = 0;         // no id up to here may be given again
     std::vector<Alarm> active;  // raised, not cleared
     std::vector<Maintenance> maintenance;  // not ended
     std::string problem;  // a damaged file was put aside, or the disk cannot be written: one line
@@ -25,16 +26,19 @@ struct StoredState {
 // Keeps events in `events.db` of the state directory. Threads of its own do all disk work, one writes and one
 // answers queries; the calls below only queue, never wait, and may come from any thread. When the disk is
 // full, one line is logged, the newest kStoreQueue events are kept in memory and written once it works again.
+// A file that cannot be read at the start is read before anything is written to it, whenever that is.
 // A damaged file, found when it is opened, by reading all of it after the start, or while it is used, is put
 // aside as events.db.damaged-TIME, and the active alarms and maintenance windows go into the new one.
 class EventStore {
   public:
     static constexpr std::size_t kStoreQueue =
         20'000;  // events waiting for the disk; beyond, the oldest are dropped
+    static constexpr std::size_t kWindowQueue = 2'000;  // beside them, windows set and ended
     static constexpr std::size_t kQueryQueue = 64;  // queries waiting; beyond, a query fails at once
+    static constexpr int64_t kIdBlock = 1'000'000;  // ids reserved ahead
 
     struct Limits {
-        uint32_t keepDays;
+        uint32_t keepDays;  // days for which a station ran with them
         uint64_t keepRows;
     };
 
@@ -47,20 +51,28 @@ class EventStore {
     // As read when it was opened. Called once, by the thread that constructed it.
     const StoredState& initial() const;
 
-    // Stores an event. Raises, clears and acknowledgements are on the disk (synchronous FULL) when `stored`
-    // is called, on the store's thread; `stored` may be empty, and is not called for an event that was
-    // dropped.
-    void record(Event event, std::function<void(int64_t id)> stored = {});
-    void setLimits(Limits limits);
+    // What the file had, once it could be read, if it could not at the start. Any thread; told once.
+    std::optional<StoredState> late();
+
+    // Ids up to this one are reserved on the disk: whatever happens, none of them is given after a restart.
+    // Any thread. One beyond has to be above idByTime().
+    int64_t reservedTo() const;
+
+    // Called once on the store's thread: with an empty text when it is on the disk (synchronous FULL), with
+    // what is wrong after the first attempt that failed - it is tried again all the same. Not for an event
+    // that is dropped.
+    using Stored = std::function<void(const std::string& problem)>;
+    void record(Event event, Stored stored = {});
+    void setLimits(Limits limits);  // looks at once for what they let go
 
     // Newest first. The answer comes on the thread for queries: the events, or a sentence that says why not.
     // False when too many queries wait; then the answer never comes.
     using QueryAnswer = std::function<void(std::vector<Event>&& events, const std::string& problem)>;
     bool query(const EventFilter& filter, QueryAnswer answer);
 
-    // Maintenance windows, by id; the same guarantee as for raises.
-    void putMaintenance(const Maintenance& maintenance);
-    void removeMaintenance(int64_t id);
+    // Maintenance windows, by id; on the disk like raises, and kept when events are dropped.
+    void putMaintenance(const Maintenance& maintenance, Stored stored = {});
+    void removeMaintenance(int64_t id, Stored stored = {});
 
     struct Statistics {
         uint64_t written = 0;
@@ -75,5 +87,9 @@ class EventStore {
     struct Implementation;
     std::unique_ptr<Implementation> implementation_;
 };
+
+// An id above all that were given where the disk cannot tell: events come more slowly than a thousand a
+// second in the long run. By chance, where the clock was never set.
+int64_t idByTime(WallTime time);
 
 }  // namespace station

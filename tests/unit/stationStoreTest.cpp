@@ -7,6 +7,7 @@
 #include <csignal>
 #include <fstream>
 #include <future>
+#include <optional>
 #include <thread>
 
 #include "store/eventStore.h"
@@ -49,6 +50,9 @@ Event raised(int64_t id, const Group& group = kGroup, WallTime time = kTime) {
 struct Store : EventStore {
     explicit Store(const ScratchDirectory& directory, Limits limits = {90, 1'000'000}, WallTime now = kTime)
         : EventStore(directory.path(), limits, [now] { return atTime(now); }) {}
+
+    Store(const ScratchDirectory& directory, Limits limits, ClockFunction clock)
+        : EventStore(directory.path(), limits, std::move(clock)) {}
 
     void recordAll(std::vector<Event> events) {
         const uint64_t before = statistics().written;
@@ -210,18 +214,17 @@ TEST(EventStore, WritesWhatWaitedOnceTheDiskHasSpaceAgain) {
         store.recordAll({raised(1)});
         const rlimit small{200'000, before.rlim_max};
         setrlimit(RLIMIT_FSIZE, &small);
-        std::atomic<int> stored = 0;
         for (int64_t id = 2; id <= 600; ++id) {
             Event one = raised(id);
             one.text.assign(1000, 'x');
-            store.record(std::move(one), [&stored](int64_t) { ++stored; });
+            store.record(std::move(one));
         }
         EXPECT_TRUE(eventually([&] { return store.statistics().failing; }));
-        EXPECT_LT(stored, 599);
+        EXPECT_LT(store.statistics().written, 600);
         EXPECT_TRUE(
-            eventually([&] { return store.statistics().waiting == static_cast<uint64_t>(599 - stored); }));
+            eventually([&] { return store.statistics().waiting + store.statistics().written == 600; }));
         setrlimit(RLIMIT_FSIZE, &before);
-        EXPECT_TRUE(eventually([&] { return stored == 599; }));
+        EXPECT_TRUE(eventually([&] { return store.statistics().written == 600; }));
         EXPECT_FALSE(store.statistics().failing);
         EXPECT_EQ(store.statistics().dropped, 0);
     }
@@ -229,31 +232,169 @@ TEST(EventStore, WritesWhatWaitedOnceTheDiskHasSpaceAgain) {
     EXPECT_THAT(Store(directory).ids({.limit = 1000}), SizeIs(600));
 }
 
+// Both clocks, moved by hand.
+struct Clocks {
+    std::atomic<int64_t> steady{std::chrono::milliseconds(1h).count()};
+    std::atomic<int64_t> wall{kTime.time_since_epoch().count()};
+    ClockFunction function() {
+        return [this] {
+            return Now{SteadyTime(std::chrono::milliseconds(steady)),
+                       WallTime(std::chrono::milliseconds(wall))};
+        };
+    }
+    void run(std::chrono::milliseconds time) {
+        steady += time.count();
+        wall += time.count();
+    }
+};
+
 TEST(EventStore, ForgetsWhatIsOldOrTooMuchButNotWhatIsRaised) {
     const ScratchDirectory directory;
-    {
-        Store store(directory);
-        std::vector<Event> events{raised(1, kGroup, kTime - 24h * 100), raised(2, kOther, kTime - 24h * 99),
-                                  event(3, EventKind::kCleared, 2, kTime - 24h * 98)};
-        for (int64_t id = 4; id <= 2000; ++id) {
-            events.push_back(event(id, EventKind::kChannelChanged, 0, kTime - 1h));
+    Clocks clocks;
+    constexpr EventStore::Limits kDays{90, 1'000'000};
+    const auto fill = [](Store& store, int64_t first, int64_t last) {
+        std::vector<Event> events;
+        for (int64_t id = first; id <= last; ++id) {
+            events.push_back(event(id, EventKind::kChannelChanged, 0, kTime - 24h * 1000));
         }
         store.recordAll(events);
+    };
+    const auto count = [](Store& store) { return store.ids({.limit = 1000}).size(); };
+    {
+        Store store(directory, kDays, clocks.function());
+        store.recordAll({raised(1), raised(2, kOther), event(3, EventKind::kCleared, 2)});
+        fill(store, 4, 20);
+        clocks.run(2h);
+        std::this_thread::sleep_for(1200ms);  // it notes once an hour what is there
+        clocks.wall += std::chrono::milliseconds(24h * 365 * 30).count();  // set, by far
+        store.setLimits(kDays);
+        clocks.run(24h * 89);
+        store.setLimits(kDays);
+        std::this_thread::sleep_for(1200ms);
+        EXPECT_EQ(count(store), 20U) << "the time that they bear does not count";
+        fill(store, 21, 30);
+        clocks.run(24h * 2);
+        store.setLimits(kDays);
+        EXPECT_TRUE(eventually([&] { return count(store) == 11; }));
+        EXPECT_EQ(store.ids({.limit = 1000}).back(), 1) << "it is raised";
     }
     {
-        Store byDays(directory, {90, 1'000'000});
-        EXPECT_TRUE(eventually([&] { return byDays.ids({.until = kTime - 2h}).size() == 1; }));
-        EXPECT_THAT(byDays.ids({.until = kTime - 2h}), ElementsAre(1));
-    }
-    {
-        Store byRows(directory, {90, 10});
-        EXPECT_TRUE(eventually([&] { return byRows.ids({.limit = 1000}).size() == 10; }));
-        EXPECT_THAT(byRows.ids({.limit = 9}),
+        Store again(directory, kDays, clocks.function());
+        clocks.run(24h * 80);
+        again.setLimits(kDays);
+        std::this_thread::sleep_for(1200ms);
+        EXPECT_EQ(count(again), 11U);
+        clocks.run(24h * 20);  // with the time before the restart
+        again.setLimits(kDays);
+        EXPECT_TRUE(eventually([&] { return count(again) == 2; })) << "the newest stays for its id";
+        fill(again, 31, 2000);
+        again.setLimits({90, 10});
+        EXPECT_TRUE(eventually([&] { return count(again) == 10; }));
+        EXPECT_THAT(again.ids({.limit = 9}),
                     ElementsAre(2000, 1999, 1998, 1997, 1996, 1995, 1994, 1993, 1992));
     }
-    const Store again(directory, {1, 10}, kTime + 24h * 365);
+    const Store last(directory, {1, 10}, clocks.function());
+    EXPECT_THAT(last.activeIds(), ElementsAre(1));
+    EXPECT_EQ(last.initial().lastId, 2000);
+}
+
+// Another program that has the file for itself.
+struct Holder {
+    explicit Holder(const ScratchDirectory& directory) {
+        EXPECT_EQ(sqlite3_open((directory.path() / "events.db").c_str(), &handle), SQLITE_OK);
+        sqlite3_busy_timeout(handle, 2000);
+        EXPECT_EQ(sqlite3_exec(handle, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    }
+    ~Holder() {
+        sqlite3_close(handle);
+    }
+    sqlite3* handle = nullptr;
+};
+
+TEST(EventStore, SaysOfAFileThatIsHeldThatNothingIsStored) {
+    const ScratchDirectory directory;
+    const Maintenance window{3, kTime - 1h, kTime + 1h, kGroup, "works", "ann"};
+    {
+        std::optional<Store> open(directory);
+        Store& store = *open;
+        store.recordAll({raised(1)});
+        std::optional<Holder> holder(directory);
+        const auto begin = std::chrono::steady_clock::now();
+        std::promise<std::string> first;
+        std::promise<std::string> second;
+        store.putMaintenance(window, [&](const std::string& problem) { first.set_value(problem); });
+        store.record(event(4, EventKind::kAcknowledged, 1),
+                     [&](const std::string& problem) { second.set_value(problem); });
+        EXPECT_NE(first.get_future().get(), "");
+        EXPECT_NE(second.get_future().get(), "");
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, 6s);
+        holder.reset();
+        EXPECT_TRUE(eventually([&] { return store.statistics().waiting == 0; }));
+        std::promise<std::string> third;
+        store.removeMaintenance(77, [&](const std::string& problem) { third.set_value(problem); });
+        EXPECT_EQ(third.get_future().get(), "");
+        holder.emplace(directory);
+        store.record(raised(5, kOther));
+        const auto end = std::chrono::steady_clock::now();
+        open.reset();
+        EXPECT_LT(std::chrono::steady_clock::now() - end, 1500ms);
+    }
+    const Store again(directory);
+    EXPECT_THAT(again.initial().maintenance, ElementsAre(window));
     EXPECT_THAT(again.activeIds(), ElementsAre(1));
-    EXPECT_EQ(again.initial().lastId, 2000);
+}
+
+TEST(EventStore, TakesUpAFileThatCanBeReadLaterThanTheStart) {
+    const ScratchDirectory directory;
+    const Maintenance window{3, kTime - 1h, kTime + 1h, kGroup, "works", "ann"};
+    {
+        Store store(directory);
+        store.recordAll({raised(1), raised(2, kOther), event(4, EventKind::kCleared, 2)});
+        store.putMaintenance(window);
+    }
+    for (const int64_t meanwhile : {0, 1, 2}) {
+        SCOPED_TRACE(meanwhile);
+        std::filesystem::rename(directory.path() / "events.db", directory.path() / "away");
+        std::filesystem::create_directory(directory.path() / "events.db");
+        Store store(directory);
+        EXPECT_FALSE(store.initial().loaded);
+        EXPECT_EQ(store.reservedTo(), 0);
+        const int64_t first = store.initial().lastId + 1;
+        EXPECT_GT(first, 1'000'000'000'000);
+        for (int64_t i = 0; i < meanwhile; ++i) {
+            store.record(raised(first + i, kOther));
+        }
+        EXPECT_FALSE(store.late());
+        std::filesystem::remove(directory.path() / "events.db");
+        std::filesystem::rename(directory.path() / "away", directory.path() / "events.db");
+        std::optional<StoredState> late;
+        ASSERT_TRUE(eventually([&] { return (late = store.late()).has_value(); }));
+        EXPECT_EQ(late->active.at(0).group, kGroup);
+        EXPECT_EQ(late->active.at(0).id, 1);
+        EXPECT_THAT(late->maintenance, ElementsAre(window));
+        EXPECT_TRUE(eventually([&] { return store.statistics().waiting == 0; }));
+        EXPECT_THAT(store.ids({.group = kGroup, .kind = EventKind::kRaised}), ElementsAre(1));
+    }
+    const Store again(directory);
+    EXPECT_THAT(again.activeIds(), SizeIs(2));
+    EXPECT_THAT(again.initial().maintenance, ElementsAre(window));
+}
+
+TEST(EventStore, ReservesIdsSoThatNoneIsGivenTwice) {
+    const ScratchDirectory directory;
+    int64_t given = 0;
+    {
+        Store store(directory);
+        store.recordAll({raised(1)});
+        given = store.reservedTo();
+        EXPECT_GE(given, EventStore::kIdBlock);
+        std::filesystem::copy(directory.path(), directory.path() / "crashed");  // as a power cut leaves it
+    }
+    EXPECT_EQ(Store(directory).initial().lastId, 1) << "no gap after an end in order";
+    EXPECT_GE(EventStore(directory.path() / "crashed", {90, 1000}, systemNow).initial().lastId, given);
+
+    EXPECT_GT(idByTime(kTime), EventStore::kIdBlock * 1000) << "also when the clock was never set";
+    EXPECT_GT(idByTime(systemNow().wall), idByTime(systemNow().wall - 1s));
 }
 
 TEST(EventStore, FindsEventsNewestFirst) {
