@@ -341,7 +341,14 @@ void EventStore::Implementation::open() {
     std::error_code ignored;  // what is wrong shows when the file is opened
     std::filesystem::create_directories(file_.parent_path(), ignored);
     if (!read_) {
-        readLate(readFirst());
+        StoredState state;
+        {
+            const std::lock_guard lock(readerMutex_);  // it may be put aside
+            reader_.reset();
+            state = readFirst();
+        }
+        readLate(std::move(state));
+        startCheck();
         works();
         return;
     }

@@ -10,6 +10,7 @@
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <thread>
 #include <utility>
 
@@ -44,7 +45,7 @@ void appendEscaped(std::string& line, std::string_view text) {
 void appendTag(std::string& line, std::string_view key, std::string_view value) {
     const std::size_t before = line.size();
     line += ',';
-    appendEscaped(line, key);
+    line += key;
     line += '=';
     const std::size_t begin = line.size();
     appendEscaped(line, value);
@@ -56,6 +57,20 @@ void appendTag(std::string& line, std::string_view key, std::string_view value) 
 // Names that the point has itself, or that the server keeps to itself.
 bool isReserved(std::string_view key) {
     return key == "probe" || key == "group" || key == "channel" || key == "time" || key.starts_with('_');
+}
+
+// The labels as tags. The server takes no point in which a key stands twice.
+void appendLabels(std::string& line, const Labels& labels) {
+    std::set<std::string> used;
+    for (const auto& [key, value] : labels) {
+        std::string name;
+        appendEscaped(name, isReserved(key) ? "label_" + key : key);
+        const std::string first = name;
+        for (int number = 2; name.empty() || !used.insert(name).second; ++number) {
+            name = (first.empty() ? "label" : first) + "_" + std::to_string(number);
+        }
+        appendTag(line, name, value);
+    }
 }
 
 void appendNumber(std::string& text, auto number) {
@@ -108,9 +123,7 @@ std::string influxLines(const StationState& state, const std::string& instance, 
         appendTag(lines, "probe", instance);
         appendTag(lines, "group", channel->channel.group.text());
         appendTag(lines, "channel", channel->channel.name);
-        for (const auto& [key, value] : channel->channel.labels) {
-            appendTag(lines, isReserved(key) ? "label_" + key : key, value);
-        }
+        appendLabels(lines, channel->channel.labels);
         lines += ' ';
         lines += fieldsOf(*channel->stream);
         lines += end;

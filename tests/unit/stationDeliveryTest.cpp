@@ -376,7 +376,8 @@ TEST(InfluxWriter, WritesEachSnapshotOnceAndNamesThatTheProtocolTakes) {
     const auto stream = std::get<records::Record>(records::parseRecord(line));
     ChannelState channel{.channel = {.group = *Group::parse("239.1.1.1")}};
     channel.channel.name = "News, HD=1 \\";
-    channel.channel.labels = {{"time", "x"}, {"empty", ""}, {"the site", "a\nb"}};
+    channel.channel.labels = {{"time", "x"}, {"empty", ""}, {"the site", "a\nb"},
+                              {"a\\", "1"},  {"a", "2"},    {"label_time", "y"}};
     channel.shown = true;
     channel.stream = &stream;
     auto state = std::make_shared<StationState>();
@@ -397,7 +398,7 @@ TEST(InfluxWriter, WritesEachSnapshotOnceAndNamesThatTheProtocolTakes) {
     ASSERT_THAT(server.taken(), SizeIs(1));
     const std::string point = server.taken()[0];
     EXPECT_THAT(point, StartsWith("kestor_stream,probe=probe1,group=239.1.1.1,channel=News\\,\\ HD\\=1\\ ,"
-                                  "the\\ site=a_b,label_time=x "));
+                                  "a=2,a_2=1,label_time=y,the\\ site=a_b,label_time_2=x "));
     EXPECT_THAT(point, HasSubstr(",bitRate=3000000i,"));
     EXPECT_THAT(point, HasSubstr("=0.25,"));
     EXPECT_THAT(point, Not(HasSubstr("packetsLost=")));  // beyond what the server can hold
