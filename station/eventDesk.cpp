@@ -84,9 +84,10 @@ void EventDesk::restore(const std::vector<Alarm>& active, const ChannelMap& chan
         if (silenced) {
             silenced_.insert(alarm.id);
         }
-        raised.push_back({notification(alarm, AlarmChange::What::kRaised, {},
-                                       findChannel(alarm.group, channels, nullptr), now),
-                          silenced});
+        const Channel* const channel = findChannel(alarm.group, channels, nullptr);
+        const bool unknown = alarm.group && channel == nullptr;
+        raised.push_back(
+            {notification(alarm, AlarmChange::What::kRaised, {}, channel, now), silenced || unknown});
     }
     delivery_.resume(std::move(raised));
 }
@@ -203,7 +204,8 @@ Notification EventDesk::notification(const Alarm& alarm, AlarmChange::What what,
     return notification;
 }
 
-bool EventDesk::takeLate(AlarmEngine& engine, const ChannelMap& channels, const Now& now) {
+bool EventDesk::takeLate(AlarmEngine& engine, const ChannelMap& channels, std::vector<Alarm>* unknown,
+                         const Now& now) {
     const std::optional<StoredState> late = store_.late();
     if (!late) {
         return false;
@@ -214,6 +216,10 @@ bool EventDesk::takeLate(AlarmEngine& engine, const ChannelMap& channels, const 
     const std::vector<Alarm> raised = engine.active();
     std::vector<Alarm> others;
     for (const Alarm& alarm : late->active) {
+        if (unknown != nullptr && alarm.group && !channels.contains(*alarm.group)) {
+            unknown->push_back(alarm);
+            continue;
+        }
         const auto again = std::ranges::find_if(raised, [&alarm](const Alarm& one) {
             return one.type == alarm.type && one.group == alarm.group;
         });
@@ -231,7 +237,11 @@ bool EventDesk::takeLate(AlarmEngine& engine, const ChannelMap& channels, const 
     for (const AlarmChange& change : engine.restore(others, now)) {
         record(change, engine, channels, nullptr, now);
     }
-    restore(engine.active(), channels, now);
+    std::vector<Alarm> active = engine.active();
+    if (unknown != nullptr) {
+        active.insert(active.end(), unknown->begin(), unknown->end());
+    }
+    restore(active, channels, now);
     return true;
 }
 
@@ -256,10 +266,12 @@ bool EventDesk::tick(const std::vector<Alarm>& active, const ChannelMap& channel
         return ended;
     }
     for (const Alarm& alarm : active) {
-        if (silenced_.contains(alarm.id) && !inMaintenance(alarm.group, now)) {
+        const Channel* const channel = findChannel(alarm.group, channels, nullptr);
+        const bool known = !alarm.group || channel != nullptr;
+        if (silenced_.contains(alarm.id) && known && !inMaintenance(alarm.group, now)) {
             silenced_.erase(alarm.id);
-            deliver(alarm, AlarmChange::What::kRaised, "still raised behind a maintenance window",
-                    findChannel(alarm.group, channels, nullptr), now);
+            deliver(alarm, AlarmChange::What::kRaised, "still raised behind a maintenance window", channel,
+                    now);
         }
     }
     return ended;

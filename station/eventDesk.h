@@ -24,7 +24,7 @@ class EventDesk {
     EventDesk(EventStore& store, Delivery& delivery);
 
     // Takes up alarms that were raised before: receivers that were not told yet are, and those that were told
-    // of others hear that they are over.
+    // of others hear that they are over. One of a channel that is not known is told to nobody.
     void restore(const std::vector<Alarm>& active, const ChannelMap& channels, const Now& now);
 
     // Gives the event its id and time and has it stored.
@@ -35,9 +35,10 @@ class EventDesk {
                 const ChannelDifference* removed, const Now& now, EventStore::Stored stored = {});
 
     // Takes up what the store could not read at the start, once it can: its windows hold, its alarms are
-    // raised, and one that was raised anew meanwhile goes on as the one it was. True when there was
-    // something.
-    bool takeLate(AlarmEngine& engine, const ChannelMap& channels, const Now& now);
+    // raised, and one that was raised anew meanwhile goes on as the one it was. Those of channels that are
+    // not known go into `unknown`, if there is one. True when there was something.
+    bool takeLate(AlarmEngine& engine, const ChannelMap& channels, std::vector<Alarm>* unknown,
+                  const Now& now);
 
     // Ends windows whose time is over, has alarms delivered that are still raised behind one, and tells
     // receivers that lack something what is raised. True when a window ended.

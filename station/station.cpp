@@ -148,9 +148,14 @@ struct Station::Implementation : StationInterface {
             active.erase(unknown.begin(), unknown.end());
         }
         take(engine.restore(active, now), now);
-        std::vector<Alarm> raised = engine.active();
-        raised.insert(raised.end(), heldBack.begin(), heldBack.end());
-        desk.restore(raised, book.channels(), now);
+        desk.restore(raised(), book.channels(), now);
+    }
+
+    // What is not over for receivers.
+    std::vector<Alarm> raised() const {
+        std::vector<Alarm> all = engine.active();
+        all.insert(all.end(), heldBack.begin(), heldBack.end());
+        return all;
     }
 
     // Configuration and files.
@@ -219,6 +224,7 @@ struct Station::Implementation : StationInterface {
         takeChannels(now, false);
         if (book.known()) {
             take(engine.restore(std::exchange(heldBack, {}), now), now);
+            desk.restore(raised(), book.channels(), now);
         }
     }
 
@@ -356,8 +362,9 @@ struct Station::Implementation : StationInterface {
         } else if (!asked && probe.state().asks && probe.state().connected) {
             log(LogLevel::kNotice, "the probe asks and shows snapshots");
         }
-        alarmsVersion += desk.takeLate(engine, book.channels(), now) ? 1 : 0;
-        alarmsVersion += desk.tick(engine.active(), book.channels(), now) ? 1 : 0;
+        alarmsVersion +=
+            desk.takeLate(engine, book.channels(), book.known() ? nullptr : &heldBack, now) ? 1 : 0;
+        alarmsVersion += desk.tick(raised(), book.channels(), now) ? 1 : 0;
         if (now.steady - useMeasured > kMeasuresUse) {
             useMeasured = now.steady;
             use.cpuSeconds = processCpuSeconds();
