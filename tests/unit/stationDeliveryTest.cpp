@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "common/log.h"
 #include "common/text.h"
 #include "store/delivery.h"
 #include "store/influx.h"
@@ -322,6 +323,7 @@ TEST(Delivery, KeepsSecretsToItself) {
     receiving.tell({raised(1)});
     ASSERT_TRUE(receiving.settles());
     receiving.delivery->configure({});
+    EXPECT_TRUE(flushLog(5s));
     EXPECT_THAT(testing::internal::GetCapturedStderr(),
                 testing::AllOf(HasSubstr("/hook"), Not(HasSubstr("secret")), Not(HasSubstr("hidden"))));
     EXPECT_THAT(receiving.server.requests()[0].head,
