@@ -397,4 +397,26 @@ TEST(MeterChecks, TellSecondsLastAndWhatHolds) {
     EXPECT_NEAR(checkOf(cut, "1.6").last.value(), 8.5, 0.01);
 }
 
+TEST(MeterScrambling, DamagedPacketsAndThoseWithoutPayloadAreNotTakenForClear) {
+    MeterStream stream;
+    int count = 0;
+    stream.plant = [&](double, TsPacket& packet) {
+        if (MeterStream::pidOf(packet) != kAudioPid) {
+            return;
+        }
+        packet[3] |= 0x80;
+        if (++count % 10 == 0) {
+            packet[1] |= 0x80;  // transport_error_indicator: its other bits mean nothing
+            packet[3] &= 0x3F;
+        } else if (count % 10 == 5) {
+            packet[3] &= 0x0F;  // neither adaptation field nor payload
+        }
+    };
+    const meter::Report report = test::measureFile(stream.packets());
+    const auto audio = std::ranges::find(report.pids, kAudioPid, &meter::PidReport::pid);
+    ASSERT_NE(audio, report.pids.end());
+    EXPECT_EQ(audio->scrambling, "even");
+    EXPECT_EQ(audio->keyChanges, 0);
+}
+
 }  // namespace

@@ -210,4 +210,21 @@ TEST(MeterFile, WithABitrateNeedsNoClocks) {
     EXPECT_EQ(report.bitrate.bps, 4'000'000 / 1504 * 1504);
 }
 
+TEST(MeterClocks, OneThatEndedSpeaksNoMore) {
+    constexpr uint16_t kOtherPid = 0x105;
+    MeterStream stream;
+    stream.seconds = 38;
+    stream.plant = [](double ms, TsPacket& packet) {
+        if (ms >= 20'000 && MeterStream::pidOf(packet) == test::kVideoPid) {
+            packet[2] = psi::low8(kOtherPid);
+        }
+    };
+    std::vector<TsPacket> packets = stream.packets();
+    const auto at = packets.begin() + static_cast<std::ptrdiff_t>(33'000 / MeterStream::kPacketMs);
+    packets.erase(at, at + 20);
+    const meter::Report report = test::measureFile(packets);
+    ASSERT_EQ(report.clocks.size(), 2);
+    EXPECT_EQ(report.packets.lost.byClock, 20);
+}
+
 }  // namespace

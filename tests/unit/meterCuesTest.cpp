@@ -80,7 +80,7 @@ TEST_F(MeterCues, SpliceInsertSaysWhenAndForHowLong) {
     EXPECT_STREQ(cue.command, "splice_insert");
     EXPECT_EQ(cue.eventId, 0x4800008F);
     EXPECT_EQ(cue.out, true);
-    EXPECT_FALSE(cue.immediate);
+    EXPECT_EQ(cue.immediate, false);
     EXPECT_EQ(cue.pts, 810'000);
     EXPECT_EQ(cue.aheadMs, 3000);
     EXPECT_EQ(cue.at, "2023-11-14T22:13:23.000Z");
@@ -92,7 +92,7 @@ TEST_F(MeterCues, SpliceInsertSaysWhenAndForHowLong) {
 TEST_F(MeterCues, OtherFormsOfSpliceInsert) {
     const auto immediate = feed(spliceSection(5, insert(1, 0x5F, {})));
     ASSERT_EQ(immediate.size(), 1U);
-    EXPECT_TRUE(immediate[0].immediate);
+    EXPECT_EQ(immediate[0].immediate, true);
     EXPECT_EQ(immediate[0].out, false);
     EXPECT_EQ(immediate[0].pts, std::nullopt);
     EXPECT_EQ(immediate[0].at, "2023-11-14T22:13:20.000Z");
@@ -101,6 +101,7 @@ TEST_F(MeterCues, OtherFormsOfSpliceInsert) {
     ASSERT_EQ(cancel.size(), 1U);
     EXPECT_TRUE(cancel[0].cancelled);
     EXPECT_EQ(cancel[0].eventId, 1U);
+    EXPECT_EQ(cancel[0].immediate, std::nullopt);
     EXPECT_EQ(cancel[0].out, std::nullopt);
 
     const psi::Bytes components = insert(2, 0x8F, concat({{2, 1}, spliceTime(7), {2}, spliceTime(8)}));
@@ -143,7 +144,7 @@ TEST_F(MeterCues, TimeSignalsCarrySegmentations) {
     const auto cancel = feed(spliceSection(6, {0x7F}, segmentation(11, {0xFF})));
     ASSERT_EQ(cancel.size(), 1U);
     EXPECT_TRUE(cancel[0].cancelled);
-    EXPECT_TRUE(cancel[0].immediate);
+    EXPECT_EQ(cancel[0].immediate, true);
     EXPECT_EQ(cancel[0].segmentation.at(0).typeId, std::nullopt);
 }
 

@@ -248,6 +248,42 @@ TEST(MeterFlow, OthersAreCountedAndGiveWayAfterFiveSeconds) {
     }));
 }
 
+// Two flows, the second one 9 s later from another source; each without one datagram where `without` says so.
+meter::Report oneFlowAfterAnother(bool firstAsRtp, std::optional<std::size_t> firstWithout,
+                                  std::optional<std::size_t> secondWithout) {
+    meter::ChannelAnalyser analyser({});
+    const auto send = [&](const std::vector<Sent>& sent, int64_t later, std::optional<std::size_t> without) {
+        for (std::size_t i = 0; i < sent.size(); ++i) {
+            meter::Datagram made = datagram(sent[i].arrival + later, sent[i].payload);
+            made.source += later > 0 ? 1 : 0;
+            if (i != without) {
+                analyser.feed(made);
+            }
+        }
+    };
+    send(datagrams(4, firstAsRtp), 0, firstWithout);
+    send(datagrams(4, false), 9'000'000'000, secondWithout);
+    analyser.finish();
+    return analyser.report();
+}
+
+TEST(MeterFlow, LossIsKnownWhereAPlainFlowFollowsOneOfRtp) {
+    const meter::Report report = oneFlowAfterAnother(true, std::nullopt, 500);
+    EXPECT_EQ(report.packets.lost.byRtp, 0);
+    EXPECT_EQ(report.packets.lost.basis, "clock");
+    EXPECT_EQ(report.packets.lost.packets, 7);
+    EXPECT_EQ(report.network->lossRateHighest, 7);
+}
+
+TEST(MeterFlow, LossGoesOnToCountWhenTheFlowChanges) {
+    const meter::LossReport lost = oneFlowAfterAnother(false, 500, 400).packets.lost;
+    EXPECT_EQ(lost.basis, "clock");
+    EXPECT_EQ(lost.packets, 14);
+    EXPECT_EQ(lost.byClock, 14);
+    EXPECT_EQ(lost.events, 2);
+    EXPECT_EQ(lost.longest, 7);
+}
+
 TEST(MeterFlow, OnlyWhatFitsThePlaylistIsTheChannels) {
     meter::Settings settings;
     settings.source = 0x0A000001;

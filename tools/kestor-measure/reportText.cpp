@@ -388,15 +388,16 @@ std::string cueText(const meter::CueReport& cue) {
     append(text, cue.eventId ? "event " + std::to_string(*cue.eventId) : "");
     append(text, cue.cancelled ? "cancelled" : "");
     append(text, cue.out ? (*cue.out ? "out" : "in") : "");
-    append(text, cue.immediate ? "at once" : "");
+    append(text, cue.immediate.value_or(false) ? "at once" : "");
     append(text, cue.pts ? "PTS " + std::to_string(*cue.pts) : "");
     append(text, cue.aheadMs ? formatted("%.1f s ahead", *cue.aheadMs / 1000) : "");
     append(text, cue.durationMs ? formatted("for %.1f s", *cue.durationMs / 1000) : "");
     for (const auto& segment : cue.segmentation) {
-        append(
-            text,
-            segment.type ? *segment.type : formatted("segmentation type 0x%02X", segment.typeId.value_or(0)),
-            "; ");
+        append(text,
+               segment.type     ? *segment.type
+               : segment.typeId ? formatted("segmentation type 0x%02X", *segment.typeId)
+                                : formatted("segmentation event %u cancelled", segment.eventId),
+               "; ");
         append(text, segment.upid ? *segment.upid : "", " ");
     }
     return text;

@@ -231,7 +231,7 @@ struct CueReport {
     const char* command = "";  // "splice_insert", "time_signal"
     std::optional<uint32_t> eventId;
     std::optional<bool> out;
-    bool immediate = false;
+    std::optional<bool> immediate;  // not of a splice_insert that is cancelled
     std::optional<uint64_t> pts;    // 90 kHz, with adjustment
     std::optional<std::string> at;  // RFC 3339
     std::optional<double> aheadMs;

@@ -88,7 +88,13 @@ void ChannelAnalyser::Channel::changeFlow(const Datagram& datagram) {
     change.what = "flow";
     change.text = "The flow is " + nameOf(datagram.source, datagram.sourcePort, datagram.destinationPort) +
                   "; " + nameOf(flow_->source, flow_->sourcePort, flow_->port) + " was silent for over 5 s";
+    if (changes_.size() == kFlowChangesLimit) {
+        changes_.erase(changes_.begin());
+    }
     changes_.push_back(change);
+    if (events_.size() == kEventsLimit) {
+        events_.erase(events_.begin());
+    }
     events_.emplace_back(std::move(change));
     flow_ = {datagram.source, datagram.sourcePort, datagram.destinationPort};
     encapsulation_ = Encapsulation::kUnknown;
@@ -178,7 +184,7 @@ void ChannelAnalyser::Channel::endSeconds(Nanoseconds now) {
     }
     const LossFound found = stream_.takeLoss();
     const DeliveryIndex::Loss& loss = delivery_.loss();
-    const uint64_t lost = rtp_.any()              ? loss.byRtp
+    const uint64_t lost = encapsulation_ == Encapsulation::kRtp ? loss.byRtp
                           : stream_.lossByClock() ? static_cast<uint64_t>(std::max<int64_t>(found.byClock, 0))
                                                   : found.byCounter;
     const Pace rate = stream_.mediaRate();
@@ -283,6 +289,9 @@ NetworkReport ChannelAnalyser::Channel::networkReport() const {
 
 void ChannelAnalyser::Channel::fillRtpLoss(LossReport& lost) const {
     lost.byRtp = rtpMissing_;
+    if (encapsulation_ != Encapsulation::kRtp) {
+        return;  // it was, and says nothing of what came since
+    }
     lost.basis = "rtp";
     lost.packets = static_cast<int64_t>(rtpMissing_);
     lost.events = rtp_.lossEvents();

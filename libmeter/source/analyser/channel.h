@@ -25,6 +25,7 @@ class ChannelAnalyser::Channel final : private OrderedSink {
     std::vector<Event> takeEvents();
 
   private:
+    static constexpr std::size_t kFlowChangesLimit = 100;      // the newest are kept
     static constexpr Nanoseconds kSilence = 5 * kNsPerSecond;  // after which a flow gives way to another
 
     struct Flow {

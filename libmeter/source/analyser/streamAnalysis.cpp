@@ -158,6 +158,7 @@ PidRecord& StreamAnalysis::recordOf(uint16_t pid) {
 void StreamAnalysis::transportError(PidRecord& record) {
     book_.hit(Check::kTransportError, record.pid, momentAt(time_.now()).arrival);
     ++record.packets;
+    ++record.notRead;
     record.continuity.forget();
     record.last = nullptr;
     record.roles &= static_cast<uint8_t>(~kMediaWanted);
@@ -185,6 +186,8 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
         record.lastSeen = now;
         if (header.pid() == kNullPid) {
             record.roles = kNullRole;
+        } else {
+            ++record.notRead;
         }
         return;
     }
@@ -216,7 +219,7 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
     }
     remember(record, packet);
     if (!header.hasPayload()) {
-        ++record.withoutPayload;
+        ++record.notRead;
         return;
     }
     if (isScrambled(header)) {
@@ -288,11 +291,20 @@ Ticks StreamAnalysis::readPcr(PidRecord& record, Ticks value) {
     if (finding.discontinuity) {
         book_.hit(Check::kPcrDiscontinuityIndicatorError, record.pid, moment.arrival);
     }
-    if (finding.missing != 0 && &record == speakingClock()) {
-        found_.byClock += finding.missing;
+    if (finding.compared && (finding.missing != 0 || !lostByClock_) && &record == speakingClock()) {
+        clockLoss(finding.missing);
     }
     countAccuracy(record, finding.accuracy);
     return now;
+}
+
+void StreamAnalysis::clockLoss(int64_t missing) {
+    found_.byClock += missing;
+    lostByClock_ = lostByClock_.value_or(0) + missing;
+    if (missing > 0) {
+        ++clockEvents_;
+        longestByClock_ = std::max(longestByClock_, static_cast<uint64_t>(missing));
+    }
 }
 
 void StreamAnalysis::scrambledPacket(PidRecord& record, TsHeader header, const Moment& moment) {

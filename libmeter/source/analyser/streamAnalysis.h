@@ -105,7 +105,10 @@ class StreamAnalysis final : private SectionSink {
     void refer(uint16_t pid) {
         referenced_.set(pid & (kPidCount - 1));
     }
+    void clockLoss(int64_t missing);
+    // Of the clocks that run the one with the most PCRs.
     const PidRecord* speakingClock() const;
+    void tell(Event event);
 
     void fillPids(Report& report) const;
     void fillClocks(Report& report) const;
@@ -148,7 +151,9 @@ class StreamAnalysis final : private SectionSink {
     uint64_t lostByCounter_ = 0;
     uint64_t counterEvents_ = 0;
     uint64_t longestByCounter_ = 0;
-    std::optional<int64_t> clockBefore_;  // loss by the clocks of flows before
+    std::optional<int64_t> lostByClock_;  // by the clock that spoke for the stream; known once one could tell
+    uint64_t clockEvents_ = 0;
+    uint64_t longestByClock_ = 0;
     LossFound found_;
 
     SecondRing rates_;  // packets a second

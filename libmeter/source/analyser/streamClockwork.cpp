@@ -32,7 +32,7 @@ void StreamAnalysis::advance(Nanoseconds arrival) {
 
 void StreamAnalysis::endSecond(PidRecord& record, int64_t seconds) {
     const uint64_t packets = record.packets - record.packetsAtSecond;
-    const uint64_t clear = record.packets - record.scrambled - record.withoutPayload;
+    const uint64_t clear = record.packets - record.scrambled - record.notRead;
     if (packets > 0) {
         record.keysShown = static_cast<uint8_t>(record.keysInSecond | (clear > record.clearAtSecond ? 1 : 0));
     }
@@ -89,11 +89,6 @@ void StreamAnalysis::restart(Nanoseconds arrival) {
     advance(arrival);
     book_.endAll(arrival);
     arrival_ = arrival;
-    if (const PidRecord* speaking = speakingClock()) {
-        if (const std::optional<int64_t> lost = speaking->clock->lost()) {
-            clockBefore_ = clockBefore_.value_or(0) + *lost;
-        }
-    }
     clocks_.clear();
     time_ = {};
     nextLook_ = 0;
@@ -104,7 +99,7 @@ void StreamAnalysis::restart(Nanoseconds arrival) {
     cuePids_.reset();
     services_ = std::make_unique<Services>();
     media_ = std::make_unique<MediaStreams>();
-    cues_ = std::make_unique<Cues>();
+    cues_->restart();
     rates_.clear();
     nullShare_.reset();
     for (PidRecord& record : pids_.all()) {

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "analyser/streamAnalysis.h"
+#include "meter/channelAnalyser.h"
 
 namespace meter {
 
@@ -36,9 +37,14 @@ std::string_view streamKind(StreamKind kind) {
 }  // namespace
 
 const PidRecord* StreamAnalysis::speakingClock() const {
-    const auto most =
-        std::ranges::max_element(clocks_, {}, [](const PidRecord* record) { return record->clock->count(); });
-    return most != clocks_.end() ? *most : nullptr;
+    const PidRecord* most = nullptr;
+    for (const PidRecord* record : clocks_) {
+        if (record->clock->runs(time_.now()) &&
+            (most == nullptr || record->clock->count() > most->clock->count())) {
+            most = record;
+        }
+    }
+    return most;
 }
 
 Pace StreamAnalysis::mediaRate() const {
@@ -61,12 +67,20 @@ bool StreamAnalysis::lossByClock() const {
     if (speaking == nullptr || !speaking->clock->rates().constant()) {
         return false;
     }
-    const std::optional<int64_t> lost = speaking->clock->lost();
-    return lost && *lost + clockBefore_.value_or(0) >= static_cast<int64_t>(lostByCounter_);
+    return lostByClock_ && *lostByClock_ >= static_cast<int64_t>(lostByCounter_);
 }
 
 LossFound StreamAnalysis::takeLoss() {
     return std::exchange(found_, {});
+}
+
+// Nobody may ask for events, as with a recording.
+void StreamAnalysis::tell(Event event) {
+    if (events_.size() >= 2 * ChannelAnalyser::kEventsLimit) {
+        events_.erase(events_.begin(),
+                      events_.end() - static_cast<std::ptrdiff_t>(ChannelAnalyser::kEventsLimit));
+    }
+    events_.push_back(std::move(event));
 }
 
 void StreamAnalysis::takeEvents(std::vector<Event>& events) {
@@ -75,17 +89,13 @@ void StreamAnalysis::takeEvents(std::vector<Event>& events) {
 }
 
 void StreamAnalysis::fillLoss(LossReport& report) const {
-    const PidRecord* speaking = speakingClock();
-    const std::optional<int64_t> byClock = speaking != nullptr ? speaking->clock->lost() : std::nullopt;
     report.byCounter = lostByCounter_;
-    if (byClock || clockBefore_) {
-        report.byClock = byClock.value_or(0) + clockBefore_.value_or(0);
-    }
+    report.byClock = lostByClock_;
     if (lossByClock()) {
         report.basis = "clock";
         report.packets = report.byClock;
-        report.events = speaking->clock->lossEvents();
-        report.longest = speaking->clock->longestLoss();
+        report.events = clockEvents_;
+        report.longest = longestByClock_;
     } else {
         report.basis = "counter";
         report.packets = static_cast<int64_t>(lostByCounter_);

@@ -44,7 +44,7 @@ void StreamAnalysis::section(const Section& section) {
                        clock != nullptr && clock->clock ? clock->clock->valueAt(moment.stream) : std::nullopt,
                        newCues_);
         for (CueReport& cue : newCues_) {
-            events_.emplace_back(std::move(cue));
+            tell(std::move(cue));
         }
         newCues_.clear();
         return;
@@ -76,7 +76,7 @@ void StreamAnalysis::section(const Section& section) {
             changes_.erase(changes_.begin());
         }
         changes_.push_back(change);
-        events_.emplace_back(std::move(change));
+        tell(std::move(change));
     }
     newChanges_.clear();
     modelChanged_ = modelChanged_ || services_->model().revision != modelRevision_;

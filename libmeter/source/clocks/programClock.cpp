@@ -43,13 +43,8 @@ PcrFinding ProgramClock::pcr(Ticks value, const Moment& moment, Ticks own, bool 
         // missing there, the time that these took.
         const bool comparable = goesOn || (finding.discontinuity && missing_ && step <= kStepLimit);
         if (comparable && step > 0 && rates_.constant()) {
-            judged_ = true;
+            finding.compared = true;
             finding.missing = missingPackets(step, packets);
-            lost_ += finding.missing;
-            if (finding.missing > 0) {
-                ++lossEvents_;
-                longestLoss_ = std::max(longestLoss_, static_cast<uint64_t>(finding.missing));
-            }
         }
         if (goesOn && step > 0 && packets > 0 && packets <= UINT32_MAX) {
             rates_.add({static_cast<uint32_t>(step), static_cast<uint32_t>(packets)}, moment.stream);

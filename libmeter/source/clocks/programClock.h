@@ -15,6 +15,7 @@ struct PcrFinding {
     bool first = false;          // of the PID: nothing to compare it with
     Ticks interval = 0;          // of stream time, since the one before
     bool discontinuity = false;  // not signalled
+    bool compared = false;       // bytes with time since the PCR before, at a constant rate
     int64_t missing = 0;         // packets that the stream is short of by this clock; below 0: too many
     AccuracyFinding accuracy;
 };
@@ -42,15 +43,9 @@ class ProgramClock {
     const RecentRates& rates() const {
         return rates_;
     }
-    // Packets lost by this clock, where it could tell.
-    std::optional<int64_t> lost() const {
-        return judged_ ? std::optional(lost_) : std::nullopt;
-    }
-    uint64_t lossEvents() const {
-        return lossEvents_;
-    }
-    uint64_t longestLoss() const {
-        return longestLoss_;
+    // Whether a PCR came within what the rates are of: one that ended long ago speaks for nothing.
+    bool runs(Ticks now) const {
+        return count_ > 0 && now - streamTime_ <= RecentRates::kSpan;
     }
     void fill(ClockReport& report, bool bare) const;
     std::size_t heldBytes() const {
@@ -82,10 +77,6 @@ class ProgramClock {
     uint64_t over500_ = 0;
     uint64_t signalled_ = 0;
     uint64_t unsignalled_ = 0;
-    bool judged_ = false;
-    int64_t lost_ = 0;
-    uint64_t lossEvents_ = 0;
-    uint64_t longestLoss_ = 0;
 };
 
 }  // namespace meter

@@ -67,13 +67,17 @@ void Cues::section(const Section& section, std::optional<Ticks> programClock, st
         cue.aheadMs = static_cast<double>(difference) / static_cast<double>(kTicksPerMs);
         if (wall != 0)
             cue.at = rfc3339Milliseconds(wall + toNanoseconds(difference));
-    } else if (cue.immediate && !cue.cancelled && wall != 0) {
+    } else if (cue.immediate.value_or(false) && !cue.cancelled && wall != 0) {
         cue.at = rfc3339Milliseconds(wall);
     }
     if (state_->kept.size() == kCuesLimit)
         state_->kept.pop_front();
     state_->kept.push_back({content, cue});
     found.push_back(std::move(cue));
+}
+
+void Cues::restart() {
+    state_->kept.clear();
 }
 
 void Cues::fill(Report& report) const {

@@ -21,6 +21,8 @@ class Cues {
     // A section with table_id 0xFC of a PID with stream type 0x86, right CRC or not. `programClock`: the PCR
     // of its program when it came, 27 MHz, where known. A new cue is appended to `found`.
     void section(const Section& section, std::optional<Ticks> programClock, std::vector<CueReport>& found);
+    // What follows is another stream: the cues of this one are forgotten, the errors stay counted.
+    void restart();
     // Fills `cues`, `cuesEncrypted`, `cuesMalformed`.
     void fill(Report& report) const;
 

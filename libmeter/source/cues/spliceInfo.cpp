@@ -42,16 +42,17 @@ void readSpliceInsert(BitReader& reader, CueReport& cue) {
     cue.out = reader.flag();
     const bool wholeProgram = reader.flag();
     const bool hasDuration = reader.flag();
-    cue.immediate = reader.flag();
+    const bool immediate = reader.flag();
+    cue.immediate = immediate;
     reader.skip(4);
     if (wholeProgram) {
-        if (!cue.immediate)
+        if (!immediate)
             cue.pts = readSpliceTime(reader);
     } else {
         // Components splice at times of their own; the first one speaks for the event.
         for (uint32_t components = reader.bits(8); components > 0; --components) {
             reader.skip(8);
-            if (cue.immediate)
+            if (immediate)
                 continue;
             const auto time = readSpliceTime(reader);
             if (!cue.pts)

@@ -39,7 +39,7 @@ struct PidRecord {
 
     // Counters, which outlive a change of flow.
     uint64_t scrambled = 0;
-    uint64_t withoutPayload = 0;
+    uint64_t notRead = 0;  // without payload, or nothing in them is relied on: neither clear nor scrambled
     uint64_t continuityErrors = 0;
     uint64_t lost = 0;
     uint64_t repeated = 0;
