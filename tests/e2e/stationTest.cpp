@@ -387,6 +387,20 @@ TEST(Station, TakesUpWhatCanBeReadLater) {
     umount("/tmp/share");
 }
 
+// A pipe that nobody reads takes the place of a disk that hangs: who opens it to write waits for ever.
+TEST(Station, EndsWhileItsDiskHangs) {
+    std::filesystem::create_directories("/tmp/state");
+    ASSERT_EQ(mkfifo("/tmp/state/channels.json.new", 0600), 0);
+    Station station;
+    ASSERT_TRUE(station.says("serving"));
+    Process add({"kestorctl", "add", kA});
+    EXPECT_TRUE(eventually([] { return channel(kA).value("origin", "") == "runtime"; }));
+    station.process->kill(SIGTERM);
+    EXPECT_EQ(station.process->wait(), 0) << station.process->err();
+    EXPECT_THAT(station.process->err(), HasSubstr("hangs: the last change may not be saved"));
+    EXPECT_NE(add.wait(), 0) << "what is not stored is not answered so";
+}
+
 TEST(Station, ChangesAThousandChannelsAtOnce) {
     const auto list = [](int net, const std::string& name) {
         std::string text = "#EXTM3U\n";
