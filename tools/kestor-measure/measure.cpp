@@ -37,7 +37,9 @@ class Channels {
         }
     }
 
-    void finish(MeasuredFile& result) {
+    // Returns the groups that were asked for and have no transport packets.
+    std::string finish(MeasuredFile& result) {
+        std::string absent;
         for (auto& [group, channel] : channels_) {
             channel.analyser.finish();
             meter::Report report = channel.analyser.report();
@@ -49,7 +51,7 @@ class Channels {
                 continue;
             }
             if (!transport) {
-                result.notes.push_back(dotted(group) + ": no transport packets in the file");
+                absent += (absent.empty() ? "" : ", ") + dotted(group);
             }
             result.reports.push_back(std::move(report));
         }
@@ -58,6 +60,7 @@ class Channels {
                                    " groups: " + std::to_string(tooMany_) +
                                    " datagrams to further ones were left out; --group chooses");
         }
+        return absent;
     }
 
   private:
@@ -115,13 +118,16 @@ void measureCapture(const std::string& path, uint64_t size, const MeasureOptions
     } catch (const std::runtime_error& error) {
         result.failure = error.what();
     }
-    channels.finish(result);
+    const std::string absent = channels.finish(result);
     if (cut > 0) {
         result.notes.push_back(std::to_string(cut) +
                                " frames were not captured whole (tcpdump -s 0 does); figures suffer from it");
     }
     if (options.bitrate) {
         result.notes.emplace_back("--bitrate is for bare transport streams; a capture has times of its own");
+    }
+    if (!absent.empty() && result.failure.empty()) {
+        result.failure = path + ": no transport packets to " + absent;
     }
     if (result.reports.empty() && result.failure.empty()) {
         result.failure =
@@ -162,8 +168,9 @@ MeasuredFile measureFile(const std::string& path, const MeasureOptions& options,
         Input input(path);
         const auto begin = input.fill();
         if (CaptureFile::fits(begin)) {
-            if (input.size() == 0) {
-                throw std::runtime_error(path + ": a capture has to be a file, not a pipe");
+            if (input.size() == 0 || path == "-") {
+                throw std::runtime_error(path +
+                                         ": a capture has to be a file, neither a pipe nor standard input");
             }
             measureCapture(path, input.size(), options, progress, result);
         } else if (TsFile::fits(begin)) {

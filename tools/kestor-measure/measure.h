@@ -18,7 +18,7 @@ struct MeasureOptions {
 struct MeasuredFile {
     std::vector<meter::Report> reports;  // of a capture by group, ascending; of a bare file one
     std::vector<std::string> notes;      // for people: what was left out, and what helps
-    std::string failure;                 // why not all of the file could be read; empty: all was
+    std::string failure;  // why not all of the file, or of `groups`, could be measured; empty: all was
 };
 
 // Told now and then while a file is read: bytes read, and the file's size or 0.

@@ -320,6 +320,9 @@ std::string errors(const Report& report) {
         }
     }
     std::string text = heading("ERRORS (ETSI TR 101 290)");
+    if (report.packets.received == 0) {
+        return text + "  not measured: no transport packets came\n";
+    }
     text += any ? columns.text(kTextWidth) : "  none\n";
     if (!notApplicable.empty()) {
         text += fitted("  not applicable: " + notApplicable, kTextWidth) + "\n";

@@ -58,6 +58,7 @@ StreamReport streamReport(const StreamEntry& stream, const std::vector<CaReport>
     report.kind = stream.kind;
     report.language = stream.details.language;
     report.ca = stream.ca.empty() ? ofProgram : stream.ca;
+    std::ranges::stable_sort(report.ca, {}, &CaReport::pid);
     report.componentTag = stream.details.componentTag;
     report.pages = stream.details.pages;
     return report;
