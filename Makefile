@@ -12,7 +12,7 @@ PRESET ?= release
 SOAK_SECONDS ?= 600
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS ?= frames control parameterSet captureFile recordLine playlist configuration httpRequest \
-  meterSections meterVideo meterAudio meterCues
+  meterDatagrams meterRecording meterSections meterVideo meterAudio meterCues
 RUN_PROGRAMS = kestor kestor-station kestorctl
 SOURCES = git ls-files '*.cpp' '*.h' '*.js'
 # What is about to be compiled for the first time, and how long that takes (about 3 s a file and processor): PRESET, TARGETS
