@@ -434,6 +434,16 @@ TEST(StationTokenGuard, BoundsGuessesAndItsMemory) {
         guard.wrong("other " + std::to_string(i), now);
     }
     EXPECT_EQ(guard.wait("10.0.0.1", now), seconds(1)) << "who waits longest is forgotten last";
+    std::size_t remembered = 0;
+    for (std::size_t i = 0; i < 2 * TokenGuard::kAddresses; ++i) {
+        for (int again = 1; again < TokenGuard::kAtOnce; ++again) {
+            guard.wrong("other " + std::to_string(i), now);
+        }
+    }
+    for (std::size_t i = 0; i < 2 * TokenGuard::kAddresses; ++i) {
+        remembered += guard.wait("other " + std::to_string(i), now).count() > 0 ? 1 : 0;
+    }
+    EXPECT_LE(remembered, TokenGuard::kAddresses);
 }
 
 TEST_F(StationWeb, TakesRequestsOneBehindTheOtherOnOneConnection) {
