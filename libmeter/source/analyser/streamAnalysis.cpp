@@ -60,10 +60,11 @@ void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
     const uint64_t received = received_;
     StreamTime::Run run = time_.run();
     Ticks lookAt = timeToLook();
+    PidTable::View pids = pids_.view();
     for (; packet != end; packet += kPacketSize) {
         const Ticks now = run.next();
         const TsHeader header(packet);
-        PidRecord& record = pids_.find(header.pid());
+        PidRecord& record = pids.find(header.pid());
         if (header.isClearContinuation() && now < lookAt && record.roles == 0 &&
             record.continuity.isNext(header.continuityCounter())) [[likely]] {
             record.continuity.accept(header.continuityCounter());
@@ -91,6 +92,7 @@ void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
         }
         run = time_.run();
         lookAt = timeToLook();
+        pids = pids_.view();
     }
     time_.put(run);
     const uint64_t packets = static_cast<uint64_t>(end - begin) / kPacketSize;
@@ -325,7 +327,7 @@ void StreamAnalysis::scrambledPacket(PidRecord& record, TsHeader header, const M
     }
     if (record.pid == kPatPid) {
         book_.hit(Check::kPatError2, record.pid, moment.arrival);
-    } else if (pmtPids_.test(record.pid)) {
+    } else if (record.tables) {
         book_.hit(Check::kPmtError2, record.pid, moment.arrival);
     }
 }

@@ -136,8 +136,6 @@ class StreamAnalysis final : private SectionSink {
     std::optional<Presence> presence_;
     std::optional<ServiceInformation> information_;
     std::bitset<kPidCount> referenced_;
-    std::bitset<kPidCount> pmtPids_;
-    std::bitset<kPidCount> cuePids_;
     std::unique_ptr<Services> services_ = std::make_unique<Services>();
     std::unique_ptr<MediaStreams> media_ = std::make_unique<MediaStreams>();
     std::unique_ptr<Cues> cues_ = std::make_unique<Cues>();

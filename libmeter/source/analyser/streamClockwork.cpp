@@ -95,8 +95,6 @@ void StreamAnalysis::restart(Nanoseconds arrival) {
     position_ = 0;
     sync_ = {};
     referenced_.reset();
-    pmtPids_.reset();
-    cuePids_.reset();
     services_ = std::make_unique<Services>();
     media_ = std::make_unique<MediaStreams>();
     cues_->restart();

@@ -114,7 +114,7 @@ void StreamAnalysis::fillPids(Report& report) const {
         }
         PidReport& pid = report.pids.emplace_back();
         pid.pid = record.pid;
-        const bool table = record.pid <= kLastReservedPid || pmtPids_.test(record.pid);
+        const bool table = record.pid <= kLastReservedPid || record.tables;
         pid.kind = record.pid == kNullPid    ? "null"
                    : table                   ? "table"
                    : record.stream           ? std::string(streamKind(record.kind))

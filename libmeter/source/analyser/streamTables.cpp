@@ -30,7 +30,7 @@ bool isCheckedTable(uint8_t table) {
 void StreamAnalysis::checkCrc(const Section& section) {
     const uint8_t table = sectionTableId(section.bytes);
     const bool checked = section.pid <= kLastReservedPid ? isCheckedTable(table) : table == kPmtTable;
-    if (checked && (section.pid <= kLastReservedPid || pmtPids_.test(section.pid))) {
+    if (checked && (section.pid <= kLastReservedPid || pids_.find(section.pid).tables)) {
         book_.hit(Check::kCrcError, section.pid, section.moment.arrival);
     }
 }
@@ -38,7 +38,7 @@ void StreamAnalysis::checkCrc(const Section& section) {
 void StreamAnalysis::section(const Section& section) {
     const uint8_t table = sectionTableId(section.bytes);
     const Moment& moment = section.moment;
-    if (cuePids_.test(section.pid) && table == kSpliceInfoTable) {
+    if (pids_.find(section.pid).cues && table == kSpliceInfoTable) {
         const PidRecord* clock = pids_.known(pids_.find(section.pid).clockPid);
         cues_->section(section,
                        clock != nullptr && clock->clock ? clock->clock->valueAt(moment.stream) : std::nullopt,
@@ -88,8 +88,8 @@ void StreamAnalysis::applyModel() {
     modelChanged_ = false;
     modelRevision_ = model.revision;
     referenced_.reset();
-    pmtPids_.reset();
-    cuePids_.reset();
+    std::bitset<kPidCount> pmtPids;
+    std::bitset<kPidCount> cuePids;
     for (uint16_t pid = 0; pid <= kLastReservedPid; ++pid) {
         refer(pid);
     }
@@ -105,7 +105,7 @@ void StreamAnalysis::applyModel() {
     }
     for (const ProgramModel& program : model.programs) {
         refer(program.pmtPid);
-        pmtPids_.set(program.pmtPid & (kPidCount - 1));
+        pmtPids.set(program.pmtPid & (kPidCount - 1));
         refer(program.pcrPid);
         std::ranges::for_each(program.ecmPids, [this](uint16_t pid) { refer(pid); });
         for (const StreamModel& stream : program.streams) {
@@ -119,19 +119,21 @@ void StreamAnalysis::applyModel() {
                 record.clockPid = program.pcrPid;
             }
             if (stream.kind == StreamKind::kCue) {
-                cuePids_.set(stream.pid & (kPidCount - 1));
+                cuePids.set(stream.pid & (kPidCount - 1));
             }
         }
     }
     media_->setModel(model);
-    const std::bitset<kPidCount> tables = pmtPids_ | cuePids_;
-    for (uint32_t pid = kLastReservedPid + 1U; pid < kPidCount; ++pid) {
+    const std::bitset<kPidCount> tables = pmtPids | cuePids;
+    for (uint32_t pid = 0; pid < kPidCount; ++pid) {
         if (tables.test(pid)) {
             pids_.obtain(static_cast<uint16_t>(pid));
         }
     }
     for (PidRecord& record : pids_.all()) {
         record.referenced = referenced_.test(record.pid);
+        record.tables = pmtPids.test(record.pid);
+        record.cues = cuePids.test(record.pid);
         record.mediaSlot = record.stream && !tables.test(record.pid) ? media_->slot(record.pid) : -1;
         record.roles &= static_cast<uint8_t>(~kMediaWanted);
         if (record.pid <= kLastReservedPid) {

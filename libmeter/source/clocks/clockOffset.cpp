@@ -37,6 +37,7 @@ void ClockOffset::secondEnded(int64_t second) {
         if (lows_.size() == kSeconds) {
             lows_.erase(lows_.begin());
         }
+        lows_.reserve(kSeconds);  // doubling would leave a fifth unused
         lows_.push_back(*low_);
         low_.reset();
     }

@@ -46,7 +46,7 @@ PcrFinding ProgramClock::pcr(Ticks value, const Moment& moment, Ticks own, bool 
             finding.compared = true;
             finding.missing = missingPackets(step, packets);
         }
-        if (goesOn && step > 0 && packets > 0 && packets <= UINT32_MAX) {
+        if (goesOn && step > 0 && packets > 0 && packets <= RecentRates::kPartLimit) {
             rates_.add({static_cast<uint32_t>(step), static_cast<uint32_t>(packets)}, moment.stream);
         }
     }

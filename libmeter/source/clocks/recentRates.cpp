@@ -13,8 +13,8 @@ constexpr uint64_t kSpreadShare = 100;  // of the median; a constant rate's spre
 
 // Equal rates stand in the order of their places, so that each can be found again.
 bool RecentRates::rateLess(uint16_t a, uint16_t b) const {
-    const Pace& first = ring_[a].pace;
-    const Pace& second = ring_[b].pace;
+    const Pace first = ring_[a].pace();
+    const Pace second = ring_[b].pace();
     const uint64_t left = uint64_t{first.packets} * second.ticks;
     const uint64_t right = uint64_t{second.packets} * first.ticks;
     return left != right ? left < right : a < b;
@@ -24,8 +24,8 @@ void RecentRates::dropOldest() {
     const auto index = static_cast<uint16_t>(oldest_);
     const auto place = std::lower_bound(order_.begin(), order_.end(), index,
                                         [this](uint16_t a, uint16_t b) { return rateLess(a, b); });
-    packets_ -= ring_[index].pace.packets;
-    ticks_ -= ring_[index].pace.ticks;
+    packets_ -= ring_[index].packets;
+    ticks_ -= ring_[index].ticks;
     order_.erase(place);
     oldest_ = (oldest_ + 1) % ring_.size();
 }
@@ -48,9 +48,12 @@ void RecentRates::grow() {
 
 void RecentRates::add(const Pace& pace, Ticks now) {
     const auto ms = static_cast<uint32_t>(now / kTicksPerMs);
-    while (!order_.empty() && ms - ring_[oldest_].time > kSpan / kTicksPerMs) {
+    constexpr uint32_t kSpanMs = kSpan / kTicksPerMs;
+    const bool allOld = ms - newestMs_ > kSpanMs;
+    while (!order_.empty() && (allOld || static_cast<uint16_t>(ms - ring_[oldest_].time) > kSpanMs)) {
         dropOldest();
     }
+    newestMs_ = ms;
     if (order_.size() == ring_.size()) {
         if (ring_.size() < kLimit) {
             grow();
@@ -59,7 +62,7 @@ void RecentRates::add(const Pace& pace, Ticks now) {
         }
     }
     const auto index = static_cast<uint16_t>((oldest_ + order_.size()) % ring_.size());
-    ring_[index] = {pace, ms};
+    ring_[index] = {pace.ticks & kPartLimit, pace.packets & kPartLimit, ms & UINT16_MAX};
     packets_ += pace.packets;
     ticks_ += pace.ticks;
     order_.insert(std::upper_bound(order_.begin(), order_.end(), index,

@@ -14,7 +14,12 @@ class RecentRates {
     // A PCR each 5 ms for 10 s; with more of them the oldest make room.
     static constexpr std::size_t kLimit = 2048;
 
+    // Of the ticks and of the packets of a rate: 0.6 s, and more packets than a link of 250 Gbit/s carries in
+    // the time between two PCRs.
+    static constexpr uint32_t kPartLimit = (1U << 24) - 1;
+
     // A rate that ended at `now`; drops what is older than the span.
+    // REQUIRES: ticks and packets from 1 to kPartLimit; `now` not before the last one's.
     void add(const Pace& pace, Ticks now);
     void clear();
     bool empty() const {
@@ -40,12 +45,18 @@ class RecentRates {
   private:
     static constexpr std::size_t kFirstCapacity = 64;
 
+    // Eight bytes, as a clock holds hundreds.
     struct Sample {
-        Pace pace;
-        uint32_t time = 0;  // ms, modulo 2^32
+        uint64_t ticks : 24;
+        uint64_t packets : 24;
+        uint64_t time : 16;  // ms, modulo 2^16: none is further than the span behind the newest
+
+        Pace pace() const {
+            return {static_cast<uint32_t>(ticks), static_cast<uint32_t>(packets)};
+        }
     };
     Pace paceAt(std::size_t rank) const {
-        return ring_[order_[rank]].pace;
+        return ring_[order_[rank]].pace();
     }
     bool rateLess(uint16_t a, uint16_t b) const;
     void dropOldest();
@@ -55,6 +66,7 @@ class RecentRates {
     std::vector<Sample> ring_;     // its size is its capacity
     std::vector<uint16_t> order_;  // indices into the ring, from the lowest rate on
     std::size_t oldest_ = 0;
+    uint32_t newestMs_ = 0;  // when the newest ended, modulo 2^32
     uint64_t packets_ = 0;
     uint64_t ticks_ = 0;
     bool constant_ = false;

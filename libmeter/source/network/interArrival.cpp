@@ -33,15 +33,18 @@ void InterArrival::secondsEnded(int64_t seconds) {
     lowest_ = std::numeric_limits<Nanoseconds>::max();
     highest_ = 0;
     keptCount_ = 0;
-    if (minute_.empty()) {
-        minute_.resize(kMinuteSeconds);
-    }
     for (int64_t i = std::min<int64_t>(seconds, kMinuteSeconds); i > 0; --i) {
-        SecondBins& oldest = minute_[next_];
         for (std::size_t bin = 0; bin < kHistogramBins; ++bin) {
             const auto ended = static_cast<uint16_t>(std::min<uint32_t>(running_[bin], UINT16_MAX));
-            total_[bin] += uint32_t{ended} - oldest[bin];
-            oldest[bin] = ended;
+            std::unique_ptr<BinSeconds>& ring = minute_[bin];
+            if (!ring) {
+                if (ended == 0) {
+                    continue;
+                }
+                ring = std::make_unique<BinSeconds>();
+            }
+            total_[bin] += uint32_t{ended} - (*ring)[next_];
+            (*ring)[next_] = ended;
         }
         running_.fill(0);
         next_ = (next_ + 1) % kMinuteSeconds;

@@ -5,8 +5,8 @@
 #include <array>
 #include <bit>
 #include <limits>
+#include <memory>
 #include <optional>
-#include <vector>
 
 #include "fields/moment.h"
 #include "meter/report.h"
@@ -37,12 +37,13 @@ class InterArrival {
     void secondsEnded(int64_t seconds);
     void fill(NetworkReport& report) const;
     std::size_t heldBytes() const {
-        return minute_.capacity() * sizeof(SecondBins);
+        const auto used = std::ranges::count_if(minute_, [](const auto& bin) { return bin != nullptr; });
+        return static_cast<std::size_t>(used) * sizeof(BinSeconds);
     }
 
   private:
     using Bins = std::array<uint32_t, kHistogramBins>;
-    using SecondBins = std::array<uint16_t, kHistogramBins>;  // at most 65535 a bin and second are counted
+    using BinSeconds = std::array<uint16_t, kMinuteSeconds>;  // at most 65535 a bin and second are counted
     struct Figures {
         Nanoseconds lowest = 0;
         Nanoseconds highest = 0;
@@ -66,7 +67,8 @@ class InterArrival {
     std::optional<Figures> last_;
 
     Bins running_{};
-    std::vector<SecondBins> minute_;  // ring of whole seconds
+    // Of each bin a ring of whole seconds; none where no time fell into it yet, as into most.
+    std::array<std::unique_ptr<BinSeconds>, kHistogramBins> minute_;
     std::size_t next_ = 0;
     Bins total_{};  // of the minute
 };

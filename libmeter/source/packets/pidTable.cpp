@@ -8,8 +8,9 @@ PidRecord& PidTable::obtain(uint16_t pid) {
         if (own_.size() < kPidsLimit) {
             PidRecord& record = own_.emplace_back();
             record.pid = pid;
-            slot = static_cast<uint8_t>(own_.size());
-            records_[slot] = &record;
+            static_assert(kFirstPidPlace + kPidsLimit - 1 <= UINT8_MAX);
+            slot = static_cast<uint8_t>(records_.size());
+            records_.push_back(&record);
         } else {
             slot = kOverflow;
         }

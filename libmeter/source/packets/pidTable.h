@@ -22,10 +22,11 @@ enum PidRole : uint8_t {
     kNullRole = 1 << 4,     // null packets, which are counted alone
 };
 
-// 0 in the index stands for a PID without record.
+// Places in the index: of a PID without record, and of one that found no place.
 inline constexpr std::size_t kPidsLimit = 254;
 inline constexpr uint8_t kNoPid = 0;
-inline constexpr uint8_t kOverflow = 255;
+inline constexpr uint8_t kOverflow = 1;
+inline constexpr std::size_t kFirstPidPlace = 2;
 
 struct PidRecord {
     // What every packet touches.
@@ -55,6 +56,8 @@ struct PidRecord {
     StreamKind kind = StreamKind::kData;  // where a PMT lists it
     bool stream = false;                  // a PMT lists it
     bool referenced = false;
+    bool tables = false;                    // a PMT comes there
+    bool cues = false;                      // cues come there
     bool unreferencedHeld = false;          // 3.4.a holds
     std::optional<Ticks> unreferencedFrom;  // first packet since nothing refers to it
     bool stillPicture = false;
@@ -71,11 +74,9 @@ struct PidRecord {
 
 class PidTable {
   public:
-    PidTable() {
-        records_[kNoPid] = &none_;
+    PidTable() : records_{&none_, &overflow_} {
         none_.roles = kUnknownPid;
         overflow_.roles = kOverflowPid;
-        records_[kOverflow] = &overflow_;
     }
     PidTable(const PidTable&) = delete;
     PidTable& operator=(const PidTable&) = delete;
@@ -83,6 +84,18 @@ class PidTable {
     // The PID's record; one that says kUnknownPid and is nobody's where it has none yet.
     PidRecord& find(uint16_t pid) {
         return *records_[index_[pid]];
+    }
+    // What find() reads, for a run of packets; valid until obtain().
+    struct View {
+        const uint8_t* index;
+        PidRecord* const* records;
+
+        PidRecord& find(uint16_t pid) const {
+            return *records[index[pid]];
+        }
+    };
+    View view() const {
+        return {index_.data(), records_.data()};
     }
     const PidRecord* known(uint16_t pid) const {
         const uint8_t slot = index_[pid & (kPidCount - 1)];
@@ -104,7 +117,7 @@ class PidTable {
 
   private:
     std::array<uint8_t, kPidCount> index_{};
-    std::array<PidRecord*, 256> records_{};
+    std::vector<PidRecord*> records_;  // by place
     std::deque<PidRecord> own_;
     PidRecord none_;
     PidRecord overflow_;

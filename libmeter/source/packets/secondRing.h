@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 namespace meter {
 
@@ -15,7 +16,13 @@ class SecondRing {
     // So many whole seconds ended with `value` each.
     void push(uint32_t value, int64_t seconds = 1) {
         for (int64_t i = std::min<int64_t>(seconds, kMinuteSeconds); i > 0; --i) {
-            values_[next_] = value;
+            if (value > UINT16_MAX && !high_) {
+                high_ = std::make_unique<Halves>();
+            }
+            low_[next_] = static_cast<uint16_t>(value);
+            if (high_) {
+                (*high_)[next_] = static_cast<uint16_t>(value >> 16);
+            }
             next_ = static_cast<uint8_t>((next_ + 1U) % kMinuteSeconds);
             size_ = static_cast<uint8_t>(std::min<std::size_t>(size_ + 1U, kMinuteSeconds));
         }
@@ -29,17 +36,32 @@ class SecondRing {
     }
     // REQUIRES: not empty.
     uint32_t latest() const {
-        return values_[(next_ + kMinuteSeconds - 1) % kMinuteSeconds];
+        return at((next_ + kMinuteSeconds - 1) % kMinuteSeconds);
     }
     uint32_t lowest() const {
-        return *std::min_element(values_.begin(), values_.begin() + size_);
+        uint32_t lowest = UINT32_MAX;
+        for (std::size_t i = 0; i < size_; ++i) {
+            lowest = std::min(lowest, at(i));
+        }
+        return lowest;
     }
     uint32_t highest() const {
-        return *std::max_element(values_.begin(), values_.begin() + size_);
+        uint32_t highest = 0;
+        for (std::size_t i = 0; i < size_; ++i) {
+            highest = std::max(highest, at(i));
+        }
+        return highest;
     }
 
   private:
-    std::array<uint32_t, kMinuteSeconds> values_;
+    using Halves = std::array<uint16_t, kMinuteSeconds>;
+
+    uint32_t at(std::size_t place) const {
+        return low_[place] | (high_ ? uint32_t{(*high_)[place]} << 16 : 0);
+    }
+
+    Halves low_;
+    std::unique_ptr<Halves> high_;  // none before a value needs it: below 98 Mbit/s of transport packets
     uint8_t next_ = 0;
     uint8_t size_ = 0;
 };
