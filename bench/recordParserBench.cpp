@@ -1,6 +1,7 @@
 // What a reader of the results pays for a snapshot: 1000 streams of 20 PIDs, taken apart and checked.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -14,12 +15,12 @@ constexpr uint32_t kPids = 20;  // PAT, PMT and elementary ones
 constexpr uint32_t kTags = 3;
 
 // Values as long as those of a channel that has run for days.
-std::string value(records::Type type, uint32_t seed) {
+std::string value(const records::Column& column, uint32_t seed) {
     const uint32_t number = seed * 2654435761U;
-    if (type == records::Type::kFraction) {
+    if (column.type == records::Type::kFraction) {
         return std::to_string(static_cast<double>(number % 5'000'000) / 1e6);
     }
-    return std::to_string(number >> (seed % 4 * 6));
+    return std::to_string(std::min<uint64_t>(number >> (seed % 4 * 6), column.maximum));
 }
 
 void appendLine(std::string& text, records::Kind kind, uint32_t stream, uint32_t pid) {
@@ -31,7 +32,7 @@ void appendLine(std::string& text, records::Kind kind, uint32_t stream, uint32_t
         text += ";";
         text += columns[i].name == "descriptorCount"
                     ? std::to_string(kTags)
-                    : value(columns[i].type, stream + pid * 7 + static_cast<uint32_t>(i));
+                    : value(columns[i], stream + pid * 7 + static_cast<uint32_t>(i));
     }
     text += kind == records::Kind::kStream ? "\n" : ";10;82;40\n";
 }

@@ -33,8 +33,9 @@ void appendLine(std::string& text, records::Kind kind, const station::Group& gro
         const uint32_t number = (group.hostOrder() + pid * 7 + static_cast<uint32_t>(i)) * 2654435761U;
         text += ';';
         text += columns[i].name == "descriptorCount" || (!failed && isCheck(columns[i].name)) ? "0"
-                : columns[i].type == records::Type::kFraction ? std::to_string(number % 5'000'000 / 1e6)
-                                                              : std::to_string(number >> (number % 4 * 6));
+                : columns[i].type == records::Type::kFraction
+                    ? std::to_string(number % 5'000'000 / 1e6)
+                    : std::to_string(std::min<uint64_t>(number >> (number % 4 * 6), columns[i].maximum));
     }
     text += '\n';
 }

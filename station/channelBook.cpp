@@ -145,7 +145,7 @@ std::optional<Refusal> ChannelBook::assignChannel(const PutChannel& action) {
     return takeRuntime(std::move(next), "group");
 }
 
-std::optional<Refusal> ChannelBook::remove(const Group& group) {
+std::optional<Refusal> ChannelBook::remove(Group group) {
     if (auto refusal = refuseUnknown()) {
         return refusal;
     }

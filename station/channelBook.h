@@ -32,7 +32,7 @@ class ChannelBook {
     // Changes at run time; nothing is changed when they are refused. A channel that a file names and that the
     // change leaves as it is stays the file's, and one that was removed comes back as the file has it.
     std::optional<Refusal> put(const PutChannel& action, const Configuration& configuration);
-    std::optional<Refusal> remove(const Group& group);
+    std::optional<Refusal> remove(Group group);  // by value: the caller's may be one of those that go
     // Adds what the playlist names, or overrides it; fills the counts and notes of `answer`.
     std::optional<Refusal> import(const std::string& text, Answer& answer);
 

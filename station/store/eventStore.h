@@ -16,9 +16,9 @@ namespace station {
 
 // What was on the disk when it could be read first.
 struct StoredState {
-    bool loaded = false;        // false: it could not be read yet, late() will tell
-    int64_t lastId = 0;         // no id up to here may be given again
-    std::vector<Alarm> active;  // raised, not cleared
+    bool loaded = false;                   // false: it could not be read yet, late() will tell
+    int64_t lastId = 0;                    // no id up to here may be given again
+    std::vector<Alarm> active;             // raised, not cleared
     std::vector<Maintenance> maintenance;  // not ended
     std::string problem;  // a damaged file was put aside, or the disk cannot be written: one line
 };
@@ -34,8 +34,8 @@ class EventStore {
     static constexpr std::size_t kStoreQueue =
         20'000;  // events waiting for the disk; beyond, the oldest are dropped
     static constexpr std::size_t kWindowQueue = 2'000;  // beside them, windows set and ended
-    static constexpr std::size_t kQueryQueue = 64;  // queries waiting; beyond, a query fails at once
-    static constexpr int64_t kIdBlock = 1'000'000;  // ids reserved ahead
+    static constexpr std::size_t kQueryQueue = 64;      // queries waiting; beyond, a query fails at once
+    static constexpr int64_t kIdBlock = 1'000'000;      // ids reserved ahead
 
     struct Limits {
         uint32_t keepDays;  // days for which a station ran with them

@@ -341,12 +341,15 @@ class Browser:
 
     def type(self, label, text):
         """Sets the field of this label as typing does."""
-        self.run("""const label = [...document.querySelectorAll('label')].filter((node) => node.checkVisibility())
+        wait_for(f'a field "{label}"', 5, lambda: self.run("""
+                    const label = [...document.querySelectorAll('label')].filter((node) => node.checkVisibility())
                       .findLast((node) => node.textContent === arguments[0]);
+                    if (!label) return false;
                     const input = document.getElementById(label.htmlFor);
                     input.value = arguments[1];
                     input.dispatchEvent(new Event('input', {bubbles: true}));
-                    input.dispatchEvent(new Event('change', {bubbles: true}));""", label, text)
+                    input.dispatchEvent(new Event('change', {bubbles: true}));
+                    return true;""", label, text))
 
     def problems(self):
         """What the browser complained of: scripts that failed, files that are missing, policy violations; not what the

@@ -535,7 +535,7 @@ TEST(StationHistory, GetsShorterAsChannelsGrowSoThatAllFitTheirBudget) {
         file >> all >> pages;
         return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     };
-    const std::size_t before = resident();
+    [[maybe_unused]] const std::size_t before = resident();
     std::vector<Past> pasts(kTried);
     for (Past& past : pasts) {
         past.history.keepMinutes(kept);
@@ -544,7 +544,9 @@ TEST(StationHistory, GetsShorterAsChannelsGrowSoThatAllFitTheirBudget) {
             past.add(1);
         }
     }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they take memory of their own
     EXPECT_LT(resident() - before, station::kHistoryBudget / kMost * kTried);
+#endif
     Past& past = pasts.front();
     EXPECT_EQ(past.points(HistoryMetric::kPacketsLost, 60).size(), kept);
     EXPECT_EQ(past.points(HistoryMetric::kPacketsLost, 60).front().mean, 1);
