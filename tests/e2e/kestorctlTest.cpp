@@ -50,14 +50,27 @@ TEST(Kestorctl, SaysOneThingToTheProbe) {
 
 TEST(Kestorctl, RefusesWhatMakesNoSense) {
     const Process kestor({"kestor", "-s"});
-    const std::vector<std::vector<std::string>> cases = {
-        {"add", "10.0.0.1"}, {"add", kA, "240.0.0.1"}, {"remove", "239.1.1"}, {"remove", "channel"}, {"add"},
-        {"scan", "1.2.3.4"}, {"passive", "perhaps"},   {"igmp-latency", "x"}, {"nonsense"},          {}};
+    const std::vector<std::vector<std::string>> cases = {{"add", "10.0.0.1"},
+                                                         {"add", kA, "240.0.0.1"},
+                                                         {"remove", "239.1.1"},
+                                                         {"remove", "channel"},
+                                                         {"add"},
+                                                         {"scan", "1.2.3.4"},
+                                                         {"passive", "perhaps"},
+                                                         {"igmp-latency", "x"},
+                                                         {"nonsense"},
+                                                         {},
+                                                         {"ack", "0"},
+                                                         {"ack", "x"},
+                                                         {"ack", "99999999999999999999"},
+                                                         {"--timeout", "nan", "status"}};
     for (const auto& arguments : cases) {
         const Result result = kestorctl(arguments);
         EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments);
         EXPECT_NE(result.err, "");
     }
+    EXPECT_THAT(kestorctl({"nonsense"}).err, HasSubstr("nonsense is no command"));
+    EXPECT_THAT(kestorctl({"ack", "0"}).err, HasSubstr("0 is no alarm's id"));
     EXPECT_TRUE(kestor.waitForOut(" passive monitoring 0\n", 3));
     EXPECT_THAT(kestor.out(), Not(HasSubstr("analyzeResponseMessage")));
 }

@@ -1,6 +1,8 @@
 // kestorctl: tells the probe what to monitor and shows what it finds, through the station where one runs.
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -18,6 +20,8 @@ constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr int kLongestLatencyMs = 60'000;
 constexpr int kMostEvents = 1000;
+constexpr double kShortestTimeoutS = 0.1;
+constexpr double kLongestTimeoutS = 86'400;
 // The heading in --help of the commands that only a station answers.
 constexpr const char* kNeedsStation = "With a station";
 
@@ -25,6 +29,21 @@ using configuration::ConfigurationMessage;
 
 std::string checkGroup(const std::string& text) {
     return isGroup(text) ? "" : text + " " + groupProblem(text);
+}
+
+std::string checkAlarmId(const std::string& text) {
+    int64_t id = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
+    const bool whole = error == std::errc() && end == text.data() + text.size();
+    return whole && id > 0 ? "" : text + " is no alarm's id: kestorctl alarms shows them";
+}
+
+// A range alone lets "nan" pass.
+std::string checkTimeout(std::string& text) {
+    const double seconds = strtod(text.c_str(), nullptr);
+    return seconds >= kShortestTimeoutS && seconds <= kLongestTimeoutS
+               ? ""
+               : text + " is not within 0.1 to 86400 s";
 }
 
 // Every group once: a repeated one is fatal to a probe that scans.
@@ -142,7 +161,9 @@ int run(const CLI::App& app, Arguments arguments) {
         return runStationCommand(*station, request);
     }
     if (command.get_group() == kNeedsStation) {
-        throw LinkError("no station listens at " + arguments.station + "; is kestor-station running?");
+        throw LinkError(arguments.station.empty()
+                            ? name + " is answered by a station alone; --station names its socket"
+                            : "no station listens at " + arguments.station + "; is kestor-station running?");
     }
     return tellProbe(name, groups, arguments);
 }
@@ -162,7 +183,7 @@ void declareStationCommands(CLI::App& app, StationRequest& request) {
     CLI::App* acknowledge = add("ack", "Acknowledge an alarm");
     acknowledge->add_option("ID", request.id, "As kestorctl alarms shows it")
         ->required()
-        ->check(CLI::PositiveNumber);
+        ->check(checkAlarmId);
     acknowledge->add_option("--remark", request.remark, "What is known or done about it");
     acknowledge->add_option("--by", request.by, "Who says it")->envname("USER");
     add("reload", "Read the configuration and the playlists again");
@@ -178,7 +199,7 @@ void declare(CLI::App& app, Arguments& arguments) {
     app.fallthrough();
     app.add_option("--timeout", arguments.timeoutS, "Seconds to wait for the probe")
         ->capture_default_str()
-        ->check(CLI::Range(0.1, 86400.0));
+        ->check(CLI::Validator(checkTimeout, "0.1 to 86400"));
 
     app.add_option("--station", arguments.station, "The station's socket; \"\" for the probe itself")
         ->capture_default_str()
@@ -222,6 +243,16 @@ int main(int argc, char* argv[]) {
         declare(app, arguments);
         try {
             app.parse(argc, argv);
+        } catch (const CLI::RequiredError& error) {
+            // What is no command is told by its name, not by a command that is missing.
+            const auto unknown = app.get_subcommands().empty() ? app.remaining() : std::vector<std::string>();
+            if (unknown.empty()) {
+                return app.exit(error) == 0 ? 0 : kExitUsage;
+            }
+            const std::string& first = unknown.front();
+            fprintf(stderr, "%s is no %s of kestorctl\nRun with --help for more information.\n",
+                    first.c_str(), first.starts_with('-') ? "option" : "command");
+            return kExitUsage;
         } catch (const CLI::ParseError& error) {
             return app.exit(error) == 0 ? 0 : kExitUsage;
         }
