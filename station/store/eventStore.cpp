@@ -382,6 +382,16 @@ void EventStore::Implementation::keepReserved() {
 
 // All is written: the next start goes on from here.
 void EventStore::Implementation::finish() {
+    std::size_t left = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        left = queue_.size();
+    }
+    if (left > 0) {
+        log(LogLevel::kError,
+            file_.string() +
+                " could not be written until the end; events and windows lost: " + std::to_string(left));
+    }
     if (!database_) {
         return;
     }
