@@ -28,7 +28,7 @@ class ScratchDirectory {
 
 // Whether the condition comes true in time.
 template <typename Condition>
-bool eventually(Condition condition, std::chrono::seconds time = std::chrono::seconds(10)) {
+bool eventually(Condition condition, std::chrono::seconds time = std::chrono::seconds(60)) {
     const auto deadline = std::chrono::steady_clock::now() + time;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
