@@ -36,7 +36,7 @@ Bytes packet(unsigned number) {
 void write(const std::string& path, const Bytes& bytes) {
     FILE* file = fopen(path.c_str(), "wb");
     ASSERT_NE(file, nullptr);
-    ASSERT_EQ(fwrite(bytes.data(), 1, bytes.size(), file), bytes.size());
+    ASSERT_TRUE(bytes.empty() || fwrite(bytes.data(), bytes.size(), 1, file) == 1);
     fclose(file);
 }
 
