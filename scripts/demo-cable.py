@@ -3,7 +3,8 @@
 
 The cable of the demonstration: takes the datagrams of each channel at 127.0.0.1, port 6001 for the first group and so on,
 and sends them to the group on feed0. Every 20 s something is wrong with one of them for 5 s: packets are lost, or the
-cable is out. Each fault is announced on standard output, a line each. Only for use inside scripts/netns.sh.
+cable is out. Each fault is announced on standard output, a line each, and so is a sender from which nothing comes. Only
+for use inside scripts/netns.sh.
 """
 import selectors
 import socket
@@ -17,6 +18,7 @@ FEED_ADDRESS = "10.99.0.2"
 PERIOD_S = 20
 FAULT_S = 5
 DROP_ONE_IN = 40
+SILENT_S = 1
 
 
 class Channel:
@@ -32,12 +34,14 @@ class Channel:
         self.output.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 0)
         self.output.bind((FEED_ADDRESS, 0))
         self.seen = 0
+        self.last = -SILENT_S
 
     def forward(self, fault):
         try:
             while True:
                 datagram = self.input.recv(2048)
                 self.seen += 1
+                self.last = time.monotonic()
                 if fault == "cut" or (fault == "loss" and self.seen % DROP_ONE_IN == 0):
                     continue
                 self.output.sendto(datagram, (self.group, CHANNEL_PORT))
@@ -64,13 +68,21 @@ def main():
         channels.append(channel)
         selector.register(channel.input, selectors.EVENT_READ, channel)
     started = time.monotonic()
-    said = (None, "")
+    said = None
     texts = {"loss": f"one datagram in {DROP_ONE_IN} is lost", "cut": "the cable is out"}
     while True:
-        group, fault = fault_at(time.monotonic() - started, channels)
-        if (group, fault) != said and not quiet:
-            print(f"{group}: {texts[fault]} for {FAULT_S} s" if group else "all is well", flush=True)
-            said = (group, fault)
+        now = time.monotonic()
+        group, fault = fault_at(now - started, channels)
+        silent = [channel.group for channel in channels if now - channel.last >= SILENT_S]
+        news = []
+        if group:
+            news.append(f"{group}: {texts[fault]} for {FAULT_S} s.")
+        if silent:
+            news.append(f"Nothing comes from the sender of {' and '.join(silent)}.")
+        text = " ".join(news) or "The cable is well."
+        if text != said and not quiet:
+            print(text, flush=True)
+            said = text
         for key, _ in selector.select(0.2):
             key.data.forward(fault if key.data.group == group else "")
 

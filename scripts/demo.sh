@@ -3,7 +3,7 @@
 #
 # Shows the probe and its station at work, until Ctrl-C or for RUN_SECONDS seconds: a table of the channels with their state and
 # alarms, and the station's page on this machine's loopback. Without groups on two channels that are encoded here, inside a network
-# of its own, with one fault every 20 s; with groups, or with PLAYLIST=FILE, on the real traffic of this machine's eth0, which takes
+# of its own, with one fault every 20 s and told on the first line; with groups, or with PLAYLIST=FILE, on the real traffic of this machine's eth0, which takes
 # root. What the programs say goes to build/demo/.
 set -euo pipefail
 
@@ -23,6 +23,7 @@ trap 'exit 0' INT TERM
 rm -rf "$work"
 mkdir -p "$work/state"
 : >"$work/faults.log"
+: >"$work/senders.log"
 
 if [ "${1:-}" = --inside ]; then
   set --
@@ -36,7 +37,7 @@ udp://@239.1.1.2:5000
 END
   "$root/scripts/demo-cable.py" 239.1.1.1 239.1.1.2 >"$work/faults.log" &
   children+=($!)
-  DEMO_CABLE=1 "$root/scripts/demo-channels.sh" &
+  DEMO_CABLE=1 "$root/scripts/demo-channels.sh" 2>"$work/senders.log" &
   children+=($!)
   "$root/scripts/relay.py" --serve "$RELAY_DESCRIPTOR" "$port" &
   children+=($!)
@@ -55,8 +56,19 @@ children+=($!)
 station=$!
 children+=("$station")
 
+# What the cable says, what became of its senders in the last half minute, and what of it the station sees.
+state() {
+  local without
+  tail -n 1 "$work/faults.log"
+  if [ -n "$(find "$work/senders.log" -newermt '-30 seconds')" ]; then
+    sed -n '$s/^the sender/The sender/p' "$work/senders.log"
+  fi
+  without=$("$bin/kestorctl" alarms | awk '$3 == "no_signal" { printf " %s", $4 }')
+  [ -z "$without" ] || echo "No signal:$without."
+}
+
 picture() {
-  echo "http://127.0.0.1:${RELAY_PORT:-$port}/ is the page; Ctrl-C ends it all. $(tail -n 1 "$work/faults.log")"
+  echo "http://127.0.0.1:${RELAY_PORT:-$port}/ is the page; Ctrl-C ends it all. $(state | tr '\n' ' ')"
   echo
   "$bin/kestorctl" channels
   echo
