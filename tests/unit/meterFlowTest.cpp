@@ -118,19 +118,86 @@ TEST(MeterRtp, RepeatedOnesAreLeftOut) {
     EXPECT_EQ(report.packets.repeated, 0);
 }
 
-TEST(MeterRtp, AnotherSourceAndASenderThatBeginsAnewAreNoLoss) {
+void setHeader(Sent& sent, uint16_t sequence, uint32_t timestamp, uint32_t ssrc = 7) {
+    const Bytes header = test::rtp(sequence, timestamp, {}, ssrc);
+    std::ranges::copy(header, sent.payload.begin());
+}
+
+TEST(MeterRtp, AnotherSourceBeginsTheSequenceAnew) {
     std::vector<Sent> sent = datagrams(3, true);
     for (std::size_t i = 200; i < sent.size(); ++i) {
-        const auto sequence = static_cast<uint16_t>(i < 400 ? i + 30'000 : i + 7'000);
-        sent[i].payload[2] = psi::low8(sequence >> 8);
-        sent[i].payload[3] = psi::low8(sequence);
-        sent[i].payload[11] = 8;
+        setHeader(sent[i], static_cast<uint16_t>(i + 30'000), static_cast<uint32_t>(i), 8);
     }
     const meter::Report report = measure(sent);
     EXPECT_EQ(report.network->rtp->ssrcChanges, 1);
     EXPECT_EQ(report.packets.lost.byRtp, 0);
-    EXPECT_LE(report.packets.lost.byCounter, 7 * 3)
-        << "the first one of the new sequence is not known to belong";
+    EXPECT_EQ(faults(report), 0);
+}
+
+// Datagrams for 4 s, and 2 s more after a pause, whose sequence numbers are so many further.
+struct Jump {
+    const char* what;
+    int64_t further;
+    double pauseSeconds;
+    enum { kGoOn, kOthers, kNone } timestamps;
+    int64_t lost;
+};
+
+meter::Report measureJump(const Jump& jump) {
+    std::vector<Sent> sent = datagrams(6, true);
+    const auto pause = static_cast<int64_t>(jump.pauseSeconds * 1e9);
+    for (std::size_t i = 0; i < sent.size(); ++i) {
+        const bool behind = i >= 760;
+        sent[i].arrival += behind ? pause : 0;
+        auto timestamp = static_cast<uint32_t>(sent[i].arrival / 100'000 * 9);
+        timestamp += behind && jump.timestamps == Jump::kOthers ? 0x2000'0000U : 0;
+        setHeader(sent[i], static_cast<uint16_t>(sent[i].sequence + (behind ? jump.further : 0)),
+                  jump.timestamps == Jump::kNone ? 0 : timestamp);
+    }
+    return measure(sent);
+}
+
+TEST(MeterRtp, AJumpIsLossWhereItsTimeCanHaveHeldItAndElseASenderThatBeganAnew) {
+    // 190 datagrams a second: a minute holds 11,398 of them, six hold 68,389, which is more than a cycle.
+    const Jump jumps[] = {
+        {"a jump of 3000 at once, as far as RFC 3550 takes it", 2999, 0, Jump::kGoOn, 2999},
+        {"one more in no time", 3000, 0, Jump::kGoOn, 0},
+        {"far ahead", 20'000, 0, Jump::kGoOn, 0},
+        {"far behind", -20'000, 0, Jump::kGoOn, 0},
+        {"behind by more than is out of order", -102, 0, Jump::kGoOn, 0},
+        {"a sender that was away for 5 s", 30'000, 5, Jump::kGoOn, 0},
+        {"a sender that stood still for a minute", 0, 60, Jump::kGoOn, 0},
+        {"a cable cut for a minute", 11'398, 60, Jump::kGoOn, 11'398},
+        {"a cable cut for a minute, time stamps that tell nothing", 11'398, 60, Jump::kNone, 11'398},
+        {"more than half a cycle", 47'492, 250, Jump::kGoOn, 47'492},
+        {"more than a cycle", 68'389, 360, Jump::kGoOn, 68'389},
+        {"another run of the sender after a minute", 11'398, 60, Jump::kOthers, 0},
+        {"more than a minute holds", 50'000, 60, Jump::kGoOn, 0},
+    };
+    for (const Jump& jump : jumps) {
+        SCOPED_TRACE(jump.what);
+        const meter::Report report = measureJump(jump);
+        const meter::RtpReport& rtp = *report.network->rtp;
+        EXPECT_EQ(rtp.lost, jump.lost);
+        EXPECT_EQ(rtp.longestBurst, jump.lost);
+        EXPECT_EQ(rtp.lossEvents, jump.lost > 0 ? 1 : 0);
+        EXPECT_EQ(rtp.received, report.flow->datagrams);
+        EXPECT_EQ(rtp.outOfOrder, 0);
+        EXPECT_EQ(report.packets.received, 7 * report.flow->datagrams);
+        EXPECT_EQ(report.packets.lost.packets, 7 * jump.lost);
+        EXPECT_EQ(report.packets.lost.byCounter, 0) << "the packets themselves go on";
+    }
+}
+
+TEST(MeterRtp, ANumberThatNobodyFollowsIsLeftOut) {
+    std::vector<Sent> sent = datagrams(3, true);
+    for (const std::size_t at : {100U, 102U, 300U}) {
+        setHeader(sent[at], static_cast<uint16_t>(sent[at].sequence + 20'000), 0);
+    }
+    const meter::Report report = measure(sent);
+    EXPECT_EQ(report.network->rtp->lost, 3);
+    EXPECT_EQ(report.packets.lost.packets, 3 * 7);
+    EXPECT_EQ(report.packets.received, 7 * (sent.size() - 3));
 }
 
 TEST(MeterRtp, JitterIsThatOfRfc3550AndStepsAreNone) {

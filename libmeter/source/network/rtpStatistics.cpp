@@ -47,7 +47,7 @@ void RtpStatistics::placed(RtpOrder::Place place) {
     if (place == RtpOrder::Place::kStray) {
         return;
     }
-    ++received_;
+    received_ += place == RtpOrder::Place::kBeganAnew ? 2 : 1;
     outOfOrder_ += place == RtpOrder::Place::kLate || place == RtpOrder::Place::kTooLate ? 1 : 0;
 }
 
