@@ -7,8 +7,13 @@
 
 namespace station {
 
+namespace {
+
+constexpr std::chrono::milliseconds kFlush{100};
+
+}  // namespace
+
 void endWithin(std::chrono::milliseconds time, int status) {
-    constexpr std::chrono::milliseconds kFlush{100};
     std::thread([time, status] {
         std::this_thread::sleep_for(time);
         log(LogLevel::kError, "a disk hangs: the station ends without what could not be written to it");
