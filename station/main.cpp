@@ -18,13 +18,13 @@
 #include "common/log.h"
 #include "completion.h"
 #include "station.h"
+#include "usage.h"
 
 namespace {
 
 using station::Configuration;
 
 constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
 // What is larger goes back to the kernel when it is freed. Snapshots are, some 15 MiB a second with a
 // thousand channels, and the allocator would otherwise learn to keep two or three of them.
 constexpr int kKeepsFreed = 1 << 20;
@@ -52,26 +52,40 @@ std::string optionProblem(const std::string& text) {
 }
 
 void declare(CLI::App& app, Arguments& arguments) {
-    app.set_version_flag("--version", "kestor-station " KESTOR_VERSION);
+    shapeHelp(app);
+    app.set_version_flag("--version", "kestor-station " KESTOR_VERSION, "Print the version and exit.");
     app.add_option("--config", arguments.configuration,
-                   std::string("Configuration file; without it ") + kDefaultConfiguration +
-                       " if there is one, else defaults");
-    app.add_flag("--check", arguments.check, "Print the effective configuration, or every mistake, and end");
-    app.add_option("--state", arguments.state, "Directory of what outlives a restart");
-    app.add_option("--listen", arguments.listen, "ADDRESS:PORT of the HTTP server; \"\" for none")
+                   std::string("Read this configuration file. Without the option, ") + kDefaultConfiguration +
+                       " is read if it exists; otherwise defaults apply.")
+        ->type_name("FILE");
+    app.add_flag("--check", arguments.check,
+                 "Print the effective configuration, or every mistake in it, and exit.");
+    app.add_option("--state", arguments.state, "Keep what survives a restart in this directory.")
+        ->type_name("DIRECTORY");
+    app.add_option("--listen", arguments.listen,
+                   "Serve HTTP at this address and port, such as 127.0.0.1:9427; \"\" for none.")
+        ->type_name("ADDRESS")
         ->check(optionProblem<station::checkListen>);
-    app.add_option("--socket", arguments.socket, "Unix socket of the HTTP server")
+    app.add_option("--socket", arguments.socket,
+                   "Serve HTTP on this Unix socket. Whoever may open it may change everything.")
+        ->type_name("PATH")
         ->check(optionProblem<station::checkSocketPath>);
-    app.add_option("--pipe", arguments.pipe, "The probe's results pipe");
-    app.add_option("--controller-endpoint", arguments.endpoint, "Where the probe asks, as a ZeroMQ address")
+    app.add_option("--pipe", arguments.pipe, "Read the probe's results from this pipe.")->type_name("PATH");
+    app.add_option("--controller-endpoint", arguments.endpoint,
+                   "Answer the probe at this endpoint, tcp://ADDRESS:PORT.")
+        ->type_name("ENDPOINT")
         ->check([](const std::string& text) { return std::string(station::checkEndpoint(text)); });
-    app.add_option("--page", arguments.page, "Directory of the page's files");
+    app.add_option("--page", arguments.page, "Serve the page from this directory.")->type_name("DIRECTORY");
     addCompletion(app);
     app.footer(
         "Examples:\n"
-        "  kestor-station                                     with /etc/kestor/station.toml\n"
-        "  kestor-station --config station.toml --check       what it makes of a configuration\n"
-        "  kestor-station --config station.toml --state /tmp/state --listen 127.0.0.1:8080");
+        "  kestor-station                                     run with /etc/kestor/station.toml\n"
+        "  kestor-station --config station.toml --check       check a configuration\n"
+        "  kestor-station --config station.toml --state /tmp/state --listen 127.0.0.1:8080\n"
+        "\n"
+        "Options override the configuration. Exit status: 0 after SIGTERM or SIGINT, or\n"
+        "when a check finds no mistakes; 1 with a message that says why; 2 for a wrong\n"
+        "command line. See kestor-station(8), station.toml(5).");
 }
 
 // The page's files: where the package puts them, or in the tree that the program was built in.
@@ -222,14 +236,14 @@ int run(const CLI::App& app, const Arguments& arguments) {
 int main(int argc, char* argv[]) {
     mallopt(M_MMAP_THRESHOLD, kKeepsFreed);
     try {
-        CLI::App app("Controls a kestor probe without attendance: channels, alarms, events, API and page",
+        CLI::App app("Runs a kestor probe unattended: channels, alarms, events, API and web page.",
                      "kestor-station");
         Arguments arguments;
         declare(app, arguments);
         try {
             app.parse(argc, argv);
         } catch (const CLI::ParseError& error) {
-            return app.exit(error) == 0 ? 0 : kExitUsage;
+            return reportUsage(app, error);
         }
         return run(app, arguments);
     } catch (const std::exception& error) {

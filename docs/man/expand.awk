@@ -3,7 +3,8 @@
 #     awk -v root=TREE -f expand.awk PAGE.scd | scdoc >PAGE
 #
 # A line "@section docs/FILE.md HEADING" becomes what stands below that heading, up to the next one of its level. A
-# table's row becomes an entry: its column "name", "key" or "alarm" with the others in brackets, "meaning" below.
+# table's row becomes an entry: its column "name", "key" or "alarm" with the others in brackets, "meaning" below. Links
+# keep their text: what they lead to is another document, or elsewhere in the same one.
 
 function escaped(text) {
   gsub(/[_*\\]/, "\\\\&", text)
@@ -29,6 +30,17 @@ function tidy(text) {
   return text
 }
 
+# A cell among those in brackets: only those that say nothing by themselves keep their column's title.
+function detail(column, cell) {
+  if (column == "unit, range") sub(/^the alarm's, /, "", cell)
+  if (column ~ /^(type|unit|unit, range|kind)$/) return cell
+  if (column == "#") return "column " cell
+  if (column == "PAT, PMT") return "PAT and PMT " cell
+  if (column == "default" && cell == "required") return cell
+  if (column == "default" && cell == "the alarm's") return "default: that of the alarm"
+  return inline(column) (column == "default" ? ": " : " ") cell
+}
+
 function table_row(line,    cells, count, i, head, more, meaning, cell) {
   sub(/^\|/, "", line)
   sub(/\| *$/, "", line)
@@ -45,7 +57,7 @@ function table_row(line,    cells, count, i, head, more, meaning, cell) {
     cell = inline(tidy(cells[i]))
     if (title[i] ~ /^(name|key|alarm|file|signal|line|what is seen)$/ || (title[i] == "" && i == 1)) head = cell
     else if (title[i] == "meaning" || title[i] == "" || title[i] == "does" || title[i] ~ /^why/) meaning = cell
-    else if (cell != "" && cell != "-") more = more (more == "" ? "" : "; ") (title[i] == "#" ? "" : inline(title[i]) " ") cell
+    else if (cell != "" && cell != "-" && !(title[i] == "unit, range" && cell == "the alarm's")) more = more (more == "" ? "" : "; ") detail(title[i], cell)
   }
   if (head == "") { # no column is a name: the first is
     head = inline(title[1]) " " inline(tidy(cells[1]))

@@ -69,8 +69,10 @@ TEST(Kestorctl, RefusesWhatMakesNoSense) {
         EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments);
         EXPECT_NE(result.err, "");
     }
-    EXPECT_THAT(kestorctl({"nonsense"}).err, HasSubstr("nonsense is no command"));
-    EXPECT_THAT(kestorctl({"ack", "0"}).err, HasSubstr("0 is no alarm's id"));
+    EXPECT_THAT(kestorctl({"nonsense"}).err, HasSubstr("\"nonsense\" is not a command"));
+    EXPECT_THAT(kestorctl({"statsu"}).err, HasSubstr("did you mean \"status\"?"));
+    EXPECT_THAT(kestorctl({"channels", "--jsno"}).err, HasSubstr("did you mean \"--json\"?"));
+    EXPECT_THAT(kestorctl({"ack", "0"}).err, HasSubstr("0 is not the ID of an alarm"));
     EXPECT_TRUE(kestor.waitForOut(" passive monitoring 0\n", 3));
     EXPECT_THAT(kestor.out(), Not(HasSubstr("analyzeResponseMessage")));
 }

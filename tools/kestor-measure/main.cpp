@@ -12,11 +12,11 @@
 #include "completion.h"
 #include "measure.h"
 #include "reportText.h"
+#include "usage.h"
 
 namespace {
 
 constexpr int kExitUnreadable = 1;
-constexpr int kExitUsage = 2;
 constexpr int kExitErrors = 3;  // of the first two priorities
 
 struct Arguments {
@@ -68,14 +68,16 @@ class ProgressLine {
 };
 
 void declare(CLI::App& app, Arguments& arguments) {
-    app.set_version_flag("--version", "kestor-measure " KESTOR_VERSION);
-    app.add_flag("--json", arguments.json, "Print one JSON document a channel, each on a line");
+    shapeHelp(app);
+    app.set_version_flag("--version", "kestor-measure " KESTOR_VERSION, "Print the version and exit.");
+    app.add_flag("--json", arguments.json, "Print one JSON document per channel, each on a line of its own.");
     app.add_option("--bitrate", arguments.bitrate,
-                   "Constant bit rate of a bare transport stream, for one without PCRs")
+                   "The constant bit rate of a bare transport stream in bit/s, for one without PCRs.")
         ->type_name("BPS")
         ->check(CLI::Range(uint64_t{1}, uint64_t{100'000'000'000}));
-    app.add_option("--group", arguments.groups,
-                   "Multicast group of a capture to measure, repeatable; without it all")
+    app.add_option(
+           "--group", arguments.groups,
+           "Measure only this multicast group of a capture. May be repeated; the default is all groups.")
         ->type_name("GROUP")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
@@ -84,22 +86,22 @@ void declare(CLI::App& app, Arguments& arguments) {
                        ? std::string()
                        : "\"" + text + "\" is no IPv4 multicast address (224.0.0.0 to 239.255.255.255)";
         });
-    app.add_flag("--quiet", arguments.quiet, "Print neither progress nor notes");
+    app.add_flag("--quiet", arguments.quiet, "Print neither progress nor notes.");
     app.add_option("FILE", arguments.files,
-                   "Transport stream (188, 192 or 204 byte packets) or capture (pcap, pcapng); \"-\" for a "
-                   "stream on standard "
-                   "input")
+                   "Transport stream (packets of 188, 192 or 204 bytes) or capture (pcap, pcapng); - for a "
+                   "transport stream on standard input.")
+        ->type_name("FILE")
         ->required();
     addCompletion(app);
     app.footer(
-        "Exit status: 0 without errors of priority 1 and 2 (ETSI TR 101 290), 3 with some, 1 when a file "
-        "cannot be\n"
-        "read, 2 for wrong usage.\n"
-        "\n"
         "Examples:\n"
         "  kestor-measure recording.ts\n"
         "  kestor-measure --group 239.1.1.1 fault.pcap\n"
-        "  kestor-measure --json fault.pcap | jq '.checks[] | select(.count > 0)'");
+        "  kestor-measure --json fault.pcap | jq '.checks[] | select(.count > 0)'\n"
+        "\n"
+        "Exit status: 0 without errors of priority 1 or 2 (ETSI TR 101 290), 3 with such\n"
+        "errors, 1 when a file cannot be read, 2 for a wrong command line.\n"
+        "See kestor-measure(1).");
 }
 
 bool hasErrors(const meter::Report& report) {
@@ -137,14 +139,14 @@ int measure(const std::string& path, const Arguments& arguments, const MeasureOp
 }
 
 int run(int argc, char* argv[]) {
-    CLI::App app("Measures recordings of MPEG-2 transport streams by the letter of the standards",
+    CLI::App app("Measures recordings of MPEG-2 transport streams by the letter of the standards.",
                  "kestor-measure");
     Arguments arguments;
     declare(app, arguments);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kExitUsage;
+        return reportUsage(app, error);
     }
     MeasureOptions options;
     for (const std::string& group : arguments.groups) {

@@ -11,11 +11,11 @@
 
 #include "completion.h"
 #include "replay.h"
+#include "usage.h"
 
 namespace {
 
 constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
 
 struct Arguments {
     std::vector<std::string> groups;
@@ -47,21 +47,28 @@ struct Outputs {
 };
 
 void declare(CLI::App& app, Arguments& arguments) {
-    app.set_version_flag("--version", "kestor-replay " KESTOR_VERSION);
-    app.add_option("-g", arguments.groups,
-                   "Multicast group to analyse, repeatable; without it all in the file")
+    shapeHelp(app);
+    app.set_version_flag("--version", "kestor-replay " KESTOR_VERSION, "Print the version and exit.");
+    app.add_option(
+           "-g", arguments.groups,
+           "Analyse only this multicast group. May be repeated; the default is all groups in the file.")
         ->type_name("GROUP")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    app.add_option("-o", arguments.output, "Where the records go instead of standard output")
+    app.add_option("-o", arguments.output, "Write the records to this file instead of standard output.")
         ->type_name("FILE");
-    app.add_flag("-v", arguments.verbose, "Diagnostics of the analysis on standard error");
-    app.add_option("CAPTURE", arguments.capture, "pcap or pcapng file with Ethernet frames")->required();
+    app.add_flag("-v", arguments.verbose, "Print the analysis's diagnostics on standard error.");
+    app.add_option("CAPTURE", arguments.capture, "A pcap or pcapng file with Ethernet frames.")
+        ->type_name("CAPTURE")
+        ->required();
     addCompletion(app);
     app.footer(
         "Examples:\n"
         "  kestor-replay fault.pcap | less                all groups in the file\n"
-        "  kestor-replay -g 239.1.1.1 -o records.txt -v fault.pcap");
+        "  kestor-replay -g 239.1.1.1 -o records.txt -v fault.pcap\n"
+        "\n"
+        "Exit status: 0 on success, 1 when the file cannot be read to its end or the\n"
+        "records cannot be written, 2 for a wrong command line. See kestor-replay(1).");
 }
 
 void replay(const Arguments& arguments, FILE* standardOutput) {
@@ -77,14 +84,14 @@ void replay(const Arguments& arguments, FILE* standardOutput) {
 }
 
 int run(int argc, char* argv[]) {
-    CLI::App app("Analyses the multicast transport streams of a capture file as the probe does",
+    CLI::App app("Analyses the multicast transport streams in a capture file as the probe does.",
                  "kestor-replay");
     Arguments arguments;
     declare(app, arguments);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kExitUsage;
+        return reportUsage(app, error);
     }
     const Outputs outputs(arguments.verbose);
     try {

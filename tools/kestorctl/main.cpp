@@ -12,12 +12,12 @@
 #include "scan.h"
 #include "stationClient.h"
 #include "stationCommands.h"
+#include "usage.h"
 #include "watch.h"
 
 namespace {
 
 constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
 constexpr int kLongestLatencyMs = 60'000;
 constexpr int kMostEvents = 1000;
 constexpr double kShortestTimeoutS = 0.1;
@@ -35,7 +35,7 @@ std::string checkAlarmId(const std::string& text) {
     int64_t id = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
     const bool whole = error == std::errc() && end == text.data() + text.size();
-    return whole && id > 0 ? "" : text + " is no alarm's id: kestorctl alarms shows them";
+    return whole && id > 0 ? "" : text + " is not the ID of an alarm; \"kestorctl alarms\" shows them";
 }
 
 // A range alone lets "nan" pass.
@@ -92,17 +92,18 @@ struct Arguments {
 };
 
 void addGroups(CLI::App& command, Arguments& arguments) {
-    command.add_option("GROUP", arguments.groups, "Multicast groups as dotted quads")
+    command.add_option("GROUP", arguments.groups, "Multicast groups, such as 239.1.1.1.")
+        ->type_name("GROUP")
         ->required()
         ->check(checkGroup);
 }
 
 void addLatency(CLI::App& command, const std::string& name, Arguments& arguments, bool required) {
     command
-        .add_option(
-            name, arguments.igmpLatencyMs,
-            "Milliseconds that a channel scan waits for one frame; a group is given up after ten times "
-            "as many waits and one more")
+        .add_option(name, arguments.igmpLatencyMs,
+                    "How long a scan waits for one frame, in milliseconds (1 to 60000). A group without "
+                    "traffic takes up to ten times as many waits, and one more.")
+        ->type_name("MS")
         ->required(required)
         ->check(CLI::Range(1, kLongestLatencyMs));
 }
@@ -133,8 +134,8 @@ int tellProbe(const std::string& command, const std::vector<std::string>& groups
 int scan(const std::vector<std::string>& groups, const Arguments& arguments, bool stationRuns) {
     if (stationRuns) {
         throw LinkError(
-            "kestor-station holds the probe's controller port; stop it (systemctl stop kestor-station), "
-            "scan with kestor -c, and start it again");
+            "a scan needs the controller port, which kestor-station holds: stop it (systemctl stop "
+            "kestor-station), scan with kestor -c, and start it again");
     }
     const auto latency = arguments.igmpLatencyMs > 0 ? std::optional(arguments.igmpLatencyMs) : std::nullopt;
     return runScan({groups, latency, arguments.json, arguments.timeout(), arguments.m3u});
@@ -162,7 +163,7 @@ int run(const CLI::App& app, Arguments arguments) {
     }
     if (command.get_group() == kNeedsStation) {
         throw LinkError(arguments.station.empty()
-                            ? name + " is answered by a station alone; --station names its socket"
+                            ? name + " needs a station; name its socket with --station"
                             : "no station listens at " + arguments.station + "; is kestor-station running?");
     }
     return tellProbe(name, groups, arguments);
@@ -172,89 +173,100 @@ void declareStationCommands(CLI::App& app, StationRequest& request) {
     const auto add = [&](const char* name, const char* description) {
         return app.add_subcommand(name, description)->group(kNeedsStation);
     };
-    add("status", "Probe, channels and alarms in four lines");
-    add("channels", "All channels with their state");
-    add("alarms", "The alarms that are raised");
-    CLI::App* events = add("events", "What happened, newest last");
-    events->add_flag("--follow", request.follow, "And go on as it happens");
-    events->add_option("--limit", request.limit, "How many of the past")
+    add("status", "Show the probe, channels and alarms in four lines.");
+    add("channels", "List all channels with their state.");
+    add("alarms", "List the active alarms.");
+    CLI::App* events = add("events", "Show past events, newest last.");
+    events->add_flag("--follow", request.follow, "Keep printing events as they happen.");
+    events->add_option("--limit", request.limit, "How many past events to show (1 to 1000).")
+        ->type_name("N")
         ->capture_default_str()
         ->check(CLI::Range(1, kMostEvents));
-    CLI::App* acknowledge = add("ack", "Acknowledge an alarm");
-    acknowledge->add_option("ID", request.id, "As kestorctl alarms shows it")
+    CLI::App* acknowledge = add("ack", "Acknowledge an alarm.");
+    acknowledge->add_option("ID", request.id, "The alarm's number, as \"kestorctl alarms\" shows it.")
+        ->type_name("ID")
         ->required()
         ->check(checkAlarmId);
-    acknowledge->add_option("--remark", request.remark, "What is known or done about it");
-    acknowledge->add_option("--by", request.by, "Who says it")->envname("USER");
-    add("reload", "Read the configuration and the playlists again");
-    add("import", "Watch what a playlist names")
-        ->add_option("PLAYLIST", request.file, "M3U file; - for standard input")
+    acknowledge->add_option("--remark", request.remark, "What is known about it, or being done.")
+        ->type_name("TEXT");
+    acknowledge->add_option("--by", request.by, "Who acknowledges it.")->type_name("NAME")->envname("USER");
+    add("reload", "Reload the configuration and the playlists.");
+    add("import", "Add the channels of an M3U playlist.")
+        ->add_option("PLAYLIST", request.file, "The M3U file, or - for standard input.")
+        ->type_name("PLAYLIST")
         ->required();
-    add("export", "The channels as a playlist");
+    add("export", "Print the channels as an M3U playlist.");
 }
 
 void declare(CLI::App& app, Arguments& arguments) {
-    app.set_version_flag("--version", "kestorctl " KESTOR_VERSION);
+    shapeHelp(app);
+    app.set_version_flag("--version", "kestorctl " KESTOR_VERSION, "Print the version and exit.");
     app.require_subcommand(1);
     app.fallthrough();
-    app.add_option("--timeout", arguments.timeoutS, "Seconds to wait for the probe")
+    app.add_option("--timeout", arguments.timeoutS,
+                   "How long to wait for the probe or the station, in seconds (0.1 to 86400).")
+        ->type_name("SECONDS")
         ->capture_default_str()
         ->check(CLI::Validator(checkTimeout, "0.1 to 86400"));
 
-    app.add_option("--station", arguments.station, "The station's socket; \"\" for the probe itself")
+    app.add_option("--station", arguments.station, "The station's socket; \"\" to speak to the probe itself.")
+        ->type_name("PATH")
         ->capture_default_str()
         ->envname("KESTOR_STATION");
-    app.add_flag("--json", arguments.json, "JSON, an object a line");
+    app.add_flag("--json", arguments.json, "Print JSON, one object per line.");
+    // Commands take over the footer that stands when they are added.
+    app.footer("--timeout, --station and --json may stand after the command as well.");
 
-    addGroups(*app.add_subcommand("add", "Monitor groups"), arguments);
-    addGroups(*app.add_subcommand("remove", "Stop monitoring groups"), arguments);
-    app.add_subcommand("clear", "Start all counters afresh");
-    app.add_subcommand("passive", "Join groups without IGMP membership")
-        ->add_option("STATE", arguments.onOff, "on or off")
+    addGroups(*app.add_subcommand("add", "Start monitoring groups."), arguments);
+    addGroups(*app.add_subcommand("remove", "Stop monitoring groups."), arguments);
+    app.add_subcommand("clear", "Reset all counters.");
+    app.add_subcommand("passive", "Join groups without IGMP (on) or with it (off).")
+        ->add_option("STATE", arguments.onOff, "on or off.")
+        ->type_name("STATE")
         ->required()
         ->check(CLI::IsMember({"on", "off"}));
-    addLatency(*app.add_subcommand("igmp-latency", "Set the wait of channel scans"), "MS", arguments, true);
+    addLatency(*app.add_subcommand("igmp-latency", "Set how long scans wait for a frame."), "MS", arguments,
+               true);
 
-    CLI::App* watch = app.add_subcommand("watch", "Show the live results");
-    watch->add_flag("--once", arguments.once, "One snapshot, then end");
+    CLI::App* watch = app.add_subcommand("watch", "Show the live results as a table.");
+    watch->add_flag("--once", arguments.once, "Show one snapshot and exit.");
 
-    CLI::App* scan = app.add_subcommand("scan", "Find out which groups carry traffic (for kestor -c)");
+    CLI::App* scan = app.add_subcommand("scan", "Find groups that carry traffic (needs kestor -c).");
     addGroups(*scan, arguments);
     addLatency(*scan, "--igmp-latency", arguments, false);
-    scan->add_option("--m3u", arguments.m3u, "Write the groups that carry traffic as a playlist");
+    scan->add_option("--m3u", arguments.m3u, "Write the groups that carry traffic to a playlist.")
+        ->type_name("FILE");
     declareStationCommands(app, arguments.request);
+    for (CLI::App* command : app.get_subcommands({})) {
+        if (command->get_group() != kNeedsStation) {
+            command->group("Commands");
+        }
+    }
     addCompletion(app);
     app.footer(
         "Examples:\n"
-        "  kestorctl add 239.1.1.1 239.1.1.2       watch two groups\n"
-        "  kestorctl watch                         the live table\n"
-        "  kestorctl import channels.m3u           watch what a playlist names\n"
-        "  kestorctl events --follow               what happens, as it happens\n"
+        "  kestorctl add 239.1.1.1 239.1.1.2       monitor two groups\n"
+        "  kestorctl watch                         show the live table\n"
+        "  kestorctl import channels.m3u           add a playlist's channels\n"
+        "  kestorctl events --follow               print events as they happen\n"
         "  kestorctl ack 17 --remark 'on it'       acknowledge an alarm\n"
-        "  kestorctl --json channels               for programs");
+        "  kestorctl --json channels               list channels as JSON\n"
+        "\n"
+        "Exit status: 0 on success, 1 when nothing answered in time or the request was\n"
+        "refused, 2 for a wrong command line. See kestorctl(1).");
 }
 
 }  // namespace
 
 int main(int argc, char* argv[]) {
     try {
-        CLI::App app("Controls a kestor probe on this machine and shows its results", "kestorctl");
+        CLI::App app("Controls the kestor probe on this machine and shows its results.", "kestorctl");
         Arguments arguments;
         declare(app, arguments);
         try {
             app.parse(argc, argv);
-        } catch (const CLI::RequiredError& error) {
-            // What is no command is told by its name, not by a command that is missing.
-            const auto unknown = app.get_subcommands().empty() ? app.remaining() : std::vector<std::string>();
-            if (unknown.empty()) {
-                return app.exit(error) == 0 ? 0 : kExitUsage;
-            }
-            const std::string& first = unknown.front();
-            fprintf(stderr, "%s is no %s of kestorctl\nRun with --help for more information.\n",
-                    first.c_str(), first.starts_with('-') ? "option" : "command");
-            return kExitUsage;
         } catch (const CLI::ParseError& error) {
-            return app.exit(error) == 0 ? 0 : kExitUsage;
+            return reportUsage(app, error);
         }
         return run(app, arguments);
     } catch (const std::exception& error) {
