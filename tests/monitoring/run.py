@@ -256,7 +256,7 @@ def check_files():
     for command in (["promtool", "check", "config", examples / "prometheus.yml"],
                     ["promtool", "check", "rules", *examples.glob("rules/*.yml")],
                     ["promtool", "test", "rules", ROOT / "tests" / "monitoring" / "rules.test.yml"],
-                    ["amtool", "check-config", examples / "alertmanager.yml"]):
+                    ["amtool", "check-config", examples / "alertmanager.yml", examples / "receivers.yml"]):
         checked = subprocess.run([SERVERS / command[0], *command[1:]], capture_output=True, text=True)
         require(checked.returncode == 0, checked.stdout, checked.stderr)
     boards = dashboards.load()
