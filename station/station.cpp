@@ -376,7 +376,9 @@ struct Station::Implementation : StationInterface {
     void judgeDelivery(const Now& now) {
         const Delivery::Health health = delivery.health();
         std::vector<AlarmChange> changes;
-        engine.deliveryFailing(health.failing, health.since, now, changes);
+        const double value = health.failing.value_or(false) ? 1 : 0;
+        engine.judge(*findAlarmType("delivery_failing"), {}, {health.failing, health.since, value}, now,
+                     changes);
         for (AlarmChange& change : changes) {
             if (change.what == AlarmChange::What::kRaised) {
                 change.text += ": " + health.problem;

@@ -4,7 +4,7 @@
 #include <optional>
 #include <utility>
 
-#include "alarms/alarmMeasure.h"
+#include "alarms/alarmTexts.h"
 #include "alarms/alarmTracker.h"
 
 namespace station {
@@ -45,9 +45,8 @@ struct ChannelData {
     bool interrupted = false;                // the last look found no packets
     uint64_t settledAt = AlarmEngine::kSettlingPackets;  // packetsReceived
     SteadyTime gapsHeldUntil;
-    uint64_t clockSteps = 0;  // of the engine, when it was last looked at
-    std::optional<int> ttl;
-    std::optional<int> dscp;
+    uint64_t clockSteps = 0;                // of the engine, when it was last looked at
+    std::map<std::size_t, int> properties;  // by type, as of the last datagram that was judged
 
     // Packets are awaited as from a channel that was just told.
     void awaitFirstPacket() {
@@ -103,29 +102,21 @@ struct AlarmEngine::Implementation {
     uint64_t clockSteps = 0;
     SteadyTime incrementsHeldUntil;
 
-    const std::size_t probeSilent = *findAlarmType("probe_silent");
-    const std::size_t probeNotAsking = *findAlarmType("probe_not_asking");
-    const std::size_t secondAsker = *findAlarmType("second_asker");
-    const std::size_t probeRestarted = *findAlarmType("probe_restarted");
-    const std::size_t deliveryFailing = *findAlarmType("delivery_failing");
+    // What the others depend on: whether a channel is there, and whether its source is.
     const std::size_t noSignal = *findAlarmType("no_signal");
-    const std::size_t wrongSource = *findAlarmType("wrong_source");
-    const std::size_t ttlChanged = *findAlarmType("ttl_changed");
-    const std::size_t dscpChanged = *findAlarmType("dscp_changed");
+    const std::size_t probeSilent = *findAlarmType("probe_silent");
 
     std::shared_ptr<const RuleSet> rulesOf(const std::string& profile) const;
     ChannelData* findEnabled(const Group& group);
     Subject* subjectOf(const std::optional<Group>& group);
     void watchClock(const Now& now);
 
-    void judgeProbe(std::size_t type, std::optional<bool> wrong, SteadyTime since, const Now& now,
-                    std::vector<AlarmChange>& changes);
     void followArrivals(ChannelData& channel, const ChannelSample& sample, const Now& now);
     Finding findSignal(const ChannelData& channel, const ChannelSample& sample, const Now& now) const;
     void judgeMeasures(ChannelData& channel, const ChannelSample& sample, bool gapsHeld, const Now& now,
                        std::vector<AlarmChange>& changes);
-    void judgeProperties(ChannelData& channel, const ChannelSample& sample, const Now& now,
-                         std::vector<AlarmChange>& changes);
+    static void followProperty(ChannelData& channel, std::size_t type, const ChannelSample& sample,
+                               const Now& now, std::vector<AlarmChange>& changes);
 };
 
 std::shared_ptr<const RuleSet> AlarmEngine::Implementation::rulesOf(const std::string& profile) const {
@@ -154,20 +145,6 @@ void AlarmEngine::Implementation::watchClock(const Now& now) {
         ++clockSteps;
     }
     clockDifference = difference;
-}
-
-void AlarmEngine::Implementation::judgeProbe(std::size_t type, std::optional<bool> wrong, SteadyTime since,
-                                             const Now& now, std::vector<AlarmChange>& changes) {
-    using Look = Finding::Look;
-    if (probe.rule(type).enabled) {
-        probe.judge(type,
-                    {.look = !wrong   ? Look::kUnknown
-                             : *wrong ? Look::kWrong
-                                      : Look::kRight,
-                     .value = inSeconds(now.steady - since),
-                     .wrongSince = since},
-                    now, changes);
-    }
 }
 
 // What a sample says.
@@ -226,54 +203,49 @@ void AlarmEngine::Implementation::judgeMeasures(ChannelData& channel, const Chan
                                                 bool gapsHeld, const Now& now,
                                                 std::vector<AlarmChange>& changes) {
     const auto types = alarmTypes();
-    const auto measures = alarmMeasures();
     const bool interrupted = !sample.signal || channel.subject.trackers[noSignal].raised;
     const bool settled = sample.totals[kPacketsReceivedCounter] >= channel.settledAt;
     const bool countersHeld = now.steady < incrementsHeldUntil;
-    for (std::size_t type = 0; type < types.size(); ++type) {
-        const AlarmMeasure& measure = measures[type];
-        const AlarmRule& rule = channel.subject.rule(type);
+    for (std::size_t index = 0; index < types.size(); ++index) {
+        const AlarmType& type = types[index];
+        if (type.property != nullptr) {
+            followProperty(channel, index, sample, now, changes);
+        }
+        const AlarmRule& rule = channel.subject.rule(index);
         if (!rule.enabled) {
             continue;
         }
-        const bool held = (measure.hold == Hold::kWithoutSignal && (interrupted || sample.first)) ||
-                          (measure.hold == Hold::kGap && gapsHeld) ||
-                          (measure.hold == Hold::kSettling && (interrupted || !settled));
-        if (measure.level != nullptr) {
-            const auto value = held ? std::nullopt : measure.level(sample);
-            channel.subject.judge(type, judgeLevel(types[type].kind, rule, value, now.steady), now, changes);
-        } else if (measure.errors != nullptr) {
-            Tracker& tracker = channel.subject.trackers[type];
-            const uint64_t errors = held || countersHeld ? 0 : measure.errors(sample);
+        const bool held = (type.hold == Hold::kWithoutSignal && (interrupted || sample.first)) ||
+                          (type.hold == Hold::kGap && gapsHeld) ||
+                          (type.hold == Hold::kSettling && (interrupted || !settled));
+        if (type.level != nullptr) {
+            const auto value = held ? std::nullopt : type.level(sample);
+            channel.subject.judge(index, judgeLevel(type.kind, rule, value, now.steady), now, changes);
+        } else if (type.errors != nullptr) {
+            Tracker& tracker = channel.subject.trackers[index];
+            const uint64_t errors = held || countersHeld ? 0 : type.errors(sample);
             if (errors != 0 || tracker.raised || !tracker.errors.empty()) {
-                channel.subject.judge(type, judgeCounter(rule, tracker, errors, now.steady), now, changes);
+                channel.subject.judge(index, judgeCounter(rule, tracker, errors, now.steady), now, changes);
             }
+        } else if (type.wrong != nullptr) {
+            channel.subject.judge(index, judgeCondition(type.wrong(sample), now.steady), now, changes);
         }
     }
 }
 
-void AlarmEngine::Implementation::judgeProperties(ChannelData& channel, const ChannelSample& sample,
-                                                  const Now& now, std::vector<AlarmChange>& changes) {
-    if (channel.subject.rule(wrongSource).enabled) {
-        channel.subject.judge(wrongSource,
-                              {.look = sample.wrongSource ? Finding::Look::kWrong : Finding::Look::kRight,
-                               .value = sample.wrongSource ? 1.0 : 0.0,
-                               .wrongSince = now.steady},
-                              now, changes);
-    }
+void AlarmEngine::Implementation::followProperty(ChannelData& channel, std::size_t type,
+                                                 const ChannelSample& sample, const Now& now,
+                                                 std::vector<AlarmChange>& changes) {
     // The properties are those of the latest datagram, whoever sent it.
     if (!sample.signal || sample.wrongSource) {
         return;
     }
-    const auto follow = [&](std::size_t type, std::optional<int>& known) {
-        const int value = alarmMeasures()[type].property(sample);
-        if (known && *known != value) {
-            channel.subject.happen(type, value, changedText(type, *known, value), now, changes);
-        }
-        known = value;
-    };
-    follow(ttlChanged, channel.ttl);
-    follow(dscpChanged, channel.dscp);
+    const int value = alarmTypes()[type].property(sample);
+    const auto [known, first] = channel.properties.try_emplace(type, value);
+    if (!first && known->second != value) {
+        channel.subject.happen(type, value, changedText(type, known->second, value), now, changes);
+        known->second = value;
+    }
 }
 
 // The engine as others see it.
@@ -318,8 +290,7 @@ std::vector<AlarmChange> AlarmEngine::configure(const Profiles& profiles, const 
             data.subject.clearAll("the channel was disabled", now, changes);
         } else if (!data.enabled && channel.enabled) {
             data.awaitFirstPacket();
-            data.ttl.reset();
-            data.dscp.reset();
+            data.properties.clear();
         }
         data.enabled = channel.enabled;
     }
@@ -364,7 +335,6 @@ void AlarmEngine::observe(const Group& group, const ChannelSample& sample, const
     }
     const bool gapsHeld = wasOut || signal.raised || now.steady < channel->gapsHeldUntil;
     engine.judgeMeasures(*channel, sample, gapsHeld, now, changes);
-    engine.judgeProperties(*channel, sample, now, changes);
 }
 
 void AlarmEngine::observeMissing(const Group& group, const Now& now, std::vector<AlarmChange>& changes) {
@@ -400,21 +370,22 @@ void AlarmEngine::tick(const ProbeLook& probe, const Now& now, std::vector<Alarm
             channel.subject.trackers[engine.noSignal].since.reset();
         }
     }
-    engine.judgeProbe(engine.probeSilent, probe.silent, engine.silentSince.value_or(now.steady), now,
-                      changes);
-    engine.judgeProbe(engine.probeNotAsking, probe.notAsking, now.steady, now, changes);
-    engine.judgeProbe(engine.secondAsker, probe.secondAsker, now.steady, now, changes);
+    for (std::size_t type = 0; type < alarmTypes().size(); ++type) {
+        if (const auto look = alarmTypes()[type].look) {
+            const bool silence = type == engine.probeSilent;
+            const SteadyTime since = silence ? engine.silentSince.value_or(now.steady) : now.steady;
+            judge(type, {}, {probe.*look, since, inSeconds(now.steady - since)}, now, changes);
+        }
+    }
 }
 
-void AlarmEngine::deliveryFailing(std::optional<bool> failing, SteadyTime since, const Now& now,
-                                  std::vector<AlarmChange>& changes) {
-    using Look = Finding::Look;
-    Implementation& engine = *implementation_;
-    if (engine.probe.rule(engine.deliveryFailing).enabled) {
-        const Look look = !failing ? Look::kUnknown : *failing ? Look::kWrong : Look::kRight;
-        engine.probe.judge(engine.deliveryFailing,
-                           {.look = look, .value = look == Look::kWrong ? 1.0 : 0.0, .wrongSince = since},
-                           now, changes);
+void AlarmEngine::judge(std::size_t type, const std::optional<Group>& group, const ConditionLook& look,
+                        const Now& now, std::vector<AlarmChange>& changes) {
+    Subject* const subject = implementation_->subjectOf(group);
+    if (subject != nullptr && subject->rule(type).enabled) {
+        Finding finding = judgeCondition(look.wrong, look.since);
+        finding.value = look.value;
+        subject->judge(type, finding, now, changes);
     }
 }
 
@@ -425,7 +396,7 @@ void AlarmEngine::probeRestarted(const Now& now, std::vector<AlarmChange>& chang
     for (auto& [group, channel] : engine.channels) {
         channel.awaitFirstPacket();
     }
-    engine.probe.happen(engine.probeRestarted, 0, "the probe was started anew", now, changes);
+    engine.probe.happen(*findAlarmType("probe_restarted"), 0, "the probe was started anew", now, changes);
 }
 
 void AlarmEngine::countersCleared(const Now& now) {

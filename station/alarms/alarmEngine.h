@@ -22,11 +22,11 @@ struct AlarmChange {
     std::string text;                       // a sentence: "12 packets lost within 10 s"
 };
 
-// What a look at the probe found; what is not known leaves its alarm as it is.
-struct ProbeLook {
-    std::optional<bool> silent{};       // no snapshots come
-    std::optional<bool> notAsking{};    // snapshots come, and no requests
-    std::optional<bool> secondAsker{};  // somebody else asks as well
+// What somebody knows of a condition.
+struct ConditionLook {
+    std::optional<bool> wrong;  // nothing while it is not known, which leaves the alarm as it is
+    SteadyTime since;           // when it is wrong: from when the raise delay runs
+    double value;               // that the alarm has
 };
 
 // All alarms of all channels and of the probe. No I/O, no clock of its own, one thread. The caller gives a
@@ -70,10 +70,10 @@ class AlarmEngine {
     // About once a second, also when no snapshot comes. While the probe is silent the channels' alarms stay
     // as they are (nothing is known), and probe_silent is raised.
     void tick(const ProbeLook& probe, const Now& now, std::vector<AlarmChange>& changes);
-    // Whether a receiver of notifications fails, and since when; nothing while it is not known, as just after
-    // the start. About once a second.
-    void deliveryFailing(std::optional<bool> failing, SteadyTime since, const Now& now,
-                         std::vector<AlarmChange>& changes);
+    // What others than records tell of a condition of a channel (nothing when there is none of that group)
+    // or, without a group, of the probe. About once a second.
+    void judge(std::size_t type, const std::optional<Group>& group, const ConditionLook& look, const Now& now,
+               std::vector<AlarmChange>& changes);
     // The probe was started anew, and its numbers with it, which is no fault: probe_restarted happens.
     void probeRestarted(const Now& now, std::vector<AlarmChange>& changes);
     // All counters were cleared on demand, which is no fault.

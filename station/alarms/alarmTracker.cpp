@@ -4,7 +4,7 @@
 #include <cmath>
 #include <utility>
 
-#include "alarms/alarmMeasure.h"
+#include "alarms/alarmTexts.h"
 
 namespace station {
 
@@ -53,6 +53,14 @@ Finding judgeLevel(AlarmKind kind, const AlarmRule& rule, std::optional<double> 
     // Levels that overlap leave nothing between; wrong goes first.
     const Look look = wrong ? Look::kWrong : right ? Look::kRight : Look::kBetween;
     return {.look = look, .value = *value, .wrongSince = now};
+}
+
+Finding judgeCondition(std::optional<bool> wrong, SteadyTime since) {
+    using Look = Finding::Look;
+    if (!wrong) {
+        return {};
+    }
+    return {.look = *wrong ? Look::kWrong : Look::kRight, .value = *wrong ? 1.0 : 0.0, .wrongSince = since};
 }
 
 Finding judgeCounter(const AlarmRule& rule, Tracker& tracker, uint64_t errors, SteadyTime now) {

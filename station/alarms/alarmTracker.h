@@ -74,6 +74,7 @@ struct Subject {
 };
 
 Finding judgeLevel(AlarmKind kind, const AlarmRule& rule, std::optional<double> value, SteadyTime now);
+Finding judgeCondition(std::optional<bool> wrong, SteadyTime since);
 // Takes the errors into the window first.
 Finding judgeCounter(const AlarmRule& rule, Tracker& tracker, uint64_t errors, SteadyTime now);
 
