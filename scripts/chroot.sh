@@ -2,15 +2,19 @@
 # chroot.sh ARCH prepare                 makes or refreshes the build chroot for arm64, armhf or amd64
 # chroot.sh ARCH run COMMAND [ARG]...    runs a command in it, in this tree
 # chroot.sh ARCH try COMMAND [ARG]...    the same with a network and root's rights on a copy that is dropped afterwards
+# chroot.sh ARCH where                   says where it is
+#
+# SUITE is the Debian: bookworm or trixie; this machine's, or bookworm where it is neither.
 #
 # ARCH `plain` is no build chroot but a Debian as its users have it, for trying packages. `bare` is what somebody has
 # who only just cloned this: Debian with git and make (and ccache). `chroot.sh bare try` keeps the packages that it
 # downloads and what the compiler made for the next time; the tree is at /root/kestor in it, with a build/ of its own,
 # which is build/bare outside.
 #
-# A Debian 12 of its own with the cross toolchain for ARCH, ARCH's libraries beside the machine's, and qemu to run what
+# A Debian of its own with the cross toolchain for ARCH, ARCH's libraries beside the machine's, and qemu to run what
 # was built. It lives in KESTOR_CHROOTS (default /var/cache/kestor), a few hundred megabytes each; deleting the
-# directory is all it takes to be rid of it. On the machine itself only mmdebstrap is installed. Needs root.
+# directory is all it takes to be rid of it. On the machine itself only mmdebstrap and iproute2
+# are installed. Needs root.
 #
 # In the others the tree has the path that it has outside, and `run` has no network but a loopback of its own. Mounts are made
 # in a namespace of their own and end with the command.
@@ -18,11 +22,18 @@ set -euo pipefail
 
 tree=$(cd "$(dirname "$0")/.." && pwd)
 arch=${1:?architecture}
-mode=${2:?prepare, run or try}
+mode=${2:?prepare, run, try or where}
 shift 2
+# shellcheck disable=SC1091 # of the machine
+suite=${SUITE:-$(. /etc/os-release && echo "${VERSION_CODENAME:-}")}
+case $suite in
+  bookworm | trixie) ;;
+  *) [ -z "${SUITE:-}" ] || { echo "chroot.sh: SUITE=$SUITE: neither bookworm nor trixie" >&2; exit 2; }; suite=bookworm ;;
+esac
 host=$(dpkg --print-architecture)
 chroots=${KESTOR_CHROOTS:-/var/cache/kestor}
 root=$chroots/build-$arch
+[ "$suite" = bookworm ] || root=$chroots/build-$suite-$arch
 place=$tree # inside
 
 build=yes
@@ -33,7 +44,8 @@ case $arch in
   arm64 | armhf) toolchain=(build-essential "crossbuild-essential-$arch" "libc6:$arch" "libstdc++6:$arch" qemu-user qemu-user-static) ;;
   *) echo "chroot.sh: no cross builds for $arch, only arm64 and armhf" >&2; exit 2 ;;
 esac
-tools=() test_packages=()
+tools=() test_packages=() size="0.4 GB"
+[ $build = no ] || size="1.3 GB"
 [ $build = no ] || tools=(cmake ninja-build pkgconf ccache debhelper fakeroot lintian file)
 # What the package's own build does not ask for: tests and benchmarks.
 [ $build = no ] || test_packages=("libgtest-dev:$arch" "libgmock-dev:$arch" "libbenchmark-dev:$arch"
@@ -91,7 +103,7 @@ inside() { # ISOLATION ROOT_KIND COMMAND [ARG]...
     exec "${enter[@]}" /usr/bin/env -i HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
       PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
       CCACHE_DIR=/var/cache/ccache CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache \
-      ${DEB_BUILD_OPTIONS:+DEB_BUILD_OPTIONS="$DEB_BUILD_OPTIONS"} ${CI_PRESETS:+CI_PRESETS="$CI_PRESETS"} \
+      ${DEB_BUILD_OPTIONS:+DEB_BUILD_OPTIONS="$DEB_BUILD_OPTIONS"} ${SUITE:+SUITE="$SUITE"} ${CI_PRESETS:+CI_PRESETS="$CI_PRESETS"} \
       sh -euc "cd \"\$0\"; exec \"\$@\"" "$place" "$@"
   ' inside "$root" "$tree" "$kind" "$isolation" "$place" "$@"
 }
@@ -99,10 +111,6 @@ inside() { # ISOLATION ROOT_KIND COMMAND [ARG]...
 # From the point release alone: libraries of two architectures install side by side only in one and the same version,
 # and updates do not reach the mirrors for all architectures at once.
 bootstrap() {
-  if ! command -v mmdebstrap >/dev/null; then
-    apt-get update -qq
-    apt-get install -y -qq --no-install-recommends mmdebstrap >/dev/null
-  fi
   mkdir -p "$chroots"
   rm -rf "$root.part"
   local architectures=$host include
@@ -112,7 +120,7 @@ bootstrap() {
   include=$(IFS=,; echo "${packages[*]}")
   setpriv --pdeathsig TERM mmdebstrap --quiet --variant=$variant --architectures="$architectures" --include="$include" \
     --aptopt='APT::Install-Recommends "false"' --skip=cleanup/apt \
-    bookworm "$root.part" 'deb http://deb.debian.org/debian bookworm main'
+    "$suite" "$root.part" "deb http://deb.debian.org/debian $suite main"
   mv "$root.part" "$root"
 }
 
@@ -122,7 +130,7 @@ prepare() {
   made=$(echo "${packages[*]}" | sha256sum)
   wanted=$(sha256sum <"$tree/debian/control")
   if [ "$(cat "$root/.made" 2>/dev/null)" != "$made" ]; then
-    echo "chroot.sh: making $root"
+    echo "chroot.sh: making a Debian ($suite) in $root: $size there, some minutes"
     rm -rf "$root"
     bootstrap
     echo "$made" >"$root/.made"
@@ -135,9 +143,11 @@ prepare() {
 }
 
 packages=("${toolchain[@]}" "${tools[@]}" "${test_packages[@]}")
-exec {lock}>"/run/lock/kestor-chroot-$arch"
+[ "$mode" != where ] || { echo "$root"; exit; }
+[ "$(id -u)" -eq 0 ] || { echo "chroot.sh: only root can make chroots" >&2; exit 1; }
+exec {lock}>"/run/lock/kestor-$(basename "$root")"
 case $mode in
-  prepare) flock "$lock"; prepare ;;
+  prepare) "$tree/scripts/install-deps.sh" chroot; flock "$lock"; prepare ;;
   run) flock -s "$lock"; inside --net kept "$@" ;;
   try)
     if [ "$arch" = bare ]; then
@@ -150,5 +160,5 @@ case $mode in
       inside none copy "$@"
     fi
     ;;
-  *) echo "chroot.sh: $mode: neither prepare, run nor try" >&2; exit 2 ;;
+  *) echo "chroot.sh: $mode: neither prepare, run, try nor where" >&2; exit 2 ;;
 esac

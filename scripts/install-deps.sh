@@ -10,8 +10,10 @@
 #   bench    counting instructions
 #   lint     clang-format, clang-tidy
 #   fuzz     the fuzzers' compiler
+#   chroot   Debians of their own, for packages and other processors
+#   boot     booting one
 #
-# Without an argument everything but `page`. Asks dpkg first, so a machine that has everything needs neither root nor a
+# Without an argument everything but `page`, `chroot` and `boot`. Asks dpkg first, so a machine that has everything needs neither root nor a
 # network.
 set -euo pipefail
 
@@ -42,13 +44,17 @@ bench=(valgrind)
 # shellcheck disable=SC2034
 lint=(clang-format clang-tidy)
 # shellcheck disable=SC2034
-fuzz=(clang libclang-rt-14-dev)
+fuzz=(clang libclang-rt-dev)
+# shellcheck disable=SC2034
+chroot=(mmdebstrap iproute2)
+# shellcheck disable=SC2034
+boot=(systemd-container iproute2 procps ffmpeg)
 
 [ $# -gt 0 ] || set -- compile run test bench lint fuzz
 packages=()
 for wanted in "$@"; do
   case $wanted in
-    compile | run | test | page | bench | lint | fuzz)
+    compile | run | test | page | bench | lint | fuzz | chroot | boot)
       declare -n of_purpose=$wanted
       packages+=("${of_purpose[@]}")
       ;;
