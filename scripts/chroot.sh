@@ -137,7 +137,7 @@ prepare() {
   fi
   if [ $build = yes ] && [ "$(cat "$root/.build-dep" 2>/dev/null)" != "$wanted" ]; then
     inside none kept apt-get update -qq
-    inside none kept apt-get build-dep -y -qq --no-install-recommends --host-architecture "$arch" "$tree"
+    inside none kept apt-get build-dep -y -qq --no-install-recommends --host-architecture "$arch" "$tree" >/dev/null
     echo "$wanted" >"$root/.build-dep"
   fi
 }

@@ -205,6 +205,35 @@ TEST_F(StationChannels, ManualHasEveryKeyAndAlarm) {
     EXPECT_EQ(written, rows) << "rows of keys or alarms that there are not";
 }
 
+// Every key stands in the example that is shipped, and what is commented out are the defaults.
+TEST_F(StationChannels, ShippedConfigurationSaysTheDefaults) {
+    std::ostringstream shipped;
+    shipped << std::ifstream(KESTOR_COMMENTED_CONFIGURATION).rdbuf();
+    std::string all;
+    std::istringstream lines(shipped.str());
+    for (std::string line; std::getline(lines, line);) {
+        const bool isDefault = line.size() > 1 && line[0] == '#' && line[1] != ' ';
+        all += line.substr(isDefault ? 1 : 0) + "\n";
+    }
+    Configuration expected;
+    expected.playlists.push_back({.file = "/etc/kestor/channels.m3u"});
+    for (const std::string& text : {shipped.str(), all}) {
+        const ConfigurationResult result = parseConfiguration(text, "/etc/kestor/station.toml");
+        EXPECT_THAT(result.mistakes, IsEmpty()) << result.mistakes.front().message();
+        EXPECT_EQ(effectiveConfiguration(result.configuration), effectiveConfiguration(expected));
+    }
+    for (const KeyDescription& key : describeKeys()) {
+        EXPECT_NE(shipped.str().find(std::string(key.name) + " = "), std::string::npos) << key.name;
+    }
+    // All lines of the effective configuration but those that say that a key is not set.
+    std::istringstream effective(effectiveConfiguration({}));
+    for (std::string line; std::getline(effective, line);) {
+        if (!line.empty() && line[0] != '#' && !line.starts_with("instance")) {
+            EXPECT_NE(shipped.str().find("\n#" + line + "\n"), std::string::npos) << line;
+        }
+    }
+}
+
 TEST_F(StationChannels, PlaylistsAreReadInEveryDialect) {
     struct Case {
         std::string text;
