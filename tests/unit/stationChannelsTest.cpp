@@ -216,7 +216,7 @@ TEST_F(StationChannels, ShippedConfigurationSaysTheDefaults) {
         all += line.substr(isDefault ? 1 : 0) + "\n";
     }
     Configuration expected;
-    expected.playlists.push_back({.file = "/etc/kestor/channels.m3u"});
+    expected.playlists.emplace_back().file = "/etc/kestor/channels.m3u";
     for (const std::string& text : {shipped.str(), all}) {
         const ConfigurationResult result = parseConfiguration(text, "/etc/kestor/station.toml");
         EXPECT_THAT(result.mistakes, IsEmpty()) << result.mistakes.front().message();
