@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -114,6 +115,44 @@ TEST(Kestorctl, ScansAndReports) {
     EXPECT_EQ(scan.out,
               "{\"group\":\"239.1.1.1\",\"status\":1,\"available\":true}\n"
               "{\"group\":\"239.1.1.2\",\"status\":0,\"available\":false}\n");
+}
+
+// The verdict of kestorctl doctor on a subject; the first one where there are several.
+std::string verdict(const std::string& subject) {
+    std::istringstream lines(kestorctl({"doctor", "--json"}).out);
+    for (std::string line; std::getline(lines, line);) {
+        const auto finding = nlohmann::json::parse(line, nullptr, false);
+        if (finding.value("subject", "") == subject)
+            return finding.value("verdict", "");
+    }
+    return "none";
+}
+
+TEST(Kestorctl, DoctorFindsWhatKeepsTheProbe) {
+    const Result nothing = kestorctl({"doctor"});
+    EXPECT_EQ(nothing.status, 2);
+    EXPECT_THAT(nothing.out, testing::AllOf(HasSubstr("FAIL  services"), HasSubstr("FAIL  socket")));
+    EXPECT_EQ(verdict("interface"), "ok");
+
+    std::ofstream("/tmp/station.toml") << "[[channel]]\ngroup = \"239.1.1.1\"\n";
+    const Process station({"kestor-station", "--config", "/tmp/station.toml", "--state", "/tmp/state",
+                           "--socket", "/tmp/station.sock"});
+    EXPECT_TRUE(eventually([] { return kestorctl({"status"}).status == 3; })) << "nothing comes from a probe";
+    const Process kestor({"kestor", "-s"});
+    EXPECT_TRUE(eventually([] { return kestorctl({"status"}).status == 0; }));
+    EXPECT_TRUE(eventually([] { return verdict("memberships") == "ok" && verdict("port") == "ok"; }));
+    for (const char* subject : {"services", "interface", "route", "pipe", "socket", "user"})
+        EXPECT_EQ(verdict(subject), "ok") << subject << "\n" << kestorctl({"doctor"}).out;
+    EXPECT_EQ(verdict("results"), "warning") << "there is no signal";
+
+    EXPECT_EQ(Process({"ip", "route", "delete", "224.0.0.0/4"}).wait(), 0);
+    EXPECT_EQ(verdict("route"), "failure");
+    EXPECT_EQ(Process({"ip", "link", "set", "feed0", "down"}).wait(), 0);
+    EXPECT_THAT(kestorctl({"doctor"}).out, HasSubstr("FAIL  interface    eth0 has no link"));
+    EXPECT_EQ(Process({"ip", "link", "set", "eth0", "down"}).wait(), 0);
+    EXPECT_THAT(kestorctl({"doctor"}).out, HasSubstr("the interface eth0 is down"));
+    EXPECT_EQ(Process({"ip", "link", "set", "eth0", "name", "lan0"}).wait(), 0);
+    EXPECT_THAT(kestorctl({"doctor"}).out, HasSubstr("no interface whose name contains eth0: feed0, lan0"));
 }
 
 TEST(Kestorctl, GivesUpWithoutAProbeOrAPort) {

@@ -8,6 +8,7 @@
 
 #include "completion.h"
 #include "controllerLink.h"
+#include "doctor/doctor.h"
 #include "groupText.h"
 #include "scan.h"
 #include "stationClient.h"
@@ -148,6 +149,9 @@ int run(const CLI::App& app, Arguments arguments) {
     if (name == "watch") {
         return runWatch({arguments.once, arguments.json, arguments.timeout(), arguments.station});
     }
+    if (name == "doctor") {
+        return doctor::run({arguments.station, arguments.timeout(), arguments.json});
+    }
     auto station = StationClient::find(arguments.station, arguments.timeout());
     if (name == "scan") {
         return scan(groups, arguments, station.has_value());
@@ -236,6 +240,7 @@ void declare(CLI::App& app, Arguments& arguments) {
     addLatency(*scan, "--igmp-latency", arguments, false);
     scan->add_option("--m3u", arguments.m3u, "Write the groups that carry traffic to a playlist.")
         ->type_name("FILE");
+    app.add_subcommand("doctor", "Check this machine for what keeps the probe from working.");
     declareStationCommands(app, arguments.request);
     for (CLI::App* command : app.get_subcommands({})) {
         if (command->get_group() != kNeedsStation) {
@@ -247,13 +252,15 @@ void declare(CLI::App& app, Arguments& arguments) {
         "Examples:\n"
         "  kestorctl add 239.1.1.1 239.1.1.2       monitor two groups\n"
         "  kestorctl watch                         show the live table\n"
+        "  kestorctl doctor                        say what is wrong here, and what to do\n"
         "  kestorctl import channels.m3u           add a playlist's channels\n"
         "  kestorctl events --follow               print events as they happen\n"
         "  kestorctl ack 17 --remark 'on it'       acknowledge an alarm\n"
         "  kestorctl --json channels               list channels as JSON\n"
         "\n"
         "Exit status: 0 on success, 1 when nothing answered in time or the request was\n"
-        "refused, 2 for a wrong command line. See kestorctl(1).");
+        "refused, 2 for a wrong command line; status: 3 while no results come from the\n"
+        "probe; doctor: 1 for warnings, 2 for failures. See kestorctl(1).");
 }
 
 }  // namespace

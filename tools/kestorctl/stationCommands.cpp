@@ -19,6 +19,7 @@ constexpr std::size_t kPlaylistLimit = std::size_t{16} << 20;  // bytes: what th
 constexpr std::chrono::milliseconds kLooksForEvents = 1s;
 constexpr int kEventsAtOnce = 1000;
 constexpr long kNotFound = 404;
+constexpr int kExitNotConnected = 3;
 
 void print(const Json& value) {
     puts(value.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
@@ -118,11 +119,12 @@ std::string number(const Json& object, const char* member) {
 
 int showStatus(StationClient& station, const StationRequest& request) {
     const Json status = station.getJson("/api/v1/status");
+    const Json& probe = status.at("probe");
+    const int result = probe.value("connected", false) ? 0 : kExitNotConnected;
     if (request.json) {
         print(status);
-        return 0;
+        return result;
     }
-    const Json& probe = status.at("probe");
     const Json& channels = status.at("channels");
     const Json& alarms = status.at("alarms");
     printf("station   %s, since %s UTC\n", text(status, "version").c_str(),
@@ -145,6 +147,9 @@ int showStatus(StationClient& station, const StationRequest& request) {
     if (probe.value("secondAsker", false)) {
         puts("          something else asks at the controller's port as well, and is told nothing: stop it");
     }
+    if (result != 0) {
+        puts("          kestorctl doctor tells what keeps it from here, and what to do");
+    }
     printf("channels  %s configured, %s watched, %s with signal\n", number(channels, "configured").c_str(),
            number(channels, "watched").c_str(), number(channels, "withSignal").c_str());
     printf("alarms    %s critical, %s major, %s minor, %s warning\n", number(alarms, "critical").c_str(),
@@ -153,7 +158,7 @@ int showStatus(StationClient& station, const StationRequest& request) {
     for (const Json& note : status.value("notes", Json::array())) {
         printf("note      %s\n", note.is_string() ? note.get<std::string>().c_str() : "");
     }
-    return 0;
+    return result;
 }
 
 int showChannels(StationClient& station, const StationRequest& request) {

@@ -1,0 +1,305 @@
+// kestorctl doctor's judgement, on machines that are made up.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+
+#include "checks.h"
+#include "support/scratch.h"
+
+namespace doctor {
+namespace {
+
+using station::Ipv4Address;
+using station::Memberships;
+using station::NetworkInterface;
+using testing::HasSubstr;
+
+constexpr Ipv4Address kA = 0xEF010101;  // 239.1.1.1
+constexpr Ipv4Address kB = 0xEF010102;
+// As the kernel has them: a listener of this user at 127.0.0.1:5999, and a probe's connection that was
+// closed.
+const std::string kListener = "   0: 0100007F:176F 00000000:0000 0A 00000000:00000000 00:00000000 00000000 " +
+                              std::to_string(geteuid()) + " 0 4711 1 0 100\n";
+constexpr const char* kAsked =
+    "   1: 0100007F:176F 0100007F:C350 06 00000000:00000000 03:00001700 00000000     0        0 0 3 0\n";
+
+// A machine on which all is well: services, pipe, port, kernel's limits, users, packages.
+class Root {
+  public:
+    Root() {
+        process(1, "systemd");
+        process(20, "kestor");
+        process(21, "kestor-station");
+        process(22, "kestor-guard");
+        write("usr/sbin/kestor", "");
+        write("usr/libexec/kestor/kestor-guard", "");
+        write("proc/self/net/tcp", "  sl  local_address rem_address\n" + kListener + kAsked);
+        write("proc/sys/net/ipv4/igmp_max_memberships", "2000\n");
+        write("proc/sys/net/core/netdev_max_backlog", "10000\n");
+        write("proc/sys/net/core/rmem_max", "16777216\n");
+        write("etc/passwd", "root:x:0:0::/root:/bin/sh\nmallory:x:1001:1001::/:/bin/sh\n");
+        write("etc/group", "root:x:0:\nkestor:x:998:kestor-station,alice\n");
+        write("var/lib/dpkg/status",
+              "Package: kestor\nStatus: install ok installed\nVersion: 1.1.0\n\n"
+              "Package: kestor-old\nStatus: install ok installed\nVersion: 0.9\n\n");
+        fs::create_directory(path() / "tmp");
+        mkfifo((path() / "tmp/american_maid").c_str(), 0600);
+    }
+    const fs::path& path() const {
+        return directory_.path();
+    }
+    void write(const fs::path& file, const std::string& text) const {
+        fs::create_directories((path() / file).parent_path());
+        std::ofstream(path() / file) << text;
+    }
+    void process(int pid, const std::string& name) const {
+        write("proc/" + std::to_string(pid) + "/comm", name + "\n");
+    }
+    void remove(const fs::path& file) const {
+        fs::remove_all(path() / file);
+    }
+
+  private:
+    station::ScratchDirectory directory_;
+};
+
+StationLook wellStation() {
+    StationLook look{.reach = StationLook::Reach::kAnswers, .socket = "/run/kestor/station.sock"};
+    look.version = "1.1.0";
+    look.connected = true;
+    look.watched = look.withSignal = 2;
+    look.groups = {kA, kB};
+    return look;
+}
+
+// Everything that is judged by files and the station, in the order of the report.
+Findings judge(const Root& root, const StationLook& look) {
+    const fs::path& at = root.path();
+    const Processes processes = readProcesses(at);
+    Findings all = {checkServices(at, processes, look), checkPipe(at), checkPort(at, processes),
+                    checkSocket(look)};
+    for (Findings some : {checkLimits(at, look.groups.size()), checkResults(look)}) {
+        std::ranges::move(some, std::back_inserter(all));
+    }
+    all.push_back(checkVersions("1.1.0", readPackages(at, {"kestor", "kestor-station"}), look, processes));
+    return all;
+}
+
+TEST(Doctor, JudgesWhatItReads) {
+    struct Case {
+        const char* what;
+        std::function<void(const Root&, StationLook&)> breakIt;
+        int status;
+        const char* says;
+    };
+    using Reach = StationLook::Reach;
+    const std::vector<Case> cases = {
+        {"nothing", [](auto&, auto&) {}, 0, "all is well"},
+        {"the probe is gone", [](auto& root, auto&) { root.remove("proc/20"); }, 2, "kestor does not run"},
+        {"it waits for a card", [](auto& root, auto&) { root.process(20, "kestor-start"); }, 2,
+         "waits for a card"},
+        {"the guard is gone", [](auto& root, auto&) { root.remove("proc/22"); }, 2,
+         "kestor-guard does not run"},
+        {"no guard is installed",
+         [](auto& root, auto&) {
+             root.remove("proc/22");
+             root.remove("usr/libexec");
+         },
+         0, "kestor and kestor-station run"},
+        {"two probes", [](auto& root, auto&) { root.process(30, "kestor"); }, 2, "more than one probe"},
+        {"processes are hidden",
+         [](auto& root, auto&) {
+             root.remove("proc/1");
+             root.remove("proc/20");
+         },
+         0, "--    services"},
+        {"no pipe", [](auto& root, auto&) { root.remove("tmp/american_maid"); }, 2,
+         "there is no /tmp/american_maid"},
+        {"a file in the pipe's place",
+         [](auto& root, auto&) {
+             root.remove("tmp/american_maid");
+             root.write("tmp/american_maid", "");
+         },
+         2, "is no pipe"},
+        {"nobody listens", [](auto& root, auto&) { root.write("proc/self/net/tcp", kAsked); }, 2,
+         "nobody listens on"},
+        {"another program listens",
+         [](auto& root, auto&) {
+             root.process(50, "python3");
+             fs::create_directories(root.path() / "proc/50/fd");
+             fs::create_symlink("socket:[4711]", root.path() / "proc/50/fd/3");
+         },
+         2, "another program listens on 127.0.0.1:5999, where the probe asks: python3 (process 50)"},
+        {"another user listens", [](auto& root, auto&) { root.remove("proc/21"); }, 2,
+         "the probe asks: one of "},
+        {"no probe asks", [](auto& root, auto&) { root.write("proc/self/net/tcp", kListener); }, 2,
+         "no probe asks although"},
+        {"a torn list of connections",
+         [](auto& root, auto&) {
+             root.write("proc/self/net/tcp", "x\n\n  0: zz:yy :\n   0: 0100007F:176F 0 0A 0 0 0 0\n");
+         },
+         2, "nobody listens"},
+        {"too few memberships for the channels",
+         [](auto& root, auto&) { root.write("proc/sys/net/ipv4/igmp_max_memberships", "1\n"); }, 2,
+         "the rest is not joined"},
+        {"fewer memberships than the package's",
+         [](auto& root, auto&) { root.write("proc/sys/net/ipv4/igmp_max_memberships", "20\n"); }, 1,
+         "igmp_max_memberships is 20, below 2000"},
+        {"a limit is hidden", [](auto& root, auto&) { root.remove("proc/sys/net/core/rmem_max"); }, 0,
+         "net.core.rmem_max cannot be read"},
+        {"nobody at the socket", [](auto&, StationLook& look) { look = {.socket = "/s"}; }, 2,
+         "no station listens at /s"},
+        {"a forbidden socket",
+         [](auto&, StationLook& look) { look = {.reach = Reach::kForbidden, .socket = "/s"}; }, 1,
+         "may not talk"},
+        {"a station that hangs",
+         [](auto&, StationLook& look) {
+             look = {.reach = Reach::kSilent, .socket = "/s", .silence = "timeout"};
+         },
+         2, "does not answer at /s: timeout"},
+        {"no results",
+         [](auto&, StationLook& look) {
+             look.connected = false;
+             look.problem = "the probe scans";
+         },
+         2, "FAIL  results      the probe scans"},
+        {"no signal", [](auto&, StationLook& look) { look.withSignal = 0; }, 1,
+         "2 channels watched, 0 with signal"},
+        {"no channels", [](auto&, StationLook& look) { look.groups.clear(); }, 1, "no channels"},
+        {"notes", [](auto&, StationLook& look) { look.notes = 3; }, 1, "3 notes"},
+        {"an older station runs", [](auto&, StationLook& look) { look.version = "1.0"; }, 1,
+         "the station that runs is 1.0"},
+        {"packages of two versions",
+         [](auto& root, auto&) {
+             root.write("var/lib/dpkg/status",
+                        "Package: kestor\nStatus: install ok installed\nVersion: 1.1.0\n\n"
+                        "Package: kestor-station\nStatus: install ok installed\nVersion: 1.0\n\n");
+         },
+         1, "the package kestor-station is 1.0"},
+        {"one that was removed counts for nothing",
+         [](auto& root, auto&) {
+             root.write("var/lib/dpkg/status",
+                        "Package: kestor-station\nStatus: deinstall ok config-files\nVersion: 1.0\n\n");
+         },
+         0, "1.1.0 everywhere"},
+        {"a program was replaced",
+         [](auto& root, auto&) {
+             fs::create_symlink("/usr/sbin/kestor (deleted)", root.path() / "proc/20/exe");
+         },
+         1, "kestor still runs as it was"},
+        {"nothing is installed",
+         [](const Root& root, StationLook& look) {
+             for (const char* path : {"proc/20", "proc/21", "proc/22", "usr", "etc", "var", "tmp"}) {
+                 root.remove(path);
+             }
+             root.write("proc/self/net/tcp", "");
+             look = {};
+         },
+         2, "FAIL: services, pipe, port, socket"},
+        {"nothing can be read",
+         [](const Root& root, StationLook& look) {
+             root.remove("proc");
+             look = {};
+         },
+         2, "FAIL: socket"},
+    };
+    for (const Case& one : cases) {
+        const Root root;
+        StationLook look = wellStation();
+        one.breakIt(root, look);
+        const Findings findings = judge(root, look);
+        EXPECT_EQ(exitStatus(findings), one.status) << one.what << "\n" << report(findings);
+        EXPECT_THAT(report(findings), HasSubstr(one.says)) << one.what;
+        for (const Finding& finding : findings) {
+            EXPECT_EQ(finding.advice.empty(), finding.verdict <= Verdict::kUnseen)
+                << one.what << finding.text;
+        }
+    }
+}
+
+NetworkInterface card(const std::string& name, int index, bool up = true, bool carrier = true) {
+    NetworkInterface one;
+    one.name = name;
+    one.index = index;
+    one.up = up;
+    one.running = one.carrier = up && carrier;
+    one.multicast = true;
+    return one;
+}
+
+TEST(Doctor, JudgesTheInterfaceAndTheWayToIt) {
+    const Processes probe{{{20, "kestor"}}, true};
+    const auto interface = [&](const std::vector<NetworkInterface>& all, const std::set<int>& captured) {
+        return report(checkInterface(all, captured, probe));
+    };
+    EXPECT_THAT(interface({card("eth0", 2)}, {2}), HasSubstr("the probe captures there"));
+    EXPECT_THAT(interface({card("eth0", 2)}, {3}),
+                HasSubstr("FAIL  interface    kestor runs, but nobody captures"));
+    EXPECT_THAT(interface({card("eth0", 2, false)}, {}), HasSubstr("ip link set eth0 up"));
+    EXPECT_THAT(interface({card("eth0", 2, true, false)}, {2}), HasSubstr("no link"));
+    EXPECT_THAT(interface({card("eno1", 2), card("enp3s0", 3)}, {}),
+                HasSubstr("no interface whose name contains eth0: eno1, enp3s0"));
+    EXPECT_THAT(interface({}, {}), HasSubstr("there is none but the loopback"));
+    EXPECT_THAT(interface({card("eth0", 2), card("veth0a", 3)}, {3}),
+                HasSubstr("several names contain eth0 (eth0, veth0a); the probe takes veth0a"));
+
+    const std::vector<NetworkInterface> two = {card("eth0", 2), card("eno1", 3)};
+    const std::vector<Ipv4Address> groups = {kA, kB};
+    const auto route = [&](int first, int second) {
+        const std::vector<station::GroupRoute> routes = {{.interface = first}, {.interface = second}};
+        return report({checkRoutes(two, two.data(), groups, routes)});
+    };
+    EXPECT_THAT(route(2, 2), HasSubstr("all is well"));
+    EXPECT_THAT(route(2, 3), HasSubstr("1 of 2 groups would be joined on eno1, not on eth0 (239.1.1.2)"));
+    EXPECT_THAT(route(3, 0), HasSubstr("1 of 2 groups cannot be joined, there is no route (239.1.1.2)"));
+
+    StationLook look = wellStation();
+    const auto members = [&](const Memberships& memberships) {
+        return report({checkMemberships(two.data(), memberships, look)});
+    };
+    EXPECT_THAT(members({true, {{"eth0", {kA, kB}}}}), HasSubstr("all of 2 groups are joined on eth0"));
+    const Memberships wrong{true, {{"eth0", {kA}}, {"eno1", {kB}}}};
+    EXPECT_THAT(members(wrong), HasSubstr("1 of 2 groups are not joined on eth0, but on eno1 (239.1.1.2)"));
+    EXPECT_THAT(members({}), HasSubstr("--    memberships"));
+    look.passive = true;
+    EXPECT_THAT(members(wrong), HasSubstr("all is well"));
+}
+
+TEST(Doctor, JudgesWhoAsksAndWhereEventsGo) {
+    const Root root;
+    EXPECT_EQ(checkUser(root.path(), {0, "root", {}}).verdict, Verdict::kOk);
+    EXPECT_EQ(checkUser(root.path(), {1000, "alice", {1000, 998}}).verdict, Verdict::kOk);
+    EXPECT_THAT(checkUser(root.path(), {1000, "alice", {1000}}).advice, HasSubstr("log in anew"));
+    EXPECT_THAT(checkUser(root.path(), {1001, "mallory", {1001}}).advice,
+                HasSubstr("usermod -aG kestor mallory"));
+
+    EXPECT_EQ(readStateDirectory(root.path()), "/var/lib/kestor");
+    root.write("etc/kestor/station.toml", "# state_dir = \"/no\"\nstate_dir = \"/srv/kestor\" # ours\n");
+    EXPECT_EQ(readStateDirectory(root.path()), "/srv/kestor");
+    const fs::path state = "/srv/kestor";
+    fs::create_directories(root.path() / "srv/kestor");
+    const Disk well{.directory = "/srv", .known = true, .freeBytes = uint64_t{8} << 30};
+    const auto disk = [&](const std::function<void(Disk&)>& breakIt) {
+        Disk broken = well;
+        breakIt(broken);
+        return report(checkDisk(root.path(), state, broken));
+    };
+    EXPECT_THAT(disk([](Disk&) {}), HasSubstr("8192 MiB free"));
+    EXPECT_THAT(disk([](Disk& one) { one.freeBytes = 100 << 20; }), HasSubstr("warn: disk"));
+    EXPECT_THAT(disk([](Disk& one) { one.freeBytes = 1 << 20; }), HasSubstr("FAIL: disk"));
+    EXPECT_THAT(disk([](Disk& one) { one.filesCounted = true; }), HasSubstr("no inode is free"));
+    EXPECT_THAT(disk([](Disk& one) { one.readOnly = true; }), HasSubstr("read-only"));
+    root.write("etc/passwd", "kestor-station:x:4294967290:1::/:/bin/false\n");
+    EXPECT_THAT(disk([](Disk&) {}), HasSubstr("the station cannot write there"));
+
+    EXPECT_EQ(checkClock({true, true}).verdict, Verdict::kOk);
+    EXPECT_EQ(checkClock({true, false}).verdict, Verdict::kWarning);
+    EXPECT_EQ(checkClock({}).verdict, Verdict::kUnseen);
+}
+
+}  // namespace
+}  // namespace doctor
