@@ -44,13 +44,11 @@ void StreamAnalysis::packets(Bytes bytes, Nanoseconds arrival, Nanoseconds wall,
         time_.skip(missing);
         position_ += missing;
     }
-    const uint8_t* packet = bytes.data();
-    for (std::size_t rest = bytes.size(); rest > 0;) {
-        const std::size_t part = std::min(rest, kPacketsTogether * kPacketSize);
-        batch(packet, packet + part);
-        packet += part;
-        rest -= part;
+    for (; bytes.size() > kPacketsTogether * kPacketSize;
+         bytes = bytes.subspan(kPacketsTogether * kPacketSize)) {
+        batch(bytes.data(), bytes.data() + kPacketsTogether * kPacketSize);
     }
+    batch(bytes.data(), bytes.data() + bytes.size());
 }
 
 // The packets' road. Most packets only go on with what began before, and end in the first branch.
@@ -88,7 +86,7 @@ void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
         }
         time_.put(run);
         if ((packet[0] == kSyncByte && sync_.calm()) || synchronise(packet)) {
-            lookAtPacket(packet, header, now);
+            lookAtPacket(packet, header, time_.now());
         }
         run = time_.run();
         lookAt = timeToLook();
@@ -109,7 +107,6 @@ void StreamAnalysis::continueUnit(PidRecord& record, const uint8_t* packet, TsHe
     remember(record, packet);
     UnitPiece piece;
     piece.payload = {packet + kTsHeaderSize, kPacketSize - kTsHeaderSize};
-    piece.moment = momentAt(now);
     if (!media_->unit(record.mediaSlot, piece)) {
         record.roles = 0;
     }
@@ -344,7 +341,6 @@ void StreamAnalysis::readPayload(PidRecord& record, Bytes payload, TsHeader head
     UnitPiece piece;
     piece.start = header.payloadUnitStart();
     piece.randomAccess = randomAccess;
-    piece.moment = moment;
     piece.payload = payload;
     if (piece.start) {
         const std::optional<PesStart> start = pesStartOf(payload);
@@ -352,7 +348,7 @@ void StreamAnalysis::readPayload(PidRecord& record, Bytes payload, TsHeader head
             record.roles &= static_cast<uint8_t>(~kMediaWanted);
             return;
         }
-        startPes(record, piece, *start);
+        startPes(record, piece, *start, moment);
     } else if ((record.roles & kMediaWanted) == 0) {
         return;
     }
@@ -360,20 +356,20 @@ void StreamAnalysis::readPayload(PidRecord& record, Bytes payload, TsHeader head
     record.roles = static_cast<uint8_t>(wanted ? record.roles | kMediaWanted : record.roles & ~kMediaWanted);
 }
 
-void StreamAnalysis::startPes(PidRecord& record, UnitPiece& piece, const PesStart& start) {
+void StreamAnalysis::startPes(PidRecord& record, UnitPiece& piece, const PesStart& start,
+                              const Moment& moment) {
     piece.payload = start.payload;
     piece.pts = start.pts;
     piece.dts = start.dts;
     if (!start.pts) {
         return;
     }
-    const Ticks now = piece.moment.stream;
+    const Ticks now = moment.stream;
     const bool media = record.kind == StreamKind::kVideo || record.kind == StreamKind::kAudio;
     if (media && !record.stillPicture) {
         if (record.ptsAt && now - *record.ptsAt > kPtsLimit) {
             book_.holdFor(Check::kPtsError, record.pid,
-                          piece.moment.arrival - toNanoseconds(now - *record.ptsAt - kPtsLimit),
-                          piece.moment.arrival);
+                          moment.arrival - toNanoseconds(now - *record.ptsAt - kPtsLimit), moment.arrival);
         }
         record.ptsAt = now;
     }

@@ -81,7 +81,7 @@ class StreamAnalysis final : private SectionSink {
     void countAccuracy(const PidRecord& record, const AccuracyFinding& finding);
     void readPayload(PidRecord& record, Bytes payload, TsHeader header, bool randomAccess,
                      const Moment& moment);
-    void startPes(PidRecord& record, UnitPiece& piece, const PesStart& start);
+    void startPes(PidRecord& record, UnitPiece& piece, const PesStart& start, const Moment& moment);
     void remember(PidRecord& record, const uint8_t* packet) {
         record.last = packet;
         if (!record.touched) {
@@ -94,9 +94,9 @@ class StreamAnalysis final : private SectionSink {
     Moment momentAt(Ticks now) const {
         return {bare_ ? toNanoseconds(now) : arrival_, now, position_, wall_};
     }
-    // From when on a packet gets more than the usual; at once where sync bytes are in doubt.
+    // From when on a packet gets more than the usual; at once where sync bytes are in doubt, or the time is.
     Ticks timeToLook() const {
-        return sync_.calm() ? nextLook_ : std::numeric_limits<Ticks>::min();
+        return sync_.calm() && !time_.stands() ? nextLook_ : std::numeric_limits<Ticks>::min();
     }
     void look(Ticks now);
     void endSeconds(Nanoseconds arrival);

@@ -59,7 +59,7 @@ void StreamTime::addPace(const Pace& pace) {
 }
 
 Ticks StreamTime::pcr(uint16_t pid, ClockTrack& track, Ticks pcr, uint64_t position) {
-    const Ticks goesOn = base_ + static_cast<Ticks>(since_ >> kFraction);
+    const Ticks goesOn = this->goesOn();
     Ticks time = now();
     floor_ = time;
     if (!constant_) {

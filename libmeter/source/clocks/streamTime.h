@@ -51,23 +51,23 @@ class StreamTime {
     }
 
     // The time between two PCRs, to go on in registers: next() for each packet, then put() before anything
-    // else of the object is asked for.
+    // else of the object is asked for. What next() returns holds unless the time stands at the begin.
     struct Run {
         uint64_t since;
         uint64_t step;
         Ticks base;
-        Ticks floor;
 
         Ticks next() {
             since += step;
-            return now();
-        }
-        Ticks now() const {
-            return std::max(floor, base + static_cast<Ticks>(since >> kFraction));
+            return base + static_cast<Ticks>(since >> kFraction);
         }
     };
     Run run() const {
-        return {since_, step_, base_, floor_};
+        return {since_, step_, base_};
+    }
+    // It would run backwards, and what was handed out stands.
+    bool stands() const {
+        return goesOn() < floor_;
     }
     void put(const Run& run) {
         since_ = run.since;
@@ -91,7 +91,7 @@ class StreamTime {
     Ticks pcr(uint16_t pid, ClockTrack& track, Ticks pcr, uint64_t position);
 
     Ticks now() const {
-        return run().now();
+        return std::max(floor_, goesOn());
     }
     std::optional<uint16_t> reference() const {
         return reference_ == kNoReference ? std::nullopt : std::optional(reference_);
@@ -105,6 +105,9 @@ class StreamTime {
     static constexpr std::size_t kPaces = 5;
     static constexpr uint64_t kFoldAt = uint64_t{1} << 40;
 
+    Ticks goesOn() const {
+        return base_ + static_cast<Ticks>(since_ >> kFraction);
+    }
     void addPace(const Pace& pace);
     void fold();
     void goWithArrival(Nanoseconds passed);

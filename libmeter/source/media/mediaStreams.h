@@ -20,7 +20,6 @@ struct UnitPiece {
     std::optional<Ticks> pts;       // 90 kHz units; of the start
     std::optional<Ticks> dts;       // where absent the PTS holds
     std::optional<Ticks> ptsAhead;  // PTS less the program clock when the packet came, 27 MHz, signed
-    Moment moment;
 };
 
 // Streams looked at, those with the lowest PIDs.

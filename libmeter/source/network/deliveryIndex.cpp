@@ -4,7 +4,7 @@ namespace meter {
 
 void DeliveryIndex::secondEnded(uint64_t lossRate, uint64_t rateBytes, uint64_t rateTicks) {
     delayFactor_.reset();
-    if (any_) {
+    if (lowest_ <= highest_) {
         delayFactor_ = (highest_ - lowest_) >> kFraction;
         delayFactorHighest_ = std::max(delayFactorHighest_.value_or(0), *delayFactor_);
     }
@@ -20,9 +20,8 @@ void DeliveryIndex::secondEnded(uint64_t lossRate, uint64_t rateBytes, uint64_t 
     byteTime_ = std::min(byteTime_, kSlowest);
     bytes_ = 0;
     filled_ = 0;
-    lowest_ = 0;
-    highest_ = 0;
-    any_ = false;
+    lowest_ = std::numeric_limits<int64_t>::max();
+    highest_ = std::numeric_limits<int64_t>::min();
     loss_ = {};
 }
 

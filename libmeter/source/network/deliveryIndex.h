@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <limits>
 #include <optional>
 
 #include "fields/moment.h"
@@ -21,9 +22,8 @@ class DeliveryIndex {
         // The buffer in time at the media rate, so that it drains by the time that passes.
         const int64_t before = filled_ - (intoSecond << kFraction);
         filled_ = std::min(filled_ + static_cast<int64_t>(bytes * byteTime_), kFullest);
-        lowest_ = any_ ? std::min(lowest_, before) : before;
-        highest_ = std::max(any_ ? highest_ : before, filled_ - (intoSecond << kFraction));
-        any_ = true;
+        lowest_ = std::min(lowest_, before);
+        highest_ = std::max(highest_, filled_ - (intoSecond << kFraction));
     }
     // Transport packets in datagrams that were found lost, or out of order.
     struct Loss {
@@ -68,9 +68,8 @@ class DeliveryIndex {
 
     uint64_t byteTime_ = 0;  // ns with a fraction; 0: no rate
     int64_t filled_ = 0;
-    int64_t lowest_ = 0;
-    int64_t highest_ = 0;
-    bool any_ = false;
+    int64_t lowest_ = std::numeric_limits<int64_t>::max();  // above the highest before the first datagram
+    int64_t highest_ = std::numeric_limits<int64_t>::min();
     uint64_t bytes_ = 0;
     Loss loss_;
     std::optional<Nanoseconds> delayFactor_;

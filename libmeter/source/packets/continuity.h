@@ -27,13 +27,12 @@ inline bool isRepetition(const uint8_t* packet, const uint8_t* before, bool hasP
 // The counter of one PID. The caller keeps the packet before.
 class Continuity {
   public:
-    // The packet goes on as it should: with payload, and the next counter.
+    // The packet goes on as it should: with payload, the next counter, and no repetition before it.
     bool isNext(uint8_t counter) const {
         return counter == expected_;
     }
     void accept(uint8_t counter) {
         expected_ = (counter + 1U) & kMask;
-        repeated_ = false;
     }
     // The next packet's counter is taken as it is.
     void forget() {
@@ -57,8 +56,8 @@ class Continuity {
         } else if (counter == last && before != nullptr &&
                    isRepetition(packet, before, adaptation.pcr.has_value())) {
             finding.repetition = true;
-            finding.error = repeated_;  // a third one
-            repeated_ = true;
+            finding.error = (expected_ & kRepeated) != 0;  // a third one
+            expected_ |= kRepeated;
         } else {
             finding.missing = (counter - expected_) & kMask;  // an equal one with other content: 15
             finding.error = finding.missing != 0;
@@ -74,10 +73,10 @@ class Continuity {
 
   private:
     static constexpr uint8_t kMask = 0x0F;
+    static constexpr uint8_t kRepeated = 0x10;  // with the counter: the packet before was a repetition
     static constexpr uint8_t kUnknown = 0xFF;
 
     uint8_t expected_ = kUnknown;
-    bool repeated_ = false;  // the packet before was a repetition
 };
 
 }  // namespace meter
