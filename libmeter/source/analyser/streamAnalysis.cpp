@@ -43,6 +43,7 @@ void StreamAnalysis::packets(Bytes bytes, Nanoseconds arrival, Nanoseconds wall,
     if (missing > 0) {
         time_.skip(missing);
         position_ += missing;
+        missing_ += missing;
     }
     for (; bytes.size() > kPacketsTogether * kPacketSize;
          bytes = bytes.subspan(kPacketsTogether * kPacketSize)) {
@@ -55,7 +56,6 @@ void StreamAnalysis::packets(Bytes bytes, Nanoseconds arrival, Nanoseconds wall,
 void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
     const uint8_t* const begin = packet;
     const uint64_t position = position_;
-    const uint64_t received = received_;
     StreamTime::Run run = time_.run();
     Ticks lookAt = timeToLook();
     PidTable::View pids = pids_.view();
@@ -63,8 +63,8 @@ void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
         const Ticks now = run.next();
         const TsHeader header(packet);
         PidRecord& record = pids.find(header.pid());
-        if (header.isClearContinuation() && now < lookAt && record.roles == 0 &&
-            record.continuity.isNext(header.continuityCounter())) [[likely]] {
+        if (header.isClearContinuation() && now < lookAt && record.onlyGoesOn(header.continuityCounter()))
+            [[likely]] {
             record.continuity.accept(header.continuityCounter());
             ++record.packets;
             record.lastSeen = now;
@@ -76,26 +76,22 @@ void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
             ++record.packets;
             continue;
         }
-        const uint64_t index = static_cast<uint64_t>(packet - begin) / kPacketSize;
-        position_ = position + index;
-        received_ = received + index;
         if (header.isClearContinuation() && now < lookAt && record.roles == kMediaWanted &&
             record.continuity.isNext(header.continuityCounter())) {
             continueUnit(record, packet, header, now);
             continue;
         }
+        position_ = position + static_cast<uint64_t>(packet - begin) / kPacketSize;
         time_.put(run);
         if ((packet[0] == kSyncByte && sync_.calm()) || synchronise(packet)) {
-            lookAtPacket(packet, header, time_.now());
+            lookAtPacket(packet, header, now);
         }
         run = time_.run();
         lookAt = timeToLook();
         pids = pids_.view();
     }
     time_.put(run);
-    const uint64_t packets = static_cast<uint64_t>(end - begin) / kPacketSize;
-    position_ = position + packets;
-    received_ = received + packets;
+    position_ = position + static_cast<uint64_t>(end - begin) / kPacketSize;
     keepTouched();
 }
 

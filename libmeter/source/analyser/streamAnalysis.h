@@ -94,9 +94,12 @@ class StreamAnalysis final : private SectionSink {
     Moment momentAt(Ticks now) const {
         return {bare_ ? toNanoseconds(now) : arrival_, now, position_, wall_};
     }
-    // From when on a packet gets more than the usual; at once where sync bytes are in doubt, or the time is.
+    // From when on a packet gets more than the usual; at once where sync bytes are in doubt.
     Ticks timeToLook() const {
-        return sync_.calm() && !time_.stands() ? nextLook_ : std::numeric_limits<Ticks>::min();
+        return sync_.calm() ? nextLook_ : std::numeric_limits<Ticks>::min();
+    }
+    uint64_t received() const {
+        return position_ - missing_;
     }
     void look(Ticks now);
     void endSeconds(Nanoseconds arrival);
@@ -143,7 +146,7 @@ class StreamAnalysis final : private SectionSink {
     bool modelChanged_ = false;
     std::vector<PidRecord*> clocks_;
 
-    uint64_t received_ = 0;
+    uint64_t missing_ = 0;  // of the positions
     uint64_t scrambled_ = 0;
     uint64_t repeated_ = 0;
     uint64_t lostByCounter_ = 0;

@@ -46,7 +46,7 @@ void StreamAnalysis::endSecond(PidRecord& record, int64_t seconds) {
 void StreamAnalysis::endSeconds(Nanoseconds arrival) {
     const int64_t second = arrival / kNsPerSecond;
     const int64_t seconds = second - second_;
-    const uint64_t received = received_ - receivedAtSecond_;
+    const uint64_t received = this->received() - receivedAtSecond_;
     const PidRecord* null = pids_.known(kNullPid);
     const uint64_t nullCount = null != nullptr ? null->packets : 0;
     nullShare_.reset();
@@ -54,7 +54,7 @@ void StreamAnalysis::endSeconds(Nanoseconds arrival) {
         nullShare_ = static_cast<double>(nullCount - nullAtSecond_) / static_cast<double>(received);
     }
     nullAtSecond_ = nullCount;
-    receivedAtSecond_ = received_;
+    receivedAtSecond_ = this->received();
     rates_.push(static_cast<uint32_t>(received));
     rates_.push(0, seconds - 1);
     for (PidRecord& record : pids_.all()) {
@@ -92,7 +92,6 @@ void StreamAnalysis::restart(Nanoseconds arrival) {
     clocks_.clear();
     time_ = {};
     nextLook_ = 0;
-    position_ = 0;
     sync_ = {};
     referenced_.reset();
     services_ = std::make_unique<Services>();

@@ -169,7 +169,7 @@ void StreamAnalysis::fillServices(Report& report) const {
 
 void StreamAnalysis::fill(Report& report) const {
     report.seconds = static_cast<double>(now()) / static_cast<double>(kNsPerSecond);
-    report.packets.received = received_;
+    report.packets.received = received();
     report.packets.null = pids_.known(kNullPid) != nullptr ? pids_.known(kNullPid)->packets : 0;
     report.packets.scrambled = scrambled_;
     report.packets.repeated = repeated_;

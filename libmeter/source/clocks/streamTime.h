@@ -51,23 +51,20 @@ class StreamTime {
     }
 
     // The time between two PCRs, to go on in registers: next() for each packet, then put() before anything
-    // else of the object is asked for. What next() returns holds unless the time stands at the begin.
+    // else of the object is asked for.
     struct Run {
         uint64_t since;
         uint64_t step;
         Ticks base;
+        Ticks floor;
 
         Ticks next() {
             since += step;
-            return base + static_cast<Ticks>(since >> kFraction);
+            return std::max(floor, base + static_cast<Ticks>(since >> kFraction));
         }
     };
     Run run() const {
-        return {since_, step_, base_};
-    }
-    // It would run backwards, and what was handed out stands.
-    bool stands() const {
-        return goesOn() < floor_;
+        return {since_, step_, base_, floor_};
     }
     void put(const Run& run) {
         since_ = run.since;

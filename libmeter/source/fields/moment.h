@@ -24,12 +24,12 @@ constexpr Ticks toTicks(Nanoseconds ns) {
     return ns / 1000 * 27 + ns % 1000 * 27 / 1000;
 }
 
-// Where and when a packet is. All counted from the begin of the analysis of the flow.
+// Where and when a packet is, from the begin of the analysis of the channel.
 struct Moment {
-    Nanoseconds arrival = 0;  // since the begin of the analysis of the channel
-    Ticks stream = 0;         // stream time
-    uint64_t position = 0;    // packets before this one, known missing ones included
-    Nanoseconds wall = 0;     // since the Unix epoch; 0: not known
+    Nanoseconds arrival = 0;
+    Ticks stream = 0;       // stream time, from the begin of the flow
+    uint64_t position = 0;  // packets before this one, known missing ones included
+    Nanoseconds wall = 0;   // since the Unix epoch; 0: not known
 };
 
 }  // namespace meter

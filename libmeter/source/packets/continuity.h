@@ -28,10 +28,10 @@ inline bool isRepetition(const uint8_t* packet, const uint8_t* before, bool hasP
 class Continuity {
   public:
     // The packet goes on as it should: with payload, the next counter, and no repetition before it.
-    bool isNext(uint8_t counter) const {
+    bool isNext(unsigned counter) const {
         return counter == expected_;
     }
-    void accept(uint8_t counter) {
+    void accept(unsigned counter) {
         expected_ = (counter + 1U) & kMask;
     }
     // The next packet's counter is taken as it is.
@@ -76,7 +76,7 @@ class Continuity {
     static constexpr uint8_t kRepeated = 0x10;  // with the counter: the packet before was a repetition
     static constexpr uint8_t kUnknown = 0xFF;
 
-    uint8_t expected_ = kUnknown;
+    uint8_t expected_ = kUnknown;  // all that an object is: see PidState
 };
 
 }  // namespace meter

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <deque>
 #include <memory>
 #include <vector>
@@ -28,15 +29,25 @@ inline constexpr uint8_t kNoPid = 0;
 inline constexpr uint8_t kOverflow = 1;
 inline constexpr std::size_t kFirstPidPlace = 2;
 
-struct PidRecord {
+// What decides how far a packet of a PID is looked into.
+struct PidState {
+    Continuity continuity;
+    uint8_t roles = kUnknownPid;
+
+    // No role, and the next counter: one comparison for what is true of most packets.
+    bool onlyGoesOn(unsigned counter) const {
+        constexpr int kCounterAt = std::endian::native == std::endian::little ? 0 : 8;
+        return std::bit_cast<uint16_t>(*this) == counter << kCounterAt;
+    }
+};
+
+struct PidRecord : PidState {
     // What every packet touches.
+    bool touched = false;  // `last` lies in the datagram that is being read
+    uint16_t pid = 0;
     uint64_t packets = 0;
     Ticks lastSeen = 0;             // stream time of the last packet
     const uint8_t* last = nullptr;  // it; null where there was none to compare with
-    uint16_t pid = 0;
-    uint8_t roles = kUnknownPid;
-    Continuity continuity;
-    bool touched = false;  // `last` lies in the datagram that is being read
 
     // Counters, which outlive a change of flow.
     uint64_t scrambled = 0;
