@@ -108,8 +108,8 @@ std::optional<Response> refuseMessage(const boost::system::error_code& error) {
         return bodyTooLarge(Server::kPlaylistBytes);
     }
     const bool ended = error == http::error::end_of_stream || error == http::error::partial_message;
-    static const auto& httpErrors = http::make_error_code(http::error::bad_method).category();
-    if (ended || error.category() != httpErrors) {
+    static const auto* const httpErrors = &http::make_error_code(http::error::bad_method).category();
+    if (ended || error.category() != *httpErrors) {
         return std::nullopt;
     }
     return problem(400, "This is no HTTP/1.1 request (RFC 9112): " + error.message());

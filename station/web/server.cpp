@@ -77,7 +77,8 @@ tcp::endpoint parseEndpoint(const std::string& listen) {
     }
     ErrorCode error;
     const auto address = asio::ip::make_address(host, error);
-    const auto port = colon == std::string::npos ? std::nullopt : parseInteger(listen.substr(colon + 1));
+    const std::optional<int64_t> port =
+        parseInteger(colon == std::string::npos ? "" : listen.substr(colon + 1));
     if (error || !port || *port < 0 || *port > 65'535) {
         cannotListen(listen, "it has to be ADDRESS:PORT, such as 127.0.0.1:9427 or [::1]:9427");
     }

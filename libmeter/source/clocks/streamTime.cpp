@@ -11,6 +11,10 @@ constexpr uint64_t kPacketBits = kPacketSize * 8;
 constexpr uint64_t kLongestPacket = static_cast<uint64_t>(kTicksPerSecond);
 constexpr uint64_t kSkipLimit = 1 << 20;
 
+bool isFaster(const Pace& a, const Pace& b) {
+    return b.slowerThan(a);
+}
+
 }  // namespace
 
 void StreamTime::setConstantPace(uint64_t bitrate) {
@@ -53,8 +57,11 @@ void StreamTime::addPace(const Pace& pace) {
     }
     std::array<Pace, kPaces> sorted = paces_;
     const std::size_t known = std::min<std::size_t>(paceCount_, kPaces);
-    std::sort(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(known),
-              [](const Pace& a, const Pace& b) { return b.slowerThan(a); });
+    // By insertion: there are few, and GCC 14 takes std::sort to go beyond them.
+    for (std::size_t i = 1; i < known; ++i) {
+        auto* const next = &sorted[i];
+        std::rotate(std::upper_bound(sorted.data(), next, *next, isFaster), next, next + 1);
+    }
     setFirstPace(sorted[known / 2]);
 }
 
