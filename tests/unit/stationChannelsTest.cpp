@@ -196,7 +196,7 @@ TEST_F(StationChannels, ManualHasEveryKeyAndAlarm) {
         EXPECT_NE(manual.str().find(row.str()), std::string::npos) << "docs/station.md lacks: " << row.str();
         ++rows;
     }
-    const std::string text = manual.str().substr(0, manual.str().find("\n## Events on the disk"));
+    const std::string text = manual.str().substr(0, manual.str().find("\n## Events on disk"));
     std::size_t written = 0;
     for (std::size_t at = text.find("\n## Configuration"); (at = text.find("\n| `", at)) != std::string::npos;
          ++at) {
