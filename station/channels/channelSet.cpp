@@ -26,13 +26,13 @@ class Merger {
         const auto changed = runtime_.find(channel.group);
         if (channel.origin != Origin::kRuntime && changed != runtime_.end()) {
             note(channel.group.text() + (changed->second.removed ? " was removed" : " was changed") +
-                 " at run time; what " + channel.place.text() + " says does not hold");
+                 " at run time, which overrides " + channel.place.text());
             return;
         }
         if (const auto first = merged_.channels.find(channel.group); first != merged_.channels.end()) {
             const std::string holder = first->second.place.text();
-            note(channel.group.text() + " stands in " + holder + " and in " + channel.place.text() + "; " +
-                 holder + " holds");
+            note(channel.group.text() + " is in " + holder + " and in " + channel.place.text() + "; " +
+                 holder + " applies");
             return;
         }
         if (merged_.channels.size() >= kChannelsLimit) {
@@ -41,7 +41,7 @@ class Merger {
         }
         if (!profiles_.contains(channel.profile)) {
             note(channel.group.text() + " names profile \"" + channel.profile + "\", which no [profile." +
-                 channel.profile + "] defines; the default profile holds");
+                 channel.profile + "] defines; the default profile applies");
             channel.profile = kDefaultProfile;
         }
         merged_.channels.emplace(channel.group, std::move(channel));

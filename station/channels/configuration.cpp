@@ -245,8 +245,8 @@ class ConfigurationParser {
         channel.place = reading_.place(at);
         const auto [other, isNew] = groups_.emplace(channel.group, at.begin.line);
         if (!isNew) {
-            reading_.mistake(at, "group " + channel.group.text() + " stands in line " +
-                                     std::to_string(other->second) + " already");
+            reading_.mistake(
+                at, "group " + channel.group.text() + " is already in line " + std::to_string(other->second));
             return;
         }
         configuration_.channels.push_back(std::move(channel));

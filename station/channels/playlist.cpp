@@ -210,8 +210,8 @@ class PlaylistParser {
         const auto [first, isNew] = lines_.emplace(channel->group, line_);
         if (!isNew) {
             ++playlist_.skipped;
-            note(channel->group.text() + " stands in line " + std::to_string(first->second) +
-                 " already; line skipped");
+            note(channel->group.text() + " is already in line " + std::to_string(first->second) +
+                 "; line skipped");
             return;
         }
         describe(*channel);

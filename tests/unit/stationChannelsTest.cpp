@@ -137,7 +137,7 @@ TEST_F(StationChannels, EveryMistakeIsToldWithItsPlace) {
         {"[[channel]]\ngroup = \"udp://10.1.1.1@239.1.1.9:5000\"",
          "2:9: \"group\" must be the group alone, without scheme and port: \"239.1.1.9\""},
         {"[[channel]]\ngroup = \"239.1.1.1\"\nnane = \"x\"\n[[channel]]\ngroup = \"239.1.1.1\"",
-         "3:1: \"nane\" is no key|5:9: group 239.1.1.1 stands in line 2 already"},
+         "3:1: \"nane\" is no key|5:9: group 239.1.1.1 is already in line 2"},
         {"[[channel]]\ngroup = \"239.1.1.1\"\nname = \"a\\u0007\"\nprofile = \"sd\"\nlabels = { a = 1 }",
          "3:8: \"name\" must be|4:11: no [profile.sd]|5:16: \"a\" must be a string"},
         {"[profile.x.continuty]\n[profile.y]\ncrc = 1",
@@ -307,7 +307,7 @@ TEST_F(StationChannels, HostilePlaylistsAreBoundedAndReadBack) {
     EXPECT_EQ(playlist.channels[1].name, "<script>\xE2\x80\xAE");
     EXPECT_EQ(playlist.skipped, 4u);
     ASSERT_THAT(playlist.notes, SizeIs(5));
-    EXPECT_EQ(playlist.notes[1].text, "239.1.1.1 stands in line 3 already; line skipped");
+    EXPECT_EQ(playlist.notes[1].text, "239.1.1.1 is already in line 3; line skipped");
 
     ChannelMap channels;
     for (const Channel& one : playlist.channels) {
@@ -367,12 +367,12 @@ TEST_F(StationChannels, OneSetIsMadeByPrecedence) {
     EXPECT_EQ(merged.channels.at(group("239.1.1.4")).labels, (Labels{{"group", "own"}, {"site", "n"}}));
     EXPECT_THAT(merged.notes,
                 ElementsAre(HasSubstr("239.1.1.2 names profile \"gone\""),
-                            "239.1.1.2 was changed at run time; what /e/station.toml:5 says does not hold",
-                            "239.1.1.3 was removed at run time; what /e/station.toml:8 says does not hold",
-                            "239.1.1.1 stands in /e/station.toml:2 and in " + first.string() +
-                                ":2; /e/station.toml:2 holds",
-                            "239.1.1.4 stands in " + first.string() + ":4 and in " + second.string() +
-                                ":3; " + first.string() + ":4 holds"));
+                            "239.1.1.2 was changed at run time, which overrides /e/station.toml:5",
+                            "239.1.1.3 was removed at run time, which overrides /e/station.toml:8",
+                            "239.1.1.1 is in /e/station.toml:2 and in " + first.string() +
+                                ":2; /e/station.toml:2 applies",
+                            "239.1.1.4 is in " + first.string() + ":4 and in " + second.string() + ":3; " +
+                                first.string() + ":4 applies"));
 
     ChannelMap after = merged.channels;
     EXPECT_THAT(compareChannels(merged.channels, after).changed, IsEmpty());
