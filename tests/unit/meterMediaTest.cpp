@@ -137,7 +137,7 @@ void compareVideo(const StreamReport& stream, const json& expected, const char* 
     const VideoReport& video = *stream.video;
     EXPECT_EQ(video.width, expected.at("width"));
     EXPECT_EQ(video.height, expected.at("height"));
-    EXPECT_EQ(video.pixelAspect, expected.at("sample_aspect_ratio"));
+    EXPECT_EQ(video.pixelAspect, expected.at("sample_aspect_ratio").get<std::string>());
     EXPECT_NEAR(video.frameRate.value_or(0), ratio(expected.at("r_frame_rate")), 0.001);
     EXPECT_NEAR(video.picturesPerSecond.value_or(0), ratio(expected.at("r_frame_rate")), 0.01);
     EXPECT_EQ(video.interlaced, expected.value("field_order", "progressive") != "progressive");
@@ -152,7 +152,8 @@ void compareVideo(const StreamReport& stream, const json& expected, const char* 
 
 void compareAudio(const StreamReport& stream, const json& expected) {
     ASSERT_TRUE(stream.audio);
-    EXPECT_EQ(std::to_string(stream.audio->sampleRate.value_or(0)), expected.at("sample_rate"));
+    EXPECT_EQ(std::to_string(stream.audio->sampleRate.value_or(0)),
+              expected.at("sample_rate").get<std::string>());
     EXPECT_EQ(stream.audio->channels, expected.at("channels"));
     EXPECT_EQ(stream.audio->profile.value_or(""), profileOf(expected));
     if (expected.contains("bit_rate")) {
