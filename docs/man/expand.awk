@@ -55,8 +55,8 @@ function table_row(line,    cells, count, i, head, more, meaning, cell) {
   head = more = meaning = ""
   for (i = 1; i <= count; ++i) {
     cell = inline(tidy(cells[i]))
-    if (title[i] ~ /^(name|key|alarm|file|signal|line|what is seen)$/ || (title[i] == "" && i == 1)) head = cell
-    else if (title[i] == "meaning" || title[i] == "" || title[i] == "does" || title[i] ~ /^why/) meaning = cell
+    if (title[i] ~ /^(name|key|alarm|file|signal|line|check|package|symptom|what is seen)$/ || (title[i] == "" && i == 1)) head = cell
+    else if (title[i] == "meaning" || title[i] == "" || title[i] ~ /^(does|looks at|contents|cause and remedy)$/ || title[i] ~ /^why/) meaning = cell
     else if (cell != "" && cell != "-" && !(title[i] == "unit, range" && cell == "the alarm's")) more = more (more == "" ? "" : "; ") detail(title[i], cell)
   }
   if (head == "") { # no column is a name: the first is
