@@ -111,7 +111,8 @@ check-32bit: build
 cross: build
 	scripts/cross $(ARCH)
 
-## deb           Debian packages into build/deb, for this machine or ARCH (arm64, armhf), and lintian; root
+## deb           Debian packages into build/deb, for this machine or ARCH (arm64, armhf), and lintian; root. SUITE=bookworm
+##               or trixie for that Debian, here and for the next two; DEB_BUILD_OPTIONS=nocheck without the unit tests
 .PHONY: deb check-packages
 deb:
 	scripts/deb $(ARCH)
