@@ -145,7 +145,7 @@ prepare() {
 packages=("${toolchain[@]}" "${tools[@]}" "${test_packages[@]}")
 [ "$mode" != where ] || { echo "$root"; exit; }
 [ "$(id -u)" -eq 0 ] || { echo "chroot.sh: only root can make chroots" >&2; exit 1; }
-exec {lock}>"/run/lock/kestor-$(basename "$root")"
+exec {lock}>"/run/lock/kestor-chroot-${root##*/build-}"
 case $mode in
   prepare) "$tree/scripts/install-deps.sh" chroot; flock "$lock"; prepare ;;
   run) flock -s "$lock"; inside --net kept "$@" ;;
