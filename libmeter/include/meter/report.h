@@ -275,6 +275,9 @@ struct Report {
     std::vector<ChangeReport> changes;
 };
 
+// The checks of ETSI TR 101 290 that a report has, in its order, as when none ever failed.
+std::vector<CheckReport> allChecks();
+
 // The JSON document of a report, on one line, without an end of line; schema 1.
 std::string toJson(const Report& report);
 

@@ -100,4 +100,10 @@ void CheckBook::fill(std::vector<CheckReport>& reports) const {
     }
 }
 
+std::vector<CheckReport> allChecks() {
+    std::vector<CheckReport> reports;
+    CheckBook().fill(reports);
+    return reports;
+}
+
 }  // namespace meter

@@ -1,0 +1,70 @@
+#include "captureFilter.h"
+
+#include <net/ethernet.h>
+#include <netinet/in.h>
+
+namespace meterd {
+
+namespace {
+
+constexpr uint32_t kTypeAt = 12;
+constexpr uint32_t kTagBytes = 4;
+constexpr uint32_t kHeaderBytes = 14;
+constexpr uint32_t kProtocolAt = 9;  // in the IPv4 header
+constexpr uint32_t kDestinationAt = 16;
+constexpr uint32_t kWhole = 0x40000;
+constexpr uint32_t kStackedVlan = 0x88A8;  // IEEE 802.1ad
+
+sock_filter statement(uint16_t code, uint32_t k) {
+    return {code, 0, 0, k};
+}
+sock_filter jump(uint16_t code, uint32_t k, uint8_t yes, uint8_t no) {
+    return {code, yes, no, k};
+}
+
+}  // namespace
+
+std::vector<sock_filter> multicastFilter() {
+    std::vector<sock_filter> program;
+    // For no, one and two tags: is it IPv4 here? Then X is where its header begins. Else a tag has to be
+    // there. Each step has 7 instructions, the tail comes behind the three.
+    constexpr uint8_t kStep = 7;
+    constexpr unsigned kSteps = 3;
+    for (unsigned tags = 0; tags < kSteps; ++tags) {
+        const auto remaining = static_cast<uint8_t>((kSteps - tags - 1) * kStep);
+        const uint32_t type = kTypeAt + tags * kTagBytes;
+        program.push_back(statement(BPF_LD | BPF_H | BPF_ABS, type));
+        program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, ETHERTYPE_IP, 0, 2));
+        program.push_back(statement(BPF_LDX | BPF_W | BPF_IMM, kHeaderBytes + tags * kTagBytes));
+        program.push_back(statement(BPF_JMP | BPF_JA, remaining + 3U));
+        const bool last = tags + 1 == kSteps;
+        program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, ETHERTYPE_VLAN, last ? 1 : 2, 0));
+        program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, kStackedVlan, last ? 0 : 1, 0));
+        program.push_back(statement(BPF_RET | BPF_K, 0));
+    }
+    program.push_back(statement(BPF_LD | BPF_B | BPF_IND, kProtocolAt));
+    program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_UDP, 0, 3));
+    program.push_back(statement(BPF_LD | BPF_B | BPF_IND, kDestinationAt));
+    program.push_back(statement(BPF_ALU | BPF_AND | BPF_K, 0xF0));
+    program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, 0xE0, 1, 0));
+    program.push_back(statement(BPF_RET | BPF_K, 0));
+    program.push_back(statement(BPF_RET | BPF_K, kWhole));
+    return program;
+}
+
+std::vector<sock_filter> shareFilter(unsigned shares) {
+    // The kernel has taken the outer tag out and looks from the network header on: an inner tag may stand
+    // there.
+    constexpr auto kNetwork = static_cast<uint32_t>(SKF_NET_OFF);
+    constexpr auto kType = static_cast<uint32_t>(SKF_AD_OFF + SKF_AD_PROTOCOL);
+    constexpr uint32_t kLastByte = kDestinationAt + 3;
+    return {statement(BPF_LD | BPF_H | BPF_ABS, kType),
+            jump(BPF_JMP | BPF_JEQ | BPF_K, ETHERTYPE_IP, 0, 2),
+            statement(BPF_LD | BPF_B | BPF_ABS, kNetwork + kLastByte),
+            statement(BPF_JMP | BPF_JA, 1),
+            statement(BPF_LD | BPF_B | BPF_ABS, kNetwork + kTagBytes + kLastByte),
+            statement(BPF_ALU | BPF_MOD | BPF_K, shares),
+            statement(BPF_RET | BPF_A, 0)};
+}
+
+}  // namespace meterd

@@ -1,0 +1,195 @@
+#include <arpa/inet.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <pcap/pcap.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+#include <string_view>
+
+#include "arrivalClock.h"
+#include "capture.h"
+#include "captureFilter.h"
+
+namespace meterd {
+
+namespace {
+
+constexpr std::string_view kProbesName = "eth0";
+constexpr int kSnapLength = 2048;  // a frame of 1500 bytes with tags; longer ones are fragments of UDP anyway
+constexpr int kBlockMs = 20;       // the kernel hands over what is there after this long at the latest
+constexpr int64_t kNsPerSecond = 1'000'000'000;
+
+// fanout modes and flags, as linux/if_packet.h has them
+constexpr int kFanoutOptionBits = 16;
+
+struct Closer {
+    void operator()(pcap_t* handle) const {
+        pcap_close(handle);
+    }
+};
+
+std::string hint(int error) {
+    if (error == PCAP_ERROR_PERM_DENIED || error == PCAP_ERROR_PROMISC_PERM_DENIED) {
+        return "; needs CAP_NET_RAW";
+    }
+    return "";
+}
+
+class LiveCapture final : public Capture {
+  public:
+    explicit LiveCapture(const LiveOptions& options)
+        : interface_(options.interface), share_(options.share), clock_(readClocks()) {
+        char error[PCAP_ERRBUF_SIZE] = "";
+        handle_.reset(pcap_create(interface_.c_str(), error));
+        if (!handle_) {
+            throw std::runtime_error(interface_ + ": " + error);
+        }
+        pcap_t* handle = handle_.get();
+        pcap_set_snaplen(handle, kSnapLength);
+        pcap_set_promisc(handle, 0);
+        pcap_set_timeout(handle, kBlockMs);
+        pcap_set_buffer_size(handle, static_cast<int>(options.ringMib * 1024 * 1024));
+        pcap_set_tstamp_precision(handle, PCAP_TSTAMP_PRECISION_NANO);
+        if (const int status = pcap_activate(handle); status < 0) {
+            const std::string_view more = pcap_geterr(handle);
+            throw std::runtime_error(interface_ + ": " + pcap_statustostr(status) +
+                                     (more.empty() ? "" : " (" + std::string(more) + ")") + hint(status));
+        }
+        if (pcap_datalink(handle) != DLT_EN10MB) {
+            throw std::runtime_error(interface_ + ": is no Ethernet interface");
+        }
+        if (pcap_setnonblock(handle, 1, error) != 0) {
+            throw std::runtime_error(interface_ + ": " + error);
+        }
+        // What goes out is not looked at: a machine that sends what it receives has it once.
+        pcap_setdirection(handle, PCAP_D_IN);
+        setFilter();
+        if (share_.of > 1) {
+            joinFanout(options.fanoutGroup);
+        }
+        cardDropsBefore_ = readCardDrops();
+    }
+
+    int descriptor() const override {
+        return pcap_get_selectable_fd(handle_.get());
+    }
+
+    std::size_t read(std::size_t limit, const DatagramSink& sink) override {
+        clock_.look(readClocks());
+        sink_ = &sink;
+        const int count = pcap_dispatch(handle_.get(), static_cast<int>(limit), &LiveCapture::take,
+                                        reinterpret_cast<u_char*>(this));
+        if (count < 0) {
+            throw std::runtime_error(interface_ + ": " + pcap_geterr(handle_.get()));
+        }
+        frames_ += static_cast<uint64_t>(count);
+        return static_cast<std::size_t>(count);
+    }
+
+    CaptureCounts counts() override {
+        pcap_stat now{};
+        if (pcap_stats(handle_.get(), &now) == 0) {
+            // libpcap's counters have 32 bits.
+            kernelDrops_ += now.ps_drop - kernelBefore_;
+            kernelBefore_ = now.ps_drop;
+        }
+        const uint64_t card = readCardDrops();
+        if (card > cardDropsBefore_) {
+            cardDrops_ += card - cardDropsBefore_;
+        }
+        cardDropsBefore_ = card;
+        return {frames_, kernelDrops_, cardDrops_};
+    }
+
+  private:
+    static void take(u_char* self, const pcap_pkthdr* header, const u_char* bytes) {
+        reinterpret_cast<LiveCapture*>(self)->take(*header, bytes);
+    }
+
+    void take(const pcap_pkthdr& header, const u_char* bytes) {
+        if (meter::readFrame(meter::LinkLayer::kEthernet, {bytes, header.caplen}, datagram_) ==
+                meter::FrameContent::kOther ||
+            !share_.takes(datagram_.destination)) {
+            return;
+        }
+        datagram_.wall = int64_t{header.ts.tv_sec} * kNsPerSecond + header.ts.tv_usec;  // ns, as asked for
+        datagram_.arrival = clock_.arrival(datagram_.wall);
+        (*sink_)(datagram_);
+    }
+
+    void setFilter() {
+        static_assert(sizeof(bpf_insn) == sizeof(sock_filter));
+        const std::vector<sock_filter> instructions = multicastFilter();
+        std::vector<bpf_insn> copy(instructions.size());
+        std::memcpy(copy.data(), instructions.data(), instructions.size() * sizeof(sock_filter));
+        bpf_program program{static_cast<u_int>(copy.size()), copy.data()};
+        if (pcap_setfilter(handle_.get(), &program) != 0) {
+            throw std::runtime_error(interface_ + ": " + pcap_geterr(handle_.get()));
+        }
+    }
+
+    void joinFanout(uint16_t group) {
+        const int fd = pcap_fileno(handle_.get());
+        const int option = group | PACKET_FANOUT_CBPF << kFanoutOptionBits;
+        std::vector<sock_filter> instructions = shareFilter(share_.of);
+        const sock_fprog program{static_cast<unsigned short>(instructions.size()), instructions.data()};
+        if (setsockopt(fd, SOL_PACKET, PACKET_FANOUT, &option, sizeof option) != 0 ||
+            setsockopt(fd, SOL_PACKET, PACKET_FANOUT_DATA, &program, sizeof program) != 0) {
+            throw std::runtime_error(interface_ +
+                                     ": frames cannot be shared among threads: " + std::strerror(errno));
+        }
+    }
+
+    // rx_dropped also counts frames of protocols that nobody wants, but not while somebody captures all.
+    uint64_t readCardDrops() const {
+        uint64_t sum = 0;
+        for (const char* counter : {"rx_missed_errors", "rx_dropped", "rx_fifo_errors"}) {
+            std::ifstream file("/sys/class/net/" + interface_ + "/statistics/" + counter);
+            uint64_t value = 0;
+            file >> value;
+            sum += value;
+        }
+        return sum;
+    }
+
+    std::string interface_;
+    Share share_;
+    ArrivalClock clock_;
+    std::unique_ptr<pcap_t, Closer> handle_;
+    const DatagramSink* sink_ = nullptr;  // of the call of read() that runs
+    meter::Datagram datagram_;
+    uint64_t frames_ = 0;
+    uint64_t kernelDrops_ = 0;
+    uint32_t kernelBefore_ = 0;
+    uint64_t cardDrops_ = 0;
+    uint64_t cardDropsBefore_ = 0;
+};
+
+}  // namespace
+
+std::unique_ptr<Capture> openLive(const LiveOptions& options) {
+    return std::make_unique<LiveCapture>(options);
+}
+
+std::string defaultInterface() {
+    char error[PCAP_ERRBUF_SIZE] = "";
+    pcap_if_t* head = nullptr;
+    if (pcap_findalldevs(&head, error) != 0) {
+        return "";
+    }
+    std::string found;
+    for (const pcap_if_t* device = head; device != nullptr && found.empty(); device = device->next) {
+        if (std::string_view(device->name).find(kProbesName) != std::string_view::npos) {
+            found = device->name;
+        }
+    }
+    pcap_freealldevs(head);
+    return found;
+}
+
+}  // namespace meterd

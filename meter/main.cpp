@@ -1,0 +1,154 @@
+// kestor-meter: measures what arrives, by the letter of the standards, and tells the station.
+#include <net/if.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "completion.h"
+#include "joins.h"
+#include "stationLink.h"
+#include "worker.h"
+
+namespace {
+
+constexpr unsigned kThreadsLimit = 16;
+constexpr std::size_t kRingMibLimit = 1024;
+constexpr int kServeMs = 100;
+
+volatile std::sig_atomic_t ending = 0;
+
+int64_t now() {
+    return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
+}
+
+// Where nothing is named, the probe's interface, looked for each time: it may come later.
+meterd::CaptureMaker liveMaker(meterd::LiveOptions options) {
+    return [options = std::move(options)]() mutable {
+        meterd::LiveOptions chosen = options;
+        if (chosen.interface.empty()) {
+            chosen.interface = meterd::defaultInterface();
+        }
+        if (chosen.interface.empty()) {
+            throw std::runtime_error("no interface whose name contains eth0; --interface names another");
+        }
+        return meterd::openLive(chosen);
+    };
+}
+
+class Daemon {
+  public:
+    Daemon(std::string interface, std::size_t ringMib, unsigned threads, const std::string& socket)
+        : interface_(std::move(interface)),
+          link_(socket, KESTOR_VERSION, outbox_,
+                {[this] {
+                     for (const auto& worker : workers_) {
+                         worker->describeAnew();
+                     }
+                 },
+                 [this](const metering::Groups& groups) { watch(groups); }}) {
+        for (unsigned i = 0; i < threads; ++i) {
+            const meterd::LiveOptions options{
+                interface_, ringMib, {i, threads}, static_cast<uint16_t>(getpid())};
+            workers_.push_back(
+                std::make_unique<meterd::Worker>(options.share, interface_, liveMaker(options), outbox_));
+        }
+        for (const auto& worker : workers_) {
+            threads_.emplace_back([&worker](const std::stop_token& stop) { worker->run(stop); });
+        }
+    }
+
+    void run() {
+        while (ending == 0) {
+            link_.serve(kServeMs);
+            if (now() >= nextJoins_) {
+                join();
+            }
+        }
+    }
+
+  private:
+    static constexpr int64_t kJoinsInterval = 1'000'000'000;
+
+    void watch(const metering::Groups& groups) {
+        const auto list = std::make_shared<const meterd::WatchList>(meterd::watchListOf(groups));
+        wanted_.clear();
+        for (const meterd::Watch& watch : list->groups) {
+            if (watch.join) {
+                wanted_.push_back({watch.group, watch.settings.source});
+            }
+        }
+        for (const auto& worker : workers_) {
+            worker->watch(list);
+        }
+        join();
+    }
+
+    void join() {
+        nextJoins_ = now() + kJoinsInterval;
+        const std::string interface = interface_.empty() ? meterd::defaultInterface() : interface_;
+        const int index = interface.empty() ? 0 : static_cast<int>(if_nametoindex(interface.c_str()));
+        const int64_t before = now();
+        std::vector<uint32_t> groups;
+        for (const meterd::Membership& membership : joins_.apply(index, wanted_)) {
+            groups.push_back(membership.group);
+        }
+        for (const auto& worker : workers_) {
+            worker->setJoined({joins_.joined(), joins_.failures(), joins_.problem()});
+            if (!groups.empty()) {
+                worker->joined(groups, before);
+            }
+        }
+    }
+
+    const std::string interface_;
+    meterd::Outbox outbox_;
+    std::vector<std::unique_ptr<meterd::Worker>> workers_;
+    std::vector<meterd::Membership> wanted_;
+    meterd::Joins joins_;
+    int64_t nextJoins_ = 0;
+    meterd::StationLink link_;
+    std::vector<std::jthread> threads_;  // last: they use what is above
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{
+        "Measures multicast transport streams as they arrive, by the letter of the standards, beside the "
+        "probe. What to\n"
+        "watch comes from kestor-station, which takes the measures and shows them."};
+    std::string interface;
+    std::string socket = metering::kSocketPath;
+    std::size_t ringMib = 64;
+    unsigned threads = 1;
+    app.add_option("--interface", interface, "Captures there; by default where the probe does: eth0.");
+    app.add_option("--ring-mib", ringMib, "Size of each thread's ring in MiB.")
+        ->check(CLI::Range(std::size_t{1}, kRingMibLimit))
+        ->capture_default_str();
+    app.add_option("--threads", threads, "Threads, among which the groups are shared.")
+        ->check(CLI::Range(1U, kThreadsLimit))
+        ->capture_default_str();
+    app.add_option("--socket", socket, "The station's socket.")->capture_default_str();
+    app.set_version_flag("--version", std::string("kestor-meter ") + KESTOR_VERSION);
+    CLI11_PARSE(app, argc, argv);
+
+    struct sigaction action {};
+    action.sa_handler = [](int) { ending = 1; };
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    try {
+        Daemon(interface, ringMib, threads, socket).run();
+    } catch (const std::exception& error) {
+        fprintf(stderr, "kestor-meter: %s\n", error.what());
+        return 1;
+    }
+    return 0;
+}

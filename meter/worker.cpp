@@ -1,0 +1,218 @@
+#include "worker.h"
+
+#include <poll.h>
+#include <ctime>
+
+#include <algorithm>
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+
+#include "framing.h"
+
+namespace meterd {
+
+namespace {
+
+int64_t now() {
+    return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
+}
+int64_t wallNow() {
+    return std::chrono::system_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
+}
+
+uint64_t processorMicroseconds() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<uint64_t>(time.tv_sec) * 1'000'000 + static_cast<uint64_t>(time.tv_nsec) / 1000;
+}
+
+CaptureCounts operator+(const CaptureCounts& a, const CaptureCounts& b) {
+    return {a.frames + b.frames, a.kernelDrops + b.kernelDrops, a.cardDrops + b.cardDrops};
+}
+
+}  // namespace
+
+Worker::Worker(Share share, std::string interface, CaptureMaker maker, Outbox& outbox)
+    : share_(share),
+      interface_(std::move(interface)),
+      maker_(std::move(maker)),
+      outbox_(outbox),
+      shard_(share),
+      sink_([this](const meter::Datagram& datagram) { shard_.feed(datagram); }) {}
+
+void Worker::watch(std::shared_ptr<const WatchList> list) {
+    const std::lock_guard lock(mutex_);
+    ordered_ = std::move(list);
+}
+
+void Worker::describeAnew() {
+    const std::lock_guard lock(mutex_);
+    describe_ = true;
+}
+
+void Worker::joined(std::vector<uint32_t> groups, int64_t when) {
+    const std::lock_guard lock(mutex_);
+    for (const uint32_t group : groups) {
+        joinedGroups_.emplace_back(group, when);
+    }
+}
+
+void Worker::setJoined(Joined joined) {
+    const std::lock_guard lock(mutex_);
+    joined_ = std::move(joined);
+}
+
+void Worker::takeOrders() {
+    std::shared_ptr<const WatchList> list;
+    std::vector<std::pair<uint32_t, int64_t>> groups;
+    {
+        const std::lock_guard lock(mutex_);
+        list = std::exchange(ordered_, nullptr);
+        groups = std::exchange(joinedGroups_, {});
+        if (std::exchange(describe_, false)) {
+            shard_.describeAnew();
+        }
+    }
+    if (list) {
+        shard_.watch(*list);
+    }
+    for (const auto& [group, when] : groups) {
+        shard_.joined(group, when);
+    }
+}
+
+void Worker::run(const std::stop_token& stop) {
+    secondEnd_ = now() - kLag + kSecond;
+    while (!stop.stop_requested()) {
+        takeOrders();
+        const int64_t begin = now();
+        capture(begin);
+        // While frames wait in the ring the time of arrivals is theirs.
+        const int64_t told = begin - kLag;
+        if (begin >= nextTick_ && empty_) {
+            nextTick_ = begin + kTick;
+            shard_.tick(told);
+            if (outbox_.isOpen()) {
+                for (metering::Happened& happened : shard_.takeEvents()) {
+                    metering::FromMeter message;
+                    *message.mutable_happened() = std::move(happened);
+                    outbox_.pushEvent(metering::framed(message));
+                }
+            }
+        }
+        if (reporting_) {
+            continueReport();
+        } else if (told >= secondEnd_) {
+            finishSecond();
+        }
+    }
+}
+
+void Worker::capture(int64_t when) {
+    if (!capture_ && when >= nextOpen_) {
+        openCapture(when);
+    }
+    if (!capture_) {
+        empty_ = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return;
+    }
+    try {
+        waitAndRead(when);
+    } catch (const std::runtime_error& error) {
+        problem_ = error.what();
+        ended_ = ended_ + capture_->counts();
+        capture_.reset();
+        nextOpen_ = when + kReopen;
+    }
+}
+
+void Worker::openCapture(int64_t when) {
+    try {
+        capture_ = maker_();
+        problem_.clear();
+    } catch (const std::runtime_error& error) {
+        problem_ = error.what();
+        nextOpen_ = when + kReopen;
+    }
+}
+
+void Worker::waitAndRead(int64_t when) {
+    if (capture_->ended()) {
+        empty_ = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return;
+    }
+    const int descriptor = capture_->descriptor();
+    if (descriptor >= 0 && !reporting_) {
+        const int64_t wait = std::max<int64_t>(0, std::min(nextTick_ - when, kTick));
+        pollfd poll{descriptor, POLLIN, 0};
+        ::poll(&poll, 1, static_cast<int>(wait / kMs) + 1);
+    }
+    empty_ = capture_->read(kBatch, sink_) == 0;
+}
+
+void Worker::finishSecond() {
+    const int64_t late = now() - kLag - secondEnd_;
+    const auto missed = late / kSecond;  // of a process that was stopped
+    secondEnd_ += (1 + missed) * kSecond;
+    number_ += static_cast<uint64_t>(1 + missed);
+    const CaptureCounts counts = ended_ + (capture_ ? capture_->counts() : CaptureCounts{});
+    const bool dropped =
+        counts.kernelDrops > atSecondEnd_.kernelDrops || counts.cardDrops > atSecondEnd_.cardDrops;
+    atSecondEnd_ = counts;
+    if (!outbox_.isOpen()) {
+        return;
+    }
+    part_.Clear();
+    part_.set_thread(share_.index);
+    part_.set_threads(share_.of);
+    part_.set_number(number_);
+    part_.set_wall_ns(wallNow());
+    part_.set_seconds_lost(outbox_.secondsLost());
+    metering::Capture& capture = *part_.mutable_capture();
+    capture.set_interface(interface_);
+    capture.set_problem(problem_);
+    capture.set_frames(counts.frames);
+    capture.set_kernel_drops(counts.kernelDrops);
+    capture.set_card_drops(counts.cardDrops);
+    capture.set_processor_us(processorMicroseconds());
+    capture.set_dropped(dropped);
+    {
+        const std::lock_guard lock(mutex_);
+        capture.set_joined(static_cast<uint32_t>(joined_.count));
+        capture.set_join_failures(static_cast<uint32_t>(joined_.failures));
+        capture.set_join_problem(joined_.problem);
+    }
+    partNumber_ = 0;
+    parts_.clear();
+    reporting_ = true;
+    continueReport();
+}
+
+void Worker::continueReport() {
+    shard_.report(kGroupsPerSlice, part_);
+    if (!part_.last() && part_.report_size() < static_cast<int>(kGroupsPerPart)) {
+        return;
+    }
+    part_.set_part(partNumber_++);
+    metering::FromMeter message;
+    message.mutable_second()->Swap(&part_);
+    parts_.push_back(metering::framed(message));
+    const bool last = message.second().last();
+    if (!last) {
+        // The next part has the same head.
+        part_ = message.second();
+        part_.clear_report();
+        return;
+    }
+    reporting_ = false;
+    if (!outbox_.pushSecond(std::move(parts_))) {
+        // What was new in it has to be told again.
+        shard_.describeAnew();
+    }
+    parts_.clear();
+}
+
+}  // namespace meterd

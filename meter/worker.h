@@ -1,0 +1,89 @@
+// A thread that captures and measures its share of the groups.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stop_token>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "capture.h"
+#include "outbox.h"
+#include "shard.h"
+
+namespace meterd {
+
+// Makes a capture, or throws std::runtime_error with the reason. Tests and files have makers of their own.
+using CaptureMaker = std::function<std::unique_ptr<Capture>()>;
+
+class Worker {
+  public:
+    // `outbox` outlives it.
+    Worker(Share share, std::string interface, CaptureMaker maker, Outbox& outbox);
+
+    // Runs until it is asked to stop, on the thread that calls it.
+    void run(const std::stop_token& stop);
+
+    // From any thread; taken up within 100 ms.
+    void watch(std::shared_ptr<const WatchList> list);
+    void describeAnew();
+    void joined(std::vector<uint32_t> groups, int64_t now);
+    // What is told of memberships with each second.
+    struct Joined {
+        std::size_t count = 0;
+        std::size_t failures = 0;
+        std::string problem;
+    };
+    void setJoined(Joined joined);
+
+  private:
+    void takeOrders();
+    void capture(int64_t now);
+    void openCapture(int64_t now);
+    void waitAndRead(int64_t now);
+    void finishSecond();
+    void continueReport();
+
+    static constexpr int64_t kMs = 1'000'000;
+    static constexpr int64_t kSecond = 1000 * kMs;
+    static constexpr int64_t kTick = 100 * kMs;
+    // How long a frame may stand in the ring before it is seen: time is told to analysers with this delay.
+    static constexpr int64_t kLag = 100 * kMs;
+    static constexpr int64_t kReopen = kSecond;
+    static constexpr std::size_t kBatch = 512;          // frames
+    static constexpr std::size_t kGroupsPerSlice = 16;  // reports between two looks at the ring
+    static constexpr std::size_t kGroupsPerPart = 256;
+
+    const Share share_;
+    const std::string interface_;
+    const CaptureMaker maker_;
+    Outbox& outbox_;
+    Shard shard_;
+
+    std::unique_ptr<Capture> capture_;
+    DatagramSink sink_;
+    std::string problem_ = "not opened yet";
+    int64_t nextOpen_ = 0;
+    int64_t nextTick_ = 0;
+    int64_t secondEnd_ = 0;
+    bool empty_ = false;  // the last look found nothing in the ring
+    uint64_t number_ = 0;
+    CaptureCounts ended_;        // of captures that failed
+    CaptureCounts atSecondEnd_;  // all
+    // The second that is being reported.
+    bool reporting_ = false;
+    metering::Second part_;
+    uint32_t partNumber_ = 0;
+    std::vector<std::string> parts_;
+
+    std::mutex mutex_;  // guards the orders below
+    std::shared_ptr<const WatchList> ordered_;
+    bool describe_ = false;
+    std::vector<std::pair<uint32_t, int64_t>> joinedGroups_;
+    Joined joined_;
+};
+
+}  // namespace meterd
