@@ -1,0 +1,468 @@
+// kestor-meter without a network: times, filters, messages, shards, what waits to be sent, a worker.
+#include <gtest/gtest.h>
+#include <pcap/pcap.h>
+#include <poll.h>
+
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <thread>
+
+#include "arrivalClock.h"
+#include "captureFilter.h"
+#include "framing.h"
+#include "outbox.h"
+#include "reportMessages.h"
+#include "shard.h"
+#include "support/frameBuilder.h"
+#include "support/meterStream.h"
+#include "worker.h"
+
+namespace {
+
+using namespace meterd;
+using namespace std::chrono_literals;
+
+constexpr int64_t kMs = 1'000'000;
+constexpr int64_t kSecond = 1000 * kMs;
+constexpr uint32_t kGroup = 0xEF010101;
+
+TEST(MeterArrivalClock, KeepsArrivalsWhereTheyAreWhenTheWallClockIsSet) {
+    for (const int64_t step : {-3600 * kSecond, 3600 * kSecond, 200 * kMs, -50 * kMs}) {
+        SCOPED_TRACE(step);
+        int64_t wall = 1'700'000'000 * kSecond;
+        int64_t steady = 5 * kSecond;
+        ArrivalClock clock({wall, steady, 100});
+        // A frame each 10 ms, read 30 ms late; the clock is set between frames 50 and 51.
+        std::deque<int64_t> ring;
+        int64_t next = steady;
+        for (int i = 0; i < 150; ++i) {
+            ring.push_back(wall);
+            if (ring.size() > 3) {
+                clock.look({wall + 500, steady + 500, 100});
+                EXPECT_EQ(clock.arrival(ring.front()), next) << i;
+                ring.pop_front();
+                next += 10 * kMs;
+            }
+            wall += 10 * kMs;
+            steady += 10 * kMs;
+            if (i == 50) {
+                wall += step;
+            }
+        }
+        EXPECT_EQ(clock.steps(), 1U);
+    }
+}
+
+test::Bytes tagged(test::Bytes frame, int tags) {
+    for (int i = 0; i < tags; ++i) {
+        const test::Bytes tag = {static_cast<uint8_t>(i + 1 < tags ? 0x81 : 0x88),
+                                 static_cast<uint8_t>(i + 1 < tags ? 0x00 : 0xA8), 0, 7};
+        frame.insert(frame.begin() + 12, tag.begin(), tag.end());
+    }
+    return frame;
+}
+
+TEST(MeterCaptureFilter, LetsMulticastUdpThroughAlsoInVlansAndNothingElse) {
+    const auto filter = multicastFilter();
+    std::vector<bpf_insn> instructions(filter.size());
+    std::memcpy(instructions.data(), filter.data(), filter.size() * sizeof(sock_filter));
+    const bpf_program program{static_cast<u_int>(instructions.size()), instructions.data()};
+    ASSERT_EQ(bpf_validate(instructions.data(), static_cast<int>(instructions.size())), 1);
+    const auto passes = [&](const test::Bytes& frame) {
+        pcap_pkthdr header{};
+        header.caplen = header.len = static_cast<bpf_u_int32>(frame.size());
+        return pcap_offline_filter(&program, &header, frame.data()) != 0;
+    };
+    const test::Bytes payload(188, 0x47);
+    const test::Bytes frame = test::UdpFlow{}.frame(payload);
+    for (int tags = 0; tags <= 2; ++tags) {
+        EXPECT_TRUE(passes(tagged(frame, tags))) << tags;
+    }
+    EXPECT_FALSE(passes(tagged(frame, 3)));
+    EXPECT_FALSE(passes(test::UdpFlow{.group = "10.0.0.9"}.frame(payload)));
+    EXPECT_FALSE(passes(test::UdpFlow{.group = "240.0.0.9"}.frame(payload)));
+    test::Bytes tcp = frame;
+    tcp[14 + 9] = 6;
+    EXPECT_FALSE(passes(tcp));
+    test::Bytes other = frame;
+    other[12] = 0x86;
+    other[13] = 0xDD;
+    EXPECT_FALSE(passes(other));
+    EXPECT_FALSE(passes(test::Bytes(frame.begin(), frame.begin() + 20)));
+}
+
+TEST(MeterFraming, GivesWholeMessagesHoweverTheyCome) {
+    metering::FromMeter message;
+    message.mutable_hello()->set_version("1");
+    const std::string one = metering::framed(message);
+    message.mutable_hello()->set_version(std::string(70000, 'x'));
+    const std::string bytes = one + metering::framed(message) + one;
+    for (const std::size_t step : {std::size_t{1}, std::size_t{3}, std::size_t{5000}, bytes.size()}) {
+        metering::Unframer unframer;
+        std::vector<std::size_t> sizes;
+        for (std::size_t at = 0; at < bytes.size(); at += step) {
+            unframer.add(std::string_view(bytes).substr(at, step));
+            while (const auto text = unframer.next()) {
+                metering::FromMeter read;
+                ASSERT_TRUE(read.ParseFromArray(text->data(), static_cast<int>(text->size())));
+                sizes.push_back(read.hello().version().size());
+            }
+        }
+        EXPECT_EQ(sizes, (std::vector<std::size_t>{1, 70000, 1})) << step;
+    }
+    metering::Unframer unframer;
+    unframer.add(std::string_view("\x01\x00\x00\x01", 4));
+    EXPECT_THROW(unframer.next(), std::length_error);
+}
+
+// Every member has a value of its own.
+meter::Report fullReport() {
+    meter::Report report;
+    report.group = kGroup;
+    report.begin = "2026-01-02T03:04:05Z";
+    report.seconds = 12.5;
+    report.flow = {0x0A000001, 1234, 5000, "rtp", 7, 11, 12, 13, 14, 15, {100, 200}, 16, 46};
+    report.packets = {21, 22, 23, 24, {-5, "clock", 25, -26, 27, 28, 29, 30.5}};
+    report.bitrate = {31, 32, 33, 34, true, 0.35};
+    report.checks = meter::allChecks();
+    for (std::size_t i = 0; i < report.checks.size(); i += 2) {
+        meter::CheckReport& check = report.checks[i];
+        check.applicable = i % 4 == 0;
+        check.count = 1000 + i;
+        check.seconds = 2000 + i;
+        check.first = 0.5;
+        check.last = 1.5 + static_cast<double>(i);
+        check.active = i % 3 == 0;
+        check.pids = {{256, i}, {8190, 9}};
+    }
+    report.clocks = {{257, {1, 2}, 41.5, 42.5, true, 43.5, 44.5, 45, 46, 47.5, -48.5, 49, 50}};
+    report.network.emplace();
+    *report.network = {
+        51.5, 52.5, 53.5, 54.5, {},
+        55.5, 56.5, 57,   58,   meter::RtpReport{33, 0xDEADBEEF, 61, -62, 63, 64, 65, 66, 67.5, 68, 69}};
+    report.network->histogram[0] = 3;
+    report.network->histogram[20] = 4;
+    report.transport = {71, 72, "network", "2026-01-02T03:04:06Z", -73.5};
+    meter::StreamReport video;
+    video.pid = 258;
+    video.streamType = 0x1B;
+    video.codec = "H.264";
+    video.kind = meter::StreamKind::kVideo;
+    video.language = "deu";
+    video.ca = {{0x0100, 0x20}};
+    video.componentTag = 7;
+    video.video = {1920, 1080, "1:1", 25.0, true, "High", 40, "4:2:0", 8, "bt709", "HLG", 24.5};
+    video.gop = {"IBBP", 12, 480.5, 400.5, 500.5, 450.5, false, 3};
+    video.ptsAheadMs = 700.5;
+    meter::StreamReport audio;
+    audio.pid = 259;
+    audio.kind = meter::StreamKind::kAudio;
+    audio.audio = {48000, 2, 192000, "LC"};
+    meter::StreamReport text;
+    text.pid = 260;
+    text.kind = meter::StreamKind::kTeletext;
+    text.pages = {"100", "888"};
+    report.services.push_back({1,
+                               "one",
+                               "provider",
+                               25,
+                               4,
+                               256,
+                               17,
+                               258,
+                               true,
+                               {{0x0500, 0x30}},
+                               -12.5,
+                               meter::ProgrammeReport{"now", "2026-01-02T03:00:00Z", 3600000.0},
+                               meter::ProgrammeReport{"next", {}, {}},
+                               {video, audio, text}});
+    report.services.push_back({2, {}, {}, {}, {}, 300, {}, {}, {}, {}, {}, {}, {}, {}});
+    report.pids = {{258, "video", 81, 82, 83, 84, 85, 86, 87, "even", 88, true}};
+    meter::CueReport cue;
+    cue.pid = 500;
+    cue.command = "splice_insert";
+    cue.eventId = 9;
+    cue.out = true;
+    cue.immediate = false;
+    cue.pts = 1ULL << 32;
+    cue.at = "2026-01-02T03:04:09Z";
+    cue.aheadMs = 4000.5;
+    cue.durationMs = 30000.0;
+    cue.autoReturn = true;
+    cue.repetitions = 2;
+    cue.segmentation = {{52, "Provider Placement Opportunity Start", 4, 9, "AB", 5.5, 1, 2}};
+    report.cues = {cue};
+    report.cuesEncrypted = 91;
+    report.cuesMalformed = 92;
+    report.changes = {{1.5, "stream_added", 1, 259, "stream 259 was added"}};
+    return report;
+}
+
+TEST(MeterMessages, CarryEveryMemberThereAndBack) {
+    const auto carried = [](const meter::Report& report) {
+        metering::GroupReport levels;
+        metering::Description description;
+        levels.set_group(*report.group);
+        metering::writeLevels(report, levels);
+        metering::writeDescription(report, description);
+        metering::GroupReport levelsRead;
+        metering::Description descriptionRead;
+        EXPECT_TRUE(levelsRead.ParseFromString(levels.SerializeAsString()));
+        EXPECT_TRUE(descriptionRead.ParseFromString(description.SerializeAsString()));
+        return metering::readReport(levelsRead, descriptionRead);
+    };
+    const meter::Report full = fullReport();
+    const meter::Report read = carried(full);
+    EXPECT_EQ(meter::toJson(read), meter::toJson(full));
+    // What the JSON does not show.
+    EXPECT_EQ(read.checks[0].first, full.checks[0].first);
+    EXPECT_EQ(read.services.at(0).ca.size(), 1U);
+    EXPECT_EQ(read.services.at(0).streams.at(0).video->pixelAspect, "1:1");
+    EXPECT_EQ(read.services.at(0).streams.at(2).pages, full.services.at(0).streams.at(2).pages);
+    EXPECT_EQ(read.services.at(0).audioVideoMs, -12.5);
+    EXPECT_EQ(read.pids.at(0).keyChanges, 88U);
+    EXPECT_EQ(read.cues.at(0).autoReturn, true);
+    meter::Report empty;
+    empty.group = kGroup;
+    empty.checks = meter::allChecks();
+    EXPECT_EQ(meter::toJson(carried(empty)), meter::toJson(empty));
+}
+
+// Seven packets a datagram at their pace.
+struct Feed {
+    std::vector<test::TsPacket> packets = [] {
+        test::MeterStream stream;
+        stream.seconds = 3;
+        return stream.packets();
+    }();
+    std::size_t at = 0;
+    int64_t arrival = 10 * kSecond;
+    std::vector<uint8_t> bytes;
+
+    std::optional<meter::Datagram> next(uint32_t group = kGroup) {
+        if (at + 7 > packets.size()) {
+            return std::nullopt;
+        }
+        bytes.clear();
+        for (int i = 0; i < 7; ++i) {
+            bytes.insert(bytes.end(), packets[at].begin(), packets[at].end());
+            ++at;
+        }
+        meter::Datagram datagram;
+        datagram.arrival = datagram.wall = arrival;
+        arrival += static_cast<int64_t>(7 * test::MeterStream::kPacketMs * 1e6);
+        datagram.source = 0x0A000001;
+        datagram.sourcePort = 1000;
+        datagram.destination = group;
+        datagram.destinationPort = 5000;
+        datagram.payload = bytes;
+        return datagram;
+    }
+};
+
+metering::Group groupMessage(uint32_t group) {
+    metering::Group message;
+    message.set_group(group);
+    return message;
+}
+
+TEST(MeterShard, MeasuresItsShareAndTellsWhatChangedOnce) {
+    metering::Groups groups;
+    groups.set_revision(5);
+    for (const uint32_t group :
+         {kGroup, kGroup + 1, kGroup + 2, kGroup, 0x0A000001U}) {  // one twice, one unicast
+        *groups.add_group() = groupMessage(group);
+    }
+    groups.mutable_group(2)->set_port(70000);
+    const WatchList list = watchListOf(groups);
+    ASSERT_EQ(list.groups.size(), 2U);
+    Shard odd({1, 2});
+    Shard even({0, 2});
+    for (Shard* shard : {&odd, &even}) {
+        shard->watch(list);
+        EXPECT_EQ(shard->groups(), 1U);
+    }
+    Feed feed;
+    meter::Settings settings;
+    settings.group = kGroup;
+    meter::ChannelAnalyser alone(settings);
+    odd.joined(kGroup, feed.arrival - 25 * kMs);
+    while (const auto datagram = feed.next()) {
+        odd.feed(*datagram);
+        even.feed(*datagram);
+        alone.feed(*datagram);
+    }
+    odd.tick(feed.arrival);
+    alone.tick(feed.arrival);
+    metering::Second second;
+    odd.report(10, second);
+    ASSERT_EQ(second.report_size(), 1);
+    EXPECT_TRUE(second.last());
+    EXPECT_EQ(second.revision(), 5U);
+    const metering::GroupReport first = second.report(0);
+    EXPECT_DOUBLE_EQ(first.join_latency_ms(), 25);
+    ASSERT_TRUE(first.has_description());
+    // What comes out at the station is what the library says.
+    EXPECT_EQ(meter::toJson(metering::readReport(first, first.description())), meter::toJson(alone.report()));
+
+    second.Clear();
+    odd.report(10, second);
+    EXPECT_FALSE(second.report(0).has_description());
+    EXPECT_EQ(second.report(0).epoch(), first.epoch());
+    odd.describeAnew();
+    second.Clear();
+    odd.report(10, second);
+    EXPECT_TRUE(second.report(0).has_description());
+
+    // The same list again leaves it alone, another entry begins anew, an absent one is gone.
+    odd.watch(list);
+    second.Clear();
+    odd.report(10, second);
+    EXPECT_EQ(second.report(0).packets().received(), first.packets().received());
+    groups.mutable_group(0)->set_pid_absence_ms(1000);
+    odd.watch(watchListOf(groups));
+    second.Clear();
+    odd.report(10, second);
+    EXPECT_EQ(second.report(0).packets().received(), 0U);
+    EXPECT_NE(second.report(0).epoch(), first.epoch());
+    odd.watch({});
+    EXPECT_EQ(odd.groups(), 0U);
+}
+
+TEST(MeterShard, ReportsInSlicesEachGroupOnce) {
+    metering::Groups groups;
+    for (uint32_t i = 0; i < 50; ++i) {
+        *groups.add_group() = groupMessage(kGroup + i);
+    }
+    Shard shard({0, 1});
+    shard.watch(watchListOf(groups));
+    metering::Second second;
+    int slices = 0;
+    do {
+        shard.report(16, second);
+        ++slices;
+    } while (!second.last());
+    EXPECT_EQ(slices, 4);
+    ASSERT_EQ(second.report_size(), 50);
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(second.report(i).group(), kGroup + static_cast<uint32_t>(i));
+    }
+}
+
+TEST(MeterOutbox, DropsWholeSecondsWhenNobodyReadsAndCountsThem) {
+    Outbox outbox;
+    EXPECT_FALSE(outbox.pushSecond({"nobody listens"}));
+    EXPECT_EQ(outbox.secondsLost(), 0U);
+    outbox.open();
+    const std::string large(Outbox::kBytes / 4, 'x');
+    EXPECT_TRUE(outbox.pushSecond({large, large}));
+    EXPECT_TRUE(outbox.pushSecond({large}));
+    EXPECT_FALSE(outbox.pushSecond({"small", large, large}));
+    EXPECT_TRUE(outbox.pushSecond({"small"}));
+    EXPECT_EQ(outbox.secondsLost(), 1U);
+    std::size_t events = 0;
+    while (outbox.pushEvent(std::string(1000, 'e'))) {
+        ++events;
+    }
+    EXPECT_EQ(events, Outbox::kEventBytes / 1000);
+    EXPECT_EQ(outbox.eventsLost(), 1U);
+    pollfd poll{outbox.descriptor(), POLLIN, 0};
+    EXPECT_EQ(::poll(&poll, 1, 0), 1);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(outbox.pop().size(), large.size());
+    }
+    EXPECT_EQ(outbox.pop(), "small");
+    EXPECT_TRUE(outbox.pushSecond({large, large, large}));
+    outbox.close();
+    EXPECT_EQ(outbox.pop(), "");
+    EXPECT_EQ(::poll(&poll, 1, 0), 0);
+}
+
+// Made frames at the pace of this machine's clock; fails after so many reads.
+class MadeCapture final : public Capture {
+  public:
+    MadeCapture(std::atomic<int>& reads, int failAfter) : reads_(reads), left_(failAfter) {
+        feed_.arrival = std::chrono::steady_clock::now().time_since_epoch() / 1ns;
+    }
+    int descriptor() const override {
+        return -1;
+    }
+    std::size_t read(std::size_t, const DatagramSink& sink) override {
+        if (left_-- == 0) {
+            throw std::runtime_error("the cable is gone");
+        }
+        ++reads_;
+        std::this_thread::sleep_for(5ms);
+        std::size_t count = 0;
+        while (feed_.arrival <= std::chrono::steady_clock::now().time_since_epoch() / 1ns) {
+            const auto datagram = feed_.next();
+            if (!datagram) {
+                break;
+            }
+            sink(*datagram);
+            ++count;
+        }
+        frames_ += count;
+        return count;
+    }
+    CaptureCounts counts() override {
+        return {frames_, 3, 0};
+    }
+
+  private:
+    Feed feed_;
+    std::atomic<int>& reads_;
+    int left_;
+    uint64_t frames_ = 0;
+};
+
+TEST(MeterWorker, ReportsEachSecondTellsDropsAndCapturesAgain) {
+    std::atomic<int> reads = 0;
+    std::atomic<int> made = 0;
+    Outbox outbox;
+    outbox.open();
+    Worker worker(
+        {0, 1}, "made0",
+        [&]() -> std::unique_ptr<Capture> {
+            // 1.2 s or later it fails, and is made anew once.
+            return std::make_unique<MadeCapture>(reads, made++ == 0 ? 240 : -1);
+        },
+        outbox);
+    metering::Groups groups;
+    *groups.add_group() = groupMessage(kGroup);
+    worker.watch(std::make_shared<const WatchList>(watchListOf(groups)));
+    std::jthread thread([&](const std::stop_token& stop) { worker.run(stop); });
+    std::vector<metering::Second> seconds;
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    bool problem = false;
+    while (std::chrono::steady_clock::now() < deadline && (!problem || made < 2 || seconds.size() < 3)) {
+        const std::string bytes = outbox.pop();
+        if (bytes.empty()) {
+            std::this_thread::sleep_for(10ms);
+            continue;
+        }
+        metering::FromMeter message;
+        ASSERT_TRUE(message.ParseFromArray(bytes.data() + 4, static_cast<int>(bytes.size()) - 4));
+        if (message.has_second()) {
+            problem = problem || message.second().capture().problem() == "the cable is gone";
+            seconds.push_back(message.second());
+        }
+    }
+    ASSERT_GE(seconds.size(), 3U);
+    EXPECT_TRUE(problem);
+    EXPECT_GE(made, 2);
+    EXPECT_GT(seconds[0].report(0).packets().received(), 0U);
+    EXPECT_EQ(seconds[0].capture().interface(), "made0");
+    EXPECT_TRUE(seconds[0].capture().dropped());  // 3 since the begin
+    EXPECT_EQ(seconds[0].capture().kernel_drops(), 3U);
+    for (std::size_t i = 1; i < seconds.size(); ++i) {
+        EXPECT_GT(seconds[i].number(), seconds[i - 1].number());
+        EXPECT_GE(seconds[i].capture().frames(), seconds[i - 1].capture().frames());
+        EXPECT_GE(seconds[i].report(0).packets().received(), seconds[i - 1].report(0).packets().received());
+    }
+}
+
+}  // namespace
