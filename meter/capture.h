@@ -35,6 +35,11 @@ class Capture {
         return false;
     }
     virtual CaptureCounts counts() = 0;
+    virtual std::string interface() const = 0;  // its name
+    // What keeps frames from coming for the moment, for people; empty: nothing. Throws as read() does.
+    virtual std::string trouble() {
+        return "";
+    }
 };
 
 // Which share of the groups a capture takes: by the last byte of the group.
@@ -51,7 +56,6 @@ struct LiveOptions {
     std::string interface;
     std::size_t ringMib = 64;
     Share share;
-    uint16_t fanoutGroup = 0;  // the same for all shares; of no meaning for a single one
 };
 
 // Multicast UDP over IPv4 that arrives on the interface, also in VLANs, by libpcap: a ring of its own in the

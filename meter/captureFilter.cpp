@@ -24,7 +24,7 @@ sock_filter jump(uint16_t code, uint32_t k, uint8_t yes, uint8_t no) {
 
 }  // namespace
 
-std::vector<sock_filter> multicastFilter() {
+std::vector<sock_filter> multicastFilter(Share share) {
     std::vector<sock_filter> program;
     // For no, one and two tags: is it IPv4 here? Then X is where its header begins. Else a tag has to be
     // there. Each step has 7 instructions, the tail comes behind the three.
@@ -43,28 +43,16 @@ std::vector<sock_filter> multicastFilter() {
         program.push_back(statement(BPF_RET | BPF_K, 0));
     }
     program.push_back(statement(BPF_LD | BPF_B | BPF_IND, kProtocolAt));
-    program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_UDP, 0, 3));
+    program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_UDP, 0, 7));
     program.push_back(statement(BPF_LD | BPF_B | BPF_IND, kDestinationAt));
     program.push_back(statement(BPF_ALU | BPF_AND | BPF_K, 0xF0));
-    program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, 0xE0, 1, 0));
-    program.push_back(statement(BPF_RET | BPF_K, 0));
+    program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, 0xE0, 0, 4));
+    program.push_back(statement(BPF_LD | BPF_B | BPF_IND, kDestinationAt + 3));
+    program.push_back(statement(BPF_ALU | BPF_MOD | BPF_K, share.of));
+    program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, share.index, 0, 1));
     program.push_back(statement(BPF_RET | BPF_K, kWhole));
+    program.push_back(statement(BPF_RET | BPF_K, 0));
     return program;
-}
-
-std::vector<sock_filter> shareFilter(unsigned shares) {
-    // The kernel has taken the outer tag out and looks from the network header on: an inner tag may stand
-    // there.
-    constexpr auto kNetwork = static_cast<uint32_t>(SKF_NET_OFF);
-    constexpr auto kType = static_cast<uint32_t>(SKF_AD_OFF + SKF_AD_PROTOCOL);
-    constexpr uint32_t kLastByte = kDestinationAt + 3;
-    return {statement(BPF_LD | BPF_H | BPF_ABS, kType),
-            jump(BPF_JMP | BPF_JEQ | BPF_K, ETHERTYPE_IP, 0, 2),
-            statement(BPF_LD | BPF_B | BPF_ABS, kNetwork + kLastByte),
-            statement(BPF_JMP | BPF_JA, 1),
-            statement(BPF_LD | BPF_B | BPF_ABS, kNetwork + kTagBytes + kLastByte),
-            statement(BPF_ALU | BPF_MOD | BPF_K, shares),
-            statement(BPF_RET | BPF_A, 0)};
 }
 
 }  // namespace meterd

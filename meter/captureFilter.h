@@ -5,13 +5,13 @@
 
 #include <vector>
 
+#include "capture.h"
+
 namespace meterd {
 
-// Ethernet frames with IPv4, UDP, to a multicast group, with up to two VLAN tags in the frame (one more may
-// have been taken out by the card or the kernel). Fragments pass. Returns the frame's whole length or 0.
-std::vector<sock_filter> multicastFilter();
-
-// For PACKET_FANOUT_CBPF: the last byte of the group modulo `shares`.
-std::vector<sock_filter> shareFilter(unsigned shares);
+// Ethernet frames with IPv4, UDP, to a multicast group of the share, with up to two VLAN tags in the frame
+// (one more may have been taken out by the card or the kernel). Fragments pass. Returns more than a frame's
+// length, or 0.
+std::vector<sock_filter> multicastFilter(Share share);
 
 }  // namespace meterd

@@ -1,11 +1,9 @@
-#include <arpa/inet.h>
-#include <linux/if_packet.h>
 #include <net/if.h>
 #include <pcap/pcap.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
-#include <array>
-#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
@@ -23,9 +21,6 @@ constexpr std::string_view kProbesName = "eth0";
 constexpr int kSnapLength = 2048;  // a frame of 1500 bytes with tags; longer ones are fragments of UDP anyway
 constexpr int kBlockMs = 20;       // the kernel hands over what is there after this long at the latest
 constexpr int64_t kNsPerSecond = 1'000'000'000;
-
-// fanout modes and flags, as linux/if_packet.h has them
-constexpr int kFanoutOptionBits = 16;
 
 struct Closer {
     void operator()(pcap_t* handle) const {
@@ -56,9 +51,10 @@ class LiveCapture final : public Capture {
         pcap_set_buffer_size(handle, static_cast<int>(options.ringMib * 1024 * 1024));
         pcap_set_tstamp_precision(handle, PCAP_TSTAMP_PRECISION_NANO);
         if (const int status = pcap_activate(handle); status < 0) {
-            const std::string_view more = pcap_geterr(handle);
-            throw std::runtime_error(interface_ + ": " + pcap_statustostr(status) +
-                                     (more.empty() ? "" : " (" + std::string(more) + ")") + hint(status));
+            const std::string what = pcap_statustostr(status);
+            const std::string more = pcap_geterr(handle);
+            throw std::runtime_error(interface_ + ": " + what +
+                                     (more.empty() || more == what ? "" : " (" + more + ")") + hint(status));
         }
         if (pcap_datalink(handle) != DLT_EN10MB) {
             throw std::runtime_error(interface_ + ": is no Ethernet interface");
@@ -69,9 +65,7 @@ class LiveCapture final : public Capture {
         // What goes out is not looked at: a machine that sends what it receives has it once.
         pcap_setdirection(handle, PCAP_D_IN);
         setFilter();
-        if (share_.of > 1) {
-            joinFanout(options.fanoutGroup);
-        }
+        index_ = if_nametoindex(interface_.c_str());
         cardDropsBefore_ = readCardDrops();
     }
 
@@ -106,7 +100,37 @@ class LiveCapture final : public Capture {
         return {frames_, kernelDrops_, cardDrops_};
     }
 
+    std::string interface() const override {
+        return interface_;
+    }
+
+    // libpcap waits in silence while an interface is down.
+    std::string trouble() override {
+        if (if_nametoindex(interface_.c_str()) != index_) {
+            throw std::runtime_error(interface_ + ": the interface is gone, or made anew");
+        }
+        ifreq request{};
+        interface_.copy(request.ifr_name, IFNAMSIZ - 1);
+        const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        if (socket.value < 0 || ioctl(socket.value, SIOCGIFFLAGS, &request) != 0) {
+            return "";
+        }
+        if ((request.ifr_flags & IFF_UP) == 0) {
+            return interface_ + " is down: ip link set " + interface_ + " up";
+        }
+        return (request.ifr_flags & IFF_RUNNING) == 0 ? interface_ + " has no carrier" : "";
+    }
+
   private:
+    struct Descriptor {
+        explicit Descriptor(int opened) : value(opened) {}
+        ~Descriptor() {
+            close(value);
+        }
+        Descriptor(const Descriptor&) = delete;
+        int value;
+    };
+
     static void take(u_char* self, const pcap_pkthdr* header, const u_char* bytes) {
         reinterpret_cast<LiveCapture*>(self)->take(*header, bytes);
     }
@@ -124,24 +148,12 @@ class LiveCapture final : public Capture {
 
     void setFilter() {
         static_assert(sizeof(bpf_insn) == sizeof(sock_filter));
-        const std::vector<sock_filter> instructions = multicastFilter();
+        const std::vector<sock_filter> instructions = multicastFilter(share_);
         std::vector<bpf_insn> copy(instructions.size());
         std::memcpy(copy.data(), instructions.data(), instructions.size() * sizeof(sock_filter));
         bpf_program program{static_cast<u_int>(copy.size()), copy.data()};
         if (pcap_setfilter(handle_.get(), &program) != 0) {
             throw std::runtime_error(interface_ + ": " + pcap_geterr(handle_.get()));
-        }
-    }
-
-    void joinFanout(uint16_t group) {
-        const int fd = pcap_fileno(handle_.get());
-        const int option = group | PACKET_FANOUT_CBPF << kFanoutOptionBits;
-        std::vector<sock_filter> instructions = shareFilter(share_.of);
-        const sock_fprog program{static_cast<unsigned short>(instructions.size()), instructions.data()};
-        if (setsockopt(fd, SOL_PACKET, PACKET_FANOUT, &option, sizeof option) != 0 ||
-            setsockopt(fd, SOL_PACKET, PACKET_FANOUT_DATA, &program, sizeof program) != 0) {
-            throw std::runtime_error(interface_ +
-                                     ": frames cannot be shared among threads: " + std::strerror(errno));
         }
     }
 
@@ -159,6 +171,7 @@ class LiveCapture final : public Capture {
 
     std::string interface_;
     Share share_;
+    unsigned index_ = 0;  // of the interface
     ArrivalClock clock_;
     std::unique_ptr<pcap_t, Closer> handle_;
     const DatagramSink* sink_ = nullptr;  // of the call of read() that runs

@@ -1,7 +1,5 @@
 // kestor-meter: measures what arrives, by the letter of the standards, and tells the station.
 #include <net/if.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <chrono>
@@ -54,10 +52,8 @@ class Daemon {
                  },
                  [this](const metering::Groups& groups) { watch(groups); }}) {
         for (unsigned i = 0; i < threads; ++i) {
-            const meterd::LiveOptions options{
-                interface_, ringMib, {i, threads}, static_cast<uint16_t>(getpid())};
-            workers_.push_back(
-                std::make_unique<meterd::Worker>(options.share, interface_, liveMaker(options), outbox_));
+            const meterd::LiveOptions options{interface_, ringMib, {i, threads}};
+            workers_.push_back(std::make_unique<meterd::Worker>(options.share, liveMaker(options), outbox_));
         }
         for (const auto& worker : workers_) {
             threads_.emplace_back([&worker](const std::stop_token& stop) { worker->run(stop); });

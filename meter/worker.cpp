@@ -33,9 +33,8 @@ CaptureCounts operator+(const CaptureCounts& a, const CaptureCounts& b) {
 
 }  // namespace
 
-Worker::Worker(Share share, std::string interface, CaptureMaker maker, Outbox& outbox)
+Worker::Worker(Share share, CaptureMaker maker, Outbox& outbox)
     : share_(share),
-      interface_(std::move(interface)),
       maker_(std::move(maker)),
       outbox_(outbox),
       shard_(share),
@@ -121,11 +120,15 @@ void Worker::capture(int64_t when) {
     try {
         waitAndRead(when);
     } catch (const std::runtime_error& error) {
-        problem_ = error.what();
-        ended_ = ended_ + capture_->counts();
-        capture_.reset();
-        nextOpen_ = when + kReopen;
+        giveUpCapture(error.what(), when);
     }
+}
+
+void Worker::giveUpCapture(const std::string& why, int64_t when) {
+    problem_ = why;
+    ended_ = ended_ + capture_->counts();
+    capture_.reset();
+    nextOpen_ = when + kReopen;
 }
 
 void Worker::openCapture(int64_t when) {
@@ -158,9 +161,18 @@ void Worker::finishSecond() {
     const auto missed = late / kSecond;  // of a process that was stopped
     secondEnd_ += (1 + missed) * kSecond;
     number_ += static_cast<uint64_t>(1 + missed);
+    if (capture_) {
+        try {
+            problem_ = capture_->trouble();
+        } catch (const std::runtime_error& error) {
+            giveUpCapture(error.what(), now());
+        }
+    }
     const CaptureCounts counts = ended_ + (capture_ ? capture_->counts() : CaptureCounts{});
-    const bool dropped =
-        counts.kernelDrops > atSecondEnd_.kernelDrops || counts.cardDrops > atSecondEnd_.cardDrops;
+    if (counts.kernelDrops > atSecondEnd_.kernelDrops || counts.cardDrops > atSecondEnd_.cardDrops ||
+        !problem_.empty()) {
+        disturbedUntil_ = number_ + kDisturbed;
+    }
     atSecondEnd_ = counts;
     if (!outbox_.isOpen()) {
         return;
@@ -172,13 +184,13 @@ void Worker::finishSecond() {
     part_.set_wall_ns(wallNow());
     part_.set_seconds_lost(outbox_.secondsLost());
     metering::Capture& capture = *part_.mutable_capture();
-    capture.set_interface(interface_);
+    capture.set_interface(capture_ ? capture_->interface() : "");
     capture.set_problem(problem_);
     capture.set_frames(counts.frames);
     capture.set_kernel_drops(counts.kernelDrops);
     capture.set_card_drops(counts.cardDrops);
     capture.set_processor_us(processorMicroseconds());
-    capture.set_dropped(dropped);
+    capture.set_disturbed(number_ <= disturbedUntil_);
     {
         const std::lock_guard lock(mutex_);
         capture.set_joined(static_cast<uint32_t>(joined_.count));

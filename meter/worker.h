@@ -22,7 +22,7 @@ using CaptureMaker = std::function<std::unique_ptr<Capture>()>;
 class Worker {
   public:
     // `outbox` outlives it.
-    Worker(Share share, std::string interface, CaptureMaker maker, Outbox& outbox);
+    Worker(Share share, CaptureMaker maker, Outbox& outbox);
 
     // Runs until it is asked to stop, on the thread that calls it.
     void run(const std::stop_token& stop);
@@ -44,6 +44,7 @@ class Worker {
     void capture(int64_t now);
     void openCapture(int64_t now);
     void waitAndRead(int64_t now);
+    void giveUpCapture(const std::string& why, int64_t now);
     void finishSecond();
     void continueReport();
 
@@ -53,12 +54,13 @@ class Worker {
     // How long a frame may stand in the ring before it is seen: time is told to analysers with this delay.
     static constexpr int64_t kLag = 100 * kMs;
     static constexpr int64_t kReopen = kSecond;
+    // A loss is found when the next packet comes, which may be a second or two later.
+    static constexpr uint64_t kDisturbed = 2;
     static constexpr std::size_t kBatch = 512;          // frames
     static constexpr std::size_t kGroupsPerSlice = 16;  // reports between two looks at the ring
     static constexpr std::size_t kGroupsPerPart = 256;
 
     const Share share_;
-    const std::string interface_;
     const CaptureMaker maker_;
     Outbox& outbox_;
     Shard shard_;
@@ -71,8 +73,9 @@ class Worker {
     int64_t secondEnd_ = 0;
     bool empty_ = false;  // the last look found nothing in the ring
     uint64_t number_ = 0;
-    CaptureCounts ended_;        // of captures that failed
-    CaptureCounts atSecondEnd_;  // all
+    CaptureCounts ended_;          // of captures that failed
+    CaptureCounts atSecondEnd_;    // all
+    uint64_t disturbedUntil_ = 0;  // number of a second
     // The second that is being reported.
     bool reporting_ = false;
     metering::Second part_;

@@ -65,33 +65,43 @@ test::Bytes tagged(test::Bytes frame, int tags) {
     return frame;
 }
 
-TEST(MeterCaptureFilter, LetsMulticastUdpThroughAlsoInVlansAndNothingElse) {
-    const auto filter = multicastFilter();
+// What the kernel would say of the frame.
+bool passes(const std::vector<sock_filter>& filter, const test::Bytes& frame) {
     std::vector<bpf_insn> instructions(filter.size());
     std::memcpy(instructions.data(), filter.data(), filter.size() * sizeof(sock_filter));
+    EXPECT_EQ(bpf_validate(instructions.data(), static_cast<int>(instructions.size())), 1);
     const bpf_program program{static_cast<u_int>(instructions.size()), instructions.data()};
-    ASSERT_EQ(bpf_validate(instructions.data(), static_cast<int>(instructions.size())), 1);
-    const auto passes = [&](const test::Bytes& frame) {
-        pcap_pkthdr header{};
-        header.caplen = header.len = static_cast<bpf_u_int32>(frame.size());
-        return pcap_offline_filter(&program, &header, frame.data()) != 0;
-    };
+    pcap_pkthdr header{};
+    header.caplen = header.len = static_cast<bpf_u_int32>(frame.size());
+    return pcap_offline_filter(&program, &header, frame.data()) != 0;
+}
+
+TEST(MeterCaptureFilter, LetsMulticastUdpThroughAlsoInVlansAndNothingElse) {
+    const auto filter = multicastFilter({0, 1});
     const test::Bytes payload(188, 0x47);
     const test::Bytes frame = test::UdpFlow{}.frame(payload);
     for (int tags = 0; tags <= 2; ++tags) {
-        EXPECT_TRUE(passes(tagged(frame, tags))) << tags;
+        EXPECT_TRUE(passes(filter, tagged(frame, tags))) << tags;
+        // Each group is one share's.
+        for (int last = 0; last < 9; ++last) {
+            const test::Bytes toGroup =
+                tagged(test::UdpFlow{.group = "239.1.1." + std::to_string(last)}.frame(payload), tags);
+            for (unsigned share = 0; share < 3; ++share) {
+                EXPECT_EQ(passes(multicastFilter({share, 3}), toGroup), last % 3 == static_cast<int>(share));
+            }
+        }
     }
-    EXPECT_FALSE(passes(tagged(frame, 3)));
-    EXPECT_FALSE(passes(test::UdpFlow{.group = "10.0.0.9"}.frame(payload)));
-    EXPECT_FALSE(passes(test::UdpFlow{.group = "240.0.0.9"}.frame(payload)));
+    EXPECT_FALSE(passes(filter, tagged(frame, 3)));
+    EXPECT_FALSE(passes(filter, test::UdpFlow{.group = "10.0.0.9"}.frame(payload)));
+    EXPECT_FALSE(passes(filter, test::UdpFlow{.group = "240.0.0.9"}.frame(payload)));
     test::Bytes tcp = frame;
     tcp[14 + 9] = 6;
-    EXPECT_FALSE(passes(tcp));
+    EXPECT_FALSE(passes(filter, tcp));
     test::Bytes other = frame;
     other[12] = 0x86;
     other[13] = 0xDD;
-    EXPECT_FALSE(passes(other));
-    EXPECT_FALSE(passes(test::Bytes(frame.begin(), frame.begin() + 20)));
+    EXPECT_FALSE(passes(filter, other));
+    EXPECT_FALSE(passes(filter, test::Bytes(frame.begin(), frame.begin() + 20)));
 }
 
 TEST(MeterFraming, GivesWholeMessagesHoweverTheyCome) {
@@ -411,6 +421,9 @@ class MadeCapture final : public Capture {
     CaptureCounts counts() override {
         return {frames_, 3, 0};
     }
+    std::string interface() const override {
+        return "made0";
+    }
 
   private:
     Feed feed_;
@@ -425,7 +438,7 @@ TEST(MeterWorker, ReportsEachSecondTellsDropsAndCapturesAgain) {
     Outbox outbox;
     outbox.open();
     Worker worker(
-        {0, 1}, "made0",
+        {0, 1},
         [&]() -> std::unique_ptr<Capture> {
             // 1.2 s or later it fails, and is made anew once.
             return std::make_unique<MadeCapture>(reads, made++ == 0 ? 240 : -1);
@@ -456,10 +469,13 @@ TEST(MeterWorker, ReportsEachSecondTellsDropsAndCapturesAgain) {
     EXPECT_GE(made, 2);
     EXPECT_GT(seconds[0].report(0).packets().received(), 0U);
     EXPECT_EQ(seconds[0].capture().interface(), "made0");
-    EXPECT_TRUE(seconds[0].capture().dropped());  // 3 since the begin
+    EXPECT_TRUE(seconds[0].capture().disturbed());  // 3 since the begin
     EXPECT_EQ(seconds[0].capture().kernel_drops(), 3U);
     for (std::size_t i = 1; i < seconds.size(); ++i) {
         EXPECT_GT(seconds[i].number(), seconds[i - 1].number());
+        if (!seconds[i - 1].capture().problem().empty()) {
+            EXPECT_TRUE(seconds[i].capture().disturbed());
+        }
         EXPECT_GE(seconds[i].capture().frames(), seconds[i - 1].capture().frames());
         EXPECT_GE(seconds[i].report(0).packets().received(), seconds[i - 1].report(0).packets().received());
     }
