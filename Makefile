@@ -98,7 +98,7 @@ check-format:
 ## tidy          clang-tidy on what is shipped, and on the benchmarks
 tidy: build
 	scripts/install-deps.sh lint
-	git ls-files 'libsarn/*.cpp' 'libmeter/*.cpp' 'source/*.cpp' 'probelink/*.cpp' 'station/*.cpp' 'tools/*.cpp' 'bench/*.cpp' | \
+	git ls-files 'libsarn/*.cpp' 'libmeter/*.cpp' 'meter/*.cpp' 'meterlink/*.cpp' 'source/*.cpp' 'probelink/*.cpp' 'station/*.cpp' 'tools/*.cpp' 'bench/*.cpp' | \
 	  xargs -P $(JOBS) -n 1 clang-tidy --quiet -p build/release
 
 ## check-32bit   whether the probe compiles for 32-bit machines without a warning, by this machine's headers
