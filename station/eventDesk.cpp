@@ -1,12 +1,16 @@
 #include "eventDesk.h"
 
 #include <algorithm>
+#include <array>
 
 #include "common/log.h"
 
 namespace station {
 
 namespace {
+
+// By Origin.
+constexpr std::array<std::string_view, 3> kAddedBy = {"at run time", "by the configuration", "by a playlist"};
 
 const Channel* findChannel(const std::optional<Group>& group, const ChannelMap& channels,
                            const ChannelDifference* difference) {
@@ -115,7 +119,8 @@ void EventDesk::record(const ChannelDifference& difference, const Now& now) {
         record({.kind = kind, .group = channel.group, .channel = channel.name, .text = std::move(text)}, now);
     };
     for (const Channel& channel : difference.added) {
-        say(EventKind::kChannelAdded, channel, "added by " + std::string(originName(channel.origin)));
+        say(EventKind::kChannelAdded, channel,
+            "added " + std::string(kAddedBy.at(static_cast<std::size_t>(channel.origin))));
     }
     for (const Channel& channel : difference.removed) {
         say(EventKind::kChannelRemoved, channel, "removed");
