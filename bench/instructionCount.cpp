@@ -38,9 +38,9 @@ int main(int argc, char** argv) {
             table.feed();
         }
     } else if (strcmp(argv[1], "meter") == 0) {
-        bench::MeterChannels meters(recording);
+        bench::MeterChannels meters(recording, 1);
         for (std::size_t i = 0; i < kWarmUpFrames + frames; ++i) {
-            meters.feed();
+            meters.feedOne();
         }
     } else {
         std::vector<uint64_t> perPid(kPidCount);

@@ -1,7 +1,7 @@
 // What the measuring library costs: a packet of one channel and of a thousand, a report, and memory.
 #include <benchmark/benchmark.h>
 
-#include <memory>
+#include <time.h>
 
 #include "meter/channelAnalyser.h"
 #include "meterWorkload.h"
@@ -9,34 +9,36 @@
 
 namespace {
 
-// Rates of the latest 10 s, medians and the line through arrivals are in the steady state then.
-constexpr std::size_t kWarmUpFrames = 120'000 / bench::kPacketsPerFrame;
+// Of this thread: other work on the machine then shows in its caches alone.
+double cpuSeconds() {
+    timespec now;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
 
 void meterPackets(benchmark::State& state) {
     const auto channels = static_cast<uint32_t>(state.range(0));
-    const bench::Recording recording(channels);
+    const bench::Recording recording(1);
     const uint64_t before = bench::residentBytes();
-    bench::MeterChannels meters(recording);
-    const std::size_t rounds = recording.frames() / channels;
-    for (std::size_t i = 0; i < std::min(kWarmUpFrames, rounds) * channels; ++i) {
-        meters.feed();
-    }
+    bench::MeterChannels meters(recording, channels);
+    meters.warmUp();
     for ([[maybe_unused]] auto _ : state) {
+        meters.layOut();
+        const double begin = cpuSeconds();
         meters.feed();
+        state.SetIterationTime(cpuSeconds() - begin);
     }
-    const auto packets = static_cast<double>(state.iterations()) * bench::kPacketsPerFrame;
-    state.counters["ns/packet"] =
-        benchmark::Counter(packets / 1e9, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    const auto packets =
+        static_cast<double>(state.iterations() * bench::MeterChannels::kBlock) * bench::kPacketsPerFrame;
+    state.counters["packets"] = benchmark::Counter(packets, benchmark::Counter::kIsRate);
     state.counters["KiB/channel"] = static_cast<double>(bench::residentBytes() - before) / 1024 / channels;
 }
-BENCHMARK(meterPackets)->Arg(1)->Arg(10)->Arg(100)->Arg(1000);
+BENCHMARK(meterPackets)->Arg(1)->Arg(10)->Arg(100)->Arg(1000)->UseManualTime();
 
 void meterReport(benchmark::State& state) {
     const bench::Recording recording(1);
-    bench::MeterChannels meters(recording);
-    for (std::size_t i = 0; i < kWarmUpFrames; ++i) {
-        meters.feed();
-    }
+    bench::MeterChannels meters(recording, 1);
+    meters.warmUp();
     for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(meters.channel(0).report());
     }
@@ -45,10 +47,8 @@ BENCHMARK(meterReport)->Unit(benchmark::kMicrosecond);
 
 void meterReportAsJson(benchmark::State& state) {
     const bench::Recording recording(1);
-    bench::MeterChannels meters(recording);
-    for (std::size_t i = 0; i < kWarmUpFrames; ++i) {
-        meters.feed();
-    }
+    bench::MeterChannels meters(recording, 1);
+    meters.warmUp();
     for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(meter::toJson(meters.channel(0).report()));
     }

@@ -12,7 +12,7 @@ using meter::CheckReport;
 using meter::Report;
 using meter::StreamKind;
 
-constexpr std::size_t kPidsShown = 4;
+constexpr std::size_t kPidsWidth = 24;  // what the longest name of a check leaves
 constexpr std::size_t kCuesShown = 20;
 constexpr std::size_t kChangesShown = 20;
 constexpr std::size_t kStructureShown = 60;
@@ -46,6 +46,16 @@ std::string heading(const char* text) {
     return std::string("\n") + text + "\n";
 }
 
+// A file without a clock, and nobody said its bit rate.
+bool isTimeless(const Report& report) {
+    return !report.flow && report.seconds == 0;
+}
+
+// What tells of loss, for people.
+std::string basisName(const std::string& basis) {
+    return basis == "rtp" ? "RTP" : basis == "clock" ? "the clock" : "continuity counters";
+}
+
 std::string titleLine(const Report& report, const std::string& path) {
     std::string line = report.group ? dotted(*report.group) : path;
     if (report.flow) {
@@ -60,7 +70,7 @@ std::string titleLine(const Report& report, const std::string& path) {
             line += *flow.encapsulation == "rtp" ? " over RTP" : " over UDP";
         }
     }
-    line += formatted(", %.1f s", report.seconds);
+    line += isTimeless(report) ? ", duration unknown" : formatted(", %.1f s", report.seconds);
     if (report.begin) {
         line += " from " + *report.begin;
     }
@@ -74,9 +84,9 @@ std::string lossText(const Report& report) {
     }
     std::string text = grouped(*lost.packets);
     if (*lost.packets != 0 && lost.basis) {
-        text += " by " + *lost.basis;
+        text += " by " + basisName(*lost.basis);
         text += ", in " + counted(lost.events, "run", "runs");
-        text += ", the longest " + grouped(lost.longest) + " packets";
+        text += lost.events > 1 ? ", the longest " + counted(lost.longest, "packet", "packets") : "";
         if (lost.longestMs) {
             text += formatted(" (%.1f ms)", *lost.longestMs);
         }
@@ -87,7 +97,9 @@ std::string lossText(const Report& report) {
 std::string overview(const Report& report) {
     Columns columns("  ", "ll");
     const auto& rate = report.bitrate;
-    std::string rateText = shown(rate.byClock ? rate.byClock : rate.bps, megabits) + " Mbit/s";
+    std::string rateText = isTimeless(report) ? "unknown: no program clock runs; --bitrate tells it"
+                                              : shown(rate.byClock ? rate.byClock : rate.bps,
+                                                      [](uint64_t bps) { return megabits(bps) + " Mbit/s"; });
     if (rate.lowest && rate.highest) {
         append(rateText, megabits(*rate.lowest) + " to " + megabits(*rate.highest) + " in a second");
     }
@@ -293,12 +305,15 @@ std::string pidList(const CheckReport& check) {
     std::stable_sort(pids.begin(), pids.end(),
                      [](const auto& a, const auto& b) { return a.second > b.second; });
     std::string text;
-    for (std::size_t i = 0; i < pids.size() && i < kPidsShown; ++i) {
-        append(text,
+    for (std::size_t i = 0; i < pids.size(); ++i) {
+        const std::string rest = i + 1 < pids.size() ? formatted(", %zu more", pids.size() - i - 1) : "";
+        std::string longer = text;
+        append(longer,
                std::to_string(pids[i].first) + (pids.size() > 1 ? " (" + grouped(pids[i].second) + ")" : ""));
-    }
-    if (pids.size() > kPidsShown) {
-        append(text, counted(pids.size() - kPidsShown, "other", "others"));
+        if (i > 0 && longer.size() + rest.size() > kPidsWidth) {
+            return text + formatted(", %zu more", pids.size() - i);
+        }
+        text = longer;
     }
     return text;
 }
@@ -324,6 +339,7 @@ std::string errors(const Report& report) {
         return text + "  not measured: no transport packets came\n";
     }
     text += any ? columns.text(kTextWidth) : "  none\n";
+    text += isTimeless(report) ? "  no time is known: what came too early or too late is not told\n" : "";
     if (!notApplicable.empty()) {
         text += fitted("  not applicable: " + notApplicable, kTextWidth) + "\n";
     }
@@ -357,21 +373,28 @@ std::string network(const Report& report) {
     const auto& net = *report.network;
     Columns columns("  ", "ll");
     const auto milliseconds = [](double ms) { return formatted("%.3f", ms); };
-    columns.row({"inter-arrival ms", "lowest " + shown(net.interArrivalLowestMs, milliseconds) + ", mean " +
-                                         shown(net.interArrivalMeanMs, milliseconds) + ", 99 % below " +
-                                         shown(net.interArrivalP99Ms, milliseconds) + ", highest " +
-                                         shown(net.interArrivalHighestMs, milliseconds) + " (last second)"});
-    columns.row({"delay factor ms",
-                 shown(net.delayFactorMs, tenths) + ", highest " + shown(net.delayFactorHighestMs, tenths)});
-    const auto packets = [](uint64_t count) { return grouped(count); };
-    columns.row({"media loss rate", shown(net.lossRate, packets) + " packets in the last second, highest " +
-                                        shown(net.lossRateHighest, packets)});
+    if (!net.lossRateHighest) {
+        columns.row({"arrivals", "not measured: less than a second"});
+    } else {
+        columns.row({"inter-arrival ms", "lowest " + shown(net.interArrivalLowestMs, milliseconds) +
+                                             ", mean " + shown(net.interArrivalMeanMs, milliseconds) +
+                                             ", 99 % below " + shown(net.interArrivalP99Ms, milliseconds) +
+                                             ", highest " + shown(net.interArrivalHighestMs, milliseconds) +
+                                             " (last second)"});
+        columns.row({"delay factor ms", shown(net.delayFactorMs, tenths) + ", highest " +
+                                            shown(net.delayFactorHighestMs, tenths)});
+        const auto packets = [](uint64_t count) { return grouped(count); };
+        columns.row({"media loss rate", shown(net.lossRate, packets) +
+                                            " packets in the last second, highest " +
+                                            shown(net.lossRateHighest, packets)});
+    }
     if (net.rtp) {
         const auto& rtp = *net.rtp;
         std::string text = grouped(rtp.received) + " received, " + grouped(rtp.lost) + " lost";
-        append(text, rtp.lossEvents > 0 ? "in " + counted(rtp.lossEvents, "run", "runs") + ", the longest " +
-                                              grouped(rtp.longestBurst)
-                                        : "");
+        if (rtp.lossEvents > 0) {
+            text += " in " + counted(rtp.lossEvents, "run", "runs");
+        }
+        append(text, rtp.lossEvents > 1 ? "the longest " + grouped(rtp.longestBurst) : "");
         append(text, grouped(rtp.repeated) + " repeated");
         append(text, grouped(rtp.outOfOrder) + " out of order");
         columns.row({"RTP datagrams", text});
