@@ -15,7 +15,7 @@ namespace meter {
 class ChannelAnalyser::Channel final : private OrderedSink {
   public:
     explicit Channel(const Settings& settings)
-        : settings_(settings), stream_(settings), firstPace_(settings) {}
+        : stream_(settings), settings_(settings), firstPace_(settings) {}
 
     void feed(const Datagram& datagram);
     void feedPackets(Bytes packets);
@@ -78,33 +78,33 @@ class ChannelAnalyser::Channel final : private OrderedSink {
     void fillRtpLoss(LossReport& lost) const;
     void feedHeld();
 
-    Settings settings_;
-    StreamAnalysis stream_;
-
+    // What every datagram touches.
     std::optional<Flow> flow_;
     Encapsulation encapsulation_ = Encapsulation::kUnknown;
+    bool anyDatagram_ = false;       // of this flow
     uint32_t bytesPerDatagram_ = 0;  // of transport packets
     uint64_t datagrams_ = 0;
+    Nanoseconds begin_ = 0;  // of the first flow; what follows is since then
+    Nanoseconds now_ = 0;
+    Nanoseconds lastDatagram_ = 0;
+    Nanoseconds secondEnd_ = kNsPerSecond;
+    DeliveryIndex delivery_;
+    InterArrival interArrival_;
+    StreamAnalysis stream_;
+
+    Settings settings_;
     uint64_t malformed_ = 0;
     uint64_t fragments_ = 0;
     uint64_t otherFlows_ = 0;
     uint64_t protection_ = 0;
     Marks marks_;
-
-    Nanoseconds begin_ = 0;  // of the first flow; all below is since then
     Nanoseconds beginWall_ = 0;
-    Nanoseconds now_ = 0;
-    Nanoseconds lastDatagram_ = 0;
-    bool anyDatagram_ = false;  // of this flow
-    int64_t second_ = 0;        // that runs
-    Nanoseconds secondEnd_ = kNsPerSecond;
+    int64_t second_ = 0;  // that runs
 
     RtpOrder order_;
     RtpStatistics rtp_;
     uint64_t rtpMissing_ = 0;  // transport packets
     uint64_t rtpLongest_ = 0;
-    InterArrival interArrival_;
-    DeliveryIndex delivery_;
 
     // A bare file, until its first pace is known.
     FirstPace firstPace_;

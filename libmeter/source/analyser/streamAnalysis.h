@@ -121,7 +121,7 @@ class StreamAnalysis final : private SectionSink {
     Settings settings_;
     bool bare_;
 
-    // What every packet touches.
+    // What every datagram touches.
     StreamTime time_;
     Ticks nextLook_ = 0;
     uint64_t position_ = 0;
@@ -129,12 +129,12 @@ class StreamAnalysis final : private SectionSink {
     std::size_t touchedCount_ = 0;
     Nanoseconds arrival_ = 0;
     Nanoseconds wall_ = 0;
-    PidTable pids_;
+    Nanoseconds secondEnd_ = kNsPerSecond;
     std::array<PidRecord*, kPacketsTogether> touched_{};
+    PidTable pids_;
 
     Nanoseconds lookedAt_ = 0;  // arrival of the last look
     int64_t second_ = 0;        // that runs
-    Nanoseconds secondEnd_ = kNsPerSecond;
     CheckBook book_;
     std::optional<Presence> presence_;
     std::optional<ServiceInformation> information_;

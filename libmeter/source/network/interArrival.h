@@ -58,7 +58,6 @@ class InterArrival {
     }
     void keep(uint32_t ns);
 
-    std::array<uint32_t, kLongest> longest_;  // ns, of the second that runs, as a heap
     std::size_t keptCount_ = 0;
     Nanoseconds lowest_ = std::numeric_limits<Nanoseconds>::max();
     Nanoseconds highest_ = 0;
@@ -67,6 +66,7 @@ class InterArrival {
     std::optional<Figures> last_;
 
     Bins running_{};
+    std::array<uint32_t, kLongest> longest_;  // ns, of the second that runs, as a heap
     // Of each bin a ring of whole seconds; none where no time fell into it yet, as into most.
     std::array<std::unique_ptr<BinSeconds>, kHistogramBins> minute_;
     std::size_t next_ = 0;

@@ -29,6 +29,8 @@ inline constexpr uint8_t kNoPid = 0;
 inline constexpr uint8_t kOverflow = 1;
 inline constexpr std::size_t kFirstPidPlace = 2;
 
+inline constexpr std::size_t kCacheLine = 64;
+
 // What decides how far a packet of a PID is looked into.
 struct PidState {
     Continuity continuity;
@@ -41,13 +43,16 @@ struct PidState {
     }
 };
 
-struct PidRecord : PidState {
+// With a thousand channels each line of the cache that a packet touches is waited for, so what it touches
+// stands together, here and in the objects that hold the records.
+struct alignas(kCacheLine) PidRecord : PidState {
     // What every packet touches.
     bool touched = false;  // `last` lies in the datagram that is being read
     uint16_t pid = 0;
     uint64_t packets = 0;
-    Ticks lastSeen = 0;             // stream time of the last packet
-    const uint8_t* last = nullptr;  // it; null where there was none to compare with
+    Ticks lastSeen = 0;                     // stream time of the last packet
+    const uint8_t* last = nullptr;          // it; null where there was none to compare with
+    std::array<uint8_t, kPacketSize> kept;  // it, between datagrams
 
     // Counters, which outlive a change of flow.
     uint64_t scrambled = 0;
@@ -80,7 +85,6 @@ struct PidRecord : PidState {
     bool discontinuity = false;
     std::unique_ptr<ProgramClock> clock;
     std::unique_ptr<SectionAssembler> sections;
-    std::array<uint8_t, kPacketSize> kept;  // the last packet, between datagrams
 };
 
 class PidTable {
