@@ -339,7 +339,9 @@ std::string errors(const Report& report) {
         return text + "  not measured: no transport packets came\n";
     }
     text += any ? columns.text(kTextWidth) : "  none\n";
-    text += isTimeless(report) ? "  no time is known: what came too early or too late is not told\n" : "";
+    text += isTimeless(report)
+                ? "  no time is known: counts of what came too early or too late mean nothing\n"
+                : "";
     if (!notApplicable.empty()) {
         text += fitted("  not applicable: " + notApplicable, kTextWidth) + "\n";
     }
