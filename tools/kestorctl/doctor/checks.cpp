@@ -207,7 +207,8 @@ Findings checkResults(const StationLook& station) {
                         "see the other lines; journalctl -u 'kestor*' -e")};
     }
     Findings findings;
-    const std::string watched = std::to_string(station.watched) + " channels watched, " +
+    const std::string watched = std::to_string(station.watched) +
+                                (station.watched == 1 ? " channel" : " channels") + " watched, " +
                                 std::to_string(station.withSignal) + " with signal";
     if (!station.problem.empty()) {
         findings.push_back(failure("results", station.problem, "journalctl -u 'kestor*' -e"));

@@ -138,9 +138,9 @@ Findings lookAtAll(const Request& request) {
     findings.push_back(checkClock(readClock()));
     const fs::path state = readStateDirectory(kRoot);
     append(findings, checkDisk(kRoot, state, readDisk(state)));
-    findings.push_back(checkVersions(
-        KESTOR_VERSION, readPackages(kRoot, {"kestor", "kestor-probe", "kestor-station", "kestor-tools"}),
-        station, processes));
+    findings.push_back(checkVersions(KESTOR_VERSION,
+                                     readPackages(kRoot, {"kestor", "kestor-station", "kestor-tools"}),
+                                     station, processes));
     return findings;
 }
 

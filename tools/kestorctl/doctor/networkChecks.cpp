@@ -144,8 +144,8 @@ Finding checkMemberships(const NetworkInterface* capture, const station::Members
         }
     }
     if (missing.empty()) {
-        return ok("memberships", "all of " + std::to_string(station.groups.size()) +
-                                     " groups are joined on " + capture->name);
+        return ok("memberships", "every watched group (" + std::to_string(station.groups.size()) +
+                                     ") is joined on " + capture->name);
     }
     std::string names;
     for (const std::string& name : where) {
