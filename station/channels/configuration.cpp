@@ -220,6 +220,13 @@ class ConfigurationParser {
             (readTextFile(webhook.caFile, kConfigurationLimit, problem), !problem.empty())) {
             reading_.mistake(whereIs(table, "ca_file"), webhook.caFile.string() + " " + problem);
         }
+        if (webhook.name.empty()) {
+            webhook.name = std::to_string(configuration_.webhooks.size() + 1);
+        }
+        if (std::ranges::count(configuration_.webhooks, webhook.name, &Webhook::name) > 0) {
+            reading_.mistake(whereIs(table, "name"),
+                             "\"name\": another [[webhook]] has the name \"" + webhook.name + "\"");
+        }
         configuration_.webhooks.push_back(std::move(webhook));
     }
 

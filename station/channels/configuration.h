@@ -29,7 +29,8 @@ struct PlaylistSource {
 enum class WebhookFormat : uint8_t { kJson, kAlertmanager };
 
 struct Webhook {
-    std::string url;  // http or https; for Alertmanager without a path, to which /api/v2/alerts is added
+    std::string name;  // in log, API and metrics; no two have the same
+    std::string url;   // http or https; for Alertmanager without a path, to which /api/v2/alerts is added
     WebhookFormat format = WebhookFormat::kJson;
     Severity minimumSeverity = Severity::kWarning;
     uint32_t maxPerMinute = 30;

@@ -103,6 +103,8 @@ using W = Webhook;
 constexpr std::array kWebhookKeys = {
     key<&W::url>("url", "string", "", "URL of the receiver; for an Alertmanager without /api/v2/alerts",
                  {.filled = true, .check = checkUrl}, kRequired),
+    key<&W::name>("name", "string", "", "Its name in the log, the API and metrics", {.check = checkName},
+                  "its number in the file"),
     key<&W::format>("format", "string", "", R"(Format of the messages: "json" or "alertmanager")"),
     key<&W::minimumSeverity>("minimum_severity", "string", "",
                              R"(Less severe alarms are not sent: "critical", "major", "minor" or "warning")"),

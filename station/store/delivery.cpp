@@ -42,6 +42,19 @@ std::string keyOf(const Webhook& webhook) {
     return std::string(format) + " " + shownUrl(webhook.url) + " " + std::to_string(hash);
 }
 
+// The key of today for one that a file of version 1.1 has, whose URL had a path.
+std::string withoutPath(const std::string& key) {
+    const std::size_t begin = key.find(' ') + 1;
+    const std::size_t end = key.find(' ', begin);
+    return begin == 0 || end == std::string::npos
+               ? key
+               : key.substr(0, begin) + shownUrl(key.substr(begin, end - begin)) + key.substr(end);
+}
+
+std::string nameOf(const Webhook& webhook) {
+    return "webhook " + webhook.name + " (" + shownUrl(webhook.url) + ")";
+}
+
 }  // namespace
 
 struct Delivery::Implementation {
@@ -263,7 +276,7 @@ void Delivery::Implementation::endRetired() {
         const Receiver& receiver = one.second->receiver;
         const bool over = receiver.retired() && (receiver.done() || now > one.second->retiredUntil);
         if (over && !receiver.done()) {
-            log(LogLevel::kWarning, "webhook " + shownUrl(receiver.webhook().url) +
+            log(LogLevel::kWarning, nameOf(receiver.webhook()) +
                                         " is configured no more and could not be told for a day that alarms "
                                         "are over: given up");
         }
@@ -273,7 +286,8 @@ void Delivery::Implementation::endRetired() {
 
 // What the file had; receivers that are there already know more.
 void Delivery::Implementation::restore(StoredReceivers&& stored) {
-    for (auto& [key, receiver] : stored) {
+    for (auto& [storedKey, receiver] : stored) {
+        const std::string key = withoutPath(storedKey);
         if (const auto present = receivers_.find(key); present != receivers_.end()) {
             present->second->receiver.restore(std::move(receiver), lastSequence_);
             wantsActive = true;
@@ -356,7 +370,7 @@ void Delivery::Implementation::post(const std::string& key, const EntryPointer& 
 
 void Delivery::Implementation::settled(const std::string& key, Entry& entry, const HttpOutcome& outcome) {
     note(key, entry.receiver.settle(outcome, systemNow()));
-    const std::string who = "webhook " + shownUrl(entry.receiver.webhook().url);
+    const std::string who = nameOf(entry.receiver.webhook());
     if (outcome.taken()) {
         entry.problem.over(who + ": notifications arrive again");
     } else {
@@ -458,7 +472,7 @@ Delivery::Health Delivery::health() const {
             (!health.failing.value_or(false) || *receiver.failingSince < health.since)) {
             health.failing = true;
             health.since = *receiver.failingSince;
-            health.problem = receiver.url + " has taken nothing since " +
+            health.problem = "webhook " + receiver.name + " (" + receiver.url + ") has taken nothing since " +
                              rfc3339(receiver.failingSinceWall.value_or(WallTime())) + ": " +
                              receiver.lastProblem;
         }

@@ -83,7 +83,8 @@ class Delivery {
     void notify(Notification notification);
 
     struct ReceiverStatistics {
-        std::string url;  // without user, password and query
+        std::string name;  // the configuration's, else its number there
+        std::string url;   // scheme, host and port alone: the rest may be a secret
         uint64_t delivered = 0;
         uint64_t failed = 0;   // attempts
         uint64_t dropped = 0;  // notifications never told

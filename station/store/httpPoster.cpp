@@ -48,11 +48,13 @@ std::string shownUrl(const std::string& text) {
     if (url == nullptr) {
         return "(no URL)";
     }
-    for (const CURLUPart secret :
-         {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_OPTIONS, CURLUPART_QUERY, CURLUPART_FRAGMENT}) {
+    for (const CURLUPart secret : {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_OPTIONS, CURLUPART_PATH,
+                                   CURLUPART_QUERY, CURLUPART_FRAGMENT}) {
         curl_url_set(url.get(), secret, nullptr, 0);
     }
-    return part(url, CURLUPART_URL);
+    std::string shown = part(url, CURLUPART_URL);
+    shown.resize(shown.find_last_not_of('/') + 1);  // a URL has a path, be it "/"
+    return shown;
 }
 
 std::string withCall(const std::string& text, const std::string& call) {

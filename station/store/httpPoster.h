@@ -53,7 +53,8 @@ class HttpPoster {
     std::unique_ptr<Implementation> implementation_;
 };
 
-// The URL as it may be shown: without user, password, query and fragment.
+// The URL as it may be shown: scheme, host and port. Receivers have secrets in all other parts, the path as
+// well.
 std::string shownUrl(const std::string& url);
 // The URL with the call ("/api/v2/alerts") behind its path, unless it is there already.
 std::string withCall(const std::string& url, const std::string& call);

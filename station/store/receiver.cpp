@@ -17,6 +17,7 @@ bool isRaise(const Notification& notification) {
 
 Receiver::Receiver(const Webhook& webhook, const DeliveryPace& pace)
     : webhook_(webhook), pace_(pace), limit_(kListed), random_(std::random_device()()) {
+    statistics_.name = webhook.name;
     statistics_.url = shownUrl(webhook.url);
 }
 
@@ -29,6 +30,7 @@ void Receiver::configure(const Webhook& webhook) {
         failures_ = 0;
     }
     webhook_ = webhook;
+    statistics_.name = webhook.name;
 }
 
 Delivery::ReceiverStatistics Receiver::statistics() const {

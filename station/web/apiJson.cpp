@@ -288,7 +288,8 @@ std::string useJson(const StationUse& use, const ProbeState& probe, const EventS
     json.member("waiting", store.waiting).member("bytes", store.bytes).member("failing", store.failing);
     json.close('}').name("delivery").open('[');
     for (const auto& receiver : delivery) {
-        json.open('{').member("url", receiver.url).member("delivered", receiver.delivered);
+        json.open('{').member("name", receiver.name).member("url", receiver.url);
+        json.member("delivered", receiver.delivered);
         json.member("failed", receiver.failed).member("dropped", receiver.dropped);
         json.member("owed", receiver.owed);
         json.member("failingSince", receiver.failingSinceWall);

@@ -9,6 +9,7 @@
 
 #include "tr101290Checks.h"
 #include "web/exposition.h"
+#include "web/ownMetrics.h"
 
 namespace station {
 
@@ -216,7 +217,7 @@ void appendOwnLabels(std::string& text, const Labels& labels) {
 
 struct ChannelRow {
     const ChannelState* state;
-    std::string labels;    // group, channel
+    std::string labels;    // group
     const Record* stream;  // null when there is no fresh record
 };
 
@@ -247,7 +248,6 @@ std::vector<ChannelRow> channelRows(const StationState& state) {
         const bool stands = channel->shown || (!state.probe.connected && channel->channel.enabled);
         row.stream = !stale && stands ? channel->stream : nullptr;
         appendLabel(row.labels, "group", channel->channel.group.text());
-        appendLabel(row.labels, "channel", channel->channel.name);
     }
     return rows;
 }
@@ -282,10 +282,6 @@ std::vector<PidRow> pidRows(const std::vector<ChannelRow>& channels, MetricsPids
     return rows;
 }
 
-double seconds(WallTime time) {
-    return std::chrono::duration<double>(time.time_since_epoch()).count();
-}
-
 void writeProbe(Exposition& out, const StationState& state, const MetricsExtras& extras) {
     const ProbeState& probe = state.probe;
     out.family(
@@ -299,7 +295,7 @@ void writeProbe(Exposition& out, const StationState& state, const MetricsExtras&
     out.sample(static_cast<double>(probe.snapshots));
     if (probe.lastSnapshot != WallTime{}) {
         out.family({"kestor_last_snapshot_timestamp_seconds", kGauge, "When the last snapshot was read."});
-        out.sample(seconds(probe.lastSnapshot));
+        out.sample(secondsSinceEpoch(probe.lastSnapshot));
     }
     std::string version;
     appendLabel(version, "version", extras.version);
@@ -308,7 +304,8 @@ void writeProbe(Exposition& out, const StationState& state, const MetricsExtras&
 }
 
 void writeChannelInfo(Exposition& out, const std::vector<ChannelRow>& rows) {
-    out.family({"kestor_channel_info", kGauge, "Always 1; what is known of a channel beside its measures."});
+    out.family({"kestor_channel_info", kGauge,
+                "Always 1; a channel's name, and what else is known of it beside its measures."});
     std::string more;
     for (const ChannelRow& row : rows) {
         const Channel& channel = row.state->channel;
@@ -317,6 +314,7 @@ void writeChannelInfo(Exposition& out, const std::vector<ChannelRow>& rows) {
         const Record* const stream = row.state->stream;
         const bool seen = stream != nullptr && hasPackets(*stream);
         more.clear();
+        appendLabel(more, "name", channel.name);
         appendLabel(more, "origin", originName(channel.origin));
         appendLabel(more, "profile", channel.profile);
         appendLabel(more, "source", seen ? addressText(stream->integer("sourceAddress")) : channel.source);
@@ -428,143 +426,103 @@ void writePidChecks(Exposition& out, const std::vector<PidRow>& rows,
     }
 }
 
-void writeAlarms(Exposition& out, const StationState& state) {
-    out.family({"kestor_alarm_active", kGauge,
-                "1 for each raised alarm; alarms of the probe itself have no group and no channel."});
-    for (const Alarm& alarm : state.alarms) {
-        std::string labels;
-        if (alarm.group) {
-            const ChannelState* const channel = state.find(*alarm.group);
-            if (channel == nullptr) {
-                continue;
-            }
-            appendLabel(labels, "group", alarm.group->text());
-            appendLabel(labels, "channel", channel->channel.name);
-        }
-        appendLabel(labels, "alarm", alarmTypes()[alarm.type].name);
-        appendLabel(labels, "severity", severityName(alarm.severity));
-        out.sample(labels, {}, 1);
+void writeLastPackets(Exposition& out, const std::vector<ChannelRow>& rows) {
+    out.family({"kestor_channel_last_packet_timestamp_seconds", kGauge,
+                "When packets of the channel last came; 0 for none since the station was started or the "
+                "channel added."});
+    for (const ChannelRow& row : rows) {
+        out.sample(row.labels, {}, secondsSinceEpoch(row.state->lastSeen));
     }
 }
 
-// A number of the station's own.
-template <typename Source>
-struct OwnMetric {
-    MetricFamily family;
-    double (*value)(const Source&);
+void writeMaintenance(Exposition& out, const StationState& state, const std::vector<ChannelRow>& rows) {
+    WallTime until{};
+    for (const Maintenance& window : state.maintenance) {
+        if (!window.group && window.from <= state.now.wall) {
+            until = std::max(until, window.until);
+        }
+    }
+    out.family({"kestor_maintenance_end_timestamp_seconds", kGauge,
+                "When the maintenance window for all channels ends that holds; 0 while none does."});
+    out.sample(secondsSinceEpoch(until));
+    out.family({"kestor_channel_maintenance", kGauge,
+                "1 while a maintenance window holds for the channel: its alarms are not delivered."});
+    for (const ChannelRow& row : rows) {
+        out.sample(row.labels, {}, row.state->maintenance ? 1 : 0);
+    }
+}
+
+// One that can be raised, and whether it is.
+struct AlarmRow {
+    std::optional<Group> group;
+    std::size_t type;
+    Severity severity;
+    const Alarm* raised;  // null when it is not
 };
 
-constexpr auto kUseMetrics = std::to_array<OwnMetric<StationState>>({
-    {{"kestor_station_start_time_seconds", kGauge, "When the station was started."},
-     [](const StationState& s) { return seconds(s.started); }},
-    {{"kestor_station_cpu_seconds_total", kCounter, "CPU time that the station has taken."},
-     [](const StationState& s) { return s.use.cpuSeconds; }},
-    {{"kestor_station_resident_bytes", kGauge, "Memory that the station holds."},
-     [](const StationState& s) { return static_cast<double>(s.use.residentBytes); }},
-    {{"kestor_station_snapshot_cpu_seconds", kGauge,
-      "CPU time for the last snapshot: parsing, alarms, history."},
-     [](const StationState& s) { return s.use.lastSnapshotCpuMs / kMsPerSecond; }},
-    {{"kestor_station_snapshot_bytes", kGauge, "Size of the last snapshot."},
-     [](const StationState& s) { return static_cast<double>(s.probe.snapshotBytes); }},
-    {{"kestor_station_dropped_snapshots_total", kCounter, "Snapshots that were read and not taken in time."},
-     [](const StationState& s) { return static_cast<double>(s.probe.droppedSnapshots); }},
-    {{"kestor_station_oversize_snapshots_total", kCounter, "Snapshots that were dropped for their size."},
-     [](const StationState& s) { return static_cast<double>(s.probe.tooLargeSnapshots); }},
-    {{"kestor_station_log_dropped_lines_total", kCounter,
-      "Lines of the log that standard error did not take."},
-     [](const StationState& s) { return static_cast<double>(s.use.logDropped); }},
-    {{"kestor_station_dropped_lines_total", kCounter, "Lines of snapshots that were no records."},
-     [](const StationState& s) { return static_cast<double>(s.probe.droppedLines); }},
-    {{"kestor_station_pipe_wait_max_seconds", kGauge, "Longest time between two reads with the pipe full."},
-     [](const StationState& s) { return s.probe.longestPipeWaitMs / kMsPerSecond; }},
-    {{"kestor_station_probe_requests_total", kCounter, "Requests of the probe that were answered."},
-     [](const StationState& s) { return static_cast<double>(s.probe.requests); }},
-    {{"kestor_station_other_controller", kGauge, "1 while another controller holds the probe's port."},
-     [](const StationState& s) { return s.probe.otherController ? 1.0 : 0.0; }},
-    {{"kestor_station_refused_commands_total", kCounter, "Changes that were refused since too many waited."},
-     [](const StationState& s) { return static_cast<double>(s.use.commandsRefused); }},
-    {{"kestor_station_notes", kGauge, "What was odd in configuration and playlists, at most 100."},
-     [](const StationState& s) { return static_cast<double>(s.notes.size()); }},
-});
-
-constexpr auto kInfluxMetrics = std::to_array<OwnMetric<StationUse>>({
-    {{"kestor_station_influx_points_total", kCounter, "Points that the InfluxDB took."},
-     [](const StationUse& use) { return static_cast<double>(use.influxWritten); }},
-    {{"kestor_station_influx_dropped_total", kCounter, "Points that were given up for the InfluxDB."},
-     [](const StationUse& use) { return static_cast<double>(use.influxDropped); }},
-    {{"kestor_station_influx_failures_total", kCounter, "Requests to the InfluxDB that failed."},
-     [](const StationUse& use) { return static_cast<double>(use.influxFailed); }},
-});
-
-constexpr auto kExtraMetrics = std::to_array<OwnMetric<MetricsExtras>>({
-    {{"kestor_station_events_written_total", kCounter, "Events written to the disk."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.store.written); }},
-    {{"kestor_station_events_dropped_total", kCounter,
-      "Events that were lost since the disk did not take them."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.store.dropped); }},
-    {{"kestor_station_events_waiting", kGauge, "Events that wait for the disk."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.store.waiting); }},
-    {{"kestor_station_events_file_bytes", kGauge, "Size of the events' file and its log."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.store.bytes); }},
-    {{"kestor_station_events_failing", kGauge, "1 while events cannot be written."},
-     [](const MetricsExtras& e) { return e.store.failing ? 1.0 : 0.0; }},
-    {{"kestor_station_http_connections", kGauge, "Open HTTP connections, event streams among them."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.server.connections); }},
-    {{"kestor_station_http_streams", kGauge, "Open event streams."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.server.streams); }},
-    {{"kestor_station_http_requests_total", kCounter, "HTTP requests."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.server.requests); }},
-    {{"kestor_station_http_refused_total", kCounter, "HTTP connections beyond a limit."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.server.refused); }},
-    {{"kestor_station_http_malformed_total", kCounter, "HTTP requests that were none."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.server.malformed); }},
-    {{"kestor_station_http_made_room_total", kCounter, "Idle HTTP connections closed for new ones."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.server.madeRoom); }},
-    {{"kestor_station_http_wrong_tokens_total", kCounter, "Requests with a wrong token."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.server.wrongTokens); }},
-    {{"kestor_station_http_answer_bytes", kGauge, "Bytes of answers that clients have not all taken."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.server.answerBytes); }},
-    {{"kestor_station_http_answers_refused_total", kCounter,
-      "Answers that were not built since others held too many bytes."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.server.answersRefused); }},
-    {{"kestor_station_http_slow_closed_total", kCounter,
-      "Connections closed since their client took nothing."},
-     [](const MetricsExtras& e) { return static_cast<double>(e.server.slowClosed); }},
-});
-
-constexpr auto kReceiverMetrics = std::to_array<OwnMetric<Delivery::ReceiverStatistics>>({
-    {{"kestor_station_delivery_messages_total", kCounter, "Messages that a webhook took."},
-     [](const Delivery::ReceiverStatistics& r) { return static_cast<double>(r.delivered); }},
-    {{"kestor_station_delivery_failures_total", kCounter, "Attempts to deliver that failed."},
-     [](const Delivery::ReceiverStatistics& r) { return static_cast<double>(r.failed); }},
-    {{"kestor_station_delivery_dropped_total", kCounter, "Notifications that a webhook was never told."},
-     [](const Delivery::ReceiverStatistics& r) { return static_cast<double>(r.dropped); }},
-    {{"kestor_station_delivery_owed", kGauge, "Notifications that wait to be delivered."},
-     [](const Delivery::ReceiverStatistics& r) { return static_cast<double>(r.owed); }},
-    {{"kestor_station_delivery_failing", kGauge, "1 while a webhook takes nothing."},
-     [](const Delivery::ReceiverStatistics& r) { return r.failingSince ? 1.0 : 0.0; }},
-});
-
-void writeStation(Exposition& out, const StationState& state, const MetricsExtras& extras) {
-    for (const auto& metric : kUseMetrics) {
-        out.family(metric.family);
-        out.sample(metric.value(state));
+// The alarms that are configured for a channel, or for the probe, and not raised.
+void addConfigured(std::vector<AlarmRow>& rows, const std::optional<Group>& group, const RuleSet& rules,
+                   const std::set<std::pair<std::optional<Group>, std::size_t>>& raised) {
+    const auto types = alarmTypes();
+    for (std::size_t type = 0; type < types.size(); ++type) {
+        if (types[type].ofProbe != group.has_value() && types[type].kind != AlarmKind::kEvent &&
+            rules[type].enabled && !raised.contains({group, type})) {
+            rows.push_back({group, type, rules[type].severity, nullptr});
+        }
     }
-    for (const auto& metric : kExtraMetrics) {
-        out.family(metric.family);
-        out.sample(metric.value(extras));
+}
+
+// The raised ones first. Of channels' others either all are told or none, so that no series comes and goes.
+std::vector<AlarmRow> alarmRows(const StationState& state) {
+    std::vector<AlarmRow> rows;
+    std::set<std::pair<std::optional<Group>, std::size_t>> raised;
+    for (const Alarm& alarm : state.alarms) {
+        if (!alarm.group || state.find(*alarm.group) != nullptr) {
+            rows.push_back({alarm.group, alarm.type, alarm.severity, &alarm});
+            raised.emplace(alarm.group, alarm.type);
+        }
     }
-    for (const auto& metric : kInfluxMetrics) {
-        out.family(metric.family);
-        out.sample(metric.value(state.use));
+    if (state.configuration == nullptr || !state.configuration->profiles.contains("default")) {
+        return rows;
     }
-    for (const auto& metric : kReceiverMetrics) {
-        out.family(metric.family);
-        for (std::size_t i = 0; i < extras.delivery.size(); ++i) {
-            std::string labels;  // two webhooks may have the same URL
-            appendLabel(labels, "webhook", std::to_string(i + 1));
-            appendLabel(labels, "url", extras.delivery[i].url);
-            out.sample(labels, {}, metric.value(extras.delivery[i]));
+    const Profiles& profiles = state.configuration->profiles;
+    const RuleSet& byDefault = profiles.at("default");
+    addConfigured(rows, {}, byDefault, raised);
+    const std::size_t always = rows.size();
+    for (const auto& channel : state.channels) {
+        if (channel->channel.enabled) {
+            const auto named = profiles.find(channel->channel.profile);
+            addConfigured(rows, channel->channel.group, named == profiles.end() ? byDefault : named->second,
+                          raised);
+        }
+        if (rows.size() > kMetricsAlarms) {
+            rows.resize(always);
+            break;
+        }
+    }
+    return rows;
+}
+
+void writeAlarms(Exposition& out, const StationState& state) {
+    const std::vector<AlarmRow> rows = alarmRows(state);
+    const auto labels = [](const AlarmRow& row) {
+        std::string text;
+        if (row.group) {
+            appendLabel(text, "group", row.group->text());
+        }
+        appendLabel(text, "alarm", alarmTypes()[row.type].name);
+        appendLabel(text, "severity", severityName(row.severity));
+        return text;
+    };
+    out.family({"kestor_alarm_active", kGauge,
+                "1 for a raised alarm, 0 for a configured one; alarms of the probe itself have no group."});
+    for (const AlarmRow& row : rows) {
+        out.sample(labels(row), {}, row.raised != nullptr ? 1 : 0);
+    }
+    out.family({"kestor_alarm_acknowledged", kGauge, "1 for a raised alarm that was acknowledged, else 0."});
+    for (const AlarmRow& row : rows) {
+        if (row.raised != nullptr) {
+            out.sample(labels(row), {}, row.raised->acknowledged ? 1 : 0);
         }
     }
 }
@@ -572,8 +530,8 @@ void writeStation(Exposition& out, const StationState& state, const MetricsExtra
 // Enough for most; what is reserved and not written costs no memory.
 std::size_t expectedSize(std::size_t channels, std::size_t pids) {
     constexpr std::size_t kOwn = 16 * 1024;
-    constexpr std::size_t kLine = 140;
-    constexpr std::size_t kChannelLines = 36;
+    constexpr std::size_t kLine = 120;
+    constexpr std::size_t kChannelLines = 55;
     constexpr std::size_t kPidLines = 10;
     return kOwn + kLine * (channels * kChannelLines + pids * kPidLines);
 }
@@ -597,8 +555,10 @@ std::string MetricsWriter::text(const StationState& state, const MetricsExtras& 
     writeChecks(out, channels);
     writePids(out, pids);
     writePidChecks(out, pids, failedChecks_);
+    writeLastPackets(out, channels);
+    writeMaintenance(out, state, channels);
     writeAlarms(out, state);
-    writeStation(out, state, extras);
+    writeStationMetrics(out, state, extras);
     return text;
 }
 

@@ -20,6 +20,10 @@ inline constexpr std::string_view kMetricsContentType = "text/plain; version=0.0
 // How long after the last snapshot the streams' values still stand, once the probe is silent.
 inline constexpr std::chrono::seconds kMetricsStaleAfter{10};
 
+// Up to so many alarms that are configured and not raised are told of as 0; of more the raised ones alone are
+// told.
+inline constexpr std::size_t kMetricsAlarms = 50'000;
+
 // What the station tells of itself beside its state.
 struct MetricsExtras {
     std::string_view version;

@@ -70,6 +70,7 @@ def check_panel(board, panel):
     options = {**RANGE, **INSTANT}.get(panel["type"])
     require(options is not None, name, "is of type", panel["type"])
     require(panel["datasource"] == SOURCE and panel["title"] and panel["targets"], name)
+    require(panel["description"].endswith("."), name, "has no description")
     require(set(panel["options"]) == options, name, "has options", set(panel["options"]) ^ options)
     fields = panel["fieldConfig"]["defaults"]
     require(set(fields) <= FIELD_PROPERTIES and fields["unit"] in UNITS, name, fields)

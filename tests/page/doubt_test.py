@@ -328,7 +328,7 @@ class OtherStationsTest(unittest.TestCase):
                              '[profile.default.probe_silent]\nraise_delay_s = 0\n')
         self.browser.open(station.url + "#probe")
         wait_for("a line in the banner", 20, lambda: [line for line in self.browser.texts("#banner p") if re.search(
-            r"^http://127.0.0.1:9/hook is told of no alarm since \d\d:\d\d:\d\d: \S", line)])
+            r"^Webhook 1 \(http://127.0.0.1:9\) is told of no alarm since \d\d:\d\d:\d\d: \S", line)])
         self.assertEqual(len(self.browser.texts("#banner p")), 2)
         wait_for("the station's use", 10, lambda: "last problem" in self.browser.text("main .of-station"))
         self.assertEqual(self.browser.run("return document.documentElement.dataset.stale"), "probe")

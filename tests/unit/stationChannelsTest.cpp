@@ -151,6 +151,8 @@ TEST_F(StationChannels, EveryMistakeIsToldWithItsPlace) {
          "1:1: count and error_seconds are both 0|3:1: error_seconds 30 can never"},
         {"[[webhook]]\nurl = \"http://me:pw@h/\"\ntimeout_s = 0\nauthorization_file = \"none\"",
          "2:7: \"url\" must not carry a password|3:13: \"timeout_s\" must be|4:22: "},
+        {"[[webhook]]\nurl = \"http://a\"\nname = \"2\"\n[[webhook]]\nurl = \"http://b\"",
+         "4:1: \"name\": another [[webhook]] has the name \"2\""},
     };
     for (const auto& [text, wanted] : cases) {
         std::string found;

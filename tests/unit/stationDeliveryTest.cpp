@@ -116,7 +116,7 @@ TEST(Delivery, TellsEachAlarmOnceInOrderWhateverFails) {
     ASSERT_TRUE(eventually([&] { return receiving.told().size() >= 7; }) && receiving.settles());
     EXPECT_THAT(receiving.told(), UnorderedElementsAre("raised 1", "raised 2", "raised 3", "raised 4",
                                                        "cleared 1", "cleared 2", "raised 6"));
-    EXPECT_EQ(receiving.delivery->statistics()[0].url, receiving.server.url() + "/");
+    EXPECT_EQ(receiving.delivery->statistics()[0].url, receiving.server.url());
     for (const auto& request : receiving.server.requests()) {
         EXPECT_THAT(request.head, HasSubstr("POST / HTTP/1.1"));  // no redirect was followed
     }
@@ -316,7 +316,7 @@ TEST(Payload, EndsNoAlertBeforeItsBeginNorAheadOfNow) {
 
 TEST(Delivery, KeepsSecretsToItself) {
     Receiving receiving;
-    receiving.webhook.url = receiving.server.url("ann:secret@") + "/hook?token=hidden";
+    receiving.webhook.url = receiving.server.url("ann:secret@") + "/hook/secret?token=hidden";
     receiving.server.answer({500});
     receiving.start();
     testing::internal::CaptureStderr();
@@ -325,9 +325,10 @@ TEST(Delivery, KeepsSecretsToItself) {
     receiving.delivery->configure({});
     EXPECT_TRUE(flushLog(5s));
     EXPECT_THAT(testing::internal::GetCapturedStderr(),
-                testing::AllOf(HasSubstr("/hook"), Not(HasSubstr("secret")), Not(HasSubstr("hidden"))));
+                testing::AllOf(HasSubstr(receiving.server.url()), Not(HasSubstr("secret")),
+                               Not(HasSubstr("/hook")), Not(HasSubstr("hidden"))));
     EXPECT_THAT(receiving.server.requests()[0].head,
-                testing::AllOf(HasSubstr("Authorization: Basic "), HasSubstr("/hook?token=hidden")));
+                testing::AllOf(HasSubstr("Authorization: Basic "), HasSubstr("/hook/secret?token=hidden")));
 }
 
 TEST(Delivery, KeepsAnAlertmanagerInformed) {

@@ -137,7 +137,7 @@ TEST(StationMetrics, TellEachColumnUnderItsName) {
                 << name;
         }
     };
-    const std::string channel = R"({group="239.1.1.1",channel="News")";
+    const std::string channel = R"({group="239.1.1.1")";
     const Station station(records());
     const auto found = metricsOf(station);
     expectColumns(found, *station.channel->stream, channel + "}",
@@ -175,22 +175,21 @@ TEST(StationMetrics, TellEachColumnUnderItsName) {
                           {{"pid_tr101290_errors_total", check.column}});
         }
     }
-    for (
-        const char* const one :
-        {R"(kestor_channel_info{group="239.1.1.1",channel="News",origin="config",profile="default",)"
-         R"(source="10.0.0.2",port="1007",label_site="north"})",
-         R"(kestor_pid_info{group="239.1.1.1",channel="News",pid="0",kind="PAT"})",
-         R"(kestor_pid_info{group="239.1.1.1",channel="News",pid="257",kind="KP",stream_type="255",pmt_pid="1305"})",
-         R"(kestor_stream_state{group="239.1.1.1",channel="News",state="alarm"})",
-         R"(kestor_alarm_active{group="239.1.1.1",channel="News",alarm="continuity",severity="warning"})",
-         R"(kestor_alarm_active{alarm="probe_silent",severity="warning"})", "kestor_up"}) {
+    for (const char* const one :
+         {R"(kestor_channel_info{group="239.1.1.1",name="News",origin="config",profile="default",)"
+          R"(source="10.0.0.2",port="1007",label_site="north"})",
+          R"(kestor_pid_info{group="239.1.1.1",pid="0",kind="PAT"})",
+          R"(kestor_pid_info{group="239.1.1.1",pid="257",kind="KP",stream_type="255",pmt_pid="1305"})",
+          R"(kestor_stream_state{group="239.1.1.1",state="alarm"})",
+          R"(kestor_alarm_active{group="239.1.1.1",alarm="continuity",severity="warning"})",
+          R"(kestor_alarm_active{alarm="probe_silent",severity="warning"})", "kestor_up"}) {
         EXPECT_THAT(found, Contains(Pair(one, "1")));
     }
 }
 
 TEST(StationMetrics, TellOfThePidsThatWereAskedFor) {
-    const std::string unlisted = R"(kestor_pid_packets_total{group="239.1.1.1",channel="News",pid="8191"})";
-    const std::string listed = R"(kestor_pid_packets_total{group="239.1.1.1",channel="News",pid="257"})";
+    const std::string unlisted = R"(kestor_pid_packets_total{group="239.1.1.1",pid="8191"})";
+    const std::string listed = R"(kestor_pid_packets_total{group="239.1.1.1",pid="257"})";
     Station station(records());
     EXPECT_THAT(metricsOf(station), AllOf(Contains(Key(listed)), Not(Contains(Key(unlisted)))));
     station.pids(MetricsPids::kAll);
@@ -201,7 +200,7 @@ TEST(StationMetrics, TellOfThePidsThatWereAskedFor) {
 
 TEST(StationMetrics, KeepAPidsCheckOnceItFailed) {
     const std::string check =
-        R"(kestor_pid_tr101290_errors_total{group="239.1.1.1",channel="News",pid="257",check="PTS_error",priority="2"})";
+        R"(kestor_pid_tr101290_errors_total{group="239.1.1.1",pid="257",check="PTS_error",priority="2"})";
     const auto withErrors = [](const char* errors) {
         return line(Kind::kStream, "-1", {}) + line(Kind::kKnownPid, "257", {{"PTS_error", errors}});
     };
@@ -248,6 +247,82 @@ TEST(StationMetrics, LeaveOutWhatIsNotKnown) {
     EXPECT_THAT(metricsOf(station), Not(Contains(Key(HasSubstr("239.1.1.1")))));
 }
 
+// An alarm is 0 before it is raised and when it is over, and has the same labels all the time.
+TEST(StationMetrics, TellOfConfiguredAlarmsBeforeTheyAreRaised) {
+    const auto alarm = [](const char* rest) { return std::string("kestor_alarm_active{") + rest + "}"; };
+    const std::string continuity = R"(group="239.1.1.1",alarm="continuity",severity="warning")";
+    Station station(records());
+    station.state.alarms[1].acknowledged = Acknowledgement{};
+    auto found = metricsOf(station);
+    EXPECT_THAT(
+        found, AllOf(Contains(Pair(alarm(continuity.c_str()), "1")),
+                     Contains(Pair(alarm(R"(group="239.1.1.1",alarm="no_signal",severity="critical")"), "0")),
+                     Contains(Pair(alarm(R"(alarm="delivery_failing",severity="major")"), "0")),
+                     Contains(Pair("kestor_alarm_acknowledged{" + continuity + "}", "1"))));
+    EXPECT_THAT(found, Not(Contains(Key(HasSubstr("alarm=\"bitrate_low\"")))));  // not enabled
+    EXPECT_THAT(found, Not(Contains(Key(HasSubstr("alarm=\"ttl_changed\"")))));  // never active
+
+    station.state.alarms.clear();
+    found = metricsOf(station);
+    EXPECT_THAT(found, Contains(Pair(alarm(continuity.c_str()), "0")));
+    EXPECT_THAT(found, Not(Contains(Key(HasSubstr("acknowledged")))));
+
+    // Beyond the bound those of channels are told once they are raised, and only then.
+    station.state.channels.resize(kMetricsAlarms / 17 + 1, station.channel);
+    found.clear();
+    std::istringstream lines(MetricsWriter().text(station.state, {}));
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_THAT(line, Not(AllOf(HasSubstr("kestor_alarm_active{"), HasSubstr("group="))));
+    }
+}
+
+TEST(StationMetrics, TellOfMaintenance) {
+    const auto end = [](WallTime time) {
+        return std::to_string(std::chrono::duration_cast<seconds>(time.time_since_epoch()).count());
+    };
+    const std::string ofAll = "kestor_maintenance_end_timestamp_seconds";
+    const std::string ofChannel = R"(kestor_channel_maintenance{group="239.1.1.1"})";
+    Station station(records());
+    EXPECT_THAT(metricsOf(station), AllOf(Contains(Pair(ofAll, "0")), Contains(Pair(ofChannel, "0"))));
+    Maintenance window{.id = 1,
+                       .from = kTime - seconds(9),
+                       .until = kTime + seconds(9),
+                       .group = station.channel->channel.group,
+                       .remark = {},
+                       .by = {}};
+    station.state.maintenance = {window};
+    station.channel->maintenance = true;
+    EXPECT_THAT(metricsOf(station), AllOf(Contains(Pair(ofAll, "0")), Contains(Pair(ofChannel, "1"))));
+    window.group.reset();
+    station.state.maintenance.push_back(window);
+    window.from = kTime + seconds(5);
+    window.until = kTime + seconds(99);
+    station.state.maintenance.push_back(window);  // not yet
+    EXPECT_THAT(metricsOf(station), Contains(Pair(ofAll, end(kTime + seconds(9)))));
+}
+
+TEST(StationMetrics, TellOfTheProcessAndOfWebhooksByName) {
+    Station station(records());
+    station.state.started = kTime - seconds(60);
+    MetricsExtras extras;
+    extras.delivery.resize(2);
+    extras.delivery[0].name = "pager";
+    extras.delivery[1].name = "2";
+    extras.delivery[1].failed = 3;
+    const auto found = series(MetricsWriter().text(station.state, extras));
+    EXPECT_THAT(found, Contains(Pair(R"(kestor_station_delivery_failures_total{webhook="pager"})", "0")));
+    EXPECT_THAT(found, Contains(Pair(R"(kestor_station_delivery_failures_total{webhook="2"})", "3")));
+    for (const char* const name :
+         {"process_cpu_seconds_total", "process_open_fds", "process_max_fds", "process_virtual_memory_bytes",
+          "process_resident_memory_bytes", "process_start_time_seconds"}) {
+        ASSERT_THAT(found, Contains(Key(name)));
+        EXPECT_GT(std::stod(found.at(name)), 0) << name;
+    }
+    EXPECT_LT(std::stod(found.at("process_open_fds")), std::stod(found.at("process_max_fds")));
+    EXPECT_LT(std::stod(found.at("process_resident_memory_bytes")),
+              std::stod(found.at("process_virtual_memory_bytes")));
+}
+
 TEST(StationMetrics, WithstandAnyName) {
     Station station(records());
     Channel& channel = station.channel->channel;
@@ -256,7 +331,7 @@ TEST(StationMetrics, WithstandAnyName) {
     EXPECT_THAT(
         metricsOf(station),
         Contains(
-            Key("kestor_channel_info{group=\"239.1.1.1\",channel=\"a\\\"b\\\\c\\nd\xC3\xA9\","
+            Key("kestor_channel_info{group=\"239.1.1.1\",name=\"a\\\"b\\\\c\\nd\xC3\xA9\","
                 "origin=\"config\",profile=\"default\",source=\"10.0.0.2\",port=\"1007\","
                 "label_7___=\"4\",label_a_b=\"1\",label_a_b_2=\"2\",label_a_b_2_2=\"3\",label___=\"5\"}")));
 }

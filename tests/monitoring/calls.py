@@ -1,0 +1,197 @@
+#!/usr/bin/env python3
+"""calls.py BIN_DIRECTORY: whom the alerts call, and for what, by what a receiver gets (a minute and a half).
+
+A probe of a hundred channels with its station, Prometheus with the rules and Alertmanager, in a network of their own.
+A station is killed while channels are down, a feed is cut and mended, a channel goes away in a maintenance window: each
+is one message, nothing is called over that may not be, and all is called over in the end.
+"""
+import http.client
+import http.server
+import json
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import threading
+import time
+import urllib.request
+from datetime import datetime, timedelta, timezone
+from pathlib import Path
+
+import yaml
+
+from dashboards import Prometheus, require
+from run import NETNS, ROOT, SERVERS, SKIPPED, WORK, lay_out_templates, wait_for
+
+GROUPS = [f"239.2.0.{number}" for number in range(1, 101)]
+LOST = GROUPS[:3]
+PLANNED = GROUPS[10]
+SENDING = WORK / "groups"  # what the sender sends to
+QUIET_S = 6  # so long nothing else has to come; the servers' steps take a second each
+
+
+def send():
+    """A datagram of seven packets of one PID to each of the groups, five times a second; counters go on unseen."""
+    sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton("10.99.0.2"))
+    counter = 0
+    while True:
+        datagram = b"".join(bytes([0x47, 0x01, 0x00, 0x10 | (counter + i) % 16]) + bytes(184) for i in range(7))
+        counter += 7
+        for group in SENDING.read_text().split():
+            try:
+                sender.sendto(datagram, (group, 5000))
+            except OSError:  # the cable is cut
+                pass
+        time.sleep(0.2)
+
+
+class Receiver(http.server.BaseHTTPRequestHandler):
+    """Where Alertmanager delivers: keeps what is new in each message, in order."""
+    messages = []
+
+    def do_POST(self):
+        message = json.loads(self.rfile.read(int(self.headers["Content-Length"])))
+        Receiver.messages.append([(alert["status"], alert["labels"]["alertname"], alert["labels"].get("group"))
+                                  for alert in message["alerts"]])
+        self.send_response(200)
+        self.end_headers()
+
+    def log_message(self, *arguments):
+        pass
+
+
+def told(since=0):
+    """Of each alert the states that messages told, in order, each change once."""
+    states = {}
+    for message in Receiver.messages[since:]:
+        for status, name, group in message:
+            if states.setdefault((name, group), [])[-1:] != [status]:
+                states[name, group].append(status)
+    return states
+
+
+def expect(states, since, what):
+    """Waits until exactly these are told, and nothing else for a while."""
+    began = time.monotonic()
+    wait_for(lambda: told(since) == states or states.keys() <= told(since).keys() and time.monotonic() - began > 20, what)
+    print(f"{what}: {len(Receiver.messages) - since} messages after {time.monotonic() - began:.1f} s")
+    time.sleep(QUIET_S)
+    require(told(since) == states, what, "told was", told(since))
+    return len(Receiver.messages)
+
+
+def send_to(groups):
+    beside = SENDING.with_suffix(".new")
+    beside.write_text(" ".join(groups))
+    beside.replace(SENDING)
+
+
+def lay_out():
+    shutil.copytree(ROOT / "monitoring", WORK)
+    configuration = yaml.safe_load((WORK / "prometheus.yml").read_text())
+    configuration["global"].update(scrape_interval="1s", scrape_timeout="1s", evaluation_interval="1s")
+    (WORK / "prometheus.yml").write_text(yaml.safe_dump(configuration))
+    # The same rules and routes at a faster pace.
+    pace = {"rules/alerts.yml": [("for: 15s", "for: 2s"), ("for: 30s", "for: 4s"), ("[1m]", "[6s]")],
+            "alertmanager.yml": [("group_wait: 10s", "group_wait: 1s"), ("group_interval: 1m", "group_interval: 2s")]}
+    for name, changes in pace.items():
+        text = (WORK / name).read_text()
+        for slow, fast in changes:
+            require(slow in text, slow, "is not in", name)
+            text = text.replace(slow, fast)
+        (WORK / name).write_text(text)
+    channels = "\n".join(f'[[channel]]\ngroup = "{group}"' for group in GROUPS)
+    (WORK / "station.toml").write_text(f'socket = "{WORK}/station.sock"\nstate_dir = "{WORK}/state"\n{channels}\n'
+                                       + "".join(f"[profile.default.{alarm}]\nenabled = false\n" for alarm in
+                                                 ("pat", "pmt", "packets_lost", "continuity", "quality_index", "mos"))
+                                       + "[profile.default.no_signal]\nraise_delay_s = 3\n")
+    send_to(GROUPS)
+    lay_out_templates()
+
+
+def start(command, ready, name):
+    log = (WORK / f"{name}.log").open("a")
+    process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+    if ready:
+        wait_for(lambda: urllib.request.urlopen(f"http://127.0.0.1:{ready}", timeout=5), f"answer of {name}")
+    require(process.poll() is None, name, "ended")
+    return process
+
+
+def station_call(method, path, body=None):
+    connection = http.client.HTTPConnection("localhost")
+    connection.sock = socket.socket(socket.AF_UNIX)
+    connection.sock.connect(str(WORK / "station.sock"))
+    connection.request(method, path, json.dumps(body) if body else None, {"Content-Type": "application/json"})
+    answer = connection.getresponse()
+    text = answer.read().decode()
+    require(answer.status < 300, method, path, answer.status, text)
+    return json.loads(text) if text else None
+
+
+def cable(state):
+    subprocess.run(["ip", "link", "set", "feed0", state], check=True)
+
+
+def main(bin_directory):
+    began = time.monotonic()
+    lay_out()
+    threading.Thread(target=http.server.ThreadingHTTPServer(("127.0.0.1", 9095), Receiver).serve_forever, daemon=True).start()
+    start([sys.executable, __file__, "--send"], None, "sender")
+    start([f"{bin_directory}/kestor", "-s"], None, "probe")
+    station_command = [f"{bin_directory}/kestor-station", "--config", f"{WORK}/station.toml"]
+    station = start(station_command, "9427/healthz", "station")
+    start([SERVERS / "prometheus-alertmanager", f"--config.file={WORK}/alertmanager.yml", f"--storage.path={WORK}/am",
+           "--cluster.listen-address="], "9093/-/ready", "alertmanager")
+    start([SERVERS / "prometheus", f"--config.file={WORK}/prometheus.yml", f"--storage.tsdb.path={WORK}/tsdb",
+           "--web.listen-address=127.0.0.1:9090"], "9090/-/ready", "prometheus")
+    server = Prometheus("http://127.0.0.1:9090")
+    wait_for(lambda: server.instant('count(kestor_stream_state{state="ok"} == 1) == %d' % len(GROUPS)), "all channels")
+    time.sleep(QUIET_S)
+    require(not told(), "told before anything happened:", told())
+
+    no_signal = [("KestorChannelNoSignal", group) for group in LOST]
+    station_down, feed_down = ("KestorStationDown", None), ("KestorFeedDown", None)
+
+    send_to(GROUPS[3:])
+    seen = expect({one: ["firing"] for one in no_signal}, 0, "three channels without signal")
+
+    station.send_signal(signal.SIGKILL)
+    station.wait()
+    seen = expect({station_down: ["firing"]}, seen, "a dead station, and nothing that is over")
+    station = start(station_command, "9427/healthz", "station")
+    seen = expect({station_down: ["resolved"]}, seen, "its return; the channels are still without signal")
+
+    cable("down")
+    cut = seen
+    seen = expect({feed_down: ["firing"]}, seen, "a cut feed of a hundred channels")
+    require(seen - cut == 1, "a cut feed takes", seen - cut, "messages")
+    send_to(GROUPS)
+    cable("up")
+    seen = expect({one: ["resolved"] for one in [feed_down, *no_signal]}, seen, "a mended feed, with all channels")
+
+    until = datetime.now(timezone.utc) + timedelta(hours=1)
+    window = station_call("POST", "/api/v1/maintenance", {"group": PLANNED, "until": until.isoformat(timespec="milliseconds").replace("+00:00", "Z")})
+    wait_for(lambda: server.instant(f'kestor_channel_maintenance{{group="{PLANNED}"}} == 1'), "maintenance")
+    send_to([group for group in GROUPS if group != PLANNED])
+    wait_for(lambda: server.instant(f'kestor_alarm_active{{group="{PLANNED}",alarm="no_signal"}} == 1'), "the alarm")
+    seen = expect({}, seen, "a channel in maintenance")
+    station_call("DELETE", f"/api/v1/maintenance/{window['id']}")
+    expect({("KestorChannelNoSignal", PLANNED): ["firing"]}, seen, "the end of its maintenance")
+    print(f"passed in {time.monotonic() - began:.0f} s")
+
+
+if __name__ == "__main__":
+    if sys.argv[1] == "--send":
+        send()
+    elif not (SERVERS / "prometheus").exists():
+        print("skipped: there are no servers; scripts/install-servers.sh fetches them")
+        sys.exit(SKIPPED)
+    elif os.environ.get("KESTOR_INSIDE"):
+        main(sys.argv[1])
+    else:
+        os.environ["KESTOR_INSIDE"] = "1"
+        os.execv(NETNS, [NETNS, sys.executable, __file__, str(Path(sys.argv[1]).resolve())])
