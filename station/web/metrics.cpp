@@ -1,6 +1,7 @@
 #include "web/metrics.h"
 
 #include <algorithm>
+#include <bit>
 #include <bitset>
 #include <charconv>
 #include <functional>
@@ -8,6 +9,7 @@
 #include <set>
 
 #include "tr101290Checks.h"
+#include "web/alarmMetrics.h"
 #include "web/exposition.h"
 #include "web/ownMetrics.h"
 
@@ -177,6 +179,19 @@ uint64_t checkErrors(const Record& record, std::size_t check) {
 bool isOfPids(std::size_t check) {
     const std::string_view column = records::kChecks[check].column;
     return column != "TS_sync_loss" && column != "Sync_byte_error" && column != "CRC_error";
+}
+
+// Whether a check can fail on a PID of this kind; what failed all the same is told as well.
+bool concerns(std::size_t check, Kind kind) {
+    const std::string_view column = records::kChecks[check].column;
+    if (column == "Continuity_count_error" || column == "Transport_error") {
+        return true;
+    }
+    if (kind == Kind::kPat || kind == Kind::kPmt) {
+        return column.starts_with(kind == Kind::kPat ? "PAT_" : "PMT_");
+    }
+    return kind == Kind::kKnownPid &&
+           (column == "PID_error" || column == "PTS_error" || column.starts_with("PCR_"));
 }
 
 std::string checkLabels(std::size_t check) {
@@ -405,21 +420,37 @@ std::unordered_map<uint64_t, uint32_t> failedChecks(const std::vector<PidRow>& r
     return failed;
 }
 
+// Of each PID the checks that are told before they fail: those that concern it, within the bound.
+std::array<uint32_t, records::kKinds.size()> checksToldAhead(const std::vector<PidRow>& rows) {
+    std::array<uint32_t, records::kKinds.size()> checks{};
+    for (std::size_t kind = 0; kind < checks.size(); ++kind) {
+        for (std::size_t check = 0; check < records::kChecks.size(); ++check) {
+            checks[kind] |= concerns(check, static_cast<Kind>(kind)) ? uint32_t{1} << check : 0;
+        }
+    }
+    std::size_t series = 0;
+    for (const PidRow& row : rows) {
+        series +=
+            static_cast<std::size_t>(std::popcount(checks[static_cast<std::size_t>(row.record->kind())]));
+    }
+    return series > kMetricsPidChecks ? std::array<uint32_t, records::kKinds.size()>{} : checks;
+}
+
 void writePidChecks(Exposition& out, const std::vector<PidRow>& rows,
                     const std::unordered_map<uint64_t, uint32_t>& failed) {
-    out.family({"kestor_pid_tr101290_errors_total", kCounter,
-                "Errors of a check of ETSI TR 101 290 on a PID, from the first one on."});
+    out.family(
+        {"kestor_pid_tr101290_errors_total", kCounter, "Errors of a check of ETSI TR 101 290 on a PID."});
     std::array<std::string, records::kChecks.size()> labels;
     for (std::size_t check = 0; check < labels.size(); ++check) {
         labels[check] = checkLabels(check);
     }
+    const auto ahead = checksToldAhead(rows);
     for (const PidRow& row : rows) {
         const auto found = failed.find(pidKey(row));
-        if (found == failed.end()) {
-            continue;
-        }
+        const uint32_t told =
+            ahead[static_cast<std::size_t>(row.record->kind())] | (found == failed.end() ? 0 : found->second);
         for (std::size_t check = 0; check < labels.size(); ++check) {
-            if ((found->second >> check & 1) != 0) {
+            if ((told >> check & 1) != 0) {
                 out.sample(row.labels, labels[check], static_cast<double>(checkErrors(*row.record, check)));
             }
         }
@@ -449,81 +480,6 @@ void writeMaintenance(Exposition& out, const StationState& state, const std::vec
                 "1 while a maintenance window holds for the channel: its alarms are not delivered."});
     for (const ChannelRow& row : rows) {
         out.sample(row.labels, {}, row.state->maintenance ? 1 : 0);
-    }
-}
-
-// One that can be raised, and whether it is.
-struct AlarmRow {
-    std::optional<Group> group;
-    std::size_t type;
-    Severity severity;
-    const Alarm* raised;  // null when it is not
-};
-
-// The alarms that are configured for a channel, or for the probe, and not raised.
-void addConfigured(std::vector<AlarmRow>& rows, const std::optional<Group>& group, const RuleSet& rules,
-                   const std::set<std::pair<std::optional<Group>, std::size_t>>& raised) {
-    const auto types = alarmTypes();
-    for (std::size_t type = 0; type < types.size(); ++type) {
-        if (types[type].ofProbe != group.has_value() && types[type].kind != AlarmKind::kEvent &&
-            rules[type].enabled && !raised.contains({group, type})) {
-            rows.push_back({group, type, rules[type].severity, nullptr});
-        }
-    }
-}
-
-// The raised ones first. Of channels' others either all are told or none, so that no series comes and goes.
-std::vector<AlarmRow> alarmRows(const StationState& state) {
-    std::vector<AlarmRow> rows;
-    std::set<std::pair<std::optional<Group>, std::size_t>> raised;
-    for (const Alarm& alarm : state.alarms) {
-        if (!alarm.group || state.find(*alarm.group) != nullptr) {
-            rows.push_back({alarm.group, alarm.type, alarm.severity, &alarm});
-            raised.emplace(alarm.group, alarm.type);
-        }
-    }
-    if (state.configuration == nullptr || !state.configuration->profiles.contains("default")) {
-        return rows;
-    }
-    const Profiles& profiles = state.configuration->profiles;
-    const RuleSet& byDefault = profiles.at("default");
-    addConfigured(rows, {}, byDefault, raised);
-    const std::size_t always = rows.size();
-    for (const auto& channel : state.channels) {
-        if (channel->channel.enabled) {
-            const auto named = profiles.find(channel->channel.profile);
-            addConfigured(rows, channel->channel.group, named == profiles.end() ? byDefault : named->second,
-                          raised);
-        }
-        if (rows.size() > kMetricsAlarms) {
-            rows.resize(always);
-            break;
-        }
-    }
-    return rows;
-}
-
-void writeAlarms(Exposition& out, const StationState& state) {
-    const std::vector<AlarmRow> rows = alarmRows(state);
-    const auto labels = [](const AlarmRow& row) {
-        std::string text;
-        if (row.group) {
-            appendLabel(text, "group", row.group->text());
-        }
-        appendLabel(text, "alarm", alarmTypes()[row.type].name);
-        appendLabel(text, "severity", severityName(row.severity));
-        return text;
-    };
-    out.family({"kestor_alarm_active", kGauge,
-                "1 for a raised alarm, 0 for a configured one; alarms of the probe itself have no group."});
-    for (const AlarmRow& row : rows) {
-        out.sample(labels(row), {}, row.raised != nullptr ? 1 : 0);
-    }
-    out.family({"kestor_alarm_acknowledged", kGauge, "1 for a raised alarm that was acknowledged, else 0."});
-    for (const AlarmRow& row : rows) {
-        if (row.raised != nullptr) {
-            out.sample(labels(row), {}, row.raised->acknowledged ? 1 : 0);
-        }
     }
 }
 
@@ -557,7 +513,7 @@ std::string MetricsWriter::text(const StationState& state, const MetricsExtras& 
     writePidChecks(out, pids, failedChecks_);
     writeLastPackets(out, channels);
     writeMaintenance(out, state, channels);
-    writeAlarms(out, state);
+    writeAlarmMetrics(out, state);
     writeStationMetrics(out, state, extras);
     return text;
 }

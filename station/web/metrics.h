@@ -24,6 +24,9 @@ inline constexpr std::chrono::seconds kMetricsStaleAfter{10};
 // told.
 inline constexpr std::size_t kMetricsAlarms = 50'000;
 
+// Up to so many series of PIDs' checks are told before a check fails; of more each from its first error on.
+inline constexpr std::size_t kMetricsPidChecks = 20'000;
+
 // What the station tells of itself beside its state.
 struct MetricsExtras {
     std::string_view version;

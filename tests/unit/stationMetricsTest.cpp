@@ -201,19 +201,27 @@ TEST(StationMetrics, TellOfThePidsThatWereAskedFor) {
 TEST(StationMetrics, KeepAPidsCheckOnceItFailed) {
     const std::string check =
         R"(kestor_pid_tr101290_errors_total{group="239.1.1.1",pid="257",check="PTS_error",priority="2"})";
-    const auto withErrors = [](const char* errors) {
-        return line(Kind::kStream, "-1", {}) + line(Kind::kKnownPid, "257", {{"PTS_error", errors}});
+    const auto withErrors = [](const char* errors, std::size_t pids) {
+        std::string text = line(Kind::kStream, "-1", {});
+        for (std::size_t pid = 257; pid < 257 + pids; ++pid) {
+            text += line(Kind::kKnownPid, std::to_string(pid), {{"PTS_error", pid == 257 ? errors : "0"}});
+        }
+        return text;
     };
-    Station station(withErrors("0"));
+    Station station(withErrors("0", 1));
+    EXPECT_THAT(series(MetricsWriter().text(station.state, {})), Contains(Pair(check, "0")));
+
+    const std::size_t many = kMetricsPidChecks / 8 + 1;  // eight checks of each
     MetricsWriter writer;
+    station.show(withErrors("0", many));
     EXPECT_THAT(series(writer.text(station.state, {})), Not(Contains(Key(check))));
-    station.show(withErrors("3"));
+    station.show(withErrors("3", many));
     EXPECT_THAT(series(writer.text(station.state, {})), Contains(Pair(check, "3")));
-    station.show(withErrors("0"));
+    station.show(withErrors("0", many));
     EXPECT_THAT(series(writer.text(station.state, {})), Contains(Pair(check, "0")));
     station.show(line(Kind::kStream, "-1", {}));
     writer.text(station.state, {});
-    station.show(withErrors("0"));
+    station.show(withErrors("0", many));
     EXPECT_THAT(series(writer.text(station.state, {})), Not(Contains(Key(check))));
 }
 
