@@ -1,0 +1,93 @@
+#include "web/alarmMetrics.h"
+
+#include <optional>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "web/metrics.h"
+
+namespace station {
+
+namespace {
+
+using enum MetricType;
+
+// One that can be raised, and whether it is.
+struct AlarmRow {
+    std::optional<Group> group;
+    std::size_t type;
+    Severity severity;
+    const Alarm* raised;  // null when it is not
+};
+
+// The alarms that are configured for a channel, or for the probe, and not raised.
+void addConfigured(std::vector<AlarmRow>& rows, const std::optional<Group>& group, const RuleSet& rules,
+                   const std::set<std::pair<std::optional<Group>, std::size_t>>& raised) {
+    const auto types = alarmTypes();
+    for (std::size_t type = 0; type < types.size(); ++type) {
+        if (types[type].ofProbe != group.has_value() && types[type].kind != AlarmKind::kEvent &&
+            rules[type].enabled && !raised.contains({group, type})) {
+            rows.push_back({group, type, rules[type].severity, nullptr});
+        }
+    }
+}
+
+// The raised ones first. Of channels' others either all are told or none, so that no series comes and goes.
+std::vector<AlarmRow> alarmRows(const StationState& state) {
+    std::vector<AlarmRow> rows;
+    std::set<std::pair<std::optional<Group>, std::size_t>> raised;
+    for (const Alarm& alarm : state.alarms) {
+        if (!alarm.group || state.find(*alarm.group) != nullptr) {
+            rows.push_back({alarm.group, alarm.type, alarm.severity, &alarm});
+            raised.emplace(alarm.group, alarm.type);
+        }
+    }
+    if (state.configuration == nullptr || !state.configuration->profiles.contains("default")) {
+        return rows;
+    }
+    const Profiles& profiles = state.configuration->profiles;
+    const RuleSet& byDefault = profiles.at("default");
+    addConfigured(rows, {}, byDefault, raised);
+    const std::size_t always = rows.size();
+    for (const auto& channel : state.channels) {
+        if (channel->channel.enabled) {
+            const auto named = profiles.find(channel->channel.profile);
+            addConfigured(rows, channel->channel.group, named == profiles.end() ? byDefault : named->second,
+                          raised);
+        }
+        if (rows.size() > kMetricsAlarms) {
+            rows.resize(always);
+            break;
+        }
+    }
+    return rows;
+}
+
+}  // namespace
+
+void writeAlarmMetrics(Exposition& out, const StationState& state) {
+    const std::vector<AlarmRow> rows = alarmRows(state);
+    const auto labels = [](const AlarmRow& row) {
+        std::string text;
+        if (row.group) {
+            appendLabel(text, "group", row.group->text());
+        }
+        appendLabel(text, "alarm", alarmTypes()[row.type].name);
+        appendLabel(text, "severity", severityName(row.severity));
+        return text;
+    };
+    out.family({"kestor_alarm_active", kGauge,
+                "1 for a raised alarm, 0 for a configured one; alarms of the probe itself have no group."});
+    for (const AlarmRow& row : rows) {
+        out.sample(labels(row), {}, row.raised != nullptr ? 1 : 0);
+    }
+    out.family({"kestor_alarm_acknowledged", kGauge, "1 for a raised alarm that was acknowledged, else 0."});
+    for (const AlarmRow& row : rows) {
+        if (row.raised != nullptr) {
+            out.sample(labels(row), {}, row.raised->acknowledged ? 1 : 0);
+        }
+    }
+}
+
+}  // namespace station
