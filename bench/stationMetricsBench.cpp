@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "channels/configuration.h"
 #include "tr101290Checks.h"
 #include "web/message.h"
 #include "web/metrics.h"
@@ -86,6 +87,7 @@ double memory(const std::string& name) {
 void scrape(benchmark::State& state) {
     station::StationState known;
     known.probe.connected = true;
+    known.configuration = std::make_shared<const station::Configuration>();
     for (uint32_t number = 0; number < kChannels; ++number) {
         known.channels.push_back(channelState(number, state.range(0) != 0));
     }
