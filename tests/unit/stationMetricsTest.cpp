@@ -283,11 +283,7 @@ TEST(StationMetrics, TellOfConfiguredAlarmsBeforeTheyAreRaised) {
 
     // Beyond the bound those of channels are told once they are raised, and only then.
     station.state.channels.resize(kMetricsAlarms / 17 + 1, station.channel);
-    found.clear();
-    std::istringstream lines(MetricsWriter().text(station.state, {}));
-    for (std::string line; std::getline(lines, line);) {
-        EXPECT_THAT(line, Not(AllOf(HasSubstr("kestor_alarm_active{"), HasSubstr("group="))));
-    }
+    EXPECT_EQ(MetricsWriter().text(station.state, {}).find("kestor_alarm_active{group="), std::string::npos);
 }
 
 TEST(StationMetrics, TellOfMaintenance) {
