@@ -144,6 +144,19 @@ const Case kCases[] = {
              if (MeterStream::pidOf(packet) == 0)
                  packet[3] = static_cast<uint8_t>(0x10 | (counter++ & 15));
      }},
+    {"PatOfAnotherVersionEachSecond",
+     {},
+     nullptr,
+     [](std::vector<TsPacket>& p) {
+         for (std::size_t i = 0; i < p.size(); ++i) {
+             if (MeterStream::pidOf(p[i]) == 0) {
+                 const auto version = static_cast<uint8_t>(i / at(1000));
+                 const Bytes pat =
+                     psi::section(0, 1, version, psi::concat({psi::u16(1), psi::u16(0xE000 | kPmtPid)}));
+                 std::ranges::copy(pat, p[i].begin() + 5);
+             }
+         }
+     }},
     {"OtherTableOnThePatsPid",
      {{"1.3.a", 2}},
      [](MeterStream& s) {

@@ -231,6 +231,40 @@ TEST(MeterNetwork, AHoldUpIsNoFaultOfTheStreamButADelay) {
     EXPECT_EQ(report.network->histogram[12], sent.size() - 1 - 101) << "4096 to 8192 us";
 }
 
+TEST(MeterNetwork, BurstsAndAClockThatIsFastAreNoFaultsOfTheStream) {
+    struct {
+        std::size_t together;
+        int64_t ppm;
+    } const cases[] = {{1, 0}, {20, 0}, {1, 50}, {3, -20}};
+    for (const auto& [together, ppm] : cases) {
+        std::vector<Sent> sent = datagrams(40, false);
+        for (std::size_t i = 0; i < sent.size(); ++i) {
+            const int64_t made = static_cast<int64_t>(i / together * together) * kDatagramNs;
+            sent[i].arrival = made - made / 1'000'000 * ppm;
+        }
+        const meter::Report report = measure(sent);
+        EXPECT_EQ(faults(report), 0);
+        EXPECT_EQ(report.clocks[0].over500, 0);
+        EXPECT_GT(report.clocks[0].measured, 900);
+        EXPECT_NEAR(report.clocks[0].frequencyOffsetPpm.value(), static_cast<double>(ppm),
+                    together < 20 ? 5 : 100);
+        EXPECT_NEAR(report.network->delayFactorHighestMs.value(), static_cast<double>(together) * 5.264,
+                    together < 20 ? 1 : 6);
+    }
+}
+
+TEST(MeterNetwork, BurstsOfLostDatagramsAreCountedWhole) {
+    std::vector<Sent> sent = datagrams(12, false);
+    for (const std::ptrdiff_t at : {2000, 1400, 800}) {
+        sent.erase(sent.begin() + at, sent.begin() + at + 30);
+    }
+    const meter::LossReport lost = measure(sent).packets.lost;
+    EXPECT_EQ(lost.packets, 630);
+    EXPECT_EQ(lost.basis, "clock");
+    EXPECT_EQ(lost.events, 3);
+    EXPECT_EQ(lost.longest, 210);
+}
+
 TEST(MeterNetwork, ThePercentileIsThatOfTheSecond) {
     // Microseconds 1 to n in an order of their own: element floor(0.99 n) is known.
     for (const int64_t count : {10, 1000, 51'000}) {
