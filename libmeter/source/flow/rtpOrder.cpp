@@ -76,7 +76,6 @@ void RtpOrder::restart(OrderedSink& sink) {
         expectedBefore_ += highest_ - first_ + 1;
     }
     began_ = false;
-    straying_ = false;
 }
 
 void RtpOrder::beginAt(const RtpPacket& packet, Nanoseconds arrival, Nanoseconds wall, OrderedSink& sink) {

@@ -39,8 +39,9 @@ class RtpOrder {
     // Hands to `sink` what is in order by now. Arrivals are those of the packets' road: none is before the
     // last.
     Place feed(const RtpPacket& packet, Nanoseconds arrival, Nanoseconds wall, OrderedSink& sink);
-    // Hands out what is held; missing ones are given up.
+    // Hands out what is held; missing ones are given up, and a stray is left out.
     void flush(OrderedSink& sink) {
+        straying_ = false;
         while (heldCount_ > 0) {
             giveUpFirst(sink);
         }
