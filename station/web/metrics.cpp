@@ -69,11 +69,12 @@ constexpr std::array kStreamMetrics = std::to_array<ColumnMetric>({
      1,
      always},
     {{"kestor_stream_out_of_sequence_packets_total", kCounter,
-      "Packets with payload whose continuity counter is not the expected one."},
+      "Packets with payload and an unexpected continuity counter."},
      "packetsOutOfSequence",
      1,
      always},
-    {{"kestor_stream_scrambled_packets_total", kCounter, "Packets that are marked as scrambled."},
+    {{"kestor_stream_scrambled_packets_total", kCounter,
+      "Scrambled packets (transport_scrambling_control other than 0)."},
      "packetsScrambled",
      1,
      always},
@@ -130,7 +131,7 @@ constexpr std::array kPidMetrics = std::to_array<ColumnMetric>({
      "Continuity_count_error",
      1,
      always},
-    {{"kestor_pid_scrambled_packets_total", kCounter, "Packets of the PID that are marked as scrambled."},
+    {{"kestor_pid_scrambled_packets_total", kCounter, "Scrambled packets of the PID."},
      "packetsScrambled",
      1,
      always},
@@ -139,11 +140,11 @@ constexpr std::array kPidMetrics = std::to_array<ColumnMetric>({
      "bitRate",
      1,
      always},
-    {{"kestor_pid_picture_width_pixels", kGauge, "Picture width by the sequence parameter set."},
+    {{"kestor_pid_picture_width_pixels", kGauge, "Picture width from the sequence parameter set."},
      "pictureWidth",
      1,
      hasPicture},
-    {{"kestor_pid_picture_height_pixels", kGauge, "Picture height by the sequence parameter set."},
+    {{"kestor_pid_picture_height_pixels", kGauge, "Picture height from the sequence parameter set."},
      "pictureHeight",
      1,
      hasPicture},
@@ -299,14 +300,15 @@ std::vector<PidRow> pidRows(const std::vector<ChannelRow>& channels, MetricsPids
 
 void writeProbe(Exposition& out, const StationState& state, const MetricsExtras& extras) {
     const ProbeState& probe = state.probe;
-    out.family(
-        {"kestor_up", kGauge, "Whether the probe delivers results: what is told of channels is of now."});
+    out.family({"kestor_up", kGauge,
+                "1 while the probe delivers results, so that the channels' metrics are current."});
     out.sample(probe.connected ? 1 : 0);
-    out.family({"kestor_probe_asks", kGauge, "Whether the probe asks what to watch: changes reach it."});
+    out.family(
+        {"kestor_probe_asks", kGauge, "1 while the probe asks what to watch, so that changes reach it."});
     out.sample(probe.asks ? 1 : 0);
-    out.family({"kestor_probe_restarts_total", kCounter, "Times that the probe was seen to start anew."});
+    out.family({"kestor_probe_restarts_total", kCounter, "Restarts of the probe that the station saw."});
     out.sample(static_cast<double>(probe.restarts));
-    out.family({"kestor_snapshots_total", kCounter, "Snapshots of all channels that were read."});
+    out.family({"kestor_snapshots_total", kCounter, "Snapshots read from the probe."});
     out.sample(static_cast<double>(probe.snapshots));
     if (probe.lastSnapshot != WallTime{}) {
         out.family({"kestor_last_snapshot_timestamp_seconds", kGauge, "When the last snapshot was read."});
@@ -319,8 +321,8 @@ void writeProbe(Exposition& out, const StationState& state, const MetricsExtras&
 }
 
 void writeChannelInfo(Exposition& out, const std::vector<ChannelRow>& rows) {
-    out.family({"kestor_channel_info", kGauge,
-                "Always 1; a channel's name, and what else is known of it beside its measures."});
+    out.family(
+        {"kestor_channel_info", kGauge, "Always 1; the channel's name and other properties as labels."});
     std::string more;
     for (const ChannelRow& row : rows) {
         const Channel& channel = row.state->channel;
@@ -379,7 +381,7 @@ void writeChecks(Exposition& out, const std::vector<ChannelRow>& rows) {
 }
 
 void writePids(Exposition& out, const std::vector<PidRow>& rows) {
-    out.family({"kestor_pid_info", kGauge, "Always 1; what the tables say of a PID."});
+    out.family({"kestor_pid_info", kGauge, "Always 1; what the tables say about the PID, as labels."});
     std::string more;
     for (const PidRow& row : rows) {
         const Record& record = *row.record;
@@ -459,8 +461,8 @@ void writePidChecks(Exposition& out, const std::vector<PidRow>& rows,
 
 void writeLastPackets(Exposition& out, const std::vector<ChannelRow>& rows) {
     out.family({"kestor_channel_last_packet_timestamp_seconds", kGauge,
-                "When packets of the channel last came; 0 for none since the station was started or the "
-                "channel added."});
+                "When packets of the channel last arrived; 0 if none have since the station started or the "
+                "channel was added."});
     for (const ChannelRow& row : rows) {
         out.sample(row.labels, {}, secondsSinceEpoch(row.state->lastSeen));
     }
@@ -474,10 +476,10 @@ void writeMaintenance(Exposition& out, const StationState& state, const std::vec
         }
     }
     out.family({"kestor_maintenance_end_timestamp_seconds", kGauge,
-                "When the maintenance window for all channels ends that holds; 0 while none does."});
+                "When the current maintenance window for all channels ends; 0 if there is none."});
     out.sample(secondsSinceEpoch(until));
     out.family({"kestor_channel_maintenance", kGauge,
-                "1 while a maintenance window holds for the channel: its alarms are not delivered."});
+                "1 while the channel is in a maintenance window: its alarms are not delivered."});
     for (const ChannelRow& row : rows) {
         out.sample(row.labels, {}, row.state->maintenance ? 1 : 0);
     }
