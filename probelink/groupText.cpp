@@ -1,13 +1,12 @@
 #include "groupText.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 
+#include "basics/address.h"
+
 bool isGroup(std::string_view text) {
-    in_addr address{};
-    return inet_pton(AF_INET, std::string(text).c_str(), &address) == 1 &&
-           IN_MULTICAST(ntohl(address.s_addr));
+    const auto address = basics::parseDotted(text);
+    return address && basics::isMulticastAddress(*address);
 }
 
 std::string groupWithin(std::string_view text) {

@@ -1,11 +1,9 @@
 #include "playlistCopies.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdint>
-#include <cstdio>
 #include <system_error>
 
+#include "basics/text.h"
 #include "channels/playlist.h"
 #include "channels/textFile.h"
 
@@ -17,23 +15,13 @@ constexpr std::size_t kShownName = 100;     // bytes of a playlist's own name
 constexpr std::size_t kOldNameLimit = 200;  // bytes
 
 // FNV-1a, 64 bits: the same in every version and on every machine.
-uint64_t hashOf(std::string_view text) {
-    uint64_t hash = 0xcbf29ce484222325;
-    for (const char byte : text) {
-        hash = (hash ^ static_cast<uint8_t>(byte)) * 0x100000001b3;
-    }
-    return hash;
-}
-
 }  // namespace
 
 PlaylistCopies::PlaylistCopies(const std::filesystem::path& stateDirectory)
     : directory_(stateDirectory / "playlists") {}
 
 std::string PlaylistCopies::nameOf(const std::filesystem::path& file) {
-    std::array<char, 17> hash{};
-    snprintf(hash.data(), hash.size(), "%016llx", static_cast<unsigned long long>(hashOf(file.string())));
-    return std::string(hash.data()) + "-" + file.filename().string().substr(0, kShownName);
+    return basics::fingerprintText(file.string()) + "-" + file.filename().string().substr(0, kShownName);
 }
 
 std::string PlaylistCopies::oldNameOf(const std::filesystem::path& file) {

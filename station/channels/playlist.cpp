@@ -6,6 +6,7 @@
 #include <map>
 #include <utility>
 
+#include "basics/text.h"
 #include "channels/textFile.h"
 #include "common/text.h"
 
@@ -33,9 +34,7 @@ bool equals(std::string_view text, std::string_view lowerCase) {
 }
 
 std::string_view trimmed(std::string_view text) {
-    const std::size_t first = text.find_first_not_of(kBlanks);
-    return first == std::string_view::npos ? std::string_view()
-                                           : text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+    return basics::trimmed(text, kBlanks);
 }
 
 // The next line, however it ends (LF, CR LF or CR), taken off the front.

@@ -8,27 +8,17 @@
 #include <cstdio>
 #include <system_error>
 
+#include "basics/descriptor.h"
+
 namespace station {
 
 namespace {
 
-class Descriptor {
-  public:
-    Descriptor(const std::filesystem::path& path, int flags, mode_t mode = 0)
-        : descriptor_(open(path.c_str(), flags | O_CLOEXEC, mode)) {}
-    ~Descriptor() {
-        if (descriptor_ >= 0) {
-            close(descriptor_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    int get() const {
-        return descriptor_;
-    }
+using basics::Descriptor;
 
-  private:
-    int descriptor_;
-};
+Descriptor opened(const std::filesystem::path& path, int flags, mode_t mode = 0) {
+    return Descriptor(open(path.c_str(), flags | O_CLOEXEC, mode));
+}
 
 // "cannot be read: No such file or directory"
 std::string problemBeing(std::string_view what) {
@@ -39,12 +29,12 @@ std::string problemBeing(std::string_view what) {
 // Empty when all is written and on the disk.
 std::string writeNewFile(const std::filesystem::path& file, std::string_view bytes) {
     constexpr mode_t kMode = 0640;
-    const Descriptor descriptor(file, O_WRONLY | O_CREAT | O_TRUNC, kMode);
-    if (descriptor.get() < 0) {
+    const Descriptor descriptor = opened(file, O_WRONLY | O_CREAT | O_TRUNC, kMode);
+    if (descriptor.number() < 0) {
         return problemBeing("created");
     }
     while (!bytes.empty()) {
-        const ssize_t written = write(descriptor.get(), bytes.data(), bytes.size());
+        const ssize_t written = write(descriptor.number(), bytes.data(), bytes.size());
         if (written < 0 && errno == EINTR) {
             continue;
         }
@@ -53,7 +43,7 @@ std::string writeNewFile(const std::filesystem::path& file, std::string_view byt
         }
         bytes.remove_prefix(static_cast<std::size_t>(written));
     }
-    return fsync(descriptor.get()) == 0 ? "" : problemBeing("written");
+    return fsync(descriptor.number()) == 0 ? "" : problemBeing("written");
 }
 
 }  // namespace
@@ -70,8 +60,8 @@ std::string readTextFile(const std::filesystem::path& file, std::size_t limit, s
         problem = "is no regular file";
         return {};
     }
-    const Descriptor descriptor(file, O_RDONLY | O_NONBLOCK);
-    if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    const Descriptor descriptor = opened(file, O_RDONLY | O_NONBLOCK);
+    if (descriptor.number() < 0 || fstat(descriptor.number(), &status) != 0 || !S_ISREG(status.st_mode)) {
         problem = problemBeing("read");
         return {};
     }
@@ -80,7 +70,7 @@ std::string readTextFile(const std::filesystem::path& file, std::size_t limit, s
     for (;;) {
         const std::size_t before = bytes.size();
         bytes.resize(before + kStep);
-        const ssize_t got = read(descriptor.get(), bytes.data() + before, kStep);
+        const ssize_t got = read(descriptor.number(), bytes.data() + before, kStep);
         if (got < 0 && errno != EINTR) {
             problem = problemBeing("read");
             return {};
@@ -109,8 +99,8 @@ std::string replaceTextFile(const std::filesystem::path& file, std::string_view 
     }
     // The new name is on the disk when the directory is.
     const std::filesystem::path parent = file.has_parent_path() ? file.parent_path() : ".";
-    const Descriptor directory(parent, O_RDONLY | O_DIRECTORY);
-    if (directory.get() < 0 || fsync(directory.get()) != 0) {
+    const Descriptor directory = opened(parent, O_RDONLY | O_DIRECTORY);
+    if (directory.number() < 0 || fsync(directory.number()) != 0) {
         return problemBeing("synced");
     }
     return {};

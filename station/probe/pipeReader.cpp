@@ -14,12 +14,14 @@
 #include <utility>
 #include <vector>
 
+#include "basics/descriptor.h"
 #include "common/log.h"
 
 namespace station {
 
 namespace {
 
+using basics::Descriptor;
 using namespace std::chrono_literals;
 using std::chrono::microseconds;
 using std::chrono::steady_clock;
@@ -29,27 +31,6 @@ constexpr std::chrono::milliseconds kLookAgain =
     500ms;                           // whether the pipe was made anew, while nothing comes
 constexpr int kPipeBytes = 1 << 20;  // what an unprivileged process may ask for; 64 KiB without
 constexpr std::size_t kReadBytes = std::size_t{1} << 20;
-
-class Descriptor {
-  public:
-    explicit Descriptor(int number = -1) : number_(number) {}
-    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(number_, other.number_);
-        return *this;
-    }
-    ~Descriptor() {
-        if (number_ >= 0) {
-            close(number_);
-        }
-    }
-    int number() const {
-        return number_;
-    }
-
-  private:
-    int number_;
-};
 
 }  // namespace
 

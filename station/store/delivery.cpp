@@ -13,6 +13,7 @@
 #include <thread>
 #include <utility>
 
+#include "basics/text.h"
 #include "common/log.h"
 #include "common/text.h"
 #include "store/deliveryKeeper.h"
@@ -34,12 +35,9 @@ constexpr std::size_t kDormant = 32;  // receivers whose account is kept though 
 
 // A receiver's name in delivery.db: tells URLs apart without keeping the secrets that may stand in them.
 std::string keyOf(const Webhook& webhook) {
-    uint64_t hash = 14695981039346656037ULL;  // FNV-1a, which stays the same between builds
-    for (const char character : webhook.url) {
-        hash = (hash ^ static_cast<unsigned char>(character)) * 1099511628211ULL;
-    }
     const char* const format = webhook.format == WebhookFormat::kAlertmanager ? "alertmanager" : "json";
-    return std::string(format) + " " + shownUrl(webhook.url) + " " + std::to_string(hash);
+    return std::string(format) + " " + shownUrl(webhook.url) + " " +
+           std::to_string(basics::fingerprint(webhook.url));
 }
 
 // The key of today for one that a file of version 1.1 has, whose URL had a path.

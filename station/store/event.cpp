@@ -2,40 +2,45 @@
 
 #include <algorithm>
 #include <array>
-#include <utility>
+
+#include "store/eventKinds.h"
 
 namespace station {
 
 namespace {
 
-constexpr std::array<std::pair<EventKind, std::string_view>, 15> kKindNames = {{
-    {EventKind::kRaised, "raised"},
-    {EventKind::kCleared, "cleared"},
-    {EventKind::kAcknowledged, "acknowledged"},
-    {EventKind::kHappened, "happened"},
-    {EventKind::kProbeCame, "probe_came"},
-    {EventKind::kProbeWent, "probe_went"},
-    {EventKind::kProbeRestarted, "probe_restarted"},
-    {EventKind::kChannelAdded, "channel_added"},
-    {EventKind::kChannelRemoved, "channel_removed"},
-    {EventKind::kChannelChanged, "channel_changed"},
-    {EventKind::kConfigurationRead, "configuration_read"},
-    {EventKind::kConfigurationRefused, "configuration_refused"},
-    {EventKind::kMaintenanceSet, "maintenance_set"},
-    {EventKind::kMaintenanceEnded, "maintenance_ended"},
-    {EventKind::kStationStarted, "station_started"},
-}};
+constexpr std::array kKinds = std::to_array<EventKindNames>({
+    {EventKind::kRaised, "raised", "Alarm raised"},
+    {EventKind::kCleared, "cleared", "Alarm cleared"},
+    {EventKind::kAcknowledged, "acknowledged", "Alarm acknowledged"},
+    {EventKind::kHappened, "happened", "Happened"},
+    {EventKind::kProbeCame, "probe_came", "Probe came"},
+    {EventKind::kProbeWent, "probe_went", "Probe went"},
+    {EventKind::kProbeRestarted, "probe_restarted", "Probe restarted"},
+    {EventKind::kChannelAdded, "channel_added", "Channel added"},
+    {EventKind::kChannelRemoved, "channel_removed", "Channel removed"},
+    {EventKind::kChannelChanged, "channel_changed", "Channel changed"},
+    {EventKind::kConfigurationRead, "configuration_read", "Configuration read"},
+    {EventKind::kConfigurationRefused, "configuration_refused", "Configuration refused"},
+    {EventKind::kMaintenanceSet, "maintenance_set", "Maintenance set"},
+    {EventKind::kMaintenanceEnded, "maintenance_ended", "Maintenance ended"},
+    {EventKind::kStationStarted, "station_started", "Station started"},
+});
 
 }  // namespace
 
+std::span<const EventKindNames> eventKinds() {
+    return kKinds;
+}
+
 std::string_view eventKindName(EventKind kind) {
-    const auto found = std::ranges::find(kKindNames, kind, &std::pair<EventKind, std::string_view>::first);
-    return found == kKindNames.end() ? "unknown" : found->second;
+    const auto* const found = std::ranges::find(kKinds, kind, &EventKindNames::kind);
+    return found == kKinds.end() ? "unknown" : found->name;
 }
 
 std::optional<EventKind> parseEventKind(std::string_view name) {
-    const auto found = std::ranges::find(kKindNames, name, &std::pair<EventKind, std::string_view>::second);
-    return found == kKindNames.end() ? std::nullopt : std::optional(found->first);
+    const auto* const found = std::ranges::find(kKinds, name, &EventKindNames::name);
+    return found == kKinds.end() ? std::nullopt : std::optional(found->kind);
 }
 
 }  // namespace station

@@ -10,10 +10,10 @@
 #include <deque>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <thread>
 #include <utility>
 
+#include "basics/text.h"
 #include "common/log.h"
 #include "recordColumns.h"
 #include "store/httpPoster.h"
@@ -61,15 +61,11 @@ bool isReserved(std::string_view key) {
 
 // The labels as tags. The server takes no point in which a key stands twice.
 void appendLabels(std::string& line, const Labels& labels) {
-    std::set<std::string> used;
+    basics::UniqueNames used;
     for (const auto& [key, value] : labels) {
         std::string name;
         appendEscaped(name, isReserved(key) ? "label_" + key : key);
-        const std::string first = name;
-        for (int number = 2; name.empty() || !used.insert(name).second; ++number) {
-            name = (first.empty() ? "label" : first) + "_" + std::to_string(number);
-        }
-        appendTag(line, name, value);
+        appendTag(line, name.empty() ? used.takeNumbered("label") : used.take(name), value);
     }
 }
 

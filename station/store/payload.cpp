@@ -4,6 +4,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "basics/text.h"
 #include "common/text.h"
 
 namespace station {
@@ -124,12 +125,7 @@ std::string webhookBody(std::span<const Notification> notifications, std::size_t
 }
 
 std::string labelName(std::string_view name) {
-    std::string valid(name);
-    for (char& character : valid) {
-        const bool digit = character >= '0' && character <= '9';
-        const bool letter = (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z');
-        character = digit || letter ? character : '_';
-    }
+    std::string valid = basics::plainLabelName(name);
     if (valid.empty() || (valid[0] >= '0' && valid[0] <= '9')) {
         valid.insert(valid.begin(), '_');
     }

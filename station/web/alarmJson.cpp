@@ -1,6 +1,7 @@
 // Alarms, events and what is known of the past.
 #include <algorithm>
 #include <array>
+#include <cmath>
 
 #include "common/text.h"
 #include "web/apiJson.h"

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 
+#include "basics/address.h"
 #include "recordColumns.h"
+#include "recordValues.h"
 #include "tr101290Checks.h"
 #include "web/jsonValues.h"
 
@@ -73,15 +75,6 @@ void channelMembers(JsonWriter& json, const ChannelState& state) {
     json.member("lastSeen", state.lastSeen);
 }
 
-// An address column: network order, read as a little-endian integer.
-std::string addressText(int64_t column) {
-    std::string text;
-    for (int shift = 0; shift < 32; shift += 8) {
-        text.append(shift > 0 ? "." : "").append(std::to_string(column >> shift & 0xFF));
-    }
-    return text;
-}
-
 void identityMember(JsonWriter& json, const ChannelState& channel, bool passive) {
     const Record* stream = channel.stream;
     // Only the first packet teaches the probe where packets come from.
@@ -94,8 +87,8 @@ void identityMember(JsonWriter& json, const ChannelState& channel, bool passive)
         latency.reset();
     }
     json.name("identity").open('{');
-    json.member("source",
-                known ? std::optional(addressText(stream->integer("sourceAddress"))) : std::nullopt);
+    json.member("source", known ? std::optional(basics::dottedRecordAddress(stream->integer("sourceAddress")))
+                                : std::nullopt);
     json.member("sourcePort", number("sourcePort")).member("destinationPort", number("destinationPort"));
     json.member("ttl", number("ttl")).member("dscp", number("dscp")).member("ecn", number("ecn"));
     json.member("joinLatencyMs", latency).member("listedSource", json::textOrNull(channel.channel.source));
@@ -117,25 +110,9 @@ void checksMember(JsonWriter& json, const ChannelState& channel) {
 }
 
 void recordValue(JsonWriter& json, const Record& record) {
-    const auto columns = records::columnsOf(record.kind());
     json.open('{');
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-        json.name(columns[i].name);
-        switch (columns[i].type) {
-            case records::Type::kText:
-                json.value(record.text(i));
-                break;
-            case records::Type::kSigned:
-                json.value(record.integer(i));
-                break;
-            case records::Type::kUnsigned:
-                json.value(static_cast<uint64_t>(record.integer(i)));
-                break;
-            case records::Type::kFraction:
-                json.value(record.fraction(i));
-                break;
-        }
-    }
+    records::forEachValue(
+        record, [&](const records::Column& column, const auto& value) { json.member(column.name, value); });
     if (record.kind() != records::Kind::kStream) {
         json.name(records::kDescriptorTagsColumn.name).open('[');
         for (const uint64_t tag : record.descriptorTags()) {

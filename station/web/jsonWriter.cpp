@@ -4,39 +4,6 @@
 
 namespace station {
 
-namespace {
-
-// Every integer up to here is a double of its own.
-constexpr double kExactIntegers = 9007199254740992.0;
-
-void appendEscaped(std::string& text, std::string_view raw) {
-    constexpr std::string_view kHex = "0123456789abcdef";
-    for (const char character : raw) {
-        const auto code = static_cast<uint8_t>(character);
-        if (character == '"' || character == '\\') {
-            text.append(1, '\\').append(1, character);
-        } else if (code < 0x20) {
-            text.append("\\u00").append(1, kHex[code >> 4]).append(1, kHex[code & 0xF]);
-        } else {
-            text += character;
-        }
-    }
-}
-
-}  // namespace
-
-JsonWriter& JsonWriter::value(double number) {
-    if (!std::isfinite(number)) {
-        return value(nullptr);
-    }
-    if (std::fabs(number) < kExactIntegers && number == std::trunc(number)) {
-        return value(static_cast<int64_t>(number));  // without an exponent
-    }
-    std::array<char, 32> digits{};
-    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
-    return plain({digits.data(), end});
-}
-
 JsonWriter& JsonWriter::value(WallTime time) {
     if (time == WallTime{}) {
         return value(nullptr);
@@ -45,15 +12,7 @@ JsonWriter& JsonWriter::value(WallTime time) {
 }
 
 JsonWriter& JsonWriter::value(std::string_view text) {
-    separate();
-    text_ += '"';
-    if (isUtf8(text)) {
-        appendEscaped(text_, text);
-    } else {
-        appendEscaped(text_, toUtf8(text));
-    }
-    text_ += '"';
-    return *this;
+    return isUtf8(text) ? JsonWriterOf::value(text) : JsonWriterOf::value(std::string_view(toUtf8(text)));
 }
 
 }  // namespace station

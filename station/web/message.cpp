@@ -4,6 +4,7 @@
 #include <array>
 #include <cctype>
 
+#include "basics/text.h"
 #include "common/text.h"
 #include "web/answerBuilder.h"
 #include "web/jsonWriter.h"
@@ -11,6 +12,8 @@
 namespace station {
 
 namespace {
+
+using basics::trimmed;
 
 // On every answer. The page is made of files of this server alone, and runs in no frame.
 constexpr std::string_view kAlways =
@@ -48,16 +51,6 @@ constexpr std::array kStatusTexts = std::to_array<StatusText>({
     {501, "Not Implemented"},
     {503, "Service Unavailable"},
 });
-
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) {
-        text.remove_prefix(1);
-    }
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) {
-        text.remove_suffix(1);
-    }
-    return text;
-}
 
 // The part before the separator, which is taken off the text with it.
 std::string_view takeUntil(std::string_view& text, char separator) {

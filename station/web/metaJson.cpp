@@ -5,6 +5,7 @@
 
 #include "recordColumns.h"
 #include "sarn/names.h"
+#include "store/eventKinds.h"
 #include "tr101290Checks.h"
 #include "web/apiJson.h"
 #include "web/jsonValues.h"
@@ -12,28 +13,6 @@
 namespace station {
 
 namespace {
-
-struct KindText {
-    EventKind kind;
-    std::string_view text;
-};
-constexpr std::array kKindTexts = std::to_array<KindText>({
-    {EventKind::kRaised, "Alarm raised"},
-    {EventKind::kCleared, "Alarm cleared"},
-    {EventKind::kAcknowledged, "Alarm acknowledged"},
-    {EventKind::kHappened, "Happened"},
-    {EventKind::kProbeCame, "Probe came"},
-    {EventKind::kProbeWent, "Probe went"},
-    {EventKind::kProbeRestarted, "Probe restarted"},
-    {EventKind::kChannelAdded, "Channel added"},
-    {EventKind::kChannelRemoved, "Channel removed"},
-    {EventKind::kChannelChanged, "Channel changed"},
-    {EventKind::kConfigurationRead, "Configuration read"},
-    {EventKind::kConfigurationRefused, "Configuration refused"},
-    {EventKind::kMaintenanceSet, "Maintenance set"},
-    {EventKind::kMaintenanceEnded, "Maintenance ended"},
-    {EventKind::kStationStarted, "Station started"},
-});
 
 void columnValue(JsonWriter& json, const records::Column& column) {
     json.open('{').member("name", column.name).member("type", records::typeName(column.type));
@@ -109,8 +88,8 @@ std::string metaJson(const StationState& state) {
     json.name("alarmTypes");
     json::alarmTypesValue(json);
     json.name("eventKinds").open('[');
-    for (const KindText& kind : kKindTexts) {
-        json.open('{').member("name", eventKindName(kind.kind)).member("text", kind.text).close('}');
+    for (const EventKindNames& kind : eventKinds()) {
+        json.open('{').member("name", kind.name).member("text", kind.title).close('}');
     }
     json.close(']');
     using enum Severity;

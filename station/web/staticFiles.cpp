@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <fstream>
 #include <iterator>
 
+#include "basics/text.h"
 #include "common/log.h"
 #include "common/text.h"
 #include "web/answerBuilder.h"
@@ -34,20 +34,9 @@ constexpr std::array kContentTypes = std::to_array<ContentType>({
 
 constexpr std::array<std::string_view, 2> kLibraryFiles = {"dygraph.min.js", "dygraph.min.css"};
 
-// Tells one content from another (FNV-1a, 64 bits), in hexadecimal digits.
-std::string hashOf(std::string_view content) {
-    uint64_t hash = 0xCBF29CE484222325;
-    for (const char byte : content) {
-        hash = (hash ^ static_cast<uint8_t>(byte)) * 0x100000001B3;
-    }
-    std::array<char, 32> text{};
-    const int length = snprintf(text.data(), text.size(), "%016llx", static_cast<unsigned long long>(hash));
-    return {text.data(), static_cast<std::size_t>(length)};
-}
-
 // Weak, since compressed answers bear it as well.
 std::string etagOf(std::string_view content) {
-    return "W/\"" + hashOf(content) + "\"";
+    return "W/\"" + basics::fingerprintText(content) + "\"";
 }
 
 // With what those get who accept gzip.
@@ -106,7 +95,7 @@ void StaticFiles::setVersion() {
     for (const auto& [name, file] : page_) {
         all.append(name).append(file.etag);
     }
-    version_ = hashOf(all);
+    version_ = basics::fingerprintText(all);
     const auto index = page_.find(kIndex);
     if (index == page_.end()) {
         return;

@@ -1,12 +1,11 @@
 #include "table.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 
+#include "basics/address.h"
 #include "sarn/names.h"
 
 using records::Record;
@@ -37,13 +36,6 @@ double megabits(const Record& record) {
     return static_cast<double>(record.integer("bitRate")) / 1e6;
 }
 
-std::string dotted(int64_t address) {
-    in_addr text{};
-    text.s_addr = static_cast<in_addr_t>(address);
-    char buffer[INET_ADDRSTRLEN];
-    return inet_ntop(AF_INET, &text, buffer, sizeof buffer);
-}
-
 // The stream type's text without what only repeats the standard it comes from.
 std::string shortTypeName(int64_t streamType) {
     std::string_view name = GetTypeName(static_cast<unsigned>(streamType));
@@ -63,7 +55,7 @@ std::string source(const Record& stream) {
     if (stream.integer("packetsReceived") == 0) {
         return "no packets";
     }
-    return formatted("%s:%" PRId64 "%s", dotted(stream.integer("sourceAddress")).c_str(),
+    return formatted("%s:%" PRId64 "%s", basics::dottedRecordAddress(stream.integer("sourceAddress")).c_str(),
                      stream.integer("sourcePort"), stream.integer("wrongSource") != 0 ? " and other" : "");
 }
 

@@ -14,6 +14,7 @@
 #include <thread>
 #include <utility>
 
+#include "basics/descriptor.h"
 #include "probeEndpoints.h"
 #include "recordJson.h"
 #include "stationClient.h"
@@ -30,21 +31,12 @@ constexpr std::size_t kSnapshotLimit = std::size_t{64} << 20;
 // The station has a new snapshot about once a second.
 constexpr std::chrono::milliseconds kAsksStation = 200ms;
 
-struct FileDescriptor {
-    int number;
-    ~FileDescriptor() {
-        if (number >= 0) {
-            close(number);
-        }
-    }
-};
-
 // The text of one snapshot: what a writer sends between opening and closing the pipe. Opened without
 // waiting, so that the time can be limited; the writer waits for a reader anyway. Nothing when the time has
 // passed or the pipe cannot be read, which is said on standard error.
 std::optional<std::string> readSnapshot(Clock::time_point deadline) {
-    const FileDescriptor pipe{open(RESULTS_FIFO_PATH, O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
-    if (pipe.number < 0) {
+    const basics::Descriptor pipe{open(RESULTS_FIFO_PATH, O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+    if (pipe.number() < 0) {
         fprintf(stderr, "kestorctl: cannot read %s: %s (is kestor running?)\n", RESULTS_FIFO_PATH,
                 strerror(errno));
         return std::nullopt;
@@ -57,12 +49,12 @@ std::optional<std::string> readSnapshot(Clock::time_point deadline) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
             wait = static_cast<int>(std::max<int64_t>(left.count(), 0));
         }
-        pollfd item = {pipe.number, POLLIN, 0};
+        pollfd item = {pipe.number(), POLLIN, 0};
         if (const int ready = poll(&item, 1, wait); ready == 0) {
             fputs("kestorctl: no snapshot in time (is kestor running, as kestor -s?)\n", stderr);
             return std::nullopt;
         }
-        const ssize_t size = read(pipe.number, buffer.data(), buffer.size());
+        const ssize_t size = read(pipe.number(), buffer.data(), buffer.size());
         if (size == 0) {
             return text;
         }

@@ -1,22 +1,17 @@
 // The report as JSON. Every member of a level stands here once, in the order in which readers see it.
+#include "basics/address.h"
+#include "basics/jsonWriter.h"
 #include "meter/report.h"
-#include "report/jsonWriter.h"
 
 namespace meter {
 
 namespace {
 
+using basics::dotted;
+using basics::JsonWriter;
+
 constexpr int kSchema = 1;
 constexpr std::size_t kUsualSize = 8192;
-
-std::string dotted(uint32_t address) {
-    std::string text;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        text += std::to_string(address >> shift & 0xFF);
-        text += shift > 0 ? "." : "";
-    }
-    return text;
-}
 
 std::optional<std::string> dotted(const std::optional<uint32_t>& address) {
     return address ? std::optional(dotted(*address)) : std::nullopt;
