@@ -161,6 +161,11 @@ void countApart(World& w) {
     }
 }
 
+void enable(World& w, std::string_view type, bool on) {
+    w.rule(type).enabled = on;
+    w.configure();
+}
+
 struct Script {
     const char* name;
     std::vector<Deed> deeds;  // each before the second's snapshot
@@ -301,6 +306,23 @@ const std::vector<Script> kScripts = {
       packets(61, 1000)},
      70,
      "3:raised continuity, 7:raised probe_silent, 60:cleared probe_silent, 60:cleared continuity"},
+    {"a channel that is missing while the probe is silent is given its time again",
+     {{3, [](World& w) { w.shown = false; }},
+      {10, [](World& w) { w.silent = true; }},
+      {40, [](World& w) { w.silent = false; }}},
+     70,
+     "12:raised probe_silent, 40:cleared probe_silent, 56:raised no_signal"},
+    {"what is enabled anew has to last its delay again",
+     {{1, [](World& w) { enable(w, "bitrate_low", true); }},
+      packets(2, 500),
+      {6, [](World& w) { enable(w, "bitrate_low", false); }},
+      {30, [](World& w) { enable(w, "bitrate_low", true); }},
+      {40, [](World& w) { enable(w, "bitrate_low", false); }},
+      {60, [](World& w) { w.channels.at(kGroup).enabled = false, w.configure(); }},
+      {65, [](World& w) { w.channels.at(kGroup).enabled = true, w.configure(); }},
+      packets(65, 0)},
+     80,
+     "35:raised bitrate_low, 39:cleared bitrate_low, 71:raised no_signal"},
 };
 
 }  // namespace
@@ -407,6 +429,58 @@ TEST(StationAlarms, AreAcknowledgedAndOutliveTheStation) {
     after.packets = 1000;
     after.run(8);
     EXPECT_EQ(after.log, "10:cleared continuity, 11:cleared no_signal");
+}
+
+TEST(StationAlarms, KeepTheWorstValue) {
+    const struct {
+        const char* type;
+        const char* column;
+        std::vector<double> values;  // a second each; the first raises it
+        double peak;
+    } cases[] = {
+        {"quality_index", "transportQualityIndex", {2.5, 1.75, 2.75, 3.25}, 1.75},
+        {"jitter", "jitterVariance", {5000, 90'000, 3000, 2100}, 90'000},
+        {"crc", "CRC_error", {1, 5, 7, 8}, 8},
+    };
+    for (const auto& one : cases) {
+        World world;
+        world.packets = kFast;
+        world.rule(one.type).raiseDelay = {};
+        world.configure();
+        world.run(3);
+        for (const double value : one.values) {
+            world.stream.values[one.column] = value;
+            world.run(1);
+        }
+        const auto raised = world.engine.activeOf(kGroup);
+        ASSERT_EQ(raised.size(), 1U) << one.type;
+        EXPECT_EQ(raised[0].type, typeOf(one.type));
+        EXPECT_EQ(raised[0].value, one.values.back()) << one.type;
+        EXPECT_EQ(raised[0].peak, one.peak) << one.type;
+    }
+}
+
+TEST(StationAlarms, AreTakenUpForWhatTheyAreAbout) {
+    const struct {
+        const char* type;
+        std::optional<Group> group;
+        bool taken;
+    } cases[] = {{"probe_silent", {}, true},
+                 {"probe_silent", kGroup, false},
+                 {"no_signal", {}, false},
+                 {"no_signal", kGroup, true},
+                 {"probe_restarted", {}, false},
+                 {"ttl_changed", kGroup, false},
+                 {"no_signal", Group::parse("239.9.9.9"), false}};
+    for (const auto& one : cases) {
+        World world;
+        const Alarm alarm{
+            .id = 5, .type = typeOf(one.type), .group = one.group, .raised = {}, .acknowledged = {}};
+        const auto dropped = world.engine.restore({alarm}, world.now);
+        EXPECT_EQ(world.engine.active().size(), one.taken ? 1U : 0U) << one.type;
+        ASSERT_EQ(dropped.size(), one.taken ? 0U : 1U) << one.type;
+        EXPECT_EQ(one.taken || dropped[0].alarm.id == 5, true);
+    }
 }
 
 TEST(StationAlarms, AWaitingChannelIsNeverOk) {

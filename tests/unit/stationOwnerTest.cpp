@@ -1,10 +1,20 @@
-// The whole station without a probe: what its files say later than they should loses nothing.
+// The whole station without a probe: what its files say later than they should loses nothing, and what the
+// main thread does on signals.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
+#include <fstream>
+#include <mutex>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <thread>
 
+#include "channelSaver.h"
 #include "channels/textFile.h"
 #include "station.h"
 #include "support/scratch.h"
@@ -117,6 +127,109 @@ TEST(Station, AlarmsOutliveFilesThatCanBeReadLater) {
         mailbox.send(LoadedRuntime{RuntimeChannels{}, {}});
         EXPECT_TRUE(eventually([&] { return site.count("cleared", "no_signal") == 1; })) << "it was raised";
     }
+}
+
+// FileKeeper on a configuration of one playlist, with a disk that hangs where a test says so.
+struct Kept {
+    ScratchDirectory directory;
+    const SignalMask mask;
+    Mailbox mailbox;
+    std::mutex hanging;  // while it is held no playlist is read
+    std::optional<FileKeeper> keeper;
+    std::thread serving;
+    std::atomic<bool> over{false};
+
+    Kept() {
+        std::ofstream(directory.path() / "station.toml") << "[[playlist]]\nfile = \"a.m3u\"\n";
+        write(1);
+        keeper.emplace(FileReader::Options{directory.path() / "station.toml", [](Configuration&) {},
+                                           [this](const fs::path& file, std::size_t limit, auto& problem) {
+                                               const std::lock_guard lock(hanging);
+                                               return readTextFile(file, limit, problem);
+                                           }},
+                       mailbox);
+        EXPECT_EQ(keeper->load()->playlists.at(0).second.channels.size(), 1U);
+        EXPECT_TRUE(keeper->loadRuntime(directory.path()).channels);
+        serving = std::thread([this] {
+            keeper->run();
+            over = true;
+        });
+    }
+    ~Kept() {
+        if (!over) {
+            kill(getpid(), SIGTERM);
+        }
+        serving.join();
+        keeper.reset();
+    }
+    // The playlist, so that nothing tells that it changed but what is in it.
+    void write(int channels) {
+        std::string text = "#EXTM3U\n";
+        for (int i = 1; i <= channels; ++i) {
+            text += "udp://@239.1.1." + std::to_string(i) + ":1\n";
+        }
+        std::ofstream(directory.path() / "a.m3u") << text;
+    }
+};
+
+TEST(FileKeeper, ReadsAllFilesOnSighupAndEndsOnSigterm) {
+    Kept kept;
+    for (int times = 0; times < 2; ++times) {
+        kill(getpid(), SIGHUP);
+        const auto files = kept.mailbox.takeUntil(std::chrono::steady_clock::now() + 30s).files;
+        ASSERT_TRUE(files) << "told though nothing changed";
+        EXPECT_EQ(files->playlists.at(0).second.channels.size(), 1U);
+        EXPECT_FALSE(kept.over);
+    }
+    kill(getpid(), SIGTERM);
+    EXPECT_TRUE(eventually([&] { return kept.over.load(); }));
+    EXPECT_TRUE(kept.keeper->end());
+}
+
+TEST(FileKeeper, LetsNoMoreWaitForAReadingThanItMay) {
+    Kept kept;
+    std::atomic<std::size_t> told{0};
+    const auto ask = [&] { return kept.keeper->reload([&](const ReadResult&) { ++told; }); };
+    std::unique_lock hang(kept.hanging);
+    kill(getpid(), SIGHUP);
+    std::this_thread::sleep_for(200ms);  // that reading does not end
+    for (std::size_t i = 0; i < FileKeeper::kAskers; ++i) {
+        ASSERT_TRUE(ask()) << i;
+    }
+    EXPECT_FALSE(ask());
+    hang.unlock();
+    while (told < FileKeeper::kAskers) {
+        const auto files = kept.mailbox.takeUntil(std::chrono::steady_clock::now() + 30s).files;
+        ASSERT_TRUE(files);
+        for (const auto& asker : files->askers) {
+            asker();
+        }
+    }
+    EXPECT_TRUE(ask()) << "there is room again";
+}
+
+TEST(FileKeeper, LetsNoMoreWaitForASlowDiskThanItMay) {
+    Kept kept;
+    const fs::path slow = kept.directory.path() / "channels.json.new";
+    ASSERT_EQ(mkfifo(slow.c_str(), 0600), 0);  // opening it waits until somebody reads it
+    std::atomic<std::size_t> told{0};
+    std::atomic<std::size_t> refused{0};
+    const auto save = [&] {
+        kept.keeper->save({}, [&](const std::string& problem) {
+            problem.find("too many changes wait") == std::string::npos ? ++told : ++refused;
+        });
+    };
+    save();
+    std::this_thread::sleep_for(200ms);  // that one is being written
+    for (std::size_t i = 0; i < ChannelSaver::kAskers; ++i) {
+        save();
+    }
+    EXPECT_EQ(refused, 0U);
+    save();
+    EXPECT_EQ(refused, 1U);
+    const int reader = open(slow.c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_TRUE(eventually([&] { return told == ChannelSaver::kAskers + 1; })) << told;
+    close(reader);
 }
 
 }  // namespace
