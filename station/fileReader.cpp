@@ -15,6 +15,7 @@
 #include "channels/fileWatch.h"
 #include "channels/textFile.h"
 #include "common/log.h"
+#include "configurationCopy.h"
 #include "knownFiles.h"
 #include "playlistCopies.h"
 
@@ -41,6 +42,9 @@ struct FileReader::Implementation {
     KnownFiles known;
     LogOnChange openTrouble;               // that everybody can read
     std::optional<PlaylistCopies> copies;  // in the first state directory: another one needs a restart
+    std::filesystem::path copiesIn;        // that one
+    std::optional<std::string> toCopy;     // the configuration's text, until the copy holds it
+    LogOnChange copyTrouble;
     steady_clock::time_point readAgain;
     std::optional<steady_clock::time_point> askedSince;  // a reading that waits for files to rest
 
@@ -271,11 +275,21 @@ struct FileReader::Implementation {
                       [&](const auto& list) { return std::ranges::find(files, list.first) == files.end(); });
     }
 
+    ConfigurationResult readWithText(std::string& text) const {
+        if (options.configuration.empty()) {
+            return parseConfiguration("", "station.toml");
+        }
+        std::string problem;
+        text = readTextFile(options.configuration, kConfigurationCopyLimit, problem);
+        return problem.empty()
+                   ? parseConfiguration(text, options.configuration)
+                   : ConfigurationResult{{}, {{options.configuration.string(), 0, 0, problem}}, {}};
+    }
+
     void readConfiguration(std::vector<std::string>& refused) {
         const Reading reading(*this, options.configuration);
-        ConfigurationResult read = options.configuration.empty()
-                                       ? parseConfiguration("", "station.toml")
-                                       : station::readConfiguration(options.configuration);
+        std::string text;
+        ConfigurationResult read = readWithText(text);
         // Somebody has begun to write it.
         known.configurationWaits = known.configuration && !watch.rests(options.configuration);
         if (known.configurationWaits) {
@@ -284,23 +298,49 @@ struct FileReader::Implementation {
         known.mistakes.clear();
         for (const Mistake& mistake : read.mistakes) {
             known.mistakes.push_back(mistake.message());
-            if (known.configuration) {
-                log(LogLevel::kWarning, mistake.message() + "; the last good configuration holds");
-            }
         }
         refused.insert(refused.end(), known.mistakes.begin(), known.mistakes.end());
         if (!known.mistakes.empty()) {
+            if (!known.configuration) {
+                takeUpConfigurationCopy(std::move(read), text);
+            }
+            for (const std::string& mistake :
+                 known.configuration ? known.mistakes : decltype(known.mistakes){}) {
+                log(LogLevel::kWarning, mistake + known.whatHolds());
+            }
             return;
         }
         options.override(read.configuration);
-        known.configuration = std::make_shared<const Configuration>(std::move(read.configuration));
+        known.copyOf.reset();
+        toCopy = options.configuration.empty() ? std::nullopt : std::optional(std::move(text));
+        hold(std::move(read.configuration));
+    }
+
+    void hold(Configuration&& good) {
+        known.configuration = std::make_shared<const Configuration>(std::move(good));
         if (const std::string note = openToAll(*known.configuration); note.empty()) {
             openTrouble.over();
         } else {
             openTrouble.say(LogLevel::kWarning, note);
         }
         if (!copies) {
-            copies.emplace(known.configuration->state);
+            copiesIn = known.configuration->state;
+            copies.emplace(copiesIn);
+        }
+    }
+
+    // A start with a broken configuration, which may well say where the copy is.
+    void takeUpConfigurationCopy(ConfigurationResult&& broken, std::string_view text) {
+        if (broken.configuration.state == Configuration{}.state) {
+            broken.configuration.state =
+                stateDirectoryAbove(text, broken.mistakes.front().line, options.configuration);
+        }
+        options.override(broken.configuration);
+        auto copy = readConfigurationCopy(broken.configuration.state, options.configuration);
+        if (copy) {
+            options.override(copy->configuration);
+            known.copyOf = copy->written;
+            hold(std::move(copy->configuration));
         }
     }
 
@@ -321,8 +361,8 @@ struct FileReader::Implementation {
         list.waits = false;
         if (playlist) {
             list.refusal.clear();
-            list.trouble.over("playlist " + file.string() + ": read, " +
-                              std::to_string(playlist->channels.size()) + " channels");
+            list.trouble.over();
+            tellRead(file, *playlist);
             list.good = std::move(*playlist);
             list.toCopy = std::move(bytes);
             return true;
@@ -333,11 +373,35 @@ struct FileReader::Implementation {
         return false;
     }
 
+    static void tellRead(const std::filesystem::path& file, const Playlist& playlist) {
+        std::string text =
+            "playlist " + file.string() + ": read, " + std::to_string(playlist.channels.size()) + " channels";
+        if (playlist.skipped > 0) {
+            text += ", " + std::to_string(playlist.skipped) + " lines skipped";
+        }
+        if (playlist.skipped > 0 && !playlist.notes.empty()) {
+            text +=
+                "; line " + std::to_string(playlist.notes.front().line) + ": " + playlist.notes.front().text;
+        }
+        log(playlist.skipped > 0 ? LogLevel::kWarning : LogLevel::kInfo, text);
+    }
+
     void writeCopies() {
         {
             const std::lock_guard lock(mutex);
             if (!mayCopy) {
                 return;
+            }
+        }
+        if (toCopy) {
+            const Reading reading(*this, "the copy of " + options.configuration.string());
+            const std::string problem = keepConfigurationCopy(copiesIn, options.configuration, *toCopy);
+            toCopy.reset();
+            if (problem.empty()) {
+                copyTrouble.over();
+            } else {
+                copyTrouble.say(LogLevel::kWarning,
+                                "no copy of " + options.configuration.string() + " is kept: " + problem);
             }
         }
         for (auto& [file, list] : known.lists) {

@@ -2,10 +2,18 @@
 
 #include <algorithm>
 
+#include "common/text.h"
+
 namespace station {
 
 std::string KnownPlaylist::whatHolds() const {
     return good ? "; its last good list of " + std::to_string(good->channels.size()) + " channels holds" : "";
+}
+
+std::string KnownFiles::whatHolds() const {
+    return !configuration ? ""
+           : copyOf       ? "; the last good configuration holds, a copy of " + rfc3339(*copyOf)
+                          : "; the last good configuration holds";
 }
 
 std::vector<std::filesystem::path> KnownFiles::playlistFiles() const {
@@ -24,6 +32,9 @@ ReadResult KnownFiles::result() const {
     ReadResult now;
     now.configurationRefused = !mistakes.empty();
     now.refusals = mistakes;
+    if (!mistakes.empty() && configuration) {
+        now.notes.push_back(configurationFile.string() + " has mistakes" + whatHolds());
+    }
     if (const std::string note = configuration ? openToAll(*configuration) : ""; !note.empty()) {
         now.notes.push_back(note);
     }

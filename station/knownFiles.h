@@ -34,9 +34,12 @@ struct KnownFiles {
     std::filesystem::path configurationFile;
     std::shared_ptr<const Configuration> configuration;  // the last good one
     std::vector<std::string> mistakes;                   // of the file as it is
-    bool configurationWaits = false;                     // it is being written
+    std::optional<WallTime> copyOf;   // when the copy was written that holds in the place of the file
+    bool configurationWaits = false;  // it is being written
     std::map<std::filesystem::path, KnownPlaylist> lists;
 
+    // "; the last good configuration holds"
+    std::string whatHolds() const;
     // Each that the configuration names, once.
     std::vector<std::filesystem::path> playlistFiles() const;
     ReadResult result() const;

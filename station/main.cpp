@@ -17,6 +17,7 @@
 #include "common/endWithin.h"
 #include "common/log.h"
 #include "completion.h"
+#include "serviceUser.h"
 #include "station.h"
 #include "usage.h"
 
@@ -134,9 +135,25 @@ std::filesystem::path configurationFile(const Arguments& arguments) {
     return arguments.configuration;
 }
 
+// Root may read everything; what matters is whether the service can, which reads the file at its own place.
+void checkAsService(const std::filesystem::path& file, station::ConfigurationResult& result) {
+    const std::optional<std::string> user = station::serviceUser();
+    if (!user || geteuid() != 0) {
+        return;
+    }
+    std::error_code error;
+    const bool own = std::filesystem::equivalent(file, kDefaultConfiguration, error);
+    for (station::Mistake& mistake : station::unreadableFor(*user, file)) {
+        (own ? result.mistakes : result.notes).push_back(std::move(mistake));
+    }
+}
+
 int check(const std::filesystem::path& file, const CLI::App& app, const Arguments& arguments) {
     auto result =
         file.empty() ? station::parseConfiguration("", "station.toml") : station::readConfiguration(file);
+    if (result.mistakes.empty() && !file.empty()) {
+        checkAsService(file, result);
+    }
     override(app, arguments, result.configuration);
     const std::string note = station::openToAll(result.configuration);
     if (!note.empty() && app.count("--listen") > 0) {
@@ -188,17 +205,19 @@ int serve(station::FileKeeper& keeper, station::Mailbox& mailbox) {
     if (!files) {
         return 0;  // a signal came first
     }
-    if (!files->configuration) {
+    if (!files->configuration) {  // not even a copy of a good one
         for (const std::string& mistake : files->result.refusals) {
             fprintf(stderr, "%s\n", mistake.c_str());
         }
         return kExitFailed;
     }
+    std::optional<station::EndOnSignal> starting(kEndTime);
     const std::filesystem::path state = files->configuration->state;
     makeDirectory(state);
     const DirectoryLock lock(state);
     makeDirectory(files->configuration->socket.parent_path());
     const station::Station owner(std::move(*files), keeper.loadRuntime(state), keeper, mailbox);
+    starting.reset();
     keeper.run();
     station::endWithin(kEndTime, 0);
     return 0;

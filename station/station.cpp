@@ -167,6 +167,9 @@ Station::Implementation::Implementation(LoadedFiles files, LoadedRuntime runtime
     adopt(files, now, true);
     restoreAlarms(now);
     desk.record({.kind = EventKind::kStationStarted, .text = "the station started"}, now);
+    if (files.result.configurationRefused) {
+        desk.record({.kind = EventKind::kConfigurationRefused, .text = files.result.refusals.front()}, now);
+    }
     publish(now);
     openServer();
     controller = std::make_unique<Controller>(

@@ -64,13 +64,23 @@ void sendToJournal(const Line& line) {
     sd_journal_sendv(parts.data(), static_cast<int>(parts.size()));
 }
 
+std::string prefixForJournal(LogLevel level) {
+    return "<" + std::to_string(static_cast<int>(level)) + ">";
+}
+
+std::string prefixForPeople(LogLevel level) {
+    return level <= LogLevel::kError ? "error: " : level == LogLevel::kWarning ? "warning: " : "";
+}
+
 void writeLine(const Line& line) {
     static const bool journal = underJournal();
     if (journal && !line.fields.empty()) {
         sendToJournal(line);
         return;
     }
-    const std::string whole = "<" + std::to_string(static_cast<int>(line.level)) + ">" + line.text + "\n";
+    static const bool terminal = isatty(STDERR_FILENO) == 1;
+    const std::string whole =
+        (terminal ? prefixForPeople(line.level) : prefixForJournal(line.level)) + line.text + "\n";
     for (std::string_view left = whole; !left.empty();) {
         const ssize_t written = write(STDERR_FILENO, left.data(), left.size());
         if (written < 0 && errno == EAGAIN) {

@@ -66,7 +66,7 @@ export class ProbeView {
     set('Pipe', probe.pipeProblem ? visible(probe.pipeProblem) : 'well');
     set('Port',
         probe.otherController ? 'another controller holds it' :
-            probe.secondAsker ? 'something else asks as well and is told nothing' :
+            probe.secondAsker ? 'a second probe or program asks as well and is told nothing: stop it' :
                                 'well');
   }
 

@@ -29,6 +29,7 @@ constexpr auto kRetentionInterval = 60s;  // between two looks for what is too o
 constexpr auto kRetentionBreath = 20ms;   // between two steps, so that the disk has time for others
 constexpr auto kClosingTime = 800ms;      // for what is queued at the end
 constexpr auto kStartPatience = 1s;       // with another program that has the file
+constexpr auto kStartWait = 5s;           // of whoever makes the store, for a slow disk
 constexpr std::chrono::hours kDay{24};
 constexpr auto kAgeInterval = 1h;  // between two notes of how long the station ran
 
@@ -155,8 +156,13 @@ struct EventStore::Implementation {
     std::optional<StoredState> late_;
     int64_t lastId_ = 0;  // the highest that was recorded
     bool closing_ = false;
+    bool ending_ = false;       // nobody may wait for the file for long any more
+    bool firstDone_ = false;    // `initial` is what was read
+    bool firstMissed_ = false;  // the constructor did not wait for it
 
-    // The store's thread (the constructor's until that runs).
+    std::atomic<bool> opening_{true};  // for the first time
+
+    // The store's thread.
     std::optional<EventDatabase> database_;
     bool read_ = false;  // what the file had is taken up
     Carried carried_;
@@ -179,16 +185,23 @@ struct EventStore::Implementation {
 EventStore::Implementation::Implementation(const std::filesystem::path& directory, Limits atFirst,
                                            ClockFunction time)
     : limits(atFirst), file_(directory / "events.db"), clock_(std::move(time)) {
-    std::error_code ignored;  // what is wrong shows when the file is opened
-    std::filesystem::create_directories(directory, ignored);
-    openAtStart();
     writer_ = std::thread([this] { run(); });
     queries_ = std::thread([this] { runQueries(); });
+    std::unique_lock lock(mutex_);
+    if (!changed_.wait_for(lock, kStartWait, [this] { return firstDone_; })) {
+        firstMissed_ = true;
+        initial.lastId = idByTime(clock_().wall);
+        initial.problem = file_.string() + " is not opened yet: the disk is slow, or hangs";
+    }
 }
 
 // The connection that writes is closed last: only that one takes the log up into the file.
 EventStore::Implementation::~Implementation() {
-    patience_.endAt(Clock::now() + kClosingTime);
+    {
+        const std::lock_guard lock(mutex_);
+        ending_ = true;
+        patience_.endAt(Clock::now() + kClosingTime);
+    }
     questions.close();
     stopReading_ = true;
     stopCheck_ = true;
@@ -258,19 +271,40 @@ void EventStore::Implementation::putBack(std::deque<Waiting>&& batch) {
 // The file.
 
 void EventStore::Implementation::openAtStart() {
-    patience_.endAt(Clock::now() + kStartPatience);
+    const auto waitUntil = [this](Clock::time_point until) {
+        const std::lock_guard lock(mutex_);
+        if (!ending_) {
+            patience_.endAt(until);
+        }
+    };
+    waitUntil(Clock::now() + kStartPatience);
+    std::error_code ignored;  // what is wrong shows when the file is opened
+    std::filesystem::create_directories(file_.parent_path(), ignored);
+    StoredState state;
     try {
-        initial = readFirst();
+        state = readFirst();
         startCheck();
     } catch (const DatabaseError& error) {
         database_.reset();
-        initial = {};
-        initial.lastId = idByTime(clock_().wall);
+        state = {};
+        state.lastId = idByTime(clock_().wall);
         failed(error);
-        initial.problem = file_.string() + " cannot be opened: " + error.what();
+        state.problem = file_.string() + " cannot be opened: " + error.what();
     }
-    patience_.endAt(Clock::time_point::max());
+    waitUntil(Clock::time_point::max());
     bytes = databaseBytes(file_);
+    opening_ = false;
+    std::unique_lock lock(mutex_);
+    if (!firstMissed_) {
+        initial = std::move(state);
+        firstDone_ = true;
+        changed_.notify_all();
+        return;
+    }
+    lock.unlock();
+    if (state.loaded) {
+        readLate(std::move(state));
+    }
 }
 
 // What the file has; nothing, and a new file, when it cannot be used.
@@ -450,6 +484,7 @@ void EventStore::Implementation::setAside(const std::string& problem, std::strin
 
 void EventStore::Implementation::run() {
     prctl(PR_SET_NAME, "event-store");
+    openAtStart();
     while (!finished()) {
         const auto soon = Clock::now() + kRetryWait;
         std::deque<Waiting> batch = take(failing ? soon : std::min(retentionAt_, soon));
@@ -605,6 +640,9 @@ void EventStore::Implementation::runQueries() {
 
 // The events, or what is wrong.
 std::string EventStore::Implementation::read(const EventFilter& filter, std::vector<Event>& events) {
+    if (opening_) {
+        return "The events cannot be read: the disk is slow, and " + file_.string() + " is not opened yet.";
+    }
     const std::lock_guard lock(readerMutex_);
     try {
         if (!reader_) {

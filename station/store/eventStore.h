@@ -42,13 +42,13 @@ class EventStore {
         uint64_t keepRows;
     };
 
-    // Opens or creates the file, migrates an older schema, puts a damaged file aside, and starts the thread.
+    // Has its thread open, make, migrate or put aside the file; what takes longer than 5 s comes by late().
     EventStore(const std::filesystem::path& stateDirectory, Limits limits, ClockFunction clock);
     // Writes what is queued, as far as the disk lets it within a second, and ends the thread.
     ~EventStore();
     EventStore(const EventStore&) = delete;
 
-    // As read when it was opened. Called once, by the thread that constructed it.
+    // As read at the start, if that was not too slow. Called once, by the thread that constructed it.
     const StoredState& initial() const;
 
     // What the file had, once it could be read, if it could not at the start. Any thread; told once.

@@ -16,6 +16,8 @@
 #include "channels/fileWatch.h"
 #include "channels/textFile.h"
 #include "common/endWithin.h"
+#include "common/log.h"
+#include "configurationCopy.h"
 #include "fileReader.h"
 #include "knownFiles.h"
 #include "playlistCopies.h"
@@ -99,11 +101,14 @@ class StationFiles : public testing::Test {
 
     // Starts a reader and returns what it finds within the time.
     LoadedFiles start(std::chrono::milliseconds time = 10s) {
+        return startWith({directory / "station.toml", [](Configuration&) {},
+                          [this](const fs::path& file, std::size_t limit, std::string& problem) {
+                              return share.read(file, limit, problem);
+                          }},
+                         time);
+    }
+    LoadedFiles startWith(const FileReader::Options& options, std::chrono::milliseconds time = 10s) {
         reader.reset();
-        FileReader::Options options{directory / "station.toml", [](Configuration&) {},
-                                    [this](const fs::path& file, std::size_t limit, std::string& problem) {
-                                        return share.read(file, limit, problem);
-                                    }};
         reader = std::make_unique<FileReader>(
             options, [this](LoadedFiles&& files) { mailbox.send(std::move(files)); });
         pollfd item{reader->firstDone(), POLLIN, 0};
@@ -289,6 +294,53 @@ TEST_F(StationFiles, AShareThatHangsHoldsUpNobody) {
     ASSERT_TRUE(late);
     EXPECT_EQ(channels(*late), 5u);
     EXPECT_THAT(late->result.refusals, IsEmpty());
+}
+
+TEST_F(StationFiles, AStartWithABrokenConfigurationTakesUpItsCopy) {
+    write("a.m3u", entries(1, 3));
+    const std::string good = playlist("a.m3u") + "[events]\nkeep_days = 7\n";
+    const fs::path file = directory / "station.toml";
+    const fs::path copy = configurationCopy(directory / "state", file);
+    EXPECT_NE(copy, configurationCopy(directory / "state", directory / "other.toml"));
+    configure("[events\n");
+    EXPECT_FALSE(start().configuration) << "there is no copy";
+    configure(good);
+    start();
+    ASSERT_TRUE(eventually([&] { return fs::exists(copy); }));
+    for (const char* broken : {"[events]\nkeep_days = 0\n", "[events\n", "keep_days = \n", nullptr}) {
+        broken == nullptr ? static_cast<void>(fs::remove(file)) : configure(broken);
+        SCOPED_TRACE(broken == nullptr ? "gone" : broken);
+        reader.reset();
+        FileReader::Options options{file, {}, readTextFile};
+        options.override = [this](Configuration& read) { read.state = directory / "state"; };  // --state
+        const LoadedFiles files = broken == nullptr ? startWith(options) : start();
+        ASSERT_TRUE(files.configuration);
+        EXPECT_EQ(files.configuration->keepDays, 7u);
+        EXPECT_EQ(channels(files), 3u);
+        EXPECT_TRUE(files.result.configurationRefused);
+        EXPECT_THAT(files.result.refusals, ElementsAre(HasSubstr("station.toml")));
+        EXPECT_THAT(files.result.notes,
+                    ElementsAre(AllOf(HasSubstr("the last good configuration holds, a copy of 20"))));
+    }
+    configure("[events]\nkeep_days = 8\n");
+    const auto corrected = delivered();
+    ASSERT_TRUE(corrected);
+    EXPECT_EQ(corrected->configuration->keepDays, 8u);
+    EXPECT_FALSE(corrected->result.configurationRefused);
+    EXPECT_THAT(corrected->result.notes, IsEmpty());
+    EXPECT_TRUE(eventually([&] { return read(copy).find("keep_days = 8") != std::string::npos; }));
+}
+
+TEST_F(StationFiles, EachPlaylistThatIsReadIsALineOfTheLog) {
+    write("a.m3u", entries(1, 3) + "http://nothing/here\n");
+    write("b.m3u", entries(4, 2));
+    configure(playlist("a.m3u") + playlist("b.m3u"));
+    testing::internal::CaptureStderr();
+    start();
+    flushLog(10s);
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_THAT(said, HasSubstr("a.m3u: read, 3 channels, 1 lines skipped; line 5: "));
+    EXPECT_THAT(said, HasSubstr("b.m3u: read, 2 channels\n"));
 }
 
 TEST_F(StationFiles, SkippedLinesAreCountedForEachList) {

@@ -16,6 +16,7 @@
 
 #include "channelSaver.h"
 #include "channels/textFile.h"
+#include "serviceUser.h"
 #include "station.h"
 #include "support/scratch.h"
 #include "support/webhookServer.h"
@@ -127,6 +128,43 @@ TEST(Station, AlarmsOutliveFilesThatCanBeReadLater) {
         mailbox.send(LoadedRuntime{RuntimeChannels{}, {}});
         EXPECT_TRUE(eventually([&] { return site.count("cleared", "no_signal") == 1; })) << "it was raised";
     }
+}
+
+TEST(ServiceUser, IsToldApartFromRootByWhatItCannotRead) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root may be somebody else";
+    }
+    const ScratchDirectory directory;
+    const auto write = [&](const char* name, const char* text, fs::perms rights) {
+        std::ofstream(directory.path() / name) << text;
+        fs::permissions(directory.path() / name, rights);
+    };
+    constexpr auto kAll = fs::perms(0644);
+    constexpr auto kRoot = fs::perms(0600);
+    fs::permissions(directory.path(), fs::perms(0755));
+    const fs::path file = directory.path() / "station.toml";
+    write("station.toml", "token_file = \"token\"\n[[playlist]]\nfile = \"a.m3u\"\n", kAll);
+    const struct {
+        fs::perms configuration, token, playlist;
+        const char* told;
+    } cases[] = {{kAll, kAll, kAll, ""},
+                 {kAll, kAll, kRoot, "a.m3u cannot be read by the user nobody"},
+                 {kAll, kRoot, kAll, "token"},
+                 {kRoot, kAll, kAll, "station.toml"}};
+    for (const auto& one : cases) {
+        write("token", "secret", one.token);
+        write("a.m3u", "#EXTM3U\n", one.playlist);
+        fs::permissions(file, one.configuration);
+        std::string told;
+        for (const Mistake& mistake : unreadableFor("nobody", file)) {
+            told += mistake.message() + "\n";
+        }
+        EXPECT_EQ(told.empty(), *one.told == '\0') << told;
+        EXPECT_NE(told.find(one.told), std::string::npos) << told;
+        EXPECT_EQ(told.empty(), told.find("nobody") == std::string::npos);
+        EXPECT_EQ(geteuid(), 0U);
+    }
+    EXPECT_TRUE(unreadableFor("no such user", file).empty());
 }
 
 // FileKeeper on a configuration of one playlist, with a disk that hangs where a test says so.

@@ -145,7 +145,9 @@ int showStatus(StationClient& station, const StationRequest& request) {
         printf("          %s\n", pipe.c_str());
     }
     if (probe.value("secondAsker", false)) {
-        puts("          something else asks at the controller's port as well, and is told nothing: stop it");
+        puts(
+            "          a second probe or program asks at the controller's port as well, and is told nothing: "
+            "stop it (kestor -s -s, or a kestor -s that was started by hand?)");
     }
     if (result != 0) {
         puts("          kestorctl doctor tells what keeps it from here, and what to do");
