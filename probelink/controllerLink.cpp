@@ -7,6 +7,7 @@
 namespace {
 
 constexpr std::chrono::milliseconds kFlushTime = 1s;
+constexpr std::chrono::milliseconds kLooksAtConnections = 50ms;
 // A connection that has not said by then that it speaks ZMTP is closed.
 constexpr std::chrono::milliseconds kHandshakeTime = 2s;
 
@@ -17,7 +18,8 @@ constexpr std::chrono::milliseconds kStaleRequests = 300ms;
 }  // namespace
 
 // A REP socket would have to answer each request before it hears the next; a router may leave one unanswered.
-ControllerLink::ControllerLink(const std::string& endpoint, int largestRequest) {
+ControllerLink::ControllerLink(const std::string& endpoint, int largestRequest)
+    : limit_(context_, socket_, 2 * static_cast<uint64_t>(largestRequest)) {
     socket_.set(zmq::sockopt::maxmsgsize, int64_t{largestRequest});
     socket_.set(zmq::sockopt::rcvhwm, kWaitingRequests);
     socket_.set(zmq::sockopt::handshake_ivl, static_cast<int>(kHandshakeTime.count()));
@@ -47,8 +49,19 @@ std::optional<configuration::TasksRequest> ControllerLink::waitForRequest(std::c
 }
 
 bool ControllerLink::asksAgainWithin(std::chrono::milliseconds time) {
-    zmq::pollitem_t item = {socket_.handle(), 0, ZMQ_POLLIN, 0};
-    return zmq::poll(&item, 1, time) > 0;
+    const auto deadline = std::chrono::steady_clock::now() + time;
+    for (;;) {
+        limit_.enforce();
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        zmq::pollitem_t item = {socket_.handle(), 0, ZMQ_POLLIN, 0};
+        if (zmq::poll(&item, 1, std::clamp(left, 0ms, kLooksAtConnections)) > 0) {
+            return true;
+        }
+        if (left <= kLooksAtConnections) {
+            return false;
+        }
+    }
 }
 
 // The request, or nothing when what came is none.

@@ -9,6 +9,7 @@
 #include <zmq.hpp>
 
 #include "config.pb.h"
+#include "connectionLimit.h"
 #include "probeEndpoints.h"
 
 using namespace std::chrono_literals;
@@ -29,7 +30,9 @@ class ControllerLink {
     static constexpr int kWaitingRequests = 2;
 
     // Throws LinkError when another controller listens at the endpoint, a ZeroMQ address. Whoever sends a
-    // frame of more bytes than `largestRequest` is disconnected before memory is taken for it.
+    // frame of more bytes than `largestRequest` is disconnected before memory is taken for it, and soon who
+    // sends more than twice as many in all, or is connected while ConnectionLimit::kConnections newer ones
+    // are.
     explicit ControllerLink(const std::string& endpoint = kControllerEndpoint,
                             int largestRequest = kLargestRequest);
 
@@ -51,6 +54,7 @@ class ControllerLink {
 
     zmq::context_t context_{1};
     zmq::socket_t socket_{context_, zmq::socket_type::router};
+    ConnectionLimit limit_;
     std::chrono::steady_clock::time_point open_;
     Envelope asker_;
 };

@@ -254,12 +254,17 @@ TEST(Station, WritesForPeopleOnATerminal) {
     write(kPlaylist, playlistEntry(kA, "A") + "http://nothing/here\n");
     write("/tmp/station.toml", kWatchPlaylist);
     const auto program = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "kestor-station";
-    const std::string command =
-        program.string() + " --config /tmp/station.toml --state /tmp/state --socket /tmp/station.sock";
-    const Process terminal({"script", "-qefc", command, "/tmp/typescript"});
+    const std::string command = "echo $$ >/tmp/pid; exec " + program.string() +
+                                " --config /tmp/station.toml --state /tmp/state --socket /tmp/station.sock";
+    Process terminal({"script", "-qefc", command, "/tmp/typescript"});
     EXPECT_TRUE(terminal.waitForOut("serving "));
     EXPECT_THAT(terminal.out(), HasSubstr("warning: playlist /tmp/channels.m3u: read, 1 channels, 1 lines"));
     EXPECT_THAT(terminal.out(), Not(HasSubstr("<")));
+    pid_t pid = 0;
+    std::ifstream("/tmp/pid") >> pid;
+    ASSERT_GT(pid, 1);
+    kill(pid, SIGTERM);
+    EXPECT_EQ(terminal.wait(), 0);
 }
 
 TEST(Station, TellsTheProbeOnlyWhatHasChanged) {

@@ -3,12 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sqlite3.h>
-
 #include <future>
 
 #include "common/boundedQueue.h"
-#include "store/delivery.h"
 #include "store/eventStore.h"
 #include "store/receiver.h"
 #include "support/scratch.h"
@@ -67,31 +64,12 @@ TEST(StationBounds, EventsThatWaitForTheDiskLoseTheOldest) {
     }
 }
 
-TEST(StationBounds, NotificationsThatFindNoRoomAreCountedAndToldAnew) {
-    constexpr std::size_t kBeyond = 7;
-    uint64_t dropped = 0;
-    for (int tries = 0; tries < 20 && dropped != kBeyond; ++tries) {
-        const ScratchDirectory directory;
-        sqlite3* other = nullptr;  // holds the file, which delivery waits for, for a second
-        sqlite3_open((directory.path() / "delivery.db").c_str(), &other);
-        sqlite3_exec(other, "CREATE TABLE a(b); BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
-        Delivery delivery(directory.path(), "p");
-        Webhook webhook;
-        webhook.url = "http://127.0.0.1:1";
-        delivery.configure({webhook});
-        delivery.resume({});
-        for (std::size_t i = 0; i < Delivery::kNotifyQueue + kBeyond; ++i) {
-            Notification one;
-            one.alarmId = static_cast<int64_t>(i) + 1;
-            one.severity = Severity::kCritical;
-            delivery.notify(std::move(one));
-        }
-        sqlite3_close(other);
-        EXPECT_TRUE(eventually([&] { return !delivery.statistics().empty(); }));
-        dropped = delivery.statistics().at(0).dropped;
-        EXPECT_TRUE(dropped == 0 || delivery.wantsActive()) << "receivers are told what is raised";
-    }
-    EXPECT_EQ(dropped, kBeyond);
+TEST(StationBounds, NotificationsThatFoundNoRoomAreCounted) {
+    Receiver receiver(Webhook{}, DeliveryPace{});
+    receiver.lost(0);
+    EXPECT_EQ(receiver.statistics().dropped, 0U);
+    receiver.lost(7);
+    EXPECT_EQ(receiver.statistics().dropped, 7U);
 }
 
 TEST(StationBounds, AReceiverKeepsAccountOfNoMoreAlarmsThanItMay) {
