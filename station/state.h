@@ -16,6 +16,7 @@
 #include "alarms/history.h"
 #include "channels/channel.h"
 #include "channels/configuration.h"
+#include "machine/machine.h"
 #include "recordParser.h"
 #include "store/delivery.h"
 #include "store/event.h"
@@ -36,6 +37,7 @@ struct ChannelState {
     WallTime lastSeen{};       // last time that packets came; the epoch before the first
     WallTime countsSince{};    // when its counters were first read; errors that were not seen are older
     bool maintenance = false;  // a window holds at this moment
+    std::string note{};        // why its group does not reach the probe, or empty
     // For the lamps, by sampleCounter(): when the counter last grew (the epoch for never), and how much it
     // grew in the last minute.
     std::array<WallTime, kSampleCounters> lastError{};
@@ -62,6 +64,29 @@ struct ProbeState {
     double longestPipeWaitMs = 0;    // longest time between two reads with the pipe full
 };
 
+// What this machine does to the probe.
+struct MachineState {
+    bool known = false;                         // the kernel tells; else `problem` says why it does not
+    std::string problem;                        // empty when nothing is wrong with that
+    std::optional<NetworkInterface> interface;  // that the probe captures on; nothing where there is none
+    bool captured = false;                      // somebody captures there
+    std::optional<Softnet> softnet;             // of the whole machine
+    std::string linkProblem;                    // sentences for an operator; empty when all is well
+    std::string joinProblem;
+    std::string doubled;        // groups that are joined on another interface as well, and why
+    std::size_t notJoined = 0;  // groups without signal that are not joined on the interface
+    uint64_t drops = 0;         // packets that this machine dropped since the station was started
+    uint64_t dropsLastMinute = 0;
+    uint64_t rejoins = 0;         // how often groups were joined again
+    uint64_t rejoinedGroups = 0;  // how many in all
+    WallTime lastRejoin;          // the epoch before the first
+
+    // What keeps channels away: the link before the joins, which need one.
+    const std::string& worst() const {
+        return linkProblem.empty() ? joinProblem : linkProblem;
+    }
+};
+
 // What the station itself costs.
 struct StationUse {
     double cpuSeconds = 0;  // of the process
@@ -79,6 +104,7 @@ struct StationState {
     Now now;
     WallTime started;
     ProbeState probe;
+    MachineState machine;
     std::shared_ptr<const records::Snapshot> snapshot;          // the last one; null before the first
     std::vector<std::shared_ptr<const ChannelState>> channels;  // in the order of groups
     std::vector<Alarm> alarms;                                  // all active ones, newest first

@@ -15,6 +15,7 @@ StatePointer StatePublisher::publish(Surroundings&& surroundings, const Now& now
     next->now = now;
     next->started = started_;
     next->probe = std::move(surroundings.probe);
+    next->machine = sources_.machine.state();
     next->snapshot = sources_.intake.records();
     next->channels.reserve(sources_.intake.channels().size());
     for (auto& [group, channel] : sources_.intake.channels()) {
@@ -48,6 +49,7 @@ std::shared_ptr<const ChannelState> StatePublisher::channelState(WatchedChannel&
     state->lastSeen = channel.lastSeen;
     state->countsSince = channel.countsSince;
     state->maintenance = sources_.desk.inMaintenance(group, now);
+    state->note = sources_.machine.note(group);
     state->lastError = channel.lastError;
     state->lastMinute = channel.minute.sums(now.steady);
     return state;

@@ -8,6 +8,7 @@
 
 #include "alarms/alarmEngine.h"
 #include "eventDesk.h"
+#include "machineWatch.h"
 #include "probeWatch.h"
 #include "snapshotIntake.h"
 #include "state.h"
@@ -23,6 +24,7 @@ class StatePublisher {
         const AlarmEngine& engine;
         const EventDesk& desk;
         const ProbeWatch& probe;
+        const MachineWatch& machine;
     };
     // What others say of themselves at that time.
     struct Surroundings {

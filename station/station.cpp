@@ -8,6 +8,8 @@
 #include "commandDesk.h"
 #include "common/log.h"
 #include "eventDesk.h"
+#include "machine/machineReader.h"
+#include "machineWatch.h"
 #include "probe/controller.h"
 #include "probe/pipeReader.h"
 #include "probeWatch.h"
@@ -28,6 +30,8 @@ constexpr auto kTick = 1s;
 constexpr auto kStandstill = 2500ms;
 constexpr auto kMeasuresUse = 5s;
 constexpr std::size_t kNotesShown = 100;
+// The owner waits so long for this machine's counters when a loss is to be told.
+constexpr auto kLossWaits = 20ms;
 
 void noteWhatNeedsARestart(const Configuration& before, const Configuration& read) {
     const auto note = [](const char* key, const auto& one, const auto& other) {
@@ -61,8 +65,10 @@ struct Station::Implementation : StationInterface, CommandEffects {
     AlarmEngine engine;
     EventDesk desk;
     ProbeWatch probe{std::chrono::steady_clock::now()};
+    MachineWatch machine;
+    Groups machineLooksFor;  // what the machine's reader was told last
     SnapshotIntake intake{engine, probe};
-    StatePublisher publisher{{intake, engine, desk, probe}, systemNow().wall};
+    StatePublisher publisher{{intake, engine, desk, probe, machine}, systemNow().wall};
     CommandDesk commands{{book, engine, desk, intake}, *this};
     std::optional<bool> passiveAsked;
     std::optional<std::chrono::milliseconds> latencyAsked;
@@ -76,6 +82,7 @@ struct Station::Implementation : StationInterface, CommandEffects {
     std::unique_ptr<Server> server;
     std::unique_ptr<Controller> controller;
     std::unique_ptr<PipeReader> reader;
+    std::unique_ptr<MachineReader> machineReader;
     std::thread owner;
 
     Implementation(LoadedFiles files, LoadedRuntime runtime, FileKeeper& keeper_, Mailbox& mailbox_);
@@ -144,11 +151,18 @@ struct Station::Implementation : StationInterface, CommandEffects {
     void handleSnapshot(RawSnapshot&& raw);
     void finishCycle(const Now& now);
     void judgeProbe(const Now& now);
+    void judgeMachine(const Now& now);
+    void explainByMachine(std::vector<AlarmChange>& changes, const Now& now);
+    void lookForShown();
+    bool hasSignal(const Group& group, const Now& now) const;
     void judgeDelivery(const Now& now);
     void explain(AlarmChange& change) const;
     void record(const std::vector<AlarmChange>& changes, const Now& now,
                 const ChannelDifference* difference = nullptr);
 
+    bool passive() const {
+        return passiveAsked.value_or(current->passive.value_or(false));
+    }
     ProbeState probeState() const;
     StationUse useNow() const;
 };
@@ -177,12 +191,14 @@ Station::Implementation::Implementation(LoadedFiles files, LoadedRuntime runtime
     tellController();
     reader = std::make_unique<PipeReader>(
         current->pipe, [this](RawSnapshot&& snapshot) { mailbox.send(std::move(snapshot)); });
+    machineReader = std::make_unique<MachineReader>();
     owner = std::thread([this] { run(); });
 }
 
 Station::Implementation::~Implementation() {
     mailbox.stop();
     owner.join();
+    machineReader.reset();
     reader.reset();
     controller.reset();
     server.reset();
@@ -372,7 +388,7 @@ void Station::Implementation::handleSnapshot(RawSnapshot&& raw) {
     const double cpuBefore = threadCpuMs();
     const Now ended = raw.ended;
     const SteadyTime began = raw.began.steady;
-    const auto taken = intake.take(std::move(raw));
+    auto taken = intake.take(std::move(raw));
     if (!taken) {
         return;
     }
@@ -380,13 +396,16 @@ void Station::Implementation::handleSnapshot(RawSnapshot&& raw) {
         desk.record({.kind = EventKind::kProbeRestarted, .text = "the probe was restarted"}, ended);
     }
     record(taken->restart, ended);
+    explainByMachine(taken->changes, ended);
     record(taken->changes, ended);
+    lookForShown();
     controller->shown(intake.shown(), began);
     use.lastSnapshotCpuMs = threadCpuMs() - cpuBefore;
 }
 
 void Station::Implementation::finishCycle(const Now& now) {
     judgeProbe(now);
+    judgeMachine(now);
     judgeDelivery(now);
     if (desk.takeLate(engine, book.channels(), book.known() ? nullptr : &heldBack, now)) {
         publisher.alarmsChanged();
@@ -436,6 +455,75 @@ void Station::Implementation::explain(AlarmChange& change) const {
     }
 }
 
+bool Station::Implementation::hasSignal(const Group& group, const Now& now) const {
+    const auto found = intake.channels().find(group);
+    return found != intake.channels().end() && found->second.sample && found->second.sample->signal &&
+           probe.fresh(found->second.sampleTime, now.steady);
+}
+
+void Station::Implementation::judgeMachine(const Now& now) {
+    if (auto reading = machineReader->take()) {
+        machine.take(std::move(*reading));
+    }
+    const MachineFindings found =
+        machine.judge({probe.state().connected, passive(),
+                       [this, &now](const Group& group) { return hasSignal(group, now); }},
+                      now.steady);
+    std::vector<AlarmChange> changes;
+    engine.judge(*findAlarmType("not_joined"), {}, {found.notJoined, now.steady, found.groups}, now, changes);
+    engine.judge(*findAlarmType("link_down"), {},
+                 {found.linkDown, found.linkDownSince, found.linkDown == true ? 1.0 : 0.0}, now, changes);
+    engine.count(*findAlarmType("machine_drops"), {}, found.drops, now, changes);
+    explainByMachine(changes, now);
+    record(changes, now);
+    const Groups again = machine.rejoin(now);
+    if (!again.empty()) {
+        controller->rejoin(again);
+        log(LogLevel::kNotice, "the probe is told to join " + std::to_string(again.size()) +
+                                   (again.size() == 1 ? " group" : " groups") + " again, from " +
+                                   again.begin()->text() + " on: their route leads to " +
+                                   machine.state().interface->name);
+    }
+}
+
+// What this machine has to do with alarms that are raised now.
+void Station::Implementation::explainByMachine(std::vector<AlarmChange>& changes, const Now& now) {
+    bool fresh = false;
+    for (AlarmChange& change : changes) {
+        const AlarmType& type = alarmTypes()[change.alarm.type];
+        if (change.what != AlarmChange::What::kRaised) {
+            continue;
+        }
+        if (!fresh && MachineWatch::tellsLoss(type.name)) {
+            fresh = true;
+            if (auto reading = machineReader->takeNow(kLossWaits)) {
+                machine.take(std::move(*reading));
+            }
+        }
+        const AlarmRule& rule = engine.rule(change.alarm);
+        const std::string remark = machine.remark(type.name, rule, change.alarm.group, now.steady);
+        if (auto text = machine.raisedText(type.name, rule, now.steady)) {
+            change.text = std::move(*text);
+        } else if (!remark.empty()) {
+            change.text += ": " + remark;
+        }
+    }
+}
+
+// The groups that the probe watches are looked for in this machine's memberships.
+void Station::Implementation::lookForShown() {
+    if (machineLooksFor == intake.shown()) {
+        return;
+    }
+    machineLooksFor = intake.shown();
+    std::vector<Ipv4Address> groups;
+    groups.reserve(machineLooksFor.size());
+    for (const Group& group : machineLooksFor) {
+        groups.push_back(group.hostOrder());
+    }
+    machineReader->watch(std::move(groups));
+}
+
 void Station::Implementation::judgeDelivery(const Now& now) {
     const Delivery::Health health = delivery.health();
     const double value = health.failing.value_or(false) ? 1 : 0;
@@ -458,8 +546,7 @@ void Station::Implementation::record(const std::vector<AlarmChange>& changes, co
 }
 
 void Station::Implementation::publish(const Now& now) {
-    const bool passive = passiveAsked.value_or(current->passive.value_or(false));
-    influx.write(publisher.publish({probeState(), current, notes(), passive, useNow()}, now));
+    influx.write(publisher.publish({probeState(), current, notes(), passive(), useNow()}, now));
     if (server) {
         server->statePublished();
     }

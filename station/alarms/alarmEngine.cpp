@@ -389,6 +389,18 @@ void AlarmEngine::judge(std::size_t type, const std::optional<Group>& group, con
     }
 }
 
+void AlarmEngine::count(std::size_t type, const std::optional<Group>& group, uint64_t errors, const Now& now,
+                        std::vector<AlarmChange>& changes) {
+    Subject* subject = implementation_->subjectOf(group);
+    if (subject == nullptr || !subject->rule(type).enabled) {
+        return;
+    }
+    Tracker& tracker = subject->trackers[type];
+    if (errors != 0 || tracker.raised || !tracker.errors.empty()) {
+        subject->judge(type, judgeCounter(subject->rule(type), tracker, errors, now.steady), now, changes);
+    }
+}
+
 void AlarmEngine::probeRestarted(const Now& now, std::vector<AlarmChange>& changes) {
     Implementation& engine = *implementation_;
     engine.watchClock(now);
@@ -439,6 +451,10 @@ bool AlarmEngine::acknowledge(int64_t id, const Acknowledgement& acknowledgement
            std::ranges::any_of(implementation_->channels, [&](auto& entry) {
                return entry.second.subject.raised != 0 && acknowledgeIn(entry.second.subject);
            });
+}
+
+const AlarmRule& AlarmEngine::rule(const Alarm& alarm) const {
+    return implementation_->subjectOf(alarm.group)->rule(alarm.type);
 }
 
 std::vector<Alarm> AlarmEngine::active() const {

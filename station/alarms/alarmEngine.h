@@ -74,6 +74,9 @@ class AlarmEngine {
     // or, without a group, of the probe. About once a second.
     void judge(std::size_t type, const std::optional<Group>& group, const ConditionLook& look, const Now& now,
                std::vector<AlarmChange>& changes);
+    // What others than records count of a counter: so many since they told last. About once a second.
+    void count(std::size_t type, const std::optional<Group>& group, uint64_t errors, const Now& now,
+               std::vector<AlarmChange>& changes);
     // The probe was started anew, and its numbers with it, which is no fault: probe_restarted happens.
     void probeRestarted(const Now& now, std::vector<AlarmChange>& changes);
     // All counters were cleared on demand, which is no fault.
@@ -84,6 +87,9 @@ class AlarmEngine {
     void identify(const Alarm& known);
     // False when no such alarm is raised. A second acknowledgement replaces the first.
     bool acknowledge(int64_t id, const Acknowledgement& acknowledgement, std::vector<AlarmChange>& changes);
+
+    // By what an alarm is judged. REQUIRES: of the probe, or of a channel that is known.
+    const AlarmRule& rule(const Alarm& alarm) const;
 
     std::vector<Alarm> active() const;                      // newest first
     std::vector<Alarm> activeOf(const Group& group) const;  // worst first

@@ -58,6 +58,7 @@ NetworkInterface readLink(std::span<const std::byte> body) {
     result.kind = text(NetlinkAttributes(attributes.find(IFLA_LINKINFO)).find(IFLA_INFO_KIND));
     result.index = link.ifi_index;
     result.lower = attributes.value<int>(IFLA_LINK);
+    result.master = attributes.value<int>(IFLA_MASTER);
     result.loopback = (link.ifi_flags & kFlagLoopback) != 0;
     result.multicast = (link.ifi_flags & kFlagMulticast) != 0;
     result.up = (link.ifi_flags & kFlagUp) != 0;
@@ -128,6 +129,11 @@ auto merit(const NetworkInterface& interface, const std::set<int>& captured) {
                       !interface.carrier, interface.loopback, number, interface.index);
 }
 
+// A veth names its other end, which may be one of another network namespace.
+bool standsOn(const NetworkInterface& upper, const NetworkInterface& lower) {
+    return lower.master == upper.index || (upper.lower == lower.index && upper.kind != "veth");
+}
+
 }  // namespace
 
 std::string_view interfaceStateName(State state) {
@@ -167,6 +173,20 @@ const NetworkInterface* findCaptureInterface(std::span<const NetworkInterface> i
         }
     }
     return best;
+}
+
+std::set<std::string> interfacesOn(const NetworkInterface& card,
+                                   std::span<const NetworkInterface> interfaces) {
+    std::set<std::string> names{card.name};
+    std::vector<const NetworkInterface*> found{&card};
+    for (std::size_t next = 0; next < found.size(); ++next) {
+        for (const NetworkInterface& upper : interfaces) {
+            if (standsOn(upper, *found[next]) && names.insert(upper.name).second) {
+                found.push_back(&upper);
+            }
+        }
+    }
+    return names;
 }
 
 }  // namespace station

@@ -38,7 +38,8 @@ struct NetworkInterface {
     std::string alias{};  // an alternative name or description given by the administrator; mostly empty
     std::string kind{};   // "veth", "vlan", "bridge", "bond", ...; empty for a card
     int index = 0;
-    int lower = 0;  // index of the interface below it (of a VLAN) or at its other end (of a veth), or 0
+    int lower = 0;   // index of the interface below it (of a VLAN) or at its other end (of a veth), or 0
+    int master = 0;  // index of the bridge, bond, ... that it is a port of, or 0
     bool loopback = false;
     bool multicast = false;         // takes multicast at all
     bool up = false;                // set up by the administrator
@@ -69,6 +70,10 @@ std::set<int> readCaptured(const std::filesystem::path& proc = "/proc");
 // looks when it starts and never again, so that of several the ones that somebody captures on go before.
 const NetworkInterface* findCaptureInterface(std::span<const NetworkInterface> interfaces,
                                              const std::set<int>& captured = {});
+
+// Names of that interface and of all that stand on it and so receive by it: its bridge or bond, VLANs.
+std::set<std::string> interfacesOn(const NetworkInterface& card,
+                                   std::span<const NetworkInterface> interfaces);
 
 // Which groups are joined on which interface.
 struct Memberships {

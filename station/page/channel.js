@@ -335,6 +335,8 @@ class Facts {
     this.set('TTL', port(identity.ttl));
     this.set('DSCP, ECN', `${port(identity.dscp)}, ${port(identity.ecn)}`);
     this.set('Join latency', known(identity.joinLatencyMs, 'ms'));
+    if (detail.note || this.values.has('Joined'))
+      this.set('Joined', detail.note ? `no: ${visible(detail.note)}` : 'yes');
     this.set('Last packets', detail.lastSeen ? time(parseTime(detail.lastSeen), store.now()) : 'never');
     this.set('Profile', visible(detail.profile));
     this.set('Comes from', visible(detail.origin));

@@ -125,6 +125,8 @@ function troubles() {
                 .trim());
   } else if (problem)
     lines.push(problem);
+  const machine = store.told && store.probe?.machineProblem;
+  if (machine) lines.push(visible(machine));
   if (!store.connection.live && store.told) {
     lines.push(
         `The event stream does not come; asked at ${time(new Date(store.answered))} instead. ` +

@@ -13,6 +13,7 @@ export class ProbeView {
     this.api = api;
     this.values = new Map();
     this.probe = el('dl', {class: 'facts'});
+    this.machine = el('dl', {class: 'facts'});
     this.station = el('dl', {class: 'facts'});
     this.use = el('div', {class: 'columns'});
     this.notes = el('ul', {class: 'outside'});
@@ -20,8 +21,8 @@ export class ProbeView {
     this.notesPanel.hidden = true;
     root.replaceChildren(
         el('div', {class: 'view'}, el('h1', {text: 'The probe'}),
-           el('div', {class: 'of-station view'}, panel('Probe', this.probe), panel('Station', this.station),
-              this.use),
+           el('div', {class: 'of-station view'}, panel('Probe', this.probe), panel('Machine', this.machine),
+              panel('Station', this.station), this.use),
            this.notesPanel));
     this.end = store.on('snapshot', () => this.show());
     this.timer = setInterval(() => this.load(), kUseMs);
@@ -106,12 +107,41 @@ export class ProbeView {
     set('Watched', count(status.channels.watched));
     set('With signal', status.probe.connected ? count(status.channels.withSignal) : '–');
     set('Joins groups', status.passive ? 'no, passive' : 'yes');
+    this.showMachine(status.machine);
     set('IGMP latency', quantity(status.igmpLatencyMs, 'ms'));
     const key = status.notes.join('\n');
     if (key === this.notesKey) return;
     this.notesKey = key;
     this.notesPanel.hidden = status.notes.length === 0;
     this.notes.replaceChildren(...status.notes.map((note) => el('li', {}, el('bdi', {text: visible(note)}))));
+  }
+
+  // The interface that the probe captures, and what this machine drops.
+  showMachine(machine) {
+    const set = (term, text) => this.set(this.machine, term, text);
+    const card = machine.interface;
+    const sum = (value) => isKnown(value) ? count(value) : '–';
+    set('Interface', card ? visible(card.name) : 'none whose name contains eth0');
+    set('Link',
+        machine.linkProblem ? visible(machine.linkProblem) :
+            card            ? `up${isKnown(card.bitsPerSecond) ? `, ${quantity(card.bitsPerSecond, 'bit/s')}` : ''}` :
+                              '–');
+    set('Joins',
+        machine.joinProblem ? visible(machine.joinProblem) :
+            machine.rejoins ? `well; ${count(machine.rejoinedGroups)} groups were joined again` :
+                              'well');
+    if (machine.doubled || this.machine.values?.has('Joined twice'))
+      set('Joined twice', machine.doubled ? visible(machine.doubled) : 'none');
+    set('Carrier changes', sum(card?.carrierChanges));
+    set('Packets received', sum(card?.received.packets));
+    set('Damaged frames', sum(card?.received.errors));
+    set('Dropped here in the last minute', count(machine.dropsLastMinute));
+    set('Dropped here since the start', count(machine.drops));
+    set('rx_dropped', sum(card?.received.dropped));
+    set('rx_missed_errors', sum(card?.received.missed));
+    set('rx_fifo_errors', sum(card?.received.fifo));
+    set('Backlog: dropped, all interfaces', sum(machine.backlog?.dropped));
+    set('Backlog: time squeezes', sum(machine.backlog?.timeSqueeze));
   }
 
   // One panel for the process, and one a part of it, each member under its own name.

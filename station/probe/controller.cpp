@@ -153,6 +153,11 @@ void Controller::clearCounters() {
     implementation_->link.clearCounters();
 }
 
+void Controller::rejoin(const Groups& groups) {
+    const std::lock_guard lock(implementation_->mutex);
+    implementation_->link.rejoin(groups);
+}
+
 void Controller::shown(const Groups& groups, SteadyTime began) {
     const std::lock_guard lock(implementation_->mutex);
     implementation_->link.shown(groups, began);

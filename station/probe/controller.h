@@ -35,6 +35,7 @@ class Controller {
     void setPassive(std::optional<bool> passive);
     void setIgmpLatency(std::optional<std::chrono::milliseconds> latency);
     void clearCounters();
+    void rejoin(const Groups& groups);
     void shown(const Groups& groups, SteadyTime began);
 
     // Why nothing can be answered, or empty. Any thread.

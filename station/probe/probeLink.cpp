@@ -56,6 +56,10 @@ void ProbeLink::clearCounters() {
     clear_ = true;
 }
 
+void ProbeLink::rejoin(const Groups& groups) {
+    rejoin_.insert(groups.begin(), groups.end());
+}
+
 ProbeLink::Event ProbeLink::request(int32_t sequence, SteadyTime now) {
     Asker* asker = findAsker(sequence, now);
     if (asker == nullptr) {
@@ -137,6 +141,7 @@ void ProbeLink::makeMain(Asker& asker, SteadyTime now) {
     told_.clear();
     removed_.clear();
     shown_.clear();
+    rejoin_.clear();
     snapshotSince_ = false;
     firstRequest_ = now;
     asides_ = 0;
@@ -191,8 +196,18 @@ ProbeLink::Answer ProbeLink::answer(SteadyTime now) {
         answer.clearAll = true;
         return answer;
     }
+    std::erase_if(rejoin_, [this](const Group& group) { return !wanted_.contains(group); });
+    if (!rejoin_.empty() && !shown_.empty() && std::ranges::includes(rejoin_, shown_)) {
+        // All that it has: it joins them anew as it starts all counters anew, without the cost of removals.
+        rejoin_.clear();
+        answer.clearAll = true;
+        return answer;
+    }
     answer.append = nextAdditions(now);
     answer.remove = nextRemovals(now);
+    const std::vector<Group> again = nextRejoins(removalsPerAnswer() - answer.remove.size(), now);
+    answer.remove.insert(answer.remove.end(), again.begin(), again.end());
+    answer.append.insert(answer.append.end(), again.begin(), again.end());
     return answer;
 }
 
@@ -218,10 +233,29 @@ std::vector<Group> ProbeLink::nextAdditions(SteadyTime now) {
     return groups;
 }
 
-std::vector<Group> ProbeLink::nextRemovals(SteadyTime now) {
+std::size_t ProbeLink::removalsPerAnswer() const {
     const std::size_t listed = std::max<std::size_t>(told_.size(), shown_.size());
-    const std::size_t bound = std::clamp<std::size_t>(
-        kLinesPerAnswer / std::max<std::size_t>(listed * listed, 1), 1, kRemovedPerAnswer);
+    return std::clamp<std::size_t>(kLinesPerAnswer / std::max<std::size_t>(listed * listed, 1), 1,
+                                   kRemovedPerAnswer);
+}
+
+// Those that it has, so that they can be removed and added in one answer.
+std::vector<Group> ProbeLink::nextRejoins(std::size_t bound, SteadyTime now) {
+    std::vector<Group> groups;
+    while (!rejoin_.empty() && groups.size() < bound) {
+        const Group group = *rejoin_.begin();
+        rejoin_.erase(rejoin_.begin());
+        const auto told = told_.find(group);
+        if (shown_.contains(group) && told != told_.end() && told->second.time != now) {
+            told->second = {now};
+            groups.push_back(group);
+        }
+    }
+    return groups;
+}
+
+std::vector<Group> ProbeLink::nextRemovals(SteadyTime now) {
+    const std::size_t bound = removalsPerAnswer();
     std::vector<Group> groups;
     const auto removeFrom = [&](const auto& candidates, const auto& groupOf) {
         for (const auto& candidate : candidates) {

@@ -52,6 +52,9 @@ class ProbeLink {
     void setIgmpLatency(std::optional<std::chrono::milliseconds> latency);
     // Has all counters start anew with the next answer to a probe that monitors.
     void clearCounters();
+    // Has the probe leave and join these groups, as far as they are wanted. Their counters start anew, and
+    // those of no other group.
+    void rejoin(const Groups& groups);
 
     // A request came. answer() is called next.
     Event request(int32_t sequence, SteadyTime now);
@@ -81,6 +84,8 @@ class ProbeLink {
     };
     std::vector<Group> nextRemovals(SteadyTime now);
     std::vector<Group> nextAdditions(SteadyTime now);
+    std::vector<Group> nextRejoins(std::size_t bound, SteadyTime now);
+    std::size_t removalsPerAnswer() const;
     bool listKnown(SteadyTime now) const;
     Asker* findAsker(int32_t sequence, SteadyTime now);
     Asker& addAsker(int32_t sequence, SteadyTime now);
@@ -96,6 +101,7 @@ class ProbeLink {
     std::optional<bool> passive_;
     std::optional<std::chrono::milliseconds> igmpLatency_;
     bool clear_ = false;
+    Groups rejoin_;  // to be removed and added again
 
     std::vector<Asker> askers_;  // the one that is told what to watch first
     bool main_ = false;          // there is one

@@ -18,7 +18,7 @@ using json::alarmValue;
 // A join that took longer was none: the probe reckons from the epoch when it did not join itself.
 constexpr int64_t kJoinLatencyLimitMs = 10 * 60 * 1000;
 
-void probeMembers(JsonWriter& json, const ProbeState& probe) {
+void probeMembers(JsonWriter& json, const ProbeState& probe, const MachineState& machine) {
     json.open('{').member("connected", probe.connected).member("asks", probe.asks);
     json.member("otherController", probe.otherController).member("secondAsker", probe.secondAsker);
     json.member("problem", json::textOrNull(probe.problem));
@@ -29,6 +29,7 @@ void probeMembers(JsonWriter& json, const ProbeState& probe) {
     json.member("droppedSnapshots", probe.droppedSnapshots);
     json.member("tooLargeSnapshots", probe.tooLargeSnapshots);
     json.member("pipeProblem", probe.pipeProblem.empty() ? std::nullopt : std::optional(probe.pipeProblem));
+    json.member("machineProblem", json::textOrNull(machine.worst()));
     json.close('}');
 }
 
@@ -140,7 +141,9 @@ std::string statusJson(const StationState& state) {
     json.open('{').member("version", KESTOR_VERSION).member("started", state.started);
     json.member("time", state.now.wall).member("number", state.number);
     json.name("probe");
-    probeMembers(json, state.probe);
+    probeMembers(json, state.probe, state.machine);
+    json.name("machine");
+    json::machineValue(json, state.machine);
     const auto count = [&state](auto&& counts) { return std::ranges::count_if(state.channels, counts); };
     json.name("channels").open('{').member("configured", state.channels.size());
     json.member("watched", count([](const auto& one) { return one->channel.enabled && one->shown; }));
@@ -179,6 +182,7 @@ std::string channelJson(const StationState& state, const ChannelState& channel) 
     channelMembers(json, channel);
     json.member("time", state.now.wall);
     json.member("countsSince", channel.countsSince);
+    json.member("note", json::textOrNull(channel.note));
     identityMember(json, channel, state.passive);
     checksMember(json, channel);
     json.name("stream");
@@ -222,7 +226,7 @@ std::string streamSnapshotJson(const StationState& state) {
     text.reserve(1024 + state.channels.size() * kBytesPerRow);
     JsonWriter json(text);
     json.open('{').member("number", state.number).member("time", state.now.wall).name("probe");
-    probeMembers(json, state.probe);
+    probeMembers(json, state.probe, state.machine);
     json.name("alarms");
     alarmCounts(json, state.alarms);
     json.name("fields").open('[');

@@ -8,6 +8,7 @@
 
 #include "alarms/alarm.h"
 #include "channels/channel.h"
+#include "state.h"
 #include "web/jsonWriter.h"
 
 namespace station::json {
@@ -17,6 +18,8 @@ void alarmValue(JsonWriter& json, const Alarm& alarm, std::string_view channelNa
 // How many there are of each severity.
 void alarmCounts(JsonWriter& json, std::span<const Alarm> alarms);
 void alarmTypesValue(JsonWriter& json);
+// The object `machine`.
+void machineValue(JsonWriter& json, const MachineState& machine);
 
 inline std::optional<std::string_view> textOrNull(std::string_view text) {
     return text.empty() ? std::nullopt : std::optional(text);

@@ -11,6 +11,7 @@
 #include "tr101290Checks.h"
 #include "web/alarmMetrics.h"
 #include "web/exposition.h"
+#include "web/machineMetrics.h"
 #include "web/ownMetrics.h"
 
 namespace station {
@@ -516,6 +517,7 @@ std::string MetricsWriter::text(const StationState& state, const MetricsExtras& 
     writeLastPackets(out, channels);
     writeMaintenance(out, state, channels);
     writeAlarmMetrics(out, state);
+    writeMachine(out, state.machine);
     writeStationMetrics(out, state, extras);
     return text;
 }

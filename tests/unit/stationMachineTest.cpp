@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <fstream>
 
-#include "machine/machine.h"
+#include "machine/machineReader.h"
 #include "support/scratch.h"
 
 using namespace station;
@@ -92,6 +92,50 @@ TEST(CaptureInterface, IsTheFirstWhoseNameContainsIt) {
     EXPECT_EQ(name({card("eth0", 2, true, false), card("eth0.100", 3)}), "eth0.100") << "the connected one";
     EXPECT_EQ(name({card("eth0", 2), card("eth0.100", 3)}, {3}), "eth0.100") << "the one captured on";
     EXPECT_EQ(name({card("eth0", 2, false, false)}), "eth0") << "which waits until it is up";
+}
+
+TEST_F(MachineFiles, FindsWhatIsNotJoinedWhereTheProbeCaptures) {
+    write("self/net/igmp",
+          "Idx\tDevice    : Count Querier\tGroup    Users Timer\tReporter\n"
+          "2\teth0      :     1      V3\n"
+          "\t\t\t\t010101EF     1 0:00000000\t\t1\n"
+          "3\tbr0       :     1      V3\n"
+          "\t\t\t\t020101EF     1 0:00000000\t\t1\n"
+          "5\tenp3s0    :     1      V3\n"
+          "\t\t\t\t010101EF     1 0:00000000\t\t1\n"
+          "\t\t\t\t030101EF     1 0:00000000\t\t1\n");
+    auto eth0 = card("eth0", 2);
+    eth0.master = 3;
+    auto vlan = card("br0.7", 4);
+    vlan.lower = 3;
+    vlan.kind = "vlan";
+    auto other = card("enp3s0", 5);
+    other.kind = "veth";
+    other.lower = 2;  // an index of another network namespace
+    std::vector<Ipv4Address> asked;
+    MachineLooker looker({.proc = proc,
+                          .interfaces =
+                              [&] {
+                                  return std::vector{eth0, card("br0", 3), vlan, other};
+                              },
+                          .routes =
+                              [&](std::span<const Ipv4Address> groups) {
+                                  asked.assign(groups.begin(), groups.end());
+                                  return std::vector<GroupRoute>{{.interface = 5}, {.interface = 4}};
+                              }});
+    const auto reading = looker.look({0xEF010101, 0xEF010102, 0xEF010103, 0xEF010104}, {});
+    EXPECT_EQ(reading.capture->name, "eth0");
+    EXPECT_THAT(asked, ElementsAre(0xEF010103, 0xEF010104)) << "its bridge joins for it";
+    EXPECT_THAT(reading.astray,
+                ElementsAre(AstrayGroup{.group = 0xEF010103, .joinedOn = {"enp3s0"}, .route = "enp3s0"},
+                            AstrayGroup{.group = 0xEF010104, .route = "br0.7", .routeFits = true}));
+    EXPECT_EQ(reading.doubled, 1U);
+    EXPECT_THAT(reading.doubledOn, ElementsAre("enp3s0"));
+
+    MachineLooker refused({.proc = proc, .interfaces = []() -> std::vector<NetworkInterface> {
+                               throw std::system_error(EAFNOSUPPORT, std::generic_category(), "netlink");
+                           }});
+    EXPECT_THAT(refused.look({0xEF010101}, {}).problem, testing::HasSubstr("netlink"));
 }
 
 TEST(Machine, SeesItsOwnLoopbackAndRoutes) {

@@ -70,6 +70,55 @@ struct FakeProbe {
 
 }  // namespace
 
+TEST(StationProbe, HasGroupsJoinedAgainWithoutTouchingOthers) {
+    ProbeLink link;
+    link.want(groups(3));
+    FakeProbe probe(link);
+    probe.second();
+    probe.second();
+    ASSERT_EQ(probe.list, groups(3));
+    link.rejoin({group(1), group(7)});
+    const auto answer = probe.ask();
+    EXPECT_THAT(answer.remove, ElementsAre(group(1)));
+    EXPECT_THAT(answer.append, ElementsAre(group(1))) << "what is not wanted is left alone";
+    for (int i = 0; i < 5; ++i) {
+        probe.second();
+        EXPECT_EQ(probe.list, groups(3));
+    }
+    const std::size_t told = probe.told;
+
+    // All that it has in one answer, without the cost of removals.
+    link.rejoin(groups(3));
+    EXPECT_TRUE(probe.ask().clearAll);
+    EXPECT_FALSE(probe.ask().clearAll);
+    EXPECT_EQ(probe.told, told);
+}
+
+TEST(StationProbe, JoinsManyAgainAtTheProbesPace) {
+    ProbeLink link;
+    link.want(groups(2000));
+    FakeProbe probe(link);
+    for (int i = 0; i < 12; ++i) {
+        probe.second();
+    }
+    ASSERT_EQ(probe.list, groups(2000));
+    Groups most = groups(1990);
+    link.rejoin(most);
+    std::size_t largest = 0;
+    for (int i = 0; i < 2000 && !most.empty(); ++i) {
+        const auto answer = probe.ask();
+        EXPECT_EQ(answer.remove, answer.append);
+        EXPECT_FALSE(answer.clearAll);
+        largest = std::max(largest, answer.remove.size());
+        for (const Group& again : answer.append) {
+            most.erase(again);
+        }
+    }
+    EXPECT_THAT(most, IsEmpty());
+    EXPECT_EQ(largest, 4U) << "each removal costs the square of the list";
+    EXPECT_EQ(probe.list, groups(2000));
+}
+
 TEST(StationProbe, TellsAFreshProbeTwoHundredGroupsAnAnswerOnce) {
     ProbeLink link;
     link.want(groups(450));

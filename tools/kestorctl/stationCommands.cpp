@@ -117,6 +117,33 @@ std::string number(const Json& object, const char* member) {
     return text(object, member);
 }
 
+// "1 Gbit/s" of bits a second.
+std::string speedText(const Json& card) {
+    const double speed = card.value("bitsPerSecond", 0.0);
+    std::array<char, 32> text{};
+    const bool giga = speed >= 1e9;
+    snprintf(text.data(), text.size(), "%.3g %s", speed / (giga ? 1e9 : 1e6), giga ? "Gbit/s" : "Mbit/s");
+    return text.data();
+}
+
+// The interface that the probe captures, and what this machine does to the probe.
+void showMachine(const Json& machine) {
+    const Json card = machine.value("interface", Json());
+    if (card.is_object()) {
+        const bool well = card.value("up", false) && card.value("carrier", false);
+        const bool hasSpeed = card.contains("bitsPerSecond") && card["bitsPerSecond"].is_number();
+        printf("interface %s, %s%s; this machine dropped %s packets, %s in the last minute\n",
+               text(card, "name").c_str(), well ? "up" : text(card, "state").c_str(),
+               hasSpeed ? (", " + speedText(card)).c_str() : "", number(machine, "drops").c_str(),
+               number(machine, "dropsLastMinute").c_str());
+    }
+    for (const char* problem : {"linkProblem", "joinProblem", "doubled"}) {
+        if (const std::string said = text(machine, problem); said != "-") {
+            printf("          %s\n", said.c_str());
+        }
+    }
+}
+
 int showStatus(StationClient& station, const StationRequest& request) {
     const Json status = station.getJson("/api/v1/status");
     const Json& probe = status.at("probe");
@@ -152,6 +179,7 @@ int showStatus(StationClient& station, const StationRequest& request) {
     if (result != 0) {
         puts("          kestorctl doctor tells what keeps it from here, and what to do");
     }
+    showMachine(status.value("machine", Json::object()));
     printf("channels  %s configured, %s watched, %s with signal\n", number(channels, "configured").c_str(),
            number(channels, "watched").c_str(), number(channels, "withSignal").c_str());
     printf("alarms    %s critical, %s major, %s minor, %s warning\n", number(alarms, "critical").c_str(),

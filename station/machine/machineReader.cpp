@@ -1,0 +1,141 @@
+#include "machine/machineReader.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace station {
+
+MachineReading MachineLooker::look(const std::vector<Ipv4Address>& watched, const Now& now) {
+    MachineReading reading;
+    reading.time = now;
+    try {
+        const auto interfaces = sources_.interfaces();
+        const std::set<int> captured = readCaptured(sources_.proc);
+        if (const NetworkInterface* capture = findCaptureInterface(interfaces, captured)) {
+            reading.capture = *capture;
+            reading.captured = captured.contains(capture->index);
+            findAstray(watched, interfaces, reading);
+        }
+        reading.softnet = readSoftnet(sources_.proc);
+    } catch (const std::system_error& error) {
+        reading = {};
+        reading.time = now;
+        reading.problem = error.what();
+    }
+    return reading;
+}
+
+void MachineLooker::findDoubled(const std::vector<Ipv4Address>& watched, const Memberships& memberships,
+                                const std::set<std::string>& right, MachineReading& reading) {
+    std::set<Ipv4Address> doubled;
+    for (const auto& [name, groups] : memberships.on) {
+        if (right.contains(name) || groups.empty()) {
+            continue;
+        }
+        for (const Ipv4Address group : watched) {
+            if (groups.contains(group) && std::ranges::any_of(right, [&](const std::string& card) {
+                    return memberships.joined(card, group);
+                })) {
+                doubled.insert(group);
+                reading.doubledOn.insert(name);
+            }
+        }
+    }
+    reading.doubled = doubled.size();
+}
+
+void MachineLooker::findAstray(const std::vector<Ipv4Address>& watched,
+                               const std::vector<NetworkInterface>& interfaces, MachineReading& reading) {
+    const std::set<std::string> right = interfacesOn(*reading.capture, interfaces);
+    const Memberships memberships = readMemberships(sources_.proc);
+    reading.membershipsKnown = memberships.known;
+    if (!memberships.known) {
+        return;
+    }
+    findDoubled(watched, memberships, right, reading);
+    std::vector<Ipv4Address> astray;
+    std::ranges::copy_if(watched, std::back_inserter(astray), [&](Ipv4Address group) {
+        return std::ranges::none_of(right,
+                                    [&](const std::string& name) { return memberships.joined(name, group); });
+    });
+    if (astray.empty()) {
+        routedGroups_.clear();
+        return;
+    }
+    const bool old = astray.size() <= kManyAstray || reading.time.steady - routesTime_ >= kRoutesAge;
+    if (old || astray != routedGroups_) {
+        routes_ = sources_.routes(astray);
+        routedGroups_ = astray;
+        routesTime_ = reading.time.steady;
+    }
+    for (std::size_t i = 0; i < astray.size(); ++i) {
+        const auto route = std::ranges::find(interfaces, routes_[i].interface, &NetworkInterface::index);
+        reading.astray.push_back({.group = astray[i],
+                                  .joinedOn = memberships.where(astray[i]),
+                                  .route = route == interfaces.end() ? std::string() : route->name,
+                                  .routeError = routes_[i].error,
+                                  .routeFits = route != interfaces.end() && right.contains(route->name)});
+    }
+    reading.membershipLimit = readMembershipLimit(sources_.proc);
+}
+
+struct MachineReader::Implementation {
+    MachineLooker looker;
+    std::mutex mutex;  // guards what follows; no lock is taken while it is held
+    std::condition_variable_any changed;
+    std::vector<Ipv4Address> watched;
+    std::optional<MachineReading> newest;
+    uint64_t asked = 0;  // readings that somebody waits for: the number of the last one
+    uint64_t made = 0;   // the last number that was asked for when the last reading began
+    std::jthread thread;
+
+    explicit Implementation(MachineSources sources) : looker(std::move(sources)) {}
+
+    void run(const std::stop_token& stop) {
+        std::unique_lock lock(mutex);
+        while (!stop.stop_requested()) {
+            const uint64_t number = asked;
+            const std::vector<Ipv4Address> groups = watched;
+            lock.unlock();
+            MachineReading reading = looker.look(groups, systemNow());
+            lock.lock();
+            newest = std::move(reading);
+            made = number;
+            changed.notify_all();
+            changed.wait_for(lock, stop, kPause, [&] { return asked != number; });
+        }
+    }
+};
+
+MachineReader::MachineReader(MachineSources sources)
+    : implementation_(std::make_unique<Implementation>(std::move(sources))) {
+    implementation_->thread =
+        std::jthread([this](const std::stop_token& stop) { implementation_->run(stop); });
+}
+
+MachineReader::~MachineReader() = default;
+
+void MachineReader::watch(std::vector<Ipv4Address> groups) {
+    const std::lock_guard lock(implementation_->mutex);
+    implementation_->watched = std::move(groups);
+}
+
+std::optional<MachineReading> MachineReader::take() {
+    const std::lock_guard lock(implementation_->mutex);
+    return std::exchange(implementation_->newest, std::nullopt);
+}
+
+std::optional<MachineReading> MachineReader::takeNow(std::chrono::milliseconds atMost) {
+    std::unique_lock lock(implementation_->mutex);
+    const uint64_t number = ++implementation_->asked;
+    implementation_->changed.notify_all();
+    const bool done =
+        implementation_->changed.wait_for(lock, atMost, [&] { return implementation_->made >= number; });
+    return done ? std::exchange(implementation_->newest, std::nullopt) : std::nullopt;
+}
+
+}  // namespace station

@@ -1,0 +1,215 @@
+// What comes of this machine's readings: alarms, their texts, and joining again.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <set>
+
+#include "machineWatch.h"
+
+using namespace std::chrono_literals;
+using namespace station;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace {
+
+constexpr int kCard = 2;
+constexpr int kOther = 3;
+
+// A machine with eth0 and enp3s0, whose memberships and routes the test sets.
+struct Bench {
+    MachineWatch watch;
+    SteadyTime now{1h};
+    std::optional<NetworkInterface> card = NetworkInterface{.name = "eth0",
+                                                            .index = kCard,
+                                                            .up = true,
+                                                            .running = true,
+                                                            .carrier = true,
+                                                            .state = NetworkInterface::State::kUp};
+    Softnet softnet{.droppedByCpu = {0, 0}};
+    bool captured = true;
+    std::vector<AstrayGroup> astray;
+    std::set<Group> withSignal;
+    MachineWatch::Probe probe{.connected = true,
+                              .hasSignal = [this](const Group& group) { return withSignal.contains(group); }};
+    MachineFindings found;
+
+    Groups second(int seconds = 1) {
+        Groups again;
+        for (int i = 0; i < seconds; ++i) {
+            now += 1s;
+            watch.take({.time = {now, {}},
+                        .capture = card,
+                        .captured = captured,
+                        .membershipsKnown = true,
+                        .astray = astray,
+                        .softnet = softnet});
+            found = watch.judge(probe, now);
+            again.merge(watch.rejoin({now, WallTime{1h}}));
+        }
+        return again;
+    }
+    std::string text(const char* type) const {
+        return watch.raisedText(type, defaultRules()[*findAlarmType(type)], now).value_or("");
+    }
+    std::string remark(const char* type) const {
+        return watch.remark(type, defaultRules()[*findAlarmType(type)], Group::parse("239.1.1.1"), now);
+    }
+};
+
+AstrayGroup astray(Ipv4Address last, const char* joinedOn, const char* route, bool fits = false) {
+    AstrayGroup group{.group = 0xEF010100 + last, .route = route, .routeFits = fits};
+    if (*joinedOn != '\0') {
+        group.joinedOn.emplace_back(joinedOn);
+    }
+    group.routeError = *route == '\0' ? ENETUNREACH : 0;
+    return group;
+}
+
+}  // namespace
+
+TEST(MachineWatch, TellsInOneSentenceWhatKeepsGroupsAway) {
+    Bench bench;
+    bench.second();
+    EXPECT_EQ(bench.found.notJoined, false);
+    for (Ipv4Address last = 1; last <= 34; ++last) {
+        bench.astray.push_back(astray(last, "enp3s0", "enp3s0"));
+    }
+    bench.astray.push_back(astray(40, "", ""));
+    bench.second();
+    EXPECT_EQ(bench.found.notJoined, true);
+    EXPECT_EQ(bench.found.groups, 35);
+    EXPECT_EQ(
+        bench.text("not_joined"),
+        "239.1.1.1 and 33 more are joined on enp3s0, not on eth0: their route leads to enp3s0. ip route "
+        "replace 224.0.0.0/4 dev eth0; 239.1.1.40 is not joined on eth0: there is no route. ip route "
+        "replace 224.0.0.0/4 dev eth0");
+    EXPECT_EQ(bench.remark("no_signal"), "joined on enp3s0, not on eth0");
+
+    // What comes all the same is not missed: a mirror port, a bridge.
+    bench.withSignal.insert(*Group::parse("239.1.1.40"));
+    bench.second();
+    EXPECT_EQ(bench.watch.state().notJoined, 34U);
+
+    bench.probe.passive = true;
+    bench.second();
+    EXPECT_EQ(bench.found.notJoined, false) << "it joins nothing";
+    bench.probe.passive = false;
+    bench.probe.connected = false;
+    bench.second();
+    EXPECT_EQ(bench.found.notJoined, std::nullopt) << "a probe that ended has left its groups";
+}
+
+TEST(MachineWatch, HasGroupsJoinedAgainEverMoreSeldom) {
+    Bench bench;
+    bench.astray = {astray(1, "enp3s0", "enp3s0"), astray(2, "enp3s0", "enp3s0")};
+    EXPECT_THAT(bench.second(30), IsEmpty()) << "the route leads elsewhere";
+    bench.astray = {astray(1, "enp3s0", "eth0", true), astray(2, "enp3s0", "enp3s0")};
+    EXPECT_THAT(bench.second(2), IsEmpty()) << "a route that settles";
+    EXPECT_THAT(bench.second(), SizeIs(1));
+    std::vector<int> after;
+    for (int second = 1; second <= 3000; ++second) {
+        if (!bench.second().empty()) {
+            after.push_back(second);
+        }
+    }
+    ASSERT_GE(after.size(), 8U);
+    EXPECT_LE(after.size(), 11U);
+    EXPECT_NEAR(after[0], 10, 3);
+    EXPECT_NEAR(after[1] - after[0], 20, 3);
+    EXPECT_NEAR(after.back() - *(after.end() - 2), 600, 3) << "the bound";
+    bench.astray.clear();
+    bench.second(61);
+    bench.astray = {astray(1, "", "eth0", true)};
+    EXPECT_THAT(bench.second(3), SizeIs(1)) << "all was joined for a minute: from the beginning";
+    EXPECT_EQ(bench.watch.state().rejoins, after.size() + 2);
+}
+
+TEST(MachineWatch, TellsALinkThatIsDownGoneOrFlaps) {
+    Bench bench;
+    bench.card->carrier = false;
+    bench.second();
+    EXPECT_EQ(bench.found.linkDown, std::nullopt) << "it may be coming up with the machine";
+    bench.second(20);
+    EXPECT_EQ(bench.found.linkDown, true);
+    bench.card->carrier = true;
+    bench.card->carrierChanges = 1;
+    bench.second();
+    EXPECT_EQ(bench.found.linkDown, false);
+    bench.card->carrierChanges += 2;
+    bench.second();
+    EXPECT_EQ(bench.found.linkDown, true);
+    EXPECT_GE(bench.now - bench.found.linkDownSince, 1s);
+    EXPECT_THAT(bench.text("link_down"), HasSubstr("lost its carrier"));
+    bench.second();
+    EXPECT_EQ(bench.found.linkDown, false);
+
+    bench.card->carrier = false;
+    bench.second();
+    EXPECT_EQ(bench.found.linkDown, true);
+    EXPECT_THAT(bench.remark("no_signal"), HasSubstr("eth0 has no carrier"));
+    bench.card->received.packets += 10;
+    bench.second();
+    EXPECT_EQ(bench.found.linkDown, false) << "a driver that does not tell";
+    bench.card->up = false;
+    bench.second();
+    EXPECT_THAT(bench.text("link_down"), HasSubstr("ip link set eth0 up"));
+    bench.card->up = bench.card->carrier = true;
+    bench.second(2);
+
+    // Another one with such a name is not the probe's, which does not look again.
+    bench.card->name = "veth0f3a";
+    bench.card->index = kOther;
+    bench.captured = false;
+    bench.astray = {astray(1, "eth0", "eth0")};
+    bench.second();
+    EXPECT_THAT(bench.text("link_down"), HasSubstr("eth0 is gone"));
+    EXPECT_EQ(bench.found.notJoined, std::nullopt);
+    bench.captured = true;
+    bench.second();
+    EXPECT_EQ(bench.found.linkDown, false) << "a probe that was started anew captures there";
+
+    Bench none;
+    none.card.reset();
+    none.second();
+    EXPECT_EQ(none.found.linkDown, std::nullopt) << "what was never there is not lost";
+}
+
+TEST(MachineWatch, CountsWhatThisMachineDropsAndSaysSoWithLosses) {
+    Bench bench;
+    bench.card->received = {.dropped = 1000, .missed = 1000, .fifo = 1000};
+    bench.softnet.droppedByCpu = {0xFFFFFFFF, 7};
+    bench.second(2);
+    EXPECT_EQ(bench.found.drops, 0U) << "what was before the station";
+    EXPECT_THAT(bench.remark("packets_lost"), IsEmpty());
+
+    bench.card->received.missed += 300;
+    bench.card->received.fifo += 300;  // the same packets
+    bench.card->received.dropped += 10;
+    bench.softnet.droppedByCpu[0] += 2;  // wraps
+    bench.second();
+    EXPECT_EQ(bench.found.drops, 312U);
+    EXPECT_EQ(bench.remark("packets_lost"), "this machine dropped 312 packets in that time");
+    EXPECT_THAT(bench.remark("no_signal"), IsEmpty());
+    EXPECT_THAT(bench.text("machine_drops"),
+                AllOf(HasSubstr("this machine dropped 312 packets within 10 s"),
+                      HasSubstr("300 rx_missed_errors of eth0"), HasSubstr("ethtool -G eth0"),
+                      HasSubstr("10 rx_dropped"), HasSubstr("2 in the backlog")));
+    bench.second(13);
+    EXPECT_THAT(bench.remark("packets_lost"), IsEmpty());
+    EXPECT_EQ(bench.watch.state().dropsLastMinute, 312U);
+
+    // Nobody captures: frames of protocols that nobody listens to count as dropped.
+    bench.captured = false;
+    bench.card->received.dropped += 50;
+    bench.second();
+    EXPECT_EQ(bench.found.drops, 0U);
+    bench.captured = true;
+    bench.card->received = {};  // the driver was loaded anew
+    bench.second(60);
+    EXPECT_EQ(bench.watch.state().dropsLastMinute, 0U);
+    EXPECT_EQ(bench.watch.state().drops, 312U);
+}
