@@ -242,7 +242,8 @@ Groups MachineWatch::rejoin(const Now& now) {
 
 std::string MachineWatch::describeLink() const {
     if (!state_.interface) {
-        return {};
+        const auto& [problem, advice] = last_->advice;
+        return problem.empty() ? std::string() : problem + ". To mend it: " + advice;
     }
     const NetworkInterface& card = *state_.interface;
     if (gone_) {

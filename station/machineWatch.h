@@ -61,6 +61,10 @@ class MachineWatch {
                        SteadyTime now) const;
     // Whether remark() would look at the packets that were dropped until now.
     static bool tellsLoss(std::string_view type);
+    // What keeps a probe that is started from capturing, or empty.
+    std::string captureProblem() const {
+        return last_ && state_.known ? last_->advice.problem : std::string();
+    }
     // Why a channel's group does not reach the probe, or empty.
     std::string note(const Group& group) const;
 

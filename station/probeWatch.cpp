@@ -84,7 +84,7 @@ std::string ProbeWatch::describe(const ProbeLook& look, const Ends& ends) const 
                    because(ends.pipe.problem, "does something else read its pipe?");
         }
         return "neither a request nor a snapshot came from the probe for more than 3 s: " +
-               because(ends.portProblem, "is kestor -s running?");
+               because(ends.portProblem.empty() ? ends.noCapture : ends.portProblem, "is kestor -s running?");
     }
     if (look.notAsking == true) {
         return "snapshots come from the probe, but it did not ask what to watch for more than 2 s: " +

@@ -24,6 +24,7 @@ class ProbeWatch {
     struct Ends {
         std::string portProblem;  // empty when all is well
         PipeReader::Statistics pipe;
+        std::string noCapture{};  // why a probe that is started finds nothing to capture on, or empty
     };
 
     void request(const Controller::Report& report);

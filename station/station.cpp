@@ -423,7 +423,8 @@ void Station::Implementation::finishCycle(const Now& now) {
 
 void Station::Implementation::judgeProbe(const Now& now) {
     const bool asked = probe.state().asks;
-    const bool turned = probe.update(now.steady, {controller->problem(), reader->statistics()});
+    const bool turned =
+        probe.update(now.steady, {controller->problem(), reader->statistics(), machine.captureProblem()});
     std::vector<AlarmChange> changes;
     engine.tick(probe.look(now.steady), now, changes);
     for (AlarmChange& change : changes) {

@@ -14,6 +14,7 @@ MachineReading MachineLooker::look(const std::vector<Ipv4Address>& watched, cons
     reading.time = now;
     try {
         const auto interfaces = sources_.interfaces();
+        reading.advice = captureAdvice(interfaces);
         const std::set<int> captured = readCaptured(sources_.proc);
         if (const NetworkInterface* capture = findCaptureInterface(interfaces, captured)) {
             reading.capture = *capture;

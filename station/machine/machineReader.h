@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/clock.h"
+#include "machine/captureAdvice.h"
 #include "machine/machine.h"
 
 namespace station {
@@ -29,8 +30,9 @@ struct MachineReading {
     Now time{};
     std::string problem{};  // why the kernel cannot be asked, or empty; then nothing is known
     std::optional<NetworkInterface>
-        capture{};          // the interface that the probe captures on; nothing without one
-    bool captured = false;  // somebody captures there
+        capture{};           // the interface that the probe captures on; nothing without one
+    CaptureAdvice advice{};  // what keeps a probe that is started from capturing
+    bool captured = false;   // somebody captures there
     bool membershipsKnown = false;
     std::vector<AstrayGroup> astray{};  // of the watched groups, in their order
     // Of the watched groups that are joined there, those that are joined on interfaces beside it as well.

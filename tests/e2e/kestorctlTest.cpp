@@ -138,7 +138,7 @@ TEST(Kestorctl, DoctorFindsWhatKeepsTheProbe) {
     const Process station({"kestor-station", "--config", "/tmp/station.toml", "--state", "/tmp/state",
                            "--socket", "/tmp/station.sock"});
     EXPECT_TRUE(eventually([] { return kestorctl({"status"}).status == 3; })) << "nothing comes from a probe";
-    const Process kestor({"kestor", "-s"});
+    Process kestor({"kestor", "-s"});
     EXPECT_TRUE(eventually([] { return kestorctl({"status"}).status == 0; }));
     EXPECT_TRUE(eventually([] { return verdict("memberships") == "ok" && verdict("port") == "ok"; }));
     for (const char* subject : {"services", "interface", "route", "pipe", "socket", "user"})
@@ -153,6 +153,12 @@ TEST(Kestorctl, DoctorFindsWhatKeepsTheProbe) {
     EXPECT_THAT(kestorctl({"doctor"}).out, HasSubstr("the interface eth0 is down"));
     EXPECT_EQ(Process({"ip", "link", "set", "eth0", "name", "lan0"}).wait(), 0);
     EXPECT_THAT(kestorctl({"doctor"}).out, HasSubstr("no interface whose name contains eth0: feed0, lan0"));
+    kestor.kill(SIGKILL);
+    EXPECT_TRUE(eventually([] {
+        const Result status = kestorctl({"status"});
+        return status.status == 3 &&
+               status.out.find("no interface whose name contains eth0: feed0, lan0") != std::string::npos;
+    })) << kestorctl({"status"}).out;
 }
 
 TEST(Kestorctl, GivesUpWithoutAProbeOrAPort) {

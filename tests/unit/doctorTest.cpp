@@ -259,9 +259,10 @@ TEST(Doctor, JudgesTheInterfaceAndTheWayToIt) {
 
     StationLook look = wellStation();
     const auto members = [&](const Memberships& memberships) {
-        return report({checkMemberships(two.data(), memberships, look)});
+        return report({checkMemberships(two, two.data(), memberships, look)});
     };
-    EXPECT_THAT(members({true, {{"eth0", {kA, kB}}}}), HasSubstr("every watched group (2) is joined on eth0"));
+    EXPECT_THAT(members({true, {{"eth0", {kA, kB}}}}),
+                HasSubstr("every watched group (2) is joined on eth0"));
     const Memberships wrong{true, {{"eth0", {kA}}, {"eno1", {kB}}}};
     EXPECT_THAT(members(wrong), HasSubstr("1 of 2 groups are not joined on eth0, but on eno1 (239.1.1.2)"));
     EXPECT_THAT(members({}), HasSubstr("--    memberships"));

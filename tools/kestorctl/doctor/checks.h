@@ -68,7 +68,8 @@ Findings checkInterface(std::span<const station::NetworkInterface> interfaces, c
 Finding checkRoutes(std::span<const station::NetworkInterface> interfaces,
                     const station::NetworkInterface* capture, std::span<const station::Ipv4Address> groups,
                     std::span<const station::GroupRoute> routes);
-Finding checkMemberships(const station::NetworkInterface* capture, const station::Memberships& memberships,
+Finding checkMemberships(std::span<const station::NetworkInterface> interfaces,
+                         const station::NetworkInterface* capture, const station::Memberships& memberships,
                          const StationLook& station);
 Findings checkLimits(const fs::path& root, std::size_t groups);
 Finding checkPipe(const fs::path& root);

@@ -117,7 +117,7 @@ void checkNetwork(const Processes& processes, const StationLook& station, Findin
         const std::vector<station::Ipv4Address> groups =
             station.groups.empty() ? std::vector{kSomeGroup} : station.groups;
         findings.push_back(checkRoutes(interfaces, capture, groups, station::readRoutes(groups)));
-        findings.push_back(checkMemberships(capture, station::readMemberships(), station));
+        findings.push_back(checkMemberships(interfaces, capture, station::readMemberships(), station));
     } catch (const std::system_error& error) {
         findings.push_back(
             unseen("interface", std::string("the kernel does not tell of interfaces: ") + error.what()));

@@ -38,9 +38,9 @@ std::string nameOf(std::span<const NetworkInterface> interfaces, int index) {
 
 std::string routeAdvice(const std::string& interface) {
     return "ip route replace 224.0.0.0/4 dev " + interface +
-           ", and for good in the network's configuration (docs/operations.md, \"The interface\"); then "
-           "remove and "
-           "add the groups, or systemctl restart kestor";
+           ", and for good in the network's configuration (docs/operations.md, \"Two cards\"); the station "
+           "then "
+           "has the groups joined again";
 }
 
 }  // namespace
@@ -91,12 +91,13 @@ Finding checkRoutes(std::span<const NetworkInterface> interfaces, const NetworkI
     std::vector<Ipv4Address> without;
     std::vector<Ipv4Address> elsewhere;
     std::set<std::string> where;
+    const std::set<std::string> right = station::interfacesOn(*capture, interfaces);
     for (std::size_t i = 0; i < std::min(groups.size(), routes.size()); ++i) {
         if (routes[i].interface == 0) {
             without.push_back(groups[i]);
-        } else if (routes[i].interface != capture->index) {
+        } else if (const std::string name = nameOf(interfaces, routes[i].interface); !right.contains(name)) {
             elsewhere.push_back(groups[i]);
-            where.insert(nameOf(interfaces, routes[i].interface));
+            where.insert(name);
         }
     }
     if (!without.empty()) {
@@ -118,8 +119,8 @@ Finding checkRoutes(std::span<const NetworkInterface> interfaces, const NetworkI
     return ok("route", "multicast is joined on " + capture->name);
 }
 
-Finding checkMemberships(const NetworkInterface* capture, const station::Memberships& memberships,
-                         const StationLook& station) {
+Finding checkMemberships(std::span<const NetworkInterface> interfaces, const NetworkInterface* capture,
+                         const station::Memberships& memberships, const StationLook& station) {
     if (capture == nullptr || !memberships.known) {
         return unseen("memberships", capture == nullptr ? "there is no interface to be a member on"
                                                         : "/proc/net/igmp cannot be read");
@@ -133,10 +134,12 @@ Finding checkMemberships(const NetworkInterface* capture, const station::Members
         return unseen("memberships", std::to_string(joined) + " groups are joined on " + capture->name +
                                          "; which ones should be, the station did not tell");
     }
+    const std::set<std::string> right = station::interfacesOn(*capture, interfaces);
     std::vector<Ipv4Address> missing;
     std::set<std::string> where;
     for (const Ipv4Address group : station.groups) {
-        if (!memberships.joined(capture->name, group)) {
+        if (std::ranges::none_of(right,
+                                 [&](const std::string& name) { return memberships.joined(name, group); })) {
             missing.push_back(group);
             for (const std::string& name : memberships.where(group)) {
                 where.insert(name);
@@ -151,11 +154,11 @@ Finding checkMemberships(const NetworkInterface* capture, const station::Members
     for (const std::string& name : where) {
         names += (names.empty() ? ", but on " : ", ") + name;
     }
-    return failure(
-        "memberships",
-        count(missing.size(), station.groups.size()) + " are not joined on " + capture->name + names + " (" +
-            some(missing) + ")",
-        "see services, route and limits; then remove and add the groups, or systemctl restart kestor");
+    return failure("memberships",
+                   count(missing.size(), station.groups.size()) + " are not joined on " + capture->name +
+                       names + " (" + some(missing) + ")",
+                   "see services, route and limits; the station has them joined again within seconds, else "
+                   "systemctl restart kestor");
 }
 
 }  // namespace doctor
