@@ -32,7 +32,8 @@ struct Owner : CommandEffects {
     AlarmEngine engine;
     ProbeWatch probe{now.steady};
     SnapshotIntake intake{engine, probe};
-    StatePublisher publisher{{intake, engine, desk, probe}, now.wall};
+    MachineWatch machine;
+    StatePublisher publisher{{intake, engine, desk, probe, machine}, now.wall};
     CommandDesk commands{{book, engine, desk, intake}, *this};
     std::vector<std::string> asked;  // of the effects, in order
     std::deque<std::function<void(const std::string&)>> saving;
