@@ -10,55 +10,6 @@ Refusal invalid(std::string field, std::string text) {
     return {Refusal::Why::kInvalid, std::move(field), std::move(text)};
 }
 
-// Why a text cannot be shown as a name, or empty.
-std::string textProblem(const std::string& text, std::size_t limit = kNameLimit) {
-    if (text.size() > limit) {
-        return "is longer than " + std::to_string(limit) + " bytes";
-    }
-    if (!isUtf8(text)) {
-        return "is not UTF-8";
-    }
-    if (printable(text, limit) != text) {
-        return "holds control characters";
-    }
-    return {};
-}
-
-std::optional<Refusal> check(const PutChannel& action, const Configuration& configuration) {
-    struct Text {
-        const char* field;
-        const std::optional<std::string>& text;
-        std::size_t limit = kNameLimit;
-    };
-    for (const auto& [field, text, limit] :
-         {Text{"name", action.name}, Text{"source", action.source}, Text{"logo", action.logo, kLogoLimit}}) {
-        if (const std::string problem = text ? textProblem(*text, limit) : ""; !problem.empty()) {
-            return invalid(field, std::string(field) + " " + problem);
-        }
-    }
-    if (action.labels && action.labels->size() > kLabelsLimit) {
-        return invalid("labels", "more than " + std::to_string(kLabelsLimit) + " labels");
-    }
-    for (const auto& [label, value] : action.labels.value_or(Labels{})) {
-        const std::string problem = label.empty() ? "has no name" : textProblem(label) + textProblem(value);
-        if (!problem.empty()) {
-            return invalid("labels", "a label " + problem);
-        }
-    }
-    if (action.profile && !configuration.profiles.contains(*action.profile)) {
-        return invalid("profile",
-                       "the configuration has no profile \"" + printable(*action.profile, 40) + "\"");
-    }
-    return std::nullopt;
-}
-
-template <typename T>
-void assign(T& value, const std::optional<T>& given) {
-    if (given) {
-        value = *given;
-    }
-}
-
 }  // namespace
 
 void ChannelBook::setRuntime(LoadedRuntime&& loaded) {
@@ -97,14 +48,15 @@ void ChannelBook::merge() {
 
 std::optional<Refusal> ChannelBook::put(const PutChannel& action, const Configuration& configuration) {
     auto refusal = refuseUnknown();
-    if (!refusal) {
-        refusal = check(action, configuration);
-    }
     if (refusal) {
         return refusal;
     }
+    const std::string& profile = action.channel.profile;
+    if (action.given.contains("profile") && !configuration.profiles.contains(profile)) {
+        return invalid("profile", "the configuration has no profile \"" + printable(profile, 40) + "\"");
+    }
     RuntimeChannels before = runtime_;
-    if (const auto removed = runtime_.find(action.group);
+    if (const auto removed = runtime_.find(action.channel.group);
         removed != runtime_.end() && removed->second.removed) {
         runtime_.erase(removed);  // what the files say of it holds again
         merge();
@@ -118,20 +70,13 @@ std::optional<Refusal> ChannelBook::put(const PutChannel& action, const Configur
 }
 
 std::optional<Refusal> ChannelBook::assignChannel(const PutChannel& action) {
-    const auto known = merged_.channels.find(action.group);
+    const auto known = merged_.channels.find(action.channel.group);
     if (known == merged_.channels.end() && merged_.channels.size() >= kChannelsLimit) {
         return Refusal{Refusal::Why::kConflict, "group",
                        "there are " + std::to_string(kChannelsLimit) + " channels; remove some first"};
     }
-    Channel channel = known != merged_.channels.end() ? known->second : Channel{action.group};
-    assign(channel.name, action.name);
-    assign(channel.labels, action.labels);
-    assign(channel.profile, action.profile);
-    assign(channel.enabled, action.enabled);
-    assign(channel.source, action.source);
-    assign(channel.port, action.port);
-    assign(channel.number, action.number);
-    assign(channel.logo, action.logo);
+    Channel channel = known != merged_.channels.end() ? known->second : Channel{action.channel.group};
+    action.applyTo(channel);
     if (channel.name.empty()) {
         channel.name = channel.group.text();
     }
@@ -141,7 +86,7 @@ std::optional<Refusal> ChannelBook::assignChannel(const PutChannel& action) {
     channel.origin = Origin::kRuntime;
     channel.place = {};
     RuntimeChannels next = runtime_;
-    next.insert_or_assign(action.group, RuntimeChannel{channel, false});
+    next.insert_or_assign(action.channel.group, RuntimeChannel{channel, false});
     return takeRuntime(std::move(next), "group");
 }
 
@@ -192,8 +137,11 @@ std::optional<Refusal> ChannelBook::import(const std::string& text, Answer& answ
     RuntimeChannels next = runtime_;
     for (Channel channel : playlist.channels) {
         if (const auto known = merged_.channels.find(channel.group); known != merged_.channels.end()) {
-            channel.profile = known->second.profile;
-            channel.enabled = known->second.enabled;
+            forEachChannelAttribute([&](const auto& attribute) {
+                if (!attribute.ofPlaylist) {
+                    channel.*attribute.member = known->second.*attribute.member;
+                }
+            });
         }
         channel.origin = Origin::kRuntime;
         channel.place = {};

@@ -3,12 +3,16 @@
 
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
 #include <variant>
 #include <vector>
 
 #include "alarms/history.h"
-#include "channels/channel.h"
+#include "channels/channelAttributes.h"
 #include "state.h"
 #include "store/event.h"
 
@@ -22,16 +26,34 @@ struct Refusal {
     std::string text;
 };
 
-struct PutChannel {  // adds the channel, or changes what is given of it; it becomes a run-time channel
-    Group group;
-    std::optional<std::string> name;
-    std::optional<Labels> labels;
-    std::optional<std::string> profile;
-    std::optional<bool> enabled;
-    std::optional<std::string> source;
-    std::optional<uint16_t> port;
-    std::optional<int> number;
-    std::optional<std::string> logo;
+// Adds the channel, or changes what is given of it; it becomes a run-time channel.
+struct PutChannel {
+    explicit PutChannel(Group group) : channel{group} {}
+
+    Channel channel;                   // its group, and of the attributes those that are given
+    std::set<std::string_view> given;  // names of kChannelAttributes
+
+    template <typename Value>
+    PutChannel& set(Value Channel::*member, std::type_identity_t<Value> value) {
+        channel.*member = std::move(value);
+        forEachChannelAttribute([&](const auto& attribute) {
+            if constexpr (std::is_same_v<decltype(attribute.member), Value Channel::*const> ||
+                          std::is_same_v<decltype(attribute.member), Value Channel::*>) {
+                if (attribute.member == member) {
+                    given.insert(attribute.name);
+                }
+            }
+        });
+        return *this;
+    }
+    // Gives the channel what is given.
+    void applyTo(Channel& other) const {
+        forEachChannelAttribute([&](const auto& attribute) {
+            if (given.contains(attribute.name)) {
+                other.*attribute.member = channel.*attribute.member;
+            }
+        });
+    }
 };
 struct DeleteChannel {
     Group group;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "channels/channelAttributes.h"
 #include "common/log.h"
 
 namespace station {
@@ -46,23 +47,6 @@ LogLevel logLevel(AlarmChange::What what, Severity severity) {
     }
     return severity == Severity::kCritical || severity == Severity::kMajor ? LogLevel::kError
                                                                            : LogLevel::kWarning;
-}
-
-std::string whatChanged(const Channel& before, const Channel& after) {
-    std::string text;
-    const auto say = [&](const char* what, bool differs) {
-        if (differs) {
-            text += (text.empty() ? "" : ", ") + std::string(what);
-        }
-    };
-    say("name", before.name != after.name);
-    say("labels", before.labels != after.labels);
-    say("profile", before.profile != after.profile);
-    say(after.enabled ? "enabled" : "disabled", before.enabled != after.enabled);
-    say("origin", before.origin != after.origin);
-    say("details", before.source != after.source || before.port != after.port ||
-                       before.number != after.number || before.logo != after.logo);
-    return text;
 }
 
 }  // namespace

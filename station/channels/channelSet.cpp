@@ -5,6 +5,7 @@
 #include <optional>
 #include <system_error>
 
+#include "channels/channelAttributes.h"
 #include "channels/textFile.h"
 #include "common/text.h"
 
@@ -73,9 +74,10 @@ json toJson(const RuntimeChannel& entry) {
     if (entry.removed) {
         return {{"group", channel.group.text()}, {"removed", true}};
     }
-    return {{"group", channel.group.text()}, {"name", channel.name},       {"labels", channel.labels},
-            {"profile", channel.profile},    {"enabled", channel.enabled}, {"source", channel.source},
-            {"port", channel.port},          {"number", channel.number},   {"logo", channel.logo}};
+    json object = {{"group", channel.group.text()}};
+    forEachChannelAttribute(
+        [&](const auto& attribute) { object[attribute.name] = channel.*attribute.member; });
+    return object;
 }
 
 // Reads members of one object; false from `fine` once one was not as it should be. Missing ones are left
@@ -84,10 +86,10 @@ struct Members {
     const json& object;
     bool fine = true;
 
-    void read(const char* name, std::string& target, std::size_t limit = kNameLimit) {
+    void read(const char* name, std::string& target, std::size_t limit) {
         if (const auto found = object.find(name); found != object.end()) {
             const auto* text = found->get_ptr<const std::string*>();
-            fine = fine && text != nullptr && printable(*text, limit) == *text;
+            fine = fine && text != nullptr && textProblem(*text, limit).empty();
             target = fine ? *text : target;
         }
     }
@@ -97,16 +99,23 @@ struct Members {
             target = fine ? found->get<bool>() : target;
         }
     }
+    void read(const ChannelAttribute<std::string>& attribute, Channel& channel) {
+        read(attribute.name, channel.*attribute.member, attribute.limit);
+    }
+    void read(const ChannelAttribute<bool>& attribute, Channel& channel) {
+        read(attribute.name, channel.*attribute.member);
+    }
     template <typename Integer>
-    void readNumber(const char* name, Integer& target, int64_t highest) {
-        if (const auto found = object.find(name); found != object.end()) {
-            fine = fine && found->is_number_integer() && found->get<int64_t>() >= 0 &&
-                   found->get<int64_t>() <= highest;
-            target = fine ? static_cast<Integer>(found->get<int64_t>()) : target;
+    void read(const ChannelAttribute<Integer>& attribute, Channel& channel) {
+        if (const auto found = object.find(attribute.name); found != object.end()) {
+            fine = fine && found->is_number_integer() && found->template get<int64_t>() >= 0 &&
+                   found->template get<int64_t>() <= attribute.highest;
+            channel.*attribute.member =
+                fine ? static_cast<Integer>(found->template get<int64_t>()) : channel.*attribute.member;
         }
     }
-    void read(const char* name, Labels& target) {
-        const auto found = object.find(name);
+    void read(const ChannelAttribute<Labels>& attribute, Channel& channel) {
+        const auto found = object.find(attribute.name);
         if (found == object.end()) {
             return;
         }
@@ -114,9 +123,9 @@ struct Members {
         for (auto item = found->begin(); fine && item != found->end(); ++item) {
             Members label{*found};
             std::string value;
-            label.read(item.key().c_str(), value);
-            fine = label.fine && printable(item.key(), kNameLimit) == item.key();
-            target[item.key()] = value;
+            label.read(item.key().c_str(), value, attribute.limit);
+            fine = label.fine && textProblem(item.key(), attribute.limit).empty();
+            (channel.*attribute.member)[item.key()] = value;
         }
     }
 };
@@ -133,14 +142,7 @@ std::optional<RuntimeChannel> fromJson(const json& object) {
     Channel& channel = entry.channel;
     Members members{object};
     members.read("removed", entry.removed);
-    members.read("name", channel.name);
-    members.read("labels", channel.labels);
-    members.read("profile", channel.profile);
-    members.read("enabled", channel.enabled);
-    members.read("source", channel.source);
-    members.readNumber("port", channel.port, UINT16_MAX);
-    members.readNumber("number", channel.number, INT32_MAX);
-    members.read("logo", channel.logo, kLogoLimit);
+    forEachChannelAttribute([&](const auto& attribute) { members.read(attribute, channel); });
     if (channel.name.empty()) {
         channel.name = group->text();
     }

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "basics/text.h"
+#include "channels/channelAttributes.h"
 #include "channels/textFile.h"
 #include "common/text.h"
 

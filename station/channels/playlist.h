@@ -13,7 +13,6 @@
 namespace station {
 
 inline constexpr std::size_t kPlaylistLimit = std::size_t{16} << 20;  // bytes; longer files are refused
-inline constexpr std::size_t kLogoLimit = 1024;                       // bytes; longer ones are left out
 
 struct PlaylistNote {
     uint32_t line;     // from 1

@@ -1,6 +1,7 @@
 #include "web/requestBody.h"
 
 #include <algorithm>
+#include <concepts>
 #include <nlohmann/json.hpp>
 #include <vector>
 
@@ -13,8 +14,6 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int64_t kLargestPort = 65'535;
-constexpr int64_t kLargestNumber = 999'999'999;
 constexpr int64_t kLongestIgmpLatencyMs = 60'000;
 constexpr std::size_t kShownLimit = 64;  // of what a client sent, in a message
 
@@ -108,6 +107,23 @@ class BodyReader {
         return labels;
     }
 
+    // What the body says of a channel's attribute.
+    std::optional<std::string> read(const ChannelAttribute<std::string>& attribute) {
+        return text(attribute.name, attribute.limit);
+    }
+    std::optional<Labels> read(const ChannelAttribute<Labels>& attribute) {
+        return labels(attribute.name);
+    }
+    std::optional<bool> read(const ChannelAttribute<bool>& attribute) {
+        return truth(attribute.name);
+    }
+    template <std::integral Number>
+    requires(!std::same_as<Number, bool>) std::optional<Number> read(
+        const ChannelAttribute<Number>& attribute) {
+        const auto value = integer(attribute.name, 0, attribute.highestAsked);
+        return value ? std::optional(static_cast<Number>(*value)) : std::nullopt;
+    }
+
     std::nullopt_t refuse(std::string_view field, std::string_view what) {
         if (!refusal_) {
             refusal_ = problem(422, std::string(field).append(" ").append(what), field);
@@ -152,11 +168,9 @@ class BodyReader {
     }
 
     std::optional<std::string> checked(const std::string& text, std::string_view field, std::size_t limit) {
-        if (text.size() > limit) {
-            return refuse(field, "is longer than " + std::to_string(limit) + " bytes");
-        }
-        if (printable(text, limit) != text) {
-            return refuse(field, "has control characters");
+        const std::string problem = textProblem(text, limit);
+        if (!problem.empty()) {
+            return refuse(field, problem);
         }
         return text;
     }
@@ -170,19 +184,12 @@ class BodyReader {
 
 ParsedAction parsePutChannel(const Group& group, std::string_view body) {
     BodyReader reader(body);
-    PutChannel put{group, {}, {}, {}, {}, {}, {}, {}, {}};
-    put.name = reader.text("name");
-    put.labels = reader.labels("labels");
-    put.profile = reader.text("profile");
-    put.enabled = reader.truth("enabled");
-    put.source = reader.text("source");
-    if (const auto port = reader.integer("port", 0, kLargestPort)) {
-        put.port = static_cast<uint16_t>(*port);
-    }
-    if (const auto number = reader.integer("number", 0, kLargestNumber)) {
-        put.number = static_cast<int>(*number);
-    }
-    put.logo = reader.text("logo", kRemarkLimit);
+    PutChannel put(group);
+    forEachChannelAttribute([&](const auto& attribute) {
+        if (auto value = reader.read(attribute)) {
+            put.set(attribute.member, std::move(*value));
+        }
+    });
     return reader.finish(std::move(put));
 }
 

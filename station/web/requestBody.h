@@ -9,7 +9,7 @@
 
 namespace station {
 
-inline constexpr std::size_t kRemarkLimit = 1024;  // bytes of UTF-8, for remarks and addresses of logos
+inline constexpr std::size_t kRemarkLimit = 1024;  // bytes of UTF-8
 inline constexpr std::string_view kNoBody = "{}";
 
 // Each returns the action, or the answer that refuses the body: 400 when it is no JSON, 422 with the member

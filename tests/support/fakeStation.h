@@ -166,7 +166,7 @@ class FakeStation : public StationInterface {
     Answer act(const Action& action) {
         Answer answer;
         if (const auto* put = std::get_if<PutChannel>(&action)) {
-            if (put->profile == "unknown") {
+            if (put->channel.profile == "unknown") {
                 answer.refusal = Refusal{Refusal::Why::kInvalid, "profile", "no such profile"};
             } else {
                 change([&](StationState& next) { addChannel(next, *put); });
@@ -188,14 +188,15 @@ class FakeStation : public StationInterface {
         return answer;
     }
     static void addChannel(StationState& next, const PutChannel& put) {
-        const auto made = std::make_shared<ChannelState>(ChannelState{.channel = {.group = put.group},
+        const auto made = std::make_shared<ChannelState>(ChannelState{.channel = {.group = put.channel.group},
                                                                       .alarms = {},
                                                                       .pids = {},
                                                                       .snapshot = {},
                                                                       .sample = {},
                                                                       .lastSeen = {}});
-        made->channel.name = put.name.value_or(put.group.text());
-        std::erase_if(next.channels, [&](const auto& one) { return one->channel.group == put.group; });
+        made->channel.name = put.given.contains("name") ? put.channel.name : put.channel.group.text();
+        std::erase_if(next.channels,
+                      [&](const auto& one) { return one->channel.group == put.channel.group; });
         next.channels.push_back(made);
         std::ranges::sort(next.channels, {}, [](const auto& one) { return one->channel.group; });
         ++next.channelsVersion;

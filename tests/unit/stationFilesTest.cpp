@@ -142,9 +142,8 @@ class StationFiles : public testing::Test {
 };
 
 PutChannel put(const std::string& group, const std::string& name = {}) {
-    PutChannel action{*Group::parse(group), {}, {}, {}, {}, {}, {}, {}, {}};
-    action.name = name.empty() ? std::nullopt : std::optional(name);
-    return action;
+    PutChannel action(*Group::parse(group));
+    return name.empty() ? action : action.set(&Channel::name, name);
 }
 
 RuntimeChannels oneChannel(const std::string& name) {
@@ -455,7 +454,7 @@ TEST_F(StationFiles, LabelsOfAnyPlaylistCanBeEdited) {
     const Labels imported = book.channels().begin()->second.labels;
     EXPECT_EQ(imported.at("group"), "News, World = 1");
     PutChannel edit = put("239.1.1.1", "B");
-    edit.labels = imported;
+    edit.set(&Channel::labels, imported);
     ASSERT_FALSE(book.put(edit, {}));
     EXPECT_EQ(book.channels().begin()->second.labels, imported);
     EXPECT_EQ(book.channels().begin()->second.name, "B");

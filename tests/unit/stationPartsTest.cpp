@@ -172,7 +172,8 @@ TEST(StationParts, WhatASecondAskerSendsSaysNothing) {
 
 TEST(StationParts, AChangeIsAnsweredWhenItIsShownAndOnTheDisk) {
     Owner owner;
-    PutChannel put{groupOf(9), "New", {}, {}, {}, {}, {}, {}, {}};
+    PutChannel put(groupOf(9));
+    put.set(&Channel::name, "New");
     const auto saved = owner.command(put);
     EXPECT_THAT(owner.asked, ElementsAre("channels", "publish", "save"));
     ASSERT_NE(owner.publisher.latest()->find(groupOf(9)), nullptr);
@@ -185,7 +186,7 @@ TEST(StationParts, AChangeIsAnsweredWhenItIsShownAndOnTheDisk) {
     EXPECT_EQ(owner.publisher.latest()->find(groupOf(9)), nullptr) << "in effect all the same";
 
     owner.asked.clear();
-    put.profile = "none";
+    put.set(&Channel::profile, "none");
     struct Case {
         Action action;
         std::string answer;
