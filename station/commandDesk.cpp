@@ -161,7 +161,7 @@ void CommandDesk::act(const AskOverview& action, const Now& now, const Reply& re
     for (const auto& [group, channel] : owner_.intake.channels()) {
         answer.overview.push_back(
             {group,
-             channel.history.spark(HistoryMetric::kBitRate, action.sparkCells, action.sparkSeconds, now),
+             channel.history.spark(historyMetric("bitRate"), action.sparkCells, action.sparkSeconds, now),
              channel.history.strip(now)});
     }
     reply(std::move(answer));

@@ -6,6 +6,7 @@
 
 #include "alarms/alarmTexts.h"
 #include "alarms/alarmTracker.h"
+#include "alarms/measures.h"
 
 namespace station {
 
@@ -208,7 +209,11 @@ void AlarmEngine::Implementation::judgeMeasures(ChannelData& channel, const Chan
     const bool countersHeld = now.steady < incrementsHeldUntil;
     for (std::size_t index = 0; index < types.size(); ++index) {
         const AlarmType& type = types[index];
-        if (type.property != nullptr) {
+        if (type.measure == nullptr) {
+            continue;
+        }
+        const Measure& measure = *type.measure;
+        if (type.kind == AlarmKind::kEvent) {
             followProperty(channel, index, sample, now, changes);
         }
         const AlarmRule& rule = channel.subject.rule(index);
@@ -218,17 +223,18 @@ void AlarmEngine::Implementation::judgeMeasures(ChannelData& channel, const Chan
         const bool held = (type.hold == Hold::kWithoutSignal && (interrupted || sample.first)) ||
                           (type.hold == Hold::kGap && gapsHeld) ||
                           (type.hold == Hold::kSettling && (interrupted || !settled));
-        if (type.level != nullptr) {
-            const auto value = held ? std::nullopt : type.level(sample);
+        if (type.kind == AlarmKind::kHigh || type.kind == AlarmKind::kLow) {
+            const auto value = held ? std::nullopt : measure.level(sample);
             channel.subject.judge(index, judgeLevel(type.kind, rule, value, now.steady), now, changes);
-        } else if (type.errors != nullptr) {
+        } else if (type.kind == AlarmKind::kCounter) {
             Tracker& tracker = channel.subject.trackers[index];
-            const uint64_t errors = held || countersHeld ? 0 : type.errors(sample);
+            const uint64_t errors = held || countersHeld ? 0 : measure.growth(sample);
             if (errors != 0 || tracker.raised || !tracker.errors.empty()) {
                 channel.subject.judge(index, judgeCounter(rule, tracker, errors, now.steady), now, changes);
             }
-        } else if (type.wrong != nullptr) {
-            channel.subject.judge(index, judgeCondition(type.wrong(sample), now.steady), now, changes);
+        } else if (type.kind == AlarmKind::kCondition && measure.state != nullptr) {
+            channel.subject.judge(index, judgeCondition(measure.state(sample) != 0, now.steady), now,
+                                  changes);
         }
     }
 }
@@ -240,7 +246,7 @@ void AlarmEngine::Implementation::followProperty(ChannelData& channel, std::size
     if (!sample.signal || sample.wrongSource) {
         return;
     }
-    const int value = alarmTypes()[type].property(sample);
+    const int value = alarmTypes()[type].measure->state(sample);
     const auto [known, first] = channel.properties.try_emplace(type, value);
     if (!first && known->second != value) {
         channel.subject.happen(type, value, changedText(type, known->second, value), now, changes);

@@ -12,7 +12,7 @@
 
 namespace station {
 
-struct ChannelSample;
+struct Measure;
 
 // What a look at the probe found; what is not known leaves its alarm as it is.
 struct ProbeLook {
@@ -67,15 +67,12 @@ struct AlarmType {
     bool ofProbe = false;  // of the probe as a whole, not of a channel
     AlarmRule defaults;
 
-    // What it watches.
-    std::string_view column{};  // record column; empty where it is derived
-    std::string_view unit{};    // of raise_level and clear_level, or of what is counted; may be empty
+    // What it watches: kHigh and kLow a level, kCounter a counter, kCondition and kEvent a state, which is
+    // wrong unless it is 0, or happens when it changes. Null where others tell it. AlarmEngine derives
+    // no_signal.
+    const Measure* measure = nullptr;
+    std::string_view unit{};  // of raise_level and clear_level, or of what is counted; may be empty
     Hold hold = Hold::kNever;
-    // How it is taken from a sample, by the kind; null where AlarmEngine derives it or others tell it.
-    std::optional<double> (*level)(const ChannelSample&) = nullptr;  // kHigh, kLow; nothing while unknown
-    uint64_t (*errors)(const ChannelSample&) = nullptr;              // kCounter: since the previous sample
-    bool (*wrong)(const ChannelSample&) = nullptr;                   // kCondition
-    int (*property)(const ChannelSample&) = nullptr;                 // kEvent: happens when it changes
     // kCondition: from a look at the probe.
     std::optional<bool> ProbeLook::*look = nullptr;
 

@@ -4,186 +4,40 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <bit>
-#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
 #include <type_traits>
 
+#include "alarms/historyRecords.h"
+
 namespace station {
 
 namespace {
 
+using namespace past;
+
 constexpr std::size_t kHistoryLimit = 100 * 1024;  // bytes a channel
-constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
 constexpr int64_t kMsPerSecond = 1000;
 constexpr int64_t kStripSeconds = 300;
 constexpr int64_t kReleasedAtOnce = 60;     // minutes
 constexpr std::size_t kFewestMinutes = 60;  // whatever the budget says
-constexpr uint16_t kUnknownCode = 0xFFFF;
 
-constexpr std::array<HistoryMetricName, kHistoryMetrics> kMetrics = {{
-    {HistoryMetric::kBitRate, "bitRate", "bit/s", false},
-    {HistoryMetric::kPacketsLost, "packetsLost", "packet", true},
-    {HistoryMetric::kContinuityErrors, "Continuity_count_error", "", true},
-    {HistoryMetric::kPcrErrors, "PCR_error", "", true},
-    {HistoryMetric::kDelayFactor, "mdiDelayFactor", "ms", false},
-    {HistoryMetric::kJitter, "jitterVariance", "ms^2", false},
-    {HistoryMetric::kQualityIndex, "transportQualityIndex", "", false},
-    {HistoryMetric::kPackets, "packetsReceived", "packet", true},
-}};
-
-// A value of at least 0 in 16 bits, in the order of the values: 0, then numbers from 2^-16 to 2^48 with ten
-// bits behind the leading one, taken from the single-precision number. Beyond, the nearest of these.
-class CompactLevel {
-  public:
-    static uint16_t encode(double value) {
-        if (!std::isfinite(value)) {
-            return kUnknownCode;
-        }
-        if (value < kSmallest) {
-            return 0;
-        }
-        const auto bits = std::bit_cast<uint32_t>(static_cast<float>(std::min(value, kLargest)));
-        return static_cast<uint16_t>(((bits + kRounding - kOffset) >> kDroppedBits) + 1);
+// All that is kept, by HistoryMetric.
+constexpr auto kMetrics = [] {
+    std::array<HistoryMetricName, kKept.size()> metrics{};
+    for (std::size_t i = 0; i < kKept.size(); ++i) {
+        const Measure& measure = *kKept[i].measure;
+        metrics[i] = {static_cast<HistoryMetric>(i), measure.name, measure.unit,
+                      measure.keeping == Keeping::kSum};
     }
-    static double decode(uint16_t code) {
-        if (code == kUnknownCode) {
-            return kUnknown;
-        }
-        return code == 0 ? 0.0
-                         : std::bit_cast<float>((static_cast<uint32_t>(code - 1) << kDroppedBits) + kOffset);
-    }
+    return metrics;
+}();
 
-  private:
-    static constexpr double kSmallest = 0x1p-16;
-    static constexpr double kLargest = 0x1p47;
-    static constexpr uint32_t kDroppedBits = 13;
-    static constexpr uint32_t kRounding = 1U << (kDroppedBits - 1);
-    static constexpr uint32_t kOffset = std::bit_cast<uint32_t>(0x1p-16F);
-    static_assert(((std::bit_cast<uint32_t>(0x1p47F) - kOffset) >> kDroppedBits) + 1 < kUnknownCode);
-};
-
-// The quality index, 1 to 5, in steps of 0.0001.
-class CompactQuality {
-  public:
-    static uint16_t encode(double value) {
-        return std::isfinite(value) ? static_cast<uint16_t>(std::lround(std::clamp(value, 0.0, 6.0) * kSteps))
-                                    : kUnknownCode;
-    }
-    static double decode(uint16_t code) {
-        return code == kUnknownCode ? kUnknown : code / kSteps;
-    }
-
-  private:
-    static constexpr double kSteps = 10'000;
-};
-
-constexpr std::size_t kLevels = 4;
-constexpr std::size_t kCounters = 4;
-using LevelValues = std::array<double, kLevels>;  // bit rate, delay factor, jitter, quality index
-
-// Where a metric stands among the levels or the counters.
-constexpr std::size_t placeOf(HistoryMetric metric) {
-    constexpr std::array<std::size_t, kHistoryMetrics> kPlaces = {0, 0, 1, 2, 1, 2, 3, 3};
-    return kPlaces.at(static_cast<std::size_t>(metric));
-}
-
-template <typename Store>
-void packLevels(const LevelValues& values, Store store) {
-    store(0, CompactLevel::encode(values[1]));
-    store(1, CompactLevel::encode(values[2]));
-    store(2, CompactQuality::encode(values[3]));
-}
-
-double unpackLevel(std::size_t place, float bitRate, const std::array<uint16_t, kLevels - 1>& others) {
-    switch (place) {
-        case 0:
-            return bitRate;
-        case 3:
-            return CompactQuality::decode(others[2]);
-        default:
-            return CompactLevel::decode(others[place - 1]);
-    }
-}
-
-using Sums = std::array<uint32_t, kCounters>;
-
-void addTo(Sums& sums, const std::array<uint64_t, kCounters>& increments) {
-    for (std::size_t i = 0; i < kCounters; ++i) {
-        sums[i] = static_cast<uint32_t>(
-            std::min<uint64_t>(sums[i] + increments[i], std::numeric_limits<uint32_t>::max()));
-    }
-}
-
-// All zero: nothing is known.
-struct SecondRecord {
-    uint32_t wall;  // begin, seconds since the epoch
-    float bitRate;
-    Sums sums;
-    std::array<uint16_t, kLevels - 1> others;
-    uint16_t known;
-
-    double level(std::size_t place) const {
-        return unpackLevel(place, bitRate, others);
-    }
-};
-static_assert(sizeof(SecondRecord) == 32);
-
-enum Statistic : uint8_t { kMinimum, kMean, kMaximum };
-constexpr std::size_t kStatistics = 3;
-
-struct MinuteRecord {
-    uint32_t wall;
-    std::array<float, kStatistics> bitRate;
-    Sums sums;
-    std::array<std::array<uint16_t, kLevels - 1>, kStatistics> others;
-    uint16_t known;
-
-    double level(std::size_t place, Statistic statistic) const {
-        return unpackLevel(place, bitRate[statistic], others[statistic]);
-    }
-};
-static_assert(sizeof(MinuteRecord) == 52);
-
-// What came of a level in the second or minute that is not over yet.
-struct Gathered {
-    double sum;
-    double minimum;
-    double maximum;
-    uint32_t count;
-
-    void add(double value) {
-        if (!std::isfinite(value)) {
-            return;
-        }
-        minimum = count == 0 ? value : std::min(minimum, value);
-        maximum = count == 0 ? value : std::max(maximum, value);
-        sum += value;
-        ++count;
-    }
-    double mean() const {
-        // Rounding must not lead out of the range.
-        return count == 0 ? kUnknown : std::clamp(sum / count, minimum, maximum);
-    }
-    double lowest() const {
-        return count == 0 ? kUnknown : minimum;
-    }
-    double highest() const {
-        return count == 0 ? kUnknown : maximum;
-    }
-};
-using GatheredLevels = std::array<Gathered, kLevels>;
-
-template <double (Gathered::*Value)() const>
-LevelValues valuesOf(const GatheredLevels& gathered) {
-    LevelValues values;
-    for (std::size_t i = 0; i < kLevels; ++i) {
-        values[i] = (gathered[i].*Value)();
-    }
-    return values;
+const Kept& keptOf(HistoryMetric metric) {
+    return kKept.at(static_cast<std::size_t>(metric));
 }
 
 constexpr std::size_t wholePages(std::size_t bytes, std::size_t page) {
@@ -201,43 +55,6 @@ int64_t steadyMs(const Now& now) {
 int64_t wallMs(const Now& now) {
     return now.wall.time_since_epoch().count();
 }
-
-LevelValues levelsOf(const ChannelSample& sample) {
-    const auto knownUnlessZero = [&](double value) { return sample.signal && value > 0 ? value : kUnknown; };
-    // No packets are 0 bit/s, but packets without a rate are a rate that is not known.
-    const bool rateKnown = sample.bitRate > 0 || !sample.signal;
-    return {rateKnown ? sample.bitRate : kUnknown, knownUnlessZero(sample.delayFactor),
-            knownUnlessZero(sample.jitterVariance), rateKnown ? sample.qualityIndex : kUnknown};
-}
-
-std::array<uint64_t, kCounters> incrementsOf(const ChannelSample& sample) {
-    return {sample.increments[sampleCounter("packetsLost")],
-            sample.increments[sampleCounter("Continuity_count_error")],
-            sample.increments[sampleCounter("PCR_error")], sample.increments[kPacketsReceivedCounter]};
-}
-
-template <typename Record, std::size_t Size>
-struct Ring {
-    std::array<Record, Size> records;
-    int64_t last;  // index of the newest record
-
-    Record& at(int64_t index) {
-        return records[static_cast<std::size_t>(index) % Size];
-    }
-    // Null where nothing was kept.
-    const Record* find(int64_t index) const {
-        return index > last || index <= last - static_cast<int64_t>(Size)
-                   ? nullptr
-                   : &records[static_cast<std::size_t>(index) % Size];
-    }
-    // Makes the index the newest; what lies between is unknown.
-    void advance(int64_t index) {
-        for (int64_t i = std::max(last + 1, index - static_cast<int64_t>(Size) + 1); i <= index; ++i) {
-            at(i) = Record{};
-        }
-        last = index;
-    }
-};
 
 }  // namespace
 
@@ -317,8 +134,7 @@ void History::Rings::fillSkippedSecond(int64_t index, const ChannelSample& sampl
     SecondRecord& skipped = seconds.at(index - 1);
     skipped.wall = seconds.at(index).wall - 1;
     skipped.known = 1;
-    skipped.bitRate = static_cast<float>(levels[0]);
-    packLevels(levels, [&](std::size_t i, uint16_t code) { skipped.others[i] = code; });
+    skipped.pack(levels);
 }
 
 void History::Rings::enterMinute(int64_t index, const Now& now) {
@@ -364,22 +180,14 @@ void History::Rings::releaseSlots(std::size_t from, std::size_t to) {
 }
 
 void History::Rings::writeSecond(int64_t index) {
-    SecondRecord& record = seconds.at(index);
-    const LevelValues means = valuesOf<&Gathered::mean>(second);
-    record.bitRate = static_cast<float>(means[0]);
-    packLevels(means, [&](std::size_t i, uint16_t code) { record.others[i] = code; });
+    seconds.at(index).pack(valuesOf<&Gathered::mean>(second));
 }
 
 void History::Rings::writeMinute(int64_t index) {
     MinuteRecord& record = minutes.at(index);
-    const std::array<LevelValues, kStatistics> values = {valuesOf<&Gathered::lowest>(minute),
-                                                         valuesOf<&Gathered::mean>(minute),
-                                                         valuesOf<&Gathered::highest>(minute)};
-    for (std::size_t statistic = 0; statistic < kStatistics; ++statistic) {
-        record.bitRate[statistic] = static_cast<float>(values[statistic][0]);
-        packLevels(values[statistic],
-                   [&](std::size_t i, uint16_t code) { record.others[statistic][i] = code; });
-    }
+    record.pack(kMinimum, valuesOf<&Gathered::lowest>(minute));
+    record.pack(kMean, valuesOf<&Gathered::mean>(minute));
+    record.pack(kMaximum, valuesOf<&Gathered::highest>(minute));
 }
 
 std::size_t minutesKept(std::size_t channels) {
@@ -405,6 +213,14 @@ void History::keepMinutes(std::size_t minutes) {
 
 std::span<const HistoryMetricName> historyMetrics() {
     return kMetrics;
+}
+
+HistoryMetric historyMetric(std::string_view name) {
+    const auto* const found = std::ranges::find(kMetrics, name, &HistoryMetricName::name);
+    if (found == kMetrics.end()) {
+        std::abort();
+    }
+    return found->metric;
 }
 
 std::string_view stripCellName(StripCell cell) {
@@ -455,9 +271,8 @@ void History::add(const ChannelSample& sample, StripCell state, const Now& now) 
         rings.second[i].add(levels[i]);
         rings.minute[i].add(levels[i]);
     }
-    const auto increments = incrementsOf(sample);
-    addTo(rings.seconds.at(second).sums, increments);
-    addTo(rings.minutes.at(minute).sums, increments);
+    addTo(rings.seconds.at(second).sums, sample);
+    addTo(rings.minutes.at(minute).sums, sample);
     rings.writeSecond(second);
     rings.writeMinute(minute);
     uint8_t& worst = rings.strip.at(cell);
@@ -467,33 +282,31 @@ void History::add(const ChannelSample& sample, StripCell state, const Now& now) 
 
 namespace {
 
-HistoryPoint pointOf(const SecondRecord& record, const HistoryMetricName& metric) {
-    const std::size_t place = placeOf(metric.metric);
-    const double value = metric.counter ? record.sums[place] : record.level(place);
+HistoryPoint pointOf(const SecondRecord& record, const Kept& kept) {
+    const double value = isSum(kept) ? record.sums[kept.place] : record.level(kept);
     return {{}, value, value, value};
 }
 
-HistoryPoint pointOf(const MinuteRecord& record, const HistoryMetricName& metric) {
-    const std::size_t place = placeOf(metric.metric);
-    if (metric.counter) {
-        const double value = record.sums[place];
+HistoryPoint pointOf(const MinuteRecord& record, const Kept& kept) {
+    if (isSum(kept)) {
+        const double value = record.sums[kept.place];
         return {{}, value, value, value};
     }
-    return {{}, record.level(place, kMinimum), record.level(place, kMean), record.level(place, kMaximum)};
+    return {{}, record.level(kept, kMinimum), record.level(kept, kMean), record.level(kept, kMaximum)};
 }
 
 // From the oldest record that is kept to the index `newest`. What is unknown is stamped from what came
 // before.
 template <typename Record, std::size_t Size>
-std::vector<HistoryPoint> collect(const Ring<Record, Size>& ring, const HistoryMetricName& metric,
-                                  int64_t first, int64_t newest, std::chrono::seconds step, WallTime since) {
+std::vector<HistoryPoint> collect(const Ring<Record, Size>& ring, const Kept& kept, int64_t first,
+                                  int64_t newest, std::chrono::seconds step, WallTime since) {
     std::vector<HistoryPoint> points;
     std::optional<WallTime> time;
     for (int64_t i = std::max(first, newest - static_cast<int64_t>(Size) + 1); i <= newest; ++i) {
         const Record* record = ring.find(i);
         HistoryPoint point{{}, kUnknown, kUnknown, kUnknown};
         if (record != nullptr && record->known != 0) {
-            point = pointOf(*record, metric);
+            point = pointOf(*record, kept);
             point.time = WallTime(std::chrono::seconds(record->wall));
         } else if (time) {
             point.time = *time + step;
@@ -516,13 +329,13 @@ std::vector<HistoryPoint> History::points(HistoryMetric metric, int resolution, 
     if (!rings.begun) {
         return {};
     }
-    const HistoryMetricName& name = kMetrics.at(static_cast<std::size_t>(metric));
+    const Kept& kept = keptOf(metric);
     const int64_t newest = rings.newestSecond(now);
     if (resolution == 1) {
-        return collect(rings.seconds, name, rings.firstSecond, newest, std::chrono::seconds(1), since);
+        return collect(rings.seconds, kept, rings.firstSecond, newest, std::chrono::seconds(1), since);
     }
     const int64_t oldest = std::max(floorDivide(rings.firstSecond, 60), rings.oldestMinute());
-    return collect(rings.minutes, name, oldest, floorDivide(newest, 60), std::chrono::seconds(60), since);
+    return collect(rings.minutes, kept, oldest, floorDivide(newest, 60), std::chrono::seconds(60), since);
 }
 
 std::vector<float> History::spark(HistoryMetric metric, std::size_t cells, std::size_t secondsEach,
@@ -532,7 +345,7 @@ std::vector<float> History::spark(HistoryMetric metric, std::size_t cells, std::
     if (!rings.begun) {
         return means;
     }
-    const HistoryMetricName& name = kMetrics.at(static_cast<std::size_t>(metric));
+    const Kept& kept = keptOf(metric);
     const auto each = static_cast<int64_t>(secondsEach);
     const int64_t newest = rings.newestSecond(now);
     const int64_t newestCell = floorDivide(newest, each);
@@ -543,7 +356,7 @@ std::vector<float> History::spark(HistoryMetric metric, std::size_t cells, std::
              second < begin + each; ++second) {
             const SecondRecord* record = rings.seconds.find(second);
             if (record != nullptr && record->known != 0) {
-                gathered.add(pointOf(*record, name).mean);
+                gathered.add(pointOf(*record, kept).mean);
             }
         }
         means[i] = static_cast<float>(gathered.mean());
@@ -556,7 +369,7 @@ uint64_t History::sum(HistoryMetric metric, std::chrono::seconds time, const Now
     if (!rings.begun) {
         return 0;
     }
-    const std::size_t place = placeOf(metric);
+    const std::size_t place = keptOf(metric).place;
     const int64_t newest = rings.newestSecond(now);
     const int64_t span = std::min<int64_t>(time.count(), kSecondsKept);
     uint64_t total = 0;

@@ -14,17 +14,10 @@
 
 namespace station {
 
-enum class HistoryMetric : uint8_t {
-    kBitRate,
-    kPacketsLost,
-    kContinuityErrors,
-    kPcrErrors,
-    kDelayFactor,
-    kJitter,
-    kQualityIndex,
-    kPackets,
-};
-inline constexpr std::size_t kHistoryMetrics = 8;
+// A measure that the history keeps: a place in historyMetrics().
+enum class HistoryMetric : uint8_t {};
+// REQUIRES: the history keeps a measure of that name ("bitRate").
+HistoryMetric historyMetric(std::string_view name);
 
 struct HistoryMetricName {
     HistoryMetric metric;

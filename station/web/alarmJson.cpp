@@ -3,6 +3,7 @@
 #include <array>
 #include <cmath>
 
+#include "alarms/measures.h"
 #include "common/text.h"
 #include "web/apiJson.h"
 #include "web/jsonValues.h"
@@ -43,7 +44,8 @@ void alarmTypesValue(JsonWriter& json) {
         const AlarmRule& rule = type.defaults;
         json.open('{').member("name", type.name).member("meaning", type.meaning);
         json.member("kind", alarmKindName(type.kind)).member("unit", type.unit);
-        json.member("column", textOrNull(type.column)).member("ofProbe", type.ofProbe);
+        json.member("column", type.measure != nullptr ? std::optional(type.measure->name) : std::nullopt)
+            .member("ofProbe", type.ofProbe);
         json.name("defaults").open('{').member("enabled", rule.enabled);
         json.member("severity", severityName(rule.severity));
         if (type.kind == AlarmKind::kHigh || type.kind == AlarmKind::kLow) {

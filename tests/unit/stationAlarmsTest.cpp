@@ -530,7 +530,7 @@ struct Past {
 TEST(StationHistory, KeepsSecondsWithTheirGapsAndPrecision) {
     EXPECT_LE(History::bytes(), 100U * 1024);
     Past past;
-    EXPECT_TRUE(past.points(HistoryMetric::kBitRate, 1).empty());
+    EXPECT_TRUE(past.points(historyMetric("bitRate"), 1).empty());
     past.add(3);
     past.pass(200ms);
     past.sample.bitRate = 2'000'000;
@@ -540,21 +540,21 @@ TEST(StationHistory, KeepsSecondsWithTheirGapsAndPrecision) {
     past.pass(3s);
     past.sample.seconds = 3;
     past.add(4'000'000'000);
-    const auto rate = past.points(HistoryMetric::kBitRate, 1);
+    const auto rate = past.points(historyMetric("bitRate"), 1);
     ASSERT_EQ(rate.size(), 6U);
     EXPECT_EQ(rate[0].time, WallTime(1'700'000'040s));
     EXPECT_EQ(rate[5].time, WallTime(1'700'000'045s));
     EXPECT_EQ(rate[0].mean, 3'000'000);
     EXPECT_EQ(rate[1].mean, 2'000'000);
     EXPECT_TRUE(std::isnan(rate[3].mean) && std::isnan(rate[4].mean));
-    EXPECT_NEAR(past.points(HistoryMetric::kDelayFactor, 1)[0].mean, 12.34, 0.0062);
-    EXPECT_NEAR(past.points(HistoryMetric::kJitter, 1)[0].mean, 0.0567, 0.000029);
-    EXPECT_NEAR(past.points(HistoryMetric::kQualityIndex, 1)[0].mean, 4.53, 0.00005);
-    EXPECT_EQ(past.points(HistoryMetric::kPacketsLost, 1)[0].mean, 7);
-    EXPECT_EQ(past.history.sum(HistoryMetric::kPacketsLost, 60s, past.now), 4'000'000'007U);
-    EXPECT_EQ(past.history.sum(HistoryMetric::kPacketsLost, 5s, past.now), 4'000'000'000U);
-    EXPECT_EQ(past.points(HistoryMetric::kBitRate, 1, WallTime(1'700'000'045s)).size(), 1U);
-    const auto spark = past.history.spark(HistoryMetric::kBitRate, 3, 2, past.now);
+    EXPECT_NEAR(past.points(historyMetric("mdiDelayFactor"), 1)[0].mean, 12.34, 0.0062);
+    EXPECT_NEAR(past.points(historyMetric("jitterVariance"), 1)[0].mean, 0.0567, 0.000029);
+    EXPECT_NEAR(past.points(historyMetric("transportQualityIndex"), 1)[0].mean, 4.53, 0.00005);
+    EXPECT_EQ(past.points(historyMetric("packetsLost"), 1)[0].mean, 7);
+    EXPECT_EQ(past.history.sum(historyMetric("packetsLost"), 60s, past.now), 4'000'000'007U);
+    EXPECT_EQ(past.history.sum(historyMetric("packetsLost"), 5s, past.now), 4'000'000'000U);
+    EXPECT_EQ(past.points(historyMetric("bitRate"), 1, WallTime(1'700'000'045s)).size(), 1U);
+    const auto spark = past.history.spark(historyMetric("bitRate"), 3, 2, past.now);
     EXPECT_EQ(spark[0], 2'500'000);
     EXPECT_EQ(spark[1], 2'000'000);
 }
@@ -568,7 +568,7 @@ TEST(StationHistory, KeepsMinutesForADayAndForgetsTheFirst) {
         past.pass(1s);
     }
     past.pass(-1s);
-    const auto rate = past.points(HistoryMetric::kBitRate, 60);
+    const auto rate = past.points(historyMetric("bitRate"), 60);
     ASSERT_EQ(rate.size(), kMinutesKept);
     const HistoryPoint& whole = rate[100];
     EXPECT_EQ(whole.time.time_since_epoch() % 60s, 0s);
@@ -576,8 +576,8 @@ TEST(StationHistory, KeepsMinutesForADayAndForgetsTheFirst) {
     EXPECT_EQ(whole.minimum, 1'000'000);
     EXPECT_EQ(whole.maximum, 1'000'059);
     EXPECT_NEAR(whole.mean, 1'000'029.5, 0.1);
-    EXPECT_EQ(past.points(HistoryMetric::kPacketsLost, 60)[100].mean, 30);
-    EXPECT_EQ(past.points(HistoryMetric::kPacketsLost, 1).size(), kSecondsKept);
+    EXPECT_EQ(past.points(historyMetric("packetsLost"), 60)[100].mean, 30);
+    EXPECT_EQ(past.points(historyMetric("packetsLost"), 1).size(), kSecondsKept);
     const auto strip = past.history.strip(past.now);
     EXPECT_EQ(std::ranges::count(strip, StripCell::kNoSignal), 1);
     EXPECT_EQ(std::ranges::count(strip, StripCell::kOk), kStripCells - 1);
@@ -586,12 +586,12 @@ TEST(StationHistory, KeepsMinutesForADayAndForgetsTheFirst) {
     past.now.steady += 2h;
     past.now.wall += 1h;
     past.add();
-    const auto later = past.points(HistoryMetric::kBitRate, 60);
+    const auto later = past.points(historyMetric("bitRate"), 60);
     EXPECT_EQ(later.front().time, rate[120].time);
     EXPECT_TRUE(std::isnan(later[later.size() - 2].mean));
     EXPECT_EQ(later.back().time, rate.back().time + 1h);
     EXPECT_EQ(past.history.strip(past.now)[kStripCells - 2], StripCell::kNoData);
-    EXPECT_EQ(past.history.sum(HistoryMetric::kPacketsLost, 600s, past.now), 0U);
+    EXPECT_EQ(past.history.sum(historyMetric("packetsLost"), 600s, past.now), 0U);
 }
 
 TEST(StationHistory, GetsShorterAsChannelsGrowSoThatAllFitTheirBudget) {
@@ -622,13 +622,13 @@ TEST(StationHistory, GetsShorterAsChannelsGrowSoThatAllFitTheirBudget) {
     EXPECT_LT(resident() - before, station::kHistoryBudget / kMost * kTried);
 #endif
     Past& past = pasts.front();
-    EXPECT_EQ(past.points(HistoryMetric::kPacketsLost, 60).size(), kept);
-    EXPECT_EQ(past.points(HistoryMetric::kPacketsLost, 60).front().mean, 1);
+    EXPECT_EQ(past.points(historyMetric("packetsLost"), 60).size(), kept);
+    EXPECT_EQ(past.points(historyMetric("packetsLost"), 60).front().mean, 1);
     // Fewer channels: what was forgotten stays unknown, what comes is kept longer.
     past.history.keepMinutes(kMinutesKept);
     past.pass(1min);
     past.add(1);
-    const auto longer = past.points(HistoryMetric::kPacketsLost, 60);
+    const auto longer = past.points(historyMetric("packetsLost"), 60);
     EXPECT_GT(longer.size(), kept);
     EXPECT_EQ(longer.back().mean, 1);
     for (const HistoryPoint& point : longer) {

@@ -199,7 +199,7 @@ TEST(StationParts, AChangeIsAnsweredWhenItIsShownAndOnTheDisk) {
         {SetMaintenance{owner.now.wall, owner.now.wall, {}, {}, {}}, "refused until"},
         {SetMaintenance{owner.now.wall, owner.now.wall + 1h, groupOf(77), {}, {}}, "refused group"},
         {EndMaintenance{5}, "refused id"},
-        {AskHistory{groupOf(77), HistoryMetric::kBitRate, 1, {}}, "refused group"},
+        {AskHistory{groupOf(77), historyMetric("bitRate"), 1, {}}, "refused group"},
         {ReloadFiles{}, "refused "},
     };
     for (const Case& one : refused) {
