@@ -9,9 +9,9 @@
 #include <thread>
 #include <vector>
 
-#include "completion.h"
 #include "joins.h"
 #include "stationLink.h"
+#include "usage.h"
 #include "worker.h"
 
 namespace {
@@ -116,24 +116,32 @@ class Daemon {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{
+    CLI::App app(
         "Measures multicast transport streams as they arrive, by the letter of the standards, beside the "
-        "probe. What to\n"
-        "watch comes from kestor-station, which takes the measures and shows them."};
+        "probe. "
+        "What to watch comes from kestor-station, which takes the measures.",
+        "kestor-meter");
+    shapeHelp(app);
     std::string interface;
     std::string socket = metering::kSocketPath;
     std::size_t ringMib = 64;
     unsigned threads = 1;
-    app.add_option("--interface", interface, "Captures there; by default where the probe does: eth0.");
-    app.add_option("--ring-mib", ringMib, "Size of each thread's ring in MiB.")
+    app.add_option("--interface", interface, "Capture there; by default where the probe does, on eth0.");
+    app.add_option("--ring-mib", ringMib, "Size of each thread's ring, in MiB.")
         ->check(CLI::Range(std::size_t{1}, kRingMibLimit))
         ->capture_default_str();
-    app.add_option("--threads", threads, "Threads, among which the groups are shared.")
+    app.add_option("--threads", threads, "Share the groups among so many threads.")
         ->check(CLI::Range(1U, kThreadsLimit))
         ->capture_default_str();
     app.add_option("--socket", socket, "The station's socket.")->capture_default_str();
-    app.set_version_flag("--version", std::string("kestor-meter ") + KESTOR_VERSION);
-    CLI11_PARSE(app, argc, argv);
+    app.set_version_flag("--version", std::string("kestor-meter ") + KESTOR_VERSION,
+                         "Print the version and exit.");
+    app.footer("Exit status: 0 when ended by a signal, 1 when it cannot run, 2 for a wrong command line.");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return reportUsage(app, error);
+    }
 
     struct sigaction action {};
     action.sa_handler = [](int) { ending = 1; };
