@@ -2,6 +2,7 @@
 #include <set>
 #include <string>
 
+#include "channels/channelAttributes.h"
 #include "channels/playlist.h"
 #include "common/text.h"
 #include "fuzz/fuzzing.h"
