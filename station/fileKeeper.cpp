@@ -61,9 +61,10 @@ struct FileKeeper::Implementation {
     void tellSlow() {
         const auto busy = reader->busy();
         if (busy && steady_clock::now() - busy->since > kSlow) {
-            slow.say(LogLevel::kWarning, "reading " + busy->file.string() +
-                                             " takes long: what was read before holds, and no other file is "
-                                             "read meanwhile");
+            slow.say(LogLevel::kWarning,
+                     "reading " + busy->file.string() +
+                         " takes long: what was read before stays in force, and no other file is read "
+                         "meanwhile");
         } else if (!busy) {
             slow.over("files are read again");
         }

@@ -306,7 +306,7 @@ struct FileReader::Implementation {
             }
             for (const std::string& mistake :
                  known.configuration ? known.mistakes : decltype(known.mistakes){}) {
-                log(LogLevel::kWarning, mistake + known.whatHolds());
+                log(LogLevel::kWarning, mistake + known.whatStays());
             }
             return;
         }
@@ -367,7 +367,7 @@ struct FileReader::Implementation {
             list.toCopy = std::move(bytes);
             return true;
         }
-        list.refusal = "playlist " + file.string() + " " + problem + list.whatHolds();
+        list.refusal = "playlist " + file.string() + " " + problem + list.whatStays();
         refused.push_back(list.refusal);
         list.trouble.say(LogLevel::kWarning, list.refusal);
         return false;
@@ -448,7 +448,7 @@ LoadedFiles FileReader::first() {
     own.firstTaken = true;
     if (!own.firstOver && own.busy) {
         own.begun.result.refusals.push_back("reading " + own.busy->file.string() +
-                                            " takes long; what was last read holds until then");
+                                            " takes long; what was last read stays in force until then");
     }
     return std::move(own.begun);
 }

@@ -6,14 +6,16 @@
 
 namespace station {
 
-std::string KnownPlaylist::whatHolds() const {
-    return good ? "; its last good list of " + std::to_string(good->channels.size()) + " channels holds" : "";
+std::string KnownPlaylist::whatStays() const {
+    return good ? "; its last good list of " + std::to_string(good->channels.size()) +
+                      (good->channels.size() == 1 ? " channel stays in force" : " channels stays in force")
+                : "";
 }
 
-std::string KnownFiles::whatHolds() const {
+std::string KnownFiles::whatStays() const {
     return !configuration ? ""
-           : copyOf       ? "; the last good configuration holds, a copy of " + rfc3339(*copyOf)
-                          : "; the last good configuration holds";
+           : copyOf       ? "; the last good configuration stays in force, a copy of " + rfc3339(*copyOf)
+                          : "; the last good configuration stays in force";
 }
 
 std::vector<std::filesystem::path> KnownFiles::playlistFiles() const {
@@ -33,7 +35,7 @@ ReadResult KnownFiles::result() const {
     now.configurationRefused = !mistakes.empty();
     now.refusals = mistakes;
     if (!mistakes.empty() && configuration) {
-        now.notes.push_back(configurationFile.string() + " has mistakes" + whatHolds());
+        now.notes.push_back(configurationFile.string() + " has mistakes" + whatStays());
     }
     if (const std::string note = configuration ? openToAll(*configuration) : ""; !note.empty()) {
         now.notes.push_back(note);
@@ -54,7 +56,7 @@ ReadResult KnownFiles::result() const {
             now.refusals.push_back(list.refusal);
         }
         if (list.waits) {
-            now.notes.push_back(name + kBeingWritten + list.whatHolds());
+            now.notes.push_back(name + kBeingWritten + list.whatStays());
         }
         if (!list.good) {
             continue;

@@ -22,8 +22,8 @@ struct KnownPlaylist {
     LogOnChange copyTrouble;
     std::optional<std::string> toCopy;  // its bytes, until the copy holds them
 
-    // "; its last good list of 3 channels holds"
-    std::string whatHolds() const;
+    // "; its last good list of 3 channels stays in force"
+    std::string whatStays() const;
 };
 
 // The files as they were last read, and what there is to say of them. Does no input or output.
@@ -38,8 +38,8 @@ struct KnownFiles {
     bool configurationWaits = false;  // it is being written
     std::map<std::filesystem::path, KnownPlaylist> lists;
 
-    // "; the last good configuration holds"
-    std::string whatHolds() const;
+    // "; the last good configuration stays in force"
+    std::string whatStays() const;
     // Each that the configuration names, once.
     std::vector<std::filesystem::path> playlistFiles() const;
     ReadResult result() const;

@@ -248,9 +248,9 @@ std::string MachineWatch::describeLink() const {
     const NetworkInterface& card = *state_.interface;
     if (gone_) {
         return card.name +
-               " is gone: was it removed or renamed, or did its driver fail? The probe captures nothing. "
-               "Once "
-               "it is back: systemctl restart kestor";
+               " is gone: was it removed or renamed, or did its driver fail? The probe captures nothing "
+               "until it is back and the probe is started again, which kestor-guard sees to; else: "
+               "systemctl restart kestor";
     }
     if (!card.up) {
         return card.name + " is down: ip link set " + card.name + " up";
@@ -308,7 +308,7 @@ std::string MachineWatch::describeDrops(const Drops& drops) const {
         }
     };
     add(drops.missed, "rx_missed_errors of " + card + " (its ring was full: ethtool -g " + card +
-                          ", then ethtool -G " + card + " rx with the maximum)");
+                          " shows its size and the maximum N, ethtool -G " + card + " rx N sets it)");
     add(drops.fifo, "rx_fifo_errors of " + card + " (the card itself was full: ring as above, less traffic)");
     add(drops.dropped,
         "rx_dropped of " + card + " (no memory or time for them: ring, other work on the machine)");

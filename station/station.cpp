@@ -66,6 +66,7 @@ struct Station::Implementation : StationInterface, CommandEffects {
     EventDesk desk;
     ProbeWatch probe{std::chrono::steady_clock::now()};
     MachineWatch machine;
+    LogOnChange machineUnseen;
     Groups machineLooksFor;  // what the machine's reader was told last
     SnapshotIntake intake{engine, probe};
     StatePublisher publisher{{intake, engine, desk, probe, machine}, systemNow().wall};
@@ -464,6 +465,13 @@ bool Station::Implementation::hasSignal(const Group& group, const Now& now) cons
 
 void Station::Implementation::judgeMachine(const Now& now) {
     if (auto reading = machineReader->take()) {
+        if (reading->problem.empty()) {
+            machineUnseen.over("this machine's interfaces can be looked at again");
+        } else {
+            machineUnseen.say(LogLevel::kWarning, "this machine's interfaces cannot be looked at (" +
+                                                      reading->problem +
+                                                      "): joins, link and drops are not judged");
+        }
         machine.take(std::move(*reading));
     }
     const MachineFindings found =

@@ -107,7 +107,7 @@ export class ProbeView {
     set('Watched', count(status.channels.watched));
     set('With signal', status.probe.connected ? count(status.channels.withSignal) : '–');
     set('Joins groups', status.passive ? 'no, passive' : 'yes');
-    this.showMachine(status.machine);
+    this.showMachine(status);
     set('IGMP latency', quantity(status.igmpLatencyMs, 'ms'));
     const key = status.notes.join('\n');
     if (key === this.notesKey) return;
@@ -117,17 +117,20 @@ export class ProbeView {
   }
 
   // The interface that the probe captures, and what this machine drops.
-  showMachine(machine) {
+  showMachine({machine, passive, probe}) {
     const set = (term, text) => this.set(this.machine, term, text);
     const card = machine.interface;
     const sum = (value) => isKnown(value) ? count(value) : '–';
     set('Interface', card ? visible(card.name) : 'none whose name contains eth0');
     set('Link',
         machine.linkProblem ? visible(machine.linkProblem) :
-            card            ? `up${isKnown(card.bitsPerSecond) ? `, ${quantity(card.bitsPerSecond, 'bit/s')}` : ''}` :
-                              '–');
+            !machine.known  ? 'not known: this machine cannot be looked at, the log says why' :
+            card ? `up${isKnown(card.bitsPerSecond) ? `, ${quantity(card.bitsPerSecond, 'bit/s')}` : ''}` :
+                                                      '–');
     set('Joins',
-        machine.joinProblem ? visible(machine.joinProblem) :
+        machine.joinProblem                    ? visible(machine.joinProblem) :
+            passive                            ? 'passive, nothing is joined' :
+            !machine.known || !probe.connected ? '–' :
             machine.rejoins ? `well; ${count(machine.rejoinedGroups)} groups were joined again` :
                               'well');
     if (machine.doubled || this.machine.values?.has('Joined twice'))

@@ -280,7 +280,7 @@ TEST(Station, TellsTheProbeOnlyWhatHasChanged) {
     EXPECT_TRUE(igmpMember(kA) && igmpMember(kB));
     close(file);
     std::filesystem::remove(kPlaylist);
-    EXPECT_TRUE(station.says("last good list of 2 channels holds"));
+    EXPECT_TRUE(station.says("last good list of 2 channels stays in force"));
     EXPECT_TRUE(igmpMember(kA) && igmpMember(kB));
 
     write("/tmp/new.m3u", playlistEntry(kA, "A renamed") + playlistEntry(kC, "C"));

@@ -95,7 +95,7 @@ def lay_out():
     configuration["global"].update(scrape_interval="1s", scrape_timeout="1s", evaluation_interval="1s")
     (WORK / "prometheus.yml").write_text(yaml.safe_dump(configuration))
     # The same rules and routes at a faster pace.
-    pace = {"rules/alerts.yml": [("for: 15s", "for: 2s"), ("for: 30s", "for: 4s"), ("[1m]", "[6s]")],
+    pace = {"rules/alerts.yml": [("for: 15s", "for: 2s"), ("for: 30s", "for: 6s"), ("[1m]", "[6s]")],
             "alertmanager.yml": [("group_wait: 10s", "group_wait: 1s"), ("group_interval: 1m", "group_interval: 2s")]}
     for name, changes in pace.items():
         text = (WORK / name).read_text()

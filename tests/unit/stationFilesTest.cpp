@@ -249,8 +249,9 @@ TEST_F(StationFiles, CopiesOfPlaylistsHoldForTheirOwnPathAlone) {
     EXPECT_EQ(files.playlists[0].second.channels[0].group.text(), "239.1.1.1");
     EXPECT_EQ(files.playlists[1].second.channels[0].group.text(), "239.1.1.2");
     EXPECT_EQ(files.playlists[0].second.channels[0].place.file, (directory / "a/b/x.m3u").string());
-    EXPECT_THAT(files.result.refusals, ElementsAre(HasSubstr("its last good list of 1 channels holds"),
-                                                   HasSubstr("a-b/x.m3u cannot be read")));
+    EXPECT_THAT(files.result.refusals,
+                ElementsAre(HasSubstr("its last good list of 1 channel stays in force"),
+                            HasSubstr("a-b/x.m3u cannot be read")));
 
     // Copies under the names of 1.1 are found, unless two playlists share one.
     const std::string old = PlaylistCopies::oldNameOf(directory / "a/b/x.m3u");
@@ -320,7 +321,7 @@ TEST_F(StationFiles, AStartWithABrokenConfigurationTakesUpItsCopy) {
         EXPECT_TRUE(files.result.configurationRefused);
         EXPECT_THAT(files.result.refusals, ElementsAre(HasSubstr("station.toml")));
         EXPECT_THAT(files.result.notes,
-                    Contains(HasSubstr("the last good configuration holds, a copy of 20")));
+                    Contains(HasSubstr("the last good configuration stays in force, a copy of 20")));
     }
     configure("[events]\nkeep_days = 8\n");
     auto corrected = delivered();
