@@ -282,9 +282,13 @@ std::string MachineWatch::describeJoins() const {
     std::size_t told = 0;
     for (const Class& one : classes) {
         if (told++ == kClassesTold) {
-            return text + "; and others";
+            text += "; and others";
+            break;
         }
         text += (text.empty() ? "" : "; ") + describe(one, state_.interface->name, last_->membershipLimit);
+    }
+    if (text.find(routeCommand(state_.interface->name)) != std::string::npos) {
+        text += ". That lasts until the next boot; for good it belongs in the network's configuration";
     }
     return text;
 }

@@ -80,7 +80,7 @@ void writeMachine(Exposition& out, const MachineState& machine) {
         }
         if (machine.interface->bitsPerSecond) {
             out.family(
-                {"kestor_interface_speed_bits_per_second", kGauge, "Speed of its link, where it has one."});
+                {"kestor_interface_speed_bps", kGauge, "Speed of its link, where it has one."});
             out.sample(labels, {}, static_cast<double>(*machine.interface->bitsPerSecond));
         }
     }

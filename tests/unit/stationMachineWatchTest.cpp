@@ -86,7 +86,8 @@ TEST(MachineWatch, TellsInOneSentenceWhatKeepsGroupsAway) {
         bench.text("not_joined"),
         "239.1.1.1 and 33 more are joined on enp3s0, not on eth0: their route leads to enp3s0. ip route "
         "replace 224.0.0.0/4 dev eth0; 239.1.1.40 is not joined on eth0: there is no route. ip route "
-        "replace 224.0.0.0/4 dev eth0");
+        "replace 224.0.0.0/4 dev eth0. That lasts until the next boot; for good it belongs in the network's "
+        "configuration");
     EXPECT_EQ(bench.remark("no_signal"), "joined on enp3s0, not on eth0");
 
     // What comes all the same is not missed: a mirror port, a bridge.
