@@ -123,7 +123,8 @@ std::optional<Refusal> ChannelBook::import(const std::string& text, Answer& answ
     const Playlist playlist = parsePlaylist(text);
     if (playlist.channels.empty()) {
         return invalid("playlist", playlist.notes.empty() ? "the playlist names no channel"
-                                                          : "line " + std::to_string(playlist.notes[0].line) +
+                                                          : "the playlist names no channel; line " +
+                                                                std::to_string(playlist.notes[0].line) +
                                                                 ": " + playlist.notes[0].text);
     }
     std::size_t added = 0;

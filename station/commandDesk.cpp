@@ -88,7 +88,10 @@ void CommandDesk::act(const ReloadFiles& /*action*/, const Now& /*now*/, const R
         answer.notes = result.refusals;
         answer.notes.insert(answer.notes.end(), result.notes.begin(), result.notes.end());
         if (result.configurationRefused) {
-            answer.refusal = Refusal{Refusal::Why::kInvalid, "configuration", result.refusals.front()};
+            answer.refusal =
+                Refusal{Refusal::Why::kInvalid, "configuration",
+                        result.refusals.front() +
+                            "; the last good configuration stays in force, the status lists all mistakes"};
         }
         reply(std::move(answer));
     });

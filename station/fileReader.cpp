@@ -374,10 +374,13 @@ struct FileReader::Implementation {
     }
 
     static void tellRead(const std::filesystem::path& file, const Playlist& playlist) {
+        const auto count = [](std::size_t number, const char* what) {
+            return std::to_string(number) + what + (number == 1 ? "" : "s");
+        };
         std::string text =
-            "playlist " + file.string() + ": read, " + std::to_string(playlist.channels.size()) + " channels";
+            "playlist " + file.string() + ": read, " + count(playlist.channels.size(), " channel");
         if (playlist.skipped > 0) {
-            text += ", " + std::to_string(playlist.skipped) + " lines skipped";
+            text += ", " + count(playlist.skipped, " line") + " skipped";
         }
         if (playlist.skipped > 0 && !playlist.notes.empty()) {
             text +=

@@ -114,11 +114,11 @@ void MachineWatch::take(MachineReading&& reading) {
 }
 
 // Of several interfaces with such a name another one may be found when the first is gone: the probe does not
-// look again, so that it counts only once somebody captures there.
+// look again, so that it counts only once somebody captures there. Nor does one that is back.
 void MachineWatch::followCard(const MachineReading& reading) {
     const auto& before = state_.interface;
     const bool same = before && reading.capture && before->index == reading.capture->index;
-    gone_ = before && !same && (!reading.capture || !reading.captured);
+    gone_ = before && (!same || gone_) && (!reading.capture || !reading.captured);
     if (gone_) {
         flapped_ = false;
         state_.captured = false;
@@ -246,6 +246,9 @@ std::string MachineWatch::describeLink() const {
         return problem.empty() ? std::string() : problem + ". To mend it: " + advice;
     }
     const NetworkInterface& card = *state_.interface;
+    if (gone_ && last_->capture && last_->capture->name == card.name) {
+        return card.name + " was gone and is back, but nobody captures there: systemctl restart kestor";
+    }
     if (gone_) {
         return card.name +
                " is gone: was it removed or renamed, or did its driver fail? The probe captures nothing "

@@ -262,6 +262,10 @@ void Station::Implementation::adopt(LoadedFiles& files, const Now& now, bool atS
     if (atStart) {
         return;
     }
+    if (files.refused.empty()) {
+        log(LogLevel::kInfo, "configuration and playlists are in force, " +
+                                 std::to_string(book.channels().size()) + " channels");
+    }
     desk.record(files.refused.empty()
                     ? Event{.kind = EventKind::kConfigurationRead,
                             .text = "read again: " + std::to_string(book.channels().size()) + " channels"}
@@ -488,10 +492,12 @@ void Station::Implementation::judgeMachine(const Now& now) {
     const Groups again = machine.rejoin(now);
     if (!again.empty()) {
         controller->rejoin(again);
-        log(LogLevel::kNotice, "the probe is told to join " + std::to_string(again.size()) +
-                                   (again.size() == 1 ? " group" : " groups") + " again, from " +
-                                   again.begin()->text() + " on: their route leads to " +
-                                   machine.state().interface->name);
+        const bool one = again.size() == 1;
+        log(LogLevel::kNotice, "the probe is told to join " +
+                                   (one ? again.begin()->text() + " again: its"
+                                        : std::to_string(again.size()) + " groups again, from " +
+                                              again.begin()->text() + " on: their") +
+                                   " route leads to " + machine.state().interface->name);
     }
 }
 

@@ -70,6 +70,9 @@ std::set<int> readCaptured(const std::filesystem::path& proc) {
 }
 
 bool Memberships::joined(const std::string& interface, Ipv4Address group) const {
+    if (group == kAllHosts) {
+        return true;
+    }
     const auto found = on.find(interface);
     return found != on.end() && found->second.contains(group);
 }

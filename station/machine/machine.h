@@ -80,6 +80,7 @@ struct Memberships {
     bool known = false;                                 // false: it cannot be read, which tells nothing
     std::map<std::string, std::set<Ipv4Address>> on{};  // by the interface's name; without 224.0.0.1
 
+    // Of 224.0.0.1 always true.
     bool joined(const std::string& interface, Ipv4Address group) const;
     // Names of all interfaces on which it is joined, in the order of names.
     std::vector<std::string> where(Ipv4Address group) const;

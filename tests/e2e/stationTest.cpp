@@ -258,7 +258,8 @@ TEST(Station, WritesForPeopleOnATerminal) {
                                 " --config /tmp/station.toml --state /tmp/state --socket /tmp/station.sock";
     Process terminal({"script", "-qefc", command, "/tmp/typescript"});
     EXPECT_TRUE(terminal.waitForOut("serving "));
-    EXPECT_THAT(terminal.out(), HasSubstr("warning: playlist /tmp/channels.m3u: read, 1 channels, 1 lines"));
+    EXPECT_THAT(terminal.out(),
+                HasSubstr("warning: playlist /tmp/channels.m3u: read, 1 channel, 1 line skipped"));
     EXPECT_THAT(terminal.out(), Not(HasSubstr("<")));
     pid_t pid = 0;
     std::ifstream("/tmp/pid") >> pid;

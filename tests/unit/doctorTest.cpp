@@ -110,7 +110,7 @@ TEST(Doctor, JudgesWhatItReads) {
              root.remove("usr/libexec");
          },
          0, "kestor and kestor-station run"},
-        {"two probes", [](auto& root, auto&) { root.process(30, "kestor"); }, 2, "more than one probe"},
+        {"two probes", [](auto& root, auto&) { root.process(30, "kestor"); }, 2, "processes 20 and 30"},
         {"processes are hidden",
          [](auto& root, auto&) {
              root.remove("proc/1");
@@ -264,10 +264,21 @@ TEST(Doctor, JudgesTheInterfaceAndTheWayToIt) {
     EXPECT_THAT(members({true, {{"eth0", {kA, kB}}}}),
                 HasSubstr("every watched group (2) is joined on eth0"));
     const Memberships wrong{true, {{"eth0", {kA}}, {"eno1", {kB}}}};
-    EXPECT_THAT(members(wrong), HasSubstr("1 of 2 groups are not joined on eth0, but on eno1 (239.1.1.2)"));
+    EXPECT_THAT(members(wrong), HasSubstr("1 of 2 groups is not joined on eth0, but on eno1 (239.1.1.2)"));
     EXPECT_THAT(members({}), HasSubstr("--    memberships"));
     look.passive = true;
     EXPECT_THAT(members(wrong), HasSubstr("all is well"));
+}
+
+TEST(Doctor, BreaksLinesWithoutBreakingCommands) {
+    const std::string command = "ip route replace 224.0.0.0/4 dev " + std::string(60, 'x');
+    const std::string clause = "a clause of some length that is followed by another one";
+    const std::string text = report({failure("route", clause + ", " + clause,
+                                             clause + ": " + command + ", and " + std::string(30, 'y'))});
+    const std::string indent(22, ' ');
+    EXPECT_THAT(text, HasSubstr(" " + clause + ",\n" + indent + clause + "\n"));
+    EXPECT_THAT(text, HasSubstr("-> " + clause + ":\n" + indent + command + ",\n" + indent + "and "));
+    EXPECT_THAT(report({ok("route", std::string(200, 'z'))}), HasSubstr(std::string(200, 'z') + "\n"));
 }
 
 TEST(Doctor, JudgesWhoAsksAndWhereEventsGo) {

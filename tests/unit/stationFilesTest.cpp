@@ -343,7 +343,7 @@ TEST_F(StationFiles, EachPlaylistThatIsReadIsALineOfTheLog) {
     start();
     flushLog(10s);
     const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_THAT(said, HasSubstr("a.m3u: read, 3 channels, 1 lines skipped; line 5: "));
+    EXPECT_THAT(said, HasSubstr("a.m3u: read, 3 channels, 1 line skipped; line 5: "));
     EXPECT_THAT(said, HasSubstr("b.m3u: read, 2 channels\n"));
 }
 

@@ -46,6 +46,7 @@ TEST_F(MachineFiles, TellsMembershipsOfEachInterface) {
     EXPECT_TRUE(memberships.joined("eth0", 0xEF010101));
     EXPECT_FALSE(memberships.joined("eth0", 0xEF010102));
     EXPECT_FALSE(memberships.joined("eth1", 0xEF010101));
+    EXPECT_TRUE(memberships.joined("eth0", 0xE0000001)) << "every interface is a member of 224.0.0.1";
 }
 
 TEST_F(MachineFiles, WhatCannotBeReadIsNotTakenForNothing) {

@@ -173,6 +173,20 @@ TEST(MachineWatch, TellsALinkThatIsDownGoneOrFlaps) {
     bench.second();
     EXPECT_EQ(bench.found.linkDown, false) << "a probe that was started anew captures there";
 
+    // It goes and comes back, and the probe that was started in between found none.
+    const auto card = *bench.card;
+    bench.card.reset();
+    bench.captured = false;
+    bench.second();
+    EXPECT_THAT(bench.text("link_down"), HasSubstr("veth0f3a is gone"));
+    bench.card = card;
+    bench.second(2);
+    EXPECT_EQ(bench.found.linkDown, true);
+    EXPECT_THAT(bench.text("link_down"), HasSubstr("is back, but nobody captures there"));
+    bench.captured = true;
+    bench.second();
+    EXPECT_EQ(bench.found.linkDown, false);
+
     Bench none;
     none.card.reset();
     none.second();

@@ -127,15 +127,22 @@ std::string speedText(const Json& card) {
 }
 
 // The interface that the probe captures, and what this machine does to the probe.
-void showMachine(const Json& machine) {
+void showMachine(const Json& machine, bool connected) {
     const Json card = machine.value("interface", Json());
+    bool captured = true;
     if (card.is_object()) {
         const bool well = card.value("up", false) && card.value("carrier", false);
+        captured = card.value("captured", true);
         const bool hasSpeed = card.contains("bitsPerSecond") && card["bitsPerSecond"].is_number();
-        printf("interface %s, %s%s; this machine dropped %s packets, %s in the last minute\n",
+        printf("interface %s, %s%s%s; this machine dropped %s packets, %s in the last minute\n",
                text(card, "name").c_str(), well ? "up" : text(card, "state").c_str(),
-               hasSpeed ? (", " + speedText(card)).c_str() : "", number(machine, "drops").c_str(),
-               number(machine, "dropsLastMinute").c_str());
+               captured ? "" : ", not captured", hasSpeed ? (", " + speedText(card)).c_str() : "",
+               number(machine, "drops").c_str(), number(machine, "dropsLastMinute").c_str());
+    }
+    if (connected && !captured && text(machine, "linkProblem") == "-") {
+        puts(
+            "          the probe captures nothing: the interface was missing or down when it was started. "
+            "systemctl restart kestor");
     }
     for (const char* problem : {"linkProblem", "joinProblem", "doubled"}) {
         if (const std::string said = text(machine, problem); said != "-") {
@@ -156,9 +163,12 @@ int showStatus(StationClient& station, const StationRequest& request) {
     const Json& alarms = status.at("alarms");
     printf("station   %s, since %s UTC\n", text(status, "version").c_str(),
            timeText(status, "started").c_str());
-    printf("probe     %s, last snapshot %s UTC, restarted %s times\n",
+    const std::string snapshot = timeText(probe, "lastSnapshot");
+    const std::string restarts = number(probe, "restarts");
+    printf("probe     %s, %s, restarted %s %s\n",
            probe.value("connected", false) ? "connected" : "NOT CONNECTED",
-           timeText(probe, "lastSnapshot").c_str(), number(probe, "restarts").c_str());
+           snapshot == "-" ? "no snapshot yet" : ("last snapshot " + snapshot + " UTC").c_str(),
+           restarts.c_str(), restarts == "1" ? "time" : "times");
     if (probe.value("otherController", false)) {
         puts(
             "          the station cannot listen where the probe asks: another controller does; its log "
@@ -179,7 +189,7 @@ int showStatus(StationClient& station, const StationRequest& request) {
     if (result != 0) {
         puts("          kestorctl doctor tells what keeps it from here, and what to do");
     }
-    showMachine(status.value("machine", Json::object()));
+    showMachine(status.value("machine", Json::object()), result == 0);
     printf("channels  %s configured, %s watched, %s with signal\n", number(channels, "configured").c_str(),
            number(channels, "watched").c_str(), number(channels, "withSignal").c_str());
     printf("alarms    %s critical, %s major, %s minor, %s warning\n", number(alarms, "critical").c_str(),
@@ -247,7 +257,7 @@ void printEvent(const Json& event, bool json) {
         return;
     }
     std::string what = text(event, "kind");
-    if (const std::string alarm = text(event, "alarm"); alarm != "-") {
+    if (const std::string alarm = text(event, "alarm"); alarm != "-" && alarm != what) {
         what = alarm + " " + what;
     }
     std::string who = text(event, "channel");

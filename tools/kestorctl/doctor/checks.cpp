@@ -56,9 +56,14 @@ Finding checkServices(const fs::path& root, const Processes& processes, const St
             (runs ? running : missing).emplace_back(name);
         }
     }
-    if (processes.named("kestor").size() > 1) {
+    if (const auto probes = processes.named("kestor"); probes.size() > 1) {
+        std::vector<std::string> numbers;
+        for (const Process& probe : probes) {
+            numbers.push_back(std::to_string(probe.pid));
+        }
         return failure("services",
-                       "more than one probe runs (kestor): they take each other's place at the port",
+                       "more than one probe runs (kestor, processes " + joined(numbers) +
+                           "): the station tells one of them what to watch",
                        "end those that were started by hand");
     }
     if (missing.empty()) {
@@ -171,7 +176,9 @@ Finding checkSocket(const StationLook& station) {
                            "see user");
         case StationLook::Reach::kSilent:
             return failure("socket",
-                           "the station does not answer at " + station.socket + ": " + station.silence,
+                           station.silence.starts_with("the station")
+                               ? station.silence
+                               : "the station does not answer at " + station.socket + ": " + station.silence,
                            "journalctl -u kestor-station -e; systemctl restart kestor-station");
         default:
             return failure("socket", "no station listens at " + station.socket,

@@ -131,7 +131,8 @@ Finding checkMemberships(std::span<const NetworkInterface> interfaces, const Net
     const auto on = memberships.on.find(capture->name);
     const std::size_t joined = on == memberships.on.end() ? 0 : on->second.size();
     if (!station.answers()) {
-        return unseen("memberships", std::to_string(joined) + " groups are joined on " + capture->name +
+        return unseen("memberships", std::to_string(joined) + (joined == 1 ? " group is" : " groups are") +
+                                         " joined on " + capture->name +
                                          "; which ones should be, the station did not tell");
     }
     const std::set<std::string> right = station::interfacesOn(*capture, interfaces);
@@ -155,8 +156,8 @@ Finding checkMemberships(std::span<const NetworkInterface> interfaces, const Net
         names += (names.empty() ? ", but on " : ", ") + name;
     }
     return failure("memberships",
-                   count(missing.size(), station.groups.size()) + " are not joined on " + capture->name +
-                       names + " (" + some(missing) + ")",
+                   count(missing.size(), station.groups.size()) + (missing.size() == 1 ? " is" : " are") +
+                       " not joined on " + capture->name + names + " (" + some(missing) + ")",
                    "see services, route and limits; the station has them joined again within seconds, else "
                    "systemctl restart kestor");
 }
