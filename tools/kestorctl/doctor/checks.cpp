@@ -57,9 +57,13 @@ Finding checkServices(const fs::path& root, const Processes& processes, const St
         }
     }
     if (const auto probes = processes.named("kestor"); probes.size() > 1) {
-        std::vector<std::string> numbers;
+        std::set<pid_t> pids;
         for (const Process& probe : probes) {
-            numbers.push_back(std::to_string(probe.pid));
+            pids.insert(probe.pid);
+        }
+        std::vector<std::string> numbers;
+        for (const pid_t pid : pids) {
+            numbers.push_back(std::to_string(pid));
         }
         return failure("services",
                        "more than one probe runs (kestor, processes " + joined(numbers) +
