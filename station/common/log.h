@@ -1,4 +1,5 @@
-// The station's log: standard error, a line each, with journald's prefix ("<4>"), on a terminal a word for it.
+// The station's log: standard error, a line each, with journald's prefix ("<4>"), on a terminal a word for
+// it.
 #pragma once
 
 #include <chrono>

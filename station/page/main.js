@@ -165,8 +165,8 @@ function failingDeliveries() {
   const since = `since ${time(parseTime(alarm.raised), store.now())}`;
   if (!receivers.length) return [`A webhook fails ${since}: nobody is told of alarms by it. See Probe.`];
   return receivers.map(
-      ({name, url, lastProblem}) =>
-          `Webhook ${visible(name)} (${visible(url)}) is told of no alarm ${since}: ${visible(lastProblem ?? 'it fails')}`);
+      ({name, url, lastProblem}) => `Webhook ${visible(name)} (${visible(url)}) is told of no alarm ${
+          since}: ${visible(lastProblem ?? 'it fails')}`);
 }
 
 async function loadReceivers() {

@@ -79,8 +79,7 @@ void writeMachine(Exposition& out, const MachineState& machine) {
             out.sample(labels, {}, metric.value(*machine.interface));
         }
         if (machine.interface->bitsPerSecond) {
-            out.family(
-                {"kestor_interface_speed_bps", kGauge, "Speed of its link, where it has one."});
+            out.family({"kestor_interface_speed_bps", kGauge, "Speed of its link, where it has one."});
             out.sample(labels, {}, static_cast<double>(*machine.interface->bitsPerSecond));
         }
     }

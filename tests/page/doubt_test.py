@@ -242,9 +242,9 @@ class DoubtTest(unittest.TestCase):
         self.browser.press("Acknowledge all shown")
         self.browser.type("Remark", "cable out\r\n\n  Ada was called ")
         self.browser.press("Acknowledge", "dialog")
-        wait_for("the remark in one line", 5, lambda: [
-            alarm["acknowledged"] and alarm["acknowledged"]["remark"] for alarm in self.station.get("alarms")] ==
-            ["cable out Ada was called"])
+        wait_for("the remark in one line", 5, lambda: {
+            alarm["acknowledged"] and alarm["acknowledged"]["remark"] for alarm in self.station.get("alarms")} ==
+            {"cable out Ada was called"})
         # A part of a name finds alarms and events alike.
         self.browser.type("Channel", "ever th")
         wait_for("events and alarms of it", 5, lambda: self.browser.texts(EVENTS) and all(
