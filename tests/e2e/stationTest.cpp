@@ -236,7 +236,7 @@ TEST(Station, GoesOnWhileNobodyReadsItsLog) {
         {"sh", "-c",
          "exec " + program.string() +
              " --config /tmp/station.toml --state /tmp/state --socket /tmp/station.sock 2>/tmp/log"});
-    ASSERT_TRUE(eventually([] { return ctl({"list"}).status == 0; }));
+    ASSERT_TRUE(eventually([] { return ctl({"alarms"}).status == 0; }));
     const Process kestor({"kestor", "-s"});
     for (int i = 0; i < 200; ++i)  // a line each
         ASSERT_EQ(ctl({"clear"}).status, 0) << i;
