@@ -134,8 +134,7 @@ TEST(Doctor, JudgesWhatItReads) {
              fs::create_symlink("socket:[4711]", root.path() / "proc/50/fd/3");
          },
          2, "python3 (process 50)"},
-        {"another user listens", [](auto& root, auto&) { root.remove("proc/21"); }, 2,
-         "one of "},
+        {"another user listens", [](auto& root, auto&) { root.remove("proc/21"); }, 2, "one of "},
         {"no probe asks", [](auto& root, auto&) { root.write("proc/self/net/tcp", kListener); }, 2,
          "no probe asks although"},
         {"a torn list of connections",
