@@ -15,6 +15,7 @@ import urllib.error
 import urllib.request
 
 from selenium import webdriver
+from selenium.common.exceptions import StaleElementReferenceException
 from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
@@ -29,7 +30,10 @@ def wait_for(what, seconds, condition):
     """The condition's first true value; an AssertionError that says what was waited for when none came in time."""
     end = time.monotonic() + seconds
     while True:
-        value = condition()
+        try:
+            value = condition()
+        except StaleElementReferenceException:  # drawn anew meanwhile
+            value = None
         if value:
             return value
         if time.monotonic() > end:
