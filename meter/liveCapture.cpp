@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
@@ -157,16 +158,16 @@ class LiveCapture final : public Capture {
         }
     }
 
-    // rx_dropped also counts frames of protocols that nobody wants, but not while somebody captures all.
+    // rx_dropped also counts frames of protocols that nobody wants, but not while somebody captures all. Some
+    // drivers count a frame as missed and in rx_fifo_errors too.
     uint64_t readCardDrops() const {
-        uint64_t sum = 0;
-        for (const char* counter : {"rx_missed_errors", "rx_dropped", "rx_fifo_errors"}) {
+        const auto read = [this](const char* counter) {
             std::ifstream file("/sys/class/net/" + interface_ + "/statistics/" + counter);
             uint64_t value = 0;
             file >> value;
-            sum += value;
-        }
-        return sum;
+            return value;
+        };
+        return read("rx_dropped") + std::max(read("rx_missed_errors"), read("rx_fifo_errors"));
     }
 
     std::string interface_;

@@ -50,7 +50,7 @@ void Worker::describeAnew() {
     describe_ = true;
 }
 
-void Worker::joined(std::vector<uint32_t> groups, int64_t when) {
+void Worker::joined(const std::vector<uint32_t>& groups, int64_t when) {
     const std::lock_guard lock(mutex_);
     for (const uint32_t group : groups) {
         joinedGroups_.emplace_back(group, when);

@@ -30,7 +30,7 @@ class Worker {
     // From any thread; taken up within 100 ms.
     void watch(std::shared_ptr<const WatchList> list);
     void describeAnew();
-    void joined(std::vector<uint32_t> groups, int64_t now);
+    void joined(const std::vector<uint32_t>& groups, int64_t now);
     // What is told of memberships with each second.
     struct Joined {
         std::size_t count = 0;

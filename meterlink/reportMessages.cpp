@@ -13,7 +13,8 @@ using Report = std::conditional_t<Write, const T, T>;
 template <bool Write, typename T>
 using Message = std::conditional_t<Write, T, const T>;
 
-// NOLINTBEGIN(cppcoreguidelines-macro-usage): accessors of messages have the field in their names
+// Accessors of messages have the field in their names, and neither a member nor a function can stand in
+// parentheses. NOLINTBEGIN(cppcoreguidelines-macro-usage,bugprone-macro-parentheses)
 #define MEMBER(member, field)                                                                \
     if constexpr (Write) {                                                                   \
         message.set_##field(report.member);                                                  \
@@ -400,7 +401,7 @@ void descriptionFields(Report<Write, meter::Report>& report, Message<Write, Desc
     LIST(cues, cue, cueFields)
     LIST(changes, change, changeFields)
 }
-// NOLINTEND(cppcoreguidelines-macro-usage)
+// NOLINTEND(cppcoreguidelines-macro-usage,bugprone-macro-parentheses)
 #undef MEMBER
 #undef MAYBE
 #undef PART
