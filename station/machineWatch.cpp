@@ -271,13 +271,13 @@ std::string MachineWatch::describeLink() const {
 
 std::string MachineWatch::describeJoins() const {
     std::vector<Class> classes;
-    for (const auto& [group, astray] : astray_) {
-        const auto same =
-            std::ranges::find_if(classes, [&](const Class& one) { return lacksTheSame(*one.first, astray); });
+    for (const auto& entry : astray_) {
+        const auto same = std::ranges::find_if(
+            classes, [&](const Class& one) { return lacksTheSame(*one.first, entry.second); });
         if (same != classes.end()) {
             ++same->count;
         } else {
-            classes.push_back({&astray, 1});
+            classes.push_back({&entry.second, 1});
         }
     }
     std::ranges::stable_sort(classes, std::ranges::greater{}, &Class::count);

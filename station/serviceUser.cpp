@@ -72,11 +72,11 @@ std::vector<Mistake> unreadableFor(const std::string& user, const std::filesyste
         const int descriptor = open(source.file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
         if (descriptor >= 0) {
             close(descriptor);
-        } else if (errno != ENOENT) {  // it need not be there yet
-            const std::string why = std::system_category().message(errno);
-            result.mistakes.push_back({file.string(), 0, 0,
-                                       "playlist " + source.file.string() + " cannot be read by the user " +
-                                           user + ", which the service runs as: " + why});
+        } else if (const int error = errno; error != ENOENT) {  // it need not be there yet
+            std::string why = "playlist " + source.file.string();
+            why += " cannot be read by the user " + user;
+            why += ", which the service runs as: " + std::system_category().message(error);
+            result.mistakes.push_back({file.string(), 0, 0, std::move(why)});
         }
     }
     return result.mistakes;

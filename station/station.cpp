@@ -227,11 +227,11 @@ ServerAccess Station::Implementation::serverAccess() const {
 void Station::Implementation::restoreAlarms(const Now& now) {
     std::vector<Alarm> active = store.initial().active;
     if (!book.known()) {
-        const auto unknown = std::ranges::partition(active, [this](const Alarm& alarm) {
+        const auto unknown = std::partition(active.begin(), active.end(), [this](const Alarm& alarm) {
             return !alarm.group || book.channels().contains(*alarm.group);
         });
-        heldBack.assign(unknown.begin(), unknown.end());
-        active.erase(unknown.begin(), unknown.end());
+        heldBack.assign(unknown, active.end());
+        active.erase(unknown, active.end());
     }
     record(engine.restore(active, now), now);
     desk.restore(raised(), book.channels(), now);

@@ -98,8 +98,7 @@ void readAddresses(NetlinkSocket& kernel, std::vector<NetworkInterface>& interfa
 std::optional<uint64_t> readSpeed(int socket, const std::string& name) {
     constexpr std::size_t kModes = std::size_t{3} * 127;  // 32-bit words behind the record, at the most
     alignas(ethtool_link_settings) std::array<std::byte, sizeof(ethtool_link_settings) + kModes * 4> memory{};
-    ethtool_link_settings link{};
-    const auto ask = [&] {
+    const auto ask = [&memory, socket, &name](ethtool_link_settings& link) {
         link.cmd = ETHTOOL_GLINKSETTINGS;
         std::memcpy(memory.data(), &link, sizeof link);
         ifreq request{};
@@ -109,11 +108,12 @@ std::optional<uint64_t> readSpeed(int socket, const std::string& name) {
         std::memcpy(&link, memory.data(), sizeof link);
         return done;
     };
-    if (!ask() || link.link_mode_masks_nwords >= 0) {
+    ethtool_link_settings link{};
+    if (!ask(link) || link.link_mode_masks_nwords >= 0) {
         return std::nullopt;
     }
     link.link_mode_masks_nwords = static_cast<int8_t>(-link.link_mode_masks_nwords);
-    if (!ask() || link.speed == 0 || link.speed == static_cast<uint32_t>(SPEED_UNKNOWN)) {
+    if (!ask(link) || link.speed == 0 || link.speed == static_cast<uint32_t>(SPEED_UNKNOWN)) {
         return std::nullopt;
     }
     return uint64_t{link.speed} * 1'000'000;
