@@ -75,7 +75,7 @@ void EventDesk::restore(const std::vector<Alarm>& active, const ChannelMap& chan
         const Channel* const channel = findChannel(alarm.group, channels, nullptr);
         const bool unknown = alarm.group && channel == nullptr;
         raised.push_back(
-            {notification(alarm, AlarmChange::What::kRaised, {}, channel, now), silenced || unknown});
+            {notification(alarm, AlarmChange::What::kRaised, alarm.text, channel, now), silenced || unknown});
     }
     delivery_.resume(std::move(raised));
 }
@@ -145,7 +145,7 @@ void EventDesk::record(const AlarmChange& change, AlarmEngine& engine, const Cha
     const bool silenced = event.silenced;
     record(std::move(event), now, std::move(stored));
     if (change.what == What::kRaised) {
-        engine.setId(alarm.type, alarm.group, alarm.id);
+        engine.setRaise(alarm.type, alarm.group, alarm.id, change.text);
     }
     if (change.what == What::kRaised && silenced) {
         silenced_.insert(alarm.id);
@@ -259,8 +259,8 @@ bool EventDesk::tick(const std::vector<Alarm>& active, const ChannelMap& channel
         const bool known = !alarm.group || channel != nullptr;
         if (silenced_.contains(alarm.id) && known && !inMaintenance(alarm.group, now)) {
             silenced_.erase(alarm.id);
-            deliver(alarm, AlarmChange::What::kRaised, "still raised behind a maintenance window", channel,
-                    now);
+            deliver(alarm, AlarmChange::What::kRaised,
+                    alarm.text + "; raised during maintenance, which is over", channel, now);
         }
     }
     return ended;

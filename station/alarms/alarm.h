@@ -22,6 +22,8 @@ struct Acknowledgement {
 
 // One raised alarm.
 struct Alarm {
+    static constexpr std::size_t kTextBytes = 1000;  // of `text`; beyond, it is cut
+
     int64_t id = 0;  // of the event that raised it
     std::size_t type = 0;
     std::optional<Group> group;  // nothing for an alarm of the probe
@@ -30,6 +32,10 @@ struct Alarm {
     double value = 0;  // the measure at the last look; count in the window for counters
     double peak = 0;   // the worst so far: highest, or lowest for kLow
     std::optional<Acknowledgement> acknowledged;
+    std::string text{};  // sentences for an operator, of when it was raised: "12 packets lost within 10 s"
+
+    // At most kTextBytes of it, without control characters.
+    void setText(std::string_view raise);
 
     bool operator==(const Alarm&) const = default;
 };

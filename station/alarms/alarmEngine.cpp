@@ -422,10 +422,13 @@ void AlarmEngine::countersCleared(const Now& now) {
     implementation_->incrementsHeldUntil = now.steady + kClearTime;
 }
 
-void AlarmEngine::setId(std::size_t type, std::optional<Group> group, int64_t id) {
+void AlarmEngine::setRaise(std::size_t type, const std::optional<Group>& group, int64_t id,
+                           std::string_view text) {
     Subject* subject = implementation_->subjectOf(group);
     if (subject != nullptr && type < subject->trackers.size() && subject->trackers[type].raised) {
-        subject->trackers[type].raised->alarm.id = id;
+        Alarm& alarm = subject->trackers[type].raised->alarm;
+        alarm.id = id;
+        alarm.setText(text);
     }
 }
 
@@ -435,6 +438,7 @@ void AlarmEngine::identify(const Alarm& known) {
         Alarm& alarm = subject->trackers[known.type].raised->alarm;
         alarm.id = known.id;
         alarm.raised = known.raised;
+        alarm.text = known.text;
         alarm.acknowledged = known.acknowledged;
     }
 }

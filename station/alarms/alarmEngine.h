@@ -30,7 +30,7 @@ struct ConditionLook {
 };
 
 // All alarms of all channels and of the probe. No I/O, no clock of its own, one thread. The caller gives a
-// raised alarm its id with setId() before the next call.
+// raised alarm its id and its text with setRaise() before the next call.
 //
 // Delays and windows are reckoned by the times at which samples are observed. What a measure says nothing
 // about is not judged: levels without a signal; the checks of intervals and tables (PAT, PMT, CRC, PCR, PTS)
@@ -82,8 +82,8 @@ class AlarmEngine {
     // All counters were cleared on demand, which is no fault.
     void countersCleared(const Now& now);
 
-    void setId(std::size_t type, std::optional<Group> group, int64_t id);
-    // A raised alarm is this one: it gets its id, time and acknowledgement.
+    void setRaise(std::size_t type, const std::optional<Group>& group, int64_t id, std::string_view text);
+    // A raised alarm is this one: it gets its id, time, text and acknowledgement.
     void identify(const Alarm& known);
     // False when no such alarm is raised. A second acknowledgement replaces the first.
     bool acknowledge(int64_t id, const Acknowledgement& acknowledgement, std::vector<AlarmChange>& changes);

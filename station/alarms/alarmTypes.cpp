@@ -4,6 +4,7 @@
 
 #include "alarms/alarm.h"
 #include "alarms/measures.h"
+#include "common/text.h"
 
 namespace station {
 
@@ -337,6 +338,10 @@ std::optional<Severity> parseSeverity(std::string_view name) {
 
 std::string_view alarmKindName(AlarmKind kind) {
     return kKindNames.at(static_cast<std::size_t>(kind));
+}
+
+void Alarm::setText(std::string_view raise) {
+    text = printable(toUtf8(raise), kTextBytes);
 }
 
 std::string_view channelStatusName(ChannelStatus status) {

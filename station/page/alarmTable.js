@@ -51,7 +51,7 @@ export class AlarmTable {
     this.rows = new Map();  // id -> row
     this.body = el('tbody');
     const columns =
-        ['Severity', ...(withChannel ? ['Channel'] : []), 'Alarm', 'Since', 'Value', 'Worst', 'Acknowledged'];
+        ['Severity', ...(withChannel ? ['Channel'] : []), 'Alarm', 'What', 'Since', 'Value', 'Worst', 'Acknowledged'];
     this.table = el('table', {}, heads(columns), this.body);
     this.none = el('p', {class: 'muted'});
     this.node =
@@ -84,6 +84,7 @@ export class AlarmTable {
   }
 
   makeRow(alarm) {
+    const text = el('bdi');
     const since = el('td', {class: 'nowrap'});
     const value = el('td', {class: 'number'});
     const peak = el('td', {class: 'number'});
@@ -91,9 +92,9 @@ export class AlarmTable {
     const severity = el('td', {class: 'nowrap'});
     const node =
         el('tr', {}, severity, this.withChannel ? channelCell(alarm) : null,
-           el('th', {scope: 'row', title: visible(alarm.meaning ?? ''), text: visible(alarm.alarm)}), since,
-           value, peak, told);
-    const row = {node, severity, since, value, peak, told};
+           el('th', {scope: 'row', title: visible(alarm.meaning ?? ''), text: visible(alarm.alarm)}),
+           el('td', {class: 'text-cell'}, text), since, value, peak, told);
+    const row = {node, severity, text, since, value, peak, told};
     this.rows.set(alarm.id, row);
     return row;
   }
@@ -105,6 +106,7 @@ export class AlarmTable {
       row.severity.replaceWith(fresh);
       row.severity = fresh;
     }
+    setText(row.text, visible(alarm.text));
     const raised = parseTime(alarm.raised);
     setText(
         row.since,

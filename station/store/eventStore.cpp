@@ -63,8 +63,15 @@ std::vector<Alarm> takeAlarms(std::map<int64_t, ActiveEvents>& active) {
             continue;
         }
         const double value = raised.value.value_or(0);
-        Alarm alarm{id,          *type, raised.group, raised.severity.value_or(Severity::kWarning),
-                    raised.time, value, value,        std::nullopt};
+        Alarm alarm{.id = id,
+                    .type = *type,
+                    .group = raised.group,
+                    .severity = raised.severity.value_or(Severity::kWarning),
+                    .raised = raised.time,
+                    .value = value,
+                    .peak = value,
+                    .acknowledged = {}};
+        alarm.setText(raised.text);
         if (const auto& said = events.acknowledged) {
             alarm.acknowledged = Acknowledgement{said->time, said->by, said->text};
         }

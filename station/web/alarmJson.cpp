@@ -17,6 +17,7 @@ void alarmValue(JsonWriter& json, const Alarm& alarm, std::string_view channelNa
     json.open('{').member("id", alarm.id).member("alarm", type.name).member("meaning", type.meaning);
     json.member("group", groupOrNull(alarm.group)).member("channel", channelName);
     json.member("severity", severityName(alarm.severity)).member("raised", alarm.raised);
+    json.member("text", alarm.text);
     json.member("value", alarm.value).member("peak", alarm.peak).member("unit", type.unit);
     json.name("acknowledged");
     if (alarm.acknowledged) {

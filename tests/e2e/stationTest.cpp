@@ -131,7 +131,8 @@ TEST(Station, WatchesAPlaylistAndRaisesWhatACutCableMeans) {
     station.start();
     EXPECT_TRUE(eventually([&] { return raised("no_signal", kA) == std::vector{id}; }))
         << station.process->err();
-    EXPECT_THAT(ctl({"alarms"}).out, HasSubstr("News"));
+    EXPECT_THAT(ctl({"alarms"}).out, AllOf(HasSubstr("News\n    no packets"), HasSubstr("\n    acknowledged"),
+                                           HasSubstr(": on it\n")));
     EXPECT_EQ(objects({"alarms"}).front()["acknowledged"].is_object() ||
                   objects({"alarms"}).back()["acknowledged"].is_object(),
               true);

@@ -191,6 +191,9 @@ class PageTest(unittest.TestCase):
         # Of both channels, and of the link, which may come later.
         wait_for("the alarms", 10, lambda: len(self.browser.texts(f"{ALARMS} tr")) >= 2)
         self.assertFalse(self.browser.find(f"{ALARMS} button"))
+        texts = {alarm["text"] for alarm in critical()}
+        self.assertGreaterEqual(len(texts), 1)
+        wait_for("what is told of each", 5, lambda: set(self.browser.texts(f"{ALARMS} td.text-cell > bdi")) >= texts)
         self.browser.press("Unlock")
         self.browser.type("Token", "wrong")
         self.browser.press("Allow")

@@ -90,7 +90,7 @@ struct World {
             log += text.str();
             EXPECT_FALSE(change.text.empty() && change.what != AlarmChange::What::kAcknowledged);
             if (change.what == AlarmChange::What::kRaised) {
-                engine.setId(change.alarm.type, change.alarm.group, nextId++);
+                engine.setRaise(change.alarm.type, change.alarm.group, nextId++, change.text);
             }
         }
     }

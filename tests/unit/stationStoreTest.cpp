@@ -96,6 +96,7 @@ std::vector<std::string> filesOf(const ScratchDirectory& directory, std::string_
 TEST(EventStore, KnowsAfterARestartWhatIsRaised) {
     const ScratchDirectory directory;
     const Maintenance window{9, kTime - 1h, kTime + 1h, kGroup, "works", "ann"};
+    const std::string kept(Alarm::kTextBytes - 1, 'x');
     {
         Store store(directory);
         EXPECT_EQ(store.initial().lastId, 0);
@@ -104,6 +105,7 @@ TEST(EventStore, KnowsAfterARestartWhatIsRaised) {
         said.text = "on it";
         Event first = raised(1);
         first.value = 2.5;
+        first.text = kept + "\nü, beyond the bound";
         store.recordAll({first, raised(2, kOther), event(3, EventKind::kCleared, 2), said,
                          event(5, EventKind::kChannelChanged)});
         store.putMaintenance(window);
@@ -121,6 +123,7 @@ TEST(EventStore, KnowsAfterARestartWhatIsRaised) {
     alarm.severity = Severity::kCritical;
     alarm.raised = kTime;
     alarm.value = alarm.peak = 2.5;
+    alarm.text = kept;
     alarm.acknowledged = Acknowledgement{kTime + 3s, "ann", "on it"};
     EXPECT_THAT(again.initial().active, ElementsAre(alarm));
     EXPECT_THAT(again.initial().maintenance, ElementsAre(window));

@@ -11,6 +11,8 @@
 #include <thread>
 #include <utility>
 
+#include "listing.h"
+
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -57,61 +59,6 @@ std::string megabits(const Json& object) {
     snprintf(number.data(), number.size(), "%.3f", found->get<double>() / 1e6);
     return number.data();
 }
-
-// Characters of UTF-8, counting each as one cell.
-std::size_t cells(std::string_view value) {
-    return static_cast<std::size_t>(
-        std::ranges::count_if(value, [](char byte) { return (static_cast<uint8_t>(byte) & 0xC0) != 0x80; }));
-}
-
-std::string cut(const std::string& value, std::size_t width) {
-    if (cells(value) <= width) {
-        return value;
-    }
-    std::size_t end = 0;
-    for (std::size_t count = 0; end < value.size(); ++end) {
-        if ((static_cast<uint8_t>(value[end]) & 0xC0) != 0x80 && ++count == width) {
-            break;
-        }
-    }
-    return value.substr(0, end) + "…";
-}
-
-// Rows under headings, each column as wide as its longest text; the last is not padded.
-class Table {
-  public:
-    static constexpr std::size_t kWidest = 40;
-
-    explicit Table(std::vector<std::string> headings) {
-        rows_.push_back(std::move(headings));
-    }
-    void add(std::vector<std::string> row) {
-        rows_.push_back(std::move(row));
-    }
-    void print() const {
-        std::vector<std::size_t> widths(rows_[0].size());
-        for (const auto& row : rows_) {
-            for (std::size_t i = 0; i < row.size(); ++i) {
-                widths[i] = std::max(widths[i], std::min(cells(row[i]), kWidest));
-            }
-        }
-        for (const auto& row : rows_) {
-            std::string line;
-            for (std::size_t i = 0; i < row.size(); ++i) {
-                const bool last = i + 1 == row.size();
-                const std::string value = last ? row[i] : cut(row[i], kWidest);
-                line += value;
-                if (!last) {
-                    line.append(widths[i] - cells(value) + 2, ' ');
-                }
-            }
-            puts(line.c_str());
-        }
-    }
-
-  private:
-    std::vector<std::vector<std::string>> rows_;
-};
 
 std::string number(const Json& object, const char* member) {
     return text(object, member);
@@ -213,7 +160,7 @@ int showChannels(StationClient& station, const StationRequest& request) {
         puts("no channels: kestorctl add GROUP... or kestorctl import PLAYLIST adds some");
         return 0;
     }
-    Table table({"GROUP", "STATE", "SEVERITY", "Mbit/s", "LOST", "CC ERR", "ORIGIN", "PROFILE", "NAME"});
+    Listing table({"GROUP", "STATE", "SEVERITY", "Mbit/s", "LOST", "CC ERR", "ORIGIN", "PROFILE", "NAME"});
     for (const Json& channel : channels) {
         table.add({text(channel, "group"), text(channel, "state"), text(channel, "severity"),
                    megabits(channel), text(channel, "packetsLost"), text(channel, "Continuity_count_error"),
@@ -221,6 +168,17 @@ int showChannels(StationClient& station, const StationRequest& request) {
     }
     table.print();
     return 0;
+}
+
+// "acknowledged by Ada: cable out", or "-".
+std::string acknowledgementText(const Json& alarm) {
+    const auto acknowledged = alarm.find("acknowledged");
+    if (acknowledged == alarm.end() || !acknowledged->is_object()) {
+        return "-";
+    }
+    const std::string by = text(*acknowledged, "by");
+    const std::string remark = text(*acknowledged, "remark");
+    return "acknowledged" + (by == "-" ? "" : " by " + by) + (remark == "-" ? "" : ": " + remark);
 }
 
 int showAlarms(StationClient& station, const StationRequest& request) {
@@ -235,17 +193,17 @@ int showAlarms(StationClient& station, const StationRequest& request) {
         puts("no alarms");
         return 0;
     }
-    Table table({"ID", "SEVERITY", "ALARM", "GROUP", "SINCE (UTC)", "ACKNOWLEDGED", "CHANNEL"});
+    Listing table({"ID", "SEVERITY", "ALARM", "GROUP", "SINCE (UTC)", "CHANNEL"});
     for (const Json& alarm : alarms) {
-        const auto acknowledged = alarm.find("acknowledged");
-        const bool is = acknowledged != alarm.end() && acknowledged->is_object();
-        const std::string by = is ? text(*acknowledged, "by") : std::string();
+        std::vector<std::string> below;
+        for (std::string said : {text(alarm, "text"), acknowledgementText(alarm)}) {
+            if (said != "-") {
+                below.push_back(std::move(said));
+            }
+        }
         table.add({text(alarm, "id"), text(alarm, "severity"), text(alarm, "alarm"), text(alarm, "group"),
-                   timeText(alarm, "raised"),
-                   !is         ? "-"
-                   : by == "-" ? "yes"
-                               : by,
-                   text(alarm, "channel")});
+                   timeText(alarm, "raised"), text(alarm, "channel")},
+                  std::move(below));
     }
     table.print();
     return 0;
