@@ -62,6 +62,7 @@ Finding checkServices(const fs::path& root, const Processes& processes, const St
             pids.insert(probe.pid);
         }
         std::vector<std::string> numbers;
+        numbers.reserve(pids.size());
         for (const pid_t pid : pids) {
             numbers.push_back(std::to_string(pid));
         }
