@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <vector>
 
 #include "meter/channelAnalyser.h"
@@ -21,7 +20,7 @@ class MeterChannels {
     MeterChannels(const Recording& recording, uint32_t count)
         : recording_(recording), block_(kBlock * kPayloadSize) {
         for (uint32_t i = 0; i < count; ++i) {
-            channels_.push_back(std::make_unique<meter::ChannelAnalyser>(meter::Settings{}));
+            channels_.emplace_back(meter::Settings{});
         }
     }
     // The next datagrams, in turn to each channel.
@@ -54,7 +53,7 @@ class MeterChannels {
         }
     }
     const meter::ChannelAnalyser& channel(std::size_t index) const {
-        return *channels_[index];
+        return channels_[index];
     }
 
   private:
@@ -68,12 +67,12 @@ class MeterChannels {
         datagram.sourcePort = 5000;
         datagram.destinationPort = 5000;
         datagram.payload = payload;
-        channels_[channel]->feed(datagram);
+        channels_[channel].feed(datagram);
     }
 
     const Recording& recording_;
     std::vector<uint8_t> block_;
-    std::vector<std::unique_ptr<meter::ChannelAnalyser>> channels_;
+    std::vector<meter::ChannelAnalyser> channels_;
     std::size_t next_ = 0;
 };
 

@@ -40,6 +40,9 @@ bool ChannelAnalyser::Channel::isProtection(const Datagram& datagram) const {
 }
 
 void ChannelAnalyser::Channel::feed(const Datagram& datagram) {
+    __builtin_prefetch(&delivery_);
+    interArrival_.fetch();
+    stream_.fetch();
     if (datagram.fragment) {
         ++fragments_;
     } else if (isFlow(datagram)) {
@@ -116,7 +119,10 @@ inline void ChannelAnalyser::Channel::count(Bytes packets, Encapsulation encapsu
 
 inline void ChannelAnalyser::Channel::feedPlain(Bytes packets, Nanoseconds arrival, Nanoseconds wall) {
     count(packets, Encapsulation::kUdp, arrival);
-    order_.flush(*this);
+    if (ordering_) {
+        ordering_ = false;
+        order_.flush(*this);
+    }
     stream_.packets(packets, arrival, wall, 0);
 }
 
@@ -153,6 +159,7 @@ void ChannelAnalyser::Channel::feedFlow(const Datagram& datagram) {
 }
 
 void ChannelAnalyser::Channel::feedRtp(const RtpPacket& rtp, Nanoseconds arrival, Nanoseconds wall) {
+    ordering_ = true;
     if (rtp_.changesSource(rtp)) {
         order_.restart(*this);
     }

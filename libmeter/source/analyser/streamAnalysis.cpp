@@ -16,8 +16,8 @@ bool isScrambled(TsHeader header) {
 }  // namespace
 
 StreamAnalysis::StreamAnalysis(const Settings& settings)
-    : settings_(settings),
-      bare_(settings.bare),
+    : bare_(settings.bare),
+      settings_(settings),
       presence_(std::in_place, settings, pids_, book_, 0),
       information_(std::in_place, settings.serviceInformationRequired, book_, 0) {
     if (bare_ && settings.bitrate.value_or(0) > 0) {
@@ -54,6 +54,7 @@ void StreamAnalysis::packets(Bytes bytes, Nanoseconds arrival, Nanoseconds wall,
 
 // The packets' road. Most packets only go on with what began before, and end in the first branch.
 void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
+    constexpr std::size_t kPidLowByteAt = 2;
     const uint8_t* const begin = packet;
     const uint64_t position = position_;
     StreamTime::Run run = time_.run();
@@ -62,29 +63,26 @@ void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
     for (; packet != end; packet += kPacketSize) {
         const Ticks now = run.next();
         const TsHeader header(packet);
-        PidRecord& record = pids.find(header.pid());
-        if (header.isClearContinuation() && now < lookAt && record.onlyGoesOn(header.continuityCounter()))
-            [[likely]] {
-            record.continuity.accept(header.continuityCounter());
-            ++record.packets;
-            record.lastSeen = now;
-            remember(record, packet);
-            continue;
+        PidState& state = pids.likely(packet[kPidLowByteAt]);
+        if (state.continuity.goesOn(header) && now < lookAt) [[likely]] {
+            if (state.roles == 0) [[likely]] {
+                goOn(state, packet, now);
+                continue;
+            }
+            if (state.roles == kMediaWanted) {
+                goOn(state, packet, now);
+                continueUnit(state, packet);
+                continue;
+            }
         }
-        if (record.roles == kNullRole && packet[0] == kSyncByte && now < lookAt &&
-            !header.transportErrorIndicator()) {
-            ++record.packets;
-            continue;
-        }
-        if (header.isClearContinuation() && now < lookAt && record.roles == kMediaWanted &&
-            record.continuity.isNext(header.continuityCounter())) {
-            continueUnit(record, packet, header, now);
+        if (header.isNull() && state.roles == kNullRole && now < lookAt) {
+            ++state.packets;
             continue;
         }
         position_ = position + static_cast<uint64_t>(packet - begin) / kPacketSize;
         time_.put(run);
         if ((packet[0] == kSyncByte && sync_.calm()) || synchronise(packet)) {
-            lookAtPacket(packet, header, now);
+            lookAtPacket(packet, header, now, state);
         }
         run = time_.run();
         lookAt = timeToLook();
@@ -95,26 +93,29 @@ void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
     keepTouched();
 }
 
+inline void StreamAnalysis::goOn(PidState& state, const uint8_t* packet, Ticks now) {
+    state.continuity.goOn();
+    ++state.packets;
+    state.lastSeen = now;
+    remember(state, packet);
+}
+
 // More of a PES packet that somebody looks at, and nothing else to be seen in the packet.
-void StreamAnalysis::continueUnit(PidRecord& record, const uint8_t* packet, TsHeader header, Ticks now) {
-    record.continuity.accept(header.continuityCounter());
-    ++record.packets;
-    record.lastSeen = now;
-    remember(record, packet);
+void StreamAnalysis::continueUnit(PidState& state, const uint8_t* packet) {
     UnitPiece piece;
     piece.payload = {packet + kTsHeaderSize, kPacketSize - kTsHeaderSize};
-    if (!media_->unit(record.mediaSlot, piece)) {
-        record.roles = 0;
+    if (!MediaStreams::unit(*state.media, piece)) {
+        state.roles = 0;
     }
 }
 
 void StreamAnalysis::keepTouched() {
     for (std::size_t i = 0; i < touchedCount_; ++i) {
-        PidRecord& record = *touched_[i];
-        record.touched = false;
-        if (record.last != nullptr) {
-            memcpy(record.kept.data(), record.last, kPacketSize);
-            record.last = record.kept.data();
+        PidState& state = pids_.stateAt(touched_[i]);
+        if (state.last != nullptr) {
+            state.print = printOf(state.last);
+            state.comparable = true;
+            state.last = nullptr;
         }
     }
     touchedCount_ = 0;
@@ -136,15 +137,31 @@ bool StreamAnalysis::synchronise(const uint8_t* packet) {
     return syncByte;
 }
 
-PidRecord& StreamAnalysis::recordOf(uint16_t pid) {
+// Fetches what is needed next of a PID, while the rest of the packet is looked at.
+inline void fetchRecord(const PidRecord& record) {
+    __builtin_prefetch(&record);
+    __builtin_prefetch(reinterpret_cast<const uint8_t*>(&record) + kCacheLine);
+}
+
+inline PidRecord& StreamAnalysis::recordOf(uint16_t pid, const PidState& likely) {
+    if (likely.pid == pid && (likely.roles & kUnknownPid) == 0) {
+        fetchRecord(*likely.record);
+        __builtin_prefetch(likely.media);
+        return *likely.record;
+    }
+    PidRecord& known = pids_.find(pid);
+    return (known.state->roles & kUnknownPid) != 0 ? recordOfUnknown(pid) : known;
+}
+
+PidRecord& StreamAnalysis::recordOfUnknown(uint16_t pid) {
     PidRecord& record = pids_.obtain(pid);
-    if (record.packets == 0 && (record.roles & kUnknownPid) != 0) {
+    if (record.state->packets == 0 && (record.state->roles & kUnknownPid) != 0) {
         record.referenced = referenced_.test(pid);
         const bool serviceInformation =
             pid == kPatPid || pid == kCatPid || (pid >= kNitPid && pid <= kTdtPid);
         if (serviceInformation && !record.sections) {
             record.sections = std::make_unique<SectionAssembler>(pid);
-            record.roles |= kSectionsPid;
+            record.state->roles |= kSectionsPid;
         }
     }
     return record;
@@ -152,19 +169,19 @@ PidRecord& StreamAnalysis::recordOf(uint16_t pid) {
 
 void StreamAnalysis::transportError(PidRecord& record) {
     book_.hit(Check::kTransportError, record.pid, momentAt(time_.now()).arrival);
-    ++record.packets;
+    ++record.state->packets;
     ++record.notRead;
-    record.continuity.forget();
-    record.last = nullptr;
-    record.roles &= static_cast<uint8_t>(~kMediaWanted);
+    record.state->continuity.forget();
+    record.state->last = nullptr;
+    record.state->comparable = false;
+    record.state->roles &= static_cast<uint8_t>(~kMediaWanted);
     if (record.sections) {
         record.sections->drop();
     }
 }
 
-void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks now) {
-    PidRecord& known = pids_.find(header.pid());
-    PidRecord& record = (known.roles & kUnknownPid) != 0 ? recordOf(header.pid()) : known;
+void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks now, const PidState& likely) {
+    PidRecord& record = recordOf(header.pid(), likely);
     if (header.transportErrorIndicator()) {
         if (now >= nextLook_) {
             look(now);
@@ -172,19 +189,23 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
         transportError(record);
         return;
     }
-    if ((record.roles & kOverflowPid) != 0 || header.pid() == kNullPid ||
+    if ((record.state->roles & kOverflowPid) != 0 || header.pid() == kNullPid ||
         !(header.hasPayload() || header.hasAdaptationField())) {
         if (now >= nextLook_) {
             look(now);
         }
-        ++record.packets;
-        record.lastSeen = now;
+        ++record.state->packets;
+        record.state->lastSeen = now;
         if (header.pid() == kNullPid) {
-            record.roles = kNullRole;
+            record.state->roles = kNullRole;
+            pids_.makeLikely(record);
         } else {
             ++record.notRead;
         }
         return;
+    }
+    if (!record.sections) {  // which are seldom, and would be in the way of others
+        pids_.makeLikely(record);
     }
     const TsPacket bytes(packet, kPacketSize);
     Adaptation adaptation;
@@ -201,9 +222,9 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
         look(now);
     }
     const Moment moment = momentAt(now);
-    ++record.packets;
-    record.lastSeen = now;
-    if ((record.roles & kUnknownPid) != 0) {
+    ++record.state->packets;
+    record.state->lastSeen = now;
+    if ((record.state->roles & kUnknownPid) != 0) {
         presence_->appeared(record, moment);
     }
     if (finding.error) {
@@ -212,7 +233,7 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
         ++record.repeated;
         ++repeated_;
     }
-    remember(record, packet);
+    remember(*record.state, packet);
     if (!header.hasPayload()) {
         ++record.notRead;
         return;
@@ -224,15 +245,25 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
     }
 }
 
+// Whether the packet is the PID's last one once more.
+bool StreamAnalysis::isRepeated(const PidState& state, const uint8_t* packet) {
+    if (state.last != nullptr) {
+        return isRepetition(packet, state.last);
+    }
+    return state.comparable && printOf(packet) == state.print;
+}
+
 ContinuityFinding StreamAnalysis::findContinuity(PidRecord& record, const uint8_t* packet, TsHeader header,
                                                  const Adaptation& adaptation) {
-    if (header.hasPayload() && record.continuity.isNext(header.continuityCounter())) {
-        record.continuity.accept(header.continuityCounter());
+    PidState& state = *record.state;
+    if (header.hasPayload() && state.continuity.isNext(header)) {
+        state.continuity.accept(header);
         return {};
     }
-    const ContinuityFinding finding = record.continuity.packet(packet, record.last, header, adaptation);
+    const bool equal = state.continuity.mayRepeat(header) && isRepeated(state, packet);
+    const ContinuityFinding finding = state.continuity.packet(header, adaptation, equal);
     if (finding.broken) {
-        record.roles &= static_cast<uint8_t>(~kMediaWanted);
+        record.state->roles &= static_cast<uint8_t>(~kMediaWanted);
         if (record.sections) {
             record.sections->drop();
         }
@@ -272,12 +303,14 @@ Ticks StreamAnalysis::readPcr(PidRecord& record, Ticks value) {
     if (record.clock->count() == 0) {
         clocks_.push_back(&record);
     }
+    record.clock->fetch();
     const bool signalled = record.discontinuity;
     record.track.discontinuity = signalled;
     record.discontinuity = false;
     const Ticks now = time_.pcr(record.pid, record.track, value, position_);
     const Moment moment = momentAt(now);
     const PcrFinding finding = record.clock->pcr(value, moment, record.track.time, signalled);
+    record.pcr = {value, now};
     const Ticks limit = settings_.pcrRepetitionMs * kTicksPerMs;
     if (finding.interval > limit) {
         book_.holdFor(Check::kPcrRepetitionError, record.pid,
@@ -313,7 +346,7 @@ void StreamAnalysis::scrambledPacket(PidRecord& record, TsHeader header, const M
         record.key = key;
     }
     record.ptsAt.reset();
-    record.roles &= static_cast<uint8_t>(~kMediaWanted);
+    record.state->roles &= static_cast<uint8_t>(~kMediaWanted);
     presence_->scrambled(moment);
     if (record.sections) {
         record.sections->drop();
@@ -341,15 +374,16 @@ void StreamAnalysis::readPayload(PidRecord& record, Bytes payload, TsHeader head
     if (piece.start) {
         const std::optional<PesStart> start = pesStartOf(payload);
         if (!start) {
-            record.roles &= static_cast<uint8_t>(~kMediaWanted);
+            record.state->roles &= static_cast<uint8_t>(~kMediaWanted);
             return;
         }
         startPes(record, piece, *start, moment);
-    } else if ((record.roles & kMediaWanted) == 0) {
+    } else if ((record.state->roles & kMediaWanted) == 0) {
         return;
     }
-    const bool wanted = record.mediaSlot >= 0 && media_->unit(record.mediaSlot, piece);
-    record.roles = static_cast<uint8_t>(wanted ? record.roles | kMediaWanted : record.roles & ~kMediaWanted);
+    const bool wanted = record.state->media != nullptr && MediaStreams::unit(*record.state->media, piece);
+    record.state->roles = static_cast<uint8_t>(wanted ? record.state->roles | kMediaWanted
+                                                      : record.state->roles & ~kMediaWanted);
 }
 
 void StreamAnalysis::startPes(PidRecord& record, UnitPiece& piece, const PesStart& start,
@@ -369,12 +403,10 @@ void StreamAnalysis::startPes(PidRecord& record, UnitPiece& piece, const PesStar
         }
         record.ptsAt = now;
     }
-    const PidRecord* clock = pids_.known(record.clockPid);
-    if (clock != nullptr && clock->clock) {
-        if (const std::optional<Ticks> value = clock->clock->valueAt(now)) {
-            const Ticks ahead = pcrStep(*value, *start.pts * kTicksPer90kHz);
-            piece.ptsAhead = ahead > kHalfPcrRange ? ahead - kPcrModulus : ahead;
-        }
+    const PidRecord* clock = record.clockRecord;
+    if (clock != nullptr && clock->pcr) {
+        const Ticks ahead = pcrStep(clock->pcr->valueAt(now), *start.pts * kTicksPer90kHz);
+        piece.ptsAhead = ahead > kHalfPcrRange ? ahead - kPcrModulus : ahead;
     }
 }
 

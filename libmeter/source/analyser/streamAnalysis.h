@@ -35,6 +35,13 @@ class StreamAnalysis final : private SectionSink {
     // Whole packets (a multiple of kPacketSize bytes) that arrived together, `arrival` after the begin;
     // `missing` packets before them stay missing. A bare file has no arrival.
     void packets(Bytes bytes, Nanoseconds arrival, Nanoseconds wall, uint64_t missing);
+    // Fetches what packets() is about to touch, while other work is done.
+    void fetch() const {
+        __builtin_prefetch(&time_);
+        __builtin_prefetch(&nextLook_);
+        __builtin_prefetch(&touched_);
+        pids_.fetch();
+    }
     // Nothing came until `arrival`.
     void advance(Nanoseconds arrival);
     // What follows is another stream. Counters go on, all else begins anew.
@@ -61,7 +68,7 @@ class StreamAnalysis final : private SectionSink {
     void fill(Report& report) const;
 
   private:
-    static constexpr std::size_t kPacketsTogether = 64;  // whose bytes are kept at their end
+    static constexpr std::size_t kPacketsTogether = 64;  // after which their last ones are kept
     static constexpr std::size_t kChangesLimit = 100;    // the newest are kept
 
     void section(const Section& section) override;
@@ -69,11 +76,15 @@ class StreamAnalysis final : private SectionSink {
 
     void batch(const uint8_t* packet, const uint8_t* end);
     bool synchronise(const uint8_t* packet);
-    void lookAtPacket(const uint8_t* packet, TsHeader header, Ticks now);
-    void continueUnit(PidRecord& record, const uint8_t* packet, TsHeader header, Ticks now);
+    void lookAtPacket(const uint8_t* packet, TsHeader header, Ticks now, const PidState& likely);
+    void goOn(PidState& state, const uint8_t* packet, Ticks now);
+    void continueUnit(PidState& state, const uint8_t* packet);
     void transportError(PidRecord& record);
-    PidRecord& recordOf(uint16_t pid);
+    PidRecord& recordOf(uint16_t pid, const PidState& likely);
+    PidRecord& recordOfUnknown(uint16_t pid);
+    const PidRecord* clockRecordOf(const ProgramModel& program);
     void scrambledPacket(PidRecord& record, TsHeader header, const Moment& moment);
+    static bool isRepeated(const PidState& state, const uint8_t* packet);
     ContinuityFinding findContinuity(PidRecord& record, const uint8_t* packet, TsHeader header,
                                      const Adaptation& adaptation);
     void continuityError(PidRecord& record, const ContinuityFinding& finding, const Moment& moment);
@@ -82,12 +93,11 @@ class StreamAnalysis final : private SectionSink {
     void readPayload(PidRecord& record, Bytes payload, TsHeader header, bool randomAccess,
                      const Moment& moment);
     void startPes(PidRecord& record, UnitPiece& piece, const PesStart& start, const Moment& moment);
-    void remember(PidRecord& record, const uint8_t* packet) {
-        record.last = packet;
-        if (!record.touched) {
-            record.touched = true;
-            touched_[touchedCount_++] = &record;
+    void remember(PidState& state, const uint8_t* packet) {
+        if (state.last == nullptr) {
+            touched_[touchedCount_++] = pids_.placeOf(state);
         }
+        state.last = packet;
     }
     void keepTouched();
 
@@ -118,10 +128,8 @@ class StreamAnalysis final : private SectionSink {
     void fillLoss(LossReport& report) const;
     void fillServices(Report& report) const;
 
-    Settings settings_;
-    bool bare_;
-
     // What every datagram touches.
+    bool bare_;
     StreamTime time_;
     Ticks nextLook_ = 0;
     uint64_t position_ = 0;
@@ -130,9 +138,10 @@ class StreamAnalysis final : private SectionSink {
     Nanoseconds arrival_ = 0;
     Nanoseconds wall_ = 0;
     Nanoseconds secondEnd_ = kNsPerSecond;
-    std::array<PidRecord*, kPacketsTogether> touched_{};
+    std::array<uint8_t, kPacketsTogether> touched_{};  // places of PIDs whose last packet is to be kept
     PidTable pids_;
 
+    Settings settings_;
     Nanoseconds lookedAt_ = 0;  // arrival of the last look
     int64_t second_ = 0;        // that runs
     CheckBook book_;

@@ -31,13 +31,13 @@ void StreamAnalysis::advance(Nanoseconds arrival) {
 }
 
 void StreamAnalysis::endSecond(PidRecord& record, int64_t seconds) {
-    const uint64_t packets = record.packets - record.packetsAtSecond;
-    const uint64_t clear = record.packets - record.scrambled - record.notRead;
+    const uint64_t packets = record.state->packets - record.packetsAtSecond;
+    const uint64_t clear = record.state->packets - record.scrambled - record.notRead;
     if (packets > 0) {
         record.keysShown = static_cast<uint8_t>(record.keysInSecond | (clear > record.clearAtSecond ? 1 : 0));
     }
     record.keysInSecond = 0;
-    record.packetsAtSecond = record.packets;
+    record.packetsAtSecond = record.state->packets;
     record.clearAtSecond = clear;
     record.rates.push(static_cast<uint32_t>(packets));
     record.rates.push(0, seconds - 1);
@@ -48,7 +48,7 @@ void StreamAnalysis::endSeconds(Nanoseconds arrival) {
     const int64_t seconds = second - second_;
     const uint64_t received = this->received() - receivedAtSecond_;
     const PidRecord* null = pids_.known(kNullPid);
-    const uint64_t nullCount = null != nullptr ? null->packets : 0;
+    const uint64_t nullCount = null != nullptr ? null->state->packets : 0;
     nullShare_.reset();
     if (received > 0 && seconds == 1) {
         nullShare_ = static_cast<double>(nullCount - nullAtSecond_) / static_cast<double>(received);
@@ -100,10 +100,11 @@ void StreamAnalysis::restart(Nanoseconds arrival) {
     rates_.clear();
     nullShare_.reset();
     for (PidRecord& record : pids_.all()) {
-        record.lastSeen = 0;
-        record.last = nullptr;
-        record.roles = kUnknownPid;
-        record.continuity.forget();
+        record.state->lastSeen = 0;
+        record.state->last = nullptr;
+        record.state->comparable = false;
+        record.state->roles = kUnknownPid;
+        record.state->continuity.forget();
         record.key = 0;
         record.keysInSecond = 0;
         record.keysShown = 0;
@@ -114,9 +115,10 @@ void StreamAnalysis::restart(Nanoseconds arrival) {
         record.track = {};
         record.discontinuity = false;
         record.clock.reset();
+        record.pcr.reset();
         if (record.sections) {
             record.sections = std::make_unique<SectionAssembler>(record.pid);
-            record.roles |= kSectionsPid;
+            record.state->roles |= kSectionsPid;
         }
     }
     presence_.emplace(settings_, pids_, book_, 0);

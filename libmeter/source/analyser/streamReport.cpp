@@ -109,7 +109,7 @@ void StreamAnalysis::fillLoss(LossReport& report) const {
 
 void StreamAnalysis::fillPids(Report& report) const {
     for (const PidRecord& record : pids_.all()) {
-        if (record.packets == 0) {
+        if (record.state->packets == 0) {
             continue;
         }
         PidReport& pid = report.pids.emplace_back();
@@ -121,7 +121,7 @@ void StreamAnalysis::fillPids(Report& report) const {
                    : !record.referenced      ? "unreferenced"
                    : record.clock != nullptr ? "clock"
                                              : "table";  // of conditional access, or the network's
-        pid.packets = record.packets;
+        pid.packets = record.state->packets;
         if (!record.rates.empty()) {
             pid.bps = record.rates.latest() * kPacketBits;
             pid.lowest = record.rates.lowest() * kPacketBits;
@@ -170,7 +170,7 @@ void StreamAnalysis::fillServices(Report& report) const {
 void StreamAnalysis::fill(Report& report) const {
     report.seconds = static_cast<double>(now()) / static_cast<double>(kNsPerSecond);
     report.packets.received = received();
-    report.packets.null = pids_.known(kNullPid) != nullptr ? pids_.known(kNullPid)->packets : 0;
+    report.packets.null = pids_.known(kNullPid) != nullptr ? pids_.known(kNullPid)->state->packets : 0;
     report.packets.scrambled = scrambled_;
     report.packets.repeated = repeated_;
     fillLoss(report.packets.lost);

@@ -39,10 +39,11 @@ void StreamAnalysis::section(const Section& section) {
     const uint8_t table = sectionTableId(section.bytes);
     const Moment& moment = section.moment;
     if (pids_.find(section.pid).cues && table == kSpliceInfoTable) {
-        const PidRecord* clock = pids_.known(pids_.find(section.pid).clockPid);
-        cues_->section(section,
-                       clock != nullptr && clock->clock ? clock->clock->valueAt(moment.stream) : std::nullopt,
-                       newCues_);
+        const PidRecord* clock = pids_.find(section.pid).clockRecord;
+        cues_->section(
+            section,
+            clock != nullptr && clock->pcr ? std::optional(clock->pcr->valueAt(moment.stream)) : std::nullopt,
+            newCues_);
         for (CueReport& cue : newCues_) {
             tell(std::move(cue));
         }
@@ -82,6 +83,14 @@ void StreamAnalysis::section(const Section& section) {
     modelChanged_ = modelChanged_ || services_->model().revision != modelRevision_;
 }
 
+const PidRecord* StreamAnalysis::clockRecordOf(const ProgramModel& program) {
+    if (program.pcrPid == kNullPid) {  // it has none
+        return nullptr;
+    }
+    const PidRecord& record = pids_.obtain(program.pcrPid);
+    return (record.state->roles & kOverflowPid) == 0 ? &record : nullptr;
+}
+
 // Not from within a section: what reads it may go.
 void StreamAnalysis::applyModel() {
     const ServiceModel& model = services_->model();
@@ -101,22 +110,23 @@ void StreamAnalysis::applyModel() {
     for (PidRecord& record : pids_.all()) {
         record.stream = false;
         record.stillPicture = false;
-        record.clockPid = kNullPid;
+        record.clockRecord = nullptr;
     }
     for (const ProgramModel& program : model.programs) {
         refer(program.pmtPid);
         pmtPids.set(program.pmtPid & (kPidCount - 1));
         refer(program.pcrPid);
         std::ranges::for_each(program.ecmPids, [this](uint16_t pid) { refer(pid); });
+        const PidRecord* const clock = clockRecordOf(program);
         for (const StreamModel& stream : program.streams) {
             refer(stream.pid);
             std::ranges::for_each(stream.ecmPids, [this](uint16_t pid) { refer(pid); });
             PidRecord& record = pids_.obtain(stream.pid);
-            if ((record.roles & kOverflowPid) == 0) {
+            if ((record.state->roles & kOverflowPid) == 0) {
                 record.stream = true;
                 record.kind = stream.kind;
                 record.stillPicture = stream.stillPicture;
-                record.clockPid = program.pcrPid;
+                record.clockRecord = clock;
             }
             if (stream.kind == StreamKind::kCue) {
                 cuePids.set(stream.pid & (kPidCount - 1));
@@ -134,17 +144,17 @@ void StreamAnalysis::applyModel() {
         record.referenced = referenced_.test(record.pid);
         record.tables = pmtPids.test(record.pid);
         record.cues = cuePids.test(record.pid);
-        record.mediaSlot = record.stream && !tables.test(record.pid) ? media_->slot(record.pid) : -1;
-        record.roles &= static_cast<uint8_t>(~kMediaWanted);
+        record.state->media = record.stream && !tables.test(record.pid) ? media_->find(record.pid) : nullptr;
+        record.state->roles &= static_cast<uint8_t>(~kMediaWanted);
         if (record.pid <= kLastReservedPid) {
             continue;
         }
         if (tables.test(record.pid) && !record.sections) {
             record.sections = std::make_unique<SectionAssembler>(record.pid);
-            record.roles |= kSectionsPid;
+            record.state->roles |= kSectionsPid;
         } else if (!tables.test(record.pid)) {
             record.sections.reset();
-            record.roles &= static_cast<uint8_t>(~kSectionsPid);
+            record.state->roles &= static_cast<uint8_t>(~kSectionsPid);
         }
     }
     presence_->setModel(model, momentAt(time_.now()));

@@ -44,7 +44,7 @@ void Presence::scrambled(const Moment& moment) {
 }
 
 void Presence::appeared(PidRecord& record, const Moment& moment) {
-    record.roles &= static_cast<uint8_t>(~kUnknownPid);
+    record.state->roles &= static_cast<uint8_t>(~kUnknownPid);
     for (Listed& listed : listed_) {
         if (listed.record == &record) {
             listed.absence.came(moment.stream, Check::kPidError, moment.arrival, book_);
@@ -72,10 +72,10 @@ Ticks Presence::look(const Look& at) {
     }
     for (Listed& listed : listed_) {
         Absence& absence = listed.absence;
-        absence.last = std::max(absence.last, listed.record->lastSeen);
+        absence.last = std::max(absence.last, listed.record->state->lastSeen);
         consider(absence, absence.look(at, pidLimit_, Check::kPidError, listed.record->pid, book_));
         if (absence.held) {
-            listed.record->roles |= kUnknownPid;
+            listed.record->state->roles |= kUnknownPid;
         }
     }
     std::erase_if(unreferenced_, [&](PidRecord* record) {
@@ -108,7 +108,7 @@ void Presence::setModel(const ServiceModel& model, const Moment& moment) {
                                  (stream.kind == StreamKind::kAudio && stream.audioType == 0);
             PidRecord& record = pids_.obtain(stream.pid);
             const auto is = [&](const Listed& known) { return known.record == &record; };
-            if (!watched || (record.roles & kOverflowPid) != 0 ||
+            if (!watched || (record.state->roles & kOverflowPid) != 0 ||
                 std::ranges::find_if(listed, is) != listed.end()) {
                 continue;
             }
@@ -135,7 +135,7 @@ void Presence::setModel(const ServiceModel& model, const Moment& moment) {
     for (PidRecord& record : pids_.all()) {
         if (!record.referenced) {
             if (!record.unreferencedFrom) {
-                record.roles |= kUnknownPid;
+                record.state->roles |= kUnknownPid;
             }
             continue;
         }

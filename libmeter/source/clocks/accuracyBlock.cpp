@@ -10,13 +10,14 @@ void AccuracyBlock::add(uint64_t position, Ticks time, Nanoseconds arrival) {
         firstPosition_ = position;
         firstTime_ = time;
     }
+    lastTime_ = static_cast<uint32_t>(std::min<Ticks>(time - firstTime_, UINT32_MAX));
     points_.push_back({static_cast<uint32_t>(std::min<uint64_t>(position - firstPosition_, UINT32_MAX)),
-                       static_cast<uint32_t>(std::min<Ticks>(time - firstTime_, UINT32_MAX)), arrival});
+                       lastTime_, arrival});
 }
 
 bool AccuracyBlock::full() const {
     return points_.size() >= kPcrsLimit ||
-           (points_.size() >= kAccuracyBlockPcrs && points_.back().time >= kAccuracyBlockSpan);
+           (points_.size() >= kAccuracyBlockPcrs && lastTime_ >= kAccuracyBlockSpan);
 }
 
 AccuracyFinding AccuracyBlock::close(bool constant) {

@@ -43,6 +43,7 @@ class AccuracyBlock {
 
     uint64_t firstPosition_ = 0;
     Ticks firstTime_ = 0;
+    uint32_t lastTime_ = 0;  // of the newest point
     std::vector<Point> points_;
     std::vector<Nanoseconds> beyond_;
 };

@@ -91,13 +91,6 @@ AccuracyFinding ProgramClock::closeBlock() {
     return finding;
 }
 
-std::optional<Ticks> ProgramClock::valueAt(Ticks streamTime) const {
-    if (count_ == 0) {
-        return std::nullopt;
-    }
-    return (value_ + std::max<Ticks>(streamTime - streamTime_, 0)) % kPcrModulus;
-}
-
 void ProgramClock::fill(ClockReport& report, bool bare) const {
     const auto ms = [](Ticks ticks) { return static_cast<double>(ticks) / static_cast<double>(kTicksPerMs); };
     if (intervalCount_ > 0) {

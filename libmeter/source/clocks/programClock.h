@@ -1,6 +1,7 @@
 // What is measured of one PID's PCRs (ETSI TR 101 290, 5.3.2).
 #pragma once
 
+#include <algorithm>
 #include <optional>
 
 #include "clocks/accuracyBlock.h"
@@ -20,8 +21,27 @@ struct PcrFinding {
     AccuracyFinding accuracy;
 };
 
+// A PCR, and what it says of later moments.
+struct PcrReading {
+    Ticks value;
+    Ticks streamTime;  // of its packet
+
+    Ticks valueAt(Ticks later) const {
+        return (value + std::max<Ticks>(later - streamTime, 0)) % kPcrModulus;
+    }
+};
+
 class ProgramClock {
   public:
+    // Fetches what pcr() is about to touch.
+    void fetch() const {
+        constexpr std::size_t kLine = 64;
+        const auto* const begin = reinterpret_cast<const uint8_t*>(this);
+#pragma GCC unroll 8
+        for (std::size_t at = 0; at < sizeof *this; at += kLine) {
+            __builtin_prefetch(begin + at);
+        }
+    }
     // A PCR of the packet at `moment`. `own`: its stream time, not held back; `signalled`:
     // discontinuity_indicator came since the PCR before.
     PcrFinding pcr(Ticks value, const Moment& moment, Ticks own, bool signalled);
@@ -35,8 +55,6 @@ class ProgramClock {
         offset_.secondEnded(second);
     }
 
-    // The value at a later stream time; nothing before the first PCR.
-    std::optional<Ticks> valueAt(Ticks streamTime) const;
     uint64_t count() const {
         return count_;
     }

@@ -11,19 +11,44 @@ constexpr uint64_t kSpreadShare = 100;  // of the median; a constant rate's spre
 
 }  // namespace
 
-// Equal rates stand in the order of their places, so that each can be found again.
 bool RecentRates::rateLess(uint16_t a, uint16_t b) const {
     const Pace first = ring_[a].pace();
     const Pace second = ring_[b].pace();
     const uint64_t left = uint64_t{first.packets} * second.ticks;
     const uint64_t right = uint64_t{second.packets} * first.ticks;
-    return left != right ? left < right : a < b;
+    return left < right;
+}
+
+// What is looked at is spread over the order; with a thousand channels none of it is in the caches.
+void RecentRates::fetch() const {
+    constexpr std::size_t kLine = 64 / sizeof(uint16_t);
+    for (std::size_t i = 0; i < order_.size(); i += kLine) {
+        __builtin_prefetch(order_.data() + i);
+    }
+    // Others take their places, but not far from them.
+    for (const uint16_t index : {lowIndex_, medianIndex_, highIndex_}) {
+        __builtin_prefetch(ring_.data() + index);
+    }
+}
+
+// Behind those that are equal. Where the bit rate is constant most are, and it is the last one.
+void RecentRates::insert(uint16_t index) {
+    auto place = order_.end();
+    if (!order_.empty() && rateLess(index, order_.back())) {
+        place = std::upper_bound(order_.begin(), order_.end() - 1, index,
+                                 [this](uint16_t a, uint16_t b) { return rateLess(a, b); });
+    }
+    order_.insert(place, index);
 }
 
 void RecentRates::dropOldest() {
     const auto index = static_cast<uint16_t>(oldest_);
-    const auto place = std::lower_bound(order_.begin(), order_.end(), index,
-                                        [this](uint16_t a, uint16_t b) { return rateLess(a, b); });
+    // The first of those that are equal.
+    auto place = order_.begin();
+    if (*place != index) {
+        place = std::lower_bound(order_.begin() + 1, order_.end(), index,
+                                 [this](uint16_t a, uint16_t b) { return rateLess(a, b); });
+    }
     packets_ -= ring_[index].packets;
     ticks_ -= ring_[index].ticks;
     order_.erase(place);
@@ -42,11 +67,12 @@ void RecentRates::grow() {
     for (std::size_t i = 0; i < held; ++i) {
         order_[i] = static_cast<uint16_t>(i);
     }
-    std::sort(order_.begin(), order_.end(), [this](uint16_t a, uint16_t b) { return rateLess(a, b); });
+    std::stable_sort(order_.begin(), order_.end(), [this](uint16_t a, uint16_t b) { return rateLess(a, b); });
     order_.reserve(ring_.size());
 }
 
 void RecentRates::add(const Pace& pace, Ticks now) {
+    fetch();
     const auto ms = static_cast<uint32_t>(now / kTicksPerMs);
     constexpr uint32_t kSpanMs = kSpan / kTicksPerMs;
     const bool allOld = ms - newestMs_ > kSpanMs;
@@ -65,26 +91,25 @@ void RecentRates::add(const Pace& pace, Ticks now) {
     ring_[index] = {pace.ticks & kPartLimit, pace.packets & kPartLimit, ms & UINT16_MAX};
     packets_ += pace.packets;
     ticks_ += pace.ticks;
-    order_.insert(std::upper_bound(order_.begin(), order_.end(), index,
-                                   [this](uint16_t a, uint16_t b) { return rateLess(a, b); }),
-                  index);
+    insert(index);
     judge();
 }
 
 void RecentRates::judge() {
     const std::size_t count = order_.size();
+    medianIndex_ = order_[count / 2];
+    median_ = ring_[medianIndex_].pace();
     constant_ = false;
     if (count < kRatesToJudge) {
         return;
     }
     // With 32 bits of fraction: far finer than a hundredth.
-    const auto rate = [this](std::size_t rank) {
-        const Pace pace = paceAt(rank);
-        return (uint64_t{pace.packets} << 32) / pace.ticks;
-    };
-    const uint64_t low = rate(count * 5 / 100);
-    const uint64_t high = rate(count * 95 / 100);
-    constant_ = (high - low) < rate(count / 2) / kSpreadShare;
+    const auto rate = [](const Pace& pace) { return (uint64_t{pace.packets} << 32) / pace.ticks; };
+    lowIndex_ = order_[count * 5 / 100];
+    highIndex_ = order_[count * 95 / 100];
+    const uint64_t low = rate(ring_[lowIndex_].pace());
+    const uint64_t high = rate(ring_[highIndex_].pace());
+    constant_ = (high - low) < rate(median_) / kSpreadShare;
 }
 
 void RecentRates::clear() {

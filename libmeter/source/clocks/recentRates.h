@@ -27,7 +27,7 @@ class RecentRates {
     }
     // REQUIRES: not empty.
     Pace median() const {
-        return paceAt(order_.size() / 2);
+        return median_;
     }
     // Whether 8 or more rates lie as close together as those of a constant bit rate do.
     bool constant() const {
@@ -55,20 +55,23 @@ class RecentRates {
             return {static_cast<uint32_t>(ticks), static_cast<uint32_t>(packets)};
         }
     };
-    Pace paceAt(std::size_t rank) const {
-        return ring_[order_[rank]].pace();
-    }
     bool rateLess(uint16_t a, uint16_t b) const;
+    void fetch() const;
+    void insert(uint16_t index);
     void dropOldest();
     void grow();
     void judge();
 
     std::vector<Sample> ring_;     // its size is its capacity
-    std::vector<uint16_t> order_;  // indices into the ring, from the lowest rate on
+    std::vector<uint16_t> order_;  // indices into the ring, from the lowest rate on; equal ones by age
     std::size_t oldest_ = 0;
     uint32_t newestMs_ = 0;  // when the newest ended, modulo 2^32
     uint64_t packets_ = 0;
     uint64_t ticks_ = 0;
+    Pace median_;
+    uint16_t lowIndex_ = 0;  // where those that judge() looked at last are
+    uint16_t medianIndex_ = 0;
+    uint16_t highIndex_ = 0;
     bool constant_ = false;
 };
 

@@ -24,7 +24,9 @@ bool isPresented(StreamKind kind) {
     return kind != StreamKind::kCue && kind != StreamKind::kData;
 }
 
-struct Stream {
+}  // namespace
+
+struct MediaStream {
     uint16_t pid;
     Codec codec;
     std::optional<uint8_t> aacProfileLevel;
@@ -57,14 +59,15 @@ struct Stream {
     }
 };
 
-}  // namespace
-
 struct MediaStreams::State {
-    std::vector<Stream> streams;  // by PID, each once
+    std::vector<std::unique_ptr<MediaStream>> streams;  // by PID, each once
 
-    const Stream* find(uint16_t pid) const {
-        const auto place = std::ranges::lower_bound(streams, pid, {}, &Stream::pid);
-        return place != streams.end() && place->pid == pid ? &*place : nullptr;
+    MediaStream* find(uint16_t pid) const {
+        const auto place = std::ranges::lower_bound(streams, pid, {}, pidOf);
+        return place != streams.end() && (*place)->pid == pid ? place->get() : nullptr;
+    }
+    static uint16_t pidOf(const std::unique_ptr<MediaStream>& stream) {
+        return stream->pid;
     }
     void fillService(ServiceReport& service) const;
 };
@@ -73,51 +76,49 @@ MediaStreams::MediaStreams() : state_(std::make_unique<State>()) {}
 MediaStreams::~MediaStreams() = default;
 
 void MediaStreams::setModel(const ServiceModel& model) {
-    std::vector<Stream> fresh;
+    std::vector<std::unique_ptr<MediaStream>> fresh;
     for (const ProgramModel& program : model.programs)
         for (const StreamModel& stream : program.streams)
             if (isPresented(stream.kind))
-                fresh.push_back({.pid = stream.pid,
-                                 .codec = stream.codec,
-                                 .aacProfileLevel = stream.aacProfileLevel,
-                                 .video = {},
-                                 .audio = {},
-                                 .leastAhead = {},
-                                 .lastLeastAhead = {}});
-    std::ranges::stable_sort(fresh, {}, &Stream::pid);
-    fresh.erase(std::unique(fresh.begin(), fresh.end(),
-                            [](const Stream& one, const Stream& other) { return one.pid == other.pid; }),
-                fresh.end());
+                fresh.push_back(
+                    std::make_unique<MediaStream>(MediaStream{.pid = stream.pid,
+                                                              .codec = stream.codec,
+                                                              .aacProfileLevel = stream.aacProfileLevel,
+                                                              .video = {},
+                                                              .audio = {},
+                                                              .leastAhead = {},
+                                                              .lastLeastAhead = {}}));
+    std::ranges::stable_sort(fresh, {}, State::pidOf);
+    const auto repeated = std::ranges::unique(fresh, {}, State::pidOf);
+    fresh.erase(repeated.begin(), repeated.end());
     if (fresh.size() > kMediaStreamsLimit)
         fresh.erase(fresh.begin() + kMediaStreamsLimit, fresh.end());
-    for (Stream& old : state_->streams) {
-        const auto place = std::ranges::lower_bound(fresh, old.pid, {}, &Stream::pid);
-        if (place != fresh.end() && place->pid == old.pid && place->codec == old.codec &&
-            place->aacProfileLevel == old.aacProfileLevel)
+    for (std::unique_ptr<MediaStream>& old : state_->streams) {
+        const auto place = std::ranges::lower_bound(fresh, old->pid, {}, State::pidOf);
+        if (place != fresh.end() && (*place)->pid == old->pid && (*place)->codec == old->codec &&
+            (*place)->aacProfileLevel == old->aacProfileLevel)
             *place = std::move(old);
     }
     state_->streams = std::move(fresh);
 }
 
-int MediaStreams::slot(uint16_t pid) const {
-    const Stream* stream = state_->find(pid);
-    return stream != nullptr ? static_cast<int>(stream - state_->streams.data()) : kNoSlot;
+MediaStream* MediaStreams::find(uint16_t pid) const {
+    return state_->find(pid);
 }
 
-bool MediaStreams::unit(int slot, const UnitPiece& piece) {
-    Stream& stream = state_->streams[static_cast<std::size_t>(slot)];
+bool MediaStreams::unit(MediaStream& stream, const UnitPiece& piece) {
     if (piece.start && piece.ptsAhead && (!stream.leastAhead || *piece.ptsAhead < *stream.leastAhead))
         stream.leastAhead = piece.ptsAhead;
     return stream.feed(piece);
 }
 
 void MediaStreams::secondEnded() {
-    for (Stream& stream : state_->streams) {
-        stream.lastLeastAhead = std::exchange(stream.leastAhead, std::nullopt);
-        if (stream.video != nullptr)
-            stream.video->secondEnded();
-        if (stream.audio != nullptr)
-            stream.audio->secondEnded();
+    for (const std::unique_ptr<MediaStream>& stream : state_->streams) {
+        stream->lastLeastAhead = std::exchange(stream->leastAhead, std::nullopt);
+        if (stream->video != nullptr)
+            stream->video->secondEnded();
+        if (stream->audio != nullptr)
+            stream->audio->secondEnded();
     }
 }
 
@@ -125,7 +126,7 @@ void MediaStreams::State::fillService(ServiceReport& service) const {
     std::optional<double> video;
     std::optional<double> audio;
     for (StreamReport& report : service.streams) {
-        const Stream* stream = find(report.pid);
+        const MediaStream* stream = find(report.pid);
         if (stream == nullptr)
             continue;
         report.ptsAheadMs = stream->aheadMs();

@@ -25,20 +25,20 @@ struct UnitPiece {
 // Streams looked at, those with the lowest PIDs.
 inline constexpr std::size_t kMediaStreamsLimit = 256;
 
+struct MediaStream;
+
 class MediaStreams {
   public:
-    static constexpr int kNoSlot = -1;
-
     MediaStreams();
     ~MediaStreams();
 
     // The tables changed: streams of the same PID and codec go on, others begin anew.
     void setModel(const ServiceModel& model);
-    // The number to feed a PID by, until the next setModel(); kNoSlot where nothing is looked at there.
-    int slot(uint16_t pid) const;
+    // What to feed a PID by, until the next setModel(); null where nothing is looked at there.
+    MediaStream* find(uint16_t pid) const;
     // Returns whether the next packet of the same PES packet is wanted as well. A piece whose `start` is set
     // always comes; after a gap in the PID the next one with `start` comes first.
-    bool unit(int slot, const UnitPiece& piece);
+    static bool unit(MediaStream& stream, const UnitPiece& piece);
     // A whole second of arrival ended: "the last second" and "the last minute" move on.
     void secondEnded();
     // Fills video, gop, audio, ptsAheadMs of the streams and audioVideoMs of the services of the report.

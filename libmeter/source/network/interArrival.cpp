@@ -6,13 +6,16 @@
 namespace meter {
 
 void InterArrival::keep(uint32_t ns) {
-    const auto begin = longest_.begin();
-    if (keptCount_ == kLongest) {
-        std::pop_heap(begin, longest_.end(), std::greater<>());
-        --keptCount_;
+    if (!heap_) {
+        heap_ = true;
+        std::ranges::make_heap(longest_, std::greater<>());
     }
-    longest_[keptCount_++] = ns;
-    std::push_heap(begin, begin + static_cast<std::ptrdiff_t>(keptCount_), std::greater<>());
+    if (ns > longest_.front()) {
+        std::ranges::pop_heap(longest_, std::greater<>());
+        longest_.back() = ns;
+        std::ranges::push_heap(longest_, std::greater<>());
+    }
+    shortest_ = longest_.front();
 }
 
 void InterArrival::secondsEnded(int64_t seconds) {
@@ -33,6 +36,8 @@ void InterArrival::secondsEnded(int64_t seconds) {
     lowest_ = std::numeric_limits<Nanoseconds>::max();
     highest_ = 0;
     keptCount_ = 0;
+    shortest_ = 0;
+    heap_ = false;
     for (int64_t i = std::min<int64_t>(seconds, kMinuteSeconds); i > 0; --i) {
         for (std::size_t bin = 0; bin < kHistogramBins; ++bin) {
             const auto ended = static_cast<uint16_t>(std::min<uint32_t>(running_[bin], UINT16_MAX));

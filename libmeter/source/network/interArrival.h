@@ -20,6 +20,11 @@ class InterArrival {
     // known.
     static constexpr std::size_t kLongest = 512;
 
+    // Fetches what datagram() is about to touch.
+    void fetch() const {
+        __builtin_prefetch(&lowest_);
+        __builtin_prefetch(&running_);
+    }
     // `between`: not negative.
     void datagram(Nanoseconds between) {
         lowest_ = std::min(lowest_, between);
@@ -27,9 +32,11 @@ class InterArrival {
         sum_ += between;
         ++count_;
         ++running_[binOf(between)];
-        // The longest ones are kept, the shortest of them in front: enough to find the percentile among.
+        // The longest ones are kept: enough to find the percentile among.
         const auto ns = static_cast<uint32_t>(std::min<Nanoseconds>(between, UINT32_MAX));
-        if (keptCount_ < kLongest || ns > longest_[0]) {
+        if (keptCount_ < kLongest) {
+            longest_[keptCount_++] = ns;
+        } else if (ns > shortest_) {
             keep(ns);
         }
     }
@@ -58,15 +65,22 @@ class InterArrival {
     }
     void keep(uint32_t ns);
 
-    std::size_t keptCount_ = 0;
+    using Longest = std::array<uint32_t, kLongest>;
+
     Nanoseconds lowest_ = std::numeric_limits<Nanoseconds>::max();
     Nanoseconds highest_ = 0;
     Nanoseconds sum_ = 0;
     uint64_t count_ = 0;
-    std::optional<Figures> last_;
-
+    uint32_t shortest_ = 0;  // of those kept, once they are a heap
+    uint16_t keptCount_ = 0;
+    bool heap_ = false;
     Bins running_{};
-    std::array<uint32_t, kLongest> longest_;  // ns, of the second that runs, as a heap
+    // ns, of the second that runs. In the order in which they came until there are more than have a place:
+    // those that are never looked at cost nothing but to be written. From then on a heap, the shortest in
+    // front.
+    Longest longest_;
+
+    std::optional<Figures> last_;
     // Of each bin a ring of whole seconds; none where no time fell into it yet, as into most.
     std::array<std::unique_ptr<BinSeconds>, kHistogramBins> minute_;
     std::size_t next_ = 0;

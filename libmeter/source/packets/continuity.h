@@ -1,8 +1,6 @@
 // Continuity counters (ISO/IEC 13818-1 2.4.3.3; ETSI TR 101 290, 5.2.1, 1.4).
 #pragma once
 
-#include <cstring>
-
 #include "fields/packet.h"
 
 namespace meter {
@@ -14,54 +12,55 @@ struct ContinuityFinding {
     uint8_t missing = 0;      // packets, at least; 0 to 15
 };
 
-// Whether both are one packet sent twice, which may differ in its PCR alone.
-inline bool isRepetition(const uint8_t* packet, const uint8_t* before, bool hasPcr) {
-    constexpr std::size_t kBehindPcr = kPcrFieldAt + kPcrFieldSize;
-    if (!hasPcr) {
-        return memcmp(packet, before, kPacketSize) == 0;
-    }
-    return memcmp(packet, before, kPcrFieldAt) == 0 &&
-           memcmp(packet + kBehindPcr, before + kBehindPcr, kPacketSize - kBehindPcr) == 0;
-}
-
-// The counter of one PID. The caller keeps the packet before.
+// The counter of one PID, kept as the header of the packet that most often comes next: one comparison tells
+// of it all that is expected.
 class Continuity {
   public:
-    // The packet goes on as it should: with payload, the next counter, and no repetition before it.
-    bool isNext(unsigned counter) const {
-        return counter == expected_;
+    // A packet that begins nothing, is not scrambled, has payload alone and the next counter, after one that
+    // was no repetition.
+    bool goesOn(TsHeader header) const {
+        return header.withoutPriority() == next_;
     }
-    void accept(unsigned counter) {
-        expected_ = (counter + 1U) & kMask;
+    // REQUIRES: goesOn().
+    void goOn() {
+        next_ = (next_ & ~kCounter) | ((next_ + 1U) & kCounter);
+    }
+    // The packet, which has payload, goes on as it should, and no repetition was before it.
+    bool isNext(TsHeader header) const {
+        return (next_ & kRepeated) == 0 && header.continuityCounter() == expected();
+    }
+    void accept(TsHeader header) {
+        next_ = TsHeader::clearContinuation(header.pid(), header.continuityCounter() + 1U);
     }
     // The next packet's counter is taken as it is.
     void forget() {
-        expected_ = kUnknown;
+        next_ = kUnknown;
+    }
+    // Whether the packet could be the one before once more.
+    bool mayRepeat(TsHeader header) const {
+        return next_ != kUnknown && header.hasPayload() && header.continuityCounter() == last();
     }
 
-    // Any packet but one that isNext(). `before`: the PID's packet before this one; null where there is none.
-    ContinuityFinding packet(const uint8_t* packet, const uint8_t* before, TsHeader header,
-                             const Adaptation& adaptation) {
+    // Any packet but one that isNext(). `equal`: it mayRepeat() and is the packet before once more.
+    ContinuityFinding packet(TsHeader header, const Adaptation& adaptation, bool equal) {
         ContinuityFinding finding;
         const uint8_t counter = header.continuityCounter();
-        if (expected_ == kUnknown) {
-            accept(counter);
+        if (next_ == kUnknown) {
+            accept(header);
             return finding;
         }
-        const uint8_t last = (expected_ - 1U) & kMask;
         if (!header.hasPayload()) {
-            finding.missing = (counter - last) & kMask;
+            finding.missing = (counter - last()) & kCounter;
             finding.error = finding.missing != 0;
-            accept(counter);
-        } else if (counter == last && before != nullptr &&
-                   isRepetition(packet, before, adaptation.pcr.has_value())) {
+            accept(header);
+        } else if (equal) {
             finding.repetition = true;
-            finding.error = (expected_ & kRepeated) != 0;  // a third one
-            expected_ |= kRepeated;
+            finding.error = (next_ & kRepeated) != 0;  // a third one
+            next_ |= kRepeated;
         } else {
-            finding.missing = (counter - expected_) & kMask;  // an equal one with other content: 15
+            finding.missing = (counter - expected()) & kCounter;  // an equal one with other content: 15
             finding.error = finding.missing != 0;
-            accept(counter);
+            accept(header);
         }
         finding.broken = finding.missing != 0;
         if (adaptation.discontinuity) {
@@ -72,11 +71,20 @@ class Continuity {
     }
 
   private:
-    static constexpr uint8_t kMask = 0x0F;
-    static constexpr uint8_t kRepeated = 0x10;  // with the counter: the packet before was a repetition
-    static constexpr uint8_t kUnknown = 0xFF;
+    static constexpr uint32_t kCounter = 0x0F;
+    // The packet before was a repetition. A bit that no withoutPriority() has: whatever comes, nothing
+    // goesOn().
+    static constexpr uint32_t kRepeated = TsHeader::kTransportPriority;
+    static constexpr uint32_t kUnknown = kRepeated;
 
-    uint8_t expected_ = kUnknown;  // all that an object is: see PidState
+    uint8_t expected() const {
+        return next_ & kCounter;
+    }
+    uint8_t last() const {
+        return (next_ - 1U) & kCounter;
+    }
+
+    uint32_t next_ = kUnknown;
 };
 
 }  // namespace meter

@@ -2,20 +2,41 @@
 
 namespace meter {
 
+PidTable::PidTable() : records_{&none_, &overflow_} {
+    none_.state = &states_[kNoPid];
+    overflow_.state = &states_[kOverflow];
+    overflow_.state->roles = kOverflowPid;
+}
+
 PidRecord& PidTable::obtain(uint16_t pid) {
-    uint8_t& slot = index_[pid & (kPidCount - 1)];
-    if (slot == kNoPid) {
+    uint8_t& place = index_[pid & (kPidCount - 1)];
+    if (place == kNoPid) {
         if (own_.size() < kPidsLimit) {
+            if (records_.size() == kNearPlaces) {
+                moveStates();
+            }
             PidRecord& record = own_.emplace_back();
             record.pid = pid;
-            static_assert(kFirstPidPlace + kPidsLimit - 1 <= UINT8_MAX);
-            slot = static_cast<uint8_t>(records_.size());
+            static_assert(kPlaces - 1 <= UINT8_MAX);
+            place = static_cast<uint8_t>(records_.size());
+            record.state = &states_[place];
+            record.state->pid = pid;
+            record.state->record = &record;
             records_.push_back(&record);
         } else {
-            slot = kOverflow;
+            place = kOverflow;
         }
     }
-    return *records_[slot];
+    return *records_[place];
+}
+
+void PidTable::moveStates() {
+    far_ = std::make_unique<std::array<PidState, kPlaces>>();
+    std::copy(near_.begin(), near_.end(), far_->begin());
+    states_ = far_->data();
+    for (std::size_t place = 0; place < records_.size(); ++place) {
+        records_[place]->state = &states_[place];
+    }
 }
 
 }  // namespace meter

@@ -2,13 +2,13 @@
 #pragma once
 
 #include <array>
-#include <bit>
 #include <deque>
 #include <memory>
 #include <vector>
 
 #include "clocks/programClock.h"
 #include "packets/continuity.h"
+#include "packets/packetPrint.h"
 #include "packets/secondRing.h"
 #include "sections/sectionAssembler.h"
 
@@ -29,30 +29,45 @@ inline constexpr uint8_t kNoPid = 0;
 inline constexpr uint8_t kOverflow = 1;
 inline constexpr std::size_t kFirstPidPlace = 2;
 
+inline constexpr uint16_t kNoSuchPid = 0xFFFF;
+
 inline constexpr std::size_t kCacheLine = 64;
 
-// What decides how far a packet of a PID is looked into.
-struct PidState {
+struct MediaStream;
+struct PidRecord;
+
+// What most packets of a PID touch, in one line of the cache: with a thousand channels each line that a
+// packet touches is waited for.
+struct alignas(kCacheLine) PidState {
     Continuity continuity;
     uint8_t roles = kUnknownPid;
-
-    // No role, and the next counter: one comparison for what is true of most packets.
-    bool onlyGoesOn(unsigned counter) const {
-        constexpr int kCounterAt = std::endian::native == std::endian::little ? 0 : 8;
-        return std::bit_cast<uint16_t>(*this) == counter << kCounterAt;
-    }
-};
-
-// With a thousand channels each line of the cache that a packet touches is waited for, so what it touches
-// stands together, here and in the objects that hold the records.
-struct alignas(kCacheLine) PidRecord : PidState {
-    // What every packet touches.
-    bool touched = false;  // `last` lies in the datagram that is being read
-    uint16_t pid = 0;
+    bool comparable = false;    // `print` is that of the PID's last packet before this datagram
+    uint16_t pid = kNoSuchPid;  // of `record`, which is this PID's alone
     uint64_t packets = 0;
-    Ticks lastSeen = 0;                     // stream time of the last packet
-    const uint8_t* last = nullptr;          // it; null where there was none to compare with
-    std::array<uint8_t, kPacketSize> kept;  // it, between datagrams
+    Ticks lastSeen = 0;             // stream time of the last packet
+    const uint8_t* last = nullptr;  // it, where it lies in the datagram that is being read
+    PacketPrint print;
+    PidRecord* record = nullptr;
+    MediaStream* media = nullptr;  // null where nothing is looked at
+};
+static_assert(sizeof(PidState) == kCacheLine);
+
+// What else is kept of a PID.
+struct alignas(kCacheLine) PidRecord {
+    PidState* state = nullptr;
+    uint16_t pid = 0;
+
+    // What the begin of a PES packet or a PCR touches.
+    StreamKind kind = StreamKind::kData;  // where a PMT lists it
+    bool stream = false;                  // a PMT lists it
+    bool stillPicture = false;
+    bool discontinuity = false;
+    const PidRecord* clockRecord = nullptr;  // of its program's PCRs; null where it has none
+    std::optional<Ticks> ptsAt;              // stream time of the last PTS
+    std::optional<PcrReading> pcr;           // the last one
+    std::unique_ptr<ProgramClock> clock;
+    std::unique_ptr<SectionAssembler> sections;
+    ClockTrack track;
 
     // Counters, which outlive a change of flow.
     uint64_t scrambled = 0;
@@ -69,30 +84,16 @@ struct alignas(kCacheLine) PidRecord : PidState {
     uint64_t clearAtSecond = 0;
     SecondRing rates;  // packets a second
 
-    StreamKind kind = StreamKind::kData;  // where a PMT lists it
-    bool stream = false;                  // a PMT lists it
     bool referenced = false;
     bool tables = false;                    // a PMT comes there
     bool cues = false;                      // cues come there
     bool unreferencedHeld = false;          // 3.4.a holds
     std::optional<Ticks> unreferencedFrom;  // first packet since nothing refers to it
-    bool stillPicture = false;
-    std::optional<Ticks> ptsAt;  // stream time of the last PTS
-    int mediaSlot = -1;
-    uint16_t clockPid = kNullPid;  // of its program
-
-    ClockTrack track;
-    bool discontinuity = false;
-    std::unique_ptr<ProgramClock> clock;
-    std::unique_ptr<SectionAssembler> sections;
 };
 
 class PidTable {
   public:
-    PidTable() : records_{&none_, &overflow_} {
-        none_.roles = kUnknownPid;
-        overflow_.roles = kOverflowPid;
-    }
+    PidTable();
     PidTable(const PidTable&) = delete;
     PidTable& operator=(const PidTable&) = delete;
 
@@ -100,23 +101,46 @@ class PidTable {
     PidRecord& find(uint16_t pid) {
         return *records_[index_[pid]];
     }
-    // What find() reads, for a run of packets; valid until obtain().
+    // For a run of packets; valid until obtain().
     struct View {
-        const uint8_t* index;
-        PidRecord* const* records;
+        const uint8_t* recent;
+        PidState* states;
 
-        PidRecord& find(uint16_t pid) const {
-            return *records[index[pid]];
+        // The state of a PID with this low byte, mostly the one that is meant.
+        PidState& likely(uint8_t lowByte) const {
+            return states[recent[lowByte]];
         }
     };
     View view() const {
-        return {index_.data(), records_.data()};
+        return {recent_.data(), states_};
+    }
+    // Fetches the states of the first PIDs.
+    void fetch() const {
+        constexpr std::size_t kFetched = 8;
+        __builtin_prefetch(&states_);
+        __builtin_prefetch(recent_.data());
+#pragma GCC unroll 8
+        for (std::size_t i = 0; i < kFetched; ++i) {
+            __builtin_prefetch(&near_[kFirstPidPlace + i]);
+        }
+    }
+    // What View::likely() finds is this one.
+    void makeLikely(const PidRecord& record) {
+        recent_[record.pid & 0xFF] = placeOf(*record.state);
+    }
+    uint8_t placeOf(const PidState& state) const {
+        return static_cast<uint8_t>(&state - states_);
+    }
+    // REQUIRES: a place of this table.
+    PidState& stateAt(uint8_t place) {
+        return states_[place];
     }
     const PidRecord* known(uint16_t pid) const {
-        const uint8_t slot = index_[pid & (kPidCount - 1)];
-        return slot == kNoPid || slot == kOverflow ? nullptr : records_[slot];
+        const uint8_t place = index_[pid & (kPidCount - 1)];
+        return place == kNoPid || place == kOverflow ? nullptr : records_[place];
     }
-    // Makes one where there is none. The record of all that found no place when the table is full.
+    // Makes one where there is none. The record of all that found no place when the table is full. States
+    // move.
     PidRecord& obtain(uint16_t pid);
 
     // In the order in which they came; the overflow is not among them.
@@ -126,16 +150,25 @@ class PidTable {
     const std::deque<PidRecord>& all() const {
         return own_;
     }
-    PidRecord& overflow() {
-        return overflow_;
-    }
 
   private:
-    std::array<uint8_t, kPidCount> index_{};
+    static constexpr std::size_t kPlaces = kFirstPidPlace + kPidsLimit;
+    static constexpr std::size_t kNearPlaces = 24;  // as many PIDs as most channels have
+
+    void moveStates();
+
+    // By the low byte of a PID the place of the one with it that was looked at last; and the states by place.
+    // Behind the few lines of a stream's own state: a channel's packets touch a page of memory or two.
+    std::array<uint8_t, 256> recent_{};
+    PidState* states_ = near_.data();
+    std::array<PidState, kNearPlaces> near_;
+    std::unique_ptr<std::array<PidState, kPlaces>> far_;  // in place of near_ once there are more
+
     std::vector<PidRecord*> records_;  // by place
     std::deque<PidRecord> own_;
     PidRecord none_;
     PidRecord overflow_;
+    std::array<uint8_t, kPidCount> index_{};  // places
 };
 
 }  // namespace meter

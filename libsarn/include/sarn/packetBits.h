@@ -41,7 +41,7 @@ class TsHeader {
         return (word_ & 0x400000) != 0;
     }
     bool transportPriority() const {
-        return (word_ & 0x200000) != 0;
+        return (word_ & kTransportPriority) != 0;
     }
     uint16_t pid() const {
         return word_ >> 8 & 0x1FFF;
@@ -62,10 +62,20 @@ class TsHeader {
     bool isClearPayloadOnly() const {
         return (word_ & 0x8000F0) == 0x10;
     }
-    // The same, of a packet with its sync byte that begins no unit of payload.
-    bool isClearContinuation() const {
-        return (word_ & 0xFFC000F0) == 0x47000010;
+    // A null packet with its sync byte and no error indicated.
+    bool isNull() const {
+        return (word_ & 0xFF9FFF00) == 0x471FFF00;
     }
+    // All four bytes, transport_priority as 0.
+    uint32_t withoutPriority() const {
+        return word_ & ~kTransportPriority;
+    }
+    // withoutPriority() of a packet with its sync byte that begins no unit of payload: no error indicated,
+    // not scrambled, no adaptation field, but payload.
+    static constexpr uint32_t clearContinuation(uint16_t pid, unsigned counter) {
+        return 0x47000010U | uint32_t{pid} << 8 | (counter & 0x0FU);
+    }
+    static constexpr uint32_t kTransportPriority = 0x200000;
 
   private:
     uint32_t word_;
