@@ -137,22 +137,24 @@ bool StreamAnalysis::synchronise(const uint8_t* packet) {
     return syncByte;
 }
 
-// Fetches what is needed next of a PID, while the rest of the packet is looked at.
-inline void fetchRecord(const PidRecord& record) {
-    __builtin_prefetch(&record);
-    __builtin_prefetch(reinterpret_cast<const uint8_t*>(&record) + kCacheLine);
+// Fetches what is needed next of a PID, while its header is looked at.
+inline void fetchRecord(const PidState& state) {
+    const auto* const record = reinterpret_cast<const uint8_t*>(state.record);
+    __builtin_prefetch(record);
+    __builtin_prefetch(record + kCacheLine);
+    __builtin_prefetch(state.media);
 }
 
-inline PidRecord& StreamAnalysis::recordOf(uint16_t pid, const PidState& likely) {
+inline PidState& StreamAnalysis::stateOf(uint16_t pid, PidState& likely) {
     if (likely.pid == pid && (likely.roles & kUnknownPid) == 0) {
-        fetchRecord(*likely.record);
-        __builtin_prefetch(likely.media);
-        return *likely.record;
+        fetchRecord(likely);
+        return likely;
     }
-    PidRecord& known = pids_.find(pid);
-    return (known.state->roles & kUnknownPid) != 0 ? recordOfUnknown(pid) : known;
+    PidState& known = pids_.find(pid);
+    return (known.roles & kUnknownPid) != 0 ? *recordOfUnknown(pid).state : known;
 }
 
+// Of a PID that was not seen yet, or has to be seen as if it was not.
 PidRecord& StreamAnalysis::recordOfUnknown(uint16_t pid) {
     PidRecord& record = pids_.obtain(pid);
     if (record.state->packets == 0 && (record.state->roles & kUnknownPid) != 0) {
@@ -180,8 +182,9 @@ void StreamAnalysis::transportError(PidRecord& record) {
     }
 }
 
-void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks now, const PidState& likely) {
-    PidRecord& record = recordOf(header.pid(), likely);
+void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks now, PidState& likely) {
+    PidState& state = stateOf(header.pid(), likely);
+    PidRecord& record = *state.record;
     if (header.transportErrorIndicator()) {
         if (now >= nextLook_) {
             look(now);
@@ -189,23 +192,23 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
         transportError(record);
         return;
     }
-    if ((record.state->roles & kOverflowPid) != 0 || header.pid() == kNullPid ||
+    if ((state.roles & kOverflowPid) != 0 || header.pid() == kNullPid ||
         !(header.hasPayload() || header.hasAdaptationField())) {
         if (now >= nextLook_) {
             look(now);
         }
-        ++record.state->packets;
-        record.state->lastSeen = now;
+        ++state.packets;
+        state.lastSeen = now;
         if (header.pid() == kNullPid) {
-            record.state->roles = kNullRole;
-            pids_.makeLikely(record);
+            state.roles = kNullRole;
+            pids_.makeLikely(state);
         } else {
             ++record.notRead;
         }
         return;
     }
-    if (!record.sections) {  // which are seldom, and would be in the way of others
-        pids_.makeLikely(record);
+    if ((state.roles & kSectionsPid) == 0) {  // which are seldom, and would be in the way of others
+        pids_.makeLikely(state);
     }
     const TsPacket bytes(packet, kPacketSize);
     Adaptation adaptation;
@@ -214,7 +217,7 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
         record.discontinuity = record.discontinuity || adaptation.discontinuity;
     }
     // What is missing in front of a PCR is known before the PCR is measured.
-    const ContinuityFinding finding = findContinuity(record, packet, header, adaptation);
+    const ContinuityFinding finding = findContinuity(state, packet, header, adaptation);
     if (adaptation.pcr) {
         now = readPcr(record, *adaptation.pcr);
     }
@@ -222,9 +225,9 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
         look(now);
     }
     const Moment moment = momentAt(now);
-    ++record.state->packets;
-    record.state->lastSeen = now;
-    if ((record.state->roles & kUnknownPid) != 0) {
+    ++state.packets;
+    state.lastSeen = now;
+    if ((state.roles & kUnknownPid) != 0) {
         presence_->appeared(record, moment);
     }
     if (finding.error) {
@@ -233,7 +236,7 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
         ++record.repeated;
         ++repeated_;
     }
-    remember(*record.state, packet);
+    remember(state, packet);
     if (!header.hasPayload()) {
         ++record.notRead;
         return;
@@ -253,9 +256,8 @@ bool StreamAnalysis::isRepeated(const PidState& state, const uint8_t* packet) {
     return state.comparable && printOf(packet) == state.print;
 }
 
-ContinuityFinding StreamAnalysis::findContinuity(PidRecord& record, const uint8_t* packet, TsHeader header,
+ContinuityFinding StreamAnalysis::findContinuity(PidState& state, const uint8_t* packet, TsHeader header,
                                                  const Adaptation& adaptation) {
-    PidState& state = *record.state;
     if (header.hasPayload() && state.continuity.isNext(header)) {
         state.continuity.accept(header);
         return {};
@@ -263,9 +265,9 @@ ContinuityFinding StreamAnalysis::findContinuity(PidRecord& record, const uint8_
     const bool equal = state.continuity.mayRepeat(header) && isRepeated(state, packet);
     const ContinuityFinding finding = state.continuity.packet(header, adaptation, equal);
     if (finding.broken) {
-        record.state->roles &= static_cast<uint8_t>(~kMediaWanted);
-        if (record.sections) {
-            record.sections->drop();
+        state.roles &= static_cast<uint8_t>(~kMediaWanted);
+        if (state.record->sections) {
+            state.record->sections->drop();
         }
     }
     if (finding.error) {

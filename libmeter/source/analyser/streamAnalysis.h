@@ -76,16 +76,16 @@ class StreamAnalysis final : private SectionSink {
 
     void batch(const uint8_t* packet, const uint8_t* end);
     bool synchronise(const uint8_t* packet);
-    void lookAtPacket(const uint8_t* packet, TsHeader header, Ticks now, const PidState& likely);
+    void lookAtPacket(const uint8_t* packet, TsHeader header, Ticks now, PidState& likely);
     void goOn(PidState& state, const uint8_t* packet, Ticks now);
     void continueUnit(PidState& state, const uint8_t* packet);
     void transportError(PidRecord& record);
-    PidRecord& recordOf(uint16_t pid, const PidState& likely);
+    PidState& stateOf(uint16_t pid, PidState& likely);
     PidRecord& recordOfUnknown(uint16_t pid);
     const PidRecord* clockRecordOf(const ProgramModel& program);
     void scrambledPacket(PidRecord& record, TsHeader header, const Moment& moment);
     static bool isRepeated(const PidState& state, const uint8_t* packet);
-    ContinuityFinding findContinuity(PidRecord& record, const uint8_t* packet, TsHeader header,
+    ContinuityFinding findContinuity(PidState& state, const uint8_t* packet, TsHeader header,
                                      const Adaptation& adaptation);
     void continuityError(PidRecord& record, const ContinuityFinding& finding, const Moment& moment);
     Ticks readPcr(PidRecord& record, Ticks value);

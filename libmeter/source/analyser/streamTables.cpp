@@ -30,7 +30,7 @@ bool isCheckedTable(uint8_t table) {
 void StreamAnalysis::checkCrc(const Section& section) {
     const uint8_t table = sectionTableId(section.bytes);
     const bool checked = section.pid <= kLastReservedPid ? isCheckedTable(table) : table == kPmtTable;
-    if (checked && (section.pid <= kLastReservedPid || pids_.find(section.pid).tables)) {
+    if (checked && (section.pid <= kLastReservedPid || pids_.find(section.pid).record->tables)) {
         book_.hit(Check::kCrcError, section.pid, section.moment.arrival);
     }
 }
@@ -38,8 +38,8 @@ void StreamAnalysis::checkCrc(const Section& section) {
 void StreamAnalysis::section(const Section& section) {
     const uint8_t table = sectionTableId(section.bytes);
     const Moment& moment = section.moment;
-    if (pids_.find(section.pid).cues && table == kSpliceInfoTable) {
-        const PidRecord* clock = pids_.find(section.pid).clockRecord;
+    if (pids_.find(section.pid).record->cues && table == kSpliceInfoTable) {
+        const PidRecord* clock = pids_.find(section.pid).record->clockRecord;
         cues_->section(
             section,
             clock != nullptr && clock->pcr ? std::optional(clock->pcr->valueAt(moment.stream)) : std::nullopt,

@@ -23,6 +23,7 @@ int64_t ProgramClock::missingPackets(Ticks step, uint64_t packets) const {
 }
 
 PcrFinding ProgramClock::pcr(Ticks value, const Moment& moment, Ticks own, bool signalled) {
+    rates_.fetch();
     PcrFinding finding;
     const Ticks step = pcrStep(value_, value);
     const uint64_t packets = moment.position - position_;

@@ -25,8 +25,11 @@ void RecentRates::fetch() const {
     for (std::size_t i = 0; i < order_.size(); i += kLine) {
         __builtin_prefetch(order_.data() + i);
     }
-    // Others take their places, but not far from them.
-    for (const uint16_t index : {lowIndex_, medianIndex_, highIndex_}) {
+    // Others take the places of those judged last, but not far from them.
+    const std::size_t end = oldest_ + order_.size();
+    const std::size_t next = end < ring_.size() ? end : end - ring_.size();
+    for (const std::size_t index :
+         {oldest_, next, std::size_t{lowIndex_}, std::size_t{medianIndex_}, std::size_t{highIndex_}}) {
         __builtin_prefetch(ring_.data() + index);
     }
 }
@@ -72,7 +75,6 @@ void RecentRates::grow() {
 }
 
 void RecentRates::add(const Pace& pace, Ticks now) {
-    fetch();
     const auto ms = static_cast<uint32_t>(now / kTicksPerMs);
     constexpr uint32_t kSpanMs = kSpan / kTicksPerMs;
     const bool allOld = ms - newestMs_ > kSpanMs;

@@ -22,6 +22,8 @@ class RecentRates {
     // REQUIRES: ticks and packets from 1 to kPartLimit; `now` not before the last one's.
     void add(const Pace& pace, Ticks now);
     void clear();
+    // Fetches what add() is about to touch.
+    void fetch() const;
     bool empty() const {
         return order_.empty();
     }
@@ -56,7 +58,6 @@ class RecentRates {
         }
     };
     bool rateLess(uint16_t a, uint16_t b) const;
-    void fetch() const;
     void insert(uint16_t index);
     void dropOldest();
     void grow();

@@ -3,8 +3,10 @@
 namespace meter {
 
 PidTable::PidTable() : records_{&none_, &overflow_} {
-    none_.state = &states_[kNoPid];
-    overflow_.state = &states_[kOverflow];
+    for (PidRecord* record : records_) {
+        record->state = &states_[record == &none_ ? kNoPid : kOverflow];
+        record->state->record = record;
+    }
     overflow_.state->roles = kOverflowPid;
 }
 

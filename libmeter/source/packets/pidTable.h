@@ -4,6 +4,7 @@
 #include <array>
 #include <deque>
 #include <memory>
+#include <memory_resource>
 #include <vector>
 
 #include "clocks/programClock.h"
@@ -42,7 +43,7 @@ struct alignas(kCacheLine) PidState {
     Continuity continuity;
     uint8_t roles = kUnknownPid;
     bool comparable = false;    // `print` is that of the PID's last packet before this datagram
-    uint16_t pid = kNoSuchPid;  // of `record`, which is this PID's alone
+    uint16_t pid = kNoSuchPid;  // of `record`, where that is this PID's alone
     uint64_t packets = 0;
     Ticks lastSeen = 0;             // stream time of the last packet
     const uint8_t* last = nullptr;  // it, where it lies in the datagram that is being read
@@ -97,9 +98,9 @@ class PidTable {
     PidTable(const PidTable&) = delete;
     PidTable& operator=(const PidTable&) = delete;
 
-    // The PID's record; one that says kUnknownPid and is nobody's where it has none yet.
-    PidRecord& find(uint16_t pid) {
-        return *records_[index_[pid]];
+    // The PID's state; one that says kUnknownPid and is nobody's where it has none yet.
+    PidState& find(uint16_t pid) {
+        return states_[index_[pid]];
     }
     // For a run of packets; valid until obtain().
     struct View {
@@ -118,15 +119,16 @@ class PidTable {
     void fetch() const {
         constexpr std::size_t kFetched = 8;
         __builtin_prefetch(&states_);
-        __builtin_prefetch(recent_.data());
+        __builtin_prefetch(&recent_.front());
+        __builtin_prefetch(&recent_.back());  // of null packets
 #pragma GCC unroll 8
         for (std::size_t i = 0; i < kFetched; ++i) {
             __builtin_prefetch(&near_[kFirstPidPlace + i]);
         }
     }
     // What View::likely() finds is this one.
-    void makeLikely(const PidRecord& record) {
-        recent_[record.pid & 0xFF] = placeOf(*record.state);
+    void makeLikely(const PidState& state) {
+        recent_[state.pid & 0xFF] = placeOf(state);
     }
     uint8_t placeOf(const PidState& state) const {
         return static_cast<uint8_t>(&state - states_);
@@ -144,10 +146,10 @@ class PidTable {
     PidRecord& obtain(uint16_t pid);
 
     // In the order in which they came; the overflow is not among them.
-    std::deque<PidRecord>& all() {
+    std::pmr::deque<PidRecord>& all() {
         return own_;
     }
-    const std::deque<PidRecord>& all() const {
+    const std::pmr::deque<PidRecord>& all() const {
         return own_;
     }
 
@@ -165,7 +167,9 @@ class PidTable {
     std::unique_ptr<std::array<PidState, kPlaces>> far_;  // in place of near_ once there are more
 
     std::vector<PidRecord*> records_;  // by place
-    std::deque<PidRecord> own_;
+    // Records of a table stand side by side, whatever else is allocated while they come.
+    std::pmr::monotonic_buffer_resource memory_{8 * sizeof(PidRecord)};
+    std::pmr::deque<PidRecord> own_{&memory_};
     PidRecord none_;
     PidRecord overflow_;
     std::array<uint8_t, kPidCount> index_{};  // places
