@@ -17,8 +17,8 @@ constexpr double kNsPerMs = 1e6;
 
 }  // namespace
 
-bool Watch::operator==(const Watch& other) const {
-    return group == other.group && join == other.join && settings.source == other.settings.source &&
+bool Watch::measuresLike(const Watch& other) const {
+    return group == other.group && settings.source == other.settings.source &&
            settings.port == other.settings.port && settings.pidAbsenceMs == other.settings.pidAbsenceMs &&
            settings.pcrRepetitionMs == other.settings.pcrRepetitionMs &&
            settings.serviceInformationRequired == other.settings.serviceInformationRequired;
@@ -66,7 +66,7 @@ void Shard::watch(const WatchList& list) {
     }
     std::erase_if(channels_, [&](const auto& entry) {
         const auto found = wanted.find(entry.first);
-        return found == wanted.end() || !(*found->second == entry.second.watch);
+        return found == wanted.end() || !found->second->measuresLike(entry.second.watch);
     });
     if (nextEpoch_ == 0) {
         // Not those of a run before.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "capture.h"
+#include "framing.h"
 #include "meter.pb.h"
 #include "meter/channelAnalyser.h"
 
@@ -20,7 +21,8 @@ struct Watch {
     meter::Settings settings;
     bool join = false;
 
-    bool operator==(const Watch& other) const;
+    // Whether one goes on where the other was; who joins makes no difference.
+    bool measuresLike(const Watch& other) const;
 };
 struct WatchList {
     uint64_t revision = 0;
@@ -28,7 +30,7 @@ struct WatchList {
 };
 
 // Groups of a message: those that are multicast, each once, at most kGroupsLimit.
-inline constexpr std::size_t kGroupsLimit = 4096;
+using metering::kGroupsLimit;
 WatchList watchListOf(const metering::Groups& message);
 
 // Analyses what it is given; does no input or output, and asks no clock. One thread at a time.

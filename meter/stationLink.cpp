@@ -26,6 +26,7 @@ int64_t nowMs() {
 
 StationLink::StationLink(std::string path, std::string version, Outbox& outbox, Handlers handlers)
     : path_(std::move(path)), version_(std::move(version)), outbox_(outbox), handlers_(std::move(handlers)) {
+    metering::quietParser();
     hello_.set_major(metering::kMajor);
     hello_.set_minor(metering::kMinor);
     hello_.set_version(version_);
@@ -140,6 +141,9 @@ void StationLink::take(const metering::FromStation& message) {
         outbox_.open();
         handlers_.connected();
         tell("connected to the station " + message.hello().version());
+    } else if (message.has_refused()) {
+        disconnect("the station refuses this meter: " + message.refused().reason());
+        nextConnect_ = nowMs() + kRefusedMs;
     } else if (message.has_groups() && agreed_) {
         handlers_.groups(message.groups());
     }

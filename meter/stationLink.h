@@ -37,7 +37,7 @@ class StationLink {
     void tell(const std::string& text);
 
     static constexpr int kReconnectMs = 1000;
-    static constexpr int kRefusedMs = 10000;  // after another version
+    static constexpr int kRefusedMs = 10000;  // after another version, or beside another meter
 
     const std::string path_;
     const std::string version_;

@@ -1,6 +1,7 @@
 #include "framing.h"
 
 #include <google/protobuf/message_lite.h>
+#include <google/protobuf/stubs/logging.h>
 
 #include <stdexcept>
 
@@ -11,6 +12,10 @@ namespace {
 constexpr std::size_t kLengthBytes = 4;
 
 }  // namespace
+
+void quietParser() {
+    google::protobuf::SetLogHandler(nullptr);
+}
 
 std::string framed(const google::protobuf::MessageLite& message) {
     const std::size_t length = message.ByteSizeLong();

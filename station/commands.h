@@ -13,6 +13,7 @@
 
 #include "alarms/history.h"
 #include "channels/channelAttributes.h"
+#include "meter/meterBook.h"
 #include "state.h"
 #include "store/event.h"
 
@@ -129,6 +130,8 @@ class StationInterface {
     // False when the owner's queue is full; then the answer never comes.
     virtual bool command(Command&& command) = 0;
     virtual bool queryEvents(const EventFilter& filter, EventStore::QueryAnswer answer) = 0;
+    // The meter's newest report of a group; none without a meter, or before its first.
+    virtual std::optional<MeterReport> meterReport(const Group& group) const = 0;
     virtual EventStore::Statistics storeStatistics() const = 0;
     virtual std::vector<Delivery::ReceiverStatistics> deliveryStatistics() const = 0;
 };

@@ -70,6 +70,7 @@ reading && !/^\|/ { what = what " " $0 }
   sub(/[ :]*$/, "", what)
   print "\n"
   if (what != "") comment(toupper(substr(what, 1, 1)) substr(what, 2))
+  sub(/^\[profile\.NAME\]$/, "[profile.default]", section) # which has defaults of its own
   many = section ~ /^\[\[|NAME/ && section != "[[playlist]]"
   if (many) print "# " section
   else print (section == "[[playlist]]" ? "" : "#") section

@@ -40,6 +40,7 @@ struct Arguments {
     std::string state;
     std::string listen;
     std::string socket;
+    std::string meterSocket;
     std::string pipe;
     std::string endpoint;
     std::string page;
@@ -69,6 +70,12 @@ void declare(CLI::App& app, Arguments& arguments) {
         ->check(optionProblem<station::checkListen>);
     app.add_option("--socket", arguments.socket,
                    "Serve HTTP on this Unix socket. Whoever may open it may change everything.")
+        ->type_name("PATH")
+        ->check(optionProblem<station::checkSocketPath>);
+    app.add_option(
+           "--meter-socket", arguments.meterSocket,
+           "Let kestor-meter connect at this Unix socket; \"\" for no meter. With --socket it is by default "
+           "meter.sock beside that one.")
         ->type_name("PATH")
         ->check(optionProblem<station::checkSocketPath>);
     app.add_option("--pipe", arguments.pipe, "Read the probe's results from this pipe.")->type_name("PATH");
@@ -112,6 +119,13 @@ void override(const CLI::App& app, const Arguments& arguments, Configuration& co
     }
     if (given("--socket")) {
         configuration.socket = arguments.socket;
+        // Not that of the service, unless somebody says so.
+        if (configuration.meterSocket == Configuration().meterSocket) {
+            configuration.meterSocket = configuration.socket.parent_path() / "meter.sock";
+        }
+    }
+    if (given("--meter-socket")) {
+        configuration.meterSocket = arguments.meterSocket;
     }
     if (given("--pipe")) {
         configuration.pipe = arguments.pipe;

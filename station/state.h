@@ -17,6 +17,7 @@
 #include "channels/channel.h"
 #include "channels/configuration.h"
 #include "machine/machine.h"
+#include "meter/meterState.h"
 #include "recordParser.h"
 #include "store/delivery.h"
 #include "store/event.h"
@@ -105,6 +106,7 @@ struct StationState {
     WallTime started;
     ProbeState probe;
     MachineState machine;
+    MeterState meter;
     std::shared_ptr<const records::Snapshot> snapshot;          // the last one; null before the first
     std::vector<std::shared_ptr<const ChannelState>> channels;  // in the order of groups
     std::vector<Alarm> alarms;                                  // all active ones, newest first

@@ -15,6 +15,7 @@ StatePointer StatePublisher::publish(Surroundings&& surroundings, const Now& now
     next->now = now;
     next->started = started_;
     next->probe = std::move(surroundings.probe);
+    next->meter = std::move(surroundings.meter);
     next->machine = sources_.machine.state();
     next->snapshot = sources_.intake.records();
     next->channels.reserve(sources_.intake.channels().size());

@@ -29,6 +29,7 @@ class StatePublisher {
     // What others say of themselves at that time.
     struct Surroundings {
         ProbeState probe;
+        MeterState meter;
         std::shared_ptr<const Configuration> configuration;
         std::vector<std::string> notes;
         bool passive = false;

@@ -10,6 +10,8 @@
 #include "eventDesk.h"
 #include "machine/machineReader.h"
 #include "machineWatch.h"
+#include "meter/meterPort.h"
+#include "meter/sourceJoins.h"
 #include "probe/controller.h"
 #include "probe/pipeReader.h"
 #include "probeWatch.h"
@@ -41,6 +43,7 @@ void noteWhatNeedsARestart(const Configuration& before, const Configuration& rea
     };
     note("listen", before.listen, read.listen);
     note("socket", before.socket, read.socket);
+    note("meter_socket", before.meterSocket, read.meterSocket);
     note("state_dir", before.state, read.state);
     note("pipe", before.pipe, read.pipe);
     note("controller_endpoint", before.controllerEndpoint, read.controllerEndpoint);
@@ -59,6 +62,7 @@ struct Station::Implementation : StationInterface, CommandEffects {
     EventStore store;
     Delivery delivery;
     InfluxWriter influx;
+    MeterBook meterBook;
 
     // Below: the owner thread alone, once it runs, but for publisher.latest().
     ChannelBook book;
@@ -66,6 +70,8 @@ struct Station::Implementation : StationInterface, CommandEffects {
     EventDesk desk;
     ProbeWatch probe{std::chrono::steady_clock::now()};
     MachineWatch machine;
+    SourceJoins sourceJoins;
+    LogOnChange sourcesTold;
     LogOnChange machineUnseen;
     Groups machineLooksFor;  // what the machine's reader was told last
     SnapshotIntake intake{engine, probe};
@@ -84,6 +90,7 @@ struct Station::Implementation : StationInterface, CommandEffects {
     std::unique_ptr<Controller> controller;
     std::unique_ptr<PipeReader> reader;
     std::unique_ptr<MachineReader> machineReader;
+    std::unique_ptr<MeterPort> meterPort;
     std::thread owner;
 
     Implementation(LoadedFiles files, LoadedRuntime runtime, FileKeeper& keeper_, Mailbox& mailbox_);
@@ -98,6 +105,9 @@ struct Station::Implementation : StationInterface, CommandEffects {
     }
     bool queryEvents(const EventFilter& filter, EventStore::QueryAnswer answer) override {
         return store.query(filter, std::move(answer));
+    }
+    std::optional<MeterReport> meterReport(const Group& group) const override {
+        return meterBook.find(group);
     }
     EventStore::Statistics storeStatistics() const override {
         return store.statistics();
@@ -129,6 +139,7 @@ struct Station::Implementation : StationInterface, CommandEffects {
     void setPassive(bool on) override {
         passiveAsked = on;
         tellController();
+        tellMeter();
     }
     void setIgmpLatency(std::chrono::milliseconds latency) override {
         latencyAsked = latency;
@@ -144,6 +155,7 @@ struct Station::Implementation : StationInterface, CommandEffects {
     void adopt(LoadedRuntime&& runtime, const Now& now);
     void takeChannels(const Now& now, bool atStart);
     void tellController();
+    void tellMeter();
     std::vector<std::string> notes() const;
 
     void run();
@@ -157,6 +169,9 @@ struct Station::Implementation : StationInterface, CommandEffects {
     void lookForShown();
     bool hasSignal(const Group& group, const Now& now) const;
     void judgeDelivery(const Now& now);
+    void judgeMeter(const Now& now);
+    MeterState meterState(const Now& now) const;
+    std::string sourcesNote() const;
     void explain(AlarmChange& change) const;
     void record(const std::vector<AlarmChange>& changes, const Now& now,
                 const ChannelDifference* difference = nullptr);
@@ -193,12 +208,15 @@ Station::Implementation::Implementation(LoadedFiles files, LoadedRuntime runtime
     reader = std::make_unique<PipeReader>(
         current->pipe, [this](RawSnapshot&& snapshot) { mailbox.send(std::move(snapshot)); });
     machineReader = std::make_unique<MachineReader>();
+    meterPort = std::make_unique<MeterPort>(current->meterSocket, KESTOR_VERSION, meterBook);
+    tellMeter();
     owner = std::thread([this] { run(); });
 }
 
 Station::Implementation::~Implementation() {
     mailbox.stop();
     owner.join();
+    meterPort.reset();
     machineReader.reset();
     reader.reset();
     controller.reset();
@@ -296,6 +314,7 @@ void Station::Implementation::takeChannels(const Now& now, bool atStart) {
     record(engine.configure(current->profiles, book.channels(), now), now, &difference);
     publisher.channelsChanged();
     tellController();
+    tellMeter();
 }
 
 void Station::Implementation::tellController() {
@@ -303,14 +322,38 @@ void Station::Implementation::tellController() {
         return;
     }
     Groups wanted;
+    Groups passively;
     for (const auto& [group, channel] : book.channels()) {
         if (channel.enabled) {
             wanted.insert(group);
+            if (sourceJoins.byMeter() && sourceAddress(channel.source)) {
+                passively.insert(group);
+            }
         }
     }
-    controller->want(std::move(wanted));
+    controller->want(std::move(wanted), std::move(passively));
     controller->setPassive(passiveAsked ? passiveAsked : current->passive);
     controller->setIgmpLatency(latencyAsked ? latencyAsked : current->igmpLatency);
+}
+
+void Station::Implementation::tellMeter() {
+    if (!meterPort) {
+        return;
+    }
+    std::vector<MeteredChannel> wanted;
+    for (const auto& [group, channel] : book.channels()) {
+        if (channel.enabled) {
+            const auto rules = current->measureRules.find(channel.profile);
+            wanted.push_back({.group = group.hostOrder(),
+                              .source = sourceAddress(channel.source),
+                              .port = channel.port == 0 ? std::nullopt : std::optional(channel.port),
+                              .join = !passive() && sourceAddress(channel.source).has_value(),
+                              .rules = rules == current->measureRules.end()
+                                           ? current->measureRules.at(std::string(kDefaultProfile))
+                                           : rules->second});
+        }
+    }
+    meterPort->watch(std::move(wanted));
 }
 
 std::vector<std::string> Station::Implementation::notes() const {
@@ -412,6 +455,7 @@ void Station::Implementation::finishCycle(const Now& now) {
     judgeProbe(now);
     judgeMachine(now);
     judgeDelivery(now);
+    judgeMeter(now);
     if (desk.takeLate(engine, book.channels(), book.known() ? nullptr : &heldBack, now)) {
         publisher.alarmsChanged();
     }
@@ -552,6 +596,45 @@ void Station::Implementation::judgeDelivery(const Now& now) {
     record(changes, now);
 }
 
+void Station::Implementation::judgeMeter(const Now& now) {
+    const MeterState meter = meterBook.state(now.steady);
+    if (sourceJoins.update({meter.connected, meter.sinceSteady, meter.joinFailures > 0}, now.steady)) {
+        tellController();
+    }
+    const std::string note = sourcesNote();
+    if (note.empty()) {
+        sourcesTold.over("channels that name a source are joined for it alone, by kestor-meter");
+    } else {
+        sourcesTold.say(LogLevel::kNotice, note);
+    }
+}
+
+MeterState Station::Implementation::meterState(const Now& now) const {
+    MeterState state = meterBook.state(now.steady);
+    state.sourcesNote = sourcesNote();
+    return state;
+}
+
+// That channels are joined without the source that they name.
+std::string Station::Implementation::sourcesNote() const {
+    std::size_t count = 0;
+    const Channel* first = nullptr;
+    for (const auto& [group, channel] : book.channels()) {
+        if (channel.enabled && sourceAddress(channel.source)) {
+            first = first == nullptr ? &channel : first;
+            ++count;
+        }
+    }
+    if (count == 0 || passive() || sourceJoins.byMeter()) {
+        return {};
+    }
+    return first->source + "@" + first->group.text() +
+           (count == 1 ? " names a source"
+                       : " and " + std::to_string(count - 1) + " more channels name a source") +
+           ": without kestor-meter the probe joins " + (count == 1 ? "its group" : "their groups") +
+           " from all sources";
+}
+
 void Station::Implementation::record(const std::vector<AlarmChange>& changes, const Now& now,
                                      const ChannelDifference* difference) {
     for (const AlarmChange& change : changes) {
@@ -561,7 +644,8 @@ void Station::Implementation::record(const std::vector<AlarmChange>& changes, co
 }
 
 void Station::Implementation::publish(const Now& now) {
-    influx.write(publisher.publish({probeState(), current, notes(), passive(), useNow()}, now));
+    influx.write(
+        publisher.publish({probeState(), meterState(now), current, notes(), passive(), useNow()}, now));
     if (server) {
         server->statePublished();
     }

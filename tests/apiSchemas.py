@@ -124,6 +124,10 @@ class Checker:
             for resolution in (1, 60):
                 target = history.replace("{group}", group) + f"?metric={metric['name']}&resolution={resolution}"
                 self.check("GET", history, target, 200)
+        meter = channel + "/meter"
+        for query in ("", "?format=json", "?format=text"):  # the station's first channel is metered
+            self.check("GET", meter, meter.replace("{group}", group) + query, 200)
+        self.check("GET", meter, meter.replace("{group}", group) + "?format=xml", 422)
         self.events()
 
     def changes(self):

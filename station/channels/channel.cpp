@@ -24,4 +24,11 @@ std::string Place::text() const {
     return line == 0 ? file : file + ":" + std::to_string(line);
 }
 
+std::optional<uint32_t> sourceAddress(std::string_view text) {
+    constexpr uint32_t kFirst = 0x01000000;
+    constexpr uint32_t kBeyond = 0xE0000000;
+    const std::optional<uint32_t> address = basics::parseDotted(text);
+    return address && *address >= kFirst && *address < kBeyond ? address : std::nullopt;
+}
+
 }  // namespace station

@@ -62,15 +62,20 @@ struct Channel {
     std::string profile{kDefaultProfile};
     Origin origin = Origin::kConfig;
     bool enabled = true;
-    // What a playlist said beside the group: shown, not acted on.
-    std::string source{};  // of SRC@G:P, else empty
+    // What kestor-meter goes by beside the group; the probe does not.
+    std::string source{};  // of SRC@G:P, else empty; see sourceAddress()
     uint16_t port = 0;     // 0 when none was named
-    int number = 0;        // tvg-chno; 0 when there is none
-    std::string logo{};    // tvg-logo
-    Place place{};         // nothing for a channel that was added at run time
+    // What a playlist said: shown, not acted on.
+    int number = 0;      // tvg-chno; 0 when there is none
+    std::string logo{};  // tvg-logo
+    Place place{};       // nothing for a channel that was added at run time
 
     bool operator==(const Channel&) const = default;
 };
+
+// The IPv4 address of a sender (host byte order) that a dotted quad names; nothing for other text and for
+// addresses that nobody sends from (0.0.0.0/8, 224.0.0.0/3).
+std::optional<uint32_t> sourceAddress(std::string_view text);
 
 // All channels, each group once, in the order of groups.
 using ChannelMap = std::map<Group, Channel>;

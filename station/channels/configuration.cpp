@@ -284,20 +284,27 @@ class ConfigurationParser {
 
     void readProfile(std::string_view name, const toml::node& node) {
         RuleSet rules = configuration_.profiles.at(std::string(kDefaultProfile));
+        MeasureRules measures = configuration_.measureRules.at(std::string(kDefaultProfile));
         const toml::table* types = asTable(reading_, node, "[profile.NAME.TYPE]");
         if (types == nullptr) {
             return;
         }
         for (const auto& [typeName, rule] : *types) {
+            if (const auto* key = findKey(measureKeys(), typeName.str())) {
+                key->read({reading_, key->name, rule, key->demand}, measures);
+                continue;
+            }
             const std::optional<std::size_t> type = findAlarmType(typeName.str());
             if (!type) {
                 reading_.mistake(typeName.source(), "there is no alarm \"" + std::string(typeName.str()) +
-                                                        "\"; there are: " + alarmNames());
+                                                        "\"; there are: " + alarmNames() + "; and the keys " +
+                                                        names(measureKeys()));
             } else if (const toml::table* table = asTable(reading_, rule, "[profile.NAME.TYPE]")) {
                 readRule(*table, alarmTypes()[*type], rules[*type]);
             }
         }
         configuration_.profiles[std::string(name)] = std::move(rules);
+        configuration_.measureRules[std::string(name)] = measures;
     }
 
     void readRule(const toml::table& table, const AlarmType& type, AlarmRule& rule) {
@@ -456,6 +463,8 @@ std::string effectiveConfiguration(const Configuration& configuration) {
         writeSection(text, "[[channel]]", channelKeys(), channel);
     }
     for (const auto& [name, rules] : configuration.profiles) {
+        writeSection(text, "[profile." + writtenKey(name) + "]", measureKeys(),
+                     configuration.measureRules.at(name));
         for (std::size_t type = 0; type < rules.size(); ++type) {
             text += "\n[profile." + writtenKey(name) + "." + std::string(alarmTypes()[type].name) + "]\n";
             for (const Key<AlarmRule>& key : ruleKeys()) {
@@ -492,6 +501,7 @@ std::vector<KeyDescription> describeKeys() {
     describe(list, "[[webhook]]", webhookKeys(), Webhook{});
     describe(list, "[[playlist]]", playlistKeys(), PlaylistSource{});
     describe(list, "[[channel]]", channelKeys(), blankChannel());
+    describe(list, "[profile.NAME]", measureKeys(), MeasureRules{});
     describe(list, "[profile.NAME.TYPE]", ruleKeys(), AlarmRule{});
     return list;
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <iosfwd>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -42,6 +43,17 @@ struct Webhook {
     bool operator==(const Webhook&) const = default;
 };
 
+// By what the meter judges a channel, where the standard leaves a choice.
+enum class ServiceInformation : uint8_t { kSeen, kRequired };
+struct MeasureRules {
+    uint32_t pidAbsenceMs = 5000;
+    uint32_t pcrRepetitionMs = 100;
+    // Whether a table of service information that was never seen is missing.
+    ServiceInformation serviceInformation = ServiceInformation::kSeen;
+
+    bool operator==(const MeasureRules&) const = default;
+};
+
 enum class MetricsPids : uint8_t { kNone, kListed, kAll };
 
 inline constexpr std::size_t kTokenLimit = 4096;  // bytes; it has to fit into a request's headers
@@ -52,6 +64,7 @@ struct Configuration {
     std::string instance = hostName();      // this probe's name, in what is delivered and measured
     std::string listen = "127.0.0.1:9427";  // "" for no TCP
     std::filesystem::path socket = "/run/kestor/station.sock";
+    std::filesystem::path meterSocket = "/run/kestor/meter.sock";  // "" for no meter
     std::filesystem::path state = "/var/lib/kestor";
     std::filesystem::path pipe = "/tmp/american_maid";
     std::string controllerEndpoint = "tcp://127.0.0.1:5999";
@@ -66,6 +79,7 @@ struct Configuration {
     std::vector<Channel> channels;
     std::vector<PlaylistSource> playlists;
     Profiles profiles{{std::string(kDefaultProfile), defaultRules()}};
+    std::map<std::string, MeasureRules> measureRules{{std::string(kDefaultProfile), {}}};  // of all profiles
 
     std::vector<Webhook> webhooks;
     uint32_t keepDays = 90;

@@ -44,6 +44,9 @@ constexpr std::array kTopKeys = {
     key<&C::socket>("socket", "path", "",
                     "Unix socket to serve HTTP on; whoever may open it may change everything",
                     {.filled = true, .check = checkSocketPath}),
+    key<&C::meterSocket>("meter_socket", "path", "",
+                         "Unix socket where kestor-meter connects; empty for none",
+                         {.check = checkSocketPath}),
     key<&C::socketToken>("socket_token", "boolean", "",
                          "Whether changes over the Unix socket need the token as well"),
     key<&C::tokenFile>("token_file", "path", "",
@@ -134,7 +137,22 @@ constexpr std::array kChannelKeys = {
     key<&Channel::labels>("labels", "table of strings", "",
                           "Labels of your own, for filters and notifications"),
     key<&Channel::profile>("profile", "string", "", "Alarm profile", {.filled = true, .check = checkName}),
+    key<&Channel::source>("source", "string", "",
+                          "Its sender's IPv4 address: kestor-meter joins the group for it alone",
+                          {.check = checkSource}, "any"),
     key<&Channel::enabled>("enabled", "boolean", "", "Whether the channel is watched"),
+};
+
+using M = MeasureRules;
+constexpr std::array kMeasureKeys = {
+    key<&M::pidAbsenceMs>("pid_absence_ms", "integer", "ms",
+                          "A video or audio PID without packets for so long is missing",
+                          {.from = 500, .to = 60'000}),
+    key<&M::pcrRepetitionMs>("pcr_repetition_ms", "integer", "ms",
+                             "PCRs that are further apart are repeated too seldom", {.from = 20, .to = 1000}),
+    key<&M::serviceInformation>(
+        "service_information", "string", "",
+        R"(Whether tables of service information that were never seen are missing: "seen" (no) or "required")"),
 };
 
 using R = AlarmRule;
@@ -196,6 +214,10 @@ std::span<const Key<PlaylistSource>> playlistKeys() {
 
 std::span<const Key<Channel>> channelKeys() {
     return kChannelKeys;
+}
+
+std::span<const Key<MeasureRules>> measureKeys() {
+    return kMeasureKeys;
 }
 
 std::span<const Key<AlarmRule>> ruleKeys() {

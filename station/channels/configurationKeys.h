@@ -32,6 +32,7 @@ std::span<const Key<Configuration::Influx>> influxKeys();
 std::span<const Key<Webhook>> webhookKeys();
 std::span<const Key<PlaylistSource>> playlistKeys();
 std::span<const Key<Channel>> channelKeys();
+std::span<const Key<MeasureRules>> measureKeys();
 std::span<const Key<AlarmRule>> ruleKeys();
 
 // Whether a rule of this kind has the key.

@@ -20,8 +20,9 @@ constexpr std::size_t kTextLimit = 4096;  // bytes of a path or URL
 constexpr std::size_t kHostsLimit = 100;
 
 using Names = std::span<const std::string_view>;
-constexpr std::array<std::string_view, 2> kFormatNames = {"json", "alertmanager"};  // of WebhookFormat
-constexpr std::array<std::string_view, 3> kPidsNames = {"none", "listed", "all"};   // of MetricsPids
+constexpr std::array<std::string_view, 2> kFormatNames = {"json", "alertmanager"};   // of WebhookFormat
+constexpr std::array<std::string_view, 3> kPidsNames = {"none", "listed", "all"};    // of MetricsPids
+constexpr std::array<std::string_view, 2> kInformationNames = {"seen", "required"};  // of ServiceInformation
 const std::array<std::string_view, 4> kSeverityNames = {
     severityName(Severity::kCritical), severityName(Severity::kMajor), severityName(Severity::kMinor),
     severityName(Severity::kWarning)};
@@ -294,6 +295,10 @@ void readInto(const Value& value, MetricsPids& target) {
     readChoice(value, kPidsNames, target);
 }
 
+void readInto(const Value& value, ServiceInformation& target) {
+    readChoice(value, kInformationNames, target);
+}
+
 std::string writtenKey(std::string_view key) {
     const bool bare = std::all_of(key.begin(), key.end(), [](char byte) {
         return (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || (byte >= '0' && byte <= '9') ||
@@ -374,6 +379,10 @@ std::string written(MetricsPids value) {
     return tomlString(kPidsNames[static_cast<std::size_t>(value)]);
 }
 
+std::string written(ServiceInformation value) {
+    return tomlString(kInformationNames[static_cast<std::size_t>(value)]);
+}
+
 std::string_view checkName(std::string_view text) {
     return text.size() > kNameLimit || printable(text, kNameLimit) != text
                ? "must be at most 256 bytes long, without control characters"
@@ -421,6 +430,12 @@ std::string_view checkUrl(std::string_view text) {
 
 std::string_view checkSocketPath(std::string_view text) {
     return text.size() < sizeof(sockaddr_un::sun_path) ? "" : "is too long for a Unix socket (107 bytes)";
+}
+
+std::string_view checkSource(std::string_view text) {
+    return text.empty() || sourceAddress(text)
+               ? ""
+               : "must be the IPv4 address of one sender, such as \"10.0.0.7\"";
 }
 
 }  // namespace station

@@ -72,6 +72,7 @@ void readInto(const Value& value, Group& target);
 void readInto(const Value& value, Severity& target);
 void readInto(const Value& value, WebhookFormat& target);
 void readInto(const Value& value, MetricsPids& target);
+void readInto(const Value& value, ServiceInformation& target);
 
 // A key as TOML, quoted where it has to be.
 std::string writtenKey(std::string_view key);
@@ -92,6 +93,7 @@ std::string written(const Group& value);
 std::string written(Severity value);
 std::string written(WebhookFormat value);
 std::string written(MetricsPids value);
+std::string written(ServiceInformation value);
 
 // Checks of texts, for Demand.
 std::string_view checkName(std::string_view text);
@@ -100,5 +102,6 @@ std::string_view checkEndpoint(std::string_view text);
 std::string_view checkHost(std::string_view text);
 std::string_view checkUrl(std::string_view text);
 std::string_view checkSocketPath(std::string_view text);
+std::string_view checkSource(std::string_view text);
 
 }  // namespace station

@@ -14,6 +14,9 @@ export class ProbeView {
     this.values = new Map();
     this.probe = el('dl', {class: 'facts'});
     this.machine = el('dl', {class: 'facts'});
+    this.meter = el('dl', {class: 'facts'});
+    this.meterPanel = panel('Meter', this.meter);
+    this.meterPanel.hidden = true;
     this.station = el('dl', {class: 'facts'});
     this.use = el('div', {class: 'columns'});
     this.notes = el('ul', {class: 'outside'});
@@ -22,7 +25,7 @@ export class ProbeView {
     root.replaceChildren(
         el('div', {class: 'view'}, el('h1', {text: 'The probe'}),
            el('div', {class: 'of-station view'}, panel('Probe', this.probe), panel('Machine', this.machine),
-              panel('Station', this.station), this.use),
+              this.meterPanel, panel('Station', this.station), this.use),
            this.notesPanel));
     this.end = store.on('snapshot', () => this.show());
     this.timer = setInterval(() => this.load(), kUseMs);
@@ -109,6 +112,7 @@ export class ProbeView {
     set('Joins groups', status.passive ? 'no, passive' : 'yes');
     this.showMachine(status);
     set('IGMP latency', quantity(status.igmpLatencyMs, 'ms'));
+    this.showMeter(status.meter);
     const key = status.notes.join('\n');
     if (key === this.notesKey) return;
     this.notesKey = key;
@@ -145,6 +149,27 @@ export class ProbeView {
     set('rx_fifo_errors', sum(card?.received.fifo));
     set('Backlog: dropped, all interfaces', sum(machine.backlog?.dropped));
     set('Backlog: time squeezes', sum(machine.backlog?.timeSqueeze));
+  }
+
+  // Nothing of it where there is none, and none ever was.
+  showMeter(meter) {
+    this.meterPanel.hidden = !meter || (!meter.connected && !meter.connections && !meter.problem);
+    if (this.meterPanel.hidden) return;
+    const set = (term, text) => this.set(this.meter, term, text);
+    const {capture, joins} = meter;
+    const known = (value) => meter.connected ? count(value) : '–';
+    set('Connected',
+        !meter.connected ? 'no' :
+            meter.silent ? 'yes, but it reports nothing' :
+                           `since ${time(parseTime(meter.since), this.store.now())}`);
+    const wrong = meter.problem ?? capture.problem ?? joins.problem;
+    set('Trouble', wrong ? visible(wrong) : 'none');
+    set('Version', meter.version ? visible(meter.version) : '–');
+    set('Reports', meter.connected ? `${count(meter.reported)} of ${count(meter.groups)} groups` : '–');
+    set('Frames dropped by its ring', known(capture.kernelDrops));
+    set('Frames dropped by the card', known(capture.cardDrops));
+    set('Seconds lost on the way', known(meter.secondsLost));
+    set('Joined for a source', known(joins.joined));
   }
 
   // One panel for the process, and one a part of it, each member under its own name.

@@ -133,9 +133,9 @@ Controller::Controller(std::string endpoint, std::function<void(const Report&)> 
 
 Controller::~Controller() = default;
 
-void Controller::want(Groups groups) {
+void Controller::want(Groups groups, Groups passively) {
     const std::lock_guard lock(implementation_->mutex);
-    implementation_->link.want(std::move(groups));
+    implementation_->link.want(std::move(groups), std::move(passively));
 }
 
 void Controller::setPassive(std::optional<bool> passive) {

@@ -31,7 +31,7 @@ class Controller {
     Controller(const Controller&) = delete;
 
     // What ProbeLink's functions of these names say. Any thread; at once.
-    void want(Groups groups);
+    void want(Groups groups, Groups passively = {});
     void setPassive(std::optional<bool> passive);
     void setIgmpLatency(std::optional<std::chrono::milliseconds> latency);
     void clearCounters();

@@ -40,8 +40,9 @@ constexpr std::size_t kRemovedPerAnswer = 200;
 
 }  // namespace
 
-void ProbeLink::want(Groups groups) {
+void ProbeLink::want(Groups groups, Groups passively) {
     wanted_ = std::move(groups);
+    wantedPassively_ = std::move(passively);
 }
 
 void ProbeLink::setPassive(std::optional<bool> passive) {
@@ -139,6 +140,7 @@ void ProbeLink::makeMain(Asker& asker, SteadyTime now) {
     askers_.insert(askers_.begin(), chosen);
     main_ = true;
     told_.clear();
+    heldPassively_.clear();
     removed_.clear();
     shown_.clear();
     rejoin_.clear();
@@ -188,15 +190,29 @@ ProbeLink::Answer ProbeLink::answer(SteadyTime now) {
     }
     answer.passive = passive_;
     answer.igmpLatency = igmpLatency_;
+    if (tookTurns_ && !answer.passive) {
+        answer.passive = false;
+    }
+    const bool turned = std::exchange(passiveTurn_, false);
     if (!askers_.front().monitors || !listKnown(now)) {
         return answer;
     }
-    if (clear_) {
-        clear_ = false;
-        answer.clearAll = true;
+    if (!turned && !clear_ && passiveWaits()) {
+        passiveTurn_ = tookTurns_ = true;
+        answer.passive = true;
+        answer.append = nextAdditions(now);
+        answer.remove = nextRemovals(now);
         return answer;
     }
-    std::erase_if(rejoin_, [this](const Group& group) { return !wanted_.contains(group); });
+    if (clear_ && !turned) {
+        clear_ = false;
+        answer.clearAll = true;
+        heldPassively_.clear();  // it joins all anew, by the mode that holds
+        return answer;
+    }
+    std::erase_if(rejoin_, [this](const Group& group) {
+        return !wanted_.contains(group) || wantedPassively_.contains(group);
+    });
     if (!rejoin_.empty() && !shown_.empty() && std::ranges::includes(rejoin_, shown_)) {
         // All that it has: it joins them anew as it starts all counters anew, without the cost of removals.
         rejoin_.clear();
@@ -211,24 +227,48 @@ ProbeLink::Answer ProbeLink::answer(SteadyTime now) {
     return answer;
 }
 
+// Whether there is something to be joined or left without IGMP.
+bool ProbeLink::passiveWaits() const {
+    if (!apart()) {
+        return false;
+    }
+    const auto waits = [this](const Group& group) {
+        const auto told = told_.find(group);
+        return told == told_.end() || (heldPassively_.contains(group) && overdue(told->second));
+    };
+    return std::ranges::any_of(wantedPassively_, waits) ||
+           std::ranges::any_of(heldPassively_,
+                               [this](const Group& group) { return !wantedPassively_.contains(group); });
+}
+
+// It stays away, although it was told.
+bool ProbeLink::overdue(const Told& told) {
+    return told.missing >= std::min(kMissingSnapshots << std::min(told.repeated, 8), kLongestMissing);
+}
+
 std::vector<Group> ProbeLink::nextAdditions(SteadyTime now) {
     std::vector<Group> groups;
     for (const Group& group : wanted_) {
         if (groups.size() == kAddedPerAnswer) {
             break;
         }
+        if (!ofTurn(wantedPassively_, group) || (told_.contains(group) && misjoined(group))) {
+            continue;
+        }
         const auto told = told_.find(group);
         if (told == told_.end()) {
             told_[group] = {now};
             groups.push_back(group);
-        } else if (told->second.missing >=
-                   std::min(kMissingSnapshots << std::min(told->second.repeated, 8), kLongestMissing)) {
+        } else if (overdue(told->second)) {
             told->second = {now, 0, told->second.repeated + 1};
             groups.push_back(group);
         } else {
             continue;
         }
         removed_.erase(group);
+        if (passiveTurn_) {
+            heldPassively_.insert(group);
+        }
     }
     return groups;
 }
@@ -263,7 +303,8 @@ std::vector<Group> ProbeLink::nextRemovals(SteadyTime now) {
             if (groups.size() == bound) {
                 return;
             }
-            if (!wanted_.contains(group) && removed_.try_emplace(group, now).second) {
+            if (ofTurn(heldPassively_, group) && (!wanted_.contains(group) || misjoined(group)) &&
+                removed_.try_emplace(group, now).second) {
                 groups.push_back(group);
             }
         }
@@ -272,6 +313,7 @@ std::vector<Group> ProbeLink::nextRemovals(SteadyTime now) {
     removeFrom(shown_, [](const Group& group) -> const Group& { return group; });
     for (const Group& group : groups) {
         told_.erase(group);
+        heldPassively_.erase(group);
     }
     return groups;
 }
@@ -284,7 +326,7 @@ void ProbeLink::shown(const Groups& groups, SteadyTime began) {
     snapshotSince_ = snapshotSince_ || began > firstRequest_;
     for (const Group& group : groups) {
         // What it has of the wanted ones need not be told, whoever told it.
-        if (wanted_.contains(group)) {
+        if (wanted_.contains(group) && !removed_.contains(group)) {
             told_.try_emplace(group, Told{began});
         }
     }

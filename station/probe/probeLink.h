@@ -47,7 +47,9 @@ class ProbeLink {
         kAside,     // of another one than that which is told what to watch; its answer is empty
     };
 
-    void want(Groups groups);
+    // Of the wanted groups it joins those of `passively`, a part of them, without IGMP: somebody else on this
+    // machine joins them.
+    void want(Groups groups, Groups passively = {});
     void setPassive(std::optional<bool> passive);
     void setIgmpLatency(std::optional<std::chrono::milliseconds> latency);
     // Has all counters start anew with the next answer to a probe that monitors.
@@ -82,6 +84,18 @@ class ProbeLink {
         int missing = 0;   // snapshots in a row that began after it was told and do not show it
         int repeated = 0;  // how often it was told again
     };
+    bool passiveWaits() const;
+    static bool overdue(const Told& told);
+    // Whether an answer in that mode is about this group's way of being joined.
+    bool ofTurn(const Groups& passiveOnes, const Group& group) const {
+        return !apart() || passiveOnes.contains(group) == passiveTurn_;
+    }
+    bool apart() const {
+        return !passive_.value_or(false) && (!wantedPassively_.empty() || !heldPassively_.empty());
+    }
+    bool misjoined(const Group& group) const {
+        return apart() && wantedPassively_.contains(group) != heldPassively_.contains(group);
+    }
     std::vector<Group> nextRemovals(SteadyTime now);
     std::vector<Group> nextAdditions(SteadyTime now);
     std::vector<Group> nextRejoins(std::size_t bound, SteadyTime now);
@@ -95,7 +109,13 @@ class ProbeLink {
     bool handOver(SteadyTime now);
 
     Groups wanted_;
+    Groups wantedPassively_;  // of these
     std::map<Group, Told> told_;
+    // The probe joins and leaves by the mode that its last answer has set, so that groups to be joined
+    // passively and the others take turns.
+    Groups heldPassively_;                 // of those that were told
+    bool passiveTurn_ = false;             // the answer that is made now
+    bool tookTurns_ = false;               // the mode is always told since
     Groups shown_;                         // by the last snapshot
     std::map<Group, SteadyTime> removed_;  // told to be removed, until a later snapshot is without it
     std::optional<bool> passive_;

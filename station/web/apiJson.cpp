@@ -144,6 +144,8 @@ std::string statusJson(const StationState& state) {
     probeMembers(json, state.probe, state.machine);
     json.name("machine");
     json::machineValue(json, state.machine);
+    json.name("meter");
+    json::meterValue(json, state.meter);
     const auto count = [&state](auto&& counts) { return std::ranges::count_if(state.channels, counts); };
     json.name("channels").open('{').member("configured", state.channels.size());
     json.member("watched", count([](const auto& one) { return one->channel.enabled && one->shown; }));

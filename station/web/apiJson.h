@@ -14,6 +14,9 @@ namespace station {
 std::string statusJson(const StationState& state);
 std::string channelsJson(const StationState& state);
 std::string channelJson(const StationState& state, const ChannelState& channel);
+// A report of the meter: the document that kestor-measure --json prints, and what it prints without.
+std::string meterReportJson(const MeterReport& report);
+std::string meterReportText(const MeterReport& report);
 std::string alarmsJson(const StationState& state);
 std::string alarmJson(const StationState& state, const Alarm& alarm);
 std::string alarmTypesJson();

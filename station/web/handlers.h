@@ -10,6 +10,7 @@ void access(Services& services, const Call& call, Reply&& reply);
 void status(Services& services, const Call& call, Reply&& reply);
 void channels(Services& services, const Call& call, Reply&& reply);
 void channel(Services& services, const Call& call, Reply&& reply);
+void meter(Services& services, const Call& call, Reply&& reply);
 void records(Services& services, const Call& call, Reply&& reply);
 void history(Services& services, const Call& call, Reply&& reply);
 void alarms(Services& services, const Call& call, Reply&& reply);

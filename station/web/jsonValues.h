@@ -20,6 +20,8 @@ void alarmCounts(JsonWriter& json, std::span<const Alarm> alarms);
 void alarmTypesValue(JsonWriter& json);
 // The object `machine`.
 void machineValue(JsonWriter& json, const MachineState& machine);
+// The object `meter`, or null where none is configured.
+void meterValue(JsonWriter& json, const MeterState& meter);
 
 inline std::optional<std::string_view> textOrNull(std::string_view text) {
     return text.empty() ? std::nullopt : std::optional(text);

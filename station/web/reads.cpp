@@ -14,6 +14,8 @@ constexpr int64_t kLargestLimit = 1000;
 constexpr int64_t kDefaultLimit = 100;
 // The owner publishes at least once a second.
 constexpr std::chrono::seconds kStateOverdue{5};
+// A meter reports each second.
+constexpr std::chrono::seconds kReportHolds{5};
 constexpr int64_t kDefaultCells = 60;
 constexpr int64_t kDefaultCellSeconds = 5;
 
@@ -141,6 +143,57 @@ void channels(Services& services, const Call& call, Reply&& reply) {
 
 void channel(Services& services, const Call& call, Reply&& reply) {
     answerChannel(services, Of::kReading, *call.group, takesGzip(call), std::move(reply));
+}
+
+// Why there is no report of a channel, for an operator.
+static std::string whyUnmetered(const MeterState& meter, const ChannelState& channel) {
+    if (!meter.configured) {
+        return "This station has no meter: meter_socket is empty";
+    }
+    if (!meter.connected) {
+        return "No meter is connected" +
+               (meter.problem.empty() ? ": is kestor-meter running?" : ": " + meter.problem);
+    }
+    return channel.channel.enabled ? "The meter has not reported this channel yet"
+                                   : "The channel is disabled, so that nothing measures it";
+}
+
+void meter(Services& services, const Call& call, Reply&& reply) {
+    QueryReader query(call.query);
+    const bool text = query
+                          .read("format", "json or text",
+                                [](std::string_view format) {
+                                    return format == "text" || format == "json"
+                                               ? std::optional(format == "text")
+                                               : std::nullopt;
+                                })
+                          .value_or(false);
+    if (query.refusal) {
+        return reply(std::move(*query.refusal));
+    }
+    const ChannelState* channel = call.state->find(*call.group);
+    if (channel == nullptr) {
+        return answerChannel(services, Of::kReading, *call.group, false, std::move(reply));
+    }
+    std::optional<MeterReport> report = services.station.meterReport(*call.group);
+    if (!report) {
+        return reply(problem(503, whyUnmetered(call.state->meter, *channel)));
+    }
+    if (std::chrono::steady_clock::now() - report->time.steady > kReportHolds) {
+        return reply(problem(503, "The meter's last report is of " + rfc3339(report->time.wall) +
+                                      ": it is stopped or overloaded"));
+    }
+    Response head = jsonHead();
+    if (text) {
+        head.contentType = "text/plain; charset=utf-8";
+    }
+    const AnswerKey key{text ? "meter-text" : "meter", {report->number}};
+    answer(
+        services, Of::kReading, key, takesGzip(call),
+        [report = std::move(*report), text] {
+            return AnswerText{text ? meterReportText(report) : meterReportJson(report)};
+        },
+        std::move(reply), std::move(head));
 }
 
 void records(Services& services, const Call& call, Reply&& reply) {

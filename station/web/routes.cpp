@@ -24,6 +24,7 @@ constexpr std::array kRoutes = std::to_array<Route>({
     {kPut, "/api/v1/channels/{group}", kChange, kJson, kState, "", handlers::putChannel},
     {kDelete, "/api/v1/channels/{group}", kChange, kNothing, kState, "", handlers::deleteChannel},
     {kGet, "/api/v1/channels/{group}/history", kRead, kNothing, kState, "metric resolution since", handlers::history},
+    {kGet, "/api/v1/channels/{group}/meter", kRead, kNothing, kState, "format", handlers::meter},
     {kGet, "/api/v1/records", kRead, kNothing, kState, "", handlers::records},
     {kGet, "/api/v1/alarms", kRead, kNothing, kState, "", handlers::alarms},
     {kPost, "/api/v1/alarms/{id}/acknowledge", kChange, kJson, kState, "", handlers::acknowledge},

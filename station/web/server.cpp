@@ -1,6 +1,5 @@
 #include "web/server.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/asio/io_context.hpp>
@@ -16,6 +15,7 @@
 
 #include "common/log.h"
 #include "common/text.h"
+#include "common/unixListener.h"
 #include "web/connection.h"
 
 namespace station {
@@ -99,7 +99,7 @@ struct Server::Implementation {
             listenTcp(serverOptions.listen);
         }
         if (!socketPath.empty()) {
-            listenUnix();
+            listenOnSocket();
         }
         startTimer();
         thread = std::thread([this] { run(); });
@@ -162,48 +162,8 @@ struct Server::Implementation {
         acceptTcp();
     }
 
-    // What is left of a station that was killed is replaced; a station that runs keeps its socket.
-    void removeStaleSocket() {
-        struct stat status {};
-        if (lstat(socketPath.c_str(), &status) != 0) {
-            return;
-        }
-        ErrorCode error;
-        stream_protocol::socket probe(context);
-        probe.connect(stream_protocol::endpoint(socketPath.string()), error);
-        if (!S_ISSOCK(status.st_mode)) {
-            cannotListen(socketPath.string(), "a file that is no socket is there");
-        }
-        if (error != asio::error::connection_refused) {
-            cannotListen(socketPath.string(), error ? error.message() : "another station listens there");
-        }
-        unlink(socketPath.c_str());
-    }
-
-    void listenUnix() {
-        constexpr mode_t kMode = 0660;
-        constexpr std::size_t kLongestPath = 107;  // unix(7)
-        if (socketPath.string().size() > kLongestPath) {
-            cannotListen(socketPath.string(), "the path is longer than 107 bytes");
-        }
-        std::error_code ignored;
-        std::filesystem::create_directory(socketPath.parent_path(), ignored);
-        removeStaleSocket();
-        ErrorCode error;
-        unixAcceptor.open(stream_protocol(), error);
-        if (!error) {
-            unixAcceptor.bind(stream_protocol::endpoint(socketPath.string()), error);
-        }
-        // Nobody can connect before it listens.
-        if (!error && chmod(socketPath.c_str(), kMode) != 0) {
-            error.assign(errno, boost::system::system_category());
-        }
-        if (!error) {
-            unixAcceptor.listen(asio::socket_base::max_listen_connections, error);
-        }
-        if (error) {
-            cannotListen(socketPath.string(), error.message());
-        }
+    void listenOnSocket() {
+        unixAcceptor.assign(stream_protocol(), listenUnix(socketPath));
         acceptUnix();
     }
 

@@ -6,7 +6,7 @@
 
 #include "fuzz/fuzzing.h"
 #include "measure.h"
-#include "reportText.h"
+#include "meter/reportText.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const int file = memfd_create("recording", MFD_CLOEXEC);
@@ -16,7 +16,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const MeasuredFile measured =
         measureFile("/proc/self/fd/" + std::to_string(file), {}, [](uint64_t, uint64_t) {});
     for (const meter::Report& report : measured.reports) {
-        reportText(report, "recording");
+        meter::reportText(report, "recording");
         meter::toJson(report);
     }
     close(file);

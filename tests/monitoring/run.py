@@ -59,6 +59,7 @@ def probe_side(number, bin_directory):
         instance = "{PROBES[number]}"
         listen = "10.98.{number}.2:9427"
         socket = "{WORK}/station.sock"
+        meter_socket = "{WORK}/meter.sock"
         state_dir = "{WORK}/state"
         [[channel]]
         group = "239.1.1.1"

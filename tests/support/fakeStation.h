@@ -118,6 +118,14 @@ class FakeStation : public StationInterface {
         inlineAnswers ? run() : static_cast<void>(threads_.emplace_back(run));
         return true;
     }
+    std::optional<MeterReport> meterReport(const Group& group) const override {
+        const std::lock_guard lock(mutex_);
+        return group == fakeGroup(0) ? meterReport_ : std::nullopt;
+    }
+    void setMeterReport(std::optional<MeterReport> report) {
+        const std::lock_guard lock(mutex_);
+        meterReport_ = std::move(report);
+    }
     EventStore::Statistics storeStatistics() const override {
         return {};
     }
@@ -204,6 +212,7 @@ class FakeStation : public StationInterface {
 
     mutable std::recursive_mutex mutex_;  // guards everything below
     StatePointer state_;
+    std::optional<MeterReport> meterReport_;
     uint64_t number_ = 0;
     std::vector<std::jthread> threads_;
 };

@@ -53,6 +53,7 @@ struct Site {
     Site() {
         configuration->listen = "";
         configuration->socket = directory.path() / "socket";
+        configuration->meterSocket = directory.path() / "meter";
         configuration->state = state;
         configuration->pipe = directory.path() / "pipe";
         configuration->controllerEndpoint = "ipc://" + (directory.path() / "controller").string();

@@ -67,7 +67,7 @@ struct Owner : CommandEffects {
     }
     void publish(const Now& at) override {
         asked.emplace_back("publish");
-        publisher.publish({probe.state(), configuration_, {}, false, {}}, at);
+        publisher.publish({probe.state(), {}, configuration_, {}, false, {}}, at);
     }
     void saveChannels(std::function<void(const std::string&)> saved) override {
         asked.emplace_back("save");

@@ -94,6 +94,95 @@ TEST(StationProbe, HasGroupsJoinedAgainWithoutTouchingOthers) {
     EXPECT_EQ(probe.told, told);
 }
 
+// What the probe holds when it joins and leaves by the mode that it was told last.
+struct ProbesMemberships {
+    void act(const ProbeLink::Answer& answer) {
+        if (answer.clearAll) {
+            for (const Group& group : passively) {
+                igmp.insert(group);
+            }
+            return;
+        }
+        passive = answer.passive.value_or(passive);
+        for (const Group& group : answer.remove) {
+            EXPECT_EQ((passive ? passively : igmp).erase(group), 1U) << group.text();
+        }
+        for (const Group& group : answer.append) {
+            (passive ? passively : igmp).insert(group);
+        }
+    }
+
+    bool passive = false;
+    Groups igmp;
+    Groups passively;
+};
+
+TEST(StationProbe, HasSomeGroupsJoinedWithoutIgmp) {
+    ProbeLink link;
+    FakeProbe probe(link);
+    ProbesMemberships held;
+    const auto settle = [&] {
+        for (int i = 0; i < 12; ++i) {
+            held.act(probe.ask());
+            if (i % 2 == 1) {
+                link.shown(probe.list, probe.now - 100ms);
+            }
+        }
+        EXPECT_EQ(probe.list, groups(10));
+        EXPECT_FALSE(held.passive) << "others may tell it groups too";
+    };
+    const Groups some = {group(2), group(3)};
+    Groups rest = groups(10);
+    for (const Group& one : some) {
+        rest.erase(one);
+    }
+    link.want(groups(10));
+    settle();
+    EXPECT_EQ(held.igmp, groups(10));
+    for (int i = 0; i < 2; ++i) {
+        link.want(groups(10), some);
+        settle();
+        EXPECT_EQ(held.igmp, rest);
+        EXPECT_EQ(held.passively, some);
+        for (int quiet = 0; quiet < 10; ++quiet) {
+            const auto answer = probe.ask();
+            EXPECT_THAT(answer.append, IsEmpty());
+            EXPECT_THAT(answer.remove, IsEmpty());
+            EXPECT_EQ(answer.passive, false);
+        }
+        link.want(groups(10));
+        settle();
+        EXPECT_EQ(held.igmp, groups(10));
+        EXPECT_THAT(held.passively, IsEmpty());
+    }
+    // From the begin, through a reset of all counters, and to the end.
+    ProbeLink fresh;
+    FakeProbe second(fresh);
+    ProbesMemberships anew;
+    fresh.want(groups(10), some);
+    for (int i = 0; i < 6; ++i) {
+        anew.act(second.ask());
+    }
+    EXPECT_EQ(anew.igmp, rest);
+    EXPECT_EQ(anew.passively, some);
+    fresh.clearCounters();
+    bool cleared = false;
+    for (int i = 0; i < 8; ++i) {
+        const auto answer = second.ask();
+        cleared = cleared || answer.clearAll;
+        anew.act(answer);
+    }
+    EXPECT_TRUE(cleared);
+    EXPECT_EQ(anew.igmp, rest);
+    fresh.want({});
+    for (int i = 0; i < 6; ++i) {
+        anew.act(second.ask());
+    }
+    EXPECT_THAT(anew.igmp, IsEmpty());
+    EXPECT_THAT(anew.passively, IsEmpty());
+    EXPECT_FALSE(anew.passive);
+}
+
 TEST(StationProbe, JoinsManyAgainAtTheProbesPace) {
     ProbeLink link;
     link.want(groups(2000));

@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "support/fakeStation.h"
+#include "support/fullReport.h"
 #include "support/scratch.h"
 #include "web/eventStream.h"
 #include "web/server.h"
@@ -650,6 +651,13 @@ TEST_F(StationWeb, SurvivesClientsAndAnswersThatAreGone) {
 }
 
 TEST_F(StationWeb, AnswersAsDocumented) {
+    const auto full = test::reportMessage(test::fullReport(fakeGroup(0).hostOrder()));
+    MeterReport report{.number = 1, .time = {}, .disturbed = true, .levels = {}, .description = {}};
+    report.time.steady = std::chrono::steady_clock::now() + std::chrono::hours(1);  // however long this takes
+    report.levels = std::make_shared<std::string>(full.SerializeAsString());
+    report.description = std::make_shared<std::string>(full.description().SerializeAsString());
+    station.setMeterReport(report);
+    station.change([](StationState& next) { next.meter.configured = next.meter.connected = true; });
     const std::string tree = KESTOR_SOURCE_DIR;
     const std::string command = "/usr/bin/python3 " + tree + "/tests/apiSchemas.py " + tree +
                                 "/docs/api.yaml 127.0.0.1:" + std::to_string(server->port());

@@ -11,7 +11,7 @@
 #include "address.h"
 #include "completion.h"
 #include "measure.h"
-#include "reportText.h"
+#include "meter/reportText.h"
 #include "usage.h"
 
 namespace {
@@ -119,8 +119,8 @@ int measure(const std::string& path, const Arguments& arguments, const MeasureOp
     int status = 0;
     bool first = true;
     for (const meter::Report& report : measured.reports) {
-        const std::string text =
-            arguments.json ? meter::toJson(report) + "\n" : (first ? "" : "\n") + reportText(report, path);
+        const std::string text = arguments.json ? meter::toJson(report) + "\n"
+                                                : (first ? "" : "\n") + meter::reportText(report, path);
         fwrite(text.data(), 1, text.size(), stdout);
         first = false;
         status = hasErrors(report) ? kExitErrors : status;

@@ -173,12 +173,14 @@ int run(const CLI::App& app, Arguments arguments) {
     return tellProbe(name, groups, arguments);
 }
 
-void declareStationCommands(CLI::App& app, StationRequest& request) {
+void declareStationCommands(CLI::App& app, Arguments& arguments) {
+    StationRequest& request = arguments.request;
     const auto add = [&](const char* name, const char* description) {
         return app.add_subcommand(name, description)->group(kNeedsStation);
     };
-    add("status", "Show the probe, channels and alarms in four lines.");
+    add("status", "Show the probe, the meter, channels and alarms in a few lines.");
     add("channels", "List all channels with their state.");
+    addGroups(*add("meter", "Show what kestor-meter measures of channels."), arguments);
     add("alarms", "List the active alarms.");
     CLI::App* events = add("events", "Show past events, newest last.");
     events->add_flag("--follow", request.follow, "Keep printing events as they happen.");
@@ -241,7 +243,7 @@ void declare(CLI::App& app, Arguments& arguments) {
     scan->add_option("--m3u", arguments.m3u, "Write the groups that carry traffic to a playlist.")
         ->type_name("FILE");
     app.add_subcommand("doctor", "Check this machine for what keeps the probe from working.");
-    declareStationCommands(app, arguments.request);
+    declareStationCommands(app, arguments);
     for (CLI::App* command : app.get_subcommands({})) {
         if (command->get_group() != kNeedsStation) {
             command->group("Commands");

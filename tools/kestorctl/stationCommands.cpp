@@ -98,6 +98,33 @@ void showMachine(const Json& machine, bool connected) {
     }
 }
 
+void showMeter(const Json& meter) {
+    if (!meter.is_object()) {
+        return;
+    }
+    const bool connected = meter.value("connected", false);
+    const std::string version = text(meter, "version");
+    const std::string since = timeText(meter, "since");
+    if (!connected && version == "-") {
+        puts("meter     none yet");
+    } else if (!connected) {
+        printf("meter     NOT CONNECTED since %s UTC\n", since.c_str());
+    } else {
+        const Json& capture = meter.at("capture");
+        printf("meter     %s since %s UTC, reports %s of %s groups; dropped %s frames, lost %s seconds\n",
+               meter.value("silent", false) ? "connected but SILENT" : "connected", since.c_str(),
+               number(meter, "reported").c_str(), number(meter, "groups").c_str(),
+               number(capture, "kernelDrops").c_str(), number(meter, "secondsLost").c_str());
+    }
+    for (const Json& said : {meter, meter.value("capture", Json()), meter.value("joins", Json())}) {
+        for (const char* member : {"problem", "note"}) {
+            if (const std::string line = text(said, member); line != "-") {
+                printf("          %s\n", line.c_str());
+            }
+        }
+    }
+}
+
 int showStatus(StationClient& station, const StationRequest& request) {
     const Json status = station.getJson("/api/v1/status");
     const Json& probe = status.at("probe");
@@ -137,6 +164,7 @@ int showStatus(StationClient& station, const StationRequest& request) {
         puts("          kestorctl doctor tells what keeps it from here, and what to do");
     }
     showMachine(status.value("machine", Json::object()), result == 0);
+    showMeter(status.value("meter", Json()));
     printf("channels  %s configured, %s watched, %s with signal\n", number(channels, "configured").c_str(),
            number(channels, "watched").c_str(), number(channels, "withSignal").c_str());
     printf("alarms    %s critical, %s major, %s minor, %s warning\n", number(alarms, "critical").c_str(),
@@ -179,6 +207,24 @@ std::string acknowledgementText(const Json& alarm) {
     const std::string by = text(*acknowledged, "by");
     const std::string remark = text(*acknowledged, "remark");
     return "acknowledged" + (by == "-" ? "" : " by " + by) + (remark == "-" ? "" : ": " + remark);
+}
+
+// What kestor-measure prints of a recording, of channels as they are.
+int showMeasures(StationClient& station, const StationRequest& request) {
+    bool first = true;
+    bool refused = false;
+    for (const std::string& group : request.groups) {
+        const std::string path = "/api/v1/channels/" + group + "/meter";
+        try {
+            const std::string answer = station.get(request.json ? path : path + "?format=text");
+            printf("%s%s%s", first || request.json ? "" : "\n", answer.c_str(), request.json ? "\n" : "");
+            first = false;
+        } catch (const RefusedError& error) {
+            fprintf(stderr, "kestorctl: %s: %s\n", group.c_str(), error.what());
+            refused = true;
+        }
+    }
+    return refused ? 1 : 0;
 }
 
 int showAlarms(StationClient& station, const StationRequest& request) {
@@ -396,8 +442,9 @@ struct Command {
     int (*run)(StationClient&, const StationRequest&);
 };
 constexpr Command kCommands[] = {
-    {"status", showStatus},     {"channels", showChannels}, {"alarms", showAlarms}, {"events", showEvents},
-    {"import", importPlaylist}, {"export", exportPlaylist}, {"ack", acknowledge},   {"reload", reload},
+    {"status", showStatus}, {"channels", showChannels}, {"alarms", showAlarms},
+    {"events", showEvents}, {"import", importPlaylist}, {"export", exportPlaylist},
+    {"ack", acknowledge},   {"reload", reload},         {"meter", showMeasures},
 };
 
 }  // namespace

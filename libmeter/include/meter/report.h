@@ -256,6 +256,12 @@ struct ChangeReport {
 
 using Event = std::variant<ChangeReport, CueReport>;
 
+// Of a channel that is measured as it arrives.
+struct LiveReport {
+    bool disturbed = false;  // what it says of loss may be this machine's
+    std::optional<double> joinLatencyMs;
+};
+
 struct Report {
     std::optional<uint32_t> group;     // host byte order
     std::optional<std::string> begin;  // RFC 3339
@@ -273,6 +279,7 @@ struct Report {
     uint64_t cuesEncrypted = 0;
     uint64_t cuesMalformed = 0;
     std::vector<ChangeReport> changes;
+    std::optional<LiveReport> live;  // not of recordings; then not in the JSON either
 };
 
 // The checks of ETSI TR 101 290 that a report has, in its order, as when none ever failed.

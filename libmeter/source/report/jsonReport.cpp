@@ -337,6 +337,13 @@ std::string toJson(const Report& report) {
         .member("malformed", report.cuesMalformed)
         .close('}');
     writeList(json, "changes", report.changes, writeChange);
+    if (report.live) {
+        json.name("live")
+            .open('{')
+            .member("disturbed", report.live->disturbed)
+            .member("joinLatencyMs", report.live->joinLatencyMs)
+            .close('}');
+    }
     json.close('}');
     return text;
 }

@@ -1,16 +1,16 @@
-#include "reportText.h"
+#include "meter/reportText.h"
 
 #include <algorithm>
 #include <cinttypes>
 
-#include "address.h"
-#include "textLines.h"
+#include "basics/address.h"
+#include "report/textLines.h"
+
+namespace meter {
 
 namespace {
 
-using meter::CheckReport;
-using meter::Report;
-using meter::StreamKind;
+using basics::dotted;
 
 constexpr std::size_t kPidsWidth = 24;  // what the longest name of a check leaves
 constexpr std::size_t kCuesShown = 20;
@@ -75,6 +75,18 @@ std::string titleLine(const Report& report, const std::string& path) {
         line += " from " + *report.begin;
     }
     return fitted(line, kTextWidth) + "\n";
+}
+
+// What a live report says beside a recording's.
+std::string liveLines(const Report& report) {
+    std::string text;
+    if (report.live && report.live->disturbed) {
+        text += "this machine dropped frames a moment ago, or captured nothing: losses may be its own\n";
+    }
+    if (report.live && report.live->joinLatencyMs) {
+        text += formatted("first datagram %.1f ms after the join\n", *report.live->joinLatencyMs);
+    }
+    return text;
 }
 
 std::string lossText(const Report& report) {
@@ -487,6 +499,9 @@ std::string otherPids(const Report& report) {
 }  // namespace
 
 std::string reportText(const Report& report, const std::string& path) {
-    return titleLine(report, path) + overview(report) + services(report) + errors(report) + clocks(report) +
-           network(report) + cues(report) + changes(report) + otherPids(report);
+    return titleLine(report, path) + liveLines(report) + overview(report) + services(report) +
+           errors(report) + clocks(report) + network(report) + cues(report) + changes(report) +
+           otherPids(report);
 }
+
+}  // namespace meter

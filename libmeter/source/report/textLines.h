@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+namespace meter {
+
 // printf's formats.
 [[gnu::format(printf, 1, 2)]] std::string formatted(const char* format, ...);
 
@@ -40,3 +42,5 @@ class Columns {
     std::string alignment_;
     std::vector<std::vector<std::string>> rows_;
 };
+
+}  // namespace meter

@@ -1,8 +1,10 @@
-#include "textLines.h"
+#include "report/textLines.h"
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+
+namespace meter {
 
 namespace {
 
@@ -95,3 +97,5 @@ std::string Columns::text(std::size_t width) const {
     }
     return text;
 }
+
+}  // namespace meter
