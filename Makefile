@@ -13,7 +13,7 @@ SOAK_SECONDS ?= 600
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS ?= frames control parameterSet captureFile recordLine playlist configuration httpRequest \
   meterDatagrams meterRecording meterSections meterVideo meterAudio meterCues
-RUN_PROGRAMS = kestor kestor-station kestorctl
+RUN_PROGRAMS = kestor kestor-meter kestor-station kestorctl
 SOURCES = git ls-files '*.cpp' '*.h' '*.js'
 # What is about to be compiled for the first time, and how long that takes (about 3 s a file and processor): PRESET, TARGETS
 announce = files=$$(cd build/$(1) && ninja -t inputs $(2) | grep '\.o$$' | while read -r file; do [ -e $$file ] || echo; done | \
@@ -32,7 +32,7 @@ build:
 	@$(call announce,release,all)
 	cmake --build --preset release -j $(JOBS)
 
-## run           probe, station and page; RUN_SECONDS limits the time, GROUPS or PLAYLIST name real groups
+## run           probe, meter, station and page; RUN_SECONDS limits the time, GROUPS or PLAYLIST name real groups
 run:
 	scripts/install-deps.sh compile
 	@tests=$$([ -e build/release/build.ninja ] || echo -DBUILD_TESTING=OFF) && \

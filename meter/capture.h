@@ -63,6 +63,10 @@ struct LiveOptions {
 // while it is made. Throws std::runtime_error with what is wrong and what to do.
 std::unique_ptr<Capture> openLive(const LiveOptions& options);
 
+// A recording (pcap, pcapng), at the pace at which it was recorded: its first frame comes at once, and each
+// arrival is as far from the first one as in the recording. Throws std::runtime_error with path and reason.
+std::unique_ptr<Capture> openFile(const std::string& path, Share share);
+
 // The interface that the probe captures on: the first of libpcap's whose name contains "eth0"; empty: none.
 std::string defaultInterface();
 

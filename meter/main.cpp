@@ -1,14 +1,18 @@
 // kestor-meter: measures what arrives, by the letter of the standards, and tells the station.
 #include <net/if.h>
+#include <systemd/sd-daemon.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "completion.h"
 #include "joins.h"
 #include "stationLink.h"
 #include "usage.h"
@@ -19,6 +23,9 @@ namespace {
 constexpr unsigned kThreadsLimit = 16;
 constexpr std::size_t kRingMibLimit = 1024;
 constexpr int kServeMs = 100;
+// A thread that has not gone round for so long hangs: the service's watchdog is to have the program started
+// anew.
+constexpr int64_t kHangs = 20'000'000'000;
 
 volatile std::sig_atomic_t ending = 0;
 
@@ -40,20 +47,35 @@ meterd::CaptureMaker liveMaker(meterd::LiveOptions options) {
     };
 }
 
+meterd::CaptureMaker fileMaker(const std::string& file, meterd::Share share) {
+    return [file, share] { return meterd::openFile(file, share); };
+}
+
+struct Arguments {
+    std::string interface;
+    std::string file;  // in place of an interface
+    std::string socket = metering::kSocketPath;
+    std::size_t ringMib = 64;
+    unsigned threads = 1;
+};
+
 class Daemon {
   public:
-    Daemon(std::string interface, std::size_t ringMib, unsigned threads, const std::string& socket)
-        : interface_(std::move(interface)),
-          link_(socket, KESTOR_VERSION, outbox_,
+    explicit Daemon(const Arguments& arguments)
+        : interface_(arguments.interface),
+          file_(arguments.file),
+          link_(arguments.socket, KESTOR_VERSION, outbox_,
                 {[this] {
                      for (const auto& worker : workers_) {
                          worker->describeAnew();
                      }
                  },
                  [this](const metering::Groups& groups) { watch(groups); }}) {
-        for (unsigned i = 0; i < threads; ++i) {
-            const meterd::LiveOptions options{interface_, ringMib, {i, threads}};
-            workers_.push_back(std::make_unique<meterd::Worker>(options.share, liveMaker(options), outbox_));
+        for (unsigned i = 0; i < arguments.threads; ++i) {
+            const meterd::LiveOptions options{interface_, arguments.ringMib, {i, arguments.threads}};
+            workers_.push_back(std::make_unique<meterd::Worker>(
+                options.share, file_.empty() ? liveMaker(options) : fileMaker(file_, options.share),
+                outbox_));
         }
         for (const auto& worker : workers_) {
             threads_.emplace_back([&worker](const std::stop_token& stop) { worker->run(stop); });
@@ -65,6 +87,7 @@ class Daemon {
             link_.serve(kServeMs);
             if (now() >= nextJoins_) {
                 join();
+                tellService();
             }
         }
     }
@@ -86,8 +109,20 @@ class Daemon {
         join();
     }
 
+    void tellService() {
+        const int64_t overdue = now() - kHangs;
+        const bool well =
+            std::ranges::all_of(workers_, [&](const auto& worker) { return worker->lastTurn() > overdue; });
+        sd_notify(0, !std::exchange(ready_, true) ? "READY=1\nWATCHDOG=1"
+                     : well                       ? "WATCHDOG=1"
+                                                  : "STATUS=hangs");
+    }
+
     void join() {
         nextJoins_ = now() + kJoinsInterval;
+        if (!file_.empty()) {
+            return;
+        }
         const std::string interface = interface_.empty() ? meterd::defaultInterface() : interface_;
         const int index = interface.empty() ? 0 : static_cast<int>(if_nametoindex(interface.c_str()));
         const int64_t before = now();
@@ -104,6 +139,8 @@ class Daemon {
     }
 
     const std::string interface_;
+    const std::string file_;
+    bool ready_ = false;
     meterd::Outbox outbox_;
     std::vector<std::unique_ptr<meterd::Worker>> workers_;
     std::vector<meterd::Membership> wanted_;
@@ -122,20 +159,23 @@ int main(int argc, char** argv) {
         "What to watch comes from kestor-station, which takes the measures.",
         "kestor-meter");
     shapeHelp(app);
-    std::string interface;
-    std::string socket = metering::kSocketPath;
-    std::size_t ringMib = 64;
-    unsigned threads = 1;
-    app.add_option("--interface", interface, "Capture there; by default where the probe does, on eth0.");
-    app.add_option("--ring-mib", ringMib, "Size of each thread's ring, in MiB.")
+    Arguments arguments;
+    app.add_option("--interface", arguments.interface,
+                   "Capture there; by default where the probe does, on eth0.");
+    app.add_option("--file", arguments.file,
+                   "Measure this recording (pcap, pcapng) in place of an interface, at its own pace.")
+        ->type_name("FILE")
+        ->excludes("--interface");
+    app.add_option("--ring-mib", arguments.ringMib, "Size of each thread's ring, in MiB.")
         ->check(CLI::Range(std::size_t{1}, kRingMibLimit))
         ->capture_default_str();
-    app.add_option("--threads", threads, "Share the groups among so many threads.")
+    app.add_option("--threads", arguments.threads, "Share the groups among so many threads.")
         ->check(CLI::Range(1U, kThreadsLimit))
         ->capture_default_str();
-    app.add_option("--socket", socket, "The station's socket.")->capture_default_str();
+    app.add_option("--socket", arguments.socket, "The station's socket.")->capture_default_str();
     app.set_version_flag("--version", std::string("kestor-meter ") + KESTOR_VERSION,
                          "Print the version and exit.");
+    addCompletion(app);
     app.footer("Exit status: 0 when ended by a signal, 1 when it cannot run, 2 for a wrong command line.");
     try {
         app.parse(argc, argv);
@@ -149,7 +189,7 @@ int main(int argc, char** argv) {
     sigaction(SIGINT, &action, nullptr);
     signal(SIGPIPE, SIG_IGN);
     try {
-        Daemon(interface, ringMib, threads, socket).run();
+        Daemon(arguments).run();
     } catch (const std::exception& error) {
         fprintf(stderr, "kestor-meter: %s\n", error.what());
         return 1;

@@ -38,7 +38,8 @@ Worker::Worker(Share share, CaptureMaker maker, Outbox& outbox)
       maker_(std::move(maker)),
       outbox_(outbox),
       shard_(share),
-      sink_([this](const meter::Datagram& datagram) { shard_.feed(datagram); }) {}
+      sink_([this](const meter::Datagram& datagram) { shard_.feed(datagram); }),
+      lastTurn_(now()) {}
 
 void Worker::watch(std::shared_ptr<const WatchList> list) {
     const std::lock_guard lock(mutex_);
@@ -86,6 +87,7 @@ void Worker::run(const std::stop_token& stop) {
     while (!stop.stop_requested()) {
         takeOrders();
         const int64_t begin = now();
+        lastTurn_ = begin;
         capture(begin);
         // While frames wait in the ring the time of arrivals is theirs.
         const int64_t told = begin - kLag;
@@ -109,7 +111,10 @@ void Worker::run(const std::stop_token& stop) {
 }
 
 void Worker::capture(int64_t when) {
-    if (!capture_ && when >= nextOpen_) {
+    if (shard_.groups() == 0) {  // nothing is captured for nobody
+        giveUpCapture({}, when);
+        nextOpen_ = when;
+    } else if (!capture_ && when >= nextOpen_) {
         openCapture(when);
     }
     if (!capture_) {
@@ -126,8 +131,10 @@ void Worker::capture(int64_t when) {
 
 void Worker::giveUpCapture(const std::string& why, int64_t when) {
     problem_ = why;
-    ended_ = ended_ + capture_->counts();
-    capture_.reset();
+    if (capture_) {
+        ended_ = ended_ + capture_->counts();
+        capture_.reset();
+    }
     nextOpen_ = when + kReopen;
 }
 
@@ -154,6 +161,9 @@ void Worker::waitAndRead(int64_t when) {
         ::poll(&poll, 1, static_cast<int>(wait / kMs) + 1);
     }
     empty_ = capture_->read(kBatch, sink_) == 0;
+    if (descriptor < 0 && empty_) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // until the next is due
+    }
 }
 
 void Worker::finishSecond() {

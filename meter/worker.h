@@ -38,6 +38,10 @@ class Worker {
         std::string problem;
     };
     void setJoined(Joined joined);
+    // When it last went round, by the steady clock in ns: it does so several times a second.
+    int64_t lastTurn() const {
+        return lastTurn_;
+    }
 
   private:
     void takeOrders();
@@ -67,7 +71,7 @@ class Worker {
 
     std::unique_ptr<Capture> capture_;
     DatagramSink sink_;
-    std::string problem_ = "not opened yet";
+    std::string problem_;
     int64_t nextOpen_ = 0;
     int64_t nextTick_ = 0;
     int64_t secondEnd_ = 0;
@@ -82,6 +86,7 @@ class Worker {
     uint32_t partNumber_ = 0;
     std::vector<std::string> parts_;
 
+    std::atomic<int64_t> lastTurn_;
     std::mutex mutex_;  // guards the orders below
     std::shared_ptr<const WatchList> ordered_;
     bool describe_ = false;
