@@ -19,8 +19,8 @@ inline constexpr std::size_t kMessageLimit = std::size_t{16} * 1024 * 1024;
 inline constexpr std::size_t kGroupsLimit = 4096;  // that a meter watches; it leaves out what is beyond
 inline constexpr const char* kSocketPath = "/run/kestor/meter.sock";
 
-// What libprotobuf says of each message that cannot be read would go to standard error, which may be full, as often
-// as somebody sends one: from here on it says nothing. Of the whole program.
+// What libprotobuf says of each message that cannot be read would go to standard error, which may be full, as
+// often as somebody sends one: from here on it says nothing. Of the whole program.
 void quietParser();
 
 // The message with its length in front. Throws std::length_error beyond kMessageLimit.
