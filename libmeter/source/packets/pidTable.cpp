@@ -13,11 +13,11 @@ PidTable::PidTable() : records_{&none_, &overflow_} {
 PidRecord& PidTable::obtain(uint16_t pid) {
     uint8_t& place = index_[pid & (kPidCount - 1)];
     if (place == kNoPid) {
-        if (own_.size() < kPidsLimit) {
+        if (own().size() < kPidsLimit) {
             if (records_.size() == kNearPlaces) {
                 moveStates();
             }
-            PidRecord& record = own_.emplace_back();
+            PidRecord& record = nextRecord();
             record.pid = pid;
             static_assert(kPlaces - 1 <= UINT8_MAX);
             place = static_cast<uint8_t>(records_.size());
@@ -30,6 +30,14 @@ PidRecord& PidTable::obtain(uint16_t pid) {
         }
     }
     return *records_[place];
+}
+
+PidRecord& PidTable::nextRecord() {
+    const std::size_t place = own().size() % kTogether;
+    if (place == 0) {
+        own_.push_back(std::make_unique<Records>());
+    }
+    return (*own_.back())[place];
 }
 
 void PidTable::moveStates() {

@@ -2,9 +2,9 @@
 #pragma once
 
 #include <array>
-#include <deque>
 #include <memory>
-#include <memory_resource>
+#include <ranges>
+#include <span>
 #include <vector>
 
 #include "clocks/programClock.h"
@@ -146,17 +146,25 @@ class PidTable {
     PidRecord& obtain(uint16_t pid);
 
     // In the order in which they came; the overflow is not among them.
-    std::pmr::deque<PidRecord>& all() {
-        return own_;
+    auto all() {
+        return own() | std::views::transform([](PidRecord* record) -> PidRecord& { return *record; });
     }
-    const std::pmr::deque<PidRecord>& all() const {
-        return own_;
+    auto all() const {
+        return own() | std::views::transform([](PidRecord* record) -> const PidRecord& { return *record; });
     }
 
   private:
     static constexpr std::size_t kPlaces = kFirstPidPlace + kPidsLimit;
     static constexpr std::size_t kNearPlaces = 24;  // as many PIDs as most channels have
 
+    // Records of a table stand side by side, whatever else is allocated while they come.
+    static constexpr std::size_t kTogether = 8;
+    using Records = std::array<PidRecord, kTogether>;
+
+    std::span<PidRecord* const> own() const {
+        return std::span(records_).subspan(kFirstPidPlace);
+    }
+    PidRecord& nextRecord();
     void moveStates();
 
     // By the low byte of a PID the place of the one with it that was looked at last; and the states by place.
@@ -167,9 +175,7 @@ class PidTable {
     std::unique_ptr<std::array<PidState, kPlaces>> far_;  // in place of near_ once there are more
 
     std::vector<PidRecord*> records_;  // by place
-    // Records of a table stand side by side, whatever else is allocated while they come.
-    std::pmr::monotonic_buffer_resource memory_{8 * sizeof(PidRecord)};
-    std::pmr::deque<PidRecord> own_{&memory_};
+    std::vector<std::unique_ptr<Records>> own_;
     PidRecord none_;
     PidRecord overflow_;
     std::array<uint8_t, kPidCount> index_{};  // places
