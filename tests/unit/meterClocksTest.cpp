@@ -2,6 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <deque>
+#include <random>
+
 #include "clocks/accuracyBlock.h"
 #include "clocks/clockOffset.h"
 #include "clocks/recentRates.h"
@@ -117,6 +120,43 @@ TEST(MeterRates, AreConstantFromEightOnWithinAHundredth) {
     EXPECT_EQ(rates.median().ticks, 1'000'000 + 5000 - meter::RecentRates::kLimit / 2 - 1);
 }
 
+// Against the definition itself, with rates that are equal as they are, or once they are reduced.
+TEST(MeterRates, AreTheSortedOnesOfTenSeconds) {
+    struct Known {
+        meter::Pace pace;
+        Ticks time;
+    };
+    const auto rate = [](const Known& known) {
+        return (uint64_t{known.pace.packets} << 32) / known.pace.ticks;
+    };
+    std::mt19937 random(1);
+    for (const uint32_t spread : {1U, 3U, 400U, 2400U}) {
+        meter::RecentRates rates;
+        std::deque<Known> all;
+        Ticks now = 0;
+        for (int i = 0; i < 3000; ++i) {
+            now += static_cast<Ticks>(random() % 60) * kTicksPerMs;
+            const auto factor = static_cast<uint32_t>(random() % 2 + 1);
+            const auto ticks = static_cast<uint32_t>(100'000 + random() % spread);
+            const Known known{{ticks * factor, 100 * factor}, now};
+            rates.add(known.pace, now);
+            all.push_back(known);
+            while (now - all.front().time > meter::RecentRates::kSpan) {
+                all.pop_front();
+            }
+            std::vector<uint64_t> sorted(all.size());
+            std::ranges::transform(all, sorted.begin(), rate);
+            std::ranges::sort(sorted);
+            const std::size_t count = sorted.size();
+            const uint64_t median = sorted[count / 2];
+            ASSERT_EQ(rate({rates.median(), 0}), median);
+            ASSERT_EQ(rates.constant(),
+                      count >= 8 && sorted[count * 95 / 100] - sorted[count * 5 / 100] < median / 100)
+                << spread << ' ' << count;
+        }
+    }
+}
+
 TEST(MeterAccuracy, MeasuresBlocksOfASecondFromTheLine) {
     meter::AccuracyBlock block;
     for (int i = 0; !block.full(); ++i) {
@@ -128,6 +168,11 @@ TEST(MeterAccuracy, MeasuresBlocksOfASecondFromTheLine) {
     EXPECT_NEAR(finding.worstNs, 2000.0 * 10 / 11, 1);
     block.add(0, 0, 0);
     EXPECT_EQ(block.close(true).measured, 0) << "fewer than eight";
+    for (int i = 0; i < 8; ++i) {
+        block.add(static_cast<uint64_t>(i) * 100, i * 27'000, i);
+    }
+    EXPECT_FALSE(block.full()) << "less than a second";
+    EXPECT_EQ(block.close(true).measured, 8);
 }
 
 TEST(MeterOffset, IsThatOfTheClockWhateverTheNetworkAdds) {

@@ -106,6 +106,16 @@ TEST(MeterRtp, WhatComesTooLateIsReceivedAndMissing) {
     EXPECT_EQ(report.network->rtp->outOfOrder, 1);
 }
 
+TEST(MeterRtp, IsWaitedForUntilSixteenLaterOnesAreHeld) {
+    for (const int later : {15, 16}) {
+        std::vector<Sent> sent = datagrams(3, true);
+        const Bytes late = sent[100].payload;
+        sent.erase(sent.begin() + 100);
+        sent.insert(sent.begin() + 100 + later, {sent[99 + later].arrival, late, 0});
+        EXPECT_EQ(measure(sent).packets.lost.packets, later < 16 ? 0 : 7) << later;
+    }
+}
+
 TEST(MeterRtp, RepeatedOnesAreLeftOut) {
     std::vector<Sent> sent = datagrams(3, true);
     for (std::size_t i = 0; i < 20; ++i) {
@@ -267,15 +277,19 @@ TEST(MeterNetwork, BurstsOfLostDatagramsAreCountedWhole) {
 
 TEST(MeterNetwork, ThePercentileIsThatOfTheSecond) {
     // Microseconds 1 to n in an order of their own: element floor(0.99 n) is known.
-    for (const int64_t count : {10, 1000, 51'000}) {
-        meter::InterArrival times;
-        for (int64_t i = 0; i < count; ++i) {
-            times.datagram((i * 7919 % count + 1) * 1000);
+    for (const int64_t count : {10, 1000, 51'000, 51'150}) {
+        for (const bool falling : {false, true}) {
+            meter::InterArrival times;
+            for (int64_t i = 0; i < count; ++i) {
+                times.datagram((falling ? count - i : i * 7919 % count + 1) * 1000);
+            }
+            times.secondsEnded(1);
+            meter::NetworkReport report;
+            times.fill(report);
+            EXPECT_DOUBLE_EQ(report.interArrivalP99Ms.value(),
+                             static_cast<double>(count * 99 / 100 + 1) / 1000)
+                << count << (falling ? " falling" : "");
         }
-        times.secondsEnded(1);
-        meter::NetworkReport report;
-        times.fill(report);
-        EXPECT_DOUBLE_EQ(report.interArrivalP99Ms.value(), static_cast<double>(count * 99 / 100 + 1) / 1000);
     }
     meter::InterArrival many;
     for (int64_t i = 0; i < 100'000; ++i) {

@@ -114,7 +114,6 @@ void StreamAnalysis::keepTouched() {
         PidState& state = pids_.stateAt(touched_[i]);
         if (state.last != nullptr) {
             state.print = printOf(state.last);
-            state.comparable = true;
             state.last = nullptr;
         }
     }
@@ -175,7 +174,6 @@ void StreamAnalysis::transportError(PidRecord& record) {
     ++record.notRead;
     record.state->continuity.forget();
     record.state->last = nullptr;
-    record.state->comparable = false;
     record.state->roles &= static_cast<uint8_t>(~kMediaWanted);
     if (record.sections) {
         record.sections->drop();
@@ -248,12 +246,12 @@ void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks 
     }
 }
 
-// Whether the packet is the PID's last one once more.
+// Whether the packet is the PID's last one once more. There is a last one where the counter mayRepeat().
 bool StreamAnalysis::isRepeated(const PidState& state, const uint8_t* packet) {
     if (state.last != nullptr) {
         return isRepetition(packet, state.last);
     }
-    return state.comparable && printOf(packet) == state.print;
+    return printOf(packet) == state.print;
 }
 
 ContinuityFinding StreamAnalysis::findContinuity(PidState& state, const uint8_t* packet, TsHeader header,

@@ -102,7 +102,6 @@ void StreamAnalysis::restart(Nanoseconds arrival) {
     for (PidRecord& record : pids_.all()) {
         record.state->lastSeen = 0;
         record.state->last = nullptr;
-        record.state->comparable = false;
         record.state->roles = kUnknownPid;
         record.state->continuity.forget();
         record.key = 0;

@@ -42,12 +42,11 @@ struct PidRecord;
 struct alignas(kCacheLine) PidState {
     Continuity continuity;
     uint8_t roles = kUnknownPid;
-    bool comparable = false;    // `print` is that of the PID's last packet before this datagram
     uint16_t pid = kNoSuchPid;  // of `record`, where that is this PID's alone
     uint64_t packets = 0;
     Ticks lastSeen = 0;             // stream time of the last packet
     const uint8_t* last = nullptr;  // it, where it lies in the datagram that is being read
-    PacketPrint print;
+    PacketPrint print;              // of the last packet before this datagram
     PidRecord* record = nullptr;
     MediaStream* media = nullptr;  // null where nothing is looked at
 };
