@@ -32,14 +32,33 @@ SENDING = WORK / "groups"  # what the sender sends to
 QUIET_S = 6  # so long nothing else has to come; the servers' steps take a second each
 
 
+def section(table_id, extension, content):
+    """A section of ISO/IEC 13818-1, 2.4.4, in a packet's payload."""
+    head = bytes([table_id, 0xB0, len(content) + 9]) + extension.to_bytes(2, "big") + bytes([0xC1, 0, 0]) + content
+    crc = 0xFFFFFFFF
+    for byte in head:
+        crc ^= byte << 24
+        for _ in range(8):
+            crc = (crc << 1 ^ (0x04C11DB7 if crc >> 31 else 0)) & 0xFFFFFFFF
+    return (bytes(1) + head + crc.to_bytes(4, "big")).ljust(184, b"\xFF")
+
+
+def packet(pid, counter, payload):
+    begins_section = pid < 256
+    return bytes([0x47, begins_section << 6 | pid >> 8, pid & 0xFF, 0x10 | counter % 16]) + payload
+
+
 def send():
-    """A datagram of seven packets of one PID to each of the groups, five times a second; counters go on unseen."""
+    """A datagram of seven packets, PAT and PMT among them, to each of the groups, five times a second; counters go on unseen."""
     sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton("10.99.0.2"))
+    pat = section(0, 1, bytes([0, 1, 0xE0, 0x20]))  # program 1: PMT on PID 32
+    pmt = section(2, 1, bytes([0xE1, 0, 0xF0, 0, 6, 0xE1, 0, 0xF0, 0]))  # private data on PID 256
     counter = 0
     while True:
-        datagram = b"".join(bytes([0x47, 0x01, 0x00, 0x10 | (counter + i) % 16]) + bytes(184) for i in range(7))
-        counter += 7
+        datagram = packet(0, counter, pat) + packet(32, counter, pmt) + b"".join(
+            packet(256, counter * 5 + i, bytes(184)) for i in range(5))
+        counter += 1
         for group in SENDING.read_text().split():
             try:
                 sender.sendto(datagram, (group, 5000))
@@ -106,7 +125,7 @@ def lay_out():
     channels = "\n".join(f'[[channel]]\ngroup = "{group}"' for group in GROUPS)
     (WORK / "station.toml").write_text(f'socket = "{WORK}/station.sock"\nmeter_socket = "{WORK}/meter.sock"\nstate_dir = "{WORK}/state"\n{channels}\n'
                                        + "".join(f"[profile.default.{alarm}]\nenabled = false\n" for alarm in
-                                                 ("pat", "pmt", "packets_lost", "continuity", "quality_index", "mos"))
+                                                 ("quality_index", "mos"))
                                        + "[profile.default.no_signal]\nraise_delay_s = 3\n")
     send_to(GROUPS)
     lay_out_templates()
