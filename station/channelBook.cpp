@@ -136,8 +136,14 @@ std::optional<Refusal> ChannelBook::import(const std::string& text, Answer& answ
                        "that would be more than " + std::to_string(kChannelsLimit) + " channels"};
     }
     RuntimeChannels next = runtime_;
+    std::size_t unchanged = 0;
     for (Channel channel : playlist.channels) {
         if (const auto known = merged_.channels.find(channel.group); known != merged_.channels.end()) {
+            // Else its own export would have the run time override every channel of the files.
+            if (asInPlaylist(known->second) == asInPlaylist(channel)) {
+                ++unchanged;
+                continue;
+            }
             forEachChannelAttribute([&](const auto& attribute) {
                 if (!attribute.ofPlaylist) {
                     channel.*attribute.member = known->second.*attribute.member;
@@ -156,7 +162,7 @@ std::optional<Refusal> ChannelBook::import(const std::string& text, Answer& answ
     }
     answer.skipped = playlist.skipped;
     answer.added = added;
-    answer.changed = playlist.channels.size() - added;
+    answer.changed = playlist.channels.size() - added - unchanged;
     return std::nullopt;
 }
 

@@ -316,4 +316,10 @@ std::string writePlaylist(const ChannelMap& channels) {
     return text;
 }
 
+Channel asInPlaylist(const Channel& channel) {
+    const Playlist playlist = parsePlaylist(writePlaylist({{channel.group, channel}}));
+    // A source that somebody made up may leave no group to be found.
+    return playlist.channels.empty() ? channel : playlist.channels.front();
+}
+
 }  // namespace station

@@ -45,5 +45,7 @@ std::optional<Playlist> playlistOf(std::string_view bytes, const std::filesystem
 // A playlist that parsePlaylist reads back: #EXTM3U, then for each channel #EXTINF with its attributes and
 // udp://@GROUP:PORT (port 5000 where none is known). Quotes and line ends in texts are replaced.
 std::string writePlaylist(const ChannelMap& channels);
+// What comes back of a channel that was written so: two that are equal then are the same to a playlist.
+Channel asInPlaylist(const Channel& channel);
 
 }  // namespace station

@@ -461,6 +461,31 @@ TEST_F(StationFiles, LabelsOfAnyPlaylistCanBeEdited) {
     EXPECT_EQ(book.channels().begin()->second.name, "B");
 }
 
+TEST_F(StationFiles, AnExportThatIsImportedChangesNothing) {
+    ChannelBook book;
+    book.setRuntime({RuntimeChannels{}, {}});
+    Configuration configuration;
+    Channel channel{.group = *Group::parse("239.1.1.1"), .name = " \"One\"  "};
+    channel.labels = {{"group", "a \"b\""}, {"site", "north"}};
+    channel.source = "10.0.0.7";
+    configuration.channels = {channel};
+    book.setFiles(configuration,
+                  {{PlaylistSource{}, parsePlaylist("#EXTINF:-1 tvg-chno=7,Two\nudp://@239.1.1.2\n")}});
+    const std::string exported = writePlaylist(book.channels());
+    Answer same;
+    ASSERT_FALSE(book.import(exported, same));
+    EXPECT_EQ(same.added + same.changed, 0U);
+    EXPECT_TRUE(book.runtime().empty()) << "the files still say what these channels are";
+
+    Answer other;
+    ASSERT_FALSE(book.import("#EXTINF:-1 tvg-chno=7,Zwei\nudp://@239.1.1.2\nudp://@239.1.1.3\n", other));
+    EXPECT_EQ(other.added, 1U);
+    EXPECT_EQ(other.changed, 1U);
+    Answer again;
+    ASSERT_FALSE(book.import("#EXTINF:-1 tvg-chno=7,Zwei\nudp://@239.1.1.2\nudp://@239.1.1.3\n", again));
+    EXPECT_EQ(again.added + again.changed, 0U) << "without a port as well";
+}
+
 TEST_F(StationFiles, SavesAreTriedAgainAndNobodyIsToldTooLate) {
     const fs::path state = directory / "state";
     ChannelSaver saver(state, [](LoadedRuntime&&) {});
