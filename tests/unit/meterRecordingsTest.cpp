@@ -120,10 +120,15 @@ TEST(Recordings, TellWhatAFileIsNot) {
     append(broken,
            {1, 0, 0, 0, /* a frame of a gigabyte */ 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 64, 0, 0, 0, 64});
     append(pcap, {1, 0, 0, 0});
-    const std::pair<Bytes, std::string> cases[] = {
-        {{}, "empty"},   {Bytes(5000, 'x'), "neither a transport stream"},
-        {packet(1), ""}, {wireless, "link type"},
-        {broken, path},  {pcap, "no transport stream to a multicast group"}};
+    Bytes stream = packet(1);
+    stream[1] = 0x01;
+    const std::pair<Bytes, std::string> cases[] = {{{}, "empty"},
+                                                   {Bytes(5000, 'x'), "neither a transport stream"},
+                                                   {stream, ""},
+                                                   {packet(1), "nothing but null packets"},
+                                                   {wireless, "link type"},
+                                                   {broken, path},
+                                                   {pcap, "no transport stream to a multicast group"}};
     for (const auto& [bytes, failure] : cases) {
         write(path, bytes);
         const MeasuredFile measured = measureFile(path, {}, [](uint64_t, uint64_t) {});

@@ -100,8 +100,8 @@ void declare(CLI::App& app, Arguments& arguments) {
         "  kestor-measure --json fault.pcap | jq '.checks[] | select(.count > 0)'\n"
         "\n"
         "Exit status: 0 without errors of priority 1 or 2 (ETSI TR 101 290), 3 with such\n"
-        "errors, 1 when a file cannot be read, 2 for a wrong command line.\n"
-        "See kestor-measure(1).");
+        "errors, 1 when a file cannot be read or has no stream, 2 for a wrong command\n"
+        "line. See kestor-measure(1).");
 }
 
 bool hasErrors(const meter::Report& report) {

@@ -160,6 +160,21 @@ void measureBare(Input& input, const MeasureOptions& options, const Progress& pr
     }
 }
 
+// Stuffing is no stream: that nothing was found wrong with it says nothing.
+std::string stuffingAlone(const std::vector<meter::Report>& reports) {
+    std::string groups;
+    for (const meter::Report& report : reports) {
+        if (report.packets.received > 0 && report.packets.null == report.packets.received) {
+            groups += report.group ? (groups.empty() ? "" : ", ") + dotted(*report.group) : "";
+        } else {
+            return {};
+        }
+    }
+    return reports.empty() ? ""
+                           : (groups.empty() ? "" : groups + ": ") +
+                                 "nothing but null packets, so there is no stream to measure";
+}
+
 }  // namespace
 
 MeasuredFile measureFile(const std::string& path, const MeasureOptions& options, const Progress& progress) {
@@ -182,6 +197,9 @@ MeasuredFile measureFile(const std::string& path, const MeasureOptions& options,
         }
     } catch (const std::runtime_error& error) {
         result.failure = error.what();
+    }
+    if (const std::string alone = stuffingAlone(result.reports); result.failure.empty() && !alone.empty()) {
+        result.failure = path + ": " + alone;
     }
     return result;
 }
