@@ -132,6 +132,22 @@ void MachineWatch::followCard(const MachineReading& reading) {
     state_.captured = reading.captured;
 }
 
+// The probe looks for a card when it starts and never again.
+void MachineWatch::followCapture(const Probe& probe, SteadyTime now) {
+    const bool well = last_->capture && last_->capture->carrier && state_.linkProblem.empty();
+    if (!probe.connected || last_->captured || (!well && !uncapturedSince_)) {
+        uncapturedSince_.reset();
+        return;
+    }
+    uncapturedSince_ = uncapturedSince_.value_or(now);
+    if (well && now - *uncapturedSince_ >= kCaptureTakes) {
+        state_.linkProblem =
+            state_.interface->name +
+            " is up, but nobody captures there: it was missing or down when the probe was started. "
+            "systemctl restart kestor";
+    }
+}
+
 void MachineWatch::followDrops(const MachineReading& reading) {
     while (!drops_.empty() && reading.time.steady - drops_.front().time > kDropsKept) {
         drops_.pop_front();
@@ -178,8 +194,10 @@ MachineFindings MachineWatch::judge(const Probe& probe, SteadyTime now) {
     if (!last_ || !state_.known || now - last_->time.steady > kReadingHolds) {
         joinedSince_.reset();
         rejoinableSince_.reset();
+        uncapturedSince_.reset();
         return found;
     }
+    followCapture(probe, now);
     found.drops = std::exchange(newDrops_, 0);
     if (state_.interface) {
         const bool comingUp = !hadLink_ && now - firstReading_ < kFirstLink;
@@ -298,12 +316,18 @@ std::string MachineWatch::describeJoins() const {
 
 // The kernel leaves by the route as it joins by it, so that what was joined before the route was right stays.
 std::string MachineWatch::describeDoubled() const {
-    if (last_->doubled == 0) {
-        return {};
-    }
-    return std::to_string(last_->doubled) + (last_->doubled == 1 ? " group is" : " groups are") +
-           " still joined on " + joined({last_->doubledOn.begin(), last_->doubledOn.end()}) +
-           " as well, so the network sends them there too. systemctl restart kestor ends that";
+    const auto tell = [](std::size_t count, const std::set<std::string>& on, const char* rest) {
+        return count == 0 ? std::string()
+                          : std::to_string(count) + (count == 1 ? " group is" : " groups are") +
+                                " still joined on " + joined({on.begin(), on.end()}) + rest;
+    };
+    const std::string both =
+        tell(last_->doubled, last_->doubledOn, " as well, so the network sends them there too");
+    const std::string left =
+        tell(last_->left, last_->leftOn,
+             " though not watched any more: they were left while their route led elsewhere");
+    const std::string text = both + (both.empty() || left.empty() ? "" : "; ") + left;
+    return text.empty() ? text : text + ". systemctl restart kestor ends that";
 }
 
 std::string MachineWatch::describeDrops(const Drops& drops) const {

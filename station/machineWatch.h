@@ -37,6 +37,8 @@ class MachineWatch {
     static constexpr std::chrono::seconds kJoinsHold{60};
     // A link that was never there since the station's start may just be coming up with the machine.
     static constexpr std::chrono::seconds kFirstLink{15};
+    // The guard has a probe that captures nothing started anew before that.
+    static constexpr std::chrono::seconds kCaptureTakes{20};
     // A reading that is older says nothing.
     static constexpr std::chrono::seconds kReadingHolds{10};
     static constexpr std::chrono::seconds kDropsKept{600};  // as long as an alarm's window may be
@@ -86,6 +88,7 @@ class MachineWatch {
     void followDrops(const MachineReading& reading);
     Drops dropsSince(SteadyTime time) const;
     std::string describeDrops(const Drops& drops) const;
+    void followCapture(const Probe& probe, SteadyTime now);
     std::string describeLink() const;
     std::string describeJoins() const;
     std::string describeDoubled() const;
@@ -97,6 +100,8 @@ class MachineWatch {
     bool flapped_ = false;     // the carrier went and came between the last two readings
     bool receives_ = false;    // packets came to the card between the last two readings
     bool gone_ = false;        // the card that there was is no more
+    std::optional<SteadyTime>
+        uncapturedSince_;  // the card is well, and a probe that runs does not capture there
     SteadyTime firstReading_;
     bool anyReading_ = false;
     uint64_t newDrops_ = 0;  // since the last judge()

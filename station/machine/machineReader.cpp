@@ -49,6 +49,28 @@ void MachineLooker::findDoubled(const std::vector<Ipv4Address>& watched, const M
     reading.doubled = doubled.size();
 }
 
+void MachineLooker::findLeft(const std::vector<Ipv4Address>& watched, const Memberships& memberships,
+                             MachineReading& reading) {
+    std::set<Ipv4Address> now(watched.begin(), watched.end());
+    for (const Ipv4Address group : watchedBefore_) {
+        if (!now.contains(group) && left_.size() < kLeftGroups) {
+            left_.emplace(group, reading.time.steady);
+        }
+    }
+    std::erase_if(left_, [&](const auto& entry) {
+        return now.contains(entry.first) || memberships.where(entry.first).empty();
+    });
+    for (const auto& [group, since] : left_) {
+        if (reading.time.steady - since >= kLeaveTakes) {
+            ++reading.left;
+            for (const std::string& name : memberships.where(group)) {
+                reading.leftOn.insert(name);
+            }
+        }
+    }
+    watchedBefore_ = std::move(now);
+}
+
 void MachineLooker::findAstray(const std::vector<Ipv4Address>& watched,
                                const std::vector<NetworkInterface>& interfaces, MachineReading& reading) {
     const std::set<std::string> right = interfacesOn(*reading.capture, interfaces);
@@ -58,6 +80,7 @@ void MachineLooker::findAstray(const std::vector<Ipv4Address>& watched,
         return;
     }
     findDoubled(watched, memberships, right, reading);
+    findLeft(watched, memberships, reading);
     std::vector<Ipv4Address> astray;
     std::ranges::copy_if(watched, std::back_inserter(astray), [&](Ipv4Address group) {
         return std::ranges::none_of(right,

@@ -3,8 +3,10 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -38,6 +40,9 @@ struct MachineReading {
     // Of the watched groups that are joined there, those that are joined on interfaces beside it as well.
     std::size_t doubled = 0;
     std::set<std::string> doubledOn{};
+    // Of the groups that were watched before, those that are joined all the same, and where.
+    std::size_t left = 0;
+    std::set<std::string> leftOn{};
     std::optional<Softnet> softnet{};
     std::optional<uint32_t> membershipLimit{};
 };
@@ -55,6 +60,10 @@ class MachineLooker {
     // With more groups astray than that, their routes are asked for again only after kRoutesAge.
     static constexpr std::size_t kManyAstray = 200;
     static constexpr std::chrono::seconds kRoutesAge{5};
+    // Groups that are not watched any more and still joined: until then the probe may just be leaving them.
+    // More of them than the bound are not looked at.
+    static constexpr std::chrono::seconds kLeaveTakes{10};
+    static constexpr std::size_t kLeftGroups = 10'000;
 
     explicit MachineLooker(MachineSources sources = {}) : sources_(std::move(sources)) {}
 
@@ -66,12 +75,16 @@ class MachineLooker {
                             const std::set<std::string>& right, MachineReading& reading);
     void findAstray(const std::vector<Ipv4Address>& watched, const std::vector<NetworkInterface>& interfaces,
                     MachineReading& reading);
+    void findLeft(const std::vector<Ipv4Address>& watched, const Memberships& memberships,
+                  MachineReading& reading);
 
     MachineSources sources_;
     // The last routes, of these groups and of that time.
     std::vector<Ipv4Address> routedGroups_;
     std::vector<GroupRoute> routes_;
     SteadyTime routesTime_;
+    std::set<Ipv4Address> watchedBefore_;
+    std::map<Ipv4Address, SteadyTime> left_;  // joined, watched no more, since when
 };
 
 // A thread with a MachineLooker. The kernel answers when nobody is changing an interface, which may take

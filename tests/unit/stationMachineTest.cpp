@@ -133,6 +133,16 @@ TEST_F(MachineFiles, FindsWhatIsNotJoinedWhereTheProbeCaptures) {
     EXPECT_EQ(reading.doubled, 1U);
     EXPECT_THAT(reading.doubledOn, ElementsAre("enp3s0"));
 
+    // What is watched no more stays joined where the probe cannot leave it.
+    const auto later = [&](int seconds, const std::vector<Ipv4Address>& watched) {
+        return looker.look(watched, {SteadyTime{std::chrono::seconds(seconds)}, {}});
+    };
+    EXPECT_EQ(later(1, {0xEF010101}).left, 0U) << "it may just be leaving";
+    const auto left = later(20, {0xEF010101});
+    EXPECT_EQ(left.left, 2U) << "the fourth was joined nowhere";
+    EXPECT_THAT(left.leftOn, ElementsAre("br0", "enp3s0"));
+    EXPECT_EQ(later(40, {0xEF010101, 0xEF010103}).left, 1U) << "one is watched again";
+
     MachineLooker refused({.proc = proc, .interfaces = []() -> std::vector<NetworkInterface> {
                                throw std::system_error(EAFNOSUPPORT, std::generic_category(), "netlink");
                            }});

@@ -129,6 +129,29 @@ TEST(MachineWatch, HasGroupsJoinedAgainEverMoreSeldom) {
     EXPECT_EQ(bench.watch.state().rejoins, after.size() + 2);
 }
 
+TEST(MachineWatch, TellsOfAProbeThatWasStartedBeforeItsCard) {
+    Bench bench;
+    bench.captured = false;
+    bench.second(15);
+    EXPECT_EQ(bench.found.linkDown, false) << "a guard may see to it";
+    bench.second(10);
+    EXPECT_EQ(bench.found.linkDown, true);
+    EXPECT_THAT(bench.text("link_down"), HasSubstr("eth0 is up, but nobody captures there"));
+    bench.card->carrier = false;
+    bench.second();
+    EXPECT_THAT(bench.text("link_down"), HasSubstr("no carrier"));
+    bench.card->carrier = true;
+    bench.second();
+    EXPECT_THAT(bench.text("link_down"), HasSubstr("nobody captures there"));
+    bench.captured = true;
+    bench.second();
+    EXPECT_EQ(bench.found.linkDown, false);
+    bench.captured = false;
+    bench.probe.connected = false;
+    bench.second(60);
+    EXPECT_EQ(bench.found.linkDown, false) << "there is no probe that could";
+}
+
 TEST(MachineWatch, TellsALinkThatIsDownGoneOrFlaps) {
     Bench bench;
     bench.card->carrier = false;
