@@ -51,20 +51,35 @@ TEST(Kestorctl, SaysOneThingToTheProbe) {
 
 TEST(Kestorctl, RefusesWhatMakesNoSense) {
     const Process kestor({"kestor", "-s"});
-    const std::vector<std::vector<std::string>> cases = {{"add", "10.0.0.1"},
-                                                         {"add", kA, "240.0.0.1"},
-                                                         {"remove", "239.1.1"},
-                                                         {"remove", "channel"},
-                                                         {"add"},
-                                                         {"scan", "1.2.3.4"},
-                                                         {"passive", "perhaps"},
-                                                         {"igmp-latency", "x"},
-                                                         {"nonsense"},
-                                                         {},
-                                                         {"ack", "0"},
-                                                         {"ack", "x"},
-                                                         {"ack", "99999999999999999999"},
-                                                         {"--timeout", "nan", "status"}};
+    std::vector<std::vector<std::string>> cases = {{"add", "10.0.0.1"},
+                                                   {"add", kA, "240.0.0.1"},
+                                                   {"remove", "239.1.1"},
+                                                   {"remove", "channel"},
+                                                   {"add"},
+                                                   {"scan", "1.2.3.4"},
+                                                   {"passive", "perhaps"},
+                                                   {"igmp-latency", "x"},
+                                                   {"nonsense"},
+                                                   {},
+                                                   {"ack", "0"},
+                                                   {"ack", "x"},
+                                                   {"ack", "99999999999999999999"},
+                                                   {"--timeout", "nan", "status"}};
+    const std::vector<std::vector<std::string>> windows = {
+        {"add", "--for", "1h"},
+        {"add", "--all", kA, "--for", "1h"},
+        {"add", "--all"},
+        {"add", "--all", "--for", "1h", "--until", "22:00"},
+        {"add", "--all", "--for", "2 hours"},
+        {"add", "--all", "--until", "2020-01-01 22:00"},
+        {"add", "--label", "site", "--for", "1h"},
+        {"end"},
+        {"end", "-1"},
+        {"lst"}};
+    for (auto arguments : windows) {
+        arguments.insert(arguments.begin(), "maintenance");
+        cases.push_back(std::move(arguments));
+    }
     for (const auto& arguments : cases) {
         const Result result = kestorctl(arguments);
         EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments);
@@ -73,6 +88,10 @@ TEST(Kestorctl, RefusesWhatMakesNoSense) {
     EXPECT_THAT(kestorctl({"nonsense"}).err, HasSubstr("\"nonsense\" is not a command"));
     EXPECT_THAT(kestorctl({"statsu"}).err, HasSubstr("did you mean \"status\"?"));
     EXPECT_THAT(kestorctl({"channels", "--jsno"}).err, HasSubstr("did you mean \"--json\"?"));
+    // A check's status 2 is that of a failure.
+    EXPECT_EQ(kestorctl({"doctor", "--jsno"}).status, 3);
+    EXPECT_EQ(kestorctl({"--timeout", "nan", "doctor"}).status, 3);
+    EXPECT_THAT(kestorctl({"maintenance", "lst"}).err, HasSubstr("did you mean \"list\"?"));
     EXPECT_THAT(kestorctl({"ack", "0"}).err, HasSubstr("0 is not the ID of an alarm"));
     EXPECT_TRUE(kestor.waitForOut(" passive monitoring 0\n", 3));
     EXPECT_THAT(kestor.out(), Not(HasSubstr("analyzeResponseMessage")));

@@ -338,8 +338,8 @@ TEST(Station, IsWhatKestorctlSpeaksTo) {
     // As without a station, which cannot know what the probe watches.
     const Result nothing = ctl({"remove", kC});
     EXPECT_EQ(nothing.status, 0);
-    EXPECT_EQ(nothing.out, "sent: remove 239.1.1.3\n");
-    EXPECT_THAT(nothing.err, HasSubstr("239.1.1.3: no channel"));
+    EXPECT_EQ(nothing.out, "");
+    EXPECT_EQ(nothing.err, "kestorctl: no channel has the group 239.1.1.3, so there is nothing to remove\n");
 
     // What was added at run time outlives the station, and goes out as the playlist that it came in as.
     write("/tmp/import.m3u", "#EXTM3U\r#EXTGRP:News, World\r" + std::string(100'000, '#') +
@@ -355,6 +355,44 @@ TEST(Station, IsWhatKestorctlSpeaksTo) {
                                            HasSubstr(kA), Not(HasSubstr(kB))));
     EXPECT_TRUE(
         eventually([] { return ctl({"status"}).out.find("probe     connected") != std::string::npos; }));
+}
+
+TEST(Station, TakesMaintenanceWindowsFromKestorctl) {
+    const Station station(
+        "[[channel]]\ngroup = \"239.1.1.1\"\nlabels = { site = \"north\", floor = \"1\" }\n"
+        "[[channel]]\ngroup = \"239.1.1.2\"\nlabels = { site = \"north\" }\n"
+        "[[channel]]\ngroup = \"239.1.1.3\"\n");
+    const auto windows = [] { return ctl({"maintenance"}).out; };
+    EXPECT_EQ(windows(), "no maintenance window\n");
+    const Result one =
+        ctl({"maintenance", "add", kC, "239.9.9.9", "--for", "2h", "--remark", "new switch", "--by", "eve"});
+    EXPECT_EQ(one.status, 1) << "the second is no channel";
+    EXPECT_THAT(one.out, AllOf(HasSubstr("maintenance "), HasSubstr(": 239.1.1.3, from ")));
+    EXPECT_THAT(one.err, HasSubstr("239.9.9.9: no channel has the group"));
+    EXPECT_EQ(ctl({"maintenance", "add", "--label", "site=north", "--from", "2090-01-01T22:00:00Z", "--until",
+                   "2090-01-02T00:00:00+01:00"})
+                  .status,
+              0);
+    EXPECT_THAT(windows(),
+                AllOf(HasSubstr("239.1.1.1  2090-01-01 22:00:00  2090-01-01 23:00:00  planned"),
+                      HasSubstr("239.1.1.2  2090-01-01 22:00:00"), HasSubstr("active   eve  new switch")));
+    EXPECT_TRUE(eventually([] { return channel(kC).value("maintenance", false); }));
+    EXPECT_FALSE(channel(kA).value("maintenance", true));
+    EXPECT_EQ(ctl({"maintenance", "add", "--label", "site=south", "--for", "1h"}).status, 1);
+    EXPECT_EQ(ctl({"maintenance", "add", "--all", "--for", "1h"}).status, 0);
+    EXPECT_THAT(windows(), HasSubstr("all channels"));
+
+    EXPECT_THAT(ctl({"maintenance", "end", "--label", "site=north", "--label", "floor=1"}).out,
+                HasSubstr(", 239.1.1.1\n"));
+    EXPECT_THAT(windows(), AllOf(Not(HasSubstr("239.1.1.1 ")), HasSubstr("239.1.1.2")));
+    EXPECT_EQ(ctl({"maintenance", "remove", kC}).status, 0);
+    const Result again = ctl({"maintenance", "end", kC, "1"});
+    EXPECT_EQ(again.status, 1);
+    EXPECT_THAT(again.err, AllOf(HasSubstr("no maintenance window of 239.1.1.3"),
+                                 HasSubstr("no maintenance window 1\n")));
+    EXPECT_EQ(ctl({"maintenance", "end", "--all"}).status, 0);
+    EXPECT_EQ(windows(), "no maintenance window\n");
+    EXPECT_EQ(ctl({"maintenance", "end", "--all"}).status, 1);
 }
 
 TEST(Station, WorksWithWhatItFinds) {

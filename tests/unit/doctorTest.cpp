@@ -288,9 +288,20 @@ TEST(Doctor, JudgesWhoAsksAndWhereEventsGo) {
     EXPECT_THAT(checkUser(root.path(), {1001, "mallory", {1001}}).advice,
                 HasSubstr("usermod -aG kestor mallory"));
 
-    EXPECT_EQ(readStateDirectory(root.path()), "/var/lib/kestor");
+    const auto stateOf = [&](const std::string& arguments) {
+        root.write("proc/21/cmdline", arguments);
+        return readStateDirectory(root.path(), readProcesses(root.path()));
+    };
+    EXPECT_EQ(readStateDirectory(root.path(), {}), "/var/lib/kestor");
     root.write("etc/kestor/station.toml", "# state_dir = \"/no\"\nstate_dir = \"/srv/kestor\" # ours\n");
-    EXPECT_EQ(readStateDirectory(root.path()), "/srv/kestor");
+    root.write("srv/other.toml", "state_dir = \"state\"\n");
+    fs::create_symlink("/srv", root.path() / "proc/21/cwd");
+    EXPECT_EQ(readStateDirectory(root.path(), {}), "/srv/kestor");
+    using namespace std::string_literals;
+    EXPECT_EQ(stateOf("kestor-station\0"s), "/srv/kestor");
+    EXPECT_EQ(stateOf("kestor-station\0--state\0/data\0--listen\0\0"s), "/data");
+    EXPECT_EQ(stateOf("kestor-station\0--config=other.toml\0--state=here\0"s), "/srv/here");
+    EXPECT_EQ(stateOf("kestor-station\0--config\0other.toml\0"s), "/srv/state");
     const fs::path state = "/srv/kestor";
     fs::create_directories(root.path() / "srv/kestor");
     const Disk well{.directory = "/srv", .known = true, .freeBytes = uint64_t{8} << 30};

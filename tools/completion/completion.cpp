@@ -22,14 +22,17 @@ bool isShown(const CLI::Option* option) {
     return option->get_positional() || !option->get_group().empty();
 }
 
-// The program's own options, where they may stand behind a command as well.
+// Options of the program and of the commands on the way to `app`, where they may stand behind it as well.
 std::vector<const CLI::Option*> inheritedOptions(const CLI::App& app) {
-    if (app.get_parent() == nullptr || !app.get_parent()->get_fallthrough()) {
-        return {};
+    std::vector<const CLI::Option*> options;
+    for (const CLI::App* one = &app; one->get_parent() != nullptr && one->get_parent()->get_fallthrough();
+         one = one->get_parent()) {
+        const auto more = one->get_parent()->get_options([](const CLI::Option* option) {
+            return option->nonpositional() && isShown(option) && option->get_name() != "--help";
+        });
+        options.insert(options.end(), more.begin(), more.end());
     }
-    return app.get_parent()->get_options([](const CLI::Option* option) {
-        return option->nonpositional() && isShown(option) && option->get_name() != "--help";
-    });
+    return options;
 }
 
 bool takesValue(const CLI::Option& option) {
@@ -122,33 +125,24 @@ void zshOptions(std::ostream& out, const CLI::App& app) {
     }
 }
 
-}  // namespace
-
-std::string bashCompletion(const CLI::App& app) {
-    const auto commands = app.get_subcommands({});
-    std::ostringstream out;
-    out << "_" << app.get_name() << "() {\n"
-        << "  local word words='" << wordsOf(app) << "'\n"
-        << "  for word in \"${COMP_WORDS[@]:1:COMP_CWORD-1}\"; do\n"
-        << "    case $word in\n";
-    for (const CLI::App* command : commands) {
-        out << "      " << command->get_name() << ") words='" << wordsOf(*command) << "'; break ;;\n";
+// What can stand behind each command, by the words that lead to it.
+void bashCases(std::ostream& out, const CLI::App& app, const std::string& path) {
+    for (const CLI::App* command : app.get_subcommands({})) {
+        const std::string here = path + " " + command->get_name();
+        out << "      '" << here << "') path='" << here << "' words='" << wordsOf(*command) << "' ;;\n";
+        bashCases(out, *command, here);
     }
-    out << "    esac\n  done\n"
-        << "  COMPREPLY=($(compgen -W \"$words\" -- \"${COMP_WORDS[COMP_CWORD]}\"))\n}\n"
-        << "complete -o default -F _" << app.get_name() << " " << app.get_name() << "\n";
-    return out.str();
 }
 
-std::string zshCompletion(const CLI::App& app) {
+void zshArguments(std::ostream& out, const CLI::App& app) {
     const auto commands = app.get_subcommands({});
-    std::ostringstream out;
-    out << "_" << app.get_name() << "() {\n  local curcontext=$curcontext state line\n  _arguments -C";
-    zshOptions(out, app);
     if (commands.empty()) {
-        out << "\n}\n";
-        return out.str();
+        out << "_arguments";
+        zshOptions(out, app);
+        return;
     }
+    out << "state=; _arguments -C";
+    zshOptions(out, app);
     out << " \\\n      '1:command:((";
     for (const CLI::App* command : commands) {
         out << " " << command->get_name() << "\\:\"" << zshText(command->get_description()) << "\"";
@@ -156,11 +150,33 @@ std::string zshCompletion(const CLI::App& app) {
     out << "))' \\\n      '*::argument:->argument'\n  [[ $state = argument ]] || return\n  case $words[1] "
            "in\n";
     for (const CLI::App* command : commands) {
-        out << "    " << command->get_name() << ") _arguments";
-        zshOptions(out, *command);
+        out << "    " << command->get_name() << ") ";
+        zshArguments(out, *command);
         out << " ;;\n";
     }
-    out << "  esac\n}\n";
+    out << "  esac";
+}
+
+}  // namespace
+
+std::string bashCompletion(const CLI::App& app) {
+    std::ostringstream out;
+    out << "_" << app.get_name() << "() {\n"
+        << "  local word path='' words='" << wordsOf(app) << "'\n"
+        << "  for word in \"${COMP_WORDS[@]:1:COMP_CWORD-1}\"; do\n"
+        << "    case \"$path $word\" in\n";
+    bashCases(out, app, "");
+    out << "      *) ;;\n    esac\n  done\n"
+        << "  COMPREPLY=($(compgen -W \"$words\" -- \"${COMP_WORDS[COMP_CWORD]}\"))\n}\n"
+        << "complete -o default -F _" << app.get_name() << " " << app.get_name() << "\n";
+    return out.str();
+}
+
+std::string zshCompletion(const CLI::App& app) {
+    std::ostringstream out;
+    out << "_" << app.get_name() << "() {\n  local curcontext=$curcontext state line\n  ";
+    zshArguments(out, app);
+    out << "\n}\n";
     return out.str();
 }
 

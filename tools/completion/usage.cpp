@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr int kExitUsage = 2;
 constexpr std::size_t kColumns = 80;
 constexpr std::size_t kNameColumns = 30;
 constexpr std::size_t kLongestWord = 32;    // a longer one is near none
@@ -139,28 +138,32 @@ void shapeHelp(CLI::App& app) {
     app.set_help_flag("-h,--help", "Print this help and exit.");
 }
 
-int reportUsage(const CLI::App& app, const CLI::ParseError& error) {
+int reportUsage(const CLI::App& app, const CLI::ParseError& error, int mistake) {
     if (error.get_exit_code() == 0) {
         return app.exit(error);
     }
-    const auto chosen = app.get_subcommands();
-    const CLI::App& command = chosen.empty() ? app : *chosen.front();
-    const std::string name = app.get_name() + (chosen.empty() ? "" : " " + command.get_name());
+    const CLI::App* command = &app;
+    std::string name = app.get_name();
+    for (auto chosen = app.get_subcommands(); !chosen.empty(); chosen = command->get_subcommands()) {
+        command = chosen.front();
+        name += " " + command->get_name();
+    }
+    const bool hasCommands = !command->get_subcommands({}).empty();
     std::string problem = error.what();
-    if (error.get_name() == "RequiredError" && chosen.empty() && !app.get_subcommands({}).empty()) {
-        problem = "a command is missing; the commands are " + commandsOf(app);
+    if (error.get_name() == "RequiredError" && hasCommands) {
+        problem = "a command is missing; the commands are " + commandsOf(*command);
     }
     // CLI11 tells what is missing before it tells what it did not understand.
     if (const auto unknown = app.remaining(true); !unknown.empty()) {
         const std::string& word = unknown.front();
         if (word.size() > 1 && word.front() == '-') {
-            problem = unknownOption(app, command, word);
-        } else if (chosen.empty() && !app.get_subcommands({}).empty()) {
-            problem = unknownCommand(app, word);
+            problem = unknownOption(app, *command, word);
+        } else if (hasCommands) {
+            problem = unknownCommand(*command, word);
         } else {
             problem = "\"" + word + "\" is one argument too many";
         }
     }
     fprintf(stderr, "%s: %s\nSee \"%s --help\".\n", name.c_str(), problem.c_str(), name.c_str());
-    return kExitUsage;
+    return mistake;
 }

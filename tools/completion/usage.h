@@ -10,6 +10,6 @@
 void shapeHelp(CLI::App& app);
 
 // Says what `error`, thrown by app.parse(), means: help or version on standard output, a mistake on standard
-// error with the word that is wrong and one that may have been meant. Returns the exit status: 0, or 2 for a
-// mistake.
-int reportUsage(const CLI::App& app, const CLI::ParseError& error);
+// error with the word that is wrong and one that may have been meant. Returns the exit status: 0, or
+// `mistake`.
+int reportUsage(const CLI::App& app, const CLI::ParseError& error, int mistake = 2);

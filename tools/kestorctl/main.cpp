@@ -10,6 +10,7 @@
 #include "controllerLink.h"
 #include "doctor/doctor.h"
 #include "groupText.h"
+#include "maintenance.h"
 #include "scan.h"
 #include "stationClient.h"
 #include "stationCommands.h"
@@ -19,6 +20,8 @@
 namespace {
 
 constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitUnknown = 3;  // of a monitoring plugin: it could not check
 constexpr int kLongestLatencyMs = 60'000;
 constexpr int kMostEvents = 1000;
 constexpr double kShortestTimeoutS = 0.1;
@@ -86,6 +89,7 @@ struct Arguments {
     std::string station = kStationSocket;
     std::string m3u;
     StationRequest request;
+    MaintenanceRequest maintenance;
 
     std::chrono::milliseconds timeout() const {
         return std::chrono::milliseconds(static_cast<int64_t>(timeoutS * 1000));
@@ -156,6 +160,11 @@ int run(const CLI::App& app, Arguments arguments) {
     if (name == "scan") {
         return scan(groups, arguments, station.has_value());
     }
+    if (station && name == "maintenance") {
+        const auto actions = command.get_subcommands();
+        return runMaintenance(*station, actions.empty() ? "list" : actions.front()->get_name(),
+                              arguments.maintenance, arguments.json);
+    }
     if (station) {
         StationRequest& request = arguments.request;
         request.command = name;
@@ -196,6 +205,9 @@ void declareStationCommands(CLI::App& app, Arguments& arguments) {
     acknowledge->add_option("--remark", request.remark, "What is known about it, or being done.")
         ->type_name("TEXT");
     acknowledge->add_option("--by", request.by, "Who acknowledges it.")->type_name("NAME")->envname("USER");
+    declareMaintenance(
+        *add("maintenance", "List, set and end maintenance windows, in which nobody is told of alarms."),
+        arguments.maintenance);
     add("reload", "Reload the configuration and the playlists.");
     add("import", "Add the channels of an M3U playlist.")
         ->add_option("PLAYLIST", request.file, "The M3U file, or - for standard input.")
@@ -209,8 +221,10 @@ void declare(CLI::App& app, Arguments& arguments) {
     app.set_version_flag("--version", "kestorctl " KESTOR_VERSION, "Print the version and exit.");
     app.require_subcommand(1);
     app.fallthrough();
-    app.add_option("--timeout", arguments.timeoutS,
-                   "How long to wait for the probe or the station, in seconds (0.1 to 86400).")
+    app.add_option(
+           "--timeout", arguments.timeoutS,
+           "How long to wait for the probe or the station, in seconds (0.1 to 86400). A change that was not "
+           "answered in time may still happen.")
         ->type_name("SECONDS")
         ->capture_default_str()
         ->check(CLI::Validator(checkTimeout, "0.1 to 86400"));
@@ -258,16 +272,19 @@ void declare(CLI::App& app, Arguments& arguments) {
         "  kestorctl import channels.m3u           add a playlist's channels\n"
         "  kestorctl events --follow               print events as they happen\n"
         "  kestorctl ack 17 --remark 'on it'       acknowledge an alarm\n"
+        "  kestorctl maintenance add --all --for 2h --remark 'new switch'\n"
         "  kestorctl --json channels               list channels as JSON\n"
         "\n"
         "Exit status: 0 on success, 1 when nothing answered in time or the request was\n"
         "refused, 2 for a wrong command line; status: 3 while no results come from the\n"
-        "probe; doctor: 1 for warnings, 2 for failures. See kestorctl(1).");
+        "probe; doctor: 1 for warnings, 2 for failures, 3 for a wrong command line. See\n"
+        "kestorctl(1).");
 }
 
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    bool checks = false;  // whoever runs doctor takes 1 and 2 for what it found
     try {
         CLI::App app("Controls the kestor probe on this machine and shows its results.", "kestorctl");
         Arguments arguments;
@@ -275,11 +292,13 @@ int main(int argc, char* argv[]) {
         try {
             app.parse(argc, argv);
         } catch (const CLI::ParseError& error) {
-            return reportUsage(app, error);
+            checks = app.got_subcommand("doctor");
+            return reportUsage(app, error, checks ? kExitUnknown : kExitUsage);
         }
+        checks = app.got_subcommand("doctor");
         return run(app, arguments);
     } catch (const std::exception& error) {
         fprintf(stderr, "kestorctl: %s\n", error.what());
-        return kExitFailed;
+        return checks ? kExitUnknown : kExitFailed;
     }
 }

@@ -114,8 +114,11 @@ StationClient::Response StationClient::call(const char* method, const std::strin
     const CURLcode result = curl_easy_perform(curl);
     curl_slist_free_all(headers);
     if (result != CURLE_OK) {
+        // What was sent whole is acted on all the same.
+        const bool late = result == CURLE_OPERATION_TIMEDOUT && std::string_view(method) != "GET";
         throw LinkError("the station at " + handle_->socket +
-                        " does not answer: " + curl_easy_strerror(result));
+                        " does not answer: " + curl_easy_strerror(result) +
+                        (late ? "; the change may still happen, so look before you repeat it" : ""));
     }
     Response response{0, std::move(answer.text), std::move(answer.tag)};
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &response.status);

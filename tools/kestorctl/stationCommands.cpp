@@ -12,43 +12,15 @@
 #include <utility>
 
 #include "listing.h"
+#include "output.h"
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr std::size_t kPlaylistLimit = std::size_t{16} << 20;  // bytes: what the station takes
 constexpr std::chrono::milliseconds kLooksForEvents = 1s;
 constexpr int kEventsAtOnce = 1000;
 constexpr long kNotFound = 404;
 constexpr int kExitNotConnected = 3;
-
-void print(const Json& value) {
-    puts(value.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
-}
-
-// A member as an operator reads it.
-std::string text(const Json& object, const char* member) {
-    const auto found = object.find(member);
-    if (found == object.end() || found->is_null()) {
-        return "-";
-    }
-    if (found->is_string()) {
-        const auto value = found->get<std::string>();
-        return value.empty() ? "-" : value;
-    }
-    return found->dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
-// "2026-11-21 22:52:44" of an RFC 3339 time in UTC.
-std::string timeText(const Json& object, const char* member) {
-    std::string value = text(object, member);
-    if (value.size() > 19) {
-        value.resize(19);
-        value[10] = ' ';
-    }
-    return value;
-}
 
 std::string megabits(const Json& object) {
     const auto found = object.find("bitRate");
@@ -74,22 +46,16 @@ std::string speedText(const Json& card) {
 }
 
 // The interface that the probe captures, and what this machine does to the probe.
-void showMachine(const Json& machine, bool connected) {
+void showMachine(const Json& machine) {
     const Json card = machine.value("interface", Json());
-    bool captured = true;
     if (card.is_object()) {
         const bool well = card.value("up", false) && card.value("carrier", false);
-        captured = card.value("captured", true);
+        const bool captured = card.value("captured", true);
         const bool hasSpeed = card.contains("bitsPerSecond") && card["bitsPerSecond"].is_number();
         printf("interface %s, %s%s%s; this machine dropped %s packets, %s in the last minute\n",
                text(card, "name").c_str(), well ? "up" : text(card, "state").c_str(),
                captured ? "" : ", not captured", hasSpeed ? (", " + speedText(card)).c_str() : "",
                number(machine, "drops").c_str(), number(machine, "dropsLastMinute").c_str());
-    }
-    if (connected && !captured && text(machine, "linkProblem") == "-") {
-        puts(
-            "          the probe captures nothing: the interface was missing or down when it was started. "
-            "systemctl restart kestor");
     }
     for (const char* problem : {"linkProblem", "joinProblem", "doubled"}) {
         if (const std::string said = text(machine, problem); said != "-") {
@@ -163,7 +129,7 @@ int showStatus(StationClient& station, const StationRequest& request) {
     if (result != 0) {
         puts("          kestorctl doctor tells what keeps it from here, and what to do");
     }
-    showMachine(status.value("machine", Json::object()), result == 0);
+    showMachine(status.value("machine", Json::object()));
     showMeter(status.value("meter", Json()));
     printf("channels  %s configured, %s watched, %s with signal\n", number(channels, "configured").c_str(),
            number(channels, "watched").c_str(), number(channels, "withSignal").c_str());
@@ -384,15 +350,18 @@ void printSent(const std::string& said, bool json) {
     }
 }
 
-// What is not watched is removed already: a probe without a station says no more.
-void removeChannel(StationClient& station, const std::string& group) {
+// False where there was nothing to remove, which is said and no failure: a probe without a station takes it
+// as well.
+bool removeChannel(StationClient& station, const std::string& group) {
     try {
         station.send("DELETE", "/api/v1/channels/" + group);
+        return true;
     } catch (const RefusedError& error) {
         if (error.status != kNotFound) {
             throw;
         }
-        fprintf(stderr, "kestorctl: %s: %s\n", group.c_str(), error.what());
+        fprintf(stderr, "kestorctl: %s, so there is nothing to remove\n", error.what());
+        return false;
     }
 }
 
@@ -404,8 +373,8 @@ int changeChannels(StationClient& station, const StationRequest& request) {
         try {
             if (request.command == "add") {
                 station.send("PUT", "/api/v1/channels/" + group, Json::object());
-            } else {
-                removeChannel(station, group);
+            } else if (!removeChannel(station, group)) {
+                continue;
             }
             said += " " + group;
         } catch (const LinkError& error) {

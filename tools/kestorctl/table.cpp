@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
+#include <utility>
 
 #include "basics/address.h"
 #include "sarn/names.h"
@@ -11,17 +12,6 @@
 using records::Record;
 
 namespace {
-
-// Channel lines, and below them their PIDs'.
-constexpr const char* kChannelHeading =
-    "GROUP               SOURCE                             Mbit/s    PACKETS    LOST   CC ERR PCR ERR SYNC "
-    "ERR"
-    "    DF ms  TQI\n";
-constexpr const char* kPidHeading =
-    "      PID   hex     STREAM                             Mbit/s    PACKETS    LOST   CC ERR PCR ERR  "
-    "PICTURE"
-    "    GOP/B  MOS\n";
-constexpr int kTextWidth = 32;  // of SOURCE and STREAM
 
 [[gnu::format(printf, 1, 2)]] std::string formatted(const char* format, ...) {
     char line[256];
@@ -51,12 +41,16 @@ std::string shortTypeName(int64_t streamType) {
     return std::string(name);
 }
 
-std::string source(const Record& stream) {
+// Without its port where it does not fit otherwise.
+std::string source(const Record& stream, int width) {
     if (stream.integer("packetsReceived") == 0) {
         return "no packets";
     }
-    return formatted("%s:%" PRId64 "%s", basics::dottedRecordAddress(stream.integer("sourceAddress")).c_str(),
-                     stream.integer("sourcePort"), stream.integer("wrongSource") != 0 ? " and other" : "");
+    const std::string address = basics::dottedRecordAddress(stream.integer("sourceAddress"));
+    const bool other = stream.integer("wrongSource") != 0;
+    std::string whole = formatted("%s:%" PRId64 "%s", address.c_str(), stream.integer("sourcePort"),
+                                  other ? " and other" : "");
+    return std::cmp_less_equal(whole.size(), width) ? whole : address + (other ? " +" : "");
 }
 
 std::string content(const Record& pid) {
@@ -87,48 +81,130 @@ std::string gop(const Record& pid) {
     return formatted("%" PRId64 "/%" PRId64, pid.integer("gopLength"), pid.integer("gopBFrames"));
 }
 
-// The columns that channels and PIDs share.
-std::string counters(const Record& record) {
-    return formatted(" %8.3f %10" PRIu64 " %7" PRIu64 " %8" PRIu64 " %7" PRIu64, megabits(record),
-                     static_cast<uint64_t>(record.integer("packetsReceived")),
-                     static_cast<uint64_t>(record.integer("packetsLost")),
-                     static_cast<uint64_t>(record.integer("Continuity_count_error")),
-                     static_cast<uint64_t>(record.integer("PCR_error")));
+constexpr int kGroupWidth = 21;  // 239.255.255.255:65535
+constexpr int kWidestText = 32;  // of SOURCE and STREAM
+constexpr int kLeastText = 17;   // an address, and that there is another
+
+// A column behind the text: what it is called for channels and for their PIDs, and what it shows of either.
+struct Column {
+    const char* heading;
+    const char* pidHeading;
+    int width;    // with the space before it
+    int leftOut;  // where not all fit: the lowest first; 0 for never
+    std::string (*show)(const Record&);
+    std::string (*showPid)(const Record&);
+};
+
+// Counters are signed in the parser's hands.
+std::string counter(int64_t value) {
+    return std::to_string(static_cast<uint64_t>(value));
+}
+std::string lost(const Record& record) {
+    return counter(record.integer("packetsLost"));
+}
+std::string continuityErrors(const Record& record) {
+    return counter(record.integer("Continuity_count_error"));
+}
+std::string clockErrors(const Record& record) {
+    return counter(record.integer("PCR_error"));
+}
+std::string packets(const Record& record) {
+    return counter(record.integer("packetsReceived"));
+}
+std::string syncErrors(const Record& record) {
+    return counter(record.integer("Sync_byte_error"));
+}
+std::string bitRate(const Record& record) {
+    return formatted("%.3f", megabits(record));
+}
+std::string delayFactor(const Record& record) {
+    return formatted("%.2f", record.fraction("mdiDelayFactor"));
+}
+std::string quality(const Record& record) {
+    return formatted("%.2f", record.fraction("transportQualityIndex"));
+}
+// A score of 0 means that nothing was scored yet.
+std::string score(const Record& record) {
+    return record.fraction("mosScore") > 0 ? formatted("%.2f", record.fraction("mosScore")) : "";
 }
 
-std::string channelLine(const Record& stream) {
-    std::string group(stream.text("group"));
-    group.append(":").append(stream.text("destinationPort"));
-    return formatted("%-19s %-*.*s", group.c_str(), kTextWidth, kTextWidth, source(stream).c_str()) +
-           counters(stream) +
-           formatted(" %8" PRIu64 " %8.2f %4.2f\n", static_cast<uint64_t>(stream.integer("Sync_byte_error")),
-                     stream.fraction("mdiDelayFactor"), stream.fraction("transportQualityIndex"));
-}
+constexpr Column kColumns[] = {
+    {"Mbit/s", "Mbit/s", 9, 0, bitRate, bitRate},
+    {"PACKETS", "PACKETS", 11, 1, packets, packets},
+    {"LOST", "LOST", 8, 0, lost, lost},
+    {"CC ERR", "CC ERR", 9, 0, continuityErrors, continuityErrors},
+    {"PCR ERR", "PCR ERR", 8, 3, clockErrors, clockErrors},
+    {"SYNC ERR", "PICTURE", 10, 2, syncErrors, picture},
+    {"DF ms", "GOP/B", 9, 4, delayFactor, gop},
+    {"TQI", "MOS", 5, 0, quality, score},
+};
+constexpr int kMostLeftOut = 4;
 
-std::string pidLine(const Record& pid) {
-    const int64_t number = pid.integer("pid");
-    std::string line =
-        formatted("  %-3.*s %4" PRId64 " 0x%04" PRIx64 "  %-*.*s", static_cast<int>(pid.text("label").size()),
-                  pid.text("label").data(), number, static_cast<uint64_t>(number), kTextWidth, kTextWidth,
-                  content(pid).c_str()) +
-        counters(pid) + formatted(" %9s %8s", picture(pid).c_str(), gop(pid).c_str());
-    // A score of 0 means that nothing was scored yet.
-    if (pid.fraction("mosScore") > 0) {
-        line += formatted(" %4.2f", pid.fraction("mosScore"));
+// What fits.
+struct Layout {
+    int leftOut = 0;  // columns up to this are
+    int text = kWidestText;
+
+    bool shows(const Column& column) const {
+        return column.leftOut == 0 || column.leftOut > leftOut;
     }
-    line.erase(line.find_last_not_of(' ') + 1);
-    return line + "\n";
+};
+
+Layout layoutFor(int width) {
+    Layout layout;
+    for (;; ++layout.leftOut) {
+        int rest = width - kGroupWidth - 1;
+        for (const Column& column : kColumns) {
+            rest -= layout.shows(column) ? column.width : 0;
+        }
+        if (rest >= kLeastText || layout.leftOut == kMostLeftOut) {
+            layout.text = std::clamp(rest, kLeastText, kWidestText);
+            return layout;
+        }
+    }
+}
+
+// A line: what stands under GROUP, what stands under SOURCE, and the rest by `show`.
+template <typename Show>
+std::string line(const Layout& layout, const std::string& key, const std::string& text, Show show) {
+    std::string result =
+        formatted("%-*s %-*.*s", kGroupWidth, key.c_str(), layout.text, layout.text, text.c_str());
+    for (const Column& column : kColumns) {
+        if (layout.shows(column)) {
+            result += formatted(" %*s", column.width - 1, show(column).c_str());
+        }
+    }
+    result.erase(result.find_last_not_of(' ') + 1);
+    return result + "\n";
+}
+
+std::string recordLine(const Layout& layout, const Record& record) {
+    if (record.kind() == records::Kind::kStream) {
+        std::string group(record.text("group"));
+        group.append(":").append(record.text("destinationPort"));
+        return "\n" + line(layout, group, source(record, layout.text),
+                           [&](const Column& column) { return column.show(record); });
+    }
+    const int64_t number = record.integer("pid");
+    const std::string key =
+        formatted("  %-3.*s %4" PRId64 " 0x%04" PRIx64, static_cast<int>(record.text("label").size()),
+                  record.text("label").data(), number, static_cast<uint64_t>(number));
+    return line(layout, key, content(record), [&](const Column& column) { return column.showPid(record); });
 }
 
 }  // namespace
 
-std::string renderTable(const records::Snapshot& snapshot) {
+std::string renderTable(const records::Snapshot& snapshot, int width) {
     if (snapshot.empty()) {
         return "no channels: kestorctl add GROUP... adds some\n";
     }
-    std::string table = std::string(kChannelHeading) + kPidHeading;
+    const Layout layout = layoutFor(width);
+    std::string table =
+        line(layout, "GROUP", "SOURCE", [](const Column& column) { return std::string(column.heading); }) +
+        line(layout, "      PID   hex", "STREAM",
+             [](const Column& column) { return std::string(column.pidHeading); });
     for (const Record& record : snapshot) {
-        table += record.kind() == records::Kind::kStream ? "\n" + channelLine(record) : pidLine(record);
+        table += recordLine(layout, record);
     }
     return table;
 }

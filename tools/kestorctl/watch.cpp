@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <array>
@@ -97,6 +98,12 @@ std::optional<std::string> askForSnapshot(StationClient& station, Clock::time_po
     }
 }
 
+// Of the terminal; what is read by a program or from a file has all columns.
+int tableWidth() {
+    winsize size{};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kTableWidth;
+}
+
 void reportBadLine(std::size_t number, const std::string& problem) {
     fprintf(stderr, "kestorctl: line %zu skipped: %s\n", number, problem.c_str());
 }
@@ -119,7 +126,7 @@ int runWatch(const WatchOptions& options) {
                 puts(toJson(record).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
             }
         } else {
-            printf("%s%s%s", redraw ? "\033[H\033[J" : "", renderTable(snapshot).c_str(),
+            printf("%s%s%s", redraw ? "\033[H\033[J" : "", renderTable(snapshot, tableWidth()).c_str(),
                    options.once || redraw ? "" : "\n");
         }
         fflush(stdout);

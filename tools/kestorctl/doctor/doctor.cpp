@@ -136,7 +136,7 @@ Findings lookAtAll(const Request& request) {
     findings.push_back(checkUser(kRoot, whoAsks()));
     append(findings, checkResults(station));
     findings.push_back(checkClock(readClock()));
-    const fs::path state = readStateDirectory(kRoot);
+    const fs::path state = readStateDirectory(kRoot, processes);
     append(findings, checkDisk(kRoot, state, readDisk(state)));
     findings.push_back(checkVersions(KESTOR_VERSION,
                                      readPackages(kRoot, {"kestor", "kestor-station", "kestor-tools"}),

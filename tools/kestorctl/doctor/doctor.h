@@ -13,7 +13,8 @@ struct Request {
 };
 
 // Looks at everything and prints it. Returns the exit status of a monitoring plugin: 0 all is well, 1
-// warnings, 2 failures. What could not be seen counts for nothing. Throws nothing that a machine may cause.
+// warnings, 2 failures (3 is for a caller that could not be understood). What could not be seen counts for
+// nothing. Throws nothing that a machine may cause.
 int run(const Request& request);
 
 }  // namespace doctor

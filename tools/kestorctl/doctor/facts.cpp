@@ -196,9 +196,30 @@ std::map<std::string, std::string> readPackages(const fs::path& root, const std:
     return versions;
 }
 
-fs::path readStateDirectory(const fs::path& root) {
+namespace {
+
+// What a process was started with.
+std::vector<std::string> argumentsOf(const fs::path& root, const Process& process) {
+    return parts(readText(root / "proc" / std::to_string(process.pid) / "cmdline").value_or(""), '\0');
+}
+
+// The value of the last such option; nothing where there is none.
+std::optional<fs::path> valueOf(const std::vector<std::string>& arguments, const std::string& option) {
+    std::optional<fs::path> value;
+    for (std::size_t i = 1; i < arguments.size(); ++i) {
+        if (arguments[i] == option && i + 1 < arguments.size()) {
+            value = arguments[++i];
+        } else if (arguments[i].starts_with(option + "=")) {
+            value = arguments[i].substr(option.size() + 1);
+        }
+    }
+    return value;
+}
+
+// What a configuration says; nothing where it leaves the default.
+std::optional<fs::path> configuredState(const fs::path& file) {
     // A line of the file's first table; whoever writes it in another way gets the default's disk checked.
-    for (const std::string& line : linesOf(readText(root / "etc/kestor/station.toml").value_or(""))) {
+    for (const std::string& line : linesOf(readText(file).value_or(""))) {
         const auto columns = parts(line, '"');
         const auto key = words(columns[0]);
         if (columns.size() == 3 && key.size() == 2 && key[0] == "state_dir" && key[1] == "=") {
@@ -208,7 +229,25 @@ fs::path readStateDirectory(const fs::path& root) {
             break;
         }
     }
-    return kStateDirectory;
+    return std::nullopt;
+}
+
+}  // namespace
+
+fs::path readStateDirectory(const fs::path& root, const Processes& processes) {
+    fs::path configuration = "/etc/kestor/station.toml";
+    fs::path place = "/";  // of the station, where relative paths of its command line count from
+    if (const auto stations = processes.named("kestor-station"); !stations.empty()) {
+        const auto arguments = argumentsOf(root, stations.front());
+        std::error_code hidden;
+        place = fs::read_symlink(root / "proc" / std::to_string(stations.front().pid) / "cwd", hidden);
+        if (const auto state = valueOf(arguments, "--state"); state && !state->empty()) {
+            return place / *state;
+        }
+        configuration = place / valueOf(arguments, "--config").value_or(configuration);
+    }
+    const auto state = configuredState(root / configuration.relative_path());
+    return state ? configuration.parent_path() / *state : fs::path(kStateDirectory);
 }
 
 std::optional<int64_t> readSysctl(const fs::path& root, std::string_view key) {

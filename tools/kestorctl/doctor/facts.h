@@ -65,8 +65,9 @@ std::optional<Group> findGroup(const fs::path& root, std::string_view name);
 // Versions of the Debian packages of these names that are installed.
 std::map<std::string, std::string> readPackages(const fs::path& root, const std::vector<std::string>& names);
 
-// The station's state directory: what /etc/kestor/station.toml names, else the default.
-fs::path readStateDirectory(const fs::path& root);
+// The station's state directory: of the --state or the --config that the running one was started with, else
+// what /etc/kestor/station.toml names, else the default.
+fs::path readStateDirectory(const fs::path& root, const Processes& processes);
 
 // A sysctl's number, by its name with dots.
 std::optional<int64_t> readSysctl(const fs::path& root, std::string_view key);
