@@ -83,7 +83,7 @@ TEST(Console, FitsTheTableIntoTheTerminal) {
     // Everything as wide as its column is meant for.
     const std::map<std::string_view, std::string> counters = {
         {"group", "239.255.255.255"}, {"destinationPort", "65535"},          {"sourceAddress", "-1"},
-        {"sourcePort", "65534"},      {"packetsReceived", "4294967295"},     {"bitRate", "9999999999"},
+        {"sourcePort", "65534"},      {"packetsReceived", "4294967295"},     {"bitRate", "999999999"},
         {"packetsLost", "9999999"},   {"Continuity_count_error", "99999999"}};
     auto stream = counters;
     stream["label"] = "-1";
