@@ -38,7 +38,8 @@ std::string nameOf(std::span<const NetworkInterface> interfaces, int index) {
 
 std::string routeAdvice(const std::string& interface) {
     return "ip route replace 224.0.0.0/4 dev " + interface +
-           ", and for good in the network's configuration (docs/operations.md, \"Two cards\"); the station "
+           ", and for good in the network's configuration (\"Two cards\" in "
+           "/usr/share/doc/kestor/docs/operations.md); the station "
            "then "
            "has the groups joined again";
 }
