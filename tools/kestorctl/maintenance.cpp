@@ -244,7 +244,7 @@ void declareMaintenance(CLI::App& command, MaintenanceRequest& request) {
     };
     command.require_subcommand(0, 1);
     command.add_subcommand("list",
-                           "List the windows that have not ended, which is also done without a word.");
+                           "List the windows that have not ended (the default).");
 
     CLI::App& add = *command.add_subcommand("add", "Set a window for groups, a label or all channels.");
     add.add_option("GROUP", request.groups, "Multicast groups of channels, such as 239.1.1.1.")
