@@ -243,8 +243,7 @@ void declareMaintenance(CLI::App& command, MaintenanceRequest& request) {
             ->take_all();
     };
     command.require_subcommand(0, 1);
-    command.add_subcommand("list",
-                           "List the windows that have not ended (the default).");
+    command.add_subcommand("list", "List the windows that have not ended (the default).");
 
     CLI::App& add = *command.add_subcommand("add", "Set a window for groups, a label or all channels.");
     add.add_option("GROUP", request.groups, "Multicast groups of channels, such as 239.1.1.1.")
