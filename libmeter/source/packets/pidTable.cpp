@@ -13,7 +13,9 @@ PidTable::PidTable() : records_{&none_, &overflow_} {
 PidRecord& PidTable::obtain(uint16_t pid) {
     uint8_t& place = index_[pid & (kPidCount - 1)];
     if (place == kNoPid) {
-        if (own().size() < kPidsLimit) {
+        const bool kept = hasKeptPlace(pid);
+        if (kept || othersTaken_ < kPidsLimit - kKeptPlaces) {
+            othersTaken_ += kept ? 0 : 1;
             if (records_.size() == kNearPlaces) {
                 moveStates();
             }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "clocks/programClock.h"
+#include "fields/sectionFields.h"
 #include "packets/continuity.h"
 #include "packets/packetPrint.h"
 #include "packets/secondRing.h"
@@ -26,6 +27,12 @@ enum PidRole : uint8_t {
 
 // Places in the index: of a PID without record, and of one that found no place.
 inline constexpr std::size_t kPidsLimit = 254;
+// Of them for those that every stream is measured by, however late they come: PAT, CAT, service information,
+// null packets.
+inline constexpr std::size_t kKeptPlaces = 8;
+constexpr bool hasKeptPlace(uint16_t pid) {
+    return pid == kPatPid || pid == kCatPid || (pid >= kNitPid && pid <= kTdtPid) || pid == kNullPid;
+}
 inline constexpr uint8_t kNoPid = 0;
 inline constexpr uint8_t kOverflow = 1;
 inline constexpr std::size_t kFirstPidPlace = 2;
@@ -175,6 +182,7 @@ class PidTable {
 
     std::vector<PidRecord*> records_;  // by place
     std::vector<std::unique_ptr<Records>> own_;
+    std::size_t othersTaken_ = 0;  // places, by PIDs without a kept one
     PidRecord none_;
     PidRecord overflow_;
     std::array<uint8_t, kPidCount> index_{};  // places

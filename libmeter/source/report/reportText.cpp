@@ -12,7 +12,6 @@ namespace {
 
 using basics::dotted;
 
-constexpr std::size_t kPidsWidth = 24;  // what the longest name of a check leaves
 constexpr std::size_t kCuesShown = 20;
 constexpr std::size_t kChangesShown = 20;
 constexpr std::size_t kStructureShown = 60;
@@ -312,7 +311,7 @@ std::string services(const Report& report) {
     return text;
 }
 
-std::string pidList(const CheckReport& check) {
+std::string pidList(const CheckReport& check, std::size_t width) {
     auto pids = check.pids;
     std::stable_sort(pids.begin(), pids.end(),
                      [](const auto& a, const auto& b) { return a.second > b.second; });
@@ -322,7 +321,7 @@ std::string pidList(const CheckReport& check) {
         std::string longer = text;
         append(longer,
                std::to_string(pids[i].first) + (pids.size() > 1 ? " (" + grouped(pids[i].second) + ")" : ""));
-        if (i > 0 && longer.size() + rest.size() > kPidsWidth) {
+        if (i > 0 && longer.size() + rest.size() > width) {
             return text + formatted(", %zu more", pids.size() - i);
         }
         text = longer;
@@ -330,18 +329,32 @@ std::string pidList(const CheckReport& check) {
     return text;
 }
 
+// The checks that failed; empty where none did.
+std::string failedChecks(const Report& report) {
+    const auto table = [&](std::size_t pidsWidth) {
+        Columns columns("  ", "llrrrrl");
+        columns.row({"CHECK", "", "COUNT", "SECONDS", "FIRST s", "LAST s", "PIDs"});
+        for (const CheckReport& check : report.checks) {
+            if (check.count > 0) {
+                columns.row({check.id, check.name, grouped(check.count), grouped(check.seconds),
+                             shown(check.first, tenths), check.active ? "active" : shown(check.last, tenths),
+                             pidList(check, pidsWidth)});
+            }
+        }
+        return columns.text(kTextWidth);
+    };
+    if (std::ranges::none_of(report.checks, [](const CheckReport& check) { return check.count > 0; })) {
+        return "";
+    }
+    // Once to see what the other columns leave of a line.
+    const std::string_view title = "PIDs";
+    const std::size_t end = table(0).find('\n');
+    return table(kTextWidth - std::min(kTextWidth, end - title.size()));
+}
+
 std::string errors(const Report& report) {
-    Columns columns("  ", "llrrrrl");
-    columns.row({"CHECK", "", "COUNT", "SECONDS", "FIRST s", "LAST s", "PIDs"});
-    bool any = false;
     std::string notApplicable;
     for (const CheckReport& check : report.checks) {
-        if (check.count > 0) {
-            columns.row({check.id, check.name, grouped(check.count), grouped(check.seconds),
-                         shown(check.first, tenths), check.active ? "active" : shown(check.last, tenths),
-                         pidList(check)});
-            any = true;
-        }
         if (!check.applicable) {
             append(notApplicable, std::string(check.id) + " " + check.name);
         }
@@ -350,7 +363,8 @@ std::string errors(const Report& report) {
     if (report.packets.received == 0) {
         return text + "  not measured: no transport packets came\n";
     }
-    text += any ? columns.text(kTextWidth) : "  none\n";
+    const std::string failed = failedChecks(report);
+    text += failed.empty() ? "  none\n" : failed;
     text += isTimeless(report)
                 ? "  no time is known: counts of what came too early or too late mean nothing\n"
                 : "";
@@ -367,7 +381,12 @@ std::string clocks(const Report& report) {
     Columns columns("  ", "rrrrrrrrr");
     columns.row({"PID", "MEAN ms", "HIGHEST ms", "ACCURACY ns", "OVER 500", "OFFSET ppm", "JITTER us",
                  "ANNOUNCED", "STEPS"});
+    std::string single;
     for (const auto& clock : report.clocks) {
+        if (!clock.intervalMeanMs) {
+            append(single, std::to_string(clock.pid));
+            continue;
+        }
         const auto nanoseconds = [](double ns) { return formatted("%.0f", ns); };
         columns.row({std::to_string(clock.pid), shown(clock.intervalMeanMs, tenths),
                      shown(clock.intervalHighestMs, tenths),
@@ -377,7 +396,11 @@ std::string clocks(const Report& report) {
                      shown(clock.overallJitterNs, [](double ns) { return formatted("%.1f", ns / 1000); }),
                      grouped(clock.signalled), grouped(clock.unsignalled)});
     }
-    return heading("CLOCKS") + columns.text(kTextWidth);
+    std::string text = heading("CLOCKS") + columns.text(kTextWidth);
+    if (!single.empty()) {
+        text += fitted("  one PCR alone, which tells nothing: PID " + single, kTextWidth) + "\n";
+    }
+    return text;
 }
 
 std::string network(const Report& report) {
