@@ -57,7 +57,8 @@ void StreamAnalysis::endSeconds(Nanoseconds arrival) {
     receivedAtSecond_ = this->received();
     rates_.push(static_cast<uint32_t>(received));
     rates_.push(0, seconds - 1);
-    for (PidRecord& record : pids_.all()) {
+    for (PidRecord* const one : pids_.all()) {
+        PidRecord& record = *one;
         endSecond(record, seconds);
     }
     for (PidRecord* record : clocks_) {
@@ -99,7 +100,8 @@ void StreamAnalysis::restart(Nanoseconds arrival) {
     cues_->restart();
     rates_.clear();
     nullShare_.reset();
-    for (PidRecord& record : pids_.all()) {
+    for (PidRecord* const one : pids_.all()) {
+        PidRecord& record = *one;
         record.state->lastSeen = 0;
         record.state->last = nullptr;
         record.state->roles = kUnknownPid;

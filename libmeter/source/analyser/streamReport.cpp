@@ -108,7 +108,8 @@ void StreamAnalysis::fillLoss(LossReport& report) const {
 }
 
 void StreamAnalysis::fillPids(Report& report) const {
-    for (const PidRecord& record : pids_.all()) {
+    for (const PidRecord* const one : pids_.all()) {
+        const PidRecord& record = *one;
         if (record.state->packets == 0) {
             continue;
         }

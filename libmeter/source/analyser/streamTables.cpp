@@ -107,7 +107,8 @@ void StreamAnalysis::applyModel() {
         refer(*model.networkPid);
     }
     std::ranges::for_each(model.emmPids, [this](uint16_t pid) { refer(pid); });
-    for (PidRecord& record : pids_.all()) {
+    for (PidRecord* const one : pids_.all()) {
+        PidRecord& record = *one;
         record.stream = false;
         record.stillPicture = false;
         record.clockRecord = nullptr;
@@ -140,7 +141,8 @@ void StreamAnalysis::applyModel() {
             pids_.obtain(static_cast<uint16_t>(pid));
         }
     }
-    for (PidRecord& record : pids_.all()) {
+    for (PidRecord* const one : pids_.all()) {
+        PidRecord& record = *one;
         record.referenced = referenced_.test(record.pid);
         record.tables = pmtPids.test(record.pid);
         record.cues = cuePids.test(record.pid);

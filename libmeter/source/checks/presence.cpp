@@ -132,7 +132,8 @@ void Presence::setModel(const ServiceModel& model, const Moment& moment) {
     programs_ = std::move(programs);
     listed_ = std::move(listed);
 
-    for (PidRecord& record : pids_.all()) {
+    for (PidRecord* const one : pids_.all()) {
+        PidRecord& record = *one;
         if (!record.referenced) {
             if (!record.unreferencedFrom) {
                 record.state->roles |= kUnknownPid;

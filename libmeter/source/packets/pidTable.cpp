@@ -3,6 +3,7 @@
 namespace meter {
 
 PidTable::PidTable() : records_{&none_, &overflow_} {
+    states_ = near_.data();
     for (PidRecord* record : records_) {
         record->state = &states_[record == &none_ ? kNoPid : kOverflow];
         record->state->record = record;
@@ -35,7 +36,7 @@ PidRecord& PidTable::obtain(uint16_t pid) {
 }
 
 PidRecord& PidTable::nextRecord() {
-    const std::size_t place = own().size() % kTogether;
+    const std::size_t place = all().size() % kTogether;
     if (place == 0) {
         own_.push_back(std::make_unique<Records>());
     }

@@ -3,7 +3,6 @@
 
 #include <array>
 #include <memory>
-#include <ranges>
 #include <span>
 #include <vector>
 
@@ -152,11 +151,8 @@ class PidTable {
     PidRecord& obtain(uint16_t pid);
 
     // In the order in which they came; the overflow is not among them.
-    auto all() {
-        return own() | std::views::transform([](PidRecord* record) -> PidRecord& { return *record; });
-    }
-    auto all() const {
-        return own() | std::views::transform([](PidRecord* record) -> const PidRecord& { return *record; });
+    std::span<PidRecord* const> all() const {
+        return std::span(records_).subspan(kFirstPidPlace);
     }
 
   private:
@@ -167,16 +163,13 @@ class PidTable {
     static constexpr std::size_t kTogether = 8;
     using Records = std::array<PidRecord, kTogether>;
 
-    std::span<PidRecord* const> own() const {
-        return std::span(records_).subspan(kFirstPidPlace);
-    }
     PidRecord& nextRecord();
     void moveStates();
 
     // By the low byte of a PID the place of the one with it that was looked at last; and the states by place.
     // Behind the few lines of a stream's own state: a channel's packets touch a page of memory or two.
     std::array<uint8_t, 256> recent_{};
-    PidState* states_ = near_.data();
+    PidState* states_ = nullptr;
     std::array<PidState, kNearPlaces> near_;
     std::unique_ptr<std::array<PidState, kPlaces>> far_;  // in place of near_ once there are more
 
