@@ -36,6 +36,10 @@ class Capture {
     }
     virtual CaptureCounts counts() = 0;
     virtual std::string interface() const = 0;  // its name
+    // Inode of the packet socket; 0: there is none.
+    virtual uint64_t socket() const {
+        return 0;
+    }
     // What keeps frames from coming for the moment, for people; empty: nothing. Throws as read() does.
     virtual std::string trouble() {
         return "";

@@ -2,6 +2,7 @@
 #include <pcap/pcap.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -105,6 +106,11 @@ class LiveCapture final : public Capture {
         return interface_;
     }
 
+    uint64_t socket() const override {
+        struct stat status {};
+        return fstat(pcap_fileno(handle_.get()), &status) == 0 ? status.st_ino : 0;
+    }
+
     // libpcap waits in silence while an interface is down.
     std::string trouble() override {
         if (if_nametoindex(interface_.c_str()) != index_) {
@@ -112,8 +118,8 @@ class LiveCapture final : public Capture {
         }
         ifreq request{};
         interface_.copy(request.ifr_name, IFNAMSIZ - 1);
-        const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        if (socket.value < 0 || ioctl(socket.value, SIOCGIFFLAGS, &request) != 0) {
+        const Descriptor control(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        if (control.value < 0 || ioctl(control.value, SIOCGIFFLAGS, &request) != 0) {
             return "";
         }
         if ((request.ifr_flags & IFF_UP) == 0) {

@@ -196,6 +196,7 @@ void Worker::finishSecond() {
     metering::Capture& capture = *part_.mutable_capture();
     capture.set_interface(capture_ ? capture_->interface() : "");
     capture.set_problem(problem_);
+    capture.set_socket(capture_ ? capture_->socket() : 0);
     capture.set_frames(counts.frames);
     capture.set_kernel_drops(counts.kernelDrops);
     capture.set_card_drops(counts.cardDrops);

@@ -13,7 +13,7 @@
 
 #include "alarms/history.h"
 #include "channels/channelAttributes.h"
-#include "meter/meterBook.h"
+#include "meter/meterReport.h"
 #include "state.h"
 #include "store/event.h"
 

@@ -10,6 +10,7 @@
 #include "eventDesk.h"
 #include "machine/machineReader.h"
 #include "machineWatch.h"
+#include "meter/meterBook.h"
 #include "meter/meterPort.h"
 #include "meter/sourceJoins.h"
 #include "probe/controller.h"
@@ -601,6 +602,7 @@ void Station::Implementation::judgeMeter(const Now& now) {
     if (sourceJoins.update({meter.connected, meter.sinceSteady, meter.joinFailures > 0}, now.steady)) {
         tellController();
     }
+    machineReader->setOthers(meter.sockets);
     const std::string note = sourcesNote();
     if (note.empty()) {
         sourcesTold.over("channels that name a source are joined for it alone, by kestor-meter");

@@ -56,11 +56,12 @@ std::string addressText(Ipv4Address address) {
     return inet_ntop(AF_INET, &binary, text, sizeof text);
 }
 
-std::set<int> readCaptured(const std::filesystem::path& proc) {
+std::set<int> readCaptured(const std::filesystem::path& proc, const std::set<uint64_t>& known) {
     std::set<int> indexes;
     readLines(proc / "self/net/packet", [&](const std::string& /*line*/, const auto& columns) {
         // sk RefCnt Type Proto Iface R Rmem User Inode
-        if (columns.size() >= 9 && number<uint32_t>(columns[3], 16) == uint32_t{ETH_P_ALL}) {
+        if (columns.size() >= 9 && number<uint32_t>(columns[3], 16) == uint32_t{ETH_P_ALL} &&
+            !known.contains(number<uint64_t>(columns[8], 10).value_or(0))) {
             if (const auto index = number<int>(columns[4], 10)) {
                 indexes.insert(*index == 0 ? -1 : *index);
             }

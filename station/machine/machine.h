@@ -61,8 +61,9 @@ std::string_view interfaceStateName(NetworkInterface::State state);
 std::vector<NetworkInterface> readInterfaces();
 
 // Interfaces on which somebody captures with a packet socket for all protocols, by index; -1 for one that is
-// not bound to an interface. Reads PROC/self/net/packet; empty where that cannot be read.
-std::set<int> readCaptured(const std::filesystem::path& proc = "/proc");
+// not bound to an interface. Sockets with these inodes are somebody's who is known and not counted. Reads
+// PROC/self/net/packet; empty where that cannot be read.
+std::set<int> readCaptured(const std::filesystem::path& proc = "/proc", const std::set<uint64_t>& known = {});
 
 // The interface that the probe captures on, or null. That is the first whose name contains "eth0" (eth0,
 // veth0, eth0.100, ...) in libpcap's order: those that are up, then running, then connected come first, then

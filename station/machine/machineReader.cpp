@@ -9,13 +9,14 @@
 
 namespace station {
 
-MachineReading MachineLooker::look(const std::vector<Ipv4Address>& watched, const Now& now) {
+MachineReading MachineLooker::look(const std::vector<Ipv4Address>& watched, const Now& now,
+                                   const std::set<uint64_t>& others) {
     MachineReading reading;
     reading.time = now;
     try {
         const auto interfaces = sources_.interfaces();
         reading.advice = captureAdvice(interfaces);
-        const std::set<int> captured = readCaptured(sources_.proc);
+        const std::set<int> captured = readCaptured(sources_.proc, others);
         if (const NetworkInterface* capture = findCaptureInterface(interfaces, captured)) {
             reading.capture = *capture;
             reading.captured = captured.contains(capture->index);
@@ -112,6 +113,7 @@ struct MachineReader::Implementation {
     std::mutex mutex;  // guards what follows; no lock is taken while it is held
     std::condition_variable_any changed;
     std::vector<Ipv4Address> watched;
+    std::set<uint64_t> others;
     std::optional<MachineReading> newest;
     uint64_t asked = 0;  // readings that somebody waits for: the number of the last one
     uint64_t made = 0;   // the last number that was asked for when the last reading began
@@ -124,8 +126,9 @@ struct MachineReader::Implementation {
         while (!stop.stop_requested()) {
             const uint64_t number = asked;
             const std::vector<Ipv4Address> groups = watched;
+            const std::set<uint64_t> sockets = others;
             lock.unlock();
-            MachineReading reading = looker.look(groups, systemNow());
+            MachineReading reading = looker.look(groups, systemNow(), sockets);
             lock.lock();
             newest = std::move(reading);
             made = number;
@@ -146,6 +149,11 @@ MachineReader::~MachineReader() = default;
 void MachineReader::watch(std::vector<Ipv4Address> groups) {
     const std::lock_guard lock(implementation_->mutex);
     implementation_->watched = std::move(groups);
+}
+
+void MachineReader::setOthers(std::set<uint64_t> sockets) {
+    const std::lock_guard lock(implementation_->mutex);
+    implementation_->others = std::move(sockets);
 }
 
 std::optional<MachineReading> MachineReader::take() {

@@ -34,7 +34,7 @@ struct MachineReading {
     std::optional<NetworkInterface>
         capture{};           // the interface that the probe captures on; nothing without one
     CaptureAdvice advice{};  // what keeps a probe that is started from capturing
-    bool captured = false;   // somebody captures there
+    bool captured = false;   // somebody captures there, beside those that are known to be others
     bool membershipsKnown = false;
     std::vector<AstrayGroup> astray{};  // of the watched groups, in their order
     // Of the watched groups that are joined there, those that are joined on interfaces beside it as well.
@@ -67,8 +67,10 @@ class MachineLooker {
 
     explicit MachineLooker(MachineSources sources = {}) : sources_(std::move(sources)) {}
 
-    // `watched` in any order. Throws nothing: what fails stands in the reading.
-    MachineReading look(const std::vector<Ipv4Address>& watched, const Now& now);
+    // `watched` in any order; `others` are inodes of packet sockets that are not the probe's. Throws nothing:
+    // what fails stands in the reading.
+    MachineReading look(const std::vector<Ipv4Address>& watched, const Now& now,
+                        const std::set<uint64_t>& others = {});
 
   private:
     static void findDoubled(const std::vector<Ipv4Address>& watched, const Memberships& memberships,
@@ -100,6 +102,8 @@ class MachineReader {
     // All of these: any thread.
     // From the next reading on. At once.
     void watch(std::vector<Ipv4Address> groups);
+    // Packet sockets, by inode, that are not the probe's: what they capture is not captured for it.
+    void setOthers(std::set<uint64_t> sockets);
     // The last reading, once; nothing when it was taken before. At once.
     std::optional<MachineReading> take();
     // The same with a reading that is made now; nothing when it takes longer than that.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "meter/report.h"
 #include "reportMessages.h"
 
 namespace station {
@@ -48,6 +49,9 @@ MeterState MeterBook::state(SteadyTime now) const {
         state.reported += thread.reported;
         state.interface = state.interface.empty() ? capture.interface() : state.interface;
         state.captureProblem = state.captureProblem.empty() ? capture.problem() : state.captureProblem;
+        if (capture.socket() != 0) {
+            state.sockets.insert(capture.socket());
+        }
         state.frames += capture.frames();
         state.kernelDrops += capture.kernel_drops();
         state.cardDrops =

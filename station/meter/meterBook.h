@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -14,22 +13,10 @@
 #include "channels/channel.h"
 #include "common/clock.h"
 #include "meter.pb.h"
+#include "meter/meterReport.h"
 #include "meter/meterState.h"
-#include "meter/report.h"
 
 namespace station {
-
-// A report as it came: messages, which take a tenth of the room of what they say.
-struct MeterReport {
-    uint64_t number = 0;  // another one with each report
-    Now time{};           // when it came
-    bool disturbed = false;
-    std::shared_ptr<const std::string> levels;       // metering::GroupReport without description
-    std::shared_ptr<const std::string> description;  // metering::Description; null: never told
-
-    // Some 20 us; whatever the bytes are.
-    meter::Report read() const;
-};
 
 // All calls from any thread; at once.
 class MeterBook {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 
 #include "common/clock.h"
@@ -27,6 +28,7 @@ struct MeterState {
 
     // By the meter, since it was started.
     std::string interface;
+    std::set<uint64_t> sockets;  // inodes of its packet sockets
     std::string captureProblem;  // why nothing is captured; empty: it is
     uint64_t frames = 0;
     uint64_t kernelDrops = 0;

@@ -2,23 +2,27 @@
 #include <gtest/gtest.h>
 #include <pcap/pcap.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <memory>
 #include <thread>
 
 #include "arrivalClock.h"
 #include "captureFilter.h"
 #include "framing.h"
+#include "measure.h"
 #include "outbox.h"
 #include "reportMessages.h"
 #include "shard.h"
 #include "support/frameBuilder.h"
 #include "support/fullReport.h"
 #include "support/meterStream.h"
+#include "support/reportJson.h"
 #include "worker.h"
 
 namespace {
@@ -397,6 +401,59 @@ TEST(MeterWorker, ReportsEachSecondTellsDropsAndCapturesAgain) {
         EXPECT_GE(seconds[i].capture().frames(), seconds[i - 1].capture().frames());
         EXPECT_GE(seconds[i].report(0).packets().received(), seconds[i - 1].report(0).packets().received());
     }
+}
+
+TEST(MeterWorker, SaysOfARecordingWhatKestorMeasureSays) {
+    const std::string path = testing::TempDir() + "meterRecording" + std::to_string(getpid()) + ".pcap";
+    {
+        test::PcapWriter recording(path, test::PcapWriter::Stamps::kNano);
+        Feed feed;
+        int count = 0;
+        while (const auto datagram = feed.next()) {
+            if (++count % 50 != 0) {  // the others are lost
+                const std::vector<uint8_t> payload(datagram->payload.begin(), datagram->payload.end());
+                recording.write(static_cast<uint64_t>(1'700'000'000 * kSecond + datagram->arrival),
+                                test::UdpFlow{}.frame(payload));
+            }
+        }
+    }
+    const MeasuredFile measured = measureFile(path, {}, [](uint64_t, uint64_t) {});
+    ASSERT_EQ(measured.reports.size(), 1U) << measured.failure;
+    const auto wanted = test::comparable(nlohmann::json::parse(meter::toJson(measured.reports[0])));
+
+    Outbox outbox;
+    outbox.open();
+    Worker worker(
+        {0, 1},
+        [&] {
+            return openFile(path, {0, 1});
+        },
+        outbox);
+    std::jthread thread([&](const std::stop_token& stop) { worker.run(stop); });
+    metering::Groups groups;
+    *groups.add_group() = groupMessage(kGroup);
+    worker.watch(std::make_shared<const WatchList>(watchListOf(groups)));
+    metering::Description description;
+    nlohmann::json told;
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    while (std::chrono::steady_clock::now() < deadline && told != wanted) {
+        const std::string bytes = outbox.pop();
+        if (bytes.empty()) {
+            std::this_thread::sleep_for(10ms);
+            continue;
+        }
+        metering::FromMeter message;
+        ASSERT_TRUE(message.ParseFromArray(bytes.data() + 4, static_cast<int>(bytes.size()) - 4));
+        for (const metering::GroupReport& report : message.second().report()) {
+            if (report.has_description()) {
+                description = report.description();
+            }
+            told = test::comparable(
+                nlohmann::json::parse(meter::toJson(metering::readReport(report, description))));
+        }
+    }
+    EXPECT_EQ(told, wanted);
+    std::filesystem::remove(path);
 }
 
 }  // namespace
