@@ -50,6 +50,8 @@ struct FileKeeper::Implementation {
     bool takeSignals() {
         while (const uint32_t signal = takeSignal()) {
             if (signal != SIGHUP) {
+                log(LogLevel::kNotice, std::string(signal == SIGTERM ? "SIGTERM" : "SIGINT") +
+                                           ": kestor-station ends; the probe keeps running");
                 return false;
             }
             log(LogLevel::kInfo, "SIGHUP: reading the configuration and the playlists again");

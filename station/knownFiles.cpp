@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "common/counted.h"
 #include "common/text.h"
 
 namespace station {
@@ -69,7 +70,7 @@ ReadResult KnownFiles::result() const {
     const bool allShown = lines.size() <= kNotes;
     for (const auto& [name, list] : read) {
         if (list->skipped > (allShown ? list->notes.size() : 0)) {
-            now.notes.push_back(name + ": " + std::to_string(list->skipped) + " lines skipped");
+            now.notes.push_back(name + ": " + counted(list->skipped, "line") + " skipped");
         }
     }
     lines.resize(std::min(lines.size(), kNotes));

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/counted.h"
+
 namespace station {
 
 namespace {
@@ -101,7 +103,9 @@ void MachineWatch::take(MachineReading&& reading) {
         firstReading_ = reading.time.steady;
     }
     state_.known = reading.problem.empty();
-    state_.problem = reading.problem;
+    state_.problem = state_.known ? std::string()
+                                  : "this machine's interfaces cannot be looked at (" + reading.problem +
+                                        "): joins, link and drops are not judged";
     if (!state_.known) {
         return;
     }
@@ -110,7 +114,9 @@ void MachineWatch::take(MachineReading&& reading) {
     state_.softnet = reading.softnet;
     previousTime_ = last_ ? last_->time.steady : reading.time.steady;
     last_ = std::move(reading);
-    state_.linkProblem = describeLink();
+    LinkProblem link = describeLink();
+    state_.linkProblem = link.what + link.advice;
+    linkInShort_ = std::move(link.what);
 }
 
 // Of several interfaces with such a name another one may be found when the first is gone: the probe does not
@@ -141,10 +147,10 @@ void MachineWatch::followCapture(const Probe& probe, SteadyTime now) {
     }
     uncapturedSince_ = uncapturedSince_.value_or(now);
     if (well && now - *uncapturedSince_ >= kCaptureTakes) {
-        state_.linkProblem =
-            state_.interface->name +
-            " is up, but nobody captures there: it was missing or down when the probe was started. "
-            "systemctl restart kestor";
+        linkInShort_ = state_.interface->name + " is up, but nobody captures there";
+        state_.linkProblem = linkInShort_ +
+                             ": it was missing or down when the probe was started. systemctl restart "
+                             "kestor";
     }
 }
 
@@ -184,6 +190,18 @@ MachineWatch::Drops MachineWatch::dropsSince(SteadyTime time) const {
     return sum;
 }
 
+MachineState MachineWatch::state() const {
+    if (state_.known) {
+        return state_;
+    }
+    MachineState unknown;
+    unknown.problem = state_.problem;
+    unknown.rejoins = state_.rejoins;
+    unknown.rejoinedGroups = state_.rejoinedGroups;
+    unknown.lastRejoin = state_.lastRejoin;
+    return unknown;
+}
+
 MachineFindings MachineWatch::judge(const Probe& probe, SteadyTime now) {
     MachineFindings found;
     astray_.clear();
@@ -191,7 +209,12 @@ MachineFindings MachineWatch::judge(const Probe& probe, SteadyTime now) {
     state_.doubled.clear();
     state_.notJoined = 0;
     state_.dropsLastMinute = dropsSince(now - kMinute).sum();
-    if (!last_ || !state_.known || now - last_->time.steady > kReadingHolds) {
+    if (state_.known && now - last_->time.steady > kReadingHolds) {
+        state_.known = false;
+        state_.problem = "the kernel keeps a look at this machine's interfaces waiting for more than " +
+                         std::to_string(kReadingHolds.count()) + " s: joins, link and drops are not judged";
+    }
+    if (!last_ || !state_.known) {
         joinedSince_.reset();
         rejoinableSince_.reset();
         uncapturedSince_.reset();
@@ -258,31 +281,33 @@ Groups MachineWatch::rejoin(const Now& now) {
     return groups;
 }
 
-std::string MachineWatch::describeLink() const {
+MachineWatch::LinkProblem MachineWatch::describeLink() const {
     if (!state_.interface) {
         const auto& [problem, advice] = last_->advice;
-        return problem.empty() ? std::string() : problem + ". To mend it: " + advice;
+        const std::string brief = problem.substr(0, problem.find(": "));
+        return problem.empty() ? LinkProblem{}
+                               : LinkProblem{brief, problem.substr(brief.size()) + ". To mend it: " + advice};
     }
     const NetworkInterface& card = *state_.interface;
     if (gone_ && last_->capture && last_->capture->name == card.name) {
-        return card.name + " was gone and is back, but nobody captures there: systemctl restart kestor";
+        return {card.name + " was gone and is back, but nobody captures there", ": systemctl restart kestor"};
     }
     if (gone_) {
-        return card.name +
-               " is gone: was it removed or renamed, or did its driver fail? The probe captures nothing "
-               "until it is back and the probe is started again, which kestor-guard sees to; else: "
-               "systemctl restart kestor";
+        return {card.name + " is gone",
+                ": was it removed or renamed, or did its driver fail? The probe captures nothing until it is "
+                "back and the probe is started again, which kestor-guard sees to; else: systemctl restart "
+                "kestor"};
     }
     if (!card.up) {
-        return card.name + " is down: ip link set " + card.name + " up";
+        return {card.name + " is down", ": ip link set " + card.name + " up"};
     }
     if (!card.carrier && !receives_) {  // some drivers do not tell it
-        return card.name +
-               " has no carrier: is the cable plugged in, and is the port at its other end switched on?";
+        return {card.name + " has no carrier",
+                ": is the cable plugged in, and is the port at its other end switched on?"};
     }
     if (flapped_) {
-        return card.name +
-               " lost its carrier for less than a second: look at cable, plugs and the switch's port";
+        return {card.name + " lost its carrier for less than a second",
+                ": look at cable, plugs and the switch's port"};
     }
     return {};
 }
@@ -318,8 +343,8 @@ std::string MachineWatch::describeJoins() const {
 std::string MachineWatch::describeDoubled() const {
     const auto tell = [](std::size_t count, const std::set<std::string>& on, const char* rest) {
         return count == 0 ? std::string()
-                          : std::to_string(count) + (count == 1 ? " group is" : " groups are") +
-                                " still joined on " + joined({on.begin(), on.end()}) + rest;
+                          : counted(count, "group") + (count == 1 ? " is" : " are") + " still joined on " +
+                                joined({on.begin(), on.end()}) + rest;
     };
     const std::string both =
         tell(last_->doubled, last_->doubledOn, " as well, so the network sends them there too");
@@ -355,7 +380,7 @@ std::optional<std::string> MachineWatch::raisedText(std::string_view type, const
                                              : std::string();
     if (type == "machine_drops") {
         const Drops drops = dropsSince(now - rule.window);
-        text = "this machine dropped " + std::to_string(drops.sum()) + " packets within " +
+        text = "this machine dropped " + counted(drops.sum(), "packet") + " within " +
                std::to_string(rule.window.count()) + " s: " + describeDrops(drops);
     }
     return text.empty() ? std::nullopt : std::optional(std::move(text));
@@ -368,14 +393,13 @@ bool MachineWatch::tellsLoss(std::string_view type) {
 std::string MachineWatch::remark(std::string_view type, const AlarmRule& rule,
                                  const std::optional<Group>& group, SteadyTime now) const {
     if (type == "no_signal" && group) {
-        return !state_.linkProblem.empty() ? state_.linkProblem : note(*group);
+        return !linkInShort_.empty() ? linkInShort_ : note(*group);
     }
     if (tellsLoss(type)) {
         const auto time = std::max<SteadyTime::duration>(rule.window, rule.raiseDelay) + kReadingsApart;
         const uint64_t drops = dropsSince(now - time).sum();
         if (drops > 0) {
-            return "this machine dropped " + std::to_string(drops) + (drops == 1 ? " packet" : " packets") +
-                   " in that time";
+            return "this machine dropped " + counted(drops, "packet") + " in that time";
         }
     }
     return {};

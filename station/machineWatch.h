@@ -70,8 +70,15 @@ class MachineWatch {
     // Why a channel's group does not reach the probe, or empty.
     std::string note(const Group& group) const;
 
-    const MachineState& state() const {
-        return state_;
+    // What is known of now: nothing of an old reading.
+    MachineState state() const;
+    // Why nothing is known of this machine, or empty.
+    const std::string& problem() const {
+        return state_.problem;
+    }
+    // The interface's name as it was last seen, or empty.
+    std::string card() const {
+        return state_.interface ? state_.interface->name : std::string();
     }
 
   private:
@@ -89,11 +96,17 @@ class MachineWatch {
     Drops dropsSince(SteadyTime time) const;
     std::string describeDrops(const Drops& drops) const;
     void followCapture(const Probe& probe, SteadyTime now);
-    std::string describeLink() const;
+    // `advice` stands right behind `what`, once, in the machine's own alarm and note.
+    struct LinkProblem {
+        std::string what;
+        std::string advice;
+    };
+    LinkProblem describeLink() const;
     std::string describeJoins() const;
     std::string describeDoubled() const;
 
-    MachineState state_;
+    MachineState state_;  // as of the last reading that told something, but for `known` and `problem`
+    std::string linkInShort_;
     std::optional<MachineReading> last_;
     SteadyTime previousTime_;  // of the reading before the last one
     bool hadLink_ = false;     // the card had a carrier since the station was started

@@ -261,6 +261,9 @@ int run(const CLI::App& app, const Arguments& arguments) {
         station::flushLog(kLastLines);
         _Exit(status);
     }
+    if (status == 0) {
+        station::log(station::LogLevel::kNotice, "kestor-station has ended");
+    }
     return status;
 }
 

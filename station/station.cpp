@@ -6,6 +6,7 @@
 
 #include "channelBook.h"
 #include "commandDesk.h"
+#include "common/counted.h"
 #include "common/log.h"
 #include "eventDesk.h"
 #include "machine/machineReader.h"
@@ -17,6 +18,7 @@
 #include "probe/pipeReader.h"
 #include "probeWatch.h"
 #include "processUse.h"
+#include "restartNotes.h"
 #include "snapshotIntake.h"
 #include "statePublisher.h"
 #include "store/influx.h"
@@ -36,22 +38,6 @@ constexpr std::size_t kNotesShown = 100;
 // The owner waits so long for this machine's counters when a loss is to be told.
 constexpr auto kLossWaits = 20ms;
 
-void noteWhatNeedsARestart(const Configuration& before, const Configuration& read) {
-    const auto note = [](const char* key, const auto& one, const auto& other) {
-        if (one != other) {
-            log(LogLevel::kWarning, std::string(key) + " has changed: restart kestor-station to use it");
-        }
-    };
-    note("listen", before.listen, read.listen);
-    note("socket", before.socket, read.socket);
-    note("meter_socket", before.meterSocket, read.meterSocket);
-    note("state_dir", before.state, read.state);
-    note("pipe", before.pipe, read.pipe);
-    note("controller_endpoint", before.controllerEndpoint, read.controllerEndpoint);
-    note("page", before.page, read.page);
-    note("instance", before.instance, read.instance);
-}
-
 }  // namespace
 
 // The loop of the owner, and what ties its parts to the threads.
@@ -59,6 +45,7 @@ struct Station::Implementation : StationInterface, CommandEffects {
     FileKeeper& keeper;
     Mailbox& mailbox;
     std::shared_ptr<const Configuration> current;
+    const std::shared_ptr<const Configuration> started = current;
 
     EventStore store;
     Delivery delivery;
@@ -83,6 +70,7 @@ struct Station::Implementation : StationInterface, CommandEffects {
     StationUse use;
     SteadyTime useMeasured;
     std::vector<std::string> fileNotes;  // of configuration and playlists
+    std::vector<std::string> unheeded;   // settings that need a restart
     // Active alarms of channels that are not known as long as channels.json could not be read.
     std::vector<Alarm> heldBack;
 
@@ -152,6 +140,7 @@ struct Station::Implementation : StationInterface, CommandEffects {
     void restoreAlarms(const Now& now);
     std::vector<Alarm> raised() const;
 
+    void takeRestartNotes(const Configuration& read);
     void adopt(LoadedFiles& files, const Now& now, bool atStart);
     void adopt(LoadedRuntime&& runtime, const Now& now);
     void takeChannels(const Now& now, bool atStart);
@@ -263,12 +252,21 @@ std::vector<Alarm> Station::Implementation::raised() const {
     return all;
 }
 
+// Settings that the station runs with until it is restarted: they stay noted as long as they differ.
+void Station::Implementation::takeRestartNotes(const Configuration& read) {
+    std::vector<std::string> notes = restartNotes(*started, read);
+    for (const std::string& note : notes) {
+        if (std::ranges::find(unheeded, note) == unheeded.end()) {
+            log(LogLevel::kWarning, note);
+        }
+    }
+    unheeded = std::move(notes);
+}
+
 // Takes the playlists out of `files`.
 void Station::Implementation::adopt(LoadedFiles& files, const Now& now, bool atStart) {
     if (files.configuration) {
-        if (!atStart) {
-            noteWhatNeedsARestart(*current, *files.configuration);
-        }
+        takeRestartNotes(*files.configuration);
         current = files.configuration;
     }
     fileNotes = files.result.refusals;
@@ -282,12 +280,12 @@ void Station::Implementation::adopt(LoadedFiles& files, const Now& now, bool atS
         return;
     }
     if (files.refused.empty()) {
-        log(LogLevel::kInfo, "configuration and playlists are in force, " +
-                                 std::to_string(book.channels().size()) + " channels");
+        log(LogLevel::kInfo,
+            "configuration and playlists are in force, " + counted(book.channels().size(), "channel"));
     }
     desk.record(files.refused.empty()
                     ? Event{.kind = EventKind::kConfigurationRead,
-                            .text = "read again: " + std::to_string(book.channels().size()) + " channels"}
+                            .text = "read again: " + counted(book.channels().size(), "channel")}
                     : Event{.kind = EventKind::kConfigurationRefused, .text = files.refused.front()},
                 now);
     server->setAccess(serverAccess());
@@ -362,6 +360,7 @@ std::vector<std::string> Station::Implementation::notes() const {
     if (!book.problem().empty()) {
         all.push_back(book.problem());
     }
+    all.insert(all.end(), unheeded.begin(), unheeded.end());
     all.insert(all.end(), fileNotes.begin(), fileNotes.end());
     all.insert(all.end(), book.notes().begin(), book.notes().end());
     all.resize(std::min(all.size(), kNotesShown));
@@ -514,19 +513,17 @@ bool Station::Implementation::hasSignal(const Group& group, const Now& now) cons
 
 void Station::Implementation::judgeMachine(const Now& now) {
     if (auto reading = machineReader->take()) {
-        if (reading->problem.empty()) {
-            machineUnseen.over("this machine's interfaces can be looked at again");
-        } else {
-            machineUnseen.say(LogLevel::kWarning, "this machine's interfaces cannot be looked at (" +
-                                                      reading->problem +
-                                                      "): joins, link and drops are not judged");
-        }
         machine.take(std::move(*reading));
     }
     const MachineFindings found =
         machine.judge({probe.state().connected, passive(),
                        [this, &now](const Group& group) { return hasSignal(group, now); }},
                       now.steady);
+    if (const std::string& unseen = machine.problem(); !unseen.empty()) {
+        machineUnseen.say(LogLevel::kWarning, unseen);
+    } else {
+        machineUnseen.over("this machine's interfaces can be looked at again");
+    }
     std::vector<AlarmChange> changes;
     engine.judge(*findAlarmType("not_joined"), {}, {found.notJoined, now.steady, found.groups}, now, changes);
     engine.judge(*findAlarmType("link_down"), {},
@@ -542,7 +539,7 @@ void Station::Implementation::judgeMachine(const Now& now) {
                                    (one ? again.begin()->text() + " again: its"
                                         : std::to_string(again.size()) + " groups again, from " +
                                               again.begin()->text() + " on: their") +
-                                   " route leads to " + machine.state().interface->name);
+                                   " route leads to " + machine.card());
     }
 }
 

@@ -86,7 +86,7 @@ export class ProbeView {
       known++;
     }
     return known && store.probe.connected ?
-        `${quantity(sum, store.unit('bitRate'))} in ${count(known)} channels` :
+        `${quantity(sum, store.unit('bitRate'))} in ${count(known)} ${known === 1 ? 'channel' : 'channels'}` :
         '–';
   }
 
@@ -125,25 +125,25 @@ export class ProbeView {
     const set = (term, text) => this.set(this.machine, term, text);
     const card = machine.interface;
     const sum = (value) => isKnown(value) ? count(value) : '–';
-    set('Interface', card ? visible(card.name) : 'none whose name contains eth0');
+    set('Interface', card ? visible(card.name) : machine.known ? 'none whose name contains eth0' : '–');
     set('Link',
         machine.linkProblem ? visible(machine.linkProblem) :
-            !machine.known  ? 'not known: this machine cannot be looked at, the log says why' :
-            card ? `up${isKnown(card.bitsPerSecond) ? `, ${quantity(card.bitsPerSecond, 'bit/s')}` : ''}` :
-                                                      '–');
+            !machine.known  ? `not known${machine.problem ? `: ${visible(machine.problem)}` : '' }` :
+             card                                         ? `up${isKnown(card.bitsPerSecond) ? `, ${quantity(card.bitsPerSecond, 'bit/s')}` : ''                                         }` :
+                                                                                               '–');
     set('Joins',
         machine.joinProblem                    ? visible(machine.joinProblem) :
             passive                            ? 'passive, nothing is joined' :
             !machine.known || !probe.connected ? '–' :
-            machine.rejoins ? `well; ${count(machine.rejoinedGroups)} groups were joined again` :
+            machine.rejoins ? `well; groups joined again: ${count(machine.rejoinedGroups)}` :
                               'well');
     if (machine.doubled || this.machine.values?.has('Joined twice'))
       set('Joined twice', machine.doubled ? visible(machine.doubled) : 'none');
     set('Carrier changes', sum(card?.carrierChanges));
     set('Packets received', sum(card?.received.packets));
     set('Damaged frames', sum(card?.received.errors));
-    set('Dropped here in the last minute', count(machine.dropsLastMinute));
-    set('Dropped here since the start', count(machine.drops));
+    set('Dropped here in the last minute', sum(machine.dropsLastMinute));
+    set('Dropped here since the start', sum(machine.drops));
     set('rx_dropped', sum(card?.received.dropped));
     set('rx_missed_errors', sum(card?.received.missed));
     set('rx_fifo_errors', sum(card?.received.fifo));

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "common/boundedQueue.h"
+#include "common/counted.h"
 #include "common/log.h"
 #include "store/eventDatabase.h"
 
@@ -369,9 +370,9 @@ std::optional<StoredState> EventStore::Implementation::takeLate() {
 }
 
 void EventStore::Implementation::readLate(StoredState&& state) {
-    log(LogLevel::kNotice, file_.string() + " can be read: " + std::to_string(state.active.size()) +
-                               " alarms and " + std::to_string(state.maintenance.size()) +
-                               " maintenance windows are taken up");
+    log(LogLevel::kNotice, file_.string() + " can be read: " + counted(state.active.size(), "alarm") +
+                               " and " + counted(state.maintenance.size(), "maintenance window") +
+                               " are taken up");
     const std::lock_guard lock(mutex_);
     late_ = std::move(state);
 }

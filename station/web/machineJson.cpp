@@ -24,14 +24,18 @@ void interfaceMember(JsonWriter& json, const MachineState& machine) {
 }  // namespace
 
 void machineValue(JsonWriter& json, const MachineState& machine) {
-    json.open('{').member("known", machine.known);
+    const auto ifKnown = [&machine](uint64_t value) {
+        return machine.known ? std::optional(value) : std::nullopt;
+    };
+    json.open('{').member("known", machine.known).member("problem", textOrNull(machine.problem));
     interfaceMember(json, machine);
     json.member("linkProblem", textOrNull(machine.linkProblem));
-    json.member("joinProblem", textOrNull(machine.joinProblem)).member("notJoined", machine.notJoined);
+    json.member("joinProblem", textOrNull(machine.joinProblem))
+        .member("notJoined", ifKnown(machine.notJoined));
     json.member("doubled", textOrNull(machine.doubled));
     json.member("rejoins", machine.rejoins).member("rejoinedGroups", machine.rejoinedGroups);
     json.member("lastRejoin", machine.lastRejoin);
-    json.member("drops", machine.drops).member("dropsLastMinute", machine.dropsLastMinute);
+    json.member("drops", ifKnown(machine.drops)).member("dropsLastMinute", ifKnown(machine.dropsLastMinute));
     json.name("backlog");
     if (machine.softnet) {
         json.open('{').member("processed", machine.softnet->processed);

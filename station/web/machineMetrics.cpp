@@ -2,6 +2,7 @@
 #include "web/machineMetrics.h"
 
 #include <array>
+#include <optional>
 
 namespace station {
 
@@ -37,19 +38,26 @@ constexpr auto kCardMetrics = std::to_array<CardMetric>({
      [](const NetworkInterface& card) { return static_cast<double>(card.received.fifo); }},
 });
 
+// Nothing: not known, and left out.
 struct MachineMetric {
     MetricFamily family;
-    double (*value)(const MachineState&);
+    std::optional<double> (*value)(const MachineState&);
 };
 constexpr auto kMachineMetrics = std::to_array<MachineMetric>({
     {{"kestor_machine_dropped_packets_total", kCounter,
       "Packets that this machine dropped since the station was started, as machine_drops counts them."},
-     [](const MachineState& machine) { return static_cast<double>(machine.drops); }},
+     [](const MachineState& machine) {
+         return machine.known ? std::optional(static_cast<double>(machine.drops)) : std::nullopt;
+     }},
     {{"kestor_groups_not_joined", kGauge,
       "Groups without signal that are not joined on the interface that the probe captures."},
-     [](const MachineState& machine) { return static_cast<double>(machine.notJoined); }},
+     [](const MachineState& machine) {
+         return machine.known ? std::optional(static_cast<double>(machine.notJoined)) : std::nullopt;
+     }},
     {{"kestor_group_rejoins_total", kCounter, "Groups that the probe was told to join again."},
-     [](const MachineState& machine) { return static_cast<double>(machine.rejoinedGroups); }},
+     [](const MachineState& machine) -> std::optional<double> {
+         return static_cast<double>(machine.rejoinedGroups);
+     }},
 });
 
 struct BacklogMetric {
@@ -90,8 +98,10 @@ void writeMachine(Exposition& out, const MachineState& machine) {
         }
     }
     for (const MachineMetric& metric : kMachineMetrics) {
-        out.family(metric.family);
-        out.sample(metric.value(machine));
+        if (const std::optional<double> value = metric.value(machine)) {
+            out.family(metric.family);
+            out.sample(*value);
+        }
     }
 }
 

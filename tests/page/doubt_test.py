@@ -48,8 +48,8 @@ class DoubtTest(unittest.TestCase):
         cls.addClassCleanup(cls.between.close)
         cls.browser = Browser()
         cls.addClassCleanup(cls.browser.close)
-        wait_for("the one that is not there", 20, lambda: [
-            alarm["group"] for alarm in cls.station.get("alarms")] == ["239.1.1.2"])
+        wait_for("the one that is not there", 20, lambda: "239.1.1.2" in [
+            alarm["group"] for alarm in cls.station.get("alarms")])
 
     def setUp(self):
         self.between.mend()
@@ -101,6 +101,10 @@ class DoubtTest(unittest.TestCase):
         self.assertIn("event stream does not come", self.shown("#banner"))
         wait_for("what changes need", 10, lambda: self.shown("#token") == "Unlock")
         self.assertEqual(self.browser.run("return document.documentElement.dataset.stale"), "")
+        texts = {alarm["text"] for alarm in self.station.get("alarms")}
+        self.assertNotIn("", texts)
+        self.assertLessEqual(texts, set(self.browser.texts(f"{ALARMS} td.text-cell > bdi")))
+        self.browser.image("doubt-alarms")
         self.open()
         wait_for("the tile by an answer", 10, lambda: "Mbit/s" in self.shown("main"))
         self.assertIn("critical alarm", self.browser.text("main .is-critical"))
@@ -167,6 +171,42 @@ class DoubtTest(unittest.TestCase):
         self.assertRegex(last()["2.1 Transport_error"], r"^before (\d{4}-\d\d-\d\d )?\d\d:\d\d:\d\d$")
         self.assertEqual(last()["2.2 CRC_error"], "never")
         self.assertRegex(self.shown(".lamps + .note"), r"since .*\d\d:\d\d:\d\d")
+
+    def test_what_is_known_of_this_machine(self):
+        told = {}
+
+        def of_machine(answer):
+            status = json.loads(answer)
+            status["machine"].update(told)
+            return json.dumps(status).encode()
+
+        facts = lambda: dict(zip(self.browser.texts("main .facts dt"), self.browser.texts("main .facts dd")))
+        machine = self.station.get("status")["machine"]
+        self.assertTrue(machine["known"], machine)
+        self.between.spoil("/api/v1/status", of_machine)
+        received = dict(machine["interface"]["received"], dropped=5, missed=312, fifo=7)
+        told.update(drops=312, dropsLastMinute=31, backlog={"processed": 9, "dropped": 2, "timeSqueeze": 3},
+                    interface=dict(machine["interface"], bitsPerSecond=10**9, received=received))
+        self.open("#probe")
+        wait_for("the card", 10, lambda: facts().get("Interface") == "eth0")
+        self.assertEqual(facts()["Link"], "up, 1.00 Gbit/s")
+        for term, value in {"Dropped here in the last minute": "31", "Dropped here since the start": "312",
+                            "rx_dropped": "5", "rx_missed_errors": "312", "rx_fifo_errors": "7",
+                            "Backlog: dropped, all interfaces": "2"}.items():
+            self.assertEqual(facts()[term], value, term)
+        self.browser.image("doubt-machine")
+        told.update(linkProblem="eth0 has no carrier: <b>look</b>", joinProblem="239.1.1.2 is not joined on eth0")
+        wait_for("what is wrong with it", 15, lambda: facts()["Link"] == told["linkProblem"])
+        self.assertEqual(facts()["Joins"], told["joinProblem"])
+        # Nothing that is not known is shown as a number, nor as being well.
+        told.clear()
+        told.update(known=False, problem="this machine cannot be looked at", interface=None, backlog=None, drops=None,
+                    dropsLastMinute=None, notJoined=None, linkProblem=None, joinProblem=None, doubled=None)
+        wait_for("why nothing is known", 15, lambda: facts()["Link"] == f"not known: {told['problem']}")
+        for term in ("Interface", "Joins", "Carrier changes", "Packets received", "Dropped here in the last minute",
+                     "Dropped here since the start", "rx_dropped", "rx_missed_errors", "rx_fifo_errors",
+                     "Backlog: dropped, all interfaces"):
+            self.assertEqual(facts()[term], "–", term)
 
     def test_a_removed_channel_is_not_well(self):
         self.station.change("PUT", "channels/239.1.1.1", {"name": "Soon gone"})

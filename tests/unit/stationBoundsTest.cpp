@@ -2,10 +2,13 @@
 // counted.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <future>
+#include <memory>
 
 #include "common/boundedQueue.h"
+#include "store/delivery.h"
 #include "store/eventStore.h"
 #include "store/receiver.h"
 #include "support/scratch.h"
@@ -34,42 +37,81 @@ TEST(StationBounds, AQueueBetweenThreadsTakesItsBoundAndNothingOnceClosed) {
     EXPECT_EQ(queue.popUntil(SteadyTime::max()), std::nullopt) << "and nobody waits for more";
 }
 
-TEST(StationBounds, EventsThatWaitForTheDiskLoseTheOldest) {
+TEST(StationBounds, EventsThatWaitForTheDiskLoseTheOldestAndNoWindow) {
     const ScratchDirectory directory;
     std::filesystem::create_directory(directory.path() / "events.db");  // cannot be opened
-    EventStore store(directory.path(), {90, 1'000'000}, [] {
-        return Now{std::chrono::steady_clock::now(), kTime};
-    });
+    const auto open = [&directory] {
+        return std::make_unique<EventStore>(directory.path(), EventStore::Limits{90, 1'000'000}, [] {
+            return Now{std::chrono::steady_clock::now(), kTime};
+        });
+    };
+    std::unique_ptr<EventStore> store = open();
     constexpr auto kBound = static_cast<int64_t>(EventStore::kStoreQueue);
-    const int64_t first = store.initial().lastId + 1;
-    for (int64_t id = first; id < first + kBound + 5; ++id) {
+    const int64_t first = store->initial().lastId + 1;
+    const Maintenance window{first, kTime, kTime + 1h, {}, "works", "ann"};
+    store->putMaintenance(window);  // takes one of the places
+    for (int64_t id = first; id < first + kBound + 4; ++id) {
         Event one;
         one.id = id;
         one.time = kTime;
         one.kind = EventKind::kChannelChanged;
-        store.record(std::move(one));
+        store->record(std::move(one));
     }
-    EXPECT_TRUE(eventually([&] { return store.statistics().dropped == 5; }));
+    EXPECT_TRUE(eventually([&] { return store->statistics().dropped == 5; }));
     std::filesystem::remove(directory.path() / "events.db");
-    EXPECT_TRUE(eventually([&] { return store.statistics().written == EventStore::kStoreQueue; }));
-    EXPECT_EQ(store.statistics().dropped, 5U);
+    EXPECT_TRUE(eventually([&] { return store->statistics().written == EventStore::kStoreQueue - 1; }));
+    EXPECT_EQ(store->statistics().dropped, 5U);
     for (const auto& [before, id] :
-         {std::pair(first + 6, first + 5), {first + kBound + 9, first + kBound + 4}}) {
+         {std::pair(first + 6, first + 5), {first + kBound + 9, first + kBound + 3}}) {
         std::promise<int64_t> found;
-        ASSERT_TRUE(
-            store.query({.before = before, .limit = 1}, [&](std::vector<Event>&& events, const std::string&) {
-                found.set_value(events.empty() ? 0 : events[0].id);
-            }));
+        ASSERT_TRUE(store->query({.before = before, .limit = 1},
+                                 [&](std::vector<Event>&& events, const std::string&) {
+                                     found.set_value(events.empty() ? 0 : events[0].id);
+                                 }));
         EXPECT_EQ(found.get_future().get(), id) << "the oldest went, the newest is there";
     }
+    store.reset();
+    EXPECT_THAT(open()->initial().maintenance, ElementsAre(window)) << "nobody would set it again";
 }
 
-TEST(StationBounds, NotificationsThatFoundNoRoomAreCounted) {
-    Receiver receiver(Webhook{}, DeliveryPace{});
-    receiver.lost(0);
-    EXPECT_EQ(receiver.statistics().dropped, 0U);
-    receiver.lost(7);
-    EXPECT_EQ(receiver.statistics().dropped, 7U);
+// While the disk is waited for nothing is taken up, so that they come faster than they go.
+TEST(StationBounds, NotificationsThatFoundNoRoomAreCountedAndWhatIsRaisedIsAskedFor) {
+    const ScratchDirectory directory;
+    sqlite3* holder = nullptr;
+    ASSERT_EQ(sqlite3_open((directory.path() / "delivery.db").c_str(), &holder), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    constexpr std::size_t kMany = 3 * Delivery::kNotifyQueue;
+    DeliveryPace pace;
+    pace.owed = pace.accounts = 2 * kMany;
+    const auto flood = [](Delivery& delivery) {
+        Notification one;
+        one.severity = Severity::kCritical;
+        for (std::size_t number = 0; number < kMany; ++number) {
+            ++one.alarmId;
+            delivery.notify(one);
+        }
+    };
+    {
+        Delivery delivery(directory.path(), "p", pace);
+        Webhook webhook;
+        webhook.url = "http://127.0.0.1:1";  // takes nothing
+        delivery.configure({webhook});
+        flood(delivery);
+        const auto counted = [&delivery] {
+            const auto all = delivery.statistics();
+            return all.empty() ? Delivery::ReceiverStatistics{} : all[0];
+        };
+        EXPECT_TRUE(eventually([&] { return counted().owed + counted().dropped == kMany; }))
+            << counted().owed << " owed, " << counted().dropped << " dropped";
+        EXPECT_GT(counted().dropped, 0U);
+    }
+    {
+        Delivery delivery(directory.path(), "p", pace);  // without a receiver that would ask by itself
+        EXPECT_FALSE(delivery.wantsActive());
+        flood(delivery);
+        EXPECT_TRUE(eventually([&] { return delivery.wantsActive(); }));
+    }
+    sqlite3_close(holder);
 }
 
 TEST(StationBounds, AReceiverKeepsAccountOfNoMoreAlarmsThanItMay) {

@@ -174,7 +174,8 @@ TEST(MachineWatch, TellsALinkThatIsDownGoneOrFlaps) {
     bench.card->carrier = false;
     bench.second();
     EXPECT_EQ(bench.found.linkDown, true);
-    EXPECT_THAT(bench.remark("no_signal"), HasSubstr("eth0 has no carrier"));
+    EXPECT_EQ(bench.remark("no_signal"), "eth0 has no carrier") << "what to do is told once, by link_down";
+    EXPECT_THAT(bench.text("link_down"), HasSubstr("eth0 has no carrier: is the cable plugged in"));
     bench.card->received.packets += 10;
     bench.second();
     EXPECT_EQ(bench.found.linkDown, false) << "a driver that does not tell";
@@ -250,4 +251,39 @@ TEST(MachineWatch, CountsWhatThisMachineDropsAndSaysSoWithLosses) {
     bench.second(60);
     EXPECT_EQ(bench.watch.state().dropsLastMinute, 0U);
     EXPECT_EQ(bench.watch.state().drops, 312U);
+}
+
+// Neither a look that failed nor one that does not end leaves what was seen before as if it were of now.
+TEST(MachineWatch, SaysWhyNothingIsKnownAndNothingOld) {
+    for (const bool hangs : {false, true}) {
+        SCOPED_TRACE(hangs ? "the kernel does not answer" : "it refuses");
+        Bench bench;
+        bench.astray = {astray(1, "enp3s0", "enp3s0")};
+        bench.card->received.missed = 1;
+        bench.second();
+        bench.card->received.missed = 50;
+        bench.card->carrier = false;
+        bench.second();
+        const MachineState before = bench.watch.state();
+        ASSERT_TRUE(before.known && before.interface && before.softnet && before.notJoined == 1U);
+        ASSERT_TRUE(before.problem.empty() && !before.worst().empty() && before.drops == 49);
+
+        bench.now += hangs ? MachineWatch::kReadingHolds + 1s : 1s;
+        if (!hangs) {
+            bench.watch.take({.time = {bench.now, {}}, .problem = "Permission denied"});
+        }
+        bench.found = bench.watch.judge(bench.probe, bench.now);
+        EXPECT_EQ(bench.found.notJoined, std::nullopt);
+        EXPECT_EQ(bench.found.linkDown, std::nullopt);
+        const MachineState state = bench.watch.state();
+        EXPECT_FALSE(state.known || state.interface || state.softnet || state.captured);
+        EXPECT_EQ(state.worst() + state.doubled, "");
+        EXPECT_EQ(state.drops + state.dropsLastMinute + state.notJoined, 0U);
+        EXPECT_THAT(state.problem, HasSubstr(hangs ? "waiting for more than 10 s" : "(Permission denied)"));
+
+        bench.second();
+        EXPECT_TRUE(bench.watch.state().known);
+        EXPECT_EQ(bench.watch.state().problem, "");
+        EXPECT_EQ(bench.watch.state().drops, 49U) << "what was counted is not lost";
+    }
 }

@@ -262,6 +262,19 @@ TEST(StationMetrics, LeaveOutWhatIsNotKnown) {
 }
 
 // An alarm is 0 before it is raised and when it is over, and has the same labels all the time.
+TEST(StationMetrics, TellNothingOfAMachineThatCannotBeLookedAt) {
+    Station station(records());
+    station.state.machine.rejoinedGroups = 3;
+    const auto ofMachine = testing::AnyOf(HasSubstr("kestor_interface"), HasSubstr("kestor_machine"),
+                                          HasSubstr("kestor_groups_not_joined"));
+    EXPECT_THAT(metricsOf(station),
+                AllOf(Not(Contains(Key(ofMachine))), Contains(Pair("kestor_group_rejoins_total", "3"))));
+    station.state.machine.known = true;
+    station.state.machine.drops = 5;
+    EXPECT_THAT(metricsOf(station), AllOf(Contains(Pair("kestor_machine_dropped_packets_total", "5")),
+                                          Contains(Pair("kestor_groups_not_joined", "0"))));
+}
+
 TEST(StationMetrics, TellOfConfiguredAlarmsBeforeTheyAreRaised) {
     const auto alarm = [](const char* rest) { return std::string("kestor_alarm_active{") + rest + "}"; };
     const std::string continuity = R"(group="239.1.1.1",alarm="continuity",severity="warning")";

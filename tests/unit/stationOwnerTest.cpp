@@ -2,10 +2,13 @@
 // main thread does on signals.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <fstream>
@@ -28,6 +31,7 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 constexpr int64_t kId = 7;
+constexpr int64_t kWindow = 6;
 
 class SignalMask {  // FileKeeper blocks signals for the thread that makes it
   public:
@@ -76,7 +80,12 @@ struct Site {
         raised.alarm = "no_signal";
         raised.severity = Severity::kCritical;
         raised.group = group;
-        EventStore(state, {90, 1'000'000}, systemNow).record(raised);
+        {
+            EventStore store(state, {90, 1'000'000}, systemNow);
+            store.record(raised);
+            store.putMaintenance(
+                {kWindow, raised.time, raised.time + 1h, Group::parse("239.1.1.2"), "works", ""});
+        }
         Delivery delivery(state, configuration->instance);
         delivery.configure(configuration->webhooks);
         Notification told;
@@ -100,7 +109,27 @@ struct Site {
     }
 };
 
-TEST(Station, AlarmsOutliveFilesThatCanBeReadLater) {
+// The station's answer to a GET over its socket.
+nlohmann::json asked(const fs::path& path, const std::string& target) {
+    const int connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    path.string().copy(address.sun_path, sizeof address.sun_path - 1);
+    std::string answer;
+    if (connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+        const std::string request = "GET " + target + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n";
+        send(connection, request.data(), request.size(), MSG_NOSIGNAL);
+        std::array<char, 65536> bytes{};
+        for (ssize_t count = 0; (count = recv(connection, bytes.data(), bytes.size(), 0)) > 0;) {
+            answer.append(bytes.data(), static_cast<std::size_t>(count));
+        }
+    }
+    close(connection);
+    const std::size_t body = answer.find("\r\n\r\n");
+    return body == std::string::npos ? nlohmann::json()
+                                     : nlohmann::json::parse(answer.substr(body), nullptr, false);
+}
+
+TEST(Station, AlarmsAndWindowsOutliveFilesThatCanBeReadLater) {
     for (const bool eventsToo : {false, true}) {
         SCOPED_TRACE(eventsToo ? "channels.json and events.db" : "channels.json");
         Site site;
@@ -123,12 +152,68 @@ TEST(Station, AlarmsOutliveFilesThatCanBeReadLater) {
             fs::rename(site.state / "elsewhere", site.state / "events.db");
             std::this_thread::sleep_for(3s);  // read within a second, taken up within another
         }
+        const auto windows = asked(site.configuration->socket, "/api/v1/maintenance");
+        ASSERT_EQ(windows.size(), 1U) << windows;
+        EXPECT_EQ(windows[0]["id"], kWindow);
         mailbox.send(LoadedRuntime{site.channels(), {}});
         std::this_thread::sleep_for(1500ms);
         EXPECT_EQ(site.count("cleared", "no_signal"), 0);
         mailbox.send(LoadedRuntime{RuntimeChannels{}, {}});
         EXPECT_TRUE(eventually([&] { return site.count("cleared", "no_signal") == 1; })) << "it was raised";
     }
+}
+
+TEST(Station, TellsAWebhookThatAReloadAddsWhatIsRaised) {
+    Site site;
+    site.raiseBefore();
+    const WebhookServer added;
+    const SignalMask mask;
+    Mailbox mailbox;
+    FileKeeper keeper({"", [](Configuration&) {}, readTextFile}, mailbox);
+    LoadedFiles files;
+    files.configuration = site.configuration;
+    const Station station(std::move(files), {site.channels(), {}}, keeper, mailbox);
+    ASSERT_TRUE(eventually([&] { return site.count("raised", "probe_silent") == 1; }));
+    LoadedFiles read;
+    const auto configuration = std::make_shared<Configuration>(*site.configuration);
+    configuration->webhooks.emplace_back().url = added.url();
+    read.configuration = configuration;
+    mailbox.send(std::move(read));
+    EXPECT_TRUE(eventually([&] {
+        const auto bodies = added.taken();
+        return std::ranges::any_of(bodies, [](const std::string& body) {
+            return body.find("\"alarmId\":" + std::to_string(kId) + ",") != std::string::npos;
+        });
+    }));
+    EXPECT_EQ(site.count("raised", "no_signal"), 1) << "whoever knows it is told nothing";
+}
+
+TEST(Station, NotesWhatNeedsARestartAsLongAsItDoes) {
+    const Site site;
+    const SignalMask mask;
+    Mailbox mailbox;
+    FileKeeper keeper({"", [](Configuration&) {}, readTextFile}, mailbox);
+    const auto files = [&](const char* listen) {
+        LoadedFiles read;
+        const auto configuration = std::make_shared<Configuration>(*site.configuration);
+        configuration->listen = listen;
+        read.configuration = configuration;
+        return read;
+    };
+    const Station station(files(""), {RuntimeChannels{}, {}}, keeper, mailbox);
+    const auto notes = [&] {
+        const auto status = asked(site.configuration->socket, "/api/v1/status");
+        return status.is_object() ? status["notes"].dump() : "no answer";
+    };
+    EXPECT_EQ(notes(), "[]");
+    const char* const kNote = "listen was changed to";
+    mailbox.send(files("127.0.0.1:1"));
+    EXPECT_TRUE(eventually([&] { return notes().find(kNote) != std::string::npos; })) << notes();
+    mailbox.send(files("127.0.0.1:1"));
+    std::this_thread::sleep_for(1500ms);
+    EXPECT_NE(notes().find(kNote), std::string::npos) << "a reload that changes nothing mends nothing";
+    mailbox.send(files(""));
+    EXPECT_TRUE(eventually([&] { return notes() == "[]"; })) << notes();
 }
 
 TEST(ServiceUser, IsToldApartFromRootByWhatItCannotRead) {
@@ -223,6 +308,34 @@ TEST(FileKeeper, ReadsAllFilesOnSighupAndEndsOnSigterm) {
     kill(getpid(), SIGTERM);
     EXPECT_TRUE(eventually([&] { return kept.over.load(); }));
     EXPECT_TRUE(kept.keeper->end());
+}
+
+TEST(FileKeeper, EndsOnSigtermWhileTheFirstReadingHangs) {
+    const ScratchDirectory directory;
+    const SignalMask mask;
+    Mailbox mailbox;
+    std::mutex hanging;
+    std::unique_lock hang(hanging);
+    std::ofstream(directory.path() / "station.toml") << "[[playlist]]\nfile = \"a.m3u\"\n";
+    FileKeeper keeper({directory.path() / "station.toml", [](Configuration&) {},
+                       [&](const fs::path& file, std::size_t limit, auto& problem) {
+                           const std::lock_guard lock(hanging);
+                           return readTextFile(file, limit, problem);
+                       }},
+                      mailbox);
+    std::optional<LoadedFiles> files;
+    std::atomic<bool> over{false};
+    std::thread loading([&] {
+        files = keeper.load();
+        over = true;
+    });
+    std::this_thread::sleep_for(200ms);
+    EXPECT_FALSE(over) << "the disk hangs";
+    kill(getpid(), SIGTERM);
+    EXPECT_TRUE(eventually([&] { return over.load(); }, 10s));
+    hang.unlock();
+    loading.join();
+    EXPECT_FALSE(files) << "nothing is started any more";
 }
 
 TEST(FileKeeper, LetsNoMoreWaitForAReadingThanItMay) {

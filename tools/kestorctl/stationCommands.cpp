@@ -57,7 +57,7 @@ void showMachine(const Json& machine) {
                captured ? "" : ", not captured", hasSpeed ? (", " + speedText(card)).c_str() : "",
                number(machine, "drops").c_str(), number(machine, "dropsLastMinute").c_str());
     }
-    for (const char* problem : {"linkProblem", "joinProblem", "doubled"}) {
+    for (const char* problem : {"problem", "linkProblem", "joinProblem", "doubled"}) {
         if (const std::string said = text(machine, problem); said != "-") {
             printf("          %s\n", said.c_str());
         }
