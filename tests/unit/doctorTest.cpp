@@ -16,7 +16,9 @@ namespace {
 using station::Ipv4Address;
 using station::Memberships;
 using station::NetworkInterface;
+using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 
 constexpr Ipv4Address kA = 0xEF010101;  // 239.1.1.1
 constexpr Ipv4Address kB = 0xEF010102;
@@ -237,7 +239,7 @@ TEST(Doctor, JudgesTheInterfaceAndTheWayToIt) {
     };
     EXPECT_THAT(interface({card("eth0", 2)}, {2}), HasSubstr("the probe captures there"));
     EXPECT_THAT(interface({card("eth0", 2)}, {3}),
-                HasSubstr("FAIL  interface    kestor runs, but nobody captures"));
+                HasSubstr("FAIL  interface    kestor runs, but does not capture"));
     EXPECT_THAT(interface({card("eth0", 2, false)}, {}), HasSubstr("ip link set eth0 up"));
     EXPECT_THAT(interface({card("eth0", 2, true, false)}, {2}), HasSubstr("no link"));
     EXPECT_THAT(interface({card("eno1", 2), card("enp3s0", 3)}, {}),
@@ -248,15 +250,15 @@ TEST(Doctor, JudgesTheInterfaceAndTheWayToIt) {
 
     const std::vector<NetworkInterface> two = {card("eth0", 2), card("eno1", 3)};
     const std::vector<Ipv4Address> groups = {kA, kB};
+    StationLook look = wellStation();
     const auto route = [&](int first, int second) {
         const std::vector<station::GroupRoute> routes = {{.interface = first}, {.interface = second}};
-        return report({checkRoutes(two, two.data(), groups, routes)});
+        return report({checkRoutes(two, two.data(), groups, routes, look)});
     };
     EXPECT_THAT(route(2, 2), HasSubstr("all is well"));
     EXPECT_THAT(route(2, 3), HasSubstr("1 of 2 groups would be joined on eno1, not on eth0 (239.1.1.2)"));
     EXPECT_THAT(route(3, 0), HasSubstr("1 of 2 groups cannot be joined, there is no route (239.1.1.2)"));
 
-    StationLook look = wellStation();
     const auto members = [&](const Memberships& memberships) {
         return report({checkMemberships(two, two.data(), memberships, look)});
     };
@@ -267,6 +269,7 @@ TEST(Doctor, JudgesTheInterfaceAndTheWayToIt) {
     EXPECT_THAT(members({}), HasSubstr("--    memberships"));
     look.passive = true;
     EXPECT_THAT(members(wrong), HasSubstr("all is well"));
+    EXPECT_THAT(route(3, 0), HasSubstr("all is well"));
 }
 
 TEST(Doctor, BreaksLinesWithoutBreakingCommands) {
@@ -287,6 +290,13 @@ TEST(Doctor, JudgesWhoAsksAndWhereEventsGo) {
     EXPECT_THAT(checkUser(root.path(), {1000, "alice", {1000}}).advice, HasSubstr("log in anew"));
     EXPECT_THAT(checkUser(root.path(), {1001, "mallory", {1001}}).advice,
                 HasSubstr("usermod -aG kestor mallory"));
+
+    root.write("proc/40/comm", "kestor-meter\n");
+    fs::create_directories(root.path() / "proc/40/fd");
+    fs::create_symlink("socket:[83211]", root.path() / "proc/40/fd/5");
+    fs::create_symlink("anon_inode:[eventpoll]", root.path() / "proc/40/fd/6");
+    EXPECT_THAT(readSockets(root.path(), readProcesses(root.path()), "kestor-meter"), ElementsAre(83211));
+    EXPECT_THAT(readSockets(root.path(), readProcesses(root.path()), "kestor"), IsEmpty());
 
     const auto stateOf = [&](const std::string& arguments) {
         root.write("proc/21/cmdline", arguments);

@@ -67,7 +67,7 @@ Findings checkInterface(std::span<const station::NetworkInterface> interfaces, c
 // they would be joined is told.
 Finding checkRoutes(std::span<const station::NetworkInterface> interfaces,
                     const station::NetworkInterface* capture, std::span<const station::Ipv4Address> groups,
-                    std::span<const station::GroupRoute> routes);
+                    std::span<const station::GroupRoute> routes, const StationLook& station);
 Finding checkMemberships(std::span<const station::NetworkInterface> interfaces,
                          const station::NetworkInterface* capture, const station::Memberships& memberships,
                          const StationLook& station);

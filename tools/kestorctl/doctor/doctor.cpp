@@ -111,12 +111,13 @@ void append(Findings& all, Findings more) {
 void checkNetwork(const Processes& processes, const StationLook& station, Findings& findings) {
     try {
         const auto interfaces = station::readInterfaces();
-        const std::set<int> captured = station::readCaptured();
+        const std::set<int> captured =
+            station::readCaptured("/proc", readSockets(kRoot, processes, "kestor-meter"));
         const station::NetworkInterface* capture = findCaptureInterface(interfaces, captured);
         append(findings, checkInterface(interfaces, captured, processes));
         const std::vector<station::Ipv4Address> groups =
             station.groups.empty() ? std::vector{kSomeGroup} : station.groups;
-        findings.push_back(checkRoutes(interfaces, capture, groups, station::readRoutes(groups)));
+        findings.push_back(checkRoutes(interfaces, capture, groups, station::readRoutes(groups), station));
         findings.push_back(checkMemberships(interfaces, capture, station::readMemberships(), station));
     } catch (const std::system_error& error) {
         findings.push_back(

@@ -122,6 +122,25 @@ Processes readProcesses(const fs::path& root) {
     return processes;
 }
 
+std::set<uint64_t> readSockets(const fs::path& root, const Processes& processes, std::string_view name) {
+    std::set<uint64_t> inodes;
+    for (const Process& process : processes.named(name)) {
+        std::error_code error;
+        for (fs::directory_iterator entry(root / "proc" / std::to_string(process.pid) / "fd", error), end;
+             !error && entry != end; entry.increment(error)) {
+            std::error_code closed;
+            const std::string target = fs::read_symlink(entry->path(), closed).string();
+            constexpr std::string_view kSocket = "socket:[";
+            if (target.starts_with(kSocket)) {
+                inodes.insert(
+                    number<uint64_t>(target.substr(kSocket.size(), target.size() - kSocket.size() - 1))
+                        .value_or(0));
+            }
+        }
+    }
+    return inodes;
+}
+
 PortUse readPort(const fs::path& root, uint16_t port) {
     PortUse use;
     lookAtConnections(root / "proc/self/net/tcp6", port, use);

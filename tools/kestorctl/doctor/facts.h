@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,6 +37,8 @@ struct Processes {
     }
 };
 Processes readProcesses(const fs::path& root);
+// Inodes of the sockets of processes with a name; none of those that somebody else runs, unless root asks.
+std::set<uint64_t> readSockets(const fs::path& root, const Processes& processes, std::string_view name);
 
 // Who listens on a TCP port of this machine, and whether somebody was connected to it within a minute.
 struct PortUse {

@@ -59,7 +59,7 @@ Findings checkInterface(std::span<const NetworkInterface> interfaces, const std:
                                    "look at the cable and at the switch's port"));
     } else if (processes.run("kestor") && !captured.contains(capture.index)) {
         findings.push_back(failure("interface",
-                                   "kestor runs, but nobody captures on " + capture.name +
+                                   "kestor runs, but does not capture on " + capture.name +
                                        ": the interface was missing or down when the probe looked for one",
                                    "systemctl restart kestor"));
     } else {
@@ -85,9 +85,13 @@ Findings checkInterface(std::span<const NetworkInterface> interfaces, const std:
 }
 
 Finding checkRoutes(std::span<const NetworkInterface> interfaces, const NetworkInterface* capture,
-                    std::span<const Ipv4Address> groups, std::span<const GroupRoute> routes) {
+                    std::span<const Ipv4Address> groups, std::span<const GroupRoute> routes,
+                    const StationLook& station) {
     if (capture == nullptr) {
         return unseen("route", "without an interface for the probe there is none to judge");
+    }
+    if (station.answers() && station.passive) {
+        return ok("route", "joins are passive: no route is needed");
     }
     std::vector<Ipv4Address> without;
     std::vector<Ipv4Address> elsewhere;
