@@ -68,10 +68,13 @@ std::vector<Membership> Joins::apply(int interface, const std::vector<Membership
     failures_ = 0;
     problem_.clear();
     for (const Membership& membership : sorted) {
-        if (interface_ == 0 || joined_.contains(membership)) {
+        if (joined_.contains(membership)) {
             continue;
         }
-        if (join(membership)) {
+        if (interface_ == 0) {
+            problem_ = "there is no such interface";
+            ++failures_;
+        } else if (join(membership)) {
             joined.push_back(membership);
         } else {
             ++failures_;

@@ -24,8 +24,8 @@ class Joins {
     Joins(const Joins&) = delete;
 
     // Leaves what is not wanted, joins what is not joined; what could not be joined is tried again with each
-    // call. Another interface (its index; 0: there is none now) begins anew. Returns what was joined by this
-    // call.
+    // call. Another interface (its index; 0: there is none now, and all fail) begins anew. Returns what was
+    // joined by this call.
     std::vector<Membership> apply(int interface, const std::vector<Membership>& wanted);
 
     std::size_t joined() const {

@@ -87,6 +87,9 @@ class Daemon {
             link_.serve(kServeMs);
             if (now() >= nextJoins_) {
                 join();
+            }
+            if (now() >= nextTelling_) {
+                nextTelling_ = now() + kTellingInterval;
                 tellService();
             }
         }
@@ -94,6 +97,7 @@ class Daemon {
 
   private:
     static constexpr int64_t kJoinsInterval = 1'000'000'000;
+    static constexpr int64_t kTellingInterval = 1'000'000'000;
 
     void watch(const metering::Groups& groups) {
         const auto list = std::make_shared<const meterd::WatchList>(meterd::watchListOf(groups));
@@ -146,6 +150,7 @@ class Daemon {
     std::vector<meterd::Membership> wanted_;
     meterd::Joins joins_;
     int64_t nextJoins_ = 0;
+    int64_t nextTelling_ = 0;  // to the service's watchdog; joins may come at any time
     meterd::StationLink link_;
     std::vector<std::jthread> threads_;  // last: they use what is above
 };

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <set>
 
+#include "reportLimit.h"
 #include "reportMessages.h"
 
 namespace meterd {
@@ -114,7 +115,8 @@ void Shard::describeAnew() {
     }
 }
 
-void Shard::report(std::size_t limit, metering::Second& second) {
+std::size_t Shard::report(std::size_t limit, metering::Second& second) {
+    std::size_t bytes = 0;
     auto channel = channels_.lower_bound(nextReport_);
     for (; channel != channels_.end() && limit > 0; ++channel, --limit) {
         Channel& from = channel->second;
@@ -127,6 +129,7 @@ void Shard::report(std::size_t limit, metering::Second& second) {
         }
         metering::writeLevels(report, message);
         metering::writeDescription(report, *message.mutable_description());
+        bytes += metering::fitReport(message);
         const std::size_t described =
             std::max<std::size_t>(1, std::hash<std::string>()(message.description().SerializeAsString()));
         if (described == from.described) {
@@ -137,6 +140,7 @@ void Shard::report(std::size_t limit, metering::Second& second) {
     second.set_revision(revision_);
     second.set_last(channel == channels_.end());
     nextReport_ = channel == channels_.end() ? 0 : channel->first;
+    return bytes;
 }
 
 std::vector<metering::Happened> Shard::takeEvents() {

@@ -49,8 +49,8 @@ class Shard {
     void describeAnew();
 
     // The next reports of the second, at most `limit` groups, until all were there: `last` says so. Begins
-    // anew with the first group then.
-    void report(std::size_t limit, metering::Second& second);
+    // anew with the first group then. Returns about how many bytes they add to the message.
+    std::size_t report(std::size_t limit, metering::Second& second);
     // What happened since the last call.
     std::vector<metering::Happened> takeEvents();
 

@@ -8,8 +8,6 @@
 #include <stdexcept>
 #include <thread>
 
-#include "framing.h"
-
 namespace meterd {
 
 namespace {
@@ -38,7 +36,10 @@ Worker::Worker(Share share, CaptureMaker maker, Outbox& outbox)
       maker_(std::move(maker)),
       outbox_(outbox),
       shard_(share),
-      sink_([this](const meter::Datagram& datagram) { shard_.feed(datagram); }),
+      sink_([this](const meter::Datagram& datagram) {
+          newest_ = std::max(newest_, datagram.arrival);
+          shard_.feed(datagram);
+      }),
       lastTurn_(now()) {}
 
 void Worker::watch(std::shared_ptr<const WatchList> list) {
@@ -89,24 +90,36 @@ void Worker::run(const std::stop_token& stop) {
         const int64_t begin = now();
         lastTurn_ = begin;
         capture(begin);
-        // While frames wait in the ring the time of arrivals is theirs.
-        const int64_t told = begin - kLag;
-        if (begin >= nextTick_ && empty_) {
+        if (begin >= nextTick_) {
             nextTick_ = begin + kTick;
-            shard_.tick(told);
-            if (outbox_.isOpen()) {
-                for (metering::Happened& happened : shard_.takeEvents()) {
-                    metering::FromMeter message;
-                    *message.mutable_happened() = std::move(happened);
-                    outbox_.pushEvent(metering::framed(message));
-                }
-            }
+            tick(begin - kLag);
+            takeEvents();
         }
         if (reporting_) {
             continueReport();
-        } else if (told >= secondEnd_) {
+        } else if (begin - kLag >= secondEnd_) {
             finishSecond();
         }
+    }
+}
+
+// While frames wait in the ring the time of arrivals is theirs: those that were read came in their order.
+void Worker::tick(int64_t told) {
+    const int64_t until = caughtUp_ ? told : std::min(told, newest_);
+    if (until > ticked_) {
+        ticked_ = until;
+        shard_.tick(until);
+    }
+}
+
+void Worker::takeEvents() {
+    if (!outbox_.isOpen()) {
+        return;
+    }
+    for (metering::Happened& happened : shard_.takeEvents()) {
+        metering::FromMeter message;
+        *message.mutable_happened() = std::move(happened);
+        outbox_.pushEvent(metering::framed(message));
     }
 }
 
@@ -118,7 +131,7 @@ void Worker::capture(int64_t when) {
         openCapture(when);
     }
     if (!capture_) {
-        empty_ = true;
+        caughtUp_ = true;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         return;
     }
@@ -150,7 +163,7 @@ void Worker::openCapture(int64_t when) {
 
 void Worker::waitAndRead(int64_t when) {
     if (capture_->ended()) {
-        empty_ = true;
+        caughtUp_ = true;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         return;
     }
@@ -160,8 +173,9 @@ void Worker::waitAndRead(int64_t when) {
         pollfd poll{descriptor, POLLIN, 0};
         ::poll(&poll, 1, static_cast<int>(wait / kMs) + 1);
     }
-    empty_ = capture_->read(kBatch, sink_) == 0;
-    if (descriptor < 0 && empty_) {
+    const std::size_t frames = capture_->read(kBatch, sink_);
+    caughtUp_ = frames < kBatch;
+    if (descriptor < 0 && frames == 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));  // until the next is due
     }
 }
@@ -209,17 +223,19 @@ void Worker::finishSecond() {
         capture.set_join_problem(joined_.problem);
     }
     partNumber_ = 0;
+    partBytes_ = 0;
     parts_.clear();
     reporting_ = true;
     continueReport();
 }
 
 void Worker::continueReport() {
-    shard_.report(kGroupsPerSlice, part_);
-    if (!part_.last() && part_.report_size() < static_cast<int>(kGroupsPerPart)) {
+    partBytes_ += shard_.report(kGroupsPerSlice, part_);
+    if (!part_.last() && partBytes_ < kPartBytes) {
         return;
     }
     part_.set_part(partNumber_++);
+    partBytes_ = 0;
     metering::FromMeter message;
     message.mutable_second()->Swap(&part_);
     parts_.push_back(metering::framed(message));

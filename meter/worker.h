@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "capture.h"
+#include "framing.h"
 #include "outbox.h"
 #include "shard.h"
 
@@ -51,6 +52,8 @@ class Worker {
     void giveUpCapture(const std::string& why, int64_t now);
     void finishSecond();
     void continueReport();
+    void tick(int64_t now);
+    void takeEvents();
 
     static constexpr int64_t kMs = 1'000'000;
     static constexpr int64_t kSecond = 1000 * kMs;
@@ -62,7 +65,9 @@ class Worker {
     static constexpr uint64_t kDisturbed = 2;
     static constexpr std::size_t kBatch = 512;          // frames
     static constexpr std::size_t kGroupsPerSlice = 16;  // reports between two looks at the ring
-    static constexpr std::size_t kGroupsPerPart = 256;
+    // A part ends with the slice that fills it: its message stays below metering::kMessageLimit.
+    static constexpr std::size_t kPartBytes = std::size_t{4} * 1024 * 1024;
+    static_assert(kPartBytes + (kGroupsPerSlice + 1) * metering::kReportLimit < metering::kMessageLimit);
 
     const Share share_;
     const CaptureMaker maker_;
@@ -75,7 +80,9 @@ class Worker {
     int64_t nextOpen_ = 0;
     int64_t nextTick_ = 0;
     int64_t secondEnd_ = 0;
-    bool empty_ = false;  // the last look found nothing in the ring
+    bool caughtUp_ = false;  // the last look left nothing in the ring
+    int64_t newest_ = 0;     // arrival
+    int64_t ticked_ = 0;     // time that analysers were told
     uint64_t number_ = 0;
     CaptureCounts ended_;          // of captures that failed
     CaptureCounts atSecondEnd_;    // all
@@ -83,6 +90,7 @@ class Worker {
     // The second that is being reported.
     bool reporting_ = false;
     metering::Second part_;
+    std::size_t partBytes_ = 0;
     uint32_t partNumber_ = 0;
     std::vector<std::string> parts_;
 

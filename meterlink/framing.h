@@ -16,6 +16,9 @@ namespace metering {
 inline constexpr uint32_t kMajor = 1;  // sides with different ones do not talk
 inline constexpr uint32_t kMinor = 1;
 inline constexpr std::size_t kMessageLimit = std::size_t{16} * 1024 * 1024;
+inline constexpr std::size_t kReportLimit =
+    std::size_t{256} * 1024;  // a GroupReport; the station skips others
+inline constexpr std::size_t kHappenedLimit = std::size_t{64} * 1024;
 inline constexpr std::size_t kGroupsLimit = 4096;  // that a meter watches; it leaves out what is beyond
 inline constexpr const char* kSocketPath = "/run/kestor/meter.sock";
 

@@ -59,6 +59,7 @@ struct Station::Implementation : StationInterface, CommandEffects {
     ProbeWatch probe{std::chrono::steady_clock::now()};
     MachineWatch machine;
     SourceJoins sourceJoins;
+    std::set<uint32_t> joinedByMeter;  // groups that it is told to join
     LogOnChange sourcesTold;
     LogOnChange machineUnseen;
     Groups machineLooksFor;  // what the machine's reader was told last
@@ -127,8 +128,8 @@ struct Station::Implementation : StationInterface, CommandEffects {
     }
     void setPassive(bool on) override {
         passiveAsked = on;
-        tellController();
         tellMeter();
+        tellController();
     }
     void setIgmpLatency(std::chrono::milliseconds latency) override {
         latencyAsked = latency;
@@ -145,7 +146,7 @@ struct Station::Implementation : StationInterface, CommandEffects {
     void adopt(LoadedRuntime&& runtime, const Now& now);
     void takeChannels(const Now& now, bool atStart);
     void tellController();
-    void tellMeter();
+    void tellMeter();  // before the controller, which is told what the meter joins
     std::vector<std::string> notes() const;
 
     void run();
@@ -289,6 +290,7 @@ void Station::Implementation::adopt(LoadedFiles& files, const Now& now, bool atS
                     : Event{.kind = EventKind::kConfigurationRefused, .text = files.refused.front()},
                 now);
     server->setAccess(serverAccess());
+    tellMeter();
     tellController();
 }
 
@@ -312,8 +314,8 @@ void Station::Implementation::takeChannels(const Now& now, bool atStart) {
     // Clears what is raised for channels that are gone, under the name that they had.
     record(engine.configure(current->profiles, book.channels(), now), now, &difference);
     publisher.channelsChanged();
-    tellController();
     tellMeter();
+    tellController();
 }
 
 void Station::Implementation::tellController() {
@@ -325,7 +327,7 @@ void Station::Implementation::tellController() {
     for (const auto& [group, channel] : book.channels()) {
         if (channel.enabled) {
             wanted.insert(group);
-            if (sourceJoins.byMeter() && sourceAddress(channel.source)) {
+            if (sourceJoins.byMeter() && joinedByMeter.contains(group.hostOrder())) {
                 passively.insert(group);
             }
         }
@@ -352,7 +354,7 @@ void Station::Implementation::tellMeter() {
                                            : rules->second});
         }
     }
-    meterPort->watch(std::move(wanted));
+    joinedByMeter = meterPort->watch(std::move(wanted));
 }
 
 std::vector<std::string> Station::Implementation::notes() const {
@@ -596,7 +598,8 @@ void Station::Implementation::judgeDelivery(const Now& now) {
 
 void Station::Implementation::judgeMeter(const Now& now) {
     const MeterState meter = meterBook.state(now.steady);
-    if (sourceJoins.update({meter.connected, meter.sinceSteady, meter.joinFailures > 0}, now.steady)) {
+    const bool joinedAll = meter.joinFailures == 0 && meter.joined == meter.toJoin;
+    if (sourceJoins.update({meter.connected, meter.sinceSteady, joinedAll}, now.steady)) {
         tellController();
     }
     machineReader->setOthers(meter.sockets);

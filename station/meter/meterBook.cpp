@@ -74,10 +74,11 @@ void MeterBook::drop(uint32_t group) {
     }
 }
 
-void MeterBook::watch(std::set<uint32_t> groups, std::size_t leftOut) {
+void MeterBook::watch(std::set<uint32_t> groups, std::size_t leftOut, std::size_t joins) {
     const std::lock_guard lock(mutex_);
     state_.groups = groups.size();
     state_.groupsLeftOut = leftOut;
+    state_.toJoin = joins;
     for (const uint32_t group : watched_) {
         if (!groups.contains(group)) {
             drop(group);
@@ -155,6 +156,11 @@ bool MeterBook::report(uint32_t group, MeterReport&& report) {
     report.number = ++number_;
     reports_.emplace(group, std::move(report));
     return true;
+}
+
+void MeterBook::skipped() {
+    const std::lock_guard lock(mutex_);
+    ++state_.reportsDropped;
 }
 
 void MeterBook::happened() {

@@ -21,7 +21,6 @@ namespace station {
 // All calls from any thread; at once.
 class MeterBook {
   public:
-    static constexpr std::size_t kReportBytes = 256 * 1024;               // of one report
     static constexpr std::size_t kBytes = std::size_t{96} * 1024 * 1024;  // of all; further ones are dropped
     static constexpr std::size_t kThreadsLimit = 64;                      // of a meter
     static constexpr std::chrono::seconds kSilence{3};
@@ -36,7 +35,8 @@ class MeterBook {
 
     // For the port.
     // What may be reported from here on; what is kept of others is dropped.
-    void watch(std::set<uint32_t> groups, std::size_t leftOut);
+    // `joins`: how many of them the meter is to join.
+    void watch(std::set<uint32_t> groups, std::size_t leftOut, std::size_t joins = 0);
     void setConfigured(bool configured);
     void setProblem(const std::string& problem);
     void connected(const std::string& version, const Now& now);
@@ -45,6 +45,8 @@ class MeterBook {
     bool second(const metering::Second& part, std::size_t reports, const Now& now);
     // False when there is no room for it; it is counted then.
     bool report(uint32_t group, MeterReport&& report);
+    // One that is larger than a report may be: it is counted.
+    void skipped();
     void happened();
 
   private:

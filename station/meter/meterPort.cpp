@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -250,12 +251,26 @@ MeterPort::MeterPort(std::filesystem::path path, std::string version, MeterBook&
 
 MeterPort::~MeterPort() = default;
 
-void MeterPort::watch(std::vector<MeteredChannel> channels) {
-    const std::size_t leftOut =
-        channels.size() > metering::kGroupsLimit ? channels.size() - metering::kGroupsLimit : 0;
-    channels.resize(channels.size() - leftOut);
+std::size_t chooseMetered(std::vector<MeteredChannel>& channels) {
+    if (channels.size() <= metering::kGroupsLimit) {
+        return 0;
+    }
+    const std::size_t leftOut = channels.size() - metering::kGroupsLimit;
+    std::ranges::stable_partition(channels, &MeteredChannel::join);
+    channels.resize(metering::kGroupsLimit);
+    return leftOut;
+}
+
+std::set<uint32_t> MeterPort::watch(std::vector<MeteredChannel> channels) {
+    const std::size_t leftOut = chooseMetered(channels);
+    std::set<uint32_t> joins;
+    for (const MeteredChannel& channel : channels) {
+        if (channel.join) {
+            joins.insert(channel.group);
+        }
+    }
     if (implementation_->watched && channels == *implementation_->watched) {
-        return;
+        return joins;
     }
     metering::FromStation message;
     metering::Groups& groups = *message.mutable_groups();
@@ -278,10 +293,11 @@ void MeterPort::watch(std::vector<MeteredChannel> channels) {
     }
     implementation_->watched = std::move(channels);
     // First: reports of what is new may come at once.
-    implementation_->book.watch(std::move(watched), leftOut);
+    implementation_->book.watch(std::move(watched), leftOut, joins.size());
     const std::lock_guard lock(implementation_->mutex);
     groups.set_revision(++implementation_->revision);
     implementation_->groups = metering::framed(message);
+    return joins;
 }
 
 }  // namespace station

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,10 @@ struct MeteredChannel {
     bool operator==(const MeteredChannel&) const = default;
 };
 
+// Takes away what is beyond metering::kGroupsLimit, and returns how many that are. Those that the meter is to
+// join stay before others, since nobody else can join them for their source.
+std::size_t chooseMetered(std::vector<MeteredChannel>& channels);
+
 // Listens on a Unix socket and serves one meter at a time, on a thread of its own: tells it what to watch and
 // has its reports kept in a book. A second meter is refused, unless the first was silent for kHung. What it
 // cannot listen on is tried again every second, as is a socket that somebody removed.
@@ -37,9 +42,10 @@ class MeterPort {
     ~MeterPort();  // ends the thread, within 100 ms, and removes the socket
     MeterPort(const MeterPort&) = delete;
 
-    // What is to be watched, in the order of groups; the meter is told when it differs from the last. At most
-    // metering::kGroupsLimit of them, the rest is left out. One thread; at once.
-    void watch(std::vector<MeteredChannel> channels);
+    // What is to be watched; the meter is told when it differs from the last. At most metering::kGroupsLimit
+    // (chooseMetered), the rest is left out. Returns the groups that the meter is told to join. One thread;
+    // at once.
+    std::set<uint32_t> watch(std::vector<MeteredChannel> channels);
 
   private:
     struct Implementation;

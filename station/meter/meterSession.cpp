@@ -135,7 +135,10 @@ void MeterSession::takeSecond(std::string_view bytes, const Now& now) {
 }
 
 void MeterSession::takeReport(std::string_view bytes, bool disturbed, const Now& now) {
-    read(bytes, MeterBook::kReportBytes, report_);
+    if (bytes.size() > metering::kReportLimit) {
+        return book_.skipped();  // of one channel; the others are well
+    }
+    read(bytes, metering::kReportLimit, report_);
     MeterReport report;
     report.time = now;
     report.disturbed = disturbed;
@@ -151,7 +154,7 @@ void MeterSession::takeReport(std::string_view bytes, bool disturbed, const Now&
 
 void MeterSession::takeHappened(std::string_view bytes) {
     metering::Happened happened;
-    read(bytes, kHeadBytes, happened);
+    read(bytes, metering::kHappenedLimit, happened);
     book_.happened();
 }
 

@@ -19,11 +19,11 @@ struct MeterRefused : std::runtime_error {
 };
 
 // Takes bytes as they come and keeps what they say in the book. Does no input or output. Whatever comes, it
-// holds no more than a message (16 MiB) and, of one report at a time, what 256 KiB of them become. One
-// thread.
+// holds no more than a message (16 MiB) and, of one report at a time, what 256 KiB of them become; a larger
+// report is skipped and counted. One thread.
 class MeterSession {
   public:
-    // The head of a second, without its reports, and a happening.
+    // The head of a second, without its reports.
     static constexpr std::size_t kHeadBytes = 64 * 1024;
 
     // `book` has to outlive it.

@@ -24,7 +24,8 @@ struct MeterState {
     std::size_t reported = 0;       // groups in its last second
     uint64_t seconds = 0;           // reported since the station's start, of each thread
     uint64_t events = 0;            // likewise: changes, cues
-    uint64_t reportsDropped = 0;    // for which there was no room here
+    std::size_t toJoin = 0;         // of `groups`, by the meter for their source
+    uint64_t reportsDropped = 0;    // for which there was no room here, or larger than one may be
 
     // By the meter, since it was started.
     std::string interface;

@@ -3,7 +3,7 @@
 namespace station {
 
 bool SourceJoins::update(const Meter& meter, SteadyTime now) {
-    const bool settled = meter.connected && now - meter.since >= kSettles;
+    const bool settled = meter.connected && now - meter.since >= kSettles && meter.joinedAll;
     if (meter.connected) {
         lastConnected_ = now;
     }
@@ -14,7 +14,7 @@ bool SourceJoins::update(const Meter& meter, SteadyTime now) {
     if (byMeter_) {
         byMeter_ = now - lastConnected_ <= kGone && now - lastSettled_ <= kUnsettled;
     } else {
-        byMeter_ = settled && !meter.joinsFail;
+        byMeter_ = settled;
     }
     return byMeter_ != before;
 }

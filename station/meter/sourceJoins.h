@@ -12,7 +12,7 @@ class SourceJoins {
   public:
     // Connected for so long: it has joined, and is there to stay.
     static constexpr std::chrono::seconds kSettles{8};
-    // Gone for so long, or for so long not connected for kSettles in a row: the probe joins.
+    // Gone for so long, or for so long not connected for kSettles in a row with all joined: the probe joins.
     static constexpr std::chrono::seconds kGone{10};
     static constexpr std::chrono::seconds kUnsettled{30};
 
@@ -20,7 +20,7 @@ class SourceJoins {
     struct Meter {
         bool connected = false;
         SteadyTime since;        // of the connection
-        bool joinsFail = false;  // some of what it was to join
+        bool joinedAll = false;  // what it is to join
     };
     // True when it is another one who joins from here on.
     bool update(const Meter& meter, SteadyTime now);

@@ -15,8 +15,10 @@
 #include "arrivalClock.h"
 #include "captureFilter.h"
 #include "framing.h"
+#include "joins.h"
 #include "measure.h"
 #include "outbox.h"
+#include "reportLimit.h"
 #include "reportMessages.h"
 #include "shard.h"
 #include "support/frameBuilder.h"
@@ -284,6 +286,100 @@ TEST(MeterShard, ReportsInSlicesEachGroupOnce) {
     }
 }
 
+// More than 64 cues with as many bytes of identifiers as a section holds: 8 KB each as text.
+struct StuffedFeed : Feed {
+    StuffedFeed() {
+        constexpr uint16_t kCuePid = 0x1F0;
+        test::MeterStream stream;
+        stream.seconds = 4;
+        stream.pmt = false;
+        stream.tables.push_back(
+            {test::kPmtPid,
+             psi::pmtSection(1, 0, test::kVideoPid, {{0x1B, test::kVideoPid}, {0x86, kCuePid}}), 100});
+        for (std::size_t cue = 0; cue < kCues; ++cue) {
+            test::Bytes descriptors;
+            for (std::size_t i = 0; i < 16; ++i) {
+                const test::Bytes content = psi::concat({psi::u32(0x43554549),
+                                                         psi::u32(cue * 16 + i),
+                                                         {0x7F, 0xBF, 0x0C, 230},
+                                                         test::Bytes(230, 0xAB),
+                                                         {0x30, 0, 0}});
+                descriptors = psi::concat({descriptors, psi::descriptor(2, content)});
+            }
+            const test::Bytes time = {0xFE, 0, 0, 0, 0};
+            stream.tables.push_back(
+                {kCuePid,
+                 psi::withCrc(psi::concat({{0xFC},
+                                           psi::u16(0x3000 | (11 + time.size() + 2 + descriptors.size() + 4)),
+                                           {0, 0, 0, 0, 0, 0, 0, 0xFF, 0xF0, psi::low8(time.size()), 6},
+                                           time,
+                                           psi::u16(descriptors.size()),
+                                           descriptors})),
+                 10'000, 200});
+        }
+        packets = stream.packets();
+    }
+    static constexpr std::size_t kCues = 70;
+};
+
+TEST(MeterShard, SaysWhatOneStuffedChannelHasNoRoomForAndReportsTheOthersWhole) {
+    metering::Groups groups;
+    for (uint32_t i = 0; i < 3; ++i) {
+        *groups.add_group() = groupMessage(kGroup + i);
+    }
+    Shard shard({0, 1});
+    shard.watch(watchListOf(groups));
+    StuffedFeed stuffed;
+    while (const auto datagram = stuffed.next(kGroup + 1)) {
+        shard.feed(*datagram);
+    }
+    Feed feed;
+    while (const auto datagram = feed.next(kGroup + 2)) {
+        shard.feed(*datagram);
+    }
+    metering::Second second;
+    const std::size_t bytes = shard.report(10, second);
+    ASSERT_EQ(second.report_size(), 3);
+    EXPECT_NEAR(static_cast<double>(bytes), static_cast<double>(second.ByteSizeLong()), 100);
+    const metering::GroupReport& report = second.report(1);
+    EXPECT_LE(report.ByteSizeLong(), metering::kReportLimit);
+    EXPECT_GT(report.ByteSizeLong(), metering::kReportLimit / 3);
+    EXPECT_GT(report.left_out().cues(), 30U);
+    EXPECT_EQ(report.left_out().cues() + static_cast<uint32_t>(report.description().cue_size()), 64U);
+    EXPECT_EQ(report.description().service_size(), 1);
+    EXPECT_FALSE(second.report(2).has_left_out());
+    EXPECT_EQ(second.report(2).description().service_size(), 1);
+}
+
+TEST(MeterMessages, AreCutToTheirLimitInTheirOrder) {
+    metering::GroupReport report;
+    report.set_group(kGroup);
+    const std::string text(1000, 'x');
+    for (int i = 0; i < 100; ++i) {
+        report.mutable_description()->add_cue()->set_pid(static_cast<uint32_t>(i));
+        report.mutable_description()->mutable_cue(i)->add_segmentation()->set_upid(text);
+        report.mutable_description()->add_change()->set_text(text);
+    }
+    metering::GroupReport levels = report;
+    const std::size_t bytes = metering::fitReport(report);
+    EXPECT_EQ(bytes, report.ByteSizeLong());
+    EXPECT_GT(report.left_out().cues(), 50U);
+    EXPECT_EQ(report.left_out().changes(), 0U);
+    EXPECT_EQ(report.description().cue(report.description().cue_size() - 1).pid(), 99U) << "the newest stay";
+    const std::string description = report.description().SerializeAsString();
+    for (uint32_t i = 0; i < 20'000; ++i) {
+        levels.add_stream()->set_gop_structure("IBBP");
+        levels.add_pid()->set_kind(text);
+        levels.add_check()->add_pid()->set_count(1U << 30);
+    }
+    const std::size_t all = metering::fitReport(levels);
+    EXPECT_EQ(all, levels.ByteSizeLong());
+    EXPECT_LE(all, metering::kReportLimit);
+    EXPECT_EQ(levels.left_out().streams(), 20'000U);
+    EXPECT_EQ(levels.left_out().pids(), 20'000U);
+    EXPECT_EQ(levels.description().SerializeAsString(), description) << "levels change nothing in it";
+}
+
 TEST(MeterOutbox, DropsWholeSecondsWhenNobodyReadsAndCountsThem) {
     Outbox outbox;
     EXPECT_FALSE(outbox.pushSecond({"nobody listens"}));
@@ -353,6 +449,82 @@ class MadeCapture final : public Capture {
     int left_;
     uint64_t frames_ = 0;
 };
+
+// Has always as many frames as are asked for: of kGroup for half a second, of another one for ever.
+class BusyCapture final : public Capture {
+  public:
+    int descriptor() const override {
+        return -1;
+    }
+    std::size_t read(std::size_t limit, const DatagramSink& sink) override {
+        std::this_thread::sleep_for(5ms);
+        while (feed_.arrival - begin_ < kSecond / 2 && feed_.arrival < now()) {
+            sink(*feed_.next());
+        }
+        meter::Datagram other;
+        other.arrival = now();
+        other.destination = kGroup + 1;
+        sink(other);
+        return limit;
+    }
+    CaptureCounts counts() override {
+        return {};
+    }
+    std::string interface() const override {
+        return "busy0";
+    }
+
+  private:
+    static int64_t now() {
+        return std::chrono::steady_clock::now().time_since_epoch() / 1ns;
+    }
+    Feed feed_ = [] {
+        test::MeterStream stream;
+        // Another version of it with a stream less.
+        stream.tables.push_back(
+            {test::kPmtPid, psi::pmtSection(1, 1, test::kVideoPid, {{0x1B, test::kVideoPid}}), 100, 150});
+        Feed feed;
+        feed.packets = stream.packets();
+        return feed;
+    }();
+    int64_t begin_ = feed_.arrival = now();
+};
+
+TEST(MeterWorker, TellsTimeAndEventsThoughTheRingIsNeverEmpty) {
+    Outbox outbox;
+    outbox.open();
+    Worker worker(
+        {0, 1}, [] { return std::make_unique<BusyCapture>(); }, outbox);
+    metering::Groups groups;
+    *groups.add_group() = groupMessage(kGroup);
+    worker.watch(std::make_shared<const WatchList>(watchListOf(groups)));
+    std::jthread thread([&](const std::stop_token& stop) { worker.run(stop); });
+    bool event = false;
+    bool silence = false;  // seen by time alone
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (std::chrono::steady_clock::now() < deadline && (!event || !silence)) {
+        const std::string bytes = outbox.pop();
+        if (bytes.empty()) {
+            std::this_thread::sleep_for(10ms);
+            continue;
+        }
+        metering::FromMeter message;
+        ASSERT_TRUE(message.ParseFromArray(bytes.data() + 4, static_cast<int>(bytes.size()) - 4));
+        event = event || message.has_happened();
+        silence = silence || (message.has_second() && message.second().report(0).seconds() > 2.5);
+    }
+    EXPECT_TRUE(event);
+    EXPECT_TRUE(silence);
+}
+
+TEST(MeterJoins, FailWhereThereIsNoInterface) {
+    Joins joins;
+    EXPECT_TRUE(joins.apply(0, {{kGroup, 0x0A000001}, {kGroup + 1, {}}}).empty());
+    EXPECT_EQ(joins.failures(), 2U);
+    EXPECT_FALSE(joins.problem().empty());
+    joins.apply(0, {});
+    EXPECT_EQ(joins.failures(), 0U);
+}
 
 TEST(MeterWorker, ReportsEachSecondTellsDropsAndCapturesAgain) {
     std::atomic<int> reads = 0;

@@ -129,9 +129,6 @@ TEST_F(StationMeterSession, RefusesWhatMakesNoSense) {
         second({test::reportMessage(test::fullReport(kA))}).second().SerializeAsString();
     auto threads = second({});
     threads.mutable_second()->set_thread(7);
-    metering::GroupReport large;
-    large.set_group(kA);
-    large.mutable_flow()->set_encapsulation(std::string(MeterBook::kReportBytes, 'x'));
     auto talkative = second({});
     talkative.mutable_second()->mutable_capture()->set_problem(std::string(MeterSession::kHeadBytes, 'x'));
     std::string many;
@@ -153,7 +150,6 @@ TEST_F(StationMeterSession, RefusesWhatMakesNoSense) {
         {"half a report", rawSecond(report.substr(0, report.size() / 2)), "cannot be read"},
         {"a report that is none", rawSecond(second({}).second().SerializeAsString() + "\x42\x02\xFF\xFF"),
          "cannot be read"},
-        {"a large report", metering::framed(second({large})), "cannot be read"},
         {"a large head", metering::framed(talkative), "too long"},
         {"more groups than there can be", rawSecond(many), "more groups"},
         {"a thread that cannot be", metering::framed(threads), "thread 7 of 1"},
@@ -171,6 +167,17 @@ TEST_F(StationMeterSession, RefusesWhatMakesNoSense) {
             EXPECT_THAT(refused.what(), HasSubstr(one.why));
         }
     }
+}
+
+TEST_F(StationMeterSession, SkipsAReportThatIsTooLargeAndTakesThoseBesideIt) {
+    session.received(hello(), now);
+    metering::GroupReport large;
+    large.set_group(kA);
+    large.mutable_flow()->set_encapsulation(std::string(metering::kReportLimit, 'x'));
+    session.received(metering::framed(second({large, test::reportMessage(test::fullReport(kB))})), now);
+    EXPECT_FALSE(book.find(kGroupA));
+    EXPECT_TRUE(book.find(kGroupB));
+    EXPECT_EQ(state().reportsDropped, 1U);
 }
 
 TEST_F(StationMeterSession, SurvivesReportsThatAreDamaged) {
@@ -227,7 +234,7 @@ TEST(StationSourceJoins, ChangeNothingForAMeterThatIsRestarted) {
         since = there && !connected ? now : since;
         connected = there;
         for (const SteadyTime end = now + time; now < end; now += 1s) {
-            changes += joins.update({connected, since, failing}, now) ? 1 : 0;
+            changes += joins.update({connected, since, !failing}, now) ? 1 : 0;
         }
     };
     pass(20s, false);
@@ -254,6 +261,32 @@ TEST(StationSourceJoins, ChangeNothingForAMeterThatIsRestarted) {
     }
     EXPECT_FALSE(joins.byMeter());
     EXPECT_EQ(changes, 4);
+    pass(60s, true);
+    pass(40s, true, true);
+    EXPECT_FALSE(joins.byMeter()) << "nobody would receive them";
+}
+
+TEST(StationSourceJoins, KeepThoseThatOnlyTheMeterCanJoinWhereThereAreTooMany) {
+    std::vector<MeteredChannel> channels(metering::kGroupsLimit + 10);
+    for (std::size_t i = 0; i < channels.size(); ++i) {
+        channels[i].group = kA + static_cast<uint32_t>(i);
+        channels[i].join = i >= metering::kGroupsLimit;
+    }
+    EXPECT_EQ(chooseMetered(channels), 10U);
+    ASSERT_EQ(channels.size(), metering::kGroupsLimit);
+    EXPECT_TRUE(channels[9].join);
+    EXPECT_EQ(channels[10].group, kA);
+    MeterBook book;
+    MeterPort port({}, "", book);
+    for (MeteredChannel& channel : channels) {
+        channel.join = true;
+    }
+    channels.push_back({.group = kA - 1, .join = true});
+    const auto joins = port.watch(channels);
+    EXPECT_EQ(joins.size(), metering::kGroupsLimit);
+    EXPECT_FALSE(joins.contains(kA - 1)) << "it is left out, and not joined";
+    EXPECT_EQ(book.state({}).toJoin, metering::kGroupsLimit);
+    EXPECT_EQ(book.state({}).groupsLeftOut, 1U);
 }
 
 // A meter that does as the test says.

@@ -92,7 +92,8 @@ struct Services::State {
     void takeEvent(const Section& section);
     void takeTime(const Section& section);
     void rebuildModel();
-    void fillService(const Program& program, ServiceReport& report) const;
+    // `streams`: of how many there is room yet, in all services.
+    void fillService(const Program& program, std::size_t& streams, ServiceReport& report) const;
 };
 
 // Sections that came before are looked at only while the table they belong to is not whole.
@@ -240,7 +241,7 @@ void Services::State::rebuildModel() {
     ++model.revision;
 }
 
-void Services::State::fillService(const Program& program, ServiceReport& report) const {
+void Services::State::fillService(const Program& program, std::size_t& streams, ServiceReport& report) const {
     report.program = program.number;
     report.pmtPid = program.pmtPid;
     if (services) {
@@ -261,8 +262,12 @@ void Services::State::fillService(const Program& program, ServiceReport& report)
     report.pmtVersion = program.pmt->version;
     report.pcrPid = program.pmt->pcrPid;
     report.ca = program.pmt->ca;
-    for (const StreamEntry& stream : program.pmt->streams)
+    for (const StreamEntry& stream : program.pmt->streams) {
+        if (streams == 0)
+            break;
+        --streams;
         report.streams.push_back(streamReport(stream, program.pmt->ca));
+    }
     std::ranges::stable_sort(report.streams, {}, &StreamReport::pid);
 }
 
@@ -306,8 +311,9 @@ void Services::fill(Report& report) const {
     if (state.utc)
         report.transport.utc = rfc3339(*state.utc);
     report.transport.utcOffsetMs = state.utcOffsetMs;
+    std::size_t streams = kStreamsLimit;
     for (const Program& program : state.programs)
-        state.fillService(program, report.services.emplace_back());
+        state.fillService(program, streams, report.services.emplace_back());
     std::ranges::stable_sort(report.services, {}, &ServiceReport::pmtPid);
 }
 

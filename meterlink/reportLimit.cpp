@@ -1,0 +1,70 @@
+#include "reportLimit.h"
+
+#include <algorithm>
+
+#include "framing.h"
+
+namespace metering {
+
+namespace {
+
+constexpr std::size_t kHeads = 512;  // tags and lengths around both, and what is said to be left out
+constexpr std::size_t kHalf = kReportLimit / 2 - kHeads;
+constexpr std::size_t kElementHead = 2;  // at least: its tag and its length
+
+enum class From { kBegin, kEnd };
+
+// Takes elements away until about `excess` bytes are gone, and returns how many they were.
+template <typename Field>
+uint32_t cut(Field& field, From from, std::size_t& excess) {
+    int count = 0;
+    while (excess > 0 && count < field.size()) {
+        const auto& element = field.Get(from == From::kBegin ? count : field.size() - 1 - count);
+        excess -= std::min(excess, element.ByteSizeLong() + kElementHead);
+        ++count;
+    }
+    field.DeleteSubrange(from == From::kBegin ? 0 : field.size() - count, count);
+    return static_cast<uint32_t>(count);
+}
+
+std::size_t excessOf(std::size_t size) {
+    return size > kHalf ? size - kHalf : 0;
+}
+
+std::size_t fitDescription(GroupReport& message) {
+    Description& description = *message.mutable_description();
+    const std::size_t size = description.ByteSizeLong();
+    std::size_t excess = excessOf(size);
+    if (excess == 0) {
+        return size;
+    }
+    LeftOut& leftOut = *message.mutable_left_out();
+    leftOut.set_cues(cut(*description.mutable_cue(), From::kBegin, excess));
+    leftOut.set_changes(cut(*description.mutable_change(), From::kBegin, excess));
+    leftOut.set_services(cut(*description.mutable_service(), From::kEnd, excess));
+    return description.ByteSizeLong();
+}
+
+void fitLevels(GroupReport& message, std::size_t size) {
+    std::size_t excess = excessOf(size);
+    LeftOut& leftOut = *message.mutable_left_out();
+    leftOut.set_streams(cut(*message.mutable_stream(), From::kEnd, excess));
+    leftOut.set_pids(cut(*message.mutable_pid(), From::kEnd, excess));
+    for (Check& check : *message.mutable_check()) {
+        leftOut.set_check_pids(leftOut.check_pids() + cut(*check.mutable_pid(), From::kEnd, excess));
+    }
+}
+
+}  // namespace
+
+std::size_t fitReport(GroupReport& message) {
+    const std::size_t described = fitDescription(message);
+    const std::size_t levels = message.ByteSizeLong() - described;
+    if (excessOf(levels) == 0) {
+        return described + levels;
+    }
+    fitLevels(message, levels);
+    return message.ByteSizeLong();
+}
+
+}  // namespace metering
