@@ -335,13 +335,14 @@ class Browser:
             "return [...document.querySelectorAll(arguments[0])].map((node) => node.textContent)", selector)
 
     def press(self, text, within="body"):
-        """Clicks the first visible button of this text."""
-        def visible():
+        """Clicks the first visible button of this text; one that is drawn anew meanwhile is looked for again."""
+        def pressed():
             for node in self.driver.find_elements(By.CSS_SELECTOR, f"{within} button, {within} a"):
                 if node.text.strip() == text and node.is_displayed():
-                    return node
-            return None
-        wait_for(f'a button "{text}"', 5, visible).click()
+                    node.click()
+                    return True
+            return False
+        wait_for(f'a button "{text}"', 5, pressed)
 
     def type(self, label, text):
         """Sets the field of this label as typing does."""
