@@ -281,9 +281,12 @@ struct FileReader::Implementation {
         }
         std::string problem;
         text = readTextFile(options.configuration, kConfigurationCopyLimit, problem);
-        return problem.empty()
-                   ? parseConfiguration(text, options.configuration)
-                   : ConfigurationResult{{}, {{options.configuration.string(), 0, 0, problem}}, {}};
+        if (problem.empty()) {
+            return parseConfiguration(text, options.configuration);
+        }
+        ConfigurationResult unread;
+        unread.mistakes.push_back({options.configuration.string(), 0, 0, problem});
+        return unread;
     }
 
     void readConfiguration(std::vector<std::string>& refused) {

@@ -50,8 +50,10 @@ export class AlarmTable {
     this.withChannel = withChannel;
     this.rows = new Map();  // id -> row
     this.body = el('tbody');
-    const columns =
-        ['Severity', ...(withChannel ? ['Channel'] : []), 'Alarm', 'What', 'Since', 'Value', 'Worst', 'Acknowledged'];
+    const columns = [
+      'Severity', ...(withChannel ? ['Channel'] : []), 'Alarm', 'What', 'Since', 'Value', 'Worst',
+      'Acknowledged'
+    ];
     this.table = el('table', {}, heads(columns), this.body);
     this.none = el('p', {class: 'muted'});
     this.node =

@@ -7,6 +7,7 @@ import pathlib
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import threading
@@ -124,7 +125,7 @@ class Station:
 
 
 class Writer:
-    """In the place of a probe: asks the station and writes a snapshot of `groups` into the pipe each second."""
+    """In the place of a probe: asks the station, writes a snapshot of `groups` into the pipe each second, and captures."""
 
     # Of ConfigurationMessage, with a TasksRequest of text "" and a sequence number (proto/config.proto).
     @staticmethod
@@ -139,6 +140,8 @@ class Writer:
     def __init__(self, pipe, controller, columns, groups, silent=()):
         self.pipe, self.controller, self.columns, self.groups = pipe, controller, columns, groups
         self.silent = silent  # groups of which no packet ever came
+        self.capture = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))  # ETH_P_ALL
+        self.capture.bind(("eth0", 0))
         self.ended = threading.Event()
         self.threads = [threading.Thread(target=run, daemon=True) for run in (self.write, self.ask)]
         for thread in self.threads:
@@ -183,6 +186,7 @@ class Writer:
         self.ended.set()
         for thread in self.threads:
             thread.join(5)
+        self.capture.close()
 
 
 class Between:
