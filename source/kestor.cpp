@@ -70,7 +70,7 @@ uint32_t init_kestor(typeOfApplication mode) {
 }
 
 int createFifoFile() {
-    const int result = mknod(RESULTS_FIFO_PATH, kResultsFifoMode, 0);
+    const int result = mknod(probelink::RESULTS_FIFO_PATH, kResultsFifoMode, 0);
     // Compares the call's result, not errno, so an existing pipe (result -1) passes without a message; that
     // is intended.
     if (result == EEXIST) {

@@ -34,7 +34,7 @@ constexpr int kStatusBeingScanned = 2;
 
 void openLink(T_interface* device) {
     auto link = std::make_unique<zmq::socket_t>(*device->zmqContext, zmq::socket_type::req);
-    link->connect(kControllerEndpoint);
+    link->connect(probelink::kControllerEndpoint);
     link->set(zmq::sockopt::linger, 0);
     device->liveDataSocket = std::move(link);
 }

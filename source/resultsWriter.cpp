@@ -267,9 +267,9 @@ void* saveToFileThreadFunction(void* argument) {
 }
 
 int saveStatisticToFile(T_interface* device) {
-    PipeSink sink{open(RESULTS_FIFO_PATH, O_WRONLY | O_CREAT | O_TRUNC, 0666), false};
+    PipeSink sink{open(probelink::RESULTS_FIFO_PATH, O_WRONLY | O_CREAT | O_TRUNC, 0666), false};
     if (sink.descriptor < 0) {
-        fprintf(stderr, "Failed to open %s for writing", RESULTS_FIFO_PATH);
+        fprintf(stderr, "Failed to open %s for writing", probelink::RESULTS_FIFO_PATH);
         return 1;
     }
     const auto buffer = std::make_unique_for_overwrite<char[]>(kPipeBufferSize);

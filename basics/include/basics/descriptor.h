@@ -26,6 +26,10 @@ class Descriptor {
     int number() const {
         return number_;
     }
+    // Whoever calls it closes the descriptor.
+    int release() {
+        return std::exchange(number_, -1);
+    }
     bool isOpen() const {
         return number_ >= 0;
     }

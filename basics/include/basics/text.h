@@ -49,11 +49,11 @@ inline std::string plainLabelName(std::string_view name) {
 // Names of which each may be there once: the second "a" is "a_2".
 class UniqueNames {
   public:
-    std::string take(const std::string& name) {
-        return taken_.insert(name).second ? name : takeNumbered(name);
+    std::string claim(const std::string& name) {
+        return taken_.insert(name).second ? name : claimNumbered(name);
     }
     // With a number also when it is the first.
-    std::string takeNumbered(const std::string& name) {
+    std::string claimNumbered(const std::string& name) {
         for (int number = 2;; ++number) {
             std::string unique = name + "_" + std::to_string(number);
             if (taken_.insert(unique).second) {

@@ -1,0 +1,43 @@
+# A target's files are compiled some at a time, by directory: what they include, which takes most of the time, once for
+# all of them. Files of one directory therefore share a file's scope: no name in it twice. Each still includes what it
+# needs, as clang-tidy and the packages show, which compile every file by itself.
+set(files_at_once 6)
+
+# Evenly, so that one file more or less moves few others to another unit.
+function(compile_together target)
+  get_target_property(sources ${target} SOURCES)
+  get_target_property(root ${target} SOURCE_DIR)
+  list(FILTER sources INCLUDE REGEX "\\.cpp$")
+  set(directories "")
+  foreach(source ${sources})
+    get_filename_component(source ${source} ABSOLUTE BASE_DIR ${root})
+    get_filename_component(directory ${source} DIRECTORY)
+    get_filename_component(directory ${directory} NAME)
+    list(APPEND directories ${directory})
+    list(APPEND files_${directory} ${source})
+  endforeach()
+  list(REMOVE_DUPLICATES directories)
+  foreach(directory ${directories})
+    list(LENGTH files_${directory} files)
+    math(EXPR units "(${files} + ${files_at_once} - 1) / ${files_at_once}")
+    set(index 0)
+    foreach(source ${files_${directory}})
+      math(EXPR unit "${index} * ${units} / ${files}")
+      set_property(SOURCE ${source} DIRECTORY ${root} PROPERTY UNITY_GROUP ${directory}${unit})
+      math(EXPR index "${index} + 1")
+    endforeach()
+  endforeach()
+  set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_MODE GROUP)
+  # A file's own types are nobody else's here either.
+  target_compile_options(${target} PRIVATE $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-subobject-linkage>)
+endfunction()
+
+foreach(directory basics libmeter meterlink meter picture probelink source station tools)
+  get_property(targets DIRECTORY ${directory} PROPERTY BUILDSYSTEM_TARGETS)
+  foreach(target ${targets})
+    get_target_property(type ${target} TYPE)
+    if(type MATCHES "STATIC_LIBRARY|EXECUTABLE")
+      compile_together(${target})
+    endif()
+  endforeach()
+endforeach()
