@@ -3,10 +3,12 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
 #include "meter/datagram.h"
+#include "meter/excerpt.h"
 #include "meter/report.h"
 #include "meter/settings.h"
 
@@ -37,6 +39,16 @@ class ChannelAnalyser {
     // dropped then.
     static constexpr std::size_t kEventsLimit = 256;
     std::vector<Event> takeEvents();
+
+    // From the next datagram on an excerpt is taken, with sound or without; one that was open is given up.
+    // Without one nothing is kept for it, and datagrams cost nothing more.
+    void beginExcerpt(bool audio);
+    // It is as good as it gets.
+    bool excerptIsEnded() const;
+    // What it holds.
+    std::size_t excerptBytes() const;
+    // As far as it came, and its memory with it; nothing where none was begun.
+    std::optional<Excerpt> takeExcerpt();
 
   private:
     class Channel;

@@ -27,6 +27,7 @@ struct FlowReport {
     std::vector<uint16_t> vlan;
     std::optional<uint8_t> ttl;
     std::optional<uint8_t> dscp;
+    uint64_t otherSources = 0;  // of otherFlows, those of another source address; not in the JSON
 };
 
 struct LossReport {
@@ -38,6 +39,7 @@ struct LossReport {
     uint64_t events = 0;
     uint64_t longest = 0;  // packets
     std::optional<double> longestMs;
+    uint64_t longestLately = 0;  // of the second that runs and the one before it; not in the JSON
 };
 
 struct PacketsReport {
@@ -46,6 +48,8 @@ struct PacketsReport {
     uint64_t scrambled = 0;
     uint64_t repeated = 0;
     LossReport lost;
+    uint64_t notTracked =
+        0;  // of PIDs that are not in the report: damaged packets, and more PIDs than are tracked
 };
 
 struct BitrateReport {
@@ -212,6 +216,7 @@ struct PidReport {
     std::optional<std::string> scrambling;  // "clear", "even", "odd", "mixed"
     uint64_t keyChanges = 0;
     bool referenced = false;
+    std::optional<double> silentMs;  // of stream time, since its last packet; not in the JSON
 };
 
 struct SegmentationReport {
@@ -259,7 +264,23 @@ using Event = std::variant<ChangeReport, CueReport>;
 // Of a channel that is measured as it arrives.
 struct LiveReport {
     bool disturbed = false;  // what it says of loss may be this machine's
+    // Since the begin: seconds of which that may be so, and when the last of them was (s, as
+    // Report::seconds).
+    uint64_t disturbedSeconds = 0;
+    std::optional<double> lastDisturbed;
     std::optional<double> joinLatencyMs;
+    // Members of lists for which the report had no room.
+    struct LeftOut {
+        uint64_t cues = 0;
+        uint64_t changes = 0;
+        uint64_t services = 0;
+        uint64_t streams = 0;  // what is measured of them
+        uint64_t pids = 0;
+        uint64_t checkPids = 0;
+        uint64_t clocks = 0;
+        uint64_t serviceLevels = 0;  // what is measured of services
+    };
+    std::optional<LeftOut> leftOut;
 };
 
 struct Report {

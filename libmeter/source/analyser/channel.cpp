@@ -2,23 +2,15 @@
 
 #include <algorithm>
 
+#include "basics/address.h"
 #include "fields/wallClock.h"
 
 namespace meter {
 
 namespace {
 
-std::string dotted(uint32_t address) {
-    std::string text;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        text += std::to_string(address >> shift & 0xFF);
-        text += shift > 0 ? "." : "";
-    }
-    return text;
-}
-
 std::string nameOf(uint32_t source, uint16_t sourcePort, uint16_t port) {
-    return dotted(source) + ":" + std::to_string(sourcePort) + " to port " + std::to_string(port);
+    return basics::dotted(source) + ":" + std::to_string(sourcePort) + " to port " + std::to_string(port);
 }
 
 }  // namespace
@@ -52,25 +44,35 @@ void ChannelAnalyser::Channel::feed(const Datagram& datagram) {
     }
 }
 
+void ChannelAnalyser::Channel::countOther(const Datagram& datagram) {
+    ++otherFlows_;
+    const std::optional<uint32_t> source = flow_ ? std::optional(flow_->source) : settings_.source;
+    otherSources_ += source && datagram.source != *source ? 1 : 0;
+}
+
 void ChannelAnalyser::Channel::feedOther(const Datagram& datagram) {
     if (isProtection(datagram)) {
         ++protection_;
         return;
     }
     if (!fits(datagram)) {
-        ++otherFlows_;
+        countOther(datagram);
         return;
     }
     const Payload payload = classify(datagram.payload, Encapsulation::kUnknown);
     if (payload.packets.empty()) {
         // Before there is a flow, who sends nonsense is taken for the channel's sender.
-        ++(flow_ || !payload.malformed || isRtpVersion(datagram.payload) ? otherFlows_ : malformed_);
+        if (flow_ || !payload.malformed || isRtpVersion(datagram.payload)) {
+            countOther(datagram);
+        } else {
+            ++malformed_;
+        }
     } else if (!flow_) {
         beginFlow(datagram);
     } else if (since(datagram.arrival) - lastDatagram_ > kSilence) {
         changeFlow(datagram);
     } else {
-        ++otherFlows_;
+        countOther(datagram);
     }
 }
 
@@ -178,7 +180,7 @@ void ChannelAnalyser::Channel::ordered(Bytes packets, Nanoseconds arrival, Nanos
         rtp_.missing(missing);
         missingPackets = uint64_t{missing} * packetsPerDatagram();
         rtpMissing_ += missingPackets;
-        rtpLongest_ = std::max(rtpLongest_, missingPackets);
+        rtpRuns_.add(missingPackets);
         delivery_.loss().byRtp += missingPackets;
     }
     stream_.packets(packets, arrival, wall, missingPackets);
@@ -200,6 +202,7 @@ void ChannelAnalyser::Channel::endSeconds(Nanoseconds now) {
         delivery_.secondEnded(0, uint64_t{rate.packets} * kPacketSize, rate.ticks);
     }
     interArrival_.secondsEnded(seconds);
+    rtpRuns_.secondsEnded(seconds);
     second_ += seconds;
     secondEnd_ = (second_ + 1) * kNsPerSecond;
 }
@@ -273,6 +276,7 @@ FlowReport ChannelAnalyser::Channel::flowReport() const {
     report.malformed = malformed_;
     report.fragments = fragments_;
     report.otherFlows = otherFlows_;
+    report.otherSources = otherSources_;
     report.fec = protection_;
     report.vlan.assign(marks_.vlan.begin(), marks_.vlan.begin() + marks_.vlanCount);
     return report;
@@ -302,9 +306,10 @@ void ChannelAnalyser::Channel::fillRtpLoss(LossReport& lost) const {
     lost.basis = "rtp";
     lost.packets = static_cast<int64_t>(rtpMissing_);
     lost.events = rtp_.lossEvents();
-    lost.longest = rtpLongest_;
+    lost.longest = rtpRuns_.ever();
+    lost.longestLately = rtpRuns_.lately();
     lost.longestMs.reset();
-    if (const std::optional<Ticks> longest = stream_.duration(rtpLongest_)) {
+    if (const std::optional<Ticks> longest = stream_.duration(lost.longest)) {
         lost.longestMs = static_cast<double>(*longest) / static_cast<double>(kTicksPerMs);
     }
 }

@@ -25,6 +25,18 @@ class alignas(4096) ChannelAnalyser::Channel final : private OrderedSink {
     void finish();
     Report report() const;
     std::vector<Event> takeEvents();
+    void beginExcerpt(bool audio) {
+        stream_.beginExcerpt(audio);
+    }
+    bool excerptIsEnded() const {
+        return stream_.excerptIsEnded();
+    }
+    std::size_t excerptBytes() const {
+        return stream_.excerptBytes();
+    }
+    std::optional<Excerpt> takeExcerpt() {
+        return stream_.takeExcerpt();
+    }
 
   private:
     static constexpr std::size_t kFlowChangesLimit = 100;      // the newest are kept
@@ -67,6 +79,7 @@ class alignas(4096) ChannelAnalyser::Channel final : private OrderedSink {
     bool isFlow(const Datagram& datagram) const;
     bool isProtection(const Datagram& datagram) const;
     void feedOther(const Datagram& datagram);
+    void countOther(const Datagram& datagram);
     void beginFlow(const Datagram& datagram);
     void changeFlow(const Datagram& datagram);
     void feedFlow(const Datagram& datagram);
@@ -99,6 +112,7 @@ class alignas(4096) ChannelAnalyser::Channel final : private OrderedSink {
     uint64_t malformed_ = 0;
     uint64_t fragments_ = 0;
     uint64_t otherFlows_ = 0;
+    uint64_t otherSources_ = 0;
     uint64_t protection_ = 0;
     Marks marks_;
     Nanoseconds beginWall_ = 0;
@@ -107,7 +121,7 @@ class alignas(4096) ChannelAnalyser::Channel final : private OrderedSink {
     RtpOrder order_;
     RtpStatistics rtp_;
     uint64_t rtpMissing_ = 0;  // transport packets
-    uint64_t rtpLongest_ = 0;
+    LongestRun rtpRuns_;
 
     // A bare file, until its first pace is known.
     FirstPace firstPace_;

@@ -27,5 +27,17 @@ Report ChannelAnalyser::report() const {
 std::vector<Event> ChannelAnalyser::takeEvents() {
     return channel_->takeEvents();
 }
+void ChannelAnalyser::beginExcerpt(bool audio) {
+    channel_->beginExcerpt(audio);
+}
+bool ChannelAnalyser::excerptIsEnded() const {
+    return channel_->excerptIsEnded();
+}
+std::size_t ChannelAnalyser::excerptBytes() const {
+    return channel_->excerptBytes();
+}
+std::optional<Excerpt> ChannelAnalyser::takeExcerpt() {
+    return channel_->takeExcerpt();
+}
 
 }  // namespace meter

@@ -8,6 +8,9 @@ namespace meter {
 namespace {
 
 constexpr Ticks kHalfPcrRange = kPcrModulus / 2;
+// Where stream time goes with arrival it takes no more from one datagram to the next: while nothing arrives,
+// nothing is late.
+constexpr Nanoseconds kPauseLimit = 100'000'000;
 
 bool isScrambled(TsHeader header) {
     return header.hasPayload() && header.scramblingControl() != 0;
@@ -31,7 +34,7 @@ StreamAnalysis::StreamAnalysis(const Settings& settings)
 
 void StreamAnalysis::packets(Bytes bytes, Nanoseconds arrival, Nanoseconds wall, uint64_t missing) {
     if (!bare_) {
-        time_.arrived(arrival - arrival_);
+        time_.arrived(std::min(arrival - arrival_, kPauseLimit));
         if (arrival >= secondEnd_) {
             endSeconds(arrival);
         }
@@ -45,11 +48,28 @@ void StreamAnalysis::packets(Bytes bytes, Nanoseconds arrival, Nanoseconds wall,
         position_ += missing;
         missing_ += missing;
     }
+    if (excerpt_ != nullptr) [[unlikely]] {
+        feedExcerpt(bytes, arrival, wall, missing);
+    }
     for (; bytes.size() > kPacketsTogether * kPacketSize;
          bytes = bytes.subspan(kPacketsTogether * kPacketSize)) {
         batch(bytes.data(), bytes.data() + kPacketsTogether * kPacketSize);
     }
     batch(bytes.data(), bytes.data() + bytes.size());
+}
+
+void StreamAnalysis::feedExcerpt(Bytes bytes, Nanoseconds arrival, Nanoseconds wall, uint64_t missing) {
+    if (missing > 0) {
+        excerpt_->gap();
+    }
+    if (!excerpt_->isEnded()) {
+        excerpt_->packets(bytes, arrival, wall);
+    }
+}
+
+std::optional<Excerpt> StreamAnalysis::takeExcerpt() {
+    const std::unique_ptr<ExcerptTaker> taker = std::move(excerpt_);
+    return taker != nullptr ? std::optional(taker->take()) : std::nullopt;
 }
 
 // The packets' road. Most packets only go on with what began before, and end in the first branch.
@@ -91,6 +111,9 @@ void StreamAnalysis::batch(const uint8_t* packet, const uint8_t* end) {
     time_.put(run);
     position_ = position + static_cast<uint64_t>(end - begin) / kPacketSize;
     keepTouched();
+    if (roomWanted_) {
+        giveBackSilent();
+    }
 }
 
 inline void StreamAnalysis::goOn(PidState& state, const uint8_t* packet, Ticks now) {
@@ -168,28 +191,35 @@ PidRecord& StreamAnalysis::recordOfUnknown(uint16_t pid) {
     return record;
 }
 
-void StreamAnalysis::transportError(PidRecord& record) {
-    book_.hit(Check::kTransportError, record.pid, momentAt(time_.now()).arrival);
-    ++record.state->packets;
+// A damaged packet may name any PID: it makes none known.
+void StreamAnalysis::transportError(uint16_t pid) {
+    book_.hit(Check::kTransportError, pid, momentAt(time_.now()).arrival);
+    PidState& state = pids_.find(pid);
+    if (state.pid != pid) {
+        ++notTracked_;
+        return;
+    }
+    PidRecord& record = *state.record;
+    ++state.packets;
     ++record.notRead;
-    record.state->continuity.forget();
-    record.state->last = nullptr;
-    record.state->roles &= static_cast<uint8_t>(~kMediaWanted);
+    state.continuity.forget();
+    state.last = nullptr;
+    state.roles &= static_cast<uint8_t>(~kMediaWanted);
     if (record.sections) {
         record.sections->drop();
     }
 }
 
 void StreamAnalysis::lookAtPacket(const uint8_t* packet, TsHeader header, Ticks now, PidState& likely) {
-    PidState& state = stateOf(header.pid(), likely);
-    PidRecord& record = *state.record;
     if (header.transportErrorIndicator()) {
         if (now >= nextLook_) {
             look(now);
         }
-        transportError(record);
+        transportError(header.pid());
         return;
     }
+    PidState& state = stateOf(header.pid(), likely);
+    PidRecord& record = *state.record;
     if ((state.roles & kOverflowPid) != 0 || header.pid() == kNullPid ||
         !(header.hasPayload() || header.hasAdaptationField())) {
         if (now >= nextLook_) {
@@ -285,7 +315,7 @@ void StreamAnalysis::continuityError(PidRecord& record, const ContinuityFinding&
         lostByCounter_ += finding.missing;
         found_.byCounter += finding.missing;
         ++counterEvents_;
-        longestByCounter_ = std::max<uint64_t>(longestByCounter_, finding.missing);
+        counterRuns_.add(finding.missing);
     }
 }
 
@@ -331,7 +361,7 @@ void StreamAnalysis::clockLoss(int64_t missing) {
     lostByClock_ = lostByClock_.value_or(0) + missing;
     if (missing > 0) {
         ++clockEvents_;
-        longestByClock_ = std::max(longestByClock_, static_cast<uint64_t>(missing));
+        clockRuns_.add(static_cast<uint64_t>(missing));
     }
 }
 

@@ -5,11 +5,13 @@
 #include <limits>
 #include <vector>
 
+#include "analyser/longestRun.h"
 #include "checks/checkBook.h"
 #include "checks/presence.h"
 #include "checks/serviceInformation.h"
 #include "clocks/streamTime.h"
 #include "cues/cues.h"
+#include "excerpt/excerptTaker.h"
 #include "media/mediaStreams.h"
 #include "meter/report.h"
 #include "meter/settings.h"
@@ -64,22 +66,37 @@ class StreamAnalysis final : private SectionSink {
     Nanoseconds now() const {
         return bare_ ? toNanoseconds(time_.now()) : arrival_;
     }
+    // From the next packets on an excerpt is taken; one that was open is given up.
+    void beginExcerpt(bool audio) {
+        excerpt_ = std::make_unique<ExcerptTaker>(services_->model(), audio);
+    }
+    bool excerptIsEnded() const {
+        return excerpt_ != nullptr && excerpt_->isEnded();
+    }
+    std::size_t excerptBytes() const {
+        return excerpt_ != nullptr ? excerpt_->bytes() : 0;
+    }
+    // As far as it came; none is open then. Nothing where none was.
+    std::optional<Excerpt> takeExcerpt();
     // Fills all of the report but what concerns the flow, the network and loss by RTP.
     void fill(Report& report) const;
 
   private:
     static constexpr std::size_t kPacketsTogether = 64;  // after which their last ones are kept
     static constexpr std::size_t kChangesLimit = 100;    // the newest are kept
+    // After which a PID that nothing refers to gives its place to one that found none.
+    static constexpr Ticks kSilentLimit = 60 * kTicksPerSecond;
 
     void section(const Section& section) override;
     void checkCrc(const Section& section);
 
+    void feedExcerpt(Bytes bytes, Nanoseconds arrival, Nanoseconds wall, uint64_t missing);
     void batch(const uint8_t* packet, const uint8_t* end);
     bool synchronise(const uint8_t* packet);
     void lookAtPacket(const uint8_t* packet, TsHeader header, Ticks now, PidState& likely);
     void goOn(PidState& state, const uint8_t* packet, Ticks now);
     void continueUnit(PidState& state, const uint8_t* packet);
-    void transportError(PidRecord& record);
+    void transportError(uint16_t pid);
     PidState& stateOf(uint16_t pid, PidState& likely);
     PidRecord& recordOfUnknown(uint16_t pid);
     const PidRecord* clockRecordOf(const ProgramModel& program);
@@ -115,6 +132,10 @@ class StreamAnalysis final : private SectionSink {
     void endSeconds(Nanoseconds arrival);
     void endSecond(PidRecord& record, int64_t seconds);
     void applyModel();
+    std::vector<uint16_t> wantedPids(const ServiceModel& model) const;
+    void makeRoom(const std::vector<uint16_t>& wanted);
+    void giveBackSilent();
+    void release(PidRecord& record);
     void refer(uint16_t pid) {
         referenced_.set(pid & (kPidCount - 1));
     }
@@ -138,6 +159,7 @@ class StreamAnalysis final : private SectionSink {
     Nanoseconds arrival_ = 0;
     Nanoseconds wall_ = 0;
     Nanoseconds secondEnd_ = kNsPerSecond;
+    std::unique_ptr<ExcerptTaker> excerpt_;            // seldom there is one
     std::array<uint8_t, kPacketsTogether> touched_{};  // places of PIDs whose last packet is to be kept
     PidTable pids_;
 
@@ -153,17 +175,20 @@ class StreamAnalysis final : private SectionSink {
     std::unique_ptr<Cues> cues_ = std::make_unique<Cues>();
     uint64_t modelRevision_ = 0;
     bool modelChanged_ = false;
+    bool roomWanted_ = false;  // a PID found no place in the second that ended
     std::vector<PidRecord*> clocks_;
 
     uint64_t missing_ = 0;  // of the positions
+    uint64_t notTracked_ =
+        0;  // packets of PIDs that have no place, but for those of PidTable::refusedPackets()
     uint64_t scrambled_ = 0;
     uint64_t repeated_ = 0;
     uint64_t lostByCounter_ = 0;
     uint64_t counterEvents_ = 0;
-    uint64_t longestByCounter_ = 0;
+    LongestRun counterRuns_;
     std::optional<int64_t> lostByClock_;  // by the clock that spoke for the stream; known once one could tell
     uint64_t clockEvents_ = 0;
-    uint64_t longestByClock_ = 0;
+    LongestRun clockRuns_;
     LossFound found_;
 
     SecondRing rates_;  // packets a second

@@ -49,6 +49,8 @@ void StreamAnalysis::endSeconds(Nanoseconds arrival) {
     const uint64_t received = this->received() - receivedAtSecond_;
     const PidRecord* null = pids_.known(kNullPid);
     const uint64_t nullCount = null != nullptr ? null->state->packets : 0;
+    counterRuns_.secondsEnded(seconds);
+    clockRuns_.secondsEnded(seconds);
     nullShare_.reset();
     if (received > 0 && seconds == 1) {
         nullShare_ = static_cast<double>(nullCount - nullAtSecond_) / static_cast<double>(received);
@@ -72,6 +74,7 @@ void StreamAnalysis::endSeconds(Nanoseconds arrival) {
     }
     second_ = second;
     secondEnd_ = (second + 1) * kNsPerSecond;
+    roomWanted_ = pids_.refused();
     book_.advance(arrival);
 }
 
@@ -96,13 +99,16 @@ void StreamAnalysis::restart(Nanoseconds arrival) {
     sync_ = {};
     referenced_.reset();
     services_ = std::make_unique<Services>();
+    if (excerpt_ != nullptr) {
+        excerpt_->gap();
+    }
     media_ = std::make_unique<MediaStreams>();
     cues_->restart();
     rates_.clear();
     nullShare_.reset();
     for (PidRecord* const one : pids_.all()) {
         PidRecord& record = *one;
-        record.state->lastSeen = 0;
+        record.state->lastSeen = -kSilentLimit - 1;  // its place is the next one's who needs one
         record.state->last = nullptr;
         record.state->roles = kUnknownPid;
         record.state->continuity.forget();

@@ -95,12 +95,14 @@ void StreamAnalysis::fillLoss(LossReport& report) const {
         report.basis = "clock";
         report.packets = report.byClock;
         report.events = clockEvents_;
-        report.longest = longestByClock_;
+        report.longest = clockRuns_.ever();
+        report.longestLately = clockRuns_.lately();
     } else {
         report.basis = "counter";
         report.packets = static_cast<int64_t>(lostByCounter_);
         report.events = counterEvents_;
-        report.longest = longestByCounter_;
+        report.longest = counterRuns_.ever();
+        report.longestLately = counterRuns_.lately();
     }
     if (const std::optional<Ticks> longest = time_.duration(report.longest)) {
         report.longestMs = static_cast<double>(*longest) / static_cast<double>(kTicksPerMs);
@@ -134,6 +136,8 @@ void StreamAnalysis::fillPids(Report& report) const {
         pid.scrambling = scramblingOf(record.keysShown);
         pid.keyChanges = record.keyChanges;
         pid.referenced = record.referenced;
+        const Ticks silent = std::max<Ticks>(time_.now() - std::max<Ticks>(record.state->lastSeen, 0), 0);
+        pid.silentMs = static_cast<double>(silent) / static_cast<double>(kTicksPerMs);
     }
     std::ranges::sort(report.pids, {}, &PidReport::pid);
 }
@@ -174,6 +178,7 @@ void StreamAnalysis::fill(Report& report) const {
     report.packets.null = pids_.known(kNullPid) != nullptr ? pids_.known(kNullPid)->state->packets : 0;
     report.packets.scrambled = scrambled_;
     report.packets.repeated = repeated_;
+    report.packets.notTracked = notTracked_ + pids_.refusedPackets();
     fillLoss(report.packets.lost);
     if (!rates_.empty()) {
         report.bitrate.bps = rates_.latest() * kPacketBits;
@@ -193,7 +198,9 @@ void StreamAnalysis::fill(Report& report) const {
             (uint64_t{median.packets} * kPacketBits * static_cast<uint64_t>(kTicksPerSecond) +
              median.ticks / 2) /
             median.ticks;
-        report.bitrate.constant = rates.constant();
+        if (rates.judged()) {
+            report.bitrate.constant = rates.constant();
+        }
     }
     fillClocks(report);
     fillServices(report);

@@ -91,11 +91,81 @@ const PidRecord* StreamAnalysis::clockRecordOf(const ProgramModel& program) {
     return (record.state->roles & kOverflowPid) == 0 ? &record : nullptr;
 }
 
+// PIDs that the analysis reads, each once: tables first, then clocks, then streams.
+std::vector<uint16_t> StreamAnalysis::wantedPids(const ServiceModel& model) const {
+    std::vector<uint16_t> wanted;
+    std::bitset<kPidCount> listed;
+    const auto want = [&](uint16_t pid) {
+        if (!listed.test(pid & (kPidCount - 1))) {
+            listed.set(pid & (kPidCount - 1));
+            wanted.push_back(pid);
+        }
+    };
+    std::ranges::for_each(model.programs, [&](const ProgramModel& program) { want(program.pmtPid); });
+    for (const ProgramModel& program : model.programs) {
+        if (program.pcrPid != kNullPid) {  // else it has none
+            want(program.pcrPid);
+        }
+    }
+    for (const ProgramModel& program : model.programs) {
+        std::ranges::for_each(program.streams, [&](const StreamModel& stream) { want(stream.pid); });
+    }
+    return wanted;
+}
+
+// Those that are wanted take places of others: of what nothing refers to before conditional access, and of
+// those what is longest silent.
+void StreamAnalysis::makeRoom(const std::vector<uint16_t>& wanted) {
+    pids_.forgetRefused();
+    std::bitset<kPidCount> kept;
+    std::size_t missing = 0;
+    for (const uint16_t pid : wanted) {
+        kept.set(pid & (kPidCount - 1));
+        missing += hasKeptPlace(pid) || pids_.known(pid) != nullptr ? 0 : 1;
+    }
+    if (missing <= pids_.room()) {
+        return;
+    }
+    std::vector<PidRecord*> others;
+    for (PidRecord* const record : pids_.all()) {
+        if (!hasKeptPlace(record->pid) && !kept.test(record->pid)) {
+            others.push_back(record);
+        }
+    }
+    std::ranges::sort(others, {}, [this](const PidRecord* record) {
+        return std::pair(referenced_.test(record->pid), record->state->lastSeen);
+    });
+    others.resize(std::min(others.size(), missing - pids_.room()));
+    std::ranges::for_each(others, [this](PidRecord* record) { release(*record); });
+}
+
+void StreamAnalysis::giveBackSilent() {
+    roomWanted_ = false;
+    std::vector<PidRecord*> silent;
+    for (PidRecord* const record : pids_.all()) {
+        if (!referenced_.test(record->pid) && time_.now() - record->state->lastSeen > kSilentLimit) {
+            silent.push_back(record);
+        }
+    }
+    std::ranges::for_each(silent, [this](PidRecord* record) { release(*record); });
+    pids_.forgetRefused();
+}
+
+void StreamAnalysis::release(PidRecord& record) {
+    notTracked_ += record.state->packets;
+    presence_->forget(record, momentAt(time_.now()));
+    std::erase(clocks_, &record);
+    pids_.release(record);
+}
+
 // Not from within a section: what reads it may go.
 void StreamAnalysis::applyModel() {
     const ServiceModel& model = services_->model();
     modelChanged_ = false;
     modelRevision_ = model.revision;
+    if (excerpt_ != nullptr) {
+        excerpt_->setModel(model);
+    }
     referenced_.reset();
     std::bitset<kPidCount> pmtPids;
     std::bitset<kPidCount> cuePids;
@@ -118,10 +188,17 @@ void StreamAnalysis::applyModel() {
         pmtPids.set(program.pmtPid & (kPidCount - 1));
         refer(program.pcrPid);
         std::ranges::for_each(program.ecmPids, [this](uint16_t pid) { refer(pid); });
-        const PidRecord* const clock = clockRecordOf(program);
         for (const StreamModel& stream : program.streams) {
             refer(stream.pid);
             std::ranges::for_each(stream.ecmPids, [this](uint16_t pid) { refer(pid); });
+        }
+    }
+    const std::vector<uint16_t> wanted = wantedPids(model);
+    makeRoom(wanted);
+    std::ranges::for_each(wanted, [this](uint16_t pid) { pids_.obtain(pid); });
+    for (const ProgramModel& program : model.programs) {
+        const PidRecord* const clock = clockRecordOf(program);
+        for (const StreamModel& stream : program.streams) {
             PidRecord& record = pids_.obtain(stream.pid);
             if ((record.state->roles & kOverflowPid) == 0) {
                 record.stream = true;
@@ -136,11 +213,6 @@ void StreamAnalysis::applyModel() {
     }
     media_->setModel(model);
     const std::bitset<kPidCount> tables = pmtPids | cuePids;
-    for (uint32_t pid = 0; pid < kPidCount; ++pid) {
-        if (tables.test(pid)) {
-            pids_.obtain(static_cast<uint16_t>(pid));
-        }
-    }
     for (PidRecord* const one : pids_.all()) {
         PidRecord& record = *one;
         record.referenced = referenced_.test(record.pid);
@@ -159,7 +231,8 @@ void StreamAnalysis::applyModel() {
             record.state->roles &= static_cast<uint8_t>(~kSectionsPid);
         }
     }
-    presence_->setModel(model, momentAt(time_.now()));
+    information_->setModel(model);
+    presence_->setModel(model, referenced_, momentAt(time_.now()));
 }
 
 }  // namespace meter

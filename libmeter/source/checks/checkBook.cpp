@@ -86,9 +86,9 @@ void CheckBook::fill(std::vector<CheckReport>& reports) const {
     for (std::size_t i = 0; i < kCheckCount; ++i) {
         const Entry& from = entries_[i];
         CheckReport& to = reports.emplace_back();
-        to.id = kChecks[i].id;
-        to.name = kChecks[i].name;
-        to.priority = kChecks[i].priority;
+        to.id = basics::kChecks[i].id.data();
+        to.name = basics::kChecks[i].name.data();
+        to.priority = basics::kChecks[i].priority;
         to.count = from.count;
         to.seconds = from.seconds;
         to.active = from.active > 0;

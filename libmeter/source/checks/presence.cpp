@@ -50,6 +50,12 @@ void Presence::appeared(PidRecord& record, const Moment& moment) {
             listed.absence.came(moment.stream, Check::kPidError, moment.arrival, book_);
         }
     }
+    if (const auto known = std::ranges::lower_bound(forgotten_, record.pid);
+        known != forgotten_.end() && *known == record.pid) {
+        forgotten_.erase(known);
+        record.unreferencedHeld = true;
+        record.unreferencedFrom = moment.stream;
+    }
     if (!record.referenced && !record.unreferencedFrom) {
         record.unreferencedFrom = moment.stream;
         unreferenced_.push_back(&record);
@@ -91,17 +97,33 @@ Ticks Presence::look(const Look& at) {
     return next;
 }
 
-void Presence::setModel(const ServiceModel& model, const Moment& moment) {
+void Presence::forget(const PidRecord& record, const Moment& moment) {
+    std::erase_if(listed_, [&](const Listed& listed) {
+        if (listed.record == &record && listed.absence.held) {
+            book_.end(Check::kPidError, moment.arrival);
+        }
+        return listed.record == &record;
+    });
+    std::erase(unreferenced_, &record);
+    if (record.unreferencedHeld) {
+        forgotten_.insert(std::ranges::lower_bound(forgotten_, record.pid), record.pid);
+    }
+}
+
+void Presence::setModel(const ServiceModel& model, const std::bitset<kPidCount>& referenced,
+                        const Moment& moment) {
     std::vector<Program> programs;
     std::vector<Listed> listed;
     for (const ProgramModel& program : model.programs) {
         const auto same = std::ranges::find_if(programs_, [&](const Program& known) {
             return known.number == program.number && known.pid == program.pmtPid;
         });
-        programs.push_back(
-            same != programs_.end() ? *same : Program{program.number, program.pmtPid, {moment.stream}});
-        if (same != programs_.end()) {
-            same->absence.held = false;  // which goes on
+        if (pids_.known(program.pmtPid) != nullptr) {  // else nobody reads what comes there
+            programs.push_back(
+                same != programs_.end() ? *same : Program{program.number, program.pmtPid, {moment.stream}});
+            if (same != programs_.end()) {
+                same->absence.held = false;  // which goes on
+            }
         }
         for (const StreamModel& stream : program.streams) {
             const bool watched = stream.kind == StreamKind::kVideo ||
@@ -146,6 +168,12 @@ void Presence::setModel(const ServiceModel& model, const Moment& moment) {
         }
         record.unreferencedFrom.reset();
     }
+    std::erase_if(forgotten_, [&](uint16_t pid) {
+        if (referenced.test(pid)) {
+            book_.end(Check::kUnreferencedPid, moment.arrival);
+        }
+        return referenced.test(pid);
+    });
     std::erase_if(unreferenced_, [](const PidRecord* record) { return record->referenced; });
 }
 

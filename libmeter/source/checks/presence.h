@@ -1,6 +1,7 @@
 // Checks for what has to come often enough: PAT, PMTs, CAT, listed PIDs; and for PIDs that nobody refers to.
 #pragma once
 
+#include <bitset>
 #include <vector>
 
 #include "checks/checkBook.h"
@@ -59,8 +60,10 @@ class Presence {
     // A packet of a record with kUnknownPid: the first one, or the first since a limit was passed or since
     // nothing refers to the PID. Takes the role away.
     void appeared(PidRecord& record, const Moment& moment);
-    // The tables say something else. The records' `referenced` tells of it.
-    void setModel(const ServiceModel& model, const Moment& moment);
+    // The tables say something else. The records' `referenced` and `referenced` by PID tell of it.
+    void setModel(const ServiceModel& model, const std::bitset<kPidCount>& referenced, const Moment& moment);
+    // The record is about to go. A PID that nothing refers to stays known as such.
+    void forget(const PidRecord& record, const Moment& moment);
 
   private:
     struct Program {
@@ -80,6 +83,7 @@ class Presence {
     std::vector<Program> programs_;  // kProgramsLimit
     std::vector<Listed> listed_;
     std::vector<PidRecord*> unreferenced_;  // seen for less than the limit
+    std::vector<uint16_t> forgotten_;       // in order: 3.4.a holds for them, and they have no record
     bool catCame_ = false;
     bool catHeld_ = false;
     std::optional<Ticks> scrambledFrom_;  // packets each within the limit of the one before

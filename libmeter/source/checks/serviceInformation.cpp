@@ -60,6 +60,12 @@ bool mayStand(const SiPid& pid, uint8_t table) {
 }
 
 constexpr uint64_t kNumberMask = 0xFF;
+constexpr int kTableShift = 56;
+constexpr int kExtensionShift = 40;
+
+// A sub-table that is absent for so long beyond its limit may be gone for good.
+constexpr Ticks kGoneAfter = 60 * kS;
+constexpr Ticks kRoomLooks = kS;  // between two looks for room
 
 // The sub-table (ETSI EN 300 468, 5.1.1) and the section in it. Where the extension alone does not name the
 // sub-table, the identifiers behind the header do: original_network_id of the SDT, transport_stream_id and
@@ -67,7 +73,7 @@ constexpr uint64_t kNumberMask = 0xFF;
 uint64_t keyOf(Bytes section) {
     const uint8_t table = sectionTableId(section);
     if (!sectionSyntaxIndicator(section)) {
-        return uint64_t{table} << 56;
+        return uint64_t{table} << kTableShift;
     }
     uint64_t more = 0;
     if (table == kSdtActualTable || table == kSdtOtherTable) {
@@ -75,8 +81,8 @@ uint64_t keyOf(Bytes section) {
     } else if (table >= kEitActualPfTable && table <= kEitLastTable) {
         more = u32At(section, kLongSectionHeaderSize);
     }
-    return uint64_t{table} << 56 | uint64_t{sectionTableIdExtension(section)} << 40 | more << 8 |
-           sectionNumber(section);
+    return uint64_t{table} << kTableShift | uint64_t{sectionTableIdExtension(section)} << kExtensionShift |
+           more << 8 | sectionNumber(section);
 }
 
 const SiTable* tableOf(uint16_t pid, uint8_t id) {
@@ -123,8 +129,49 @@ void ServiceInformation::forgetBeyond(Key key, uint8_t lastNumber, Nanoseconds a
         if (at->second.aloneHeld) {
             book_.end(Check::kEitPfError, arrival);
         }
+        others_ -= at->second.table->absence ? 0 : 1;
         at = known_.erase(at);
     }
+}
+
+void ServiceInformation::setModel(const ServiceModel& model) {
+    patKnown_ = model.patKnown;
+    programs_.clear();
+    for (const ProgramModel& program : model.programs) {
+        programs_.push_back(program.number);
+    }
+    std::ranges::sort(programs_);
+}
+
+// Of a sub-table that is absent for long: another one came in its place, or its service left the stream.
+// There is one network and one stream that tables call the actual one, and one sub-table of present and
+// following a service.
+bool ServiceInformation::isGone(Key key, const Known& known) const {
+    const bool ofService = known.table->pair;
+    const auto service = static_cast<uint16_t>(key >> kExtensionShift);
+    if (ofService && patKnown_ && !std::ranges::binary_search(programs_, service)) {
+        return true;
+    }
+    const Key rest = (Key{1} << (ofService ? kExtensionShift : kTableShift)) - 1;
+    for (auto at = known_.lower_bound(key & ~rest); at != known_.end() && at->first <= (key | rest); ++at) {
+        if ((at->first & ~kNumberMask) != (key & ~kNumberMask) && at->second.last > known.last) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool ServiceInformation::hasRoom(const SiTable& table, Ticks now) {
+    const auto has = [&] {
+        return known_.size() < kSectionsLimit && (table.absence || others_ < kOthersLimit);
+    };
+    if (!has() && now - roomLookedAt_ >= kRoomLooks) {
+        roomLookedAt_ = now;
+        others_ -= std::erase_if(known_, [&](const auto& one) {
+            return !one.second.table->absence && now - one.second.last > kGoneAfter;
+        });
+    }
+    return has();
 }
 
 // Either of sections 0 and 1 is there, so both have to be (3.6.c).
@@ -174,7 +221,8 @@ void ServiceInformation::section(const Section& section) {
     }
     const auto at = known_.find(key);
     if (at == known_.end()) {
-        if (known_.size() < kSectionsLimit) {
+        if (hasRoom(*table, now)) {
+            others_ += table->absence ? 0 : 1;
             Known& known = known_.emplace(key, Known{table, now, false, {}, false}).first->second;
             if (table->pair && sectionNumber(section.bytes) <= 1) {
                 checkPair(key, known, section);
@@ -216,8 +264,20 @@ Ticks ServiceInformation::look(const Look& at) {
             beginFault(*never.table, at.passingOf(limit), at.arrival);
         }
     }
-    for (auto& [key, known] : known_) {
+    for (auto one = known_.begin(); one != known_.end();) {
+        auto& [key, known] = *one;
         const Ticks limit = known.last + known.table->limit;
+        const bool mayBeGone = at.now > limit + kGoneAfter;
+        if (mayBeGone && known.aloneHeld) {
+            known.aloneHeld = false;
+            known.aloneFrom.reset();
+            book_.end(Check::kEitPfError, at.arrival);
+        }
+        if (mayBeGone && known.held && isGone(key, known)) {
+            endFault(*known.table, at.arrival);
+            one = known_.erase(one);
+            continue;
+        }
         if (known.table->absence && !known.held && passed(limit)) {
             known.held = true;
             beginFault(*known.table, at.passingOf(limit), at.arrival);
@@ -227,6 +287,7 @@ Ticks ServiceInformation::look(const Look& at) {
             book_.begin(Check::kEitPfError, known.table->pid,
                         at.passingOf(*known.aloneFrom + known.table->limit), at.arrival);
         }
+        ++one;
     }
     return next;
 }

@@ -7,6 +7,7 @@
 
 #include "checks/presence.h"
 #include "sections/section.h"
+#include "services/serviceModel.h"
 
 namespace meter {
 
@@ -24,8 +25,11 @@ struct SiTable {
 
 class ServiceInformation {
   public:
-    // Sections of sub-tables that are told apart; what is beyond is not held to intervals.
+    // Sections of sub-tables that are told apart; what is beyond is not held to intervals, and finds room
+    // when others did not come for a minute.
     static constexpr std::size_t kSectionsLimit = 1024;
+    // Of them for tables that are not held to an interval while nothing comes.
+    static constexpr std::size_t kOthersLimit = 768;
 
     ServiceInformation(bool required, CheckBook& book, Ticks begin);
 
@@ -33,6 +37,8 @@ class ServiceInformation {
     void section(const Section& section);
     // Returns when the next limit is passed if nothing comes.
     Ticks look(const Look& at);
+    // The tables say something else: services that a PAT lists no more may go.
+    void setModel(const ServiceModel& model);
 
   private:
     // table_id, extension, section_number and what else tells sub-tables apart, in one number.
@@ -53,10 +59,16 @@ class ServiceInformation {
     void beginFault(const SiTable& table, Nanoseconds from, Nanoseconds to);
     void endFault(const SiTable& table, Nanoseconds at);
     void checkPair(Key key, Known& known, const Section& section);
+    bool hasRoom(const SiTable& table, Ticks now);
+    bool isGone(Key key, const Known& known) const;
     void forgetBeyond(Key key, uint8_t lastNumber, Nanoseconds arrival);
 
     CheckBook& book_;
     std::map<Key, Known> known_;
+    std::size_t others_ = 0;  // of known_, those of tables without absence
+    Ticks roomLookedAt_ = 0;
+    bool patKnown_ = false;
+    std::vector<uint16_t> programs_;  // of the PAT, in order
     std::vector<Never> never_;
 };
 

@@ -8,10 +8,18 @@ namespace {
 
 constexpr int64_t kPartsPerNs = 27;
 constexpr int64_t kPartsPerTick = 1000;
+// Some five years, of either: a clock whose PCRs run so far ahead of the time is none, and delays stay within
+// 64 bits.
+constexpr Nanoseconds kLatestArrival = INT64_MAX / kPartsPerNs / 2;
+constexpr Ticks kLatestTime = INT64_MAX / kPartsPerTick / 2;
 
 }  // namespace
 
 void ClockOffset::pcr(Nanoseconds arrival, Ticks time) {
+    if (arrival > kLatestArrival || time > kLatestTime) {
+        restart();
+        return;
+    }
     const int64_t delay = arrival * kPartsPerNs - time * kPartsPerTick;
     if (!low_ || delay < low_->delay) {
         low_ = Low{0, arrival, delay};

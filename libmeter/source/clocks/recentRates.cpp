@@ -97,6 +97,10 @@ void RecentRates::add(const Pace& pace, Ticks now) {
     judge();
 }
 
+bool RecentRates::judged() const {
+    return order_.size() >= kRatesToJudge;
+}
+
 void RecentRates::judge() {
     const std::size_t count = order_.size();
     medianIndex_ = order_[count / 2];

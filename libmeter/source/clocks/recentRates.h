@@ -31,6 +31,8 @@ class RecentRates {
     Pace median() const {
         return median_;
     }
+    // Whether there are the 8 or more that constant() needs.
+    bool judged() const;
     // Whether 8 or more rates lie as close together as those of a constant bit rate do.
     bool constant() const {
         return constant_;

@@ -3,18 +3,16 @@
 #include <algorithm>
 #include <deque>
 
+#include "basics/text.h"
 #include "cues/spliceInfo.h"
 #include "fields/wallClock.h"
 
 namespace meter {
 namespace {
 
-// FNV-1a: enough to tell one cue of a stream from the others.
+// Enough to tell one cue of a stream from the others.
 uint64_t contentOf(Bytes section) {
-    uint64_t hash = 0xCBF29CE484222325;
-    for (const uint8_t byte : section)
-        hash = (hash ^ byte) * 0x100000001B3;
-    return hash;
+    return basics::fingerprint({reinterpret_cast<const char*>(section.data()), section.size()});
 }
 
 // PTS less the program clock, over the wrap.

@@ -102,7 +102,7 @@ bool isCueDescriptor(Bytes content) {
 }
 
 std::optional<SegmentationReport> readSegmentation(Bytes content, bool& cancelled) {
-    constexpr double kTicksPerMs = 90.0;
+    constexpr double kStampTicksPerMs = 90.0;
     constexpr std::size_t kComponentBits = 8 + 7 + 33;
     BitReader reader(content);
     reader.skip(32);  // identifier
@@ -118,7 +118,7 @@ std::optional<SegmentationReport> readSegmentation(Bytes content, bool& cancelle
     if (!wholeProgram)
         reader.skip(reader.bits(8) * kComponentBits);
     if (hasDuration)
-        report.durationMs = static_cast<double>(reader.longBits(40)) / kTicksPerMs;
+        report.durationMs = static_cast<double>(reader.longBits(40)) / kStampTicksPerMs;
     const auto upidType = static_cast<uint8_t>(reader.bits(8));
     const std::size_t upidLength = reader.bits(8);
     const Bytes upid = bytesAt(content, reader.position() / 8, upidLength);

@@ -221,7 +221,11 @@ void H264Reader::readSlice(Bytes unit) {
     const uint32_t firstMacroblock = reader.ue();
     const uint32_t type = reader.ue();
     const uint32_t pictureSet = reader.ue();
-    if (reader.overrun() || firstMacroblock != 0 || type > 9)
+    // Table 7-6: 0 and 3 P and SP, 1 B, 2 and 4 I and SI; from 5 on all slices of the picture are alike.
+    constexpr std::array<PictureType, 5> kTypes = {PictureType::kP, PictureType::kB, PictureType::kI,
+                                                   PictureType::kP, PictureType::kI};
+    sliceType_ = reader.overrun() || type > 9 ? std::nullopt : std::optional(kTypes[type % kTypes.size()]);
+    if (!sliceType_ || firstMacroblock != 0)
         return;
     std::optional<Field> field;
     if (pictureSet < kPictureSets && sequenceOf_[pictureSet] != kUnknown) {
@@ -235,11 +239,8 @@ void H264Reader::readSlice(Bytes unit) {
     const bool recovery = std::exchange(recoveryPoint_, false);
     if (isSecondField(field))
         return;
-    // Table 7-6: 0 and 3 P and SP, 1 B, 2 and 4 I and SI; from 5 on all slices of the picture are alike.
-    constexpr std::array<PictureType, 5> kTypes = {PictureType::kP, PictureType::kB, PictureType::kI,
-                                                   PictureType::kP, PictureType::kI};
     const bool idr = nalType(u8At(unit, 0)) == kIdrSlice;
-    picture_ = PictureStart{.type = kTypes[type % 5], .closed = idr, .randomAccess = idr || recovery};
+    picture_ = PictureStart{.type = *sliceType_, .closed = idr, .randomAccess = idr || recovery};
 }
 
 bool H264Reader::isSecondField(const std::optional<Field>& field) {

@@ -30,6 +30,14 @@ class H264Reader {
     bool takeSlice() {
         return std::exchange(slice_, false);
     }
+    // The picture that began last is a field, whose other one has not begun.
+    bool awaitsField() const {
+        return firstField_.has_value();
+    }
+    // Of the slice that was read last; none: it cannot be read.
+    std::optional<PictureType> sliceType() const {
+        return sliceType_;
+    }
 
   private:
     static constexpr std::size_t kSequenceSets = 32;
@@ -63,6 +71,7 @@ class H264Reader {
     std::optional<PictureStart> picture_;
     std::optional<Field> firstField_;  // that waits for its second one
     bool recoveryPoint_ = false;       // a SEI message says so of the next picture
+    std::optional<PictureType> sliceType_;
     bool slice_ = false;
 };
 

@@ -27,6 +27,10 @@ class H265Reader {
     bool takeSlice() {
         return std::exchange(slice_, false);
     }
+    // Fields are pictures of their own.
+    static constexpr bool awaitsField() {
+        return false;
+    }
 
   private:
     static constexpr std::size_t kPictureSets = 64;

@@ -89,8 +89,10 @@ void MediaStreams::setModel(const ServiceModel& model) {
                                                               .leastAhead = {},
                                                               .lastLeastAhead = {}}));
     std::ranges::stable_sort(fresh, {}, State::pidOf);
-    const auto repeated = std::ranges::unique(fresh, {}, State::pidOf);
-    fresh.erase(repeated.begin(), repeated.end());
+    // Not std::ranges::unique: Clang 14 does not take the subrange that it returns.
+    fresh.erase(std::unique(fresh.begin(), fresh.end(),
+                            [](const auto& one, const auto& other) { return one->pid == other->pid; }),
+                fresh.end());
     if (fresh.size() > kMediaStreamsLimit)
         fresh.erase(fresh.begin() + kMediaStreamsLimit, fresh.end());
     for (std::unique_ptr<MediaStream>& old : state_->streams) {

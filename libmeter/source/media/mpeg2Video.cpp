@@ -93,7 +93,7 @@ void Mpeg2Reader::readSequence(Bytes unit) {
     const uint32_t rate = reader.bits(4);
     if (reader.overrun() || rate >= std::size(kFrameRates))
         return;
-    format.frameRate = kFrameRates[rate];
+    format.frameRate = headerRate_ = kFrameRates[rate];
     displayWidth_ = 0;
     displayHeight_ = 0;
     sequence_ = format;
@@ -137,9 +137,8 @@ void Mpeg2Reader::readSequenceExtension(Bytes unit) {
     sequence_.chroma = static_cast<uint8_t>(chroma);
     sequence_.width = (sequence_.width & 0xFFF) | widthHigh << 12;
     sequence_.height = (sequence_.height & 0xFFF) | heightHigh << 12;
-    if (sequence_.frameRate.denominator != 0)
-        sequence_.frameRate = reduced(uint64_t{sequence_.frameRate.numerator} * numerator,
-                                      uint64_t{sequence_.frameRate.denominator} * denominator);
+    sequence_.frameRate =
+        reduced(uint64_t{headerRate_.numerator} * numerator, uint64_t{headerRate_.denominator} * denominator);
 }
 
 void Mpeg2Reader::readDisplayExtension(Bytes unit) {

@@ -26,6 +26,10 @@ class Mpeg2Reader {
     bool takeSlice() {
         return std::exchange(slice_, false);
     }
+    // The picture that began last is a field, whose other one has not begun.
+    bool awaitsField() const {
+        return firstField_.has_value();
+    }
 
   private:
     struct Header {  // of a picture, until what follows it says how it is coded
@@ -44,6 +48,7 @@ class Mpeg2Reader {
 
     // Of the sequence header and its extensions.
     VideoFormat sequence_;
+    Ratio headerRate_;           // of the header alone: an extension may come again
     uint32_t aspect_ = 0;        // aspect_ratio_information
     uint32_t displayWidth_ = 0;  // 0: as coded
     uint32_t displayHeight_ = 0;

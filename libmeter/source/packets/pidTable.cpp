@@ -1,5 +1,7 @@
 #include "packets/pidTable.h"
 
+#include <algorithm>
+
 namespace meter {
 
 PidTable::PidTable() : records_{&none_, &overflow_} {
@@ -17,30 +19,60 @@ PidRecord& PidTable::obtain(uint16_t pid) {
         const bool kept = hasKeptPlace(pid);
         if (kept || othersTaken_ < kPidsLimit - kKeptPlaces) {
             othersTaken_ += kept ? 0 : 1;
-            if (records_.size() == kNearPlaces) {
-                moveStates();
-            }
-            PidRecord& record = nextRecord();
+            place = freePlace();
+            PidRecord& record = *records_[place];
             record.pid = pid;
-            static_assert(kPlaces - 1 <= UINT8_MAX);
-            place = static_cast<uint8_t>(records_.size());
-            record.state = &states_[place];
             record.state->pid = pid;
-            record.state->record = &record;
-            records_.push_back(&record);
         } else {
             place = kOverflow;
+            refused_ = true;
         }
     }
     return *records_[place];
 }
 
+uint8_t PidTable::freePlace() {
+    if (!free_.empty()) {
+        const uint8_t place = free_.back();
+        free_.pop_back();
+        return place;
+    }
+    if (records_.size() == kNearPlaces) {
+        moveStates();
+    }
+    static_assert(kPlaces - 1 <= UINT8_MAX);
+    const auto place = static_cast<uint8_t>(records_.size());
+    PidRecord& record = nextRecord();
+    record.state = &states_[place];
+    record.state->record = &record;
+    records_.push_back(&record);
+    return place;
+}
+
 PidRecord& PidTable::nextRecord() {
-    const std::size_t place = all().size() % kTogether;
+    const std::size_t place = (records_.size() - kFirstPidPlace) % kTogether;
     if (place == 0) {
         own_.push_back(std::make_unique<Records>());
     }
     return (*own_.back())[place];
+}
+
+void PidTable::release(PidRecord& record) {
+    PidState* const state = record.state;
+    index_[record.pid & (kPidCount - 1)] = kNoPid;
+    free_.push_back(placeOf(*state));
+    --othersTaken_;
+    record = {};
+    record.state = state;
+    *state = {};
+    state->record = &record;
+}
+
+void PidTable::forgetRefused() {
+    if (refused_) {
+        std::ranges::replace(index_, kOverflow, kNoPid);
+        refused_ = false;
+    }
 }
 
 void PidTable::moveStates() {

@@ -61,7 +61,7 @@ static_assert(sizeof(PidState) == kCacheLine);
 // What else is kept of a PID.
 struct alignas(kCacheLine) PidRecord {
     PidState* state = nullptr;
-    uint16_t pid = 0;
+    uint16_t pid = kNoSuchPid;  // until it is given to one
 
     // What the begin of a PES packet or a PCR touches.
     StreamKind kind = StreamKind::kData;  // where a PMT lists it
@@ -146,13 +146,71 @@ class PidTable {
         const uint8_t place = index_[pid & (kPidCount - 1)];
         return place == kNoPid || place == kOverflow ? nullptr : records_[place];
     }
-    // Makes one where there is none. The record of all that found no place when the table is full. States
-    // move.
+    // Makes one where there is none. The record of all that found no place when the table is full: so it is
+    // until forgetRefused(). States move.
     PidRecord& obtain(uint16_t pid);
+    // PIDs without a kept place that obtain() has room for.
+    std::size_t room() const {
+        return kPidsLimit - kKeptPlaces - othersTaken_;
+    }
+    // Whether a PID found no place since forgetRefused().
+    bool refused() const {
+        return refused_;
+    }
+    // Those that found no place are as those that did not come yet.
+    void forgetRefused();
+    // Gives the place back. REQUIRES: a record of all(), of a PID without a kept place; nobody else points to
+    // it.
+    void release(PidRecord& record);
+    // Packets of PIDs that found no place.
+    uint64_t refusedPackets() const {
+        return overflow_.state->packets;
+    }
 
-    // In the order in which they came; the overflow is not among them.
-    std::span<PidRecord* const> all() const {
-        return std::span(records_).subspan(kFirstPidPlace);
+    // A walk over records that leaves out places without a PID. Not std::views::filter, which Clang 14 does
+    // not take.
+    class Known {
+      public:
+        class Iterator {
+          public:
+            Iterator(PidRecord* const* at, PidRecord* const* end) : at_(at), end_(end) {
+                skip();
+            }
+            PidRecord* operator*() const {
+                return *at_;
+            }
+            Iterator& operator++() {
+                ++at_;
+                skip();
+                return *this;
+            }
+            bool operator==(const Iterator& other) const {
+                return at_ == other.at_;
+            }
+
+          private:
+            void skip() {
+                while (at_ != end_ && (*at_)->pid == kNoSuchPid) {
+                    ++at_;
+                }
+            }
+            PidRecord* const* at_;
+            PidRecord* const* end_;
+        };
+        explicit Known(std::span<PidRecord* const> records) : records_(records) {}
+        Iterator begin() const {
+            return {records_.data(), records_.data() + records_.size()};
+        }
+        Iterator end() const {
+            return {records_.data() + records_.size(), records_.data() + records_.size()};
+        }
+
+      private:
+        std::span<PidRecord* const> records_;
+    };
+    // Records of PIDs, by place; the overflow is not among them.
+    Known all() const {
+        return Known(std::span(records_).subspan(kFirstPidPlace));
     }
 
   private:
@@ -163,6 +221,7 @@ class PidTable {
     static constexpr std::size_t kTogether = 8;
     using Records = std::array<PidRecord, kTogether>;
 
+    uint8_t freePlace();
     PidRecord& nextRecord();
     void moveStates();
 
@@ -176,6 +235,8 @@ class PidTable {
     std::vector<PidRecord*> records_;  // by place
     std::vector<std::unique_ptr<Records>> own_;
     std::size_t othersTaken_ = 0;  // places, by PIDs without a kept one
+    std::vector<uint8_t> free_;    // places that were given back
+    bool refused_ = false;
     PidRecord none_;
     PidRecord overflow_;
     std::array<uint8_t, kPidCount> index_{};  // places

@@ -1,6 +1,7 @@
 // The report as JSON. Every member of a level stands here once, in the order in which readers see it.
 #include "basics/address.h"
 #include "basics/jsonWriter.h"
+#include "meter/cueJson.h"
 #include "meter/report.h"
 
 namespace meter {
@@ -65,6 +66,7 @@ void writePackets(JsonWriter& json, const PacketsReport& packets) {
         .member("null", packets.null)
         .member("scrambled", packets.scrambled)
         .member("repeated", packets.repeated)
+        .member("notTracked", packets.notTracked)
         .name("lost")
         .open('{')
         .member("packets", lost.packets)
@@ -309,6 +311,16 @@ void writeChange(JsonWriter& json, const ChangeReport& change) {
 
 }  // namespace
 
+std::string cueJson(const CueReport& cue, std::string_view first) {
+    std::string members;
+    JsonWriter json(members);
+    writeCue(json, cue);
+    if (!first.empty()) {
+        members.insert(1, std::string(first) + ",");
+    }
+    return members;
+}
+
 std::string toJson(const Report& report) {
     std::string text;
     text.reserve(kUsualSize);
@@ -341,8 +353,25 @@ std::string toJson(const Report& report) {
         json.name("live")
             .open('{')
             .member("disturbed", report.live->disturbed)
+            .member("disturbedSeconds", report.live->disturbedSeconds)
+            .member("lastDisturbed", report.live->lastDisturbed)
             .member("joinLatencyMs", report.live->joinLatencyMs)
-            .close('}');
+            .name("leftOut");
+        if (const auto& leftOut = report.live->leftOut) {
+            json.open('{')
+                .member("cues", leftOut->cues)
+                .member("changes", leftOut->changes)
+                .member("services", leftOut->services)
+                .member("streams", leftOut->streams)
+                .member("pids", leftOut->pids)
+                .member("checkPids", leftOut->checkPids)
+                .member("clocks", leftOut->clocks)
+                .member("serviceLevels", leftOut->serviceLevels)
+                .close('}');
+        } else {
+            json.value(nullptr);
+        }
+        json.close('}');
     }
     json.close('}');
     return text;
