@@ -8,10 +8,9 @@ namespace meterd {
 
 namespace {
 
-constexpr int64_t kNsPerSecond = 1'000'000'000;
 constexpr int kTries = 5;
 
-int64_t read(clockid_t clock) {
+int64_t nanosecondsOf(clockid_t clock) {
     timespec time{};
     clock_gettime(clock, &time);
     return int64_t{time.tv_sec} * kNsPerSecond + time.tv_nsec;
@@ -23,9 +22,9 @@ ClockReading readClocks() {
     ClockReading best;
     best.uncertainty = INT64_MAX;
     for (int i = 0; i < kTries; ++i) {
-        const int64_t before = read(CLOCK_MONOTONIC);
-        const int64_t wall = read(CLOCK_REALTIME);
-        const int64_t after = read(CLOCK_MONOTONIC);
+        const int64_t before = nanosecondsOf(CLOCK_MONOTONIC);
+        const int64_t wall = nanosecondsOf(CLOCK_REALTIME);
+        const int64_t after = nanosecondsOf(CLOCK_MONOTONIC);
         if (after - before < best.uncertainty) {
             best = {wall, before + (after - before) / 2, after - before};
         }

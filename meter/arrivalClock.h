@@ -5,6 +5,8 @@
 
 namespace meterd {
 
+inline constexpr int64_t kNsPerSecond = 1'000'000'000;
+
 // Both clocks read at the same moment, in ns.
 struct ClockReading {
     int64_t wall = 0;

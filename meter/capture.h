@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "meter/frame.h"
@@ -14,7 +15,9 @@ namespace meterd {
 struct CaptureCounts {
     uint64_t frames = 0;
     uint64_t kernelDrops = 0;  // the ring had no place
-    uint64_t cardDrops = 0;    // by the card or its driver, of all traffic, also what nobody asked for
+    // By the card or its driver, of all traffic, also what nobody asked for; none: they do not tell.
+    std::optional<uint64_t> cardDrops{};
+    uint64_t cut = 0;  // frames that the kernel handed over in part: they are not measured
 };
 
 // Takes a frame's datagram or fragment; the payload lives for the call.
@@ -68,7 +71,8 @@ struct LiveOptions {
 std::unique_ptr<Capture> openLive(const LiveOptions& options);
 
 // A recording (pcap, pcapng), at the pace at which it was recorded: its first frame comes at once, and each
-// arrival is as far from the first one as in the recording. Throws std::runtime_error with path and reason.
+// arrival is as far from the first one as in the recording, unless its times leap by an hour. Throws
+// std::runtime_error with path and reason.
 std::unique_ptr<Capture> openFile(const std::string& path, Share share);
 
 // The interface that the probe captures on: the first of libpcap's whose name contains "eth0"; empty: none.

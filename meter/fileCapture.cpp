@@ -28,9 +28,13 @@ class FileCapture final : public Capture {
                 ended_ = true;
                 break;
             }
-            if (!begin_) {
+            // Where the time leaps it is damaged, or another recording's behind it: what follows comes at
+            // once.
+            const int64_t step = next_->time - last_;  // neither is negative
+            if (!begin_ || step > kLeap || step < -kLeap) {
                 begin_ = now - next_->time;
             }
+            last_ = next_->time;
             const int64_t arrival = next_->time + *begin_;
             if (arrival > now) {
                 break;
@@ -47,13 +51,15 @@ class FileCapture final : public Capture {
         return ended_;
     }
     CaptureCounts counts() override {
-        return {frames_, 0, 0};
+        return {.frames = frames_};
     }
     std::string interface() const override {
         return path_;
     }
 
   private:
+    static constexpr int64_t kLeap = 3'600'000'000'000;  // ns
+
     void take(int64_t arrival, const DatagramSink& sink) {
         if (next_->cut ||
             meter::readFrame(file_.link(), next_->bytes, datagram_) == meter::FrameContent::kOther ||
@@ -70,6 +76,7 @@ class FileCapture final : public Capture {
     CaptureFile file_;
     std::optional<CaptureFile::Frame> next_;  // that is not due yet
     std::optional<int64_t> begin_;            // from its times to arrivals
+    int64_t last_ = 0;                        // its time
     meter::Datagram datagram_;
     uint64_t frames_ = 0;
     bool ended_ = false;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 namespace meterd {
@@ -49,7 +50,7 @@ Joins::~Joins() {
     leaveAll();
 }
 
-std::vector<Membership> Joins::apply(int interface, const std::vector<Membership>& wanted) {
+std::vector<JoinedGroup> Joins::apply(int interface, const std::vector<Membership>& wanted) {
     if (interface != interface_) {
         leaveAll();
         interface_ = interface;
@@ -64,18 +65,20 @@ std::vector<Membership> Joins::apply(int interface, const std::vector<Membership
             entry = joined_.erase(entry);
         }
     }
-    std::vector<Membership> joined;
+    std::vector<JoinedGroup> joined;
     failures_ = 0;
     problem_.clear();
     for (const Membership& membership : sorted) {
         if (joined_.contains(membership)) {
             continue;
         }
+        const int64_t begin =
+            std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
         if (interface_ == 0) {
             problem_ = "there is no such interface";
             ++failures_;
         } else if (join(membership)) {
-            joined.push_back(membership);
+            joined.push_back({membership.group, begin});
         } else {
             ++failures_;
         }

@@ -15,6 +15,10 @@ struct Membership {
 
     auto operator<=>(const Membership&) const = default;
 };
+struct JoinedGroup {
+    uint32_t group = 0;
+    int64_t at = 0;  // by the steady clock, in ns: just before the kernel was asked
+};
 
 // Sockets are never bound: they hold memberships and receive nothing. One thread uses it.
 class Joins {
@@ -26,7 +30,7 @@ class Joins {
     // Leaves what is not wanted, joins what is not joined; what could not be joined is tried again with each
     // call. Another interface (its index; 0: there is none now, and all fail) begins anew. Returns what was
     // joined by this call.
-    std::vector<Membership> apply(int interface, const std::vector<Membership>& wanted);
+    std::vector<JoinedGroup> apply(int interface, const std::vector<Membership>& wanted);
 
     std::size_t joined() const {
         return joined_.size();

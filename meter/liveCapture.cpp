@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include "arrivalClock.h"
 #include "capture.h"
@@ -20,9 +22,9 @@ namespace meterd {
 namespace {
 
 constexpr std::string_view kProbesName = "eth0";
-constexpr int kSnapLength = 2048;  // a frame of 1500 bytes with tags; longer ones are fragments of UDP anyway
-constexpr int kBlockMs = 20;       // the kernel hands over what is there after this long at the latest
-constexpr int64_t kNsPerSecond = 1'000'000'000;
+constexpr int kSnapLength =
+    65535;                    // also jumbo frames, and what a card put together; room is taken as it is used
+constexpr int kBlockMs = 20;  // the kernel hands over what is there after this long at the latest
 
 struct Closer {
     void operator()(pcap_t* handle) const {
@@ -69,6 +71,10 @@ class LiveCapture final : public Capture {
         setFilter();
         index_ = if_nametoindex(interface_.c_str());
         cardDropsBefore_ = readCardDrops();
+        if (cardDropsBefore_) {
+            cardDrops_ = 0;
+        }
+        carrierChanges_ = readCounter("carrier_changes").value_or(0);
     }
 
     int descriptor() const override {
@@ -94,12 +100,16 @@ class LiveCapture final : public Capture {
             kernelDrops_ += now.ps_drop - kernelBefore_;
             kernelBefore_ = now.ps_drop;
         }
-        const uint64_t card = readCardDrops();
-        if (card > cardDropsBefore_) {
-            cardDrops_ += card - cardDropsBefore_;
+        const std::optional<uint64_t> card = readCardDrops();
+        if (card) {
+            if (!cardDrops_) {
+                cardDrops_ = 0;
+            } else if (cardDropsBefore_ && *card > *cardDropsBefore_) {
+                *cardDrops_ += *card - *cardDropsBefore_;
+            }
+            cardDropsBefore_ = card;
         }
-        cardDropsBefore_ = card;
-        return {frames_, kernelDrops_, cardDrops_};
+        return {frames_, kernelDrops_, cardDrops_, cut_};
     }
 
     std::string interface() const override {
@@ -125,7 +135,13 @@ class LiveCapture final : public Capture {
         if ((request.ifr_flags & IFF_UP) == 0) {
             return interface_ + " is down: ip link set " + interface_ + " up";
         }
-        return (request.ifr_flags & IFF_RUNNING) == 0 ? interface_ + " has no carrier" : "";
+        const uint64_t changes = readCounter("carrier_changes").value_or(0);
+        const bool changed = std::exchange(carrierChanges_, changes) != changes;
+        if ((request.ifr_flags & IFF_RUNNING) == 0) {
+            return interface_ + " has no carrier";
+        }
+        // Also for less than the second between two looks.
+        return changed ? interface_ + " was without carrier a moment ago" : "";
     }
 
   private:
@@ -143,6 +159,10 @@ class LiveCapture final : public Capture {
     }
 
     void take(const pcap_pkthdr& header, const u_char* bytes) {
+        if (header.caplen < header.len) {
+            ++cut_;
+            return;
+        }
         if (meter::readFrame(meter::LinkLayer::kEthernet, {bytes, header.caplen}, datagram_) ==
                 meter::FrameContent::kOther ||
             !share_.takes(datagram_.destination)) {
@@ -164,16 +184,23 @@ class LiveCapture final : public Capture {
         }
     }
 
-    // rx_dropped also counts frames of protocols that nobody wants, but not while somebody captures all. Some
-    // drivers count a frame as missed and in rx_fifo_errors too.
-    uint64_t readCardDrops() const {
-        const auto read = [this](const char* counter) {
-            std::ifstream file("/sys/class/net/" + interface_ + "/statistics/" + counter);
-            uint64_t value = 0;
-            file >> value;
-            return value;
-        };
-        return read("rx_dropped") + std::max(read("rx_missed_errors"), read("rx_fifo_errors"));
+    std::optional<uint64_t> readCounter(const std::string& name) const {
+        std::ifstream file("/sys/class/net/" + interface_ + "/" + name);
+        uint64_t value = 0;
+        return file >> value ? std::optional(value) : std::nullopt;
+    }
+
+    // rx_dropped also counts frames of protocols that nobody wants, but not while somebody captures all;
+    // those in VLANs that this machine has no interface for it counts all the same. Some drivers count a
+    // frame as missed and in rx_fifo_errors too.
+    std::optional<uint64_t> readCardDrops() const {
+        const auto dropped = readCounter("statistics/rx_dropped");
+        const auto missed = readCounter("statistics/rx_missed_errors");
+        const auto overruns = readCounter("statistics/rx_fifo_errors");
+        if (!dropped && !missed && !overruns) {
+            return std::nullopt;
+        }
+        return dropped.value_or(0) + std::max(missed.value_or(0), overruns.value_or(0));
     }
 
     std::string interface_;
@@ -186,8 +213,10 @@ class LiveCapture final : public Capture {
     uint64_t frames_ = 0;
     uint64_t kernelDrops_ = 0;
     uint32_t kernelBefore_ = 0;
-    uint64_t cardDrops_ = 0;
-    uint64_t cardDropsBefore_ = 0;
+    std::optional<uint64_t> cardDrops_;  // none: they cannot be read
+    std::optional<uint64_t> cardDropsBefore_;
+    uint64_t cut_ = 0;
+    uint64_t carrierChanges_ = 0;
 };
 
 }  // namespace

@@ -3,8 +3,11 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
+
+#include "framing.h"
 
 namespace meterd {
 
@@ -26,6 +29,7 @@ void Outbox::open() {
 void Outbox::close() {
     const std::lock_guard lock(mutex_);
     open_ = false;
+    eventsLost_ += static_cast<uint64_t>(std::ranges::count_if(entries_, &Entry::event));
     entries_.clear();
     secondBytes_ = eventBytes_ = 0;
 }
@@ -35,6 +39,21 @@ bool Outbox::isOpen() const {
     return open_;
 }
 
+bool Outbox::reserve(std::size_t bytes) {
+    const std::lock_guard lock(mutex_);
+    if (secondBytes_ + reservedBytes_ + bytes > kBytes) {
+        return false;
+    }
+    reservedBytes_ += bytes;
+    return true;
+}
+
+void Outbox::loseSecond(std::size_t reserved) {
+    const std::lock_guard lock(mutex_);
+    reservedBytes_ -= reserved;
+    ++secondsLost_;
+}
+
 bool Outbox::pushSecond(std::vector<std::string>&& parts) {
     std::size_t bytes = 0;
     for (const std::string& part : parts) {
@@ -42,11 +61,8 @@ bool Outbox::pushSecond(std::vector<std::string>&& parts) {
     }
     {
         const std::lock_guard lock(mutex_);
+        reservedBytes_ -= bytes;
         if (!open_) {
-            return false;
-        }
-        if (secondBytes_ + bytes > kBytes) {
-            ++secondsLost_;
             return false;
         }
         secondBytes_ += bytes;
@@ -61,10 +77,7 @@ bool Outbox::pushSecond(std::vector<std::string>&& parts) {
 bool Outbox::pushEvent(std::string&& event) {
     {
         const std::lock_guard lock(mutex_);
-        if (!open_) {
-            return false;
-        }
-        if (eventBytes_ + event.size() > kEventBytes) {
+        if (!open_ || event.size() > metering::kHappenedLimit || eventBytes_ + event.size() > kEventBytes) {
             ++eventsLost_;
             return false;
         }

@@ -7,20 +7,16 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <stdexcept>
+
+#include "clocks.h"
 
 namespace meterd {
 
 namespace {
 
 constexpr std::size_t kReadBytes = 65536;
-
-int64_t nowMs() {
-    return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
-}
 
 }  // namespace
 
@@ -59,7 +55,13 @@ void StationLink::connect() {
         disconnect("no station at " + path_ + ": " + std::strerror(errno) + "; trying again each second");
         return;
     }
-    unframer_ = {};
+    connectedAt_ = nowMs();
+    session_.emplace(version_, StationSession::Handlers{[this](const std::string& station) {
+                                                            outbox_.open();
+                                                            handlers_.connected();
+                                                            tell("connected to the station " + station);
+                                                        },
+                                                        handlers_.groups});
     metering::FromMeter message;
     *message.mutable_hello() = hello_;
     writing_ = metering::framed(message);
@@ -71,7 +73,6 @@ void StationLink::disconnect(const std::string& why) {
         close(socket_);
     }
     socket_ = -1;
-    agreed_ = false;
     outbox_.close();
     writing_.clear();
     nextConnect_ = nowMs() + kReconnectMs;
@@ -85,6 +86,11 @@ void StationLink::serve(int milliseconds) {
     if (socket_ < 0) {
         usleep(static_cast<useconds_t>(
             std::min<int64_t>(milliseconds, std::max<int64_t>(1, nextConnect_ - nowMs())) * 1000));
+        return;
+    }
+    if (!session_->agreed() && nowMs() - connectedAt_ > kHelloMs) {
+        disconnect("what listens at " + path_ + " did not say who it is within " +
+                   std::to_string(kHelloMs / 1000) + " s: no station, or one that hangs; trying again");
         return;
     }
     const bool blocked = !writing_.empty();
@@ -112,40 +118,12 @@ void StationLink::readAll() {
         return;
     }
     try {
-        unframer_.add({bytes.data(), static_cast<std::size_t>(count)});
-        while (const auto text = unframer_.next()) {
-            metering::FromStation message;
-            if (!message.ParseFromArray(text->data(), static_cast<int>(text->size()))) {
-                throw std::runtime_error("a message that cannot be read");
-            }
-            take(message);
-            if (socket_ < 0) {
-                return;
-            }
-        }
-    } catch (const std::exception& error) {
-        disconnect(std::string("the station sent ") + error.what());
-    }
-}
-
-void StationLink::take(const metering::FromStation& message) {
-    if (message.has_hello()) {
-        if (message.hello().major() != metering::kMajor) {
-            disconnect("the station (" + message.hello().version() + ") speaks version " +
-                       std::to_string(message.hello().major()) + " of the messages, this meter (" + version_ +
-                       ") " + std::to_string(metering::kMajor) + ": install both from one release");
+        session_->received({bytes.data(), static_cast<std::size_t>(count)});
+    } catch (const StationLost& lost) {
+        disconnect(lost.what());
+        if (lost.refused) {
             nextConnect_ = nowMs() + kRefusedMs;
-            return;
         }
-        agreed_ = true;
-        outbox_.open();
-        handlers_.connected();
-        tell("connected to the station " + message.hello().version());
-    } else if (message.has_refused()) {
-        disconnect("the station refuses this meter: " + message.refused().reason());
-        nextConnect_ = nowMs() + kRefusedMs;
-    } else if (message.has_groups() && agreed_) {
-        handlers_.groups(message.groups());
     }
 }
 

@@ -6,9 +6,9 @@
 #include <stop_token>
 #include <string>
 
-#include "framing.h"
 #include "meter.pb.h"
 #include "outbox.h"
+#include "stationSession.h"
 
 namespace meterd {
 
@@ -32,11 +32,11 @@ class StationLink {
     void connect();
     void disconnect(const std::string& why);
     void readAll();
-    void take(const metering::FromStation& message);
     void write();
     void tell(const std::string& text);
 
     static constexpr int kReconnectMs = 1000;
+    static constexpr int kHelloMs = 5000;     // for the station to say who it is
     static constexpr int kRefusedMs = 10000;  // after another version, or beside another meter
 
     const std::string path_;
@@ -44,10 +44,10 @@ class StationLink {
     Outbox& outbox_;
     const Handlers handlers_;
     int socket_ = -1;
-    bool agreed_ = false;
+    std::optional<StationSession> session_;  // of this connection
     int64_t nextConnect_ = 0;
+    int64_t connectedAt_ = 0;  // ms
     metering::Hello hello_;
-    metering::Unframer unframer_;
     std::string writing_;  // with what of it was written
     std::size_t written_ = 0;
     std::string told_;  // the last line of the log

@@ -47,7 +47,7 @@ std::optional<std::string_view> Unframer::next() {
         length = length << 8 | static_cast<uint8_t>(rest[i]);
     }
     if (length > kMessageLimit) {
-        throw std::length_error("a message of " + std::to_string(length) + " bytes");
+        throw Unreadable("a message of " + std::to_string(length) + " bytes");
     }
     if (rest.size() - kLengthBytes < length) {
         return std::nullopt;

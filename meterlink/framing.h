@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -26,6 +27,11 @@ inline constexpr const char* kSocketPath = "/run/kestor/meter.sock";
 // often as somebody sends one: from here on it says nothing. Of the whole program.
 void quietParser();
 
+// What came is no message; what() continues "sent ".
+struct Unreadable : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 // The message with its length in front. Throws std::length_error beyond kMessageLimit.
 std::string framed(const google::protobuf::MessageLite& message);
 
@@ -34,8 +40,8 @@ std::string framed(const google::protobuf::MessageLite& message);
 class Unframer {
   public:
     void add(std::string_view bytes);
-    // The next whole message, valid until the next call of add; none yet. Throws std::length_error for a
-    // length beyond kMessageLimit: what follows means nothing then.
+    // The next whole message, valid until the next call of add; none yet. Throws Unreadable for a length
+    // beyond kMessageLimit: what follows means nothing then.
     std::optional<std::string_view> next();
 
   private:

@@ -2,15 +2,12 @@
 
 #include <algorithm>
 
-#include "framing.h"
-
 namespace metering {
 
 namespace {
 
-constexpr std::size_t kHeads = 512;  // tags and lengths around both, and what is said to be left out
-constexpr std::size_t kHalf = kReportLimit / 2 - kHeads;
-constexpr std::size_t kElementHead = 2;  // at least: its tag and its length
+constexpr std::size_t kLeftOutBytes = 40;  // eight numbers
+constexpr std::size_t kElementHead = 2;    // at least: its tag and its length
 
 enum class From { kBegin, kEnd };
 
@@ -27,17 +24,15 @@ uint32_t cut(Field& field, From from, std::size_t& excess) {
     return static_cast<uint32_t>(count);
 }
 
-std::size_t excessOf(std::size_t size) {
-    return size > kHalf ? size - kHalf : 0;
-}
+}  // namespace
 
 std::size_t fitDescription(GroupReport& message) {
     Description& description = *message.mutable_description();
     const std::size_t size = description.ByteSizeLong();
-    std::size_t excess = excessOf(size);
-    if (excess == 0) {
+    if (size <= kHalfReport) {
         return size;
     }
+    std::size_t excess = size - kHalfReport;
     LeftOut& leftOut = *message.mutable_left_out();
     leftOut.set_cues(cut(*description.mutable_cue(), From::kBegin, excess));
     leftOut.set_changes(cut(*description.mutable_change(), From::kBegin, excess));
@@ -45,25 +40,20 @@ std::size_t fitDescription(GroupReport& message) {
     return description.ByteSizeLong();
 }
 
-void fitLevels(GroupReport& message, std::size_t size) {
-    std::size_t excess = excessOf(size);
+std::size_t fitLevels(GroupReport& message, std::size_t limit) {
+    const std::size_t size = message.ByteSizeLong();
+    if (size <= limit) {
+        return size;
+    }
+    std::size_t excess = size - limit + kLeftOutBytes;
     LeftOut& leftOut = *message.mutable_left_out();
     leftOut.set_streams(cut(*message.mutable_stream(), From::kEnd, excess));
     leftOut.set_pids(cut(*message.mutable_pid(), From::kEnd, excess));
     for (Check& check : *message.mutable_check()) {
         leftOut.set_check_pids(leftOut.check_pids() + cut(*check.mutable_pid(), From::kEnd, excess));
     }
-}
-
-}  // namespace
-
-std::size_t fitReport(GroupReport& message) {
-    const std::size_t described = fitDescription(message);
-    const std::size_t levels = message.ByteSizeLong() - described;
-    if (excessOf(levels) == 0) {
-        return described + levels;
-    }
-    fitLevels(message, levels);
+    leftOut.set_clocks(cut(*message.mutable_clock(), From::kEnd, excess));
+    leftOut.set_service_levels(cut(*message.mutable_service(), From::kEnd, excess));
     return message.ByteSizeLong();
 }
 

@@ -67,6 +67,7 @@ void flowFields(Report<Write, meter::FlowReport>& report, Message<Write, Flow>& 
     MEMBER(malformed, malformed)
     MEMBER(fragments, fragments)
     MEMBER(otherFlows, other_flows)
+    MEMBER(otherSources, other_sources)
     MEMBER(fec, fec)
     NUMBERS(vlan, vlan)
     MAYBE(ttl, ttl)
@@ -83,6 +84,7 @@ void lossFields(Report<Write, meter::LossReport>& report, Message<Write, Packets
     MEMBER(events, events)
     MEMBER(longest, longest)
     MAYBE(longestMs, longest_ms)
+    MEMBER(longestLately, longest_lately)
 }
 
 template <bool Write>
@@ -91,6 +93,7 @@ void packetsFields(Report<Write, meter::PacketsReport>& report, Message<Write, P
     MEMBER(null, null)
     MEMBER(scrambled, scrambled)
     MEMBER(repeated, repeated)
+    MEMBER(notTracked, not_tracked)
     lossFields<Write>(report.lost, message);
 }
 
@@ -197,6 +200,7 @@ void pidFields(Report<Write, meter::PidReport>& report, Message<Write, Pid>& mes
     MAYBE(scrambling, scrambling)
     MEMBER(keyChanges, key_changes)
     MEMBER(referenced, referenced)
+    MAYBE(silentMs, silent_ms)
 }
 
 template <bool Write>

@@ -10,6 +10,8 @@
 #include <optional>
 #include <string>
 
+namespace probelink {
+
 namespace {
 
 constexpr const char* kEvents = "inproc://connections";
@@ -66,16 +68,16 @@ void ConnectionLimit::takeEvents() {
     struct {
         uint16_t event;
         uint32_t value;  // the connection's descriptor
-    } told{};
+    } message{};
     zmq::message_t frame;
     while (events_.recv(frame, zmq::recv_flags::dontwait)) {
-        constexpr std::size_t kSize = sizeof told.event + sizeof told.value;
+        constexpr std::size_t kSize = sizeof message.event + sizeof message.value;
         if (frame.size() == kSize && frame.more()) {
-            std::memcpy(&told.event, frame.data(), sizeof told.event);
-            std::memcpy(&told.value, frame.data<char>() + sizeof told.event, sizeof told.value);
-            const auto descriptor = static_cast<int>(told.value);
+            std::memcpy(&message.event, frame.data(), sizeof message.event);
+            std::memcpy(&message.value, frame.data<char>() + sizeof message.event, sizeof message.value);
+            const auto descriptor = static_cast<int>(message.value);
             std::erase(connections_, descriptor);
-            if (told.event == ZMQ_EVENT_ACCEPTED) {
+            if (message.event == ZMQ_EVENT_ACCEPTED) {
                 connections_.push_back(descriptor);
             }
         }
@@ -102,3 +104,5 @@ void ConnectionLimit::enforce() {
         return beyond;
     });
 }
+
+}  // namespace probelink

@@ -6,6 +6,8 @@
 #include <vector>
 #include <zmq.hpp>
 
+namespace probelink {
+
 // ZeroMQ gives a message out once its last frame came and keeps the frames until then, however many they are:
 // anybody on this machine could have it take all memory. A probe asks on a new connection every time, so that
 // one which brings far more than a request is no probe's, nor are dozens at a time. For the thread that uses
@@ -35,3 +37,5 @@ class ConnectionLimit {
     const uint64_t bytes_;
     std::vector<int> connections_;  // their descriptors, which ZeroMQ closes; the oldest first
 };
+
+}  // namespace probelink

@@ -4,7 +4,11 @@
 #include <cerrno>
 #include <zmq_addon.hpp>
 
+namespace probelink {
+
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds kFlushTime = 1s;
 constexpr std::chrono::milliseconds kLooksAtConnections = 50ms;
@@ -85,3 +89,5 @@ void ControllerLink::answer(const configuration::ConfigurationMessage& message) 
     zmq::send_multipart(socket_, asker_);
     asker_.clear();
 }
+
+}  // namespace probelink

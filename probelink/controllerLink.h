@@ -12,7 +12,7 @@
 #include "connectionLimit.h"
 #include "probeEndpoints.h"
 
-using namespace std::chrono_literals;
+namespace probelink {
 
 // What ends the program with exit status 1; the text says it to the operator.
 struct LinkError : std::runtime_error {
@@ -58,3 +58,5 @@ class ControllerLink {
     std::chrono::steady_clock::time_point open_;
     Envelope asker_;
 };
+
+}  // namespace probelink

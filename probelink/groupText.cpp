@@ -4,6 +4,8 @@
 
 #include "basics/address.h"
 
+namespace probelink {
+
 bool isGroup(std::string_view text) {
     const auto address = basics::parseDotted(text);
     return address && basics::isMulticastAddress(*address);
@@ -24,3 +26,5 @@ std::string groupProblem(std::string_view text) {
     return group.empty() ? "has to be an IPv4 multicast group, 224.0.0.0 to 239.255.255.255"
                          : "has to be the group alone, without scheme and port: " + group;
 }
+
+}  // namespace probelink

@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+namespace probelink {
+
 // Whether a text is an IPv4 multicast group (224.0.0.0/4, RFC 5771) as a dotted quad.
 bool isGroup(std::string_view text);
 // The group in a text that has more around it, as in a playlist: scheme, source, port
@@ -11,3 +13,5 @@ bool isGroup(std::string_view text);
 std::string groupWithin(std::string_view text);
 // What is wrong with a text that is no group, to stand behind it or its name.
 std::string groupProblem(std::string_view text);
+
+}  // namespace probelink
