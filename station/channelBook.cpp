@@ -1,10 +1,29 @@
 #include "channelBook.h"
 
+#include <algorithm>
+
+#include "common/counted.h"
 #include "common/text.h"
 
 namespace station {
 
 namespace {
+
+// Nothing gave it a name.
+bool isNameless(const Channel& channel) {
+    return channel.name == channel.group.text();
+}
+
+// What two names have in common that are written with other capitals and spaces.
+std::string plainName(std::string_view name) {
+    std::string plain;
+    for (const char c : name) {
+        if (c != ' ') {
+            plain += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+        }
+    }
+    return plain;
+}
 
 Refusal invalid(std::string field, std::string text) {
     return {Refusal::Why::kInvalid, std::move(field), std::move(text)};
@@ -44,6 +63,71 @@ void ChannelBook::setFiles(const Configuration& configuration,
 
 void ChannelBook::merge() {
     merged_ = mergeChannels(runtime_, configuration_, playlists_);
+    show();
+}
+
+void ChannelBook::show() {
+    shown_ = merged_.channels;
+    for (auto entry = streamNames_.begin(); entry != streamNames_.end();) {
+        const auto channel = shown_.find(entry->first);
+        if (channel == shown_.end()) {
+            entry = streamNames_.erase(entry);
+            continue;
+        }
+        if (isNameless(channel->second)) {
+            channel->second.name = entry->second;
+        }
+        ++entry;
+    }
+    noteNames();
+}
+
+const std::string* ChannelBook::streamName(const Group& group) const {
+    const auto found = streamNames_.find(group);
+    return found == streamNames_.end() ? nullptr : &found->second;
+}
+
+bool ChannelBook::takeStreamNames(StreamNames&& names) {
+    bool changed = false;
+    bool news = false;
+    for (auto& [group, name] : names) {
+        const auto channel = merged_.channels.find(group);
+        if (name.empty() || channel == merged_.channels.end()) {
+            continue;
+        }
+        if (std::string& known = streamNames_[group]; known != name) {
+            known = std::move(name);
+            news = true;
+            changed = changed || isNameless(channel->second);
+        }
+    }
+    if (news) {
+        ++streamNamesVersion_;
+        show();
+    }
+    return changed;
+}
+
+void ChannelBook::noteNames() {
+    nameNotes_.clear();
+    std::size_t more = 0;
+    for (const auto& [group, name] : streamNames_) {
+        const auto channel = merged_.channels.find(group);
+        if (channel == merged_.channels.end() || isNameless(channel->second) ||
+            plainName(channel->second.name) == plainName(name)) {
+            continue;
+        }
+        if (nameNotes_.size() == kNameNotes) {
+            ++more;
+            continue;
+        }
+        nameNotes_.push_back(group.text() + " is named \"" + channel->second.name +
+                             "\", and its stream calls it \"" + name + "\"");
+    }
+    if (more > 0) {
+        nameNotes_.back() += "; " + counted(more, "more channel") + (more == 1 ? " is" : " are") +
+                             " named otherwise than in the stream";
+    }
 }
 
 std::optional<Refusal> ChannelBook::put(const PutChannel& action, const Configuration& configuration) {
@@ -139,7 +223,12 @@ std::optional<Refusal> ChannelBook::import(const std::string& text, Answer& answ
     std::size_t unchanged = 0;
     for (Channel channel : playlist.channels) {
         if (const auto known = merged_.channels.find(channel.group); known != merged_.channels.end()) {
-            // Else its own export would have the run time override every channel of the files.
+            // Else its own export would have the run time override every channel of the files, or give a name
+            // of its own to one that goes by its stream's.
+            if (const std::string* const name = streamName(channel.group);
+                name != nullptr && *name == channel.name && isNameless(known->second)) {
+                channel.name = known->second.name;
+            }
             if (asInPlaylist(known->second) == asInPlaylist(channel)) {
                 ++unchanged;
                 continue;
@@ -167,8 +256,8 @@ std::optional<Refusal> ChannelBook::import(const std::string& text, Answer& answ
 }
 
 ChannelDifference ChannelBook::takeDifference() {
-    ChannelDifference difference = compareChannels(taken_, merged_.channels);
-    taken_ = merged_.channels;
+    ChannelDifference difference = compareChannels(taken_, shown_);
+    taken_ = shown_;
     return difference;
 }
 

@@ -1,13 +1,15 @@
 // The owner's channel set: what the files say and what was changed at run time.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "channels/channelSet.h"
-#include "commands.h"
+#include "configuration/channelSet.h"
+#include "state/commands.h"
+#include "streamNameKeeper.h"
 
 namespace station {
 
@@ -36,8 +38,24 @@ class ChannelBook {
     // Adds what the playlist names, or overrides it; fills the counts and notes of `answer`.
     std::optional<Refusal> import(const std::string& text, Answer& answer);
 
+    // What the streams call the services of channels, to which groups without a name go by. What is not in
+    // `names` keeps the name that was told before. True when channels() is another one.
+    bool takeStreamNames(StreamNames&& names);
+    const StreamNames& streamNames() const {
+        return streamNames_;
+    }
+    // Grows when they are others.
+    uint64_t streamNamesVersion() const {
+        return streamNamesVersion_;
+    }
+    // That channels are called otherwise in their streams: kNameNotes of them, and the number of the others.
+    static constexpr std::size_t kNameNotes = 3;
+    const std::vector<std::string>& nameNotes() const {
+        return nameNotes_;
+    }
+
     const ChannelMap& channels() const {
-        return merged_.channels;
+        return shown_;
     }
     const std::vector<std::string>& notes() const {
         return merged_.notes;
@@ -50,6 +68,9 @@ class ChannelBook {
 
   private:
     void merge();
+    void show();
+    void noteNames();
+    const std::string* streamName(const Group& group) const;
     std::optional<Refusal> refuseUnknown() const;
     std::optional<Refusal> assignChannel(const PutChannel& action);
     // Takes these for the run-time part, unless they pass a bound.
@@ -61,6 +82,10 @@ class ChannelBook {
     bool known_ = false;  // the run-time part was read
     RuntimeChannels runtime_;
     MergedChannels merged_;
+    StreamNames streamNames_;  // of channels that there are
+    uint64_t streamNamesVersion_ = 0;
+    ChannelMap shown_;  // the merged ones, with the streams' names
+    std::vector<std::string> nameNotes_;
     ChannelMap taken_;
 };
 

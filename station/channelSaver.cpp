@@ -19,7 +19,7 @@ using std::chrono::steady_clock;
 }  // namespace
 
 struct ChannelSaver::Implementation {
-    const RuntimeChannelFile file;
+    RuntimeChannelFile file;  // the saver's thread alone
     const std::filesystem::path name;
     const std::function<void(LoadedRuntime&&)> loaded;
 
@@ -89,7 +89,7 @@ struct ChannelSaver::Implementation {
         }
         lock.unlock();
         if (read.channels && read.problem.empty()) {
-            trouble.over(name.string() + " could be read: the channels of the run time are there again");
+            trouble.resolved(name.string() + " could be read: the channels of the run time are there again");
         }
         if (read.channels) {
             loaded(std::move(read));
@@ -98,18 +98,18 @@ struct ChannelSaver::Implementation {
 
     void saveNow() {
         std::optional<RuntimeChannels> channels;
-        std::vector<std::function<void(const std::string&)>> told;
+        std::vector<std::function<void(const std::string&)>> callbacks;
         {
             const std::lock_guard lock(mutex);
             if (!known || !toSave || (askers.empty() && steady_clock::now() < saveAgain)) {
                 return;
             }
             channels.swap(toSave);
-            told.swap(askers);
+            callbacks.swap(askers);
         }
         const std::string problem = file.save(*channels);
         if (problem.empty()) {
-            trouble.over("the channels added at run time are on the disk again");
+            trouble.resolved("the channels added at run time are on the disk again");
         } else {
             trouble.say(LogLevel::kError, "the channels added at run time are only in memory: " + problem);
             saveAgain = steady_clock::now() + kSavesAgain;
@@ -119,7 +119,7 @@ struct ChannelSaver::Implementation {
             }
         }
         const std::lock_guard lock(tellMutex);
-        for (const auto& asker : muted ? decltype(told){} : told) {
+        for (const auto& asker : muted ? decltype(callbacks){} : callbacks) {
             asker(problem);
         }
     }

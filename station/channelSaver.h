@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "channels/channelSet.h"
+#include "configuration/channelSet.h"
 
 namespace station {
 

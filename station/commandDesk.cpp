@@ -3,11 +3,10 @@
 #include <memory>
 #include <utility>
 
+#include "alarmSelection.h"
 #include "common/log.h"
 
 namespace station {
-
-namespace {
 
 Answer refused(Refusal::Why why, std::string field, std::string text) {
     Answer answer;
@@ -15,25 +14,21 @@ Answer refused(Refusal::Why why, std::string field, std::string text) {
     return answer;
 }
 
-// Answers when it is on the disk, or that it cannot be.
-template <typename Reply>
-auto whenStored(Answer&& answer, const Reply& reply) {
-    return [reply, said = std::move(answer)](const std::string& problem) mutable {
+EventStore::Stored whenStored(Answer&& answer, const std::function<void(Answer&&)>& reply) {
+    return [reply, result = std::move(answer)](const std::string& problem) mutable {
         if (!problem.empty()) {
-            said = refused(Refusal::Why::kFailed, "",
-                           "in effect, but not on the disk, which is tried again: " + problem);
+            result = refused(Refusal::Why::kFailed, "",
+                             "in effect, but not on the disk, which is tried again: " + problem);
         }
-        reply(std::move(said));
+        reply(std::move(result));
     };
 }
-
-}  // namespace
 
 void CommandDesk::handle(Command&& command, const Now& now) {
     const auto answer = std::make_shared<Reply>(std::move(command.answer));
     std::visit(
         [&](const auto& action) {
-            act(action, now, [answer](Answer&& said) { (*answer)(std::move(said)); });
+            act(action, now, [answer](Answer&& result) { (*answer)(std::move(result)); });
         },
         command.action);
 }
@@ -103,8 +98,11 @@ void CommandDesk::act(const ReloadFiles& /*action*/, const Now& /*now*/, const R
 void CommandDesk::act(const AcknowledgeAlarm& action, const Now& now, const Reply& reply) {
     std::vector<AlarmChange> changes;
     if (!owner_.engine.acknowledge(action.id, {now.wall, action.by, action.remark}, changes)) {
-        reply(refused(Refusal::Why::kNotFound, "id",
-                      "no alarm with the id " + std::to_string(action.id) + " is raised"));
+        reply(owner_.desk.loaded()
+                  ? refused(Refusal::Why::kNotFound, "id",
+                            "no alarm with the id " + std::to_string(action.id) + " is raised")
+                  : refused(Refusal::Why::kFailed, "",
+                            "events.db could not be read yet: which alarms were raised before is not known"));
         return;
     }
     effects_.alarmsChanged();
@@ -115,7 +113,27 @@ void CommandDesk::act(const AcknowledgeAlarm& action, const Now& now, const Repl
     }
 }
 
+namespace {
+
+// Why a selection has no channel.
+std::string whyNoChannel(const Selection& which) {
+    if (!which.groups.empty()) {
+        return "no channel has the group " + which.groups.front().text();
+    }
+    if (!which.labels.empty()) {
+        return "no channel has " + std::string(which.labels.size() > 1 ? "all these labels" : "this label");
+    }
+    return which.incident != 0 ? "no alarm of the incident " + std::to_string(which.incident) + " is raised"
+                               : "none of these alarms is raised";
+}
+
+}  // namespace
+
 void CommandDesk::act(const SetMaintenance& action, const Now& now, const Reply& reply) {
+    std::set<Group> chosen = chosenGroups(action.which, shownAlarms(), owner_.book.channels());
+    if (action.group) {
+        chosen.insert(*action.group);
+    }
     Answer answer;
     if (action.until <= std::max(action.from, now.wall)) {
         answer =
@@ -123,11 +141,16 @@ void CommandDesk::act(const SetMaintenance& action, const Now& now, const Reply&
     } else if (action.group && !owner_.book.channels().contains(*action.group)) {
         answer =
             refused(Refusal::Why::kNotFound, "group", "no channel has the group " + action.group->text());
-    } else if (owner_.desk.maintenance().size() >= EventDesk::kMaintenanceLimit) {
+    } else if (chosen.empty() && !action.which.empty()) {
+        answer = refused(Refusal::Why::kNotFound, "", whyNoChannel(action.which));
+    } else if (owner_.desk.maintenance().size() >= EventDesk::kMaintenanceLimit ||
+               owner_.desk.maintenanceGroups() + chosen.size() > EventDesk::kMaintenanceGroups) {
         answer =
             refused(Refusal::Why::kConflict, "", "there are too many maintenance windows; end some first");
     } else {
-        const int64_t id = answer.id = owner_.desk.setMaintenance(action, owner_.book.channels(), now);
+        const int64_t id = answer.id =
+            owner_.desk.setMaintenance(action, owner_.book.channels(), now, chosen);
+        effects_.alarmsChanged();
         effects_.publish(now);
         owner_.desk.store(id, whenStored(std::move(answer), reply));
         return;
@@ -136,7 +159,7 @@ void CommandDesk::act(const SetMaintenance& action, const Now& now, const Reply&
 }
 
 void CommandDesk::act(const EndMaintenance& action, const Now& now, const Reply& reply) {
-    if (!owner_.desk.endMaintenance(action.id, now)) {
+    if (!owner_.desk.endMaintenance(action.id, owner_.book.channels(), now)) {
         reply(owner_.desk.loaded()
                   ? refused(Refusal::Why::kNotFound, "id",
                             "no maintenance window has the id " + std::to_string(action.id))
@@ -144,28 +167,31 @@ void CommandDesk::act(const EndMaintenance& action, const Now& now, const Reply&
                             "events.db could not be read yet: which windows there are is not known"));
         return;
     }
+    effects_.alarmsChanged();
     effects_.publish(now);
     owner_.desk.store(action.id, whenStored({}, reply));
 }
 
-void CommandDesk::act(const AskHistory& action, const Now& now, const Reply& reply) {
-    const auto channel = owner_.intake.channels().find(action.group);
-    if (channel == owner_.intake.channels().end()) {
+void CommandDesk::act(const QueryHistory& action, const Now& now, const Reply& reply) {
+    const auto channel = owner_.watch.channels().find(action.group);
+    if (channel == owner_.watch.channels().end()) {
         reply(refused(Refusal::Why::kNotFound, "group", "no channel has the group " + action.group.text()));
         return;
     }
     Answer answer;
-    answer.points = channel->second.history.points(action.metric, action.resolution, action.since, now);
+    for (const HistoryMetric metric : action.metrics) {
+        answer.series.push_back(channel->second.history.points(metric, action.resolution, action.since, now));
+    }
     reply(std::move(answer));
 }
 
-void CommandDesk::act(const AskOverview& action, const Now& now, const Reply& reply) {
+void CommandDesk::act(const QueryOverview& action, const Now& now, const Reply& reply) {
     Answer answer;
-    for (const auto& [group, channel] : owner_.intake.channels()) {
+    for (const auto& [group, channel] : owner_.watch.channels()) {
         answer.overview.push_back(
             {group,
              channel.history.spark(historyMetric("bitRate"), action.sparkCells, action.sparkSeconds, now),
-             channel.history.strip(now)});
+             channel.history.day(now)});
     }
     reply(std::move(answer));
 }

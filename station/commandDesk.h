@@ -2,14 +2,17 @@
 #pragma once
 
 #include <functional>
+#include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "alarms/alarmEngine.h"
 #include "channelBook.h"
-#include "commands.h"
+#include "channelWatch.h"
 #include "eventDesk.h"
 #include "mailbox.h"
-#include "snapshotIntake.h"
+#include "state/commands.h"
 
 namespace station {
 
@@ -34,6 +37,11 @@ class CommandEffects {
     virtual void setIgmpLatency(std::chrono::milliseconds latency) = 0;
 };
 
+// An answer that refuses.
+Answer refused(Refusal::Why why, std::string field, std::string text);
+// Answers when it is on the disk, or that it cannot be.
+EventStore::Stored whenStored(Answer&& answer, const std::function<void(Answer&&)>& reply);
+
 // Acts on commands and answers each once: what changes something when it is in effect, shown, and on the disk
 // where it outlives a restart. The owner's thread; answers may come from others.
 class CommandDesk {
@@ -42,7 +50,7 @@ class CommandDesk {
         ChannelBook& book;
         AlarmEngine& engine;
         EventDesk& desk;
-        const SnapshotIntake& intake;
+        const ChannelWatch& watch;
     };
     // All have to outlive it.
     CommandDesk(const Owner& owner, CommandEffects& effects) : owner_(owner), effects_(effects) {}
@@ -60,11 +68,23 @@ class CommandDesk {
     void act(const SetIgmpLatency& action, const Now& now, const Reply& reply);
     void act(const ReloadFiles& action, const Now& now, const Reply& reply);
     void act(const AcknowledgeAlarm& action, const Now& now, const Reply& reply);
+    void act(const HandleAlarms& action, const Now& now, const Reply& reply);
     void act(const SetMaintenance& action, const Now& now, const Reply& reply);
     void act(const EndMaintenance& action, const Now& now, const Reply& reply);
-    void act(const AskHistory& action, const Now& now, const Reply& reply);
-    void act(const AskOverview& action, const Now& now, const Reply& reply);
+    void act(const QueryHistory& action, const Now& now, const Reply& reply);
+    void act(const QueryOverview& action, const Now& now, const Reply& reply);
 
+    // All that are raised, as they are shown.
+    std::vector<Alarm> shownAlarms() const;
+    // What is meant to be shelved, or taken off the shelf.
+    std::set<std::pair<Subject, std::size_t>> meant(const HandleAlarms& action,
+                                                    const std::vector<Alarm>& chosen) const;
+    std::vector<PassedAlarm> seen(const Selection& which, const std::vector<Alarm>& chosen) const;
+    Answer nothingMeant(bool nothingChosen, const char* how) const;
+    void acknowledge(const HandleAlarms& action, const std::vector<Alarm>& chosen, const Now& now,
+                     const Reply& reply);
+    void shelve(const HandleAlarms& action, const std::vector<Alarm>& chosen, const Now& now,
+                const Reply& reply);
     void answerChannels(std::optional<Refusal>&& refusal, Answer&& answer, const Now& now,
                         const Reply& reply);
 

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <system_error>
 
-#include "channels/textFile.h"
+#include "common/textFile.h"
 #include "playlistCopies.h"
 
 namespace station {

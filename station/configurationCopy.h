@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "channels/configuration.h"
 #include "common/clock.h"
+#include "configuration/configuration.h"
 
 namespace station {
 

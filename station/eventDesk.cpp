@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <array>
 
+#include "alarmSelection.h"
 #include "channels/channelAttributes.h"
 #include "common/log.h"
+#include "common/text.h"
 
 namespace station {
 
@@ -36,6 +38,8 @@ EventKind kindOf(AlarmChange::What what) {
             return EventKind::kCleared;
         case AlarmChange::What::kAcknowledged:
             return EventKind::kAcknowledged;
+        case AlarmChange::What::kUnacknowledged:
+            return EventKind::kUnacknowledged;
         default:
             return EventKind::kHappened;
     }
@@ -55,8 +59,15 @@ EventDesk::EventDesk(EventStore& store, Delivery& delivery)
     : store_(store),
       delivery_(delivery),
       loaded_(store.initial().loaded),
+      meterKnown_(store.initial().meterKnown),
       lastId_(store.initial().lastId),
       maintenance_(store.initial().maintenance) {
+    for (const Shelving& shelving : store.initial().shelved) {
+        shelf_.put(shelving);
+    }
+    for (PassedAlarm alarm : store.initial().passed) {
+        passed_.put(alarm);
+    }
     if (!store.initial().problem.empty()) {
         log(LogLevel::kError, store.initial().problem);
     }
@@ -68,12 +79,12 @@ void EventDesk::restore(const std::vector<Alarm>& active, const ChannelMap& chan
     }
     std::vector<ActiveNotification> raised;
     for (const Alarm& alarm : active) {
-        const bool silenced = inMaintenance(alarm.group, now);
+        const bool silenced = isSilent(alarm.about, alarm.type, now);
         if (silenced) {
             silenced_.insert(alarm.id);
         }
-        const Channel* const channel = findChannel(alarm.group, channels, nullptr);
-        const bool unknown = alarm.group && channel == nullptr;
+        const Channel* const channel = findChannel(alarm.about.group(), channels, nullptr);
+        const bool unknown = alarm.about.group() && channel == nullptr;
         raised.push_back(
             {notification(alarm, AlarmChange::What::kRaised, alarm.text, channel, now), silenced || unknown});
     }
@@ -82,6 +93,7 @@ void EventDesk::restore(const std::vector<Alarm>& active, const ChannelMap& chan
 
 // Where no more ids are reserved the time has to tell them from all that were given.
 int64_t EventDesk::takeId(const Now& now) {
+    lastId_ = std::max(lastId_, store_.givenTo());
     if (lastId_ >= store_.reservedTo()) {
         lastId_ = std::max(lastId_, idByTime(now.wall));
     }
@@ -118,17 +130,18 @@ void EventDesk::record(const AlarmChange& change, AlarmEngine& engine, const Cha
                        const ChannelDifference* removed, const Now& now, EventStore::Stored stored) {
     using What = AlarmChange::What;
     const AlarmType& type = alarmTypes()[change.alarm.type];
-    const Channel* channel = findChannel(change.alarm.group, channels, removed);
+    const Channel* channel = findChannel(change.alarm.about.group(), channels, removed);
     Event event;
     // What has a kind of its own is one event, not one of the probe and one of the alarm.
     event.kind = type.name == "probe_restarted" ? EventKind::kProbeRestarted : kindOf(change.what);
-    event.group = change.alarm.group;
+    event.group = change.alarm.about.group();
     event.channel = channel != nullptr ? channel->name : std::string();
     event.alarm = type.name;
     event.severity = change.alarm.severity;
     event.text = change.text;
     event.value = change.alarm.value;
-    event.silenced = inMaintenance(change.alarm.group, now);
+    event.source = change.alarm.source;
+    event.silenced = isSilent(change.alarm.about, change.alarm.type, now);
     Alarm alarm = change.alarm;
     if (change.what == What::kRaised || change.what == What::kHappened) {
         alarm.id = event.id = takeId(now);
@@ -141,26 +154,70 @@ void EventDesk::record(const AlarmChange& change, AlarmEngine& engine, const Cha
         event.by = alarm.acknowledged->by;
         event.text = alarm.acknowledged->remark;
     }
+    if (change.what == What::kUnacknowledged) {
+        event.by = change.by;
+    }
     event.alarmId = alarm.id;
     const bool silenced = event.silenced;
     record(std::move(event), now, std::move(stored));
     if (change.what == What::kRaised) {
-        engine.setRaise(alarm.type, alarm.group, alarm.id, change.text);
+        engine.setRaise(alarm.type, alarm.about, alarm.id, change.text);
     }
-    if (change.what == What::kRaised && silenced) {
-        silenced_.insert(alarm.id);
-    } else if (change.what != What::kAcknowledged && !(change.what == What::kHappened && silenced)) {
+    if (change.what == What::kRaised) {
+        alarm.setText(change.text);
+        fresh_.push_back(alarm);
+        if (silenced) {
+            silenced_.insert(alarm.id);
+        } else {
+            held_.insert_or_assign(alarm.id, Held{alarm, change.text, now.steady});
+        }
+    } else if (change.what == What::kCleared) {
+        tellHeld(alarm.id, channel, now);
+        deliver(alarm, change.what, change.text, channel, now);
+        leaveIncident(alarm.id, now);
+        notePassed(alarm, channels, now);
+    } else if (change.what == What::kHappened && !silenced) {
         deliver(alarm, change.what, change.text, channel, now);
     }
-    const std::string group = alarm.group ? alarm.group->text() : std::string();
+    const std::string group = alarm.about.source() ? std::string() : alarm.about.text();
     const std::string name =
         channel != nullptr && channel->name != group ? channel->name + " (" + group + ")" : group;
     log(logLevel(change.what, alarm.severity),
         std::string(type.name) + " " + std::string(eventKindName(kindOf(change.what))) +
             (name.empty() ? "" : ": " + name) + (change.text.empty() ? "" : ": " + change.text),
-        {{"KESTOR_CHANNEL", name.empty() ? "probe" : group},
+        {{"KESTOR_CHANNEL", alarm.about.text()},
          {"KESTOR_ALARM", type.name},
          {"KESTOR_SEVERITY", severityName(alarm.severity)}});
+}
+
+void EventDesk::recordCue(const Channel& channel, const std::string& text, const Now& now) {
+    if (const auto told = cues_.take(channel.group, text, now)) {
+        tellCue(channel, *told, now);
+    }
+}
+
+void EventDesk::tellCue(const Channel& channel, const std::string& text, const Now& now) {
+    const bool silenced = inMaintenance(channel.group, now);
+    Notification cue;
+    cue.alarmId = record({.kind = EventKind::kCue,
+                          .group = channel.group,
+                          .channel = channel.name,
+                          .text = text,
+                          .silenced = silenced,
+                          .source = Source::kMeter},
+                         now);
+    if (silenced) {
+        return;
+    }
+    cue.cue = cue.momentary = true;
+    cue.time = cue.raisedAt = now.wall;
+    cue.meaning = "The stream signals a splice (SCTE 35).";
+    cue.group = channel.group.text();
+    cue.channel = channel.name;
+    cue.labels = channel.labels;
+    cue.text = text;
+    cue.source = sourceName(Source::kMeter);
+    delivery_.notify(std::move(cue));
 }
 
 void EventDesk::deliver(const Alarm& alarm, AlarmChange::What what, const std::string& text,
@@ -172,7 +229,7 @@ void EventDesk::deliver(const Alarm& alarm, AlarmChange::What what, const std::s
 }
 
 Notification EventDesk::notification(const Alarm& alarm, AlarmChange::What what, const std::string& text,
-                                     const Channel* channel, const Now& now) {
+                                     const Channel* channel, const Now& now) const {
     const AlarmType& type = alarmTypes()[alarm.type];
     Notification notification;
     notification.alarmId = alarm.id;
@@ -183,13 +240,17 @@ Notification EventDesk::notification(const Alarm& alarm, AlarmChange::What what,
     notification.alarm = type.name;
     notification.meaning = type.meaning;
     notification.severity = alarm.severity;
-    notification.group = alarm.group ? alarm.group->text() : std::string();
+    notification.group = alarm.about.source() ? std::string() : alarm.about.text();
     if (channel != nullptr) {
         notification.channel = channel->name;
         notification.labels = channel->labels;
     }
     notification.text = text;
     notification.value = alarm.value;
+    notification.source = sourceName(alarm.source);
+    const Incident* const incident = incidents_.find(incidents_.incidentOf(alarm.id));
+    notification.incident = incident != nullptr ? incident->id : alarm.id;
+    notification.shared = incident != nullptr ? std::optional(incident->shared) : std::nullopt;
     return notification;
 }
 
@@ -200,17 +261,27 @@ bool EventDesk::takeLate(AlarmEngine& engine, const ChannelMap& channels, std::v
         return false;
     }
     loaded_ = true;
+    meterKnown_ = meterKnown_ || late->meterKnown;
     lastId_ = std::max(lastId_, late->lastId);
     maintenance_.insert(maintenance_.end(), late->maintenance.begin(), late->maintenance.end());
+    for (const Shelving& shelving : late->shelved) {
+        if (shelf_.find(shelving.about, shelving.type) == nullptr) {
+            shelf_.put(shelving);
+        }
+    }
+    for (PassedAlarm alarm : late->passed) {
+        passed_.put(alarm);
+    }
+    restoreIncidents(late->incidents, late->active, now);
     const std::vector<Alarm> raised = engine.active();
     std::vector<Alarm> others;
     for (const Alarm& alarm : late->active) {
-        if (unknown != nullptr && alarm.group && !channels.contains(*alarm.group)) {
+        if (unknown != nullptr && alarm.about.group() && !channels.contains(*alarm.about.group())) {
             unknown->push_back(alarm);
             continue;
         }
         const auto again = std::ranges::find_if(raised, [&alarm](const Alarm& one) {
-            return one.type == alarm.type && one.group == alarm.group;
+            return one.type == alarm.type && one.about == alarm.about;
         });
         if (again == raised.end()) {
             others.push_back(alarm);
@@ -234,20 +305,40 @@ bool EventDesk::takeLate(AlarmEngine& engine, const ChannelMap& channels, std::v
     return true;
 }
 
+std::vector<AlarmChange> EventDesk::judgeDelivery(AlarmEngine& engine, const Now& now) const {
+    const Delivery::Health health = delivery_.health();
+    const double value = health.failing.value_or(false) ? 1 : 0;
+    std::vector<AlarmChange> changes;
+    engine.judge(*findAlarmType("delivery_failing"), Source::kProbe, {health.failing, health.since, value},
+                 now, changes);
+    for (AlarmChange& change : changes) {
+        if (change.what == AlarmChange::What::kRaised) {
+            change.text += ": " + health.problem;
+        }
+    }
+    return changes;
+}
+
 bool EventDesk::tick(const std::vector<Alarm>& active, const ChannelMap& channels, const Now& now) {
-    bool ended = false;
+    for (const auto& [group, text] : cues_.due(now)) {
+        if (const Channel* const channel = findChannel(group, channels, nullptr)) {
+            tellCue(*channel, text, now);
+        }
+    }
+    bool ended = findIncidents(now);
+    tellRaised(channels, now);
     std::erase_if(maintenance_, [&](const Maintenance& window) {
         if (window.until > now.wall) {
             return false;
         }
         store_.removeMaintenance(window.id);
-        record({.kind = EventKind::kMaintenanceEnded,
-                .group = window.group,
-                .text = "the window's time is over"},
-               now);
+        recordEnd(window, "the window's time is over", channels, now);
         ended = true;
         return true;
     });
+    const std::size_t shelved = shelf_.size();
+    endShelvings(channels, now);
+    ended = ended || shelf_.size() != shelved;
     if (loaded_ && delivery_.wantsActive()) {
         restore(active, channels, now);
     }
@@ -255,30 +346,37 @@ bool EventDesk::tick(const std::vector<Alarm>& active, const ChannelMap& channel
         return ended;
     }
     for (const Alarm& alarm : active) {
-        const Channel* const channel = findChannel(alarm.group, channels, nullptr);
-        const bool known = !alarm.group || channel != nullptr;
-        if (silenced_.contains(alarm.id) && known && !inMaintenance(alarm.group, now)) {
+        const Channel* const channel = findChannel(alarm.about.group(), channels, nullptr);
+        const bool known = alarm.about.source() || channel != nullptr;
+        if (silenced_.contains(alarm.id) && known && !isSilent(alarm.about, alarm.type, now)) {
             silenced_.erase(alarm.id);
             deliver(alarm, AlarmChange::What::kRaised,
-                    alarm.text + "; raised during maintenance, which is over", channel, now);
+                    alarm.text + "; raised during maintenance or on the shelf, which is over", channel, now);
         }
     }
     return ended;
 }
 
-int64_t EventDesk::setMaintenance(const SetMaintenance& action, const ChannelMap& channels, const Now& now) {
-    const Channel* channel = findChannel(action.group, channels, nullptr);
+int64_t EventDesk::setMaintenance(const SetMaintenance& action, const ChannelMap& channels, const Now& now,
+                                  const std::set<Group>& chosen) {
     Maintenance window{.id = 0,
                        .from = action.from,
                        .until = action.until,
-                       .group = action.group,
+                       .group = chosen.size() == 1 ? *chosen.begin() : action.group,
                        .remark = action.remark,
                        .by = action.by};
+    if (chosen.size() > 1) {
+        window.groups.assign(chosen.begin(), chosen.end());
+        window.about = printable(chosenText(action.which, chosen.size()), Maintenance::kAboutBytes);
+    }
+    const Channel* channel = findChannel(window.group, channels, nullptr);
+    const bool both = !window.about.empty() && !action.remark.empty();
     window.id = record({.kind = EventKind::kMaintenanceSet,
-                        .group = action.group,
+                        .group = window.group,
                         .channel = channel != nullptr ? channel->name : std::string(),
-                        .text = action.remark,
-                        .by = action.by},
+                        .text = window.about + (both ? ": " : "") + action.remark,
+                        .by = action.by,
+                        .until = action.until},
                        now);
     maintenance_.push_back(window);
     return window.id;
@@ -293,20 +391,43 @@ void EventDesk::store(int64_t id, EventStore::Stored stored) {
     }
 }
 
-bool EventDesk::endMaintenance(int64_t id, const Now& now) {
+void EventDesk::recordEnd(const Maintenance& window, const char* why, const ChannelMap& channels,
+                          const Now& now) {
+    const Channel* const channel = findChannel(window.group, channels, nullptr);
+    record({.kind = EventKind::kMaintenanceEnded,
+            .group = window.group,
+            .channel = channel != nullptr ? channel->name : std::string(),
+            .text = (window.about.empty() ? "" : window.about + ": ") + why},
+           now);
+}
+
+bool EventDesk::endMaintenance(int64_t id, const ChannelMap& channels, const Now& now) {
     const auto window = std::ranges::find(maintenance_, id, &Maintenance::id);
     if (window == maintenance_.end()) {
         return false;
     }
-    record({.kind = EventKind::kMaintenanceEnded, .group = window->group, .text = "ended on demand"}, now);
+    recordEnd(*window, "ended on demand", channels, now);
     maintenance_.erase(window);
     return true;
 }
 
-bool EventDesk::inMaintenance(const std::optional<Group>& group, const Now& now) const {
+bool EventDesk::inMaintenance(const Subject& about, const Now& now) const {
+    const std::optional<Group> group = about.group();
     return std::ranges::any_of(maintenance_, [&](const Maintenance& window) {
-        return window.from <= now.wall && now.wall < window.until && (!window.group || window.group == group);
+        return window.from <= now.wall && now.wall < window.until && window.covers(group);
     });
+}
+
+std::size_t EventDesk::maintenanceGroups() const {
+    std::size_t groups = 0;
+    for (const Maintenance& window : maintenance_) {
+        groups += window.groups.size();
+    }
+    return groups;
+}
+
+bool EventDesk::isSilent(const Subject& about, std::size_t type, const Now& now) const {
+    return shelf_.find(about, type) != nullptr || inMaintenance(about, now);
 }
 
 }  // namespace station

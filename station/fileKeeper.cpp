@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "basics/descriptor.h"
 #include "channelSaver.h"
 #include "common/log.h"
 
@@ -25,7 +26,7 @@ constexpr int kLooksAtStartMs = 50;  // and at the start
 
 struct FileKeeper::Implementation {
     Mailbox& mailbox;
-    int signals = -1;
+    basics::Descriptor signals;
     std::optional<FileReader> reader;  // made when the signals are blocked
     std::optional<ChannelSaver> saver;
     LogOnChange slow;
@@ -34,16 +35,14 @@ struct FileKeeper::Implementation {
     ~Implementation() {
         reader.reset();
         saver.reset();
-        if (signals >= 0) {
-            close(signals);
-        }
     }
 
     // The signal that came, or 0.
     uint32_t takeSignal() const {
         signalfd_siginfo information{};
-        return read(signals, &information, sizeof information) == sizeof information ? information.ssi_signo
-                                                                                     : 0;
+        return read(signals.number(), &information, sizeof information) == sizeof information
+                   ? information.ssi_signo
+                   : 0;
     }
 
     // False when the station is to end.
@@ -68,7 +67,7 @@ struct FileKeeper::Implementation {
                          " takes long: what was read before stays in force, and no other file is read "
                          "meanwhile");
         } else if (!busy) {
-            slow.over("files are read again");
+            slow.resolved("files are read again");
         }
     }
 };
@@ -81,8 +80,8 @@ FileKeeper::FileKeeper(FileReader::Options options, Mailbox& mailbox)
         sigaddset(&taken, signal);
     }
     pthread_sigmask(SIG_BLOCK, &taken, nullptr);
-    implementation_->signals = signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (implementation_->signals < 0) {
+    implementation_->signals = basics::Descriptor(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!implementation_->signals.isOpen()) {
         throw std::runtime_error("no descriptor for signals: is the limit of open files reached?");
     }
     implementation_->reader.emplace(std::move(options),
@@ -94,7 +93,7 @@ FileKeeper::~FileKeeper() = default;
 std::optional<LoadedFiles> FileKeeper::load() {
     FileReader& reader = *implementation_->reader;
     for (;;) {
-        pollfd items[2] = {{implementation_->signals, POLLIN, 0}, {reader.firstDone(), POLLIN, 0}};
+        pollfd items[2] = {{implementation_->signals.number(), POLLIN, 0}, {reader.firstDone(), POLLIN, 0}};
         poll(items, 2, kLooksAtStartMs);
         if (!implementation_->takeSignals()) {
             return std::nullopt;
@@ -116,7 +115,7 @@ LoadedRuntime FileKeeper::loadRuntime(const std::filesystem::path& stateDirector
 
 void FileKeeper::run() {
     for (;;) {
-        pollfd item{implementation_->signals, POLLIN, 0};
+        pollfd item{implementation_->signals.number(), POLLIN, 0};
         poll(&item, 1, kLooksMs);
         if (!implementation_->takeSignals()) {
             implementation_->saver->mute();

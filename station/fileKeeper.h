@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "channels/channelSet.h"
+#include "configuration/channelSet.h"
 #include "fileReader.h"
 #include "mailbox.h"
 

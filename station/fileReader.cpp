@@ -12,9 +12,10 @@
 #include <thread>
 #include <utility>
 
-#include "channels/fileWatch.h"
-#include "channels/textFile.h"
+#include "basics/descriptor.h"
+#include "common/fileWatch.h"
 #include "common/log.h"
+#include "common/textFile.h"
 #include "configurationCopy.h"
 #include "knownFiles.h"
 #include "playlistCopies.h"
@@ -28,17 +29,18 @@ using std::chrono::steady_clock;
 
 constexpr int kLongestWaitMs = 1000;
 constexpr int kWaitForRestMs = 50;
+constexpr const char* kAllFiles = "the directories of configuration and playlists";  // which one: unknown
 
 }  // namespace
 
 struct FileReader::Implementation {
     const Options options;
     const Deliver deliver;
-    const int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    const int done = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    const basics::Descriptor wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    const basics::Descriptor done{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
 
     // Below: the reader's thread alone, once it runs.
-    FileWatch watch;
+    FileWatch watch{[this](const std::filesystem::path& file) { looksAt(file); }};
     KnownFiles known;
     LogOnChange openTrouble;               // that everybody can read
     std::optional<PlaylistCopies> copies;  // in the first state directory: another one needs a restart
@@ -65,7 +67,7 @@ struct FileReader::Implementation {
 
     Implementation(Options options_, Deliver deliver_)
         : options(std::move(options_)), deliver(std::move(deliver_)) {
-        if (wake < 0 || done < 0) {
+        if (!wake.isOpen() || !done.isOpen()) {
             throw std::runtime_error("no descriptor for reading files: is the limit of open files reached?");
         }
         known.configurationFile = options.configuration;
@@ -74,15 +76,21 @@ struct FileReader::Implementation {
     ~Implementation() {
         end(milliseconds(0));
         thread.join();
-        close(wake);
-        close(done);
     }
 
     bool end(milliseconds time) {
         std::unique_lock lock(mutex);
         ending = true;
-        eventfd_write(wake, 1);
+        eventfd_write(wake.number(), 1);
         return endedNow.wait_for(lock, time, [this] { return ended; });
+    }
+
+    // The file system may hang with each.
+    void looksAt(const std::filesystem::path& file) {
+        const std::lock_guard lock(mutex);
+        if (busy) {
+            busy->file = file;
+        }
     }
 
     // Says what is read for as long as it lives.
@@ -108,13 +116,13 @@ struct FileReader::Implementation {
         readFirst();
         while (!isEnding()) {
             writeCopies();
-            pollfd items[2] = {{wake, POLLIN, 0}, {watch.descriptor(), POLLIN, 0}};
+            pollfd items[2] = {{wake.number(), POLLIN, 0}, {watch.descriptor(), POLLIN, 0}};
             poll(items, 2, askedSince ? kWaitForRestMs : kLongestWaitMs);
             eventfd_t count = 0;
-            eventfd_read(wake, &count);
+            eventfd_read(wake.number(), &count);
             std::vector<std::filesystem::path> changed;
             {
-                const Reading reading(*this, "the directories of configuration and playlists");
+                const Reading reading(*this, kAllFiles);
                 changed = watch.changed();
             }
             addUnread(changed);
@@ -135,8 +143,10 @@ struct FileReader::Implementation {
     }
 
     void readFirst() {
+        const auto restBy = steady_clock::now() + kReloadWait;
         watchFiles();  // before reading: what changes meanwhile is read again
         std::vector<std::string> refused;
+        awaitRest(options.configuration, restBy);
         readConfiguration(refused);
         {
             const std::lock_guard lock(mutex);
@@ -144,9 +154,10 @@ struct FileReader::Implementation {
         }
         if (known.configuration) {
             watchFiles();
-            takeUpCopies();
+            loadCopies();
             begin();
             for (const PlaylistSource& source : known.configuration->playlists) {
+                awaitRest(source.file, restBy);
                 readList(source.file, refused);
                 begin();
             }
@@ -155,12 +166,18 @@ struct FileReader::Implementation {
         {
             const std::lock_guard lock(mutex);
             firstOver = true;
-            eventfd_write(done, 1);
+            eventfd_write(done.number(), 1);
             if (!firstTaken) {
                 return;
             }
         }
         tell({}, std::move(refused));
+    }
+
+    // For a while: its copy holds then, and where there is none what it has by then.
+    void awaitRest(const std::filesystem::path& file, steady_clock::time_point until) {
+        const Reading reading(*this, file);
+        watch.awaitRest(file, until, [this] { return isEnding(); });
     }
 
     // Shows the first reading as far as it is.
@@ -170,7 +187,7 @@ struct FileReader::Implementation {
         begun = std::move(files);
     }
 
-    void takeUpCopies() {
+    void loadCopies() {
         for (const PlaylistSource& source : known.configuration->playlists) {
             KnownPlaylist& list = known.lists[source.file];
             if (list.tried || list.good) {
@@ -200,7 +217,7 @@ struct FileReader::Implementation {
     }
 
     bool allRest() {
-        const Reading reading(*this, "the directories of configuration and playlists");
+        const Reading reading(*this, kAllFiles);
         return std::ranges::all_of(watched(), [this](const auto& file) { return watch.rests(file); });
     }
 
@@ -223,11 +240,11 @@ struct FileReader::Implementation {
         const auto wanted = [&](const std::filesystem::path& file) {
             return all || std::ranges::find(changed, file) != changed.end();
         };
-        std::vector<std::function<void(const ReadResult&)>> told;
+        std::vector<std::function<void(const ReadResult&)>> repliesDue;
         {
             const std::lock_guard lock(mutex);
             if (all) {
-                told.swap(askers);
+                repliesDue.swap(askers);
             }
         }
         std::vector<std::string> refused;
@@ -237,7 +254,7 @@ struct FileReader::Implementation {
             if (!known.configurationWaits) {
                 readConfiguration(refused);
                 watchFiles();
-                takeUpCopies();
+                loadCopies();
                 news = true;
             }
         }
@@ -253,7 +270,7 @@ struct FileReader::Implementation {
             }
         }
         if (news) {
-            tell(std::move(told), std::move(refused));
+            tell(std::move(repliesDue), std::move(refused));
         }
     }
 
@@ -269,7 +286,7 @@ struct FileReader::Implementation {
 
     void watchFiles() {
         const std::vector<std::filesystem::path> files = watched();
-        const Reading reading(*this, "the directories of configuration and playlists");
+        const Reading reading(*this, kAllFiles);
         watch.watch(files);
         std::erase_if(known.lists,
                       [&](const auto& list) { return std::ranges::find(files, list.first) == files.end(); });
@@ -293,8 +310,12 @@ struct FileReader::Implementation {
         const Reading reading(*this, options.configuration);
         std::string text;
         ConfigurationResult read = readWithText(text);
-        // Somebody has begun to write it.
-        known.configurationWaits = known.configuration && !watch.rests(options.configuration);
+        // Somebody writes it, or has begun to.
+        const bool rests = watch.rests(options.configuration);
+        if (!rests && !known.configuration) {
+            useConfigurationCopy(read, text);
+        }
+        known.configurationWaits = known.configuration && !rests;
         if (known.configurationWaits) {
             return;
         }
@@ -305,7 +326,7 @@ struct FileReader::Implementation {
         refused.insert(refused.end(), known.mistakes.begin(), known.mistakes.end());
         if (!known.mistakes.empty()) {
             if (!known.configuration) {
-                takeUpConfigurationCopy(std::move(read), text);
+                useConfigurationCopy(read, text);
             }
             for (const std::string& mistake :
                  known.configuration ? known.mistakes : decltype(known.mistakes){}) {
@@ -321,20 +342,16 @@ struct FileReader::Implementation {
 
     void hold(Configuration&& good) {
         known.configuration = std::make_shared<const Configuration>(std::move(good));
-        if (const std::string note = openToAll(*known.configuration); note.empty()) {
-            openTrouble.over();
-        } else {
-            openTrouble.say(LogLevel::kWarning, note);
-        }
+        tell(openTrouble, openToAll(*known.configuration));
         if (!copies) {
             copiesIn = known.configuration->state;
             copies.emplace(copiesIn);
         }
     }
 
-    // A start with a broken configuration, which may well say where the copy is.
-    void takeUpConfigurationCopy(ConfigurationResult&& broken, std::string_view text) {
-        if (broken.configuration.state == Configuration{}.state) {
+    // A start with a configuration that is broken or half written, which may well say where the copy is.
+    void useConfigurationCopy(ConfigurationResult broken, std::string_view text) {
+        if (broken.configuration.state == Configuration{}.state && !broken.mistakes.empty()) {
             broken.configuration.state =
                 stateDirectoryAbove(text, broken.mistakes.front().line, options.configuration);
         }
@@ -364,8 +381,8 @@ struct FileReader::Implementation {
         list.waits = false;
         if (playlist) {
             list.refusal.clear();
-            list.trouble.over();
-            tellRead(file, *playlist);
+            list.trouble.resolved();
+            log(playlist->skipped > 0 ? LogLevel::kWarning : LogLevel::kInfo, whatWasRead(file, *playlist));
             list.good = std::move(*playlist);
             list.toCopy = std::move(bytes);
             return true;
@@ -374,22 +391,6 @@ struct FileReader::Implementation {
         refused.push_back(list.refusal);
         list.trouble.say(LogLevel::kWarning, list.refusal);
         return false;
-    }
-
-    static void tellRead(const std::filesystem::path& file, const Playlist& playlist) {
-        const auto count = [](std::size_t number, const char* what) {
-            return std::to_string(number) + what + (number == 1 ? "" : "s");
-        };
-        std::string text =
-            "playlist " + file.string() + ": read, " + count(playlist.channels.size(), " channel");
-        if (playlist.skipped > 0) {
-            text += ", " + count(playlist.skipped, " line") + " skipped";
-        }
-        if (playlist.skipped > 0 && !playlist.notes.empty()) {
-            text +=
-                "; line " + std::to_string(playlist.notes.front().line) + ": " + playlist.notes.front().text;
-        }
-        log(playlist.skipped > 0 ? LogLevel::kWarning : LogLevel::kInfo, text);
     }
 
     void writeCopies() {
@@ -403,12 +404,7 @@ struct FileReader::Implementation {
             const Reading reading(*this, "the copy of " + options.configuration.string());
             const std::string problem = keepConfigurationCopy(copiesIn, options.configuration, *toCopy);
             toCopy.reset();
-            if (problem.empty()) {
-                copyTrouble.over();
-            } else {
-                copyTrouble.say(LogLevel::kWarning,
-                                "no copy of " + options.configuration.string() + " is kept: " + problem);
-            }
+            tell(copyTrouble, problem, "no copy of " + options.configuration.string() + " is kept: ");
         }
         for (auto& [file, list] : known.lists) {
             if (!list.toCopy || !copies) {
@@ -417,22 +413,26 @@ struct FileReader::Implementation {
             const Reading reading(*this, "the copy of " + file.string());
             const std::string problem = copies->keep(file, *list.toCopy);
             list.toCopy.reset();
-            if (problem.empty()) {
-                list.copyTrouble.over();
-            } else {
-                list.copyTrouble.say(LogLevel::kWarning,
-                                     "no copy of " + file.string() + " is kept: " + problem);
-            }
+            tell(list.copyTrouble, problem, "no copy of " + file.string() + " is kept: ");
         }
     }
 
     // What is told.
 
-    void tell(std::vector<std::function<void(const ReadResult&)>> told, std::vector<std::string> refused) {
+    static void tell(LogOnChange& trouble, const std::string& problem, const std::string& before = {}) {
+        if (problem.empty()) {
+            trouble.resolved();
+        } else {
+            trouble.say(LogLevel::kWarning, before + problem);
+        }
+    }
+
+    void tell(std::vector<std::function<void(const ReadResult&)>> repliesDue,
+              std::vector<std::string> refused) {
         LoadedFiles files = known.collect();
         files.refused = std::move(refused);
         const auto shared = std::make_shared<const ReadResult>(files.result);
-        for (auto& asker : told) {
+        for (auto& asker : repliesDue) {
             files.askers.emplace_back([asker = std::move(asker), shared] { asker(*shared); });
         }
         deliver(std::move(files));
@@ -445,7 +445,7 @@ FileReader::FileReader(Options options, Deliver deliver)
 FileReader::~FileReader() = default;
 
 int FileReader::firstDone() const {
-    return implementation_->done;
+    return implementation_->done.number();
 }
 
 LoadedFiles FileReader::first() {
@@ -469,7 +469,7 @@ void FileReader::keepCopies() {
         const std::lock_guard lock(implementation_->mutex);
         implementation_->mayCopy = true;
     }
-    eventfd_write(implementation_->wake, 1);
+    eventfd_write(implementation_->wake.number(), 1);
 }
 
 void FileReader::readAll(std::function<void(const ReadResult&)> asker) {
@@ -480,7 +480,7 @@ void FileReader::readAll(std::function<void(const ReadResult&)> asker) {
             implementation_->askers.push_back(std::move(asker));
         }
     }
-    eventfd_write(implementation_->wake, 1);
+    eventfd_write(implementation_->wake.number(), 1);
 }
 
 std::size_t FileReader::askers() const {

@@ -13,6 +13,18 @@ std::string KnownPlaylist::whatStays() const {
                 : "";
 }
 
+std::string whatWasRead(const std::filesystem::path& file, const Playlist& playlist) {
+    std::string text =
+        "playlist " + file.string() + ": read, " + counted(playlist.channels.size(), "channel");
+    if (playlist.skipped > 0) {
+        text += ", " + counted(playlist.skipped, "line") + " skipped";
+    }
+    if (playlist.skipped > 0 && !playlist.notes.empty()) {
+        text += "; line " + std::to_string(playlist.notes.front().line) + ": " + playlist.notes.front().text;
+    }
+    return text;
+}
+
 std::string KnownFiles::whatStays() const {
     return !configuration ? ""
            : copyOf       ? "; the last good configuration stays in force, a copy of " + rfc3339(*copyOf)

@@ -26,6 +26,9 @@ struct KnownPlaylist {
     std::string whatStays() const;
 };
 
+// "playlist channels.m3u: read, 3 channels, 1 line skipped; line 7: ..."
+std::string whatWasRead(const std::filesystem::path& file, const Playlist& playlist);
+
 // The files as they were last read, and what there is to say of them. Does no input or output.
 struct KnownFiles {
     static constexpr std::size_t kNotes =

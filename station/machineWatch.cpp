@@ -19,11 +19,17 @@ using namespace std::chrono_literals;
 // What a snapshot tells may have been dropped so long before the alarm's window, as readings see it.
 constexpr auto kReadingsApart = 2s;
 constexpr auto kMinute = 60s;
-constexpr std::size_t kClassesTold = 3;
+constexpr std::size_t kClassesListed = 3;
+constexpr std::string_view kLoopback = "lo";
 
 // Alarms that lost packets raise.
-constexpr std::array<std::string_view, 5> kLossTypes = {"packets_lost", "continuity", "crc", "quality_index",
-                                                        "mos"};
+constexpr std::array<std::string_view, 7> kLossTypes = {"packets_lost", "continuity",    "crc", "rtp_loss",
+                                                        "loss_bursts",  "quality_index", "mos"};
+constexpr std::string_view kNoSignal = "no_signal";
+
+bool tellsLoss(std::string_view type) {
+    return std::ranges::find(kLossTypes, type) != kLossTypes.end();
+}
 
 // Growth of a counter, which begins anew with the interface.
 uint64_t growth(uint64_t before, uint64_t after) {
@@ -71,7 +77,9 @@ std::string routeCommand(const std::string& card) {
     return "ip route replace 224.0.0.0/4 dev " + card;
 }
 
-std::string describe(const Class& of, const std::string& card, std::optional<uint32_t> limit) {
+// `rejoins`: so often the probe was told to join such groups again.
+std::string describe(const Class& of, const std::string& card, std::optional<uint32_t> limit,
+                     uint64_t rejoins) {
     const AstrayGroup& group = *of.first;
     std::string text = of.subject();
     text += group.joinedOn.empty() ? " not joined on " + card
@@ -83,10 +91,16 @@ std::string describe(const Class& of, const std::string& card, std::optional<uin
     }
     if (group.routeFits) {
         return text + "; " + of.their() + " route leads to " + group.route +
-               ", so the probe is told to join again";
+               (rejoins < 2 ? ", so the probe is told to join again"
+                            : ", and the probe was told " + std::to_string(rejoins) +
+                                  " times to join again, in vain. systemctl restart kestor");
     }
     if (!group.route.empty()) {
-        return text + ": " + of.their() + " route leads to " + group.route + ". " + routeCommand(card);
+        return text + ": " + of.their() + " route leads to " + group.route + ". " + routeCommand(card) +
+               (group.route == kLoopback
+                    ? std::string()
+                    : " (if the channels come by " + group.route + ", that card has to be named " +
+                          std::string(kCaptureName) + ")");
     }
     if (group.routeError == ENETUNREACH) {
         return text + ": there is no route. " + routeCommand(card);
@@ -97,7 +111,7 @@ std::string describe(const Class& of, const std::string& card, std::optional<uin
 
 }  // namespace
 
-void MachineWatch::take(MachineReading&& reading) {
+void MachineWatch::apply(MachineReading&& reading) {
     if (!anyReading_) {
         anyReading_ = true;
         firstReading_ = reading.time.steady;
@@ -109,6 +123,7 @@ void MachineWatch::take(MachineReading&& reading) {
     if (!state_.known) {
         return;
     }
+    settleCapture(reading);
     followCard(reading);
     followDrops(reading);
     state_.softnet = reading.softnet;
@@ -117,6 +132,20 @@ void MachineWatch::take(MachineReading&& reading) {
     LinkProblem link = describeLink();
     state_.linkProblem = link.what + link.advice;
     linkInShort_ = std::move(link.what);
+}
+
+// After a cut the meter is back on the card before the station knows its new socket, which would pass for the
+// probe's.
+void MachineWatch::settleCapture(MachineReading& reading) {
+    const bool captured = reading.capture && reading.captured;
+    const bool settled = !last_ || (last_->captured && last_->capture && reading.capture &&
+                                    last_->capture->index == reading.capture->index);
+    if (!captured) {
+        capturedSince_.reset();
+        return;
+    }
+    capturedSince_ = capturedSince_.value_or(reading.time.steady);
+    reading.captured = settled || reading.time.steady - *capturedSince_ >= kCaptureSettles;
 }
 
 // Of several interfaces with such a name another one may be found when the first is gone: the probe does not
@@ -132,7 +161,11 @@ void MachineWatch::followCard(const MachineReading& reading) {
     }
     flapped_ = same && reading.capture->carrier && before->carrier &&
                reading.capture->carrierChanges != before->carrierChanges;
-    receives_ = same && reading.capture->received.packets != before->received.packets;
+    const bool received = same && reading.capture->received.packets != before->received.packets;
+    received_ = received || (same && received_);
+    if (received || !same) {
+        receivedAt_ = reading.time.steady;
+    }
     hadLink_ = (same && hadLink_) || (reading.capture && reading.capture->carrier);
     state_.interface = reading.capture;
     state_.captured = reading.captured;
@@ -207,7 +240,8 @@ MachineFindings MachineWatch::judge(const Probe& probe, SteadyTime now) {
     astray_.clear();
     state_.joinProblem.clear();
     state_.doubled.clear();
-    state_.notJoined = 0;
+    state_.notJoined.reset();
+    state_.joinedElsewhere.reset();
     state_.dropsLastMinute = dropsSince(now - kMinute).sum();
     if (state_.known && now - last_->time.steady > kReadingHolds) {
         state_.known = false;
@@ -240,9 +274,12 @@ MachineFindings MachineWatch::judge(const Probe& probe, SteadyTime now) {
     if (judged) {
         found.notJoined = !astray_.empty();
         found.groups = static_cast<double>(astray_.size());
-        state_.notJoined = astray_.size();
         state_.joinProblem = describeJoins();
         state_.doubled = describeDoubled();
+        state_.joinedElsewhere = last_->doubled + last_->left;
+    }
+    if (judged && !probe.passive) {
+        state_.notJoined = astray_.size();
     }
     if (!judged || !astray_.empty()) {
         joinedSince_.reset();
@@ -259,6 +296,7 @@ Groups MachineWatch::rejoin(const Now& now) {
     if (joinedSince_ && now.steady - *joinedSince_ >= kJoinsHold) {
         pause_ = kFirstPause;
         lastRejoin_.reset();
+        rejoinsInARow_ = 0;
     }
     Groups groups;
     if (!rejoinableSince_ || now.steady - *rejoinableSince_ < kRouteSettles ||
@@ -275,6 +313,7 @@ Groups MachineWatch::rejoin(const Now& now) {
     }
     lastRejoin_ = now.steady;
     rejoinableSince_.reset();
+    ++rejoinsInARow_;
     ++state_.rejoins;
     state_.rejoinedGroups += groups.size();
     state_.lastRejoin = now.wall;
@@ -301,7 +340,7 @@ MachineWatch::LinkProblem MachineWatch::describeLink() const {
     if (!card.up) {
         return {card.name + " is down", ": ip link set " + card.name + " up"};
     }
-    if (!card.carrier && !receives_) {  // some drivers do not tell it
+    if (!card.carrier && !receives()) {  // some drivers do not tell it
         return {card.name + " has no carrier",
                 ": is the cable plugged in, and is the port at its other end switched on?"};
     }
@@ -310,6 +349,10 @@ MachineWatch::LinkProblem MachineWatch::describeLink() const {
                 ": look at cable, plugs and the switch's port"};
     }
     return {};
+}
+
+bool MachineWatch::receives() const {
+    return received_ && last_->time.steady - receivedAt_ < kReceivesWithin;
 }
 
 std::string MachineWatch::describeJoins() const {
@@ -325,13 +368,14 @@ std::string MachineWatch::describeJoins() const {
     }
     std::ranges::stable_sort(classes, std::ranges::greater{}, &Class::count);
     std::string text;
-    std::size_t told = 0;
+    std::size_t listed = 0;
     for (const Class& one : classes) {
-        if (told++ == kClassesTold) {
+        if (listed++ == kClassesListed) {
             text += "; and others";
             break;
         }
-        text += (text.empty() ? "" : "; ") + describe(one, state_.interface->name, last_->membershipLimit);
+        text += (text.empty() ? "" : "; ") +
+                describe(one, state_.interface->name, last_->membershipLimit, rejoinsInARow_);
     }
     if (text.find(routeCommand(state_.interface->name)) != std::string::npos) {
         text += ". That lasts until the next boot; for good it belongs in the network's configuration";
@@ -386,14 +430,17 @@ std::optional<std::string> MachineWatch::raisedText(std::string_view type, const
     return text.empty() ? std::nullopt : std::optional(std::move(text));
 }
 
-bool MachineWatch::tellsLoss(std::string_view type) {
-    return std::ranges::find(kLossTypes, type) != kLossTypes.end();
+bool MachineWatch::goesByNow(std::string_view type) {
+    return type == kNoSignal || tellsLoss(type);
 }
 
-std::string MachineWatch::remark(std::string_view type, const AlarmRule& rule,
-                                 const std::optional<Group>& group, SteadyTime now) const {
-    if (type == "no_signal" && group) {
-        return !linkInShort_.empty() ? linkInShort_ : note(*group);
+std::string MachineWatch::remark(std::string_view type, const AlarmRule& rule, const Subject& about,
+                                 SteadyTime now) const {
+    if (const auto group = about.group(); type == kNoSignal && group) {
+        const std::string why = !linkInShort_.empty() ? linkInShort_ : note(*group);
+        const bool silent =
+            state_.known && state_.interface && last_->time.steady - receivedAt_ >= kReceivesWithin;
+        return why.empty() && silent ? card() + " receives nothing at all" : why;
     }
     if (tellsLoss(type)) {
         const auto time = std::max<SteadyTime::duration>(rule.window, rule.raiseDelay) + kReadingsApart;

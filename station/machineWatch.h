@@ -10,7 +10,7 @@
 #include "alarms/alarmEngine.h"
 #include "machine/machineReader.h"
 #include "probe/probeLink.h"
-#include "state.h"
+#include "state/state.h"
 
 namespace station {
 
@@ -19,8 +19,8 @@ struct MachineFindings {
     std::optional<bool> notJoined{};  // nothing while it is not known; likewise below
     double groups = 0;                // how many are not joined
     std::optional<bool> linkDown{};
-    SteadyTime linkDownSince{};  // where it is
-    uint64_t drops = 0;          // packets since the findings before
+    SteadyTime linkDownSince{};       // where it is
+    std::optional<uint64_t> drops{};  // packets since the findings before
 };
 
 // Makes alarms' findings and sentences of readings, and says when the probe is to join groups again.
@@ -39,6 +39,10 @@ class MachineWatch {
     static constexpr std::chrono::seconds kFirstLink{15};
     // The guard has a probe that captures nothing started anew before that.
     static constexpr std::chrono::seconds kCaptureTakes{20};
+    // A packet socket that is new may be the meter's, which tells of it within that time.
+    static constexpr std::chrono::seconds kCaptureSettles{4};
+    // A card to which nothing came for so long receives nothing.
+    static constexpr std::chrono::milliseconds kReceivesWithin{900};
     // A reading that is older says nothing.
     static constexpr std::chrono::seconds kReadingHolds{10};
     static constexpr std::chrono::seconds kDropsKept{600};  // as long as an alarm's window may be
@@ -50,7 +54,7 @@ class MachineWatch {
         std::function<bool(const Group&)> hasSignal{};  // by the last snapshot
     };
 
-    void take(MachineReading&& reading);
+    void apply(MachineReading&& reading);
     // About once a second.
     MachineFindings judge(const Probe& probe, SteadyTime now);
     // Groups that the probe is to leave and join again, once each time.
@@ -59,10 +63,10 @@ class MachineWatch {
     // The sentence of an alarm that was just raised, or nothing for an alarm of another type.
     std::optional<std::string> raisedText(std::string_view type, const AlarmRule& rule, SteadyTime now) const;
     // To stand behind the text of a channel's alarm that is raised now: what this machine has to do with it.
-    std::string remark(std::string_view type, const AlarmRule& rule, const std::optional<Group>& group,
+    std::string remark(std::string_view type, const AlarmRule& rule, const Subject& about,
                        SteadyTime now) const;
-    // Whether remark() would look at the packets that were dropped until now.
-    static bool tellsLoss(std::string_view type);
+    // Whether remark() would look at what is so at this moment, for which a reading may be too old.
+    static bool goesByNow(std::string_view type);
     // What keeps a probe that is started from capturing, or empty.
     std::string captureProblem() const {
         return last_ && state_.known ? last_->advice.problem : std::string();
@@ -91,6 +95,7 @@ class MachineWatch {
         }
     };
 
+    void settleCapture(MachineReading& reading);
     void followCard(const MachineReading& reading);
     void followDrops(const MachineReading& reading);
     Drops dropsSince(SteadyTime time) const;
@@ -102,6 +107,7 @@ class MachineWatch {
         std::string advice;
     };
     LinkProblem describeLink() const;
+    bool receives() const;
     std::string describeJoins() const;
     std::string describeDoubled() const;
 
@@ -111,8 +117,10 @@ class MachineWatch {
     SteadyTime previousTime_;  // of the reading before the last one
     bool hadLink_ = false;     // the card had a carrier since the station was started
     bool flapped_ = false;     // the carrier went and came between the last two readings
-    bool receives_ = false;    // packets came to the card between the last two readings
     bool gone_ = false;        // the card that there was is no more
+    bool received_ = false;    // packets came to the card since the station was started
+    SteadyTime receivedAt_;    // when a reading showed the last of them, or the card for the first time
+    std::optional<SteadyTime> capturedSince_;  // somebody captures on the card, as readings tell
     std::optional<SteadyTime>
         uncapturedSince_;  // the card is well, and a probe that runs does not capture there
     SteadyTime firstReading_;
@@ -129,6 +137,7 @@ class MachineWatch {
     std::optional<SteadyTime> lastRejoin_;
     std::optional<SteadyTime> joinedSince_;
     SteadyTime::duration pause_ = kFirstPause;
+    uint64_t rejoinsInARow_ = 0;  // since all groups were joined for kJoinsHold
 };
 
 }  // namespace station

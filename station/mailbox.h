@@ -13,10 +13,10 @@
 #include <utility>
 #include <vector>
 
-#include "channels/channelSet.h"
-#include "commands.h"
+#include "configuration/channelSet.h"
 #include "probe/controller.h"
 #include "probe/pipeReader.h"
+#include "state/commands.h"
 
 namespace station {
 
@@ -47,34 +47,41 @@ class Mailbox {
     static constexpr std::size_t kSnapshots = 3;   // beyond, the oldest is dropped
     static constexpr std::size_t kReports = 256;   // likewise
     static constexpr std::size_t kCommands = 256;  // beyond, a command is refused
+    // Of these, such as only read: whoever may read cannot keep those away who change something.
+    static constexpr std::size_t kReadings = 64;
 
-    struct Letters {
+    struct Batch {
         std::deque<RawSnapshot> snapshots;
         std::deque<Controller::Report> reports;
         std::deque<Command> commands;
         std::optional<LoadedFiles> files;
         std::optional<LoadedRuntime> runtime;
+        bool meter = false;    // MeterMail has something, or turns of pictures ended
+        bool minutes = false;  // MinuteStore has some that were restored
         bool stop = false;
     };
 
     void send(RawSnapshot&& snapshot) {
         const std::lock_guard lock(mutex_);
-        pushDroppingOldest(letters_.snapshots, std::move(snapshot), kSnapshots, droppedSnapshots_);
+        pushDroppingOldest(batch_.snapshots, std::move(snapshot), kSnapshots, droppedSnapshots_);
         ready_.notify_one();
     }
     void send(const Controller::Report& report) {
         const std::lock_guard lock(mutex_);
         uint64_t dropped = 0;
-        pushDroppingOldest(letters_.reports, Controller::Report(report), kReports, dropped);
+        pushDroppingOldest(batch_.reports, Controller::Report(report), kReports, dropped);
         ready_.notify_one();
     }
     bool send(Command&& command) {
         const std::lock_guard lock(mutex_);
-        if (letters_.commands.size() >= kCommands || letters_.stop) {
+        const bool reads = std::holds_alternative<QueryHistory>(command.action) ||
+                           std::holds_alternative<QueryOverview>(command.action);
+        if (batch_.commands.size() >= kCommands || (reads && readings_ >= kReadings) || batch_.stop) {
             ++refusedCommands_;
             return false;
         }
-        letters_.commands.push_back(std::move(command));
+        readings_ += reads ? 1 : 0;
+        batch_.commands.push_back(std::move(command));
         ready_.notify_one();
         return true;
     }
@@ -82,32 +89,44 @@ class Mailbox {
     // good configuration is not lost to a bad one behind it: the files have the last good one.
     void send(LoadedFiles&& files) {
         const std::lock_guard lock(mutex_);
-        if (letters_.files) {
-            std::ranges::move(letters_.files->askers, std::back_inserter(files.askers));
-            std::ranges::move(letters_.files->refused, std::back_inserter(files.refused));
+        if (batch_.files) {
+            std::ranges::move(batch_.files->askers, std::back_inserter(files.askers));
+            std::ranges::move(batch_.files->refused, std::back_inserter(files.refused));
         }
-        letters_.files = std::move(files);
+        batch_.files = std::move(files);
         ready_.notify_one();
     }
     void send(LoadedRuntime&& runtime) {
         const std::lock_guard lock(mutex_);
-        letters_.runtime = std::move(runtime);
+        batch_.runtime = std::move(runtime);
+        ready_.notify_one();
+    }
+    // The meter's mail has something, or turns of pictures ended.
+    void sendMeter() {
+        const std::lock_guard lock(mutex_);
+        batch_.meter = true;
+        ready_.notify_one();
+    }
+    void sendMinutes() {
+        const std::lock_guard lock(mutex_);
+        batch_.minutes = true;
         ready_.notify_one();
     }
     void stop() {
         const std::lock_guard lock(mutex_);
-        letters_.stop = true;
+        batch_.stop = true;
         ready_.notify_one();
     }
 
     // All that came, as soon as there is something; nothing at the deadline.
-    Letters takeUntil(SteadyTime deadline) {
+    Batch drainUntil(SteadyTime deadline) {
         std::unique_lock lock(mutex_);
         ready_.wait_until(lock, deadline, [this] {
-            return letters_.stop || letters_.files || letters_.runtime || !letters_.snapshots.empty() ||
-                   !letters_.reports.empty() || !letters_.commands.empty();
+            return batch_.stop || batch_.meter || batch_.minutes || batch_.files || batch_.runtime ||
+                   !batch_.snapshots.empty() || !batch_.reports.empty() || !batch_.commands.empty();
         });
-        return std::exchange(letters_, {});
+        readings_ = 0;
+        return std::exchange(batch_, {});
     }
 
     uint64_t droppedSnapshots() const {
@@ -121,18 +140,19 @@ class Mailbox {
 
   private:
     template <typename T>
-    static void pushDroppingOldest(std::deque<T>& letters, std::type_identity_t<T>&& letter,
-                                   std::size_t bound, uint64_t& dropped) {
-        if (letters.size() >= bound) {
-            letters.pop_front();
+    static void pushDroppingOldest(std::deque<T>& queue, std::type_identity_t<T>&& letter, std::size_t bound,
+                                   uint64_t& dropped) {
+        if (queue.size() >= bound) {
+            queue.pop_front();
             ++dropped;
         }
-        letters.push_back(std::move(letter));
+        queue.push_back(std::move(letter));
     }
 
     mutable std::mutex mutex_;  // guards everything below; no lock is taken while it is held
     std::condition_variable ready_;
-    Letters letters_;
+    Batch batch_;
+    std::size_t readings_ = 0;  // of its commands
     uint64_t droppedSnapshots_ = 0;
     uint64_t refusedCommands_ = 0;
 };

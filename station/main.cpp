@@ -12,11 +12,12 @@
 #include <filesystem>
 #include <iostream>
 
-#include "channels/configurationValues.h"
-#include "channels/textFile.h"
+#include "basics/descriptor.h"
 #include "common/endWithin.h"
 #include "common/log.h"
+#include "common/textFile.h"
 #include "completion.h"
+#include "configuration/configurationValues.h"
 #include "serviceUser.h"
 #include "station.h"
 #include "usage.h"
@@ -41,6 +42,7 @@ struct Arguments {
     std::string listen;
     std::string socket;
     std::string meterSocket;
+    std::string pictureSocket;
     std::string pipe;
     std::string endpoint;
     std::string page;
@@ -76,6 +78,12 @@ void declare(CLI::App& app, Arguments& arguments) {
            "--meter-socket", arguments.meterSocket,
            "Let kestor-meter connect at this Unix socket; \"\" for no meter. With --socket it is by default "
            "meter.sock beside that one.")
+        ->type_name("PATH")
+        ->check(optionProblem<station::checkSocketPath>);
+    app.add_option(
+           "--picture-socket", arguments.pictureSocket,
+           "Let kestor-picture connect at this Unix socket; \"\" for no pictures. With --socket it is by "
+           "default picture.sock beside that one.")
         ->type_name("PATH")
         ->check(optionProblem<station::checkSocketPath>);
     app.add_option("--pipe", arguments.pipe, "Read the probe's results from this pipe.")->type_name("PATH");
@@ -123,9 +131,17 @@ void override(const CLI::App& app, const Arguments& arguments, Configuration& co
         if (configuration.meterSocket == Configuration().meterSocket) {
             configuration.meterSocket = configuration.socket.parent_path() / "meter.sock";
         }
+        if (configuration.pictures.socket == Configuration().pictures.socket) {
+            configuration.pictures.socket = configuration.socket.parent_path() / "picture.sock";
+        }
+    }
+    if (given("--picture-socket")) {
+        configuration.pictures.socket = arguments.pictureSocket;
+        configuration.pictures.expected = !arguments.pictureSocket.empty();
     }
     if (given("--meter-socket")) {
         configuration.meterSocket = arguments.meterSocket;
+        configuration.meterExpected = !arguments.meterSocket.empty();
     }
     if (given("--pipe")) {
         configuration.pipe = arguments.pipe;
@@ -193,21 +209,15 @@ class DirectoryLock {
     explicit DirectoryLock(const std::filesystem::path& directory)
         : descriptor_(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
         // A file system that knows no locks keeps nobody out.
-        if (descriptor_ >= 0 && flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-            close(descriptor_);
+        if (descriptor_.isOpen() && flock(descriptor_.number(), LOCK_EX | LOCK_NB) != 0 &&
+            errno == EWOULDBLOCK) {
             throw std::runtime_error("another kestor-station works in " + directory.string() +
                                      ": stop that one, or give this one a directory of its own (--state)");
         }
     }
-    ~DirectoryLock() {
-        if (descriptor_ >= 0) {
-            close(descriptor_);
-        }
-    }
-    DirectoryLock(const DirectoryLock&) = delete;
 
   private:
-    int descriptor_;
+    basics::Descriptor descriptor_;
 };
 
 void tell(const std::exception& error) {

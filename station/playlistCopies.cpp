@@ -5,7 +5,7 @@
 
 #include "basics/text.h"
 #include "channels/playlist.h"
-#include "channels/textFile.h"
+#include "common/textFile.h"
 
 namespace station {
 
@@ -14,7 +14,6 @@ namespace {
 constexpr std::size_t kShownName = 100;     // bytes of a playlist's own name
 constexpr std::size_t kOldNameLimit = 200;  // bytes
 
-// FNV-1a, 64 bits: the same in every version and on every machine.
 }  // namespace
 
 PlaylistCopies::PlaylistCopies(const std::filesystem::path& stateDirectory)

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "channels/configuration.h"
+#include "configuration/configuration.h"
 
 namespace station {
 

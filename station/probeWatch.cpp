@@ -13,6 +13,8 @@ constexpr auto kRequestsOverdue = 2s;
 constexpr auto kSnapshotsOverdue = 3s;
 // After the start an asker that is there alone is told from one of two by then.
 constexpr auto kAskersKnown = 10s;
+// A snapshot that was too large is told for so long, though others come.
+constexpr auto kTooLargeShown = 60s;
 
 // Nothing while it has neither come nor is overdue.
 std::optional<bool> missing(SteadyTime last, SteadyTime awakeSince, SteadyTime now,
@@ -57,22 +59,22 @@ ProbeLook ProbeWatch::look(SteadyTime now) const {
 bool ProbeWatch::update(SteadyTime now, const Ends& ends) {
     const ProbeLook known = look(now);
     state_.asks = !missing(lastRequest_, awakeSince_, now, kRequestsOverdue).value_or(!state_.asks);
-    state_.problem = describe(known, ends);
+    state_.problem = describe(known, ends, now);
     // Standing still oneself tells nothing of the probe: what was known holds until something comes or is
     // overdue.
     const bool connected = !known.silent.value_or(!state_.connected);
     return std::exchange(state_.connected, connected) != connected;
 }
 
-std::string ProbeWatch::describe(const ProbeLook& look, const Ends& ends) const {
+std::string ProbeWatch::describe(const ProbeLook& look, const Ends& ends, SteadyTime now) const {
+    const std::string limit = std::to_string(PipeReader::kSnapshotLimit >> 20) + " MiB";
     const auto because = [](const std::string& problem, const char* guess) {
         return problem.empty() ? std::string(guess) : problem;
     };
     if (look.silent == true) {
         if (ends.pipe.lastTooLarge > lastSnapshot_) {
-            return "snapshots from the probe are larger than " +
-                   std::to_string(PipeReader::kSnapshotLimit >> 20) +
-                   " MiB and are dropped, so nothing is known: watch fewer channels, or find out which has "
+            return "snapshots from the probe are larger than " + limit +
+                   " and are dropped, so nothing is known: watch fewer channels, or find out which has "
                    "thousands of PIDs";
         }
         if (state_.asks && scanning_) {
@@ -91,6 +93,10 @@ std::string ProbeWatch::describe(const ProbeLook& look, const Ends& ends) const 
                because(ends.portProblem,
                        "is its way to the controller's port blocked? What it watches goes on, changes do not "
                        "reach it");
+    }
+    if (ends.pipe.tooLarge > 0 && now - ends.pipe.lastTooLarge < kTooLargeShown) {
+        return "some snapshots from the probe are larger than " + limit +
+               " and are dropped: watch fewer channels, or find out which has thousands of PIDs";
     }
     return {};
 }

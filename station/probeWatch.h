@@ -5,9 +5,10 @@
 #include <string>
 
 #include "alarms/alarmEngine.h"
+#include "measures/presence.h"
 #include "probe/controller.h"
 #include "probe/pipeReader.h"
-#include "state.h"
+#include "state/state.h"
 
 namespace station {
 
@@ -16,7 +17,7 @@ namespace station {
 // snapshots a fault of its own.
 //
 // One thread, no I/O.
-class ProbeWatch {
+class ProbeWatch : public Presence {
   public:
     explicit ProbeWatch(SteadyTime start) : awakeSince_(start) {}
 
@@ -52,8 +53,13 @@ class ProbeWatch {
     std::string whyNotAsking() const {
         return state_.connected ? state_.problem : std::string();
     }
-    // Whether a channel's sample of that time is still what is.
-    bool fresh(SteadyTime sample, SteadyTime now) const;
+    // What is known of an alarm's cause, as a sentence; empty for one that this knows nothing of.
+    std::string causeOf(std::string_view alarm) const {
+        return alarm == "probe_silent"       ? whySilent()
+               : alarm == "probe_not_asking" ? whyNotAsking()
+                                             : std::string();
+    }
+    bool fresh(SteadyTime sample, SteadyTime now) const override;
     bool scanning() const {
         return scanning_;
     }
@@ -67,7 +73,7 @@ class ProbeWatch {
     }
 
   private:
-    std::string describe(const ProbeLook& look, const Ends& ends) const;
+    std::string describe(const ProbeLook& look, const Ends& ends, SteadyTime now) const;
 
     ProbeState state_;
     SteadyTime lastRequest_;

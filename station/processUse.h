@@ -1,12 +1,35 @@
-// What this process and its threads have used.
+// What this process has used.
 #pragma once
 
 #include <cstdint>
 
+#include "state/state.h"
+
 namespace station {
 
-double threadCpuMs();        // processor time of the calling thread
-double processCpuSeconds();  // of all threads
-uint64_t residentBytes();    // 0 where the kernel does not tell
+// One thread.
+class UseMeter {
+  public:
+    // Looks every few seconds, since that takes a system call or two. To be called about once a second.
+    void measure(SteadyTime now);
+    // What a snapshot takes of the calling thread, for as long as it lives.
+    class Snapshot {
+      public:
+        explicit Snapshot(UseMeter& meter);
+        ~Snapshot();
+        Snapshot(const Snapshot&) = delete;
+
+      private:
+        UseMeter& meter_;
+        const double before_;
+    };
+    const StationUse& use() const {
+        return use_;
+    }
+
+  private:
+    StationUse use_;
+    SteadyTime measured_;
+};
 
 }  // namespace station

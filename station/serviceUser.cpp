@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "basics/descriptor.h"
+
 namespace station {
 
 namespace {
@@ -69,10 +71,8 @@ std::vector<Mistake> unreadableFor(const std::string& user, const std::filesyste
         mistake.text += " (as the user " + user + ", which the service runs as)";
     }
     for (const PlaylistSource& source : result.configuration.playlists) {
-        const int descriptor = open(source.file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        if (descriptor >= 0) {
-            close(descriptor);
-        } else if (const int error = errno; error != ENOENT) {  // it need not be there yet
+        const basics::Descriptor playlist(open(source.file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        if (const int error = errno; !playlist.isOpen() && error != ENOENT) {  // it need not be there yet
             std::string why = "playlist " + source.file.string();
             why += " cannot be read by the user " + user;
             why += ", which the service runs as: " + std::system_category().message(error);

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "measures/probeSample.h"
 
 namespace station {
 
@@ -15,41 +16,18 @@ using namespace std::chrono_literals;
 // From the last records of one probe to the first ones of the next that is told what to watch.
 constexpr auto kRestartTakes = 10s;
 
-// A channel that nothing is known of is not without signal: only an alarm says so.
-StripCell stripCell(const ChannelSample& sample, ChannelStatus status) {
-    switch (status) {
-        case ChannelStatus::kOk:
-            return StripCell::kOk;
-        case ChannelStatus::kAlarm:
-            return sample.signal ? StripCell::kAlarm : StripCell::kNoSignal;
-        case ChannelStatus::kWaiting:
-        case ChannelStatus::kDisabled:
-            break;
-    }
-    return StripCell::kNoData;
-}
-
 }  // namespace
 
-void SnapshotIntake::setChannels(const ChannelDifference& difference) {
-    for (const Channel& channel : difference.removed) {
-        watched_.erase(channel.group);
+bool SnapshotIntake::hasSignal(const Group& group, SteadyTime now) const {
+    const auto found = watch_.channels().find(group);
+    if (found == watch_.channels().end()) {
+        return false;
     }
-    for (const Channel& channel : difference.added) {
-        watched_.try_emplace(channel.group, channel);
-    }
-    for (const auto& [before, after] : difference.changed) {
-        watched_.at(after.group).channel = after;
-    }
-    const std::size_t minutes = minutesKept(watched_.size());
-    if (std::exchange(historyMinutes_, minutes) != minutes || !difference.added.empty()) {
-        for (auto& [group, channel] : watched_) {
-            channel.history.keepMinutes(minutes);
-        }
-    }
+    const Observed& observed = found->second.observed[Source::kProbe];
+    return observed.sample && observed.sample->signal && probe_.fresh(observed.time, now);
 }
 
-std::optional<SnapshotIntake::Taken> SnapshotIntake::take(RawSnapshot&& raw) {
+std::optional<SnapshotIntake::Result> SnapshotIntake::apply(RawSnapshot&& raw) {
     if (raw.text.empty() && probe_.secondAsker() && records_ && !records_->empty()) {
         return std::nullopt;
     }
@@ -64,22 +42,22 @@ std::optional<SnapshotIntake::Taken> SnapshotIntake::take(RawSnapshot&& raw) {
                         std::to_string(line) + ": " + problem);
             }
         }));
-    Taken taken;
+    Result result;
     if (beganAnew(*snapshot, raw.began.steady)) {
         probe_.restarted();
         log(LogLevel::kWarning, "the probe was restarted");
-        engine_.probeRestarted(now, taken.restart);
-        taken.restarted = true;
+        engine_.probeRestarted(now, result.restart);
+        result.restarted = true;
     }
-    Groups shown = observe(snapshot, now, taken.changes);
-    observeMissing(shown, now, taken.changes);
+    Groups shown = observe(snapshot, now, result.changes);
+    observeMissing(shown, now, result.changes);
     if (!shown_.empty() &&
         std::ranges::none_of(shown_, [&](const Group& group) { return shown.contains(group); })) {
         recordsGone_ = now.steady;
     }
     shown_ = std::move(shown);
     records_ = snapshot;
-    return taken;
+    return result;
 }
 
 // After another asker took the place of the last one: a restart is one if the numbers began anew. Requests
@@ -105,8 +83,9 @@ bool SnapshotIntake::numbersBeganAnew(const records::Snapshot& snapshot) const {
     }
     std::size_t anew = 0;
     std::size_t kept = 0;
-    for (const auto& [group, channel] : watched_) {
-        const uint64_t before = channel.sample ? channel.sample->totals[kPacketsReceivedCounter] : 0;
+    for (const auto& [group, channel] : watch_.channels()) {
+        const auto& sample = channel.observed[Source::kProbe].sample;
+        const uint64_t before = sample ? sample->received : 0;
         if (before > 0) {
             const auto now = received.find(group);
             ++(now == received.end() || now->second < before ? anew : kept);
@@ -121,7 +100,7 @@ Groups SnapshotIntake::observe(const std::shared_ptr<const records::Snapshot>& s
     for (const records::GroupRecords& records : records::groupsOf(*snapshot)) {
         const auto group = Group::parse(records.stream->text("group"));
         if (group && shown.insert(*group).second) {
-            if (const auto channel = watched_.find(*group); channel != watched_.end()) {
+            if (const auto channel = watch_.channels().find(*group); channel != watch_.channels().end()) {
                 observeChannel(channel->second, *records.stream, records.pids, snapshot, now, changes);
             }
         }
@@ -132,42 +111,27 @@ Groups SnapshotIntake::observe(const std::shared_ptr<const records::Snapshot>& s
 void SnapshotIntake::observeChannel(WatchedChannel& channel, const Record& stream,
                                     std::span<const Record> pids, const std::shared_ptr<const void>& snapshot,
                                     const Now& now, std::vector<AlarmChange>& changes) {
-    const Group group = channel.channel.group;
-    const ChannelSample sample = makeSample(stream, pids, channel.sample ? &*channel.sample : nullptr,
-                                            now.steady - channel.sampleTime);
-    if (!channel.sample) {
+    const Observed& observed = channel.observed[Source::kProbe];
+    const ChannelSample sample =
+        makeSample(stream, pids, observed.sample ? &*observed.sample : nullptr, now.steady - observed.time);
+    if (!observed.sample) {
         channel.countsSince = now.wall;
     }
-    channel.sample = sample;
-    channel.sampleTime = now.steady;
     channel.stream = &stream;
     channel.pids = pids;
     channel.snapshot = snapshot;
-    if (sample.signal) {
-        channel.lastSeen = now.wall;
-    }
-    channel.minute.add(sample, now.steady);
-    for (std::size_t i = 0; i < kSampleCounters; ++i) {
-        if (sample.increments[i] > 0) {
-            channel.lastError[i] = now.wall;
-        }
-    }
-    if (!channel.channel.enabled) {
-        return;
-    }
-    engine_.observe(group, sample, now, changes);
-    channel.history.add(sample, stripCell(sample, engine_.status(group)), now);
+    watch_.observe(channel, sample, now, changes);
 }
 
 void SnapshotIntake::observeMissing(const Groups& shown, const Now& now, std::vector<AlarmChange>& changes) {
-    for (auto& [group, channel] : watched_) {
+    for (auto& [group, channel] : watch_.channels()) {
         if (shown.contains(group)) {
             continue;
         }
         if (channel.channel.enabled) {
             engine_.observeMissing(group, now, changes);
         }
-        if (!probe_.fresh(channel.sampleTime, now.steady)) {
+        if (!probe_.fresh(channel.observed[Source::kProbe].time, now.steady)) {
             channel.forgetRecords();
         }
     }

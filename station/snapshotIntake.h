@@ -1,51 +1,40 @@
 // What snapshots say of channels and of the probe.
 #pragma once
 
-#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
 
 #include "alarms/alarmEngine.h"
-#include "channels/channelSet.h"
+#include "channelWatch.h"
 #include "probe/pipeReader.h"
 #include "probe/probeLink.h"
 #include "probeWatch.h"
 #include "recordParser.h"
-#include "watchedChannel.h"
 
 namespace station {
 
-using WatchedChannels = std::map<Group, WatchedChannel>;
-
-// Takes snapshots in: keeps what is known of each channel, has it judged, and tells whether the probe began
+// Takes snapshots in: makes samples of them, keeps the last one's records, and tells whether the probe began
 // anew. One thread, no input or output but the log.
 class SnapshotIntake {
   public:
-    // Both have to outlive it.
-    SnapshotIntake(AlarmEngine& engine, ProbeWatch& probe) : engine_(engine), probe_(probe) {}
+    // All have to outlive it.
+    SnapshotIntake(ChannelWatch& watch, AlarmEngine& engine, ProbeWatch& probe)
+        : watch_(watch), engine_(engine), probe_(probe) {}
 
-    // What is watched from here on.
-    void setChannels(const ChannelDifference& difference);
     // Another asker took the last one's place: whether the probe was restarted, a later snapshot tells.
     void askerReplaced(SteadyTime time) {
         replaced_ = time;
     }
 
-    struct Taken {
+    struct Result {
         bool restarted = false;            // it is the first of a probe that was started anew
         std::vector<AlarmChange> restart;  // what the engine makes of that, before all others
         std::vector<AlarmChange> changes;  // of channels
     };
     // Nothing for one that shows nothing because it comes from an asker that is told nothing.
-    std::optional<Taken> take(RawSnapshot&& raw);
+    std::optional<Result> apply(RawSnapshot&& raw);
 
-    WatchedChannels& channels() {
-        return watched_;
-    }
-    const WatchedChannels& channels() const {
-        return watched_;
-    }
     // The last one's records; null before the first.
     const std::shared_ptr<const records::Snapshot>& records() const {
         return records_;
@@ -54,6 +43,9 @@ class SnapshotIntake {
     const Groups& shown() const {
         return shown_;
     }
+
+    // Whether the probe's last snapshot showed a signal there; false when that is too old to tell.
+    bool hasSignal(const Group& group, SteadyTime now) const;
 
   private:
     bool beganAnew(const records::Snapshot& snapshot, SteadyTime began);
@@ -65,10 +57,9 @@ class SnapshotIntake {
                         std::vector<AlarmChange>& changes);
     void observeMissing(const Groups& shown, const Now& now, std::vector<AlarmChange>& changes);
 
+    ChannelWatch& watch_;
     AlarmEngine& engine_;
     ProbeWatch& probe_;
-    WatchedChannels watched_;
-    std::size_t historyMinutes_ = kMinutesKept;
     std::shared_ptr<const records::Snapshot> records_;
     Groups shown_;
     std::optional<SteadyTime> replaced_;  // when another asker took the last one's place, until it is judged

@@ -7,11 +7,12 @@
 #include <vector>
 
 #include "alarms/alarmEngine.h"
+#include "channelWatch.h"
 #include "eventDesk.h"
 #include "machineWatch.h"
-#include "probeWatch.h"
+#include "measures/presence.h"
 #include "snapshotIntake.h"
-#include "state.h"
+#include "state/state.h"
 
 namespace station {
 
@@ -20,16 +21,20 @@ class StatePublisher {
   public:
     // What a state is composed of; all of it is the owner's.
     struct Sources {
-        SnapshotIntake& intake;
+        ChannelWatch& watch;
+        const SnapshotIntake& intake;
         const AlarmEngine& engine;
         const EventDesk& desk;
-        const ProbeWatch& probe;
+        BySource<const Presence*> presence;
         const MachineWatch& machine;
     };
     // What others say of themselves at that time.
     struct Surroundings {
         ProbeState probe;
         MeterState meter;
+        MeterBriefs briefs;
+        PictureState pictures;
+        PictureBriefs pictureBriefs;
         std::shared_ptr<const Configuration> configuration;
         std::vector<std::string> notes;
         bool passive = false;
@@ -52,7 +57,8 @@ class StatePublisher {
     StatePointer publish(Surroundings&& surroundings, const Now& now);
 
   private:
-    std::shared_ptr<const ChannelState> channelState(WatchedChannel& channel, const Now& now) const;
+    std::shared_ptr<const ChannelState> channelState(WatchedChannel& channel, MeterBrief&& brief,
+                                                     PictureBrief&& picture, const Now& now) const;
 
     const Sources sources_;
     const WallTime started_;

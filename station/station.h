@@ -3,9 +3,9 @@
 
 #include <memory>
 
-#include "commands.h"
 #include "fileKeeper.h"
 #include "mailbox.h"
+#include "state/commands.h"
 
 namespace station {
 

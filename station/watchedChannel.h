@@ -6,28 +6,33 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <utility>
+#include <vector>
 
-#include "alarms/channelSample.h"
-#include "alarms/history.h"
 #include "channels/channel.h"
+#include "measures/channelSample.h"
+#include "measures/history.h"
 
 namespace station {
 
-// Sums of every counter over the last minute.
+// Sums of every counter of a source over the last minute. Takes memory with the first sample.
 class MinuteSums {
   public:
     static constexpr std::size_t kSeconds = 60;
 
     void add(const ChannelSample& sample, SteadyTime now) {
+        counters_ = countMeasures(MeasureKind::kCounter, sample.source);
+        seconds_.resize(kSeconds * counters_);
         advance(now);
-        for (std::size_t i = 0; i < kSampleCounters; ++i) {
-            const auto room = std::numeric_limits<uint32_t>::max() - seconds_[at_][i];
-            const auto more = static_cast<uint32_t>(std::min<uint64_t>(sample.increments[i], room));
-            seconds_[at_][i] += more;
+        for (std::size_t i = 0; i < counters_; ++i) {
+            uint32_t& sum = seconds_[at_ * counters_ + i];
+            const auto room = std::numeric_limits<uint32_t>::max() - sum;
+            const auto more = static_cast<uint32_t>(std::min<uint64_t>(sample.counts[i].growth, room));
+            sum += more;
             sums_[i] += more;
         }
     }
-    const std::array<uint64_t, kSampleCounters>& sums(SteadyTime now) {
+    const std::array<uint64_t, kCounters>& sums(SteadyTime now) {
         advance(now);
         return sums_;
     }
@@ -38,30 +43,45 @@ class MinuteSums {
         const auto steps = std::min<int64_t>(second - second_, kSeconds);
         for (int64_t step = 0; step < steps; ++step) {
             at_ = (at_ + 1) % kSeconds;
-            for (std::size_t i = 0; i < kSampleCounters; ++i) {
-                sums_[i] -= seconds_[at_][i];
-                seconds_[at_][i] = 0;
+            for (std::size_t i = 0; i < counters_; ++i) {
+                sums_[i] -= std::exchange(seconds_[at_ * counters_ + i], 0);
             }
         }
         second_ = std::max<int64_t>(second, second_);
     }
 
-    // Of one second, which sees fewer packets by far.
-    std::array<std::array<uint32_t, kSampleCounters>, kSeconds> seconds_{};
-    std::array<uint64_t, kSampleCounters> sums_{};
+    std::size_t counters_ = 0;
+    std::vector<uint32_t> seconds_;  // by second, then counter: one sees fewer packets by far
+    std::array<uint64_t, kCounters> sums_{};
     std::size_t at_ = 0;
     int64_t second_ = 0;
 };
 
+// What one source said of a channel.
+struct Observed {
+    std::optional<ChannelSample> sample;  // the last one
+    SteadyTime time;
+    MinuteSums minute;
+    std::array<WallTime, kCounters> lastError{};
+
+    void add(const ChannelSample& next, const Now& now) {
+        sample = next;
+        time = now.steady;
+        minute.add(next, now.steady);
+        for (std::size_t i = 0; i < kCounters; ++i) {
+            if (next.counts[i].growth > 0) {
+                lastError[i] = now.wall;
+            }
+        }
+    }
+};
+
 struct WatchedChannel {
-    explicit WatchedChannel(Channel told) : channel(std::move(told)) {}
+    explicit WatchedChannel(Channel watched) : channel(std::move(watched)) {}
 
     Channel channel;
-    std::optional<ChannelSample> sample;  // of the last snapshot that showed it
-    SteadyTime sampleTime;
+    BySource<Observed> observed;
     History history;
-    MinuteSums minute;
-    std::array<WallTime, kSampleCounters> lastError{};
     WallTime lastSeen;
     WallTime countsSince;  // the first sample since the station was started or the channel added
     // The last snapshot's records; `snapshot` owns them.

@@ -3,10 +3,13 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 namespace station {
 
 namespace {
+
+using namespace std::chrono_literals;
 
 std::string number(double value) {
     std::array<char, 48> text{};
@@ -16,14 +19,32 @@ std::string number(double value) {
     return text.data();
 }
 
-std::string seconds(std::chrono::milliseconds time) {
+// "12.3 s", "20 min 36 s", "3 h 5 min", "4 d 2 h".
+std::string lasted(std::chrono::milliseconds time) {
+    constexpr std::array<std::pair<std::chrono::seconds, const char*>, 4> kUnits = {
+        {{std::chrono::days(1), "d"},
+         {std::chrono::hours(1), "h"},
+         {std::chrono::minutes(1), "min"},
+         {1s, "s"}}};
     std::array<char, 48> text{};
-    std::snprintf(text.data(), text.size(), "%.1f s", std::chrono::duration<double>(time).count());
-    return text.data();
+    if (time < std::chrono::minutes(2)) {
+        std::snprintf(text.data(), text.size(), "%.1f s", std::chrono::duration<double>(time).count());
+        return text.data();
+    }
+    const auto whole = std::chrono::floor<std::chrono::seconds>(time);
+    std::size_t unit = 0;
+    while (whole < kUnits.at(unit).first) {
+        ++unit;
+    }
+    const auto& [large, name] = kUnits.at(unit);
+    const auto& [small, part] = kUnits.at(unit + 1);
+    return std::to_string(whole / large) + " " + name + " " + std::to_string(whole % large / small) + " " +
+           part;
 }
 
 std::string withUnit(double value, std::string_view unit) {
-    return unit.empty() ? number(value) : number(value) + " " + std::string(unit);
+    const bool several = unit == "packet" && value != 1;
+    return number(value) + (unit.empty() ? "" : " ") + std::string(unit) + (several ? "s" : "");
 }
 
 std::string counted(const AlarmType& type, double count) {
@@ -47,6 +68,8 @@ std::string raisedText(std::size_t type, const AlarmRule& rule, double value, ui
             }
             return text + " within " + std::to_string(rule.window.count()) + " s";
         }
+        case AlarmKind::kAbsence:
+            return "no " + std::string(alarmType.what) + " for " + number(value) + " s";
         case AlarmKind::kCondition:
             return std::string(alarmType.raised);
         case AlarmKind::kEvent:
@@ -58,7 +81,7 @@ std::string raisedText(std::size_t type, const AlarmRule& rule, double value, ui
 std::string clearedText(std::size_t type, const AlarmRule& rule, const Alarm& alarm,
                         std::chrono::milliseconds duration) {
     const AlarmType& alarmType = alarmTypes()[type];
-    const std::string after = " after " + seconds(duration);
+    const std::string after = " after " + lasted(duration);
     switch (alarmType.kind) {
         case AlarmKind::kHigh:
         case AlarmKind::kLow:
@@ -67,6 +90,8 @@ std::string clearedText(std::size_t type, const AlarmRule& rule, const Alarm& al
         case AlarmKind::kCounter:
             return counted(alarmType, alarm.value) + " within " + std::to_string(rule.window.count()) + " s" +
                    after + ", " + number(alarm.peak) + " at worst";
+        case AlarmKind::kAbsence:
+            return "a " + std::string(alarmType.what) + " came" + after;
         case AlarmKind::kCondition:
             return std::string(alarmType.cleared) + after;
         case AlarmKind::kEvent:

@@ -3,8 +3,8 @@
 #include <vector>
 
 #include "alarms/alarm.h"
-#include "alarms/measures.h"
-#include "common/text.h"
+#include "alarms/defaultRules.h"
+#include "measures/measures.h"
 
 namespace station {
 
@@ -12,65 +12,18 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::array<std::string_view, 4> kSeverityNames = {"critical", "major", "minor", "warning"};
-constexpr std::array<std::string_view, 5> kKindNames = {"high", "low", "counter", "condition", "event"};
-constexpr std::array<std::string_view, 4> kStatusNames = {"ok", "alarm", "waiting", "disabled"};
-
-struct Levels {
-    double raise;
-    double clear;
-};
-struct Delays {
-    std::chrono::milliseconds raise;
-    std::chrono::milliseconds clear;
-};
-
-constexpr AlarmRule level(Severity severity, Levels levels, Delays delays) {
-    AlarmRule rule;
-    rule.severity = severity;
-    rule.raiseLevel = levels.raise;
-    rule.clearLevel = levels.clear;
-    rule.raiseDelay = delays.raise;
-    rule.clearDelay = delays.clear;
-    return rule;
-}
-
-constexpr AlarmRule condition(Severity severity, Delays delays) {
-    return level(severity, {}, delays);
-}
-
-constexpr AlarmRule counter(Severity severity, uint64_t count, uint64_t errorSeconds,
-                            std::chrono::seconds window) {
-    AlarmRule rule;
-    rule.severity = severity;
-    rule.count = count;
-    rule.errorSeconds = errorSeconds;
-    rule.window = window;
-    return rule;
-}
-
-constexpr AlarmRule event(Severity severity, std::chrono::milliseconds apart) {
-    return level(severity, {}, {0ms, apart});
-}
-
-constexpr AlarmRule off(AlarmRule rule) {
-    rule.enabled = false;
-    return rule;
-}
-
 using enum AlarmKind;
 using enum Severity;
 
-// A channel without faults raises nothing with these, also where it is coded at a varying bit rate: then the
-// delay factor, which assumes a constant one, goes beyond 2 s after a change and the inter-arrival variance
-// to 200 ms^2. A profile for channels of constant bit rate sets the two much lower. Tables and clock
-// references late by their arrival, and those off their place by 500 ns, come with every sender that is not
-// built for it.
+// A channel without faults raises nothing with these, also at a varying bit rate: then the delay factor,
+// which assumes a constant one, goes beyond 2 s after a change and the inter-arrival variance to 200 ms^2. A
+// profile for constant bit rates sets the two much lower. Tables and clock references late by their arrival,
+// and those off their place by 500 ns, come with every sender that is not built for it.
 constexpr std::array kTypes = std::to_array<AlarmType>({
     {.name = "probe_silent",
      .meaning = "The probe delivers no results, so nothing is known about any channel.",
      .kind = kCondition,
-     .ofProbe = true,
+     .ofSource = Source::kProbe,
      .defaults = condition(kCritical, {2s, 0s}),
      .look = &ProbeLook::silent,
      .raised = "the probe delivers no results",
@@ -78,7 +31,7 @@ constexpr std::array kTypes = std::to_array<AlarmType>({
     {.name = "probe_not_asking",
      .meaning = "The probe delivers results, but does not ask what to watch: changes do not reach it.",
      .kind = kCondition,
-     .ofProbe = true,
+     .ofSource = Source::kProbe,
      .defaults = condition(kMajor, {3s, 0s}),
      .look = &ProbeLook::notAsking,
      .raised = "the probe does not ask what to watch",
@@ -86,7 +39,7 @@ constexpr std::array kTypes = std::to_array<AlarmType>({
     {.name = "second_asker",
      .meaning = "Something other than the probe also asks what to watch, and is told nothing.",
      .kind = kCondition,
-     .ofProbe = true,
+     .ofSource = Source::kProbe,
      .defaults = condition(kMajor, {2s, 0s}),
      .look = &ProbeLook::secondAsker,
      .raised = "two ask at the controller's port, and the one that came first is told what to watch: stop "
@@ -95,192 +48,235 @@ constexpr std::array kTypes = std::to_array<AlarmType>({
     {.name = "probe_restarted",
      .meaning = "The probe was restarted; its counters start from zero.",
      .kind = kEvent,
-     .ofProbe = true,
+     .ofSource = Source::kProbe,
      .defaults = event(kMinor, 0s)},
     {.name = "delivery_failing",
      .meaning = "A webhook does not accept notifications, so whoever relies on it hears nothing.",
      .kind = kCondition,
-     .ofProbe = true,
+     .ofSource = Source::kProbe,
      .defaults = condition(kMajor, {60s, 0s}),
      .raised = "a webhook cannot be told",
      .cleared = "webhooks take notifications again"},
     {.name = "not_joined",
      .meaning = "Groups are not joined on the interface that the probe captures, so they do not come.",
      .kind = kCondition,
-     .ofProbe = true,
+     .ofSource = Source::kProbe,
      .defaults = condition(kCritical, {5s, 2s}),
      .raised = "groups are not joined on the interface that the probe captures",
      .cleared = "all groups without signal are joined on the interface that the probe captures"},
     {.name = "link_down",
      .meaning = "The interface that the probe captures has no link, or is down or gone.",
      .kind = kCondition,
-     .ofProbe = true,
+     .ofSource = Source::kProbe,
      .defaults = condition(kCritical, {1s, 5s}),
      .raised = "the interface that the probe captures has no link",
      .cleared = "the interface that the probe captures has its link"},
     {.name = "machine_drops",
      .meaning = "This machine itself dropped packets, so losses may be its own.",
      .kind = kCounter,
-     .ofProbe = true,
+     .ofSource = Source::kProbe,
      .defaults = counter(kMajor, 10, 0, 10s),
      .unit = "packet",
      .what = "packet dropped by this machine",
      .many = "packets dropped by this machine"},
+    {.name = "meter_silent",
+     .meaning = "The meter measures nothing, so alarms go by the probe's records, and some are not judged.",
+     .kind = kCondition,
+     .ofSource = Source::kMeter,
+     .defaults = condition(kMajor, {5s, 2s}),
+     .raised = "the meter measures nothing",
+     .cleared = "the meter measures again"},
+    {.name = "capture_loss",
+     .meaning = "This machine missed datagrams that the meter was to measure, so as many of a channel's are "
+                "not told.",
+     .kind = kCounter,
+     .ofSource = Source::kMeter,
+     .defaults = counter(kMajor, 10, 5, 60s),
+     .unit = "datagram",
+     .what = "datagram missed by this machine before the meter took it",
+     .many = "datagrams missed by this machine before the meter took them"},
+    {.name = "picture_silent",
+     .meaning = "No pictures are taken, so frozen, black and silent channels are not found.",
+     .kind = kCondition,
+     .ofSource = Source::kPicture,
+     .defaults = condition(kMinor, {15s, 2s}),
+     .raised = "no pictures are taken",
+     .cleared = "pictures are taken again"},
     {.name = "no_signal",
      .meaning = "No packets of the channel arrive.",
      .kind = kCondition,
      .defaults = condition(kCritical, {1s, 2s}),
-     .measure = measure("packetsReceived"),
+     .measure = &measureOf("packetsReceived"),
+     .meter = {&measureOf("meter.packets")},
      .raised = "no packets arrive",
      .cleared = "packets arrive again"},
     {.name = "bitrate_low",
      .meaning = "The bit rate is lower than the channel's profile expects.",
      .kind = kLow,
      .defaults = off(level(kMajor, {1'000'000, 1'200'000}, {5s, 10s})),
-     .measure = measure("bitRate"),
+     .measure = &measureOf("bitRate"),
      .unit = "bit/s",
      .hold = Hold::kWithoutSignal,
+     .meter = {&measureOf("meter.bitrate"), Hold::kWithoutSignal},
      .what = "bit rate"},
     {.name = "bitrate_high",
      .meaning = "The bit rate is higher than the channel's profile expects.",
      .kind = kHigh,
      .defaults = off(level(kMinor, {20'000'000, 18'000'000}, {5s, 10s})),
-     .measure = measure("bitRate"),
+     .measure = &measureOf("bitRate"),
      .unit = "bit/s",
      .hold = Hold::kWithoutSignal,
+     .meter = {&measureOf("meter.bitrate"), Hold::kWithoutSignal},
      .what = "bit rate"},
     {.name = "packets_lost",
      .meaning = "Many transport packets are missing, or a few again and again.",
      .kind = kCounter,
      .defaults = counter(kMajor, 100, 5, 10s),
-     .measure = measure("packetsLost"),
+     .measure = &measureOf("packetsLost"),
      .unit = "packet",
+     .meter = {&measureOf("meter.packetsLost")},
      .what = "packet lost",
      .many = "packets lost"},
     {.name = "continuity",
-     .meaning = "A continuity counter has an unexpected value: packets were lost, repeated or reordered.",
+     .meaning = "A continuity counter has an unexpected value: packets were lost or reordered, or, by the "
+                "records, repeated.",
      .kind = kCounter,
      .defaults = counter(kWarning, 1, 0, 10s),
-     .measure = measure("Continuity_count_error"),
+     .measure = &measureOf("Continuity_count_error"),
      .unit = "error",
+     .meter = {&measureOf("meter.Continuity_count_error")},
      .what = "continuity error",
      .many = "continuity errors"},
     {.name = "sync_loss",
      .meaning = "Transport packets do not follow one another every 188 bytes.",
      .kind = kCounter,
      .defaults = counter(kMajor, 1, 0, 10s),
-     .measure = measure("TS_sync_loss"),
+     .measure = &measureOf("TS_sync_loss"),
      .unit = "error",
+     .meter = {&measureOf("meter.TS_sync_loss")},
      .what = "loss of synchronisation",
      .many = "losses of synchronisation"},
     {.name = "sync_byte",
      .meaning = "A transport packet does not begin with 0x47.",
      .kind = kCounter,
      .defaults = counter(kMinor, 1, 0, 10s),
-     .measure = measure("Sync_byte_error"),
+     .measure = &measureOf("Sync_byte_error"),
      .unit = "error",
+     .meter = {&measureOf("meter.Sync_byte_error")},
      .what = "wrong sync byte",
      .many = "wrong sync bytes"},
     {.name = "pat",
      .meaning = "The program association table is missing, late or cannot be decoded.",
      .kind = kCounter,
      .defaults = counter(kMajor, 0, 2, 10s),
-     .measure = measure("PAT_error"),
+     .measure = &measureOf("PAT_error"),
      .unit = "error",
      .hold = Hold::kGap,
+     .meter = {&measureOf("meter.PAT_error_2"), Hold::kGap},
      .what = "PAT error",
      .many = "PAT errors"},
     {.name = "pmt",
      .meaning = "A program map table is missing, late or scrambled.",
      .kind = kCounter,
      .defaults = counter(kMajor, 0, 3, 10s),
-     .measure = measure("PMT_error"),
+     .measure = &measureOf("PMT_error"),
      .unit = "error",
      .hold = Hold::kGap,
+     .meter = {&measureOf("meter.PMT_error_2"), Hold::kGap},
      .what = "PMT error",
      .many = "PMT errors"},
     {.name = "transport",
      .meaning = "Equipment upstream of the probe marked packets as damaged (transport_error_indicator).",
      .kind = kCounter,
      .defaults = counter(kMinor, 1, 0, 10s),
-     .measure = measure("Transport_error"),
+     .measure = &measureOf("Transport_error"),
      .unit = "error",
+     .meter = {&measureOf("meter.Transport_error")},
      .what = "damaged packet",
      .many = "damaged packets"},
     {.name = "crc",
      .meaning = "Tables are damaged or incomplete.",
      .kind = kCounter,
      .defaults = counter(kMinor, 1, 0, 10s),
-     .measure = measure("CRC_error"),
+     .measure = &measureOf("CRC_error"),
      .unit = "error",
      .hold = Hold::kGap,
+     .meter = {&measureOf("meter.CRC_error"), Hold::kGap},
      .what = "table error",
      .many = "table errors"},
     {.name = "pcr_repetition",
-     .meaning = "Program clock references arrive more than 40 ms apart.",
+     .meaning = "Program clock references are too far apart: over 100 ms of the stream's time by the meter, "
+                "over 40 ms of arrival by the records.",
      .kind = kCounter,
      .defaults = off(counter(kWarning, 100, 0, 10s)),
-     .measure = measure("PCR_repetition_error"),
+     .measure = &measureOf("PCR_repetition_error"),
      .unit = "error",
      .hold = Hold::kGap,
+     .meter = {&measureOf("meter.PCR_repetition_error"), Hold::kGap, counter(kWarning, 5, 0, 10s)},
      .what = "late PCR",
      .many = "late PCRs"},
     {.name = "pcr_discontinuity",
      .meaning = "The program clock jumps without announcement.",
      .kind = kCounter,
      .defaults = counter(kMinor, 1, 0, 10s),
-     .measure = measure("PCR_discontinuity_indicator_error"),
+     .measure = &measureOf("PCR_discontinuity_indicator_error"),
      .unit = "error",
      .hold = Hold::kGap,
+     .meter = {&measureOf("meter.PCR_discontinuity_indicator_error"), Hold::kGap},
      .what = "PCR jump",
      .many = "PCR jumps"},
     {.name = "pcr_accuracy",
      .meaning = "Program clock references deviate from their place by more than 500 ns.",
      .kind = kCounter,
      .defaults = off(counter(kWarning, 250, 0, 10s)),
-     .measure = measure("PCR_accuracy_error"),
+     .measure = &measureOf("PCR_accuracy_error"),
      .unit = "error",
      .hold = Hold::kSettling,
+     .meter = {&measureOf("meter.PCR_accuracy_error"), Hold::kGap, counter(kWarning, 10, 0, 10s)},
      .what = "inaccurate PCR",
      .many = "inaccurate PCRs"},
     {.name = "pts",
      .meaning = "Presentation time stamps of video or audio are more than 700 ms apart.",
      .kind = kCounter,
      .defaults = counter(kWarning, 0, 2, 10s),
-     .measure = measure("PTS_error"),
+     .measure = &measureOf("PTS_error"),
      .unit = "error",
      .hold = Hold::kGap,
+     .meter = {&measureOf("meter.PTS_error"), Hold::kGap},
      .what = "late time stamp",
      .many = "late time stamps"},
     {.name = "cat",
      .meaning = "Packets are scrambled and no valid conditional access table arrives.",
      .kind = kCounter,
      .defaults = counter(kMinor, 0, 3, 10s),
-     .measure = measure("CAT_error"),
+     .measure = &measureOf("CAT_error"),
      .unit = "error",
+     .meter = {&measureOf("meter.CAT_error")},
      .what = "CAT error",
      .many = "CAT errors"},
     {.name = "scrambled",
      .meaning = "Packets are scrambled on a channel that is meant to be clear.",
      .kind = kCounter,
      .defaults = off(counter(kMajor, 1, 0, 10s)),
-     .measure = measure("packetsScrambled"),
+     .measure = &measureOf("packetsScrambled"),
      .unit = "packet",
+     .meter = {&measureOf("meter.packetsScrambled")},
      .what = "scrambled packet",
      .many = "scrambled packets"},
     {.name = "delay_factor",
      .meaning = "Packets arrive in bursts: a receiver needs a larger buffer (RFC 4445).",
      .kind = kHigh,
      .defaults = level(kWarning, {1'500, 1'000}, {60s, 30s}),
-     .measure = measure("mdiDelayFactor"),
+     .measure = &measureOf("mdiDelayFactor"),
      .unit = "ms",
      .hold = Hold::kSettling,
+     .meter = {&measureOf("meter.delayFactor"), Hold::kWithoutSignal},
      .what = "delay factor"},
     {.name = "jitter",
      .meaning = "The times between datagrams vary a lot.",
      .kind = kHigh,
      .defaults = level(kWarning, {2'500, 2'000}, {0s, 10s}),
-     .measure = measure("jitterVariance"),
+     .measure = &measureOf("jitterVariance"),
      .unit = "ms^2",
      .hold = Hold::kSettling,
      .what = "inter-arrival variance"},
@@ -288,65 +284,180 @@ constexpr std::array kTypes = std::to_array<AlarmType>({
      .meaning = "The transport quality index is low: packets are lost.",
      .kind = kLow,
      .defaults = level(kMinor, {3.0, 3.5}, {3s, 10s}),
-     .measure = measure("transportQualityIndex"),
+     .measure = &measureOf("transportQualityIndex"),
      .hold = Hold::kWithoutSignal,
      .what = "transport quality index"},
     {.name = "mos",
      .meaning = "The mean opinion score of an elementary stream is low: packets of it are lost.",
      .kind = kLow,
      .defaults = level(kMinor, {3.0, 3.5}, {3s, 10s}),
-     .measure = measure("mosScore"),
+     .measure = &measureOf("mosScore"),
      .hold = Hold::kWithoutSignal,
      .what = "mean opinion score"},
     {.name = "wrong_source",
      .meaning = "Another source sends to the channel's group; its packets are not analysed.",
      .kind = kCondition,
      .defaults = condition(kMajor, {0s, 0s}),
-     .measure = measure("wrongSource"),
+     .measure = &measureOf("wrongSource"),
+     .meter = {&measureOf("meter.otherSources"), Hold::kNever, condition(kMajor, {0s, 10s})},
      .raised = "another source sends to the group",
      .cleared = "no other source was seen since the counters were cleared"},
     {.name = "ttl_changed",
      .meaning = "The time to live of the datagrams changed: they take another route.",
      .kind = kEvent,
      .defaults = event(kWarning, 60s),
-     .measure = measure("ttl"),
+     .measure = &measureOf("ttl"),
      .what = "time to live"},
     {.name = "dscp_changed",
      .meaning = "The differentiated services code point of the datagrams changed.",
      .kind = kEvent,
      .defaults = event(kWarning, 60s),
-     .measure = measure("dscp"),
+     .measure = &measureOf("dscp"),
      .what = "code point"},
+    {.name = "video_missing",
+     .meaning = "A video stream that had packets all the time has none for 2 s.",
+     .kind = kCondition,
+     .defaults = condition(kCritical, {0s, 1s}),
+     .measure = &measureOf("meter.videoMissing"),
+     .raised = "a video stream has no packets",
+     .cleared = "video streams have packets again"},
+    {.name = "audio_missing",
+     .meaning = "An audio stream that had packets all the time has none for 2 s.",
+     .kind = kCondition,
+     .defaults = condition(kMajor, {0s, 1s}),
+     .measure = &measureOf("meter.audioMissing"),
+     .raised = "an audio stream has no packets",
+     .cleared = "audio streams have packets again"},
+    {.name = "pid_missing",
+     .meaning = "A video or audio PID that the tables list has no packets for pid_absence_ms.",
+     .kind = kCounter,
+     .defaults = counter(kMajor, 1, 0, 10s),
+     .measure = &measureOf("meter.PID_error"),
+     .unit = "error",
+     .hold = Hold::kGap,
+     .what = "missing PID",
+     .many = "missing PIDs"},
+    {.name = "unreferenced_pid",
+     .meaning = "Packets come of a PID that no table refers to.",
+     .kind = kCounter,
+     .defaults = off(counter(kWarning, 1, 0, 60s)),
+     .measure = &measureOf("meter.Unreferenced_PID"),
+     .unit = "error",
+     .hold = Hold::kGap,
+     .what = "PID that no table refers to",
+     .many = "PIDs that no table refers to"},
+    {.name = "service_information",
+     .meaning =
+         "Tables of service information are missing, come too seldom or too often, or in the wrong place.",
+     .kind = kCounter,
+     .defaults = off(counter(kWarning, 0, 10, 60s)),
+     .measure = &measureOf("meter.serviceInformation"),
+     .unit = "error",
+     .hold = Hold::kGap,
+     .what = "error of service information",
+     .many = "errors of service information"},
+    {.name = "rtp_loss",
+     .meaning = "RTP datagrams are missing: they were lost on the network.",
+     .kind = kCounter,
+     .defaults = counter(kWarning, 1, 0, 10s),
+     .measure = &measureOf("meter.rtpLost"),
+     .unit = "datagram",
+     .what = "RTP datagram lost",
+     .many = "RTP datagrams lost"},
+    {.name = "loss_bursts",
+     .meaning = "Many packets are lost in one run, more than error correction makes good.",
+     .kind = kHigh,
+     .defaults = level(kMinor, {35, 35}, {0s, 10s}),
+     .measure = &measureOf("meter.lossRun"),
+     .unit = "packet",
+     .what = "longest run of packets lost"},
+    {.name = "clock_offset",
+     .meaning = "The program clock runs faster or slower than ISO/IEC 13818-1 allows.",
+     .kind = kHigh,
+     .defaults = level(kWarning, {30, 25}, {60s, 60s}),
+     .measure = &measureOf("meter.pcrOffset"),
+     .eitherWay = true,
+     .unit = "ppm",
+     .hold = Hold::kWithoutSignal,
+     .what = "frequency offset of the program clock"},
+    {.name = "clock_jitter",
+     .meaning = "Program clock references arrive unevenly.",
+     .kind = kHigh,
+     .defaults = level(kWarning, {100, 50}, {10s, 30s}),
+     .measure = &measureOf("meter.pcrJitter"),
+     .unit = "ms",
+     .hold = Hold::kWithoutSignal,
+     .what = "jitter of the program clock"},
+    {.name = "utc_wrong",
+     .meaning = "The stream's time of day (TDT) is not that of this machine.",
+     .kind = kHigh,
+     .defaults = off(level(kWarning, {2'000, 1'500}, {10s, 60s})),
+     .measure = &measureOf("meter.utcOffset"),
+     .eitherWay = true,
+     .unit = "ms",
+     .hold = Hold::kWithoutSignal,
+     .what = "offset of the time of day"},
+    {.name = "bitrate_constant",
+     .meaning = "The bit rate was constant for a minute and is no longer.",
+     .kind = kCondition,
+     .defaults = condition(kWarning, {10s, 30s}),
+     .measure = &measureOf("meter.notConstant"),
+     .raised = "the bit rate is no longer constant",
+     .cleared = "the bit rate is constant again"},
+    {.name = "cue_missing",
+     .meaning = "No cue (SCTE 35) came for window_s.",
+     .kind = kAbsence,
+     .defaults = off(absence(kMinor, 3600s)),
+     .measure = &measureOf("meter.cues"),
+     .what = "cue"},
+    {.name = "service_changed",
+     .meaning = "The services of the stream changed.",
+     .kind = kEvent,
+     .defaults = event(kWarning, 10s),
+     .by = Source::kMeter},
+    {.name = "streams_changed",
+     .meaning = "The streams of a service changed.",
+     .kind = kEvent,
+     .defaults = event(kWarning, 10s),
+     .by = Source::kMeter},
+    {.name = "flow_changed",
+     .meaning = "The channel comes from another source address or port, after the one before fell silent.",
+     .kind = kEvent,
+     .defaults = event(kWarning, 10s),
+     .by = Source::kMeter},
+    {.name = "frozen",
+     .meaning = "The picture does not move: pictures that were taken one after the other are alike.",
+     .kind = kLow,
+     .defaults = level(kMajor, {3, 5}, {30s, 0s}),
+     .measure = &measureOf("picture.change"),
+     .hold = Hold::kWithoutSignal,
+     .what = "change from picture to picture"},
+    {.name = "black",
+     .meaning = "The picture is black.",
+     .kind = kLow,
+     .defaults = level(kMajor, {10, 14}, {20s, 0s}),
+     .measure = &measureOf("picture.light"),
+     .hold = Hold::kWithoutSignal,
+     .what = "brightness of the picture, with its spread,"},
+    {.name = "silent",
+     .meaning = "The first audio stream is silent.",
+     .kind = kLow,
+     .defaults = level(kMajor, {-60, -55}, {30s, 0s}),
+     .measure = &measureOf("picture.loudness"),
+     .unit = "LUFS",
+     .hold = Hold::kWithoutSignal,
+     .what = "loudness"},
+    {.name = "loudness_high",
+     .meaning = "The first audio stream is louder than the channel's profile expects.",
+     .kind = kHigh,
+     .defaults = off(level(kWarning, {-10, -12}, {30s, 30s})),
+     .measure = &measureOf("picture.loudness"),
+     .unit = "LUFS",
+     .hold = Hold::kWithoutSignal,
+     .what = "loudness"},
 });
 
-template <std::size_t Size>
-std::optional<std::size_t> indexOf(const std::array<std::string_view, Size>& names, std::string_view name) {
-    const auto found = std::ranges::find(names, name);
-    return found == names.end() ? std::nullopt : std::optional<std::size_t>(found - names.begin());
-}
-
 }  // namespace
-
-std::string_view severityName(Severity severity) {
-    return kSeverityNames.at(static_cast<std::size_t>(severity));
-}
-
-std::optional<Severity> parseSeverity(std::string_view name) {
-    const auto index = indexOf(kSeverityNames, name);
-    return index ? std::optional(static_cast<Severity>(*index)) : std::nullopt;
-}
-
-std::string_view alarmKindName(AlarmKind kind) {
-    return kKindNames.at(static_cast<std::size_t>(kind));
-}
-
-void Alarm::setText(std::string_view raise) {
-    text = printable(toUtf8(raise), kTextBytes);
-}
-
-std::string_view channelStatusName(ChannelStatus status) {
-    return kStatusNames.at(static_cast<std::size_t>(status));
-}
 
 std::span<const AlarmType> alarmTypes() {
     return kTypes;
@@ -357,11 +468,28 @@ std::optional<std::size_t> findAlarmType(std::string_view name) {
     return found == kTypes.end() ? std::nullopt : std::optional<std::size_t>(found - kTypes.begin());
 }
 
+const Measure* watchedBy(const AlarmType& type, Source source) {
+    if (type.measure != nullptr && type.measure->source == source) {
+        return type.measure;
+    }
+    return source == Source::kMeter ? type.meter.measure : nullptr;
+}
+
+bool needsMeter(const AlarmType& type) {
+    return type.ofSource == Source::kMeter || type.by == Source::kMeter ||
+           (type.measure != nullptr && type.measure->source == Source::kMeter);
+}
+
+bool needsPictures(const AlarmType& type) {
+    return type.ofSource == Source::kPicture ||
+           (type.measure != nullptr && type.measure->source == Source::kPicture);
+}
+
 RuleSet defaultRules() {
     RuleSet rules;
     rules.reserve(kTypes.size());
     for (const AlarmType& type : kTypes) {
-        rules.push_back(type.defaults);
+        rules.emplace_back(type.defaults, type.meter.defaults.value_or(type.defaults));
     }
     return rules;
 }

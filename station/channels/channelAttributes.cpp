@@ -22,12 +22,12 @@ std::string whatChanged(const Channel& before, const Channel& after) {
         if (before.*attribute.member == after.*attribute.member) {
             return;
         }
-        if (attribute.told == kDetails) {
+        if (attribute.change == kDetails) {
             details = true;
         } else if constexpr (std::is_same_v<typename std::decay_t<decltype(attribute)>::Value, bool>) {
-            say(after.*attribute.member ? attribute.told : attribute.toldUnset);
+            say(after.*attribute.member ? attribute.change : attribute.changeUnset);
         } else {
-            say(attribute.told);
+            say(attribute.change);
         }
     });
     if (before.origin != after.origin) {

@@ -8,8 +8,8 @@
 
 #include "basics/text.h"
 #include "channels/channelAttributes.h"
-#include "channels/textFile.h"
 #include "common/text.h"
+#include "common/textFile.h"
 
 namespace station {
 

@@ -130,7 +130,7 @@ class Writer {
 
   private:
     [[noreturn]] void run() {
-        uint64_t droppedTold = 0;
+        uint64_t droppedLogged = 0;
         std::unique_lock lock(mutex_);
         for (;;) {
             ready_.wait(lock, [this] { return !lines_.empty(); });
@@ -140,12 +140,12 @@ class Writer {
             lock.unlock();
             writeLine(line);
             lock.lock();
-            if (lines_.empty() && dropped_ != droppedTold) {
+            if (lines_.empty() && dropped_ != droppedLogged) {
                 lines_.push_back({LogLevel::kWarning,
-                                  std::to_string(dropped_ - droppedTold) +
+                                  std::to_string(dropped_ - droppedLogged) +
                                       " lines of the log were dropped: standard error took none",
                                   {}});
-                droppedTold = dropped_;
+                droppedLogged = dropped_;
             }
             writing_ = false;
             if (lines_.empty()) {
@@ -199,7 +199,7 @@ bool LogOnChange::say(LogLevel level, std::string_view text) {
     return true;
 }
 
-void LogOnChange::over(std::string_view recovered) {
+void LogOnChange::resolved(std::string_view recovered) {
     if (!last_.empty() && !recovered.empty()) {
         log(LogLevel::kNotice, recovered);
     }

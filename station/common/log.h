@@ -40,7 +40,7 @@ class LogOnChange {
     bool say(LogLevel level, std::string_view text);
     // What was wrong is over: the next text is said whatever it is. Says `recovered` if something was said
     // before.
-    void over(std::string_view recovered = {});
+    void resolved(std::string_view recovered = {});
 
   private:
     std::string last_;

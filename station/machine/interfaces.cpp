@@ -12,6 +12,7 @@
 #include <cstring>
 #include <tuple>
 
+#include "basics/descriptor.h"
 #include "machine/machine.h"
 #include "machine/netlink.h"
 
@@ -79,19 +80,20 @@ NetworkInterface readLink(std::span<const std::byte> body) {
 }
 
 void readAddresses(NetlinkSocket& kernel, std::vector<NetworkInterface>& interfaces) {
-    ifaddrmsg asked{};
-    asked.ifa_family = AF_INET;
-    kernel.ask(RTM_GETADDR, NLM_F_DUMP, bytesOf(asked), [&](uint16_t type, std::span<const std::byte> body) {
-        const auto message = leading<ifaddrmsg>(body);
-        const auto found =
-            std::ranges::find(interfaces, static_cast<int>(message.ifa_index), &NetworkInterface::index);
-        if (type != RTM_NEWADDR || message.ifa_family != AF_INET || found == interfaces.end()) {
-            return;
-        }
-        const NetlinkAttributes attributes(body.subspan(std::min(body.size(), sizeof message)));
-        const uint16_t own = attributes.find(IFA_LOCAL).empty() ? IFA_ADDRESS : IFA_LOCAL;
-        found->addresses.push_back(ntohl(attributes.value<uint32_t>(own)));
-    });
+    ifaddrmsg request{};
+    request.ifa_family = AF_INET;
+    kernel.ask(
+        RTM_GETADDR, NLM_F_DUMP, bytesOf(request), [&](uint16_t type, std::span<const std::byte> body) {
+            const auto message = leading<ifaddrmsg>(body);
+            const auto found =
+                std::ranges::find(interfaces, static_cast<int>(message.ifa_index), &NetworkInterface::index);
+            if (type != RTM_NEWADDR || message.ifa_family != AF_INET || found == interfaces.end()) {
+                return;
+            }
+            const NetlinkAttributes attributes(body.subspan(std::min(body.size(), sizeof message)));
+            const uint16_t own = attributes.find(IFA_LOCAL).empty() ? IFA_ADDRESS : IFA_LOCAL;
+            found->addresses.push_back(ntohl(attributes.value<uint32_t>(own)));
+        });
 }
 
 // The link's speed, which is asked for in two steps: the first one tells how long the answer will be.
@@ -143,21 +145,21 @@ std::string_view interfaceStateName(State state) {
 std::vector<NetworkInterface> readInterfaces() {
     NetlinkSocket kernel;
     std::vector<NetworkInterface> interfaces;
-    ifinfomsg asked{};
-    kernel.ask(RTM_GETLINK, NLM_F_DUMP, bytesOf(asked), [&](uint16_t type, std::span<const std::byte> body) {
-        if (type == RTM_NEWLINK) {
-            interfaces.push_back(readLink(body));
-        }
-    });
+    ifinfomsg request{};
+    kernel.ask(RTM_GETLINK, NLM_F_DUMP, bytesOf(request),
+               [&](uint16_t type, std::span<const std::byte> body) {
+                   if (type == RTM_NEWLINK) {
+                       interfaces.push_back(readLink(body));
+                   }
+               });
     readAddresses(kernel, interfaces);
-    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (socket >= 0) {
+    const basics::Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (socket.isOpen()) {
         for (NetworkInterface& interface : interfaces) {
             if (interface.carrier && !interface.loopback) {
-                interface.bitsPerSecond = readSpeed(socket, interface.name);
+                interface.bitsPerSecond = readSpeed(socket.number(), interface.name);
             }
         }
-        close(socket);
     }
     std::ranges::sort(interfaces, {}, &NetworkInterface::index);
     return interfaces;

@@ -8,6 +8,7 @@
 #include <charconv>
 #include <fstream>
 
+#include "basics/address.h"
 #include "machine/netlink.h"
 
 namespace station {
@@ -39,11 +40,11 @@ std::optional<T> number(std::string_view text, int base) {
 }
 
 // Calls `take` with the words of each line; false when the file cannot be read.
-template <typename Take>
-bool readLines(const std::filesystem::path& path, Take take) {
+template <typename Visit>
+bool readLines(const std::filesystem::path& path, Visit visit) {
     std::ifstream file(path);
     for (std::string line; std::getline(file, line);) {
-        take(line, words(line));
+        visit(line, words(line));
     }
     return file.eof();
 }
@@ -51,9 +52,7 @@ bool readLines(const std::filesystem::path& path, Take take) {
 }  // namespace
 
 std::string addressText(Ipv4Address address) {
-    const in_addr binary{htonl(address)};
-    char text[INET_ADDRSTRLEN];
-    return inet_ntop(AF_INET, &binary, text, sizeof text);
+    return basics::dotted(address);
 }
 
 std::set<int> readCaptured(const std::filesystem::path& proc, const std::set<uint64_t>& known) {
@@ -114,21 +113,21 @@ std::vector<GroupRoute> readRoutes(std::span<const Ipv4Address> groups) {
         uint32_t destination;
         rtattr userHeader;
         uint32_t user;
-    } asked{};
-    asked.message.rtm_family = AF_INET;
-    asked.message.rtm_dst_len = 32;
-    asked.destinationHeader = {sizeof(rtattr) + sizeof(uint32_t), RTA_DST};
+    } request{};
+    request.message.rtm_family = AF_INET;
+    request.message.rtm_dst_len = 32;
+    request.destinationHeader = {sizeof(rtattr) + sizeof(uint32_t), RTA_DST};
     // A join looks for the route in root's name, whoever asks for it.
-    asked.userHeader = {sizeof(rtattr) + sizeof(uint32_t), RTA_UID};
-    static_assert(sizeof asked == sizeof(rtmsg) + 2 * (sizeof(rtattr) + sizeof(uint32_t)));
+    request.userHeader = {sizeof(rtattr) + sizeof(uint32_t), RTA_UID};
+    static_assert(sizeof request == sizeof(rtmsg) + 2 * (sizeof(rtattr) + sizeof(uint32_t)));
 
     NetlinkSocket kernel;
     std::vector<GroupRoute> routes;
     routes.reserve(groups.size());
     for (const Ipv4Address group : groups) {
-        asked.destination = htonl(group);
+        request.destination = htonl(group);
         GroupRoute route;
-        route.error = kernel.ask(RTM_GETROUTE, 0, std::as_bytes(std::span(&asked, 1)),
+        route.error = kernel.ask(RTM_GETROUTE, 0, std::as_bytes(std::span(&request, 1)),
                                  [&](uint16_t type, std::span<const std::byte> body) {
                                      if (type == RTM_NEWROUTE && body.size() > sizeof(rtmsg)) {
                                          const NetlinkAttributes attributes(body.subspan(sizeof(rtmsg)));

@@ -115,8 +115,8 @@ struct MachineReader::Implementation {
     std::vector<Ipv4Address> watched;
     std::set<uint64_t> others;
     std::optional<MachineReading> newest;
-    uint64_t asked = 0;  // readings that somebody waits for: the number of the last one
-    uint64_t made = 0;   // the last number that was asked for when the last reading began
+    uint64_t requested = 0;  // readings that somebody waits for: the number of the last one
+    uint64_t served = 0;     // the last number that was asked for when the last reading began
     std::jthread thread;
 
     explicit Implementation(MachineSources sources) : looker(std::move(sources)) {}
@@ -124,16 +124,16 @@ struct MachineReader::Implementation {
     void run(const std::stop_token& stop) {
         std::unique_lock lock(mutex);
         while (!stop.stop_requested()) {
-            const uint64_t number = asked;
+            const uint64_t number = requested;
             const std::vector<Ipv4Address> groups = watched;
             const std::set<uint64_t> sockets = others;
             lock.unlock();
             MachineReading reading = looker.look(groups, systemNow(), sockets);
             lock.lock();
             newest = std::move(reading);
-            made = number;
+            served = number;
             changed.notify_all();
-            changed.wait_for(lock, stop, kPause, [&] { return asked != number; });
+            changed.wait_for(lock, stop, kPause, [&] { return requested != number; });
         }
     }
 };
@@ -156,17 +156,17 @@ void MachineReader::setOthers(std::set<uint64_t> sockets) {
     implementation_->others = std::move(sockets);
 }
 
-std::optional<MachineReading> MachineReader::take() {
+std::optional<MachineReading> MachineReader::takeNewest() {
     const std::lock_guard lock(implementation_->mutex);
     return std::exchange(implementation_->newest, std::nullopt);
 }
 
-std::optional<MachineReading> MachineReader::takeNow(std::chrono::milliseconds atMost) {
+std::optional<MachineReading> MachineReader::lookNow(std::chrono::milliseconds atMost) {
     std::unique_lock lock(implementation_->mutex);
-    const uint64_t number = ++implementation_->asked;
+    const uint64_t number = ++implementation_->requested;
     implementation_->changed.notify_all();
     const bool done =
-        implementation_->changed.wait_for(lock, atMost, [&] { return implementation_->made >= number; });
+        implementation_->changed.wait_for(lock, atMost, [&] { return implementation_->served >= number; });
     return done ? std::exchange(implementation_->newest, std::nullopt) : std::nullopt;
 }
 

@@ -105,9 +105,9 @@ class MachineReader {
     // Packet sockets, by inode, that are not the probe's: what they capture is not captured for it.
     void setOthers(std::set<uint64_t> sockets);
     // The last reading, once; nothing when it was taken before. At once.
-    std::optional<MachineReading> take();
+    std::optional<MachineReading> takeNewest();
     // The same with a reading that is made now; nothing when it takes longer than that.
-    std::optional<MachineReading> takeNow(std::chrono::milliseconds atMost);
+    std::optional<MachineReading> lookNow(std::chrono::milliseconds atMost);
 
   private:
     struct Implementation;

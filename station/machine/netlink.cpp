@@ -58,18 +58,14 @@ void NetlinkAttributes::copy(uint16_t type, std::span<std::byte> into) const {
 
 NetlinkSocket::NetlinkSocket()
     : socket_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)), buffer_(kBuffer) {
-    if (socket_ < 0) {
+    if (!socket_.isOpen()) {
         fail("netlink");
     }
-    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
-}
-
-NetlinkSocket::~NetlinkSocket() {
-    close(socket_);
+    setsockopt(socket_.number(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
 }
 
 int NetlinkSocket::ask(uint16_t type, uint16_t flags, std::span<const std::byte> body,
-                       const NetlinkTake& take) {
+                       const NetlinkVisitor& visit) {
     nlmsghdr header{};
     header.nlmsg_len = static_cast<uint32_t>(sizeof header + body.size());
     header.nlmsg_type = type;
@@ -78,12 +74,12 @@ int NetlinkSocket::ask(uint16_t type, uint16_t flags, std::span<const std::byte>
     std::vector<std::byte> request(header.nlmsg_len);
     std::memcpy(request.data(), &header, sizeof header);
     std::ranges::copy(body, request.begin() + sizeof header);
-    if (send(socket_, request.data(), request.size(), 0) < 0) {
+    if (send(socket_.number(), request.data(), request.size(), 0) < 0) {
         fail("netlink: send");
     }
     const bool dump = (flags & NLM_F_DUMP) == NLM_F_DUMP;
     for (;;) {
-        const ssize_t received = recv(socket_, buffer_.data(), buffer_.size(), 0);
+        const ssize_t received = recv(socket_.number(), buffer_.data(), buffer_.size(), 0);
         if (received < 0 && errno == EINTR) {
             continue;
         }
@@ -107,7 +103,7 @@ int NetlinkSocket::ask(uint16_t type, uint16_t flags, std::span<const std::byte>
             if (answer.nlmsg_type == NLMSG_DONE) {
                 return -readRecord<int>(content);
             }
-            take(answer.nlmsg_type, content);
+            visit(answer.nlmsg_type, content);
             if (!dump) {
                 return 0;
             }

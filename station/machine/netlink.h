@@ -10,6 +10,8 @@
 #include <span>
 #include <vector>
 
+#include "basics/descriptor.h"
+
 namespace station {
 
 // The attributes of a message by their types; where one stands twice the last holds. They refer to the
@@ -35,22 +37,21 @@ class NetlinkAttributes {
 };
 
 // One message of an answer: its type and what follows the netlink header.
-using NetlinkTake = std::function<void(uint16_t type, std::span<const std::byte> body)>;
+using NetlinkVisitor = std::function<void(uint16_t type, std::span<const std::byte> body)>;
 
 // A socket for one thread. Everything throws std::system_error when the kernel cannot be asked, also when it
 // does not answer within 5 s.
 class NetlinkSocket {
   public:
     NetlinkSocket();
-    ~NetlinkSocket();
     NetlinkSocket(const NetlinkSocket&) = delete;
 
     // Sends a request of that type with these flags beside NLM_F_REQUEST and calls `take` for each message of
     // the answer. Returns 0, or the errno that the kernel answers with.
-    int ask(uint16_t type, uint16_t flags, std::span<const std::byte> body, const NetlinkTake& take);
+    int ask(uint16_t type, uint16_t flags, std::span<const std::byte> body, const NetlinkVisitor& visit);
 
   private:
-    int socket_;
+    basics::Descriptor socket_;
     uint32_t sequence_ = 0;
     std::vector<std::byte> buffer_;
 };

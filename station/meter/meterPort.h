@@ -3,13 +3,13 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "channels/configuration.h"
+#include "common/peerPort.h"
+#include "configuration/configuration.h"
 #include "meter/meterBook.h"
 
 namespace station {
@@ -29,18 +29,11 @@ struct MeteredChannel {
 // join stay before others, since nobody else can join them for their source.
 std::size_t chooseMetered(std::vector<MeteredChannel>& channels);
 
-// Listens on a Unix socket and serves one meter at a time, on a thread of its own: tells it what to watch and
-// has its reports kept in a book. A second meter is refused, unless the first was silent for kHung. What it
-// cannot listen on is tried again every second, as is a socket that somebody removed.
+// Where the meter connects (PeerPort): tells it what to watch and has its reports kept in a book.
 class MeterPort {
   public:
-    static constexpr std::chrono::seconds kHelloTime{5};  // for a meter to say who it is
-    static constexpr std::chrono::seconds kHung{10};
-
     // Without a path there is no meter. `book` has to outlive it.
-    MeterPort(std::filesystem::path path, std::string version, MeterBook& book);
-    ~MeterPort();  // ends the thread, within 100 ms, and removes the socket
-    MeterPort(const MeterPort&) = delete;
+    MeterPort(const std::filesystem::path& path, const std::string& version, MeterBook& book);
 
     // What is to be watched; the meter is told when it differs from the last. At most metering::kGroupsLimit
     // (chooseMetered), the rest is left out. Returns the groups that the meter is told to join. One thread;
@@ -48,8 +41,10 @@ class MeterPort {
     std::set<uint32_t> watch(std::vector<MeteredChannel> channels);
 
   private:
-    struct Implementation;
-    std::unique_ptr<Implementation> implementation_;
+    MeterBook& book_;
+    std::optional<std::vector<MeteredChannel>> watched_;
+    uint64_t revision_ = 0;
+    std::optional<PeerPort> port_;
 };
 
 }  // namespace station

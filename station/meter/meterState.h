@@ -2,10 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
 
 #include "common/clock.h"
+#include "meter/lossCounts.h"
 
 namespace station {
 
@@ -26,6 +28,7 @@ struct MeterState {
     uint64_t events = 0;            // likewise: changes, cues
     std::size_t toJoin = 0;         // of `groups`, by the meter for their source
     uint64_t reportsDropped = 0;    // for which there was no room here, or larger than one may be
+    LossCounts lost;  // by the meter's machine while it was connected, since the station's start
 
     // By the meter, since it was started.
     std::string interface;
@@ -33,8 +36,10 @@ struct MeterState {
     std::string captureProblem;  // why nothing is captured; empty: it is
     uint64_t frames = 0;
     uint64_t kernelDrops = 0;
-    uint64_t cardDrops = 0;    // of the whole interface
-    uint64_t secondsLost = 0;  // that never came here since they were not taken in time
+    std::optional<uint64_t> cardDrops;  // of the whole interface
+    uint64_t cutFrames = 0;             // that the kernel handed over in part
+    uint64_t secondsLost = 0;           // that never came here since they were not taken in time
+    uint64_t eventsLost = 0;            // likewise, or since no station was there
     double cpuSeconds = 0;
     uint32_t threads = 0;
     uint32_t joined = 0;  // groups that it joined itself

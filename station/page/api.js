@@ -7,6 +7,10 @@ const kImportTimeoutMs = 75_000;  // the station takes 60 s for one to come
 const kAccessAgainMs = 5_000;
 const kTokenKey = 'kestor-token';
 
+// `taken` makes it another one for each picture.
+export const pictureAddress = (group, taken) =>
+    `${kBase}channels/${encodeURIComponent(group)}/picture?taken=${encodeURIComponent(taken)}`;
+
 // What the station refused, or why it could not be asked. `field` names what was given wrongly, or is empty;
 // `status` is 0 when no answer came.
 export class ApiError extends Error {
@@ -147,6 +151,27 @@ export class Api {
   url(path) {
     return kBase + path;
   }
+}
+
+// `ask`, one at a time: what is asked for while it runs is asked for once more, `pause` ms after it is done,
+// since its answer may be older.
+export function oneAtATime(ask, pause = 0) {
+  let asking = false;
+  let again = false;
+  return async () => {
+    again = asking;
+    if (asking) return;
+    asking = true;
+    try {
+      do {
+        again = false;
+        await ask();
+        if (pause) await new Promise((resolve) => setTimeout(resolve, pause));
+      } while (again);
+    } finally {
+      asking = false;
+    }
+  };
 }
 
 // "a=1&b=2" of what is set.

@@ -18,8 +18,39 @@ export function palette() {
     grid: read('--edge'),
     text: read('--muted'),
     mark: read('--accent'),
+    cue: read('--cue'),
+    second: read('--second'),
+    severities: Object.fromEntries(kSeverities.map((severity) => [severity, read(`--${severity}`)])),
+    rates: Object.fromEntries(kRateKinds.map((kind) => [kind, read(`--rate-${kind}`)])),
+    rateShade: read('--ground'),
   };
   return colours;
+}
+
+const kSeverities = ['critical', 'major', 'minor', 'warning'];
+const kRateKinds = ['video', 'audio', 'data', 'table', 'null'];
+const kLikeRates = {
+  subtitle: 'data',
+  teletext: 'data',
+  cue: 'data',
+  clock: 'table',
+  unreferenced: 'table'
+};
+const kShades = 3;  // of PIDs of one kind, so that neighbours differ
+
+// The colour of a PID's rate by what the PID carries; `place`: which one of its kind it is.
+export function rateColour(kind, place) {
+  const {rates, rateShade} = palette();
+  return mixed(rates[kind] ?? rates[kLikeRates[kind] ?? 'data'], rateShade, 0.25 * (place % kShades));
+}
+
+// Between two colours, both as "#rrggbb": the first for 0, the second for 1.
+function mixed(from, to, share) {
+  const parts = [1, 3, 5].map((place) => {
+    const [a, b] = [from, to].map((colour) => parseInt(colour.slice(place, place + 2), 16));
+    return Math.round(a + (b - a) * share).toString(16).padStart(2, '0');
+  });
+  return `#${parts.join('')}`;
 }
 
 // Calls `redraw` when the system turns from dark to light or back; returns what ends that.

@@ -1,7 +1,10 @@
 // Dialogs: a form in a <dialog>, with what was refused shown at the field that is meant.
 import {button, el, field, setText} from './dom.js';
-import {localInput} from './format.js';
+import {giveBack} from './focus.js';
+import {localInput, visible} from './format.js';
 import {ChannelPicker} from './picker.js';
+import {chosen} from './selection.js';
+import {fromInput, zoneName} from './zone.js';
 
 let dialogs = 0;
 
@@ -39,8 +42,10 @@ export function ask({title, text = '', fields = {}, action = '', danger = false,
         go.disabled = false;
       }
     });
+    const opener = document.activeElement;
     dialog.addEventListener('close', () => {
       dialog.remove();
+      giveBack(opener);
       resolve(done);
     });
     document.body.append(dialog);
@@ -104,9 +109,11 @@ export function rememberBy(by) {
   sessionStorage.setItem(kByKey, by);
 }
 
-// Acknowledges one alarm or several.
-export function askAcknowledgement(api, alarms) {
-  const title = alarms.length === 1 ? 'Acknowledge the alarm' : `Acknowledge ${alarms.length} alarms`;
+// Acknowledges one alarm or several, or an incident, in one call.
+export function askAcknowledgement(api, alarms, incident = null) {
+  const title = incident ? `Acknowledge the incident: ${alarms.length} alarms` :
+      alarms.length === 1 ? 'Acknowledge the alarm' :
+                            `Acknowledge ${alarms.length} alarms`;
   return ask({
     title,
     fields: {
@@ -116,11 +123,11 @@ export function askAcknowledgement(api, alarms) {
     action: 'Acknowledge',
     async submit({by, remark}) {
       rememberBy(by);
-      for (const alarm of alarms) {
+      for (const which of chosen(alarms, incident)) {
         try {
-          await api.post(`alarms/${alarm.id}/acknowledge`, {by, remark: oneLine(remark)});
+          await api.post('alarms/acknowledge', {...which, by, remark: oneLine(remark)});
         } catch (error) {
-          // One of several may have cleared meanwhile.
+          // All of several may have cleared meanwhile.
           if (error.status !== kNotFound || alarms.length === 1) throw error;
         }
       }
@@ -129,18 +136,37 @@ export function askAcknowledgement(api, alarms) {
 }
 
 // A remark is one line wherever it is shown.
-function oneLine(text) {
+export function oneLine(text) {
   return text.trim().replace(/\s*[\r\n\u2028\u2029]+\s*/g, ' ');
 }
 
-// Sets a maintenance window for a channel, or for all by a tick of their own: nobody silences all of them by
-// leaving something out. `group` is what the dialog begins with.
+// Labels with their values that more than one channel has, as [name, value].
+function sharedLabels(store) {
+  const found = new Map();
+  for (const {info} of store.channels.values()) {
+    for (const label of Object.entries(info.labels)) {
+      const text = label.join('=');
+      found.set(text, found.has(text) ? label : null);
+    }
+  }
+  return [...found].filter(([, label]) => label).sort().map(([, label]) => label);
+}
+
+// Sets a maintenance window for a channel, for those with a label, or for all by a tick of their own: nobody
+// silences all of them by leaving something out. `group` is what the dialog begins with.
 export function askMaintenance({api, store}, group = '') {
   const picker = new ChannelPicker(store, group);
+  const labels = sharedLabels(store);
+  const label =
+      el('select', {}, el('option', {value: '', text: 'none'}),
+         ...labels.map((one, place) => el('option', {value: String(place), text: visible(one.join('='))})));
   const all = el('input', {type: 'checkbox'});
-  all.addEventListener('change', () => {
-    picker.input.disabled = all.checked;
-  });
+  const choose = () => {
+    picker.input.disabled = all.checked || label.value !== '';
+    label.disabled = all.checked;
+  };
+  all.addEventListener('change', choose);
+  label.addEventListener('change', choose);
   const now = new Date();
   const hour = new Date(now.getTime() + 3_600_000);
   return ask({
@@ -148,8 +174,13 @@ export function askMaintenance({api, store}, group = '') {
     text: 'Alarms are recorded and shown, and nobody is told of them.',
     fields: {
       group: {label: 'Channel', input: picker.input, more: picker.list},
+      ...(labels.length && {label: {label: 'Or all channels with the label', input: label}}),
       all: {label: 'All channels', input: all},
-      from: {label: 'From', input: el('input', {type: 'datetime-local', value: localInput(now)})},
+      from: {
+        label: 'From',
+        hint: `Times are ${zoneName(now)}.`,
+        input: el('input', {type: 'datetime-local', value: localInput(now)})
+      },
       until: {label: 'Until', input: el('input', {type: 'datetime-local', value: localInput(hour)})},
       by: {label: 'Who', input: byInput()},
       remark: {label: 'Remark', input: el('input', {type: 'text'})},
@@ -159,7 +190,10 @@ export function askMaintenance({api, store}, group = '') {
       rememberBy(values.by);
       const body = {until: inUtc(values.until, 'until'), by: values.by, remark: oneLine(values.remark)};
       if (values.from) body.from = inUtc(values.from, 'from');
-      if (!values.all) body.group = chosenGroup(picker);
+      if (!values.all && values.label)
+        body.label = Object.fromEntries([labels[Number(values.label)]]);
+      else if (!values.all)
+        body.group = chosenGroup(picker);
       await api.post('maintenance', body);
     },
   });
@@ -170,13 +204,12 @@ function chosenGroup(picker) {
   if (channel) return channel.group;
   const text = picker.input.value.trim() ?
       'No channel, or more than one, is like that: choose from the list.' :
-      'Choose a channel, or tick "All channels".';
+      'Choose a channel or a label, or tick "All channels".';
   throw Object.assign(new Error(text), {field: 'group'});
 }
 
-function inUtc(text, fieldName) {
-  const date = new Date(text);
-  if (Number.isNaN(date.getTime()))
-    throw Object.assign(new Error('A date and a time are needed.'), {field: fieldName});
+export function inUtc(text, fieldName) {
+  const date = fromInput(text);
+  if (!date) throw Object.assign(new Error('A date and a time are needed.'), {field: fieldName});
   return date.toISOString();
 }

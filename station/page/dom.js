@@ -1,4 +1,5 @@
 // Elements without markup: every text goes in as text.
+import {visible} from './format.js';
 
 // Makes an element. `attributes`: class, text (textContent), on (listeners by event), anything else as an
 // attribute; true sets an empty one, false, null and undefined none.
@@ -64,4 +65,9 @@ export function field(label, input, hint = '', more = null) {
 
 export function button(text, onClick, attributes = {}) {
   return el('button', {type: 'button', text, on: {click: onClick}, ...attributes});
+}
+
+// A name with underscores as nodes, with a place to break a line after each of them.
+export function breakable(name) {
+  return visible(name).split(/(?<=_)/).flatMap((part, place) => (place ? [el('wbr'), part] : [part]));
 }

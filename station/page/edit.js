@@ -2,6 +2,7 @@
 import {parseAddress} from './address.js';
 import {ask, askToken, kNoChanges, showRefusal} from './dialog.js';
 import {button, el, field, setText} from './dom.js';
+import {keepingFocus} from './focus.js';
 import {count, visible} from './format.js';
 
 const kRows = 100;
@@ -17,7 +18,11 @@ function parseLabels(text) {
     if (at < 1)
       throw Object.assign(
           new Error(`"${part.slice(0, 40)}" is no label; write name=value, one a line.`), {field: 'labels'});
-    labels[part.slice(0, at).trim()] = part.slice(at + 1).trim();
+    const name = part.slice(0, at).trim();
+    if (Object.hasOwn(labels, name))
+      throw Object.assign(
+          new Error(`The label "${name.slice(0, 40)}" is there twice; it has one value.`), {field: 'labels'});
+    labels[name] = part.slice(at + 1).trim();
   }
   return labels;
 }
@@ -240,7 +245,10 @@ export class EditView {
         list.length === this.store.channels.size ?
             count(list.length) :
             `${count(list.length)} of ${count(this.store.channels.size)}`);
-    this.body.replaceChildren(...list.slice(0, this.rows).map((channel) => this.makeRow(channel)));
+    keepingFocus(
+        this.body,
+        () => this.body.replaceChildren(...list.slice(0, this.rows).map((channel) => this.makeRow(channel))),
+        this.search);
     this.more.hidden = list.length <= this.rows;
   }
 
@@ -278,30 +286,24 @@ export class EditView {
     }
   }
 
+  // Asks for what /api/v1/meta calls a channel's attributes.
   change(channel) {
     const {info} = channel;
-    const profile =
-        el('select', {},
-           ...(this.store.meta?.profiles ?? []).map((one) => el('option', {value: one, text: visible(one)})));
-    profile.value = info.profile;
+    const {meta} = this.store;
+    const attributes = (meta?.attributes ?? []).map((one) => ({...one, ...kEditors[one.type]}));
     return ask({
       title: `Change ${channel.group}`,
-      fields: {
-        name: {label: 'Name', input: el('input', {type: 'text', value: info.name, autocomplete: 'off'})},
-        labels: {label: 'Labels', input: labelArea(info.labels), hint: kLabelsHint},
-        profile: {label: 'Profile', input: profile},
-        number: {
-          label: 'Number',
-          input: el('input', {type: 'text', inputmode: 'numeric', value: info.number ?? ''})
-        },
-      },
+      fields: Object.fromEntries(
+          attributes.map(({name, label, choices, input, hint}) => [name, {
+                           label: visible(label),
+                           input: choices ? choice(meta[choices], info[name]) : input(info[name]),
+                           hint
+                         }])),
       action: 'Change',
       submit: async (values) => {
         const body = {};  // what was changed, and nothing that was only shown
-        if (values.name !== info.name) body.name = values.name;
-        if (values.labels !== labelText(info.labels)) body.labels = parseLabels(values.labels);
-        if (values.profile !== info.profile) body.profile = values.profile;
-        if (values.number.trim() !== String(info.number ?? '')) body.number = wholeNumber(values.number);
+        for (const {name, shown, read} of attributes)
+          if (values[name] !== shown(info[name])) body[name] = read(values[name], name);
         if (Object.keys(body).length) await this.api.put(`channels/${channel.group}`, body);
       },
     });
@@ -325,9 +327,35 @@ function labelArea(labels) {
   return area;
 }
 
-function wholeNumber(text) {
+function wholeNumber(text, field) {
   const trimmed = text.trim() || '0';
-  if (!/^\d+$/.test(trimmed))
-    throw Object.assign(new Error('A whole number, or nothing.'), {field: 'number'});
+  if (!/^\d+$/.test(trimmed)) throw Object.assign(new Error('A whole number, or nothing.'), {field});
   return Number(trimmed);
 }
+
+function choice(list, value) {
+  const select = el('select', {}, ...list.map((one) => el('option', {value: one, text: visible(one)})));
+  select.value = value;
+  return select;
+}
+
+// How each type of attribute is asked for: the input that has the value, what the input says then, and the
+// value that is meant by what it says.
+const kEditors = {
+  text: {
+    input: (value) => el('input', {type: 'text', value: value ?? '', autocomplete: 'off'}),
+    shown: (value) => value ?? '',
+    read: (text) => text,
+  },
+  labels: {input: labelArea, shown: labelText, read: parseLabels, hint: kLabelsHint},
+  number: {
+    input: (value) => el('input', {type: 'text', inputmode: 'numeric', value: value ?? ''}),
+    shown: (value) => String(value ?? ''),
+    read: wholeNumber,
+  },
+  boolean: {
+    input: (value) => el('input', {type: 'checkbox', checked: Boolean(value)}),
+    shown: Boolean,
+    read: Boolean,
+  },
+};

@@ -1,10 +1,18 @@
 // Active alarms, what happened, and maintenance windows.
-import {AlarmTable, EventTable, kUnknownText} from './alarmTable.js';
-import {query} from './api.js';
+import {AlarmTable} from './alarmTable.js';
+import {isQuiet} from './alarmWords.js';
+import {oneAtATime, query} from './api.js';
 import {askAcknowledgement, askMaintenance, showRefusal} from './dialog.js';
 import {button, el, field, setText} from './dom.js';
-import {localInput, parseTime, time, visible} from './format.js';
+import {eventFile, kMostInFile, save} from './eventFile.js';
+import {EventTable, kUnknownText} from './eventTable.js';
+import {labelNames} from './filter.js';
+import {keepingFocus} from './focus.js';
+import {count, localInput, parseTime, time, visible} from './format.js';
+import {PassedList} from './passedList.js';
 import {ChannelPicker} from './picker.js';
+import {ShelfList} from './shelf.js';
+import {fromInput, zoneName} from './zone.js';
 
 const kPage = 100;
 const kMostRows = 2000;
@@ -21,60 +29,89 @@ export class EventsView {
     this.store = context.store;
     this.api = context.api;
     this.chosen = Object.fromEntries(parameters);
+    this.sort = this.chosen.sort ?? '';
+    this.by = this.chosen.by ?? '';
+    this.fold = new Set(parameters.getAll('fold'));
     this.closed = false;
     this.generation = 0;  // of the filters
     this.ends = [];
+    this.loadMaintenance = oneAtATime(() => this.askMaintenance());
     this.build();
     const {store} = this;
     this.ends.push(
-        store.on('alarms', () => this.changed()), store.on('channels', () => this.changed()),
+        store.on('alarms', () => this.changed()),
+        store.on(
+            'channels',
+            () => {
+              this.changed();
+              this.showGroups();
+            }),
         store.on('meta', () => this.fillChoices()), store.on('snapshot', () => this.showAlarms()),
         store.on('connection', () => this.changed()), this.api.onToken(() => this.showControls()));
     this.fillChoices();
     this.showControls();
+    this.showGroups();
     this.reload();
     this.loadMaintenance();
+    this.shelf.load();
+    this.passed.load();
   }
 
   close() {
     this.closed = true;
     clearTimeout(this.retry);
+    this.alarms.close();
     for (const end of this.ends) end();
   }
 
   build() {
-    this.alarms = new AlarmTable(this.context, true);
+    this.alarms = new AlarmTable(this.context, true, {
+      sort: this.chosen.sort,
+      onSort: (sort) => {
+        this.sort = sort;
+        this.keepAddress();
+      }
+    });
+    this.groupBy = el('select', {'aria-label': 'Groups'});
+    this.groupBy.addEventListener('change', () => this.groupAlarms(this.groupBy.value, new Set()));
     this.events = new EventTable(this.context, true);
     this.problem = el('p', {class: 'field-error', role: 'alert'});
     this.acknowledgeAll = button(
         'Acknowledge all shown',
-        () => askAcknowledgement(this.api, this.shownAlarms().filter((alarm) => !alarm.acknowledged)));
+        () => askAcknowledgement(this.api, this.shownAlarms().filter((alarm) => !isQuiet(alarm))));
     this.addWindow = button(
         'Set a window',
         () => this.changeMaintenance(askMaintenance(this.context, this.picker.channel()?.group ?? '')));
     this.windows = el('div', {}, el('p', {class: 'muted', text: kUnknownText}));
+    this.listsProblem = el('p', {class: 'trouble', role: 'status'});
+    const refused = (error) => showRefusal(error, {}, this.listsProblem);
+    this.passed = new PassedList(this.context, refused);
+    this.shelf = new ShelfList(this.context, refused);
     this.windowsProblem = el('p', {class: 'trouble', role: 'status'});
     this.most = el('span', {class: 'note', hidden: true, text: kMostText});
     this.older = button('Older', () => this.loadOlder());
-    this.csv = el('a', {download: 'events.csv', text: 'CSV'});
-    this.json = el('a', {download: 'events.json', text: 'JSON'});
+    this.csv = button('CSV', () => this.download(), {title: 'All that pass, with labels and zone'});
+    this.fileNote = el('span', {class: 'note', role: 'status'});
+    this.json = el(
+        'a', {download: 'events.json', text: 'JSON', title: `The newest ${count(kDownloadLimit)} that pass`});
     const section = (title, controls, ...content) =>
         el('section', {class: 'panel'},
            el('div', {class: 'panel-head small-controls'}, el('h2', {text: title}), ...controls), ...content);
-    this.root.replaceChildren(el(
-        'div', {class: 'view'}, el('h1', {text: 'Events and alarms'}), this.makeFilters(),
-        section(
-            'Active alarms',
-            [
-              this.acknowledgeAll,
-              el('a', {href: this.api.url('alarms'), download: 'alarms.json', text: 'JSON'})
-            ],
-            el('div', {class: 'of-station'}, this.alarms.node)),
-        section('Maintenance', [this.addWindow], this.windowsProblem, this.windows),
-        section(
-            'Events',
-            [el('span', {class: 'note', text: `newest ${kDownloadLimit} that pass:`}), this.csv, this.json],
-            this.events.node, el('p', {class: 'actions'}, this.most, this.older))));
+    this.root.replaceChildren(
+        el('div', {class: 'view'}, el('h1', {text: 'Events and alarms'}), this.makeFilters(),
+           section(
+               'Active alarms',
+               [
+                 this.groupBy, this.acknowledgeAll,
+                 el('a', {href: this.api.url('alarms'), download: 'alarms.json', text: 'JSON'})
+               ],
+               el('div', {class: 'of-station'}, this.alarms.node)),
+           section('Passed while nobody looked', [this.passed.all], this.listsProblem, this.passed.node),
+           section('Shelved', [], this.shelf.node),
+           section('Maintenance', [this.addWindow], this.windowsProblem, this.windows),
+           section(
+               'Events', [this.fileNote, this.csv, this.json], this.events.node,
+               el('p', {class: 'actions'}, this.most, this.older))));
   }
 
   makeFilters() {
@@ -84,8 +121,13 @@ export class EventsView {
       channel: field('Channel', this.picker.input),
       severity: field('Severity', el('select')),
       kind: field('Event', el('select')),
-      since: field('From', el('input', {type: 'datetime-local', value: this.localTime(chosen.since)})),
-      until: field('Until', el('input', {type: 'datetime-local', value: this.localTime(chosen.until)})),
+      alarm: field('Alarm', el('select')),
+      since: field(
+          'From',
+          el('input', {type: 'datetime-local', title: zoneName(), value: this.localTime(chosen.since)})),
+      until: field(
+          'Until',
+          el('input', {type: 'datetime-local', title: zoneName(), value: this.localTime(chosen.until)})),
     };
     for (const [name, {input}] of Object.entries(this.fields)) {
       input.addEventListener(name === 'channel' ? 'input' : 'change', () => this.filterChanged());
@@ -113,6 +155,8 @@ export class EventsView {
     };
     fill(this.fields.severity, 'severity', meta.severities.map((severity) => [severity, severity]));
     fill(this.fields.kind, 'kind', meta.eventKinds.map(({name, text}) => [name, text]));
+    const types = meta.alarmTypes.map(({name, title}) => [name, visible(title)]);
+    fill(this.fields.alarm, 'alarm', types.sort(([, a], [, b]) => a.localeCompare(b)));
   }
 
   resetFilters() {
@@ -124,13 +168,12 @@ export class EventsView {
     this.chosen = {};
     for (const [name, {input}] of Object.entries(this.fields)) {
       if (!input.value) continue;
-      const date = input.type === 'datetime-local' ? new Date(input.value) : null;
-      if (!date)
+      if (input.type !== 'datetime-local')
         this.chosen[name] = input.value.trim();
-      else if (!Number.isNaN(date.getTime()))
-        this.chosen[name] = date.toISOString();
+      else
+        this.chosen[name] = fromInput(input.value)?.toISOString() ?? '';
     }
-    this.context.replaceAddress('events', Object.entries(this.chosen));
+    this.keepAddress();
     this.showAlarms();
     clearTimeout(this.typing);
     this.typing = setTimeout(() => {
@@ -138,35 +181,93 @@ export class EventsView {
     }, 250);
   }
 
+  groupAlarms(by, fold) {
+    this.by = by;
+    this.fold = fold;
+    this.keepAddress();
+    this.showGroups();
+  }
+
+  showGroups() {
+    const names = labelNames(this.store);
+    if (this.by && !names.includes(this.by)) names.push(this.by);
+    this.groupBy.hidden = names.length === 0;
+    const key = names.join('\n');
+    if (key !== this.groupKey) {
+      this.groupKey = key;
+      this.groupBy.replaceChildren(
+          el('option', {value: '', text: 'no groups'}),
+          ...names.map((name) => el('option', {value: name, text: `groups: ${visible(name)}`})));
+    }
+    this.groupBy.value = this.by;
+    this.alarms.group(this.by, this.fold, (fold) => {
+      this.fold = fold;
+      this.keepAddress();
+    });
+  }
+
+  keepAddress() {
+    const chosen =
+        Object.entries({...this.filter(), sort: this.sort, by: this.by}).filter(([, value]) => value);
+    if (this.by) chosen.push(...[...this.fold].map((value) => ['fold', value]));
+    this.context.replaceAddress('events', chosen);
+  }
+
+  filter() {
+    const {channel, severity, kind, alarm, since, until} = this.chosen;
+    return {channel, severity, kind, alarm, since, until};
+  }
+
+  // All that pass as a file, however many pages they are.
+  async download() {
+    this.csv.disabled = true;
+    try {
+      const file = await eventFile(
+          this.context, this.filter(), (total) => setText(this.fileNote, `${count(total)} …`));
+      if (this.closed) return;
+      save(file);
+      setText(this.fileNote, file.isCut ? `the newest ${count(kMostInFile)}, the most in a file` : '');
+    } catch (error) {
+      setText(this.fileNote, `The events could not be read: ${error.message}`);
+    }
+    this.csv.disabled = false;
+  }
+
   filterQuery(more) {
-    const {channel, severity, kind, since, until} = this.chosen;
-    return query({channel, severity, kind, since, until, ...more});
+    return query({...this.filter(), ...more});
   }
 
   // Alarms that pass, by the rule that events are asked for: a whole group, or a part of name or group. Null
   // while nobody knows which there are.
   shownAlarms() {
-    const {channel, severity} = this.chosen;
+    return this.store.alarms ? this.passing(this.store.alarms) : null;
+  }
+
+  passing(alarms) {
+    const {channel, severity, alarm: type} = this.chosen;
     const wanted = channel?.toLowerCase();
     const named = kGroup.test(wanted ?? '') ?
         ({group}) => group === wanted :
         (alarm) => alarm.channel.toLowerCase().includes(wanted) || alarm.group?.includes(wanted);
-    return this.store.alarms?.filter(
-               (alarm) => (!severity || alarm.severity === severity) && (!wanted || named(alarm))) ??
-        null;
+    const passes = (alarm) => (!severity || alarm.severity === severity) && (!type || alarm.alarm === type) &&
+        (!wanted || named(alarm));
+    return alarms.filter(passes);
   }
 
   showAlarms() {
     if (document.hidden) return;
     const shown = this.shownAlarms();
     this.alarms.update(shown, this.store.alarms?.length ? 'No alarm passes the filters.' : 'No alarm.');
-    this.acknowledgeAll.disabled = !shown || shown.every((alarm) => alarm.acknowledged);
+    this.acknowledgeAll.disabled = !shown || shown.every(isQuiet);
+    this.passed.show((all) => this.passing(all));
   }
 
   // Something happened: what is new goes to the top.
   changed() {
     this.showAlarms();
     this.loadMaintenance();
+    this.shelf.load();
+    this.passed.load();
     return this.loadNewest();
   }
 
@@ -175,7 +276,6 @@ export class EventsView {
     this.generation++;
     this.events.clear();
     this.older.hidden = this.most.hidden = true;
-    this.csv.href = this.api.url(`events?${this.filterQuery({limit: kDownloadLimit, format: 'csv'})}`);
     this.json.href = this.api.url(`events?${this.filterQuery({limit: kDownloadLimit})}`);
     this.showAlarms();
     return this.loadNewest();
@@ -268,9 +368,7 @@ export class EventsView {
     }
   }
 
-  async loadMaintenance() {
-    if (this.windowsAsked) return;
-    this.windowsAsked = true;
+  async askMaintenance() {
     try {
       const list = await this.api.get('maintenance');
       if (this.closed) return;
@@ -278,12 +376,14 @@ export class EventsView {
       this.showMaintenance(list);
     } catch (error) {
       setText(this.windowsProblem, `The newest windows could not be read: ${error.message}`);
-    } finally {
-      this.windowsAsked = false;
     }
   }
 
   showMaintenance(list) {
+    keepingFocus(this.windows, () => this.fillMaintenance(list), this.addWindow);
+  }
+
+  fillMaintenance(list) {
     const key = JSON.stringify([list, this.api.mayChange]);
     if (key === this.maintenanceKey) return;
     this.maintenanceKey = key;
@@ -295,10 +395,7 @@ export class EventsView {
     const shownTime = (text) => time(parseTime(text), this.store.now());
     const rows = list.map(
         (window) => el(
-            'tr', {},
-            el('th', {scope: 'row'},
-               window.group ? el('bdi', {text: this.store.channels.get(window.group)?.name ?? window.group}) :
-                              'all channels'),
+            'tr', {}, el('th', {scope: 'row'}, el('bdi', {text: this.windowText(window)})),
             el('td', {class: 'nowrap', text: shownTime(window.from)}),
             el('td', {class: 'nowrap', text: shownTime(window.until)}), el('td', {text: visible(window.by)}),
             el('td', {class: 'text-cell'}, el('bdi', {text: visible(window.remark)})),
@@ -312,7 +409,12 @@ export class EventsView {
            el('td'));
     this.windows.replaceChildren(
         el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Maintenance windows'},
-           el('table', {}, el('thead', {}, head), el('tbody', {}, ...rows))));
+           el('table', {class: 'list'}, el('thead', {}, head), el('tbody', {}, ...rows))));
+  }
+
+  windowText({group, groups, about}) {
+    if (group) return this.store.channels.get(group)?.name ?? group;
+    return groups.length ? `${visible(about)}: ${count(groups.length)} channels` : 'all channels';
   }
 
   async endWindow(window) {
@@ -332,6 +434,7 @@ export class EventsView {
   showControls() {
     this.acknowledgeAll.hidden = this.addWindow.hidden = !this.api.mayChange;
     this.showAlarms();
+    this.shelf.show();
     if (this.maintenance) this.showMaintenance(this.maintenance);
   }
 }

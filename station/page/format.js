@@ -1,4 +1,5 @@
 // Numbers, times and names as people read them. Units come with the data.
+import {parts} from './zone.js';
 
 const kUnknown = '–';
 
@@ -37,9 +38,18 @@ export function quantity(value, unit = '') {
   if (typeof value !== 'number') return visible(String(value));
   if (unit === 'bit/s') return prefixed(value, unit, kRates);
   if (unit === 'byte') return prefixed(value, 'B', kSizes);
+  if (unit === 'ns') return nanoseconds(value);
   const text = Number.isInteger(value) ? counts.format(value) : digits(value);
   if (!unit || kCountedThings.test(unit)) return text;
   return `${text} ${unit.replace('^2', '²')}`;
+}
+
+// "340 ns", "12.5 µs", "3.20 ms".
+function nanoseconds(value) {
+  const size = Math.abs(value);
+  if (size >= 999_500) return `${digits(value / 1e6)} ms`;
+  if (size >= 999.5) return `${digits(value / 1e3)} µs`;
+  return `${Number.isInteger(value) ? counts.format(value) : digits(value)} ns`;
 }
 
 // Text from outside, with control characters (which show nothing, or worse) as symbols: U+2400 to U+2421 for
@@ -67,20 +77,25 @@ function two(value) {
   return String(value).padStart(2, '0');
 }
 
-// The time of day, local; with the date when it is not of the day of `now`.
-export function time(date, now = new Date()) {
-  if (!date) return kUnknown;
-  const clock = `${two(date.getHours())}:${two(date.getMinutes())}:${two(date.getSeconds())}`;
-  return date.toDateString() === now.toDateString() ? clock : `${day(date)} ${clock}`;
+// "2026-11-21", of the page's zone.
+export function day(date) {
+  const {year, month, day: number} = parts(date);
+  return `${year}-${two(month)}-${two(number)}`;
 }
 
-function day(date) {
-  return `${date.getFullYear()}-${two(date.getMonth() + 1)}-${two(date.getDate())}`;
+// The time of day; with the date when it is not of the day of `now`.
+export function time(date, now = new Date()) {
+  if (!date) return kUnknown;
+  const {hour, minute, second} = parts(date);
+  const clock = `${two(hour)}:${two(minute)}:${two(second)}`;
+  const dated = day(date);
+  return dated === day(now) ? clock : `${dated} ${clock}`;
 }
 
 // For <input type="datetime-local">.
 export function localInput(date) {
-  return `${day(date)}T${two(date.getHours())}:${two(date.getMinutes())}`;
+  const {hour, minute} = parts(date);
+  return `${day(date)}T${two(hour)}:${two(minute)}`;
 }
 
 // The date of an RFC 3339 text; null for null, and for the epoch, which stands for "never".
@@ -101,6 +116,14 @@ export function duration(milliseconds) {
     return `${Math.floor(seconds / size)} ${unit}${rest ? ` ${rest} ${partUnit}` : ''}`;
   }
   return `${seconds} s`;
+}
+
+// How long ago in the words of somebody who looks up: "12 s", "57 min", "2 h 5 min", "4 d 3 h".
+export function roughly(milliseconds) {
+  const seconds = Math.max(0, Math.floor(milliseconds / 1000));
+  if (seconds < 60) return `${seconds} s`;
+  const minutes = Math.floor(seconds / 60);
+  return minutes < 60 ? `${minutes} min` : duration(minutes * 60_000);
 }
 
 // A name of the API in words: "no_signal" as "no signal", "lastSnapshotCpuMs" as "last snapshot cpu ms".

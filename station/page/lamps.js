@@ -1,5 +1,5 @@
 // The checks of ETSI TR 101 290 as a panel of lamps: first priority, second, and the rest.
-import {el, setAttribute, setClass, setText} from './dom.js';
+import {breakable, el, setAttribute, setClass, setText} from './dom.js';
 import {count, parseTime, time, visible} from './format.js';
 import {hasSignal, sign} from './state.js';
 
@@ -14,11 +14,6 @@ const kLamps = {
   unknown: ['?', 'unknown'],
   unjudged: ['?', 'not judged without a signal'],
 };
-
-// A name with underscores as nodes, with a place to break a line after each of them.
-function breakable(name) {
-  return name.split(/(?<=_)/).flatMap((part, place) => (place ? [el('wbr'), part] : [part]));
-}
 
 export class Lamps {
   constructor(store) {
@@ -61,7 +56,8 @@ export class Lamps {
     const checks = parseTime(detail.lastSeen) ? detail.checks : [];
     const values = new Map(checks.map((check) => [check.column, check]));
     const columns = new Map(this.store.meta.alarmTypes.map((type) => [type.name, type.column]));
-    const alarms = new Map(detail.alarms.map((alarm) => [columns.get(alarm.alarm), alarm]));
+    const own = detail.alarms.filter(({source}) => source !== 'meter');
+    const alarms = new Map(own.map((alarm) => [columns.get(alarm.alarm), alarm]));
     const since = parseTime(detail.countsSince);
     this.showSince(checks.length ? since : null);
     for (const [column, {node, lamp, cells}] of this.rows) {

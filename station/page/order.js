@@ -1,4 +1,5 @@
 // Which channels the wall shows, and in which order.
+import {comparing} from './tableParts.js';
 
 // Names of the orders, for the address and the choice.
 export const kOrders = [['trouble', 'by trouble'], ['name', 'by name'], ['number', 'by number']];
@@ -18,73 +19,66 @@ export function troubleRank(store, channel) {
 
 const kNoNumber = Number.MAX_SAFE_INTEGER;
 
-function compareNumber(a, b) {
-  return (a.info.number ?? kNoNumber) - (b.info.number ?? kNoNumber) || a.groupNumber - b.groupNumber;
+// What an order goes by besides trouble: a name of kOrders, "group", or a measure's.
+const kTakes = {
+  name: (channel) => channel.nameRank,
+  number: (channel) => channel.info.number ?? kNoNumber,
+  group: (channel) => channel.groupNumber,
+};
+
+// "name" and whether it goes the other way, of "-name".
+export function readSort(sort) {
+  const down = sort.startsWith('-');
+  return {name: (down ? sort.slice(1) : sort) || 'trouble', down};
 }
 
-// The channels that pass `filter` ({q, state, label}), in the order of its `sort`.
+// Whether it changes by itself, as measures do.
+export function isMoving(sort) {
+  const {name} = readSort(sort);
+  return name !== 'trouble' && !Object.hasOwn(kTakes, name);
+}
+
+// The channels that pass `filter` ({q, state, alarm, labels}; all may be left out), in the order of its
+// `sort`.
 export function arrange(store, filter) {
   const words = (filter.q ?? '').toLowerCase().split(/\s+/).filter(Boolean);
+  const labels = byName(filter.labels ?? []);
   const list = [];
   for (const channel of store.channels.values()) {
-    if (filter.label && !channel.labelTexts.includes(filter.label)) continue;
+    if (labels.some((texts) => !texts.some((text) => channel.labelTexts.includes(text)))) continue;
     if (words.some((word) => !channel.searchText.includes(word))) continue;
     if (filter.state && !passesState(store, channel, filter.state)) continue;
+    if (filter.alarm && !store.alarmsOf(channel).some(({alarm}) => alarm === filter.alarm)) continue;
     list.push(channel);
   }
-  if (filter.sort === 'name') return list.sort((a, b) => a.nameRank - b.nameRank);
-  if (filter.sort === 'number') return list.sort(compareNumber);
+  const {name, down} = readSort(filter.sort ?? '');
+  if (name !== 'trouble') {
+    const take = Object.hasOwn(kTakes, name) ? kTakes[name] : (channel) => measureOf(store, channel, name);
+    const compare = comparing(take, down);
+    return list.sort((a, b) => compare(a, b) || a.groupNumber - b.groupNumber);
+  }
+  const turn = down ? -1 : 1;
   const ranks = new Map(list.map((channel) => [channel, troubleRank(store, channel)]));
-  return list.sort((a, b) => ranks.get(a) - ranks.get(b) || a.nameRank - b.nameRank);
+  return list.sort((a, b) => turn * (ranks.get(a) - ranks.get(b)) || a.nameRank - b.nameRank);
+}
+
+// Of a field that the address names, which may be none.
+function measureOf(store, channel, name) {
+  const value = store.measure(channel, name);
+  return typeof value === 'number' || typeof value === 'string' ? value : null;
+}
+
+// Of several values of one label any will do; of each label one has to be there.
+function byName(labels) {
+  const texts = new Map();
+  for (const label of labels) {
+    const name = label.split('=', 1)[0];
+    texts.set(name, [...(texts.get(name) ?? []), label]);
+  }
+  return [...texts.values()];
 }
 
 function passesState(store, channel, state) {
   if (state === 'new') return store.value(channel, 'unacknowledged') > 0;
   return (store.value(channel, 'state') ?? 'waiting') === state;
-}
-
-// Puts `nodes` into `parent` in this order, moving only those that are out of place: what keeps its place is
-// not touched, so that nothing flickers and focus stays. The longest run of nodes that are in order already
-// stays where it is.
-export function placeInOrder(parent, nodes) {
-  const focused = parent.contains(document.activeElement) ? document.activeElement : null;
-  const wanted = new Set(nodes);
-  for (const node of [...parent.children])
-    if (!wanted.has(node)) node.remove();
-  const keep = longestOrdered(parent, nodes);
-  let next = null;
-  for (let place = nodes.length - 1; place >= 0; place--) {
-    const node = nodes[place];
-    if (!keep.has(node)) parent.insertBefore(node, next);
-    next = node;
-  }
-  if (focused && focused !== document.activeElement && parent.contains(focused))
-    focused.focus({preventScroll: true});
-}
-
-// The nodes of a longest increasing subsequence of present places.
-function longestOrdered(parent, nodes) {
-  const places = new Map();
-  let place = 0;
-  for (const child of parent.children) places.set(child, place++);
-  const tails = [];  // tails[n]: index of the node that ends the best run of n + 1
-  const previous = new Array(nodes.length).fill(-1);
-  nodes.forEach((node, index) => {
-    const at = places.get(node);
-    if (at === undefined) return;
-    let low = 0;
-    let high = tails.length;
-    while (low < high) {
-      const middle = (low + high) >> 1;
-      if (places.get(nodes[tails[middle]]) < at)
-        low = middle + 1;
-      else
-        high = middle;
-    }
-    previous[index] = low > 0 ? tails[low - 1] : -1;
-    tails[low] = index;
-  });
-  const keep = new Set();
-  for (let index = tails.at(-1) ?? -1; index >= 0; index = previous[index]) keep.add(nodes[index]);
-  return keep;
 }

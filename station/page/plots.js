@@ -1,113 +1,103 @@
-// The plots of a channel: one a metric, all over the same time, zoomed and read together.
-import {onPaletteChange, palette} from './canvas.js';
+// The plots of a channel: all over the same time, zoomed and read together, in whatever panels they stand.
+import {query} from './api.js';
+import {Bands} from './bands.js';
+import {onPaletteChange} from './canvas.js';
 import {el, setText} from './dom.js';
-import {isKnown, quantity, time, visible, words} from './format.js';
+import {isKnown, time} from './format.js';
+import {Plot} from './plot.js';
+import {loadLibrary} from './plotLibrary.js';
 
-// What can be chosen: seconds for ten minutes, or minutes for 24 hours.
+const kDay = 86_400_000;
+
+// What can be chosen: seconds for ten minutes, or longer points for longer times. `every`: ms between looks.
 export const kRanges = [
   {name: '10 minutes', resolution: 1, length: 600_000, every: 2_000},
-  {name: '24 hours', resolution: 60, length: 86_400_000, every: 30_000},
+  {name: '24 hours', resolution: 60, length: kDay, every: 30_000},
+  {name: '7 days', resolution: 300, length: 7 * kDay, every: 120_000},
+  {name: '30 days', resolution: 3600, length: 30 * kDay, every: 600_000},
 ];
 
-const kDesignedFontSize = 14;
-
-const kScript = new URL('lib/dygraph.min.js', document.baseURI).href;
-const kSheet = new URL('lib/dygraph.min.css', document.baseURI).href;
-const kAgainMs = 2_000;
-const kNotFound = 404;
-
-let loading = null;
-// The plot library is loaded when it is first needed, as a plain script: it is no module.
-function loadLibrary() {
-  loading ??= insertLibrary().catch((error) => {
-    loading = null;
-    throw error;
-  });
-  return loading;
-}
-
-// Until it comes: a station that is busy may refuse it.
-async function insertLibrary() {
-  for (;;) {
-    try {
-      return await insertOnce();
-    } catch {
-      const answer = await fetch(kScript, {method: 'HEAD'}).catch(() => null);
-      if (answer?.status === kNotFound)
-        throw new Error(
-            'The plot library is missing: install Debian\'s package libjs-dygraphs beside the station.');
-      await new Promise((resolve) => setTimeout(resolve, kAgainMs));
-    }
-  }
-}
-
-function insertOnce() {
-  return new Promise((resolve, reject) => {
-    const sheet = el('link', {rel: 'stylesheet', href: kSheet});
-    const script = el('script', {src: kScript});
-    script.addEventListener('load', () => {
-      const {Dygraph} = window;
-      // The readouts here are the page's own; the library's legend sets style attributes, which the policy
-      // forbids.
-      Dygraph.PLUGINS = Dygraph.PLUGINS.filter((plugin) => plugin !== Dygraph.Plugins.Legend);
-      resolve(Dygraph);
-    });
-    script.addEventListener('error', () => {
-      for (const node of [sheet, script]) node.remove();
-      reject(new Error('not given'));
-    });
-    document.head.prepend(sheet);
-    document.head.append(script);
-  });
-}
+const kShortest = 60_000;  // ms that are shown at least
+const kBandsMs = 30_000;   // between looks at what was raised, unless alarms are others
+const kStoredMs = 1_000;   // until an alarm is in the station's store
+const kMargin = 2;         // points that are asked for again: the newest still grow
 
 export class Plots {
-  // onPick(date): a time was chosen in a plot.
-  constructor(api, group, metrics, onPick) {
+  // onPick(date): a time was chosen in a plot. onZoom(): another window is shown, by somebody's hand.
+  // onCoarser(window): one is wanted that lies before what has points of this length.
+  constructor({api, store}, group, {onPick, onZoom, onCoarser}) {
     this.api = api;
+    this.store = store;
     this.group = group;
-    this.metrics = metrics;
     this.onPick = onPick;
+    this.onZoom = onZoom;
+    this.onCoarser = onCoarser;
     this.range = kRanges[0];
-    this.window = null;  // [from, to] while zoomed
+    this.window = null;  // [from, to] in ms; null: the range up to now
     this.mark = null;    // ms: the time that the address names
+    this.over = null;    // what is laid over: {name, group, shift (ms)}
+    this.cues = [];      // that are marked in all plots, as cueLine.js has them
+    this.bands = new Bands(api, store, group);
     this.plots = [];
+    this.listeners = [];  // of the time that is shown
     this.generation = 0;
+    this.renewing = null;
+    this.bandsAt = 0;  // when the bands were asked for
     this.problem = el('p', {class: 'hint', role: 'status', hidden: true});
-    this.grid = el('div', {class: 'plots'});
-    this.node =
-        el('div', {
-          tabindex: '0',
-          role: 'group',
-          'aria-label':
-              'Plots. Left and right move the cursor, plus and minus zoom, Enter keeps a time, Escape shows all.',
-          on: {keydown: (event) => this.key(event)}
-        },
-           this.problem, this.grid);
+    this.note = el('p', {class: 'note', role: 'status', hidden: true});
     this.endPalette = onPaletteChange(() => this.restyle());
     this.resized = () => this.restyle();
     addEventListener('resize', this.resized);
+    this.sizes = new ResizeObserver((entries) => this.sized(entries));
   }
 
   close() {
     this.generation++;
     clearTimeout(this.timer);
+    clearTimeout(this.renewing);
     this.endPalette();
     removeEventListener('resize', this.resized);
-    for (const plot of this.plots) plot.graph?.destroy();
+    this.sizes.disconnect();
+    for (const plot of this.plots) plot.clear();
     this.plots = [];
   }
 
-  // Shows another range; `mark`, a time in ms or null, is marked and zoomed around.
-  async show(range, mark = null) {
+  // A grid of plots for a panel. `metrics`: as a Plot takes them.
+  grid(metrics) {
+    const fresh = metrics.map((metric) => new Plot(metric, this));
+    this.plots.push(...fresh);
+    for (const {area} of fresh) this.sizes.observe(area);
+    return el(
+        'div', {
+          class: 'plots',
+          tabindex: '0',
+          role: 'group',
+          'aria-label':
+              'Plots. Left and right move the cursor through all of them, with Shift the time that is shown; ' +
+              'plus and minus zoom, Enter keeps a time, Escape shows all.',
+          on: {keydown: (event) => this.key(event)}
+        },
+        ...fresh.map(({node}) => node));
+  }
+
+  // Calls `listener` when another time or cursor is shown.
+  onWindow(listener) {
+    this.listeners.push(listener);
+  }
+  tell() {
+    for (const listener of this.listeners) listener();
+  }
+
+  // Shows another range; `mark`, a time in ms or null, is marked, and zoomed around where there is no window.
+  async show(range, {mark = null, window = null, over = null} = {}) {
     this.range = range;
     this.mark = mark;
-    this.window = mark === null ? null : [mark - range.length / 10, mark + range.length / 10];
+    this.over = over;
+    this.window = window ?? (mark === null ? null : [mark - range.length / 10, mark + range.length / 10]);
     const mine = ++this.generation;
     clearTimeout(this.timer);
-    let Dygraph;
     try {
-      Dygraph = await loadLibrary();
+      this.library = await loadLibrary();
       this.problem.hidden = true;
     } catch (error) {
       this.problem.hidden = false;
@@ -115,233 +105,266 @@ export class Plots {
       return;
     }
     if (mine !== this.generation) return;
-    if (!this.plots.length) this.build();
-    for (const plot of this.plots) {
-      plot.graph?.destroy();
-      plot.graph = null;
-      plot.points = [];
-    }
-    await this.load(Dygraph, mine);
+    for (const plot of this.plots) plot.clear();
+    this.bands.forget();
+    this.bandsAt = 0;
+    this.loaded = this.span();
+    this.refresh();
+    await this.load(mine);
   }
 
-  build() {
-    this.plots = this.metrics.map((metric) => {
-      const area = el('div', {class: 'plot-area'});
-      const readout = el('output');
-      const node =
-          el('section', {class: 'plot', 'aria-label': words(metric.name)},
-             el('div', {class: 'plot-head'},
-                el('h3', {text: words(metric.name), title: visible(metric.meaning)}), readout),
-             area);
-      this.grid.append(node);
-      return {metric, area, readout, graph: null, points: []};
+  // The time to ask for: the range up to now, or, for a window that lies before, the range around that.
+  // `until` is null for now.
+  span() {
+    const now = this.store.now().getTime();
+    const {length} = this.range;
+    if (!this.window || this.window[0] >= now - length) return {since: now - length, until: null};
+    const [from, to] = this.window;
+    const spare = Math.max(0, length - (to - from)) / 2;
+    return {since: from - spare, until: to + spare >= now ? null : to + spare};
+  }
+
+  // Loads what is new of all plots that somebody sees: one request for them, one for what is laid over.
+  async load(mine) {
+    const seen = this.plots.filter((plot) => !plot.isKept && plot.isShown);
+    try {
+      if (seen.length) await this.loadSeries(mine, seen, this.group, 0);
+      if (mine === this.generation && Date.now() - this.bandsAt > kBandsMs && await this.loadBands())
+        this.redraw();
+      if (this.over && seen.length) await this.loadSeries(mine, seen, this.over.group, this.over.shift);
+    } catch (error) {
+      this.fail(mine, error);
+    }
+    if (mine !== this.generation) return;
+    for (const plot of seen) this.drawOne(plot);
+    this.showNote(seen);
+    this.tell();
+    this.timer = setTimeout(() => this.reload(mine), this.range.every);
+  }
+
+  async loadSeries(mine, plots, group, shift) {
+    const {resolution, length} = this.range;
+    const isOver = group !== this.group || shift !== 0;
+    const newest = plots.map((plot) => (isOver ? plot.over : plot.points).at(-1)?.[0].getTime() ?? 0);
+    const last = Math.min(...newest);
+    const {since, until} = this.loaded;
+    const from = (last ? last - kMargin * 1000 * resolution : since) - shift;
+    const to = until === null ? (shift ? this.store.now().getTime() - shift : null) : until - shift;
+    const {times, series} = await this.api.get(`channels/${encodeURIComponent(group)}/history?${query({
+      metrics: plots.map(({metric}) => metric.name).join(),
+      resolution,
+      since: new Date(from).toISOString(),
+      until: to === null ? null : new Date(to).toISOString()
+    })}`);
+    if (mine !== this.generation) return;
+    const most = 1.5 * length / (1000 * resolution);
+    plots.forEach((plot, place) => {
+      if (isOver)
+        plot.takeOver(times, series[place], shift, most);
+      else
+        plot.take(times, series[place], most);
     });
   }
 
-  // Loads what is new of every metric, one after the other: a browser has few connections to the station.
-  async load(Dygraph, mine) {
-    for (const plot of this.plots) {
-      const last = plot.points.at(-1);
-      const since =
-          last ? `&since=${new Date(last[0].getTime() - 2_000 * this.range.resolution).toISOString()}` : '';
-      let answer;
-      try {
-        answer = await this.api.get(`channels/${encodeURIComponent(this.group)}/history?metric=${
-            plot.metric.name}&resolution=${this.range.resolution}${since}`);
-      } catch {
-        break;  // the banner says what is wrong; the next turn tries again
-      }
-      if (mine !== this.generation) return;
-      this.take(Dygraph, plot, answer);
-    }
-    if (mine === this.generation) this.timer = setTimeout(() => this.reload(Dygraph, mine), this.range.every);
+  loadBands() {
+    this.bandsAt = Date.now();
+    return this.bands.load(this.loaded.since, this.loaded.until);
   }
 
-  reload(Dygraph, mine) {
+  // Alarms of the channel are others.
+  renewBands() {
+    this.renewing ??= setTimeout(() => {
+      this.renewing = null;
+      if (this.loaded) this.takeBands();
+    }, kStoredMs);
+  }
+
+  async takeBands() {
+    try {
+      if (await this.loadBands()) this.redraw();
+    } catch {
+      // The next turn tries again.
+    }
+    this.tell();
+  }
+
+  // What the banner does not say: the station answered, and refused.
+  fail(mine, error) {
+    if (mine !== this.generation || !error.status || error.status === 503) return;
+    this.note.hidden = false;
+    setText(this.note, `Not all of this could be had: ${error.message}`);
+  }
+
+  showNote(seen) {
+    const missing =
+        this.over && seen.length && seen.every(({over}) => !over.some(([, [, mean]]) => isKnown(mean)));
+    this.note.hidden = !missing;
+    if (!missing) return;
+    const {shift} = this.over;
+    setText(
+        this.note,
+        shift ? `Nothing is kept of ${
+                    this.over.name}. How long minutes are kept is "days" of [history] in the configuration.` :
+                `Nothing is known of ${this.over.name} in this time.`);
+  }
+
+  reload(mine) {
     if (mine !== this.generation) return;
-    if (document.hidden)
-      this.timer = setTimeout(() => this.reload(Dygraph, mine), this.range.every);
+    if (document.hidden || this.loaded.until !== null)
+      this.timer = setTimeout(() => this.reload(mine), this.range.every);
     else
-      this.load(Dygraph, mine);
+      this.load(mine);
   }
 
-  take(Dygraph, plot, {points}) {
-    const fresh = points.map(
-        ([at, low, mean, high]) => [new Date(at), isKnown(mean) ? [low, mean, high] : [null, null, null]]);
-    if (fresh.length) {
-      const from = fresh[0][0].getTime();
-      const kept = plot.points.filter(([at]) => at.getTime() < from);
-      plot.points = [...kept, ...fresh].slice(-this.range.length / (1000 * this.range.resolution));
+  // What comes into sight is loaded and drawn, what has another size fits it.
+  sized(entries) {
+    let fresh = false;
+    for (const {target, contentRect} of entries) {
+      const plot = this.plots.find(({area}) => area === target);
+      if (!plot) continue;
+      const shown = contentRect.width > 0;
+      if (shown) {
+        plot.resize();
+        if (isKnown(this.cursor)) plot.point(this.cursor);
+      }
+      fresh ||= shown && !plot.isShown;
+      plot.isShown = shown;
     }
-    if (!plot.points.length) {
-      setText(plot.readout, 'no history yet');
-      return;
-    }
-    if (plot.graph)
-      plot.graph.updateOptions({file: plot.points, dateWindow: this.dateWindow()});
-    else
-      plot.graph = this.makeGraph(Dygraph, plot);
-    if (!this.cursor) this.read(plot, null);
+    if (!fresh || !this.library || !this.loaded) return;
+    this.refresh();
+    clearTimeout(this.timer);
+    this.load(++this.generation);
   }
 
-  // The time that is shown: what was zoomed to, or all of the range up to the newest point.
+  // Draws what the page itself keeps.
+  refresh() {
+    if (this.library && !document.hidden) {
+      for (const plot of this.plots)
+        if (plot.isKept) this.drawOne(plot);
+    }
+    this.tell();
+  }
+
+  drawOne(plot) {
+    if (!plot.isShown) return;
+    plot.draw(this.library);
+    if (isKnown(this.cursor))
+      plot.point(this.cursor);
+    else
+      plot.read(null);
+  }
+
+  redraw() {
+    for (const {graph} of this.plots) graph?.updateOptions({});
+  }
+
+  // The time that is shown: the window, or all of the range up to the newest point.
   dateWindow() {
     if (this.window) return this.window;
-    const newest = Math.max(...this.plots.map(({points}) => points.at(-1)?.[0].getTime() ?? 0));
-    return [newest - this.range.length, newest];
+    const newest = Math.max(0, ...this.plots.map(({points}) => points.at(-1)?.[0].getTime() ?? 0));
+    return [newest - Math.min(this.range.length, this.keptFor(newest)), newest];
   }
 
-  makeGraph(Dygraph, plot) {
-    const {unit, counter} = plot.metric;
-    return new Dygraph(plot.area, plot.points, {
-      labels: ['time', plot.metric.name],
-      customBars: true,
-      legend: 'never',
-      showLabelsOnHighlight: false,
-      includeZero: true,
-      stepPlot: counter,
-      fillGraph: false,
-      fillAlpha: 0.3,
-      strokeWidth: 1.4,
-      highlightCircleSize: 3,
-      connectSeparatedPoints: false,
-      animatedZooms: false,
-      dateWindow: this.dateWindow(),
-      ...this.colours(),
-      ...this.sizes(plot),
-      xRangePad: 0,
-      zoomCallback: (from, to) => this.zoom(plot.graph && plot.graph.isZoomed() ? [from, to] : null),
-      highlightCallback: (event, at) => this.point(at),
-      unhighlightCallback: () => this.point(null),
-      pointClickCallback: (event, point) => this.onPick(new Date(point.xval)),
-      underlayCallback: (context, area, graph) => this.drawMark(context, area, graph),
-    });
+  // For how long (ms) there is something to show, where all that is seen is what the page itself keeps.
+  keptFor(newest) {
+    const shown = this.plots.filter((plot) => plot.isShown);
+    if (this.range !== kRanges[0] || !shown.length || shown.some(({isKept}) => !isKept)) return Infinity;
+    const oldest = Math.min(newest, ...shown.map(({points}) => points[0]?.[0].getTime() ?? newest));
+    return Math.max(kShortest, newest - oldest);
   }
 
-  colours() {
-    const {line, grid, text} = palette();
-    return {
-      colors: [line],
-      gridLineColor: grid,
-      axisLineColor: grid,
-      axisLineWidth: 1,
-      rangeSelectorForegroundStrokeColor: text
-    };
-  }
-
-  // The library reckons in pixels; the page's text grows with the screen.
-  sizes({metric: {unit}}) {
-    const scale = parseFloat(getComputedStyle(document.documentElement).fontSize) / kDesignedFontSize;
-    return {
-      axisLabelFontSize: Math.round(10 * scale),
-      xAxisHeight: Math.round(24 * scale),
-      axes: {
-        x: {
-          pixelsPerLabel: 70 * scale,
-          axisLabelWidth: 60 * scale,
-          axisLabelFormatter: (at) => axisTime(at, this.range.resolution),
-        },
-        y: {
-          pixelsPerLabel: 28 * scale,
-          axisLabelWidth: 64 * scale,
-          axisLabelFormatter: (value) => quantity(Number(value.toPrecision(6)), unit),
-        },
-      },
-    };
+  // Where the stacked plot has its points, for what stands below it: from the left, and how wide (px).
+  place(width) {
+    const area = this.plots.find(({metric, graph}) => metric.stack && graph)?.graph.getArea();
+    return area ? {left: area.x, wide: area.w} : {left: 0, wide: width};
   }
 
   restyle() {
-    for (const plot of this.plots) plot.graph?.updateOptions({...this.colours(), ...this.sizes(plot)});
+    for (const plot of this.plots) plot.restyle();
+    this.tell();
   }
 
-  drawMark(context, area, graph) {
-    if (this.mark === null) return;
-    const x = Math.round(graph.toDomXCoord(this.mark)) + 0.5;
-    if (x < area.x || x > area.x + area.w) return;
-    context.strokeStyle = palette().mark;
-    context.lineWidth = 1;
-    context.setLineDash([4, 3]);
-    context.beginPath();
-    context.moveTo(x, area.y);
-    context.lineTo(x, area.y + area.h);
-    context.stroke();
-    context.setLineDash([]);
+  // By a drag or a double-click in a plot.
+  zoomed(window) {
+    if (this.zooming) return;
+    const [from, to] = this.dateWindow();
+    // A drag up or down is of one plot's values alone.
+    if (window && window[0] === from && window[1] === to) return;
+    this.zoom(window);
   }
 
+  // Shows a window, or for null all up to now. What lies before what was loaded is loaded.
   zoom(window) {
     if (this.zooming) return;
     this.zooming = true;
+    const now = this.store.now().getTime();
+    // Around a chosen time that is not of the newest range "all" is the range around it.
+    if (!window && this.mark !== null && this.mark < now - this.range.length)
+      window = [this.mark - this.range.length / 2, this.mark + this.range.length / 2];
+    if (window && window[1] > now) window = [Math.min(window[0], now - kShortest), now];
     this.window = window;
-    for (const {graph} of this.plots) graph?.updateOptions({dateWindow: this.dateWindow()});
+    for (const plot of this.plots) {
+      plot.graph?.updateOptions({dateWindow: this.dateWindow(), valueRange: plot.valueRange()});
+      if (isKnown(this.cursor)) plot.point(this.cursor);
+    }
     this.zooming = false;
+    this.tell();
+    this.onZoom();
+    const {since, until} = this.loaded ?? {since: 0, until: null};
+    const isLoaded = window ? window[0] >= since && (until === null || window[1] <= until) : until === null;
+    if (this.loaded && !isLoaded) this.show(this.range, this);
+  }
+
+  // Shows what lies before (-1) or behind (1) what is shown.
+  pan(direction) {
+    const [from, to] = this.dateWindow();
+    const by = direction * (to - from) / 2;
+    if (this.range === kRanges[0] && from + by < this.store.now() - this.range.length) {
+      this.onCoarser([from + by, to + by]);
+      return;
+    }
+    const isNow = to + by >= this.store.now().getTime();
+    this.zoom(isNow && to - from >= 0.9 * this.range.length ? null : [from + by, to + by]);
   }
 
   // Every plot shows its value at this time (ms), or its newest for null.
   point(at) {
     if (this.cursor === at) return;
     this.cursor = at;
-    for (const plot of this.plots) {
-      if (!plot.graph) continue;
-      const row = at === null ? -1 : this.rowAt(plot, at);
-      if (row >= 0)
-        plot.graph.setSelection(row - plot.graph.getLeftBoundary_());
-      else
-        plot.graph.clearSelection();
-      this.read(plot, row >= 0 ? plot.points[row] : null);
-    }
+    for (const plot of this.plots) plot.point(at);
+    this.tell();
   }
 
-  // The last row at or before a time; -1 for none.
-  rowAt({points}, at) {
-    let low = 0;
-    let high = points.length;
-    while (low < high) {
-      const middle = (low + high) >> 1;
-      if (points[middle][0].getTime() <= at)
-        low = middle + 1;
-      else
-        high = middle;
-    }
-    return low - 1;
-  }
-
-  read(plot, point) {
-    let chosen = point;
-    if (!chosen && this.mark !== null) {
-      chosen = plot.points[this.rowAt(plot, this.mark)];
-      if (!chosen) {
-        setText(plot.readout, `${time(new Date(this.mark))} · unknown`);
-        return;
-      }
-    }
-    chosen ??= plot.points.at(-1);
-    if (!chosen) return;
-    const [low, mean, high] = chosen[1];
-    const {unit, counter} = plot.metric;
-    const band = !counter && isKnown(low) && low !== high ?
-        ` (${quantity(low, unit)} to ${quantity(high, unit)})` :
-        '';
-    const at = point || this.mark !== null ? `${time(chosen[0])} · ` : '';
-    setText(plot.readout, at + (isKnown(mean) ? quantity(round(mean), unit) + band : 'unknown'));
+  // What the cursor is on: the time, and what was raised then; without one the times that are shown, which
+  // the axis has no date of, where it is not all up to now.
+  cursorText() {
+    const at = this.cursor ?? this.mark;
+    const now = this.store.now();
+    if (!isKnown(at))
+      return this.window ? this.window.map((end) => time(new Date(end), now)).join(' – ') : '';
+    const held = this.bands.textAt(at);
+    return `${time(new Date(at), now)}${held && ` · ${held}`}`;
   }
 
   key(event) {
     if (event.ctrlKey || event.metaKey || event.altKey) return;
-    const first = this.plots.find(({points}) => points.length);
+    const first = this.plots.find(({isShown, points}) => isShown && points.length);
     if (!first) return;
     const {points} = first;
+    const [from, to] = this.dateWindow();
+    const cursor = this.cursor >= from && this.cursor <= to ? this.cursor : null;  // one out of sight is none
     const step = {ArrowLeft: -1, ArrowRight: 1, PageUp: -30, PageDown: 30}[event.key];
-    if (step !== undefined) {
-      const row = this.cursor === undefined || this.cursor === null ? points.length - 1 :
-                                                                      this.rowAt(first, this.cursor);
+    if (step !== undefined && event.shiftKey) {
+      this.pan(Math.sign(step));
+    } else if (step !== undefined) {
+      const row = first.rowAt(cursor ?? to);
       this.point(points[Math.min(points.length - 1, Math.max(0, row + step))][0].getTime());
     } else if (event.key === '+' || event.key === '-') {
-      const [from, to] = this.dateWindow();
-      const middle = this.cursor ?? (from + to) / 2;
+      const middle = cursor ?? (from + to) / 2;
       const half = (to - from) * (event.key === '+' ? 0.25 : 1);
       this.zoom(2 * half >= this.range.length ? null : [middle - half, middle + half]);
-    } else if (event.key === 'Enter' && isKnown(this.cursor)) {
-      this.onPick(new Date(this.cursor));
+    } else if (event.key === 'Enter' && isKnown(cursor)) {
+      this.onPick(new Date(cursor));
     } else if (event.key === 'Escape') {
       this.point(null);
       this.zoom(null);
@@ -349,13 +372,4 @@ export class Plots {
       return;
     event.preventDefault();
   }
-}
-
-function round(value) {
-  return Math.abs(value) >= 100 ? Math.round(value) : value;
-}
-
-function axisTime(at, resolution) {
-  const text = time(at instanceof Date ? at : new Date(at), at instanceof Date ? at : new Date(at));
-  return resolution === 60 ? text.slice(0, 5) : text;
 }

@@ -1,6 +1,7 @@
-// The probe, and what the station itself uses.
+// Probe, machine and station: whether all works, and their numbers.
 import {el, setText} from './dom.js';
 import {count, duration, isKnown, parseTime, quantity, time, visible, words} from './format.js';
+import {Watcher} from './watcher.js';
 
 const kUseMs = 5_000;
 
@@ -18,15 +19,17 @@ export class ProbeView {
     this.meterPanel = panel('Meter', this.meter);
     this.meterPanel.hidden = true;
     this.station = el('dl', {class: 'facts'});
+    this.watcher = new Watcher(store);
     this.use = el('div', {class: 'columns'});
     this.notes = el('ul', {class: 'outside'});
     this.notesPanel = panel('Notes on configuration and playlists', this.notes);
     this.notesPanel.hidden = true;
     root.replaceChildren(
-        el('div', {class: 'view'}, el('h1', {text: 'The probe'}),
+        el('div', {class: 'view'}, el('h1', {text: 'Who watches the watcher'}),
+           el('div', {class: 'of-station'}, this.watcher.node), this.notesPanel,
+           el('h2', {class: 'numbers', text: 'Numbers'}),
            el('div', {class: 'of-station view'}, panel('Probe', this.probe), panel('Machine', this.machine),
-              this.meterPanel, panel('Station', this.station), this.use),
-           this.notesPanel));
+              this.meterPanel, panel('Station', this.station), this.use)));
     this.end = store.on('snapshot', () => this.show());
     this.timer = setInterval(() => this.load(), kUseMs);
     this.show();
@@ -95,7 +98,9 @@ export class ProbeView {
     try {
       const status = await this.api.get('status');
       this.showStatus(status);
-      this.showUse(await this.api.get('use'));
+      const use = await this.api.get('use');
+      this.watcher.update(status, use);
+      this.showUse(use);
     } catch {
       // The banner says it.
     }

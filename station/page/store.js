@@ -5,6 +5,7 @@
 //
 // While no event stream comes, what is needed is asked for every few seconds instead. What nobody has told is
 // null, and is shown as unknown.
+import {isQuiet} from './alarmWords.js';
 import {isKnown, nameText, parseTime} from './format.js';
 import {hasSignal} from './state.js';
 import {EventStream} from './stream.js';
@@ -16,6 +17,7 @@ const kHelloMs = 20_000;
 const kWorkerAnswerMs = 3_000;
 const kAskFirstMs = 1_000;  // a stream comes sooner
 const kAskMs = 5_000;
+const kOfMeter = ['codec', 'resolution', 'lastCue'];  // fields that the meter fills
 const kAnswerIsOldMs = 3 * kAskMs;
 
 const names = new Intl.Collator(undefined, {numeric: true, sensitivity: 'base'});
@@ -33,6 +35,7 @@ class Channel {
     this.row = null;
     this.spark = new Float32Array(kSparkCells).fill(NaN);
     this.strip = '';
+    this.stripBad = new Map();  // place in the strip -> bad seconds
     this.describe(info);
   }
 
@@ -50,8 +53,11 @@ export class Store {
   constructor(api) {
     this.api = api;
     this.listeners = new Map();
-    this.channels = new Map();  // by group
-    this.alarms = null;         // active ones
+    this.channels = new Map();      // by group
+    this.alarms = null;             // active ones
+    this.incidents = new Map();     // by ID
+    this.passedGroups = new Set();  // with alarms that cleared and that nobody acknowledged
+    this.passedVersion = '';        // of the list of these, in /api/v1/passed
     this.alarmsByGroup = new Map();
     this.meta = null;
     this.probe = null;
@@ -66,6 +72,8 @@ export class Store {
     this.sparkSum = new Map();
     this.channelsVersion = null;
     this.loaded = false;
+    this.isMetered = false;   // a meter says, or said, what a channel is
+    this.isPictured = false;  // pictures are taken, or were
   }
 
   on(topic, listener) {
@@ -85,9 +93,10 @@ export class Store {
 
   // What the newest snapshot, or the newest answer, says of the channel; null while nothing is known.
   value(channel, field) {
+    if (field === 'passed') return this.passedGroups.has(channel.group);
     if (channel.row) return channel.row[this.index[field]] ?? null;
     if (field === 'unacknowledged' && this.alarms)
-      return this.alarmsOf(channel).filter(({acknowledged}) => !acknowledged).length;
+      return this.alarmsOf(channel).filter((alarm) => !isQuiet(alarm)).length;
     return channel.told?.[field] ?? null;
   }
 
@@ -139,9 +148,9 @@ export class Store {
   async ask() {
     if (!this.connection.live && !document.hidden) {
       try {
-        const [status, alarms, channels] =
-            await Promise.all(['status', 'alarms', 'channels'].map((path) => this.api.get(path)));
-        if (!this.connection.live) this.takeAnswers(status, alarms, channels);
+        const [status, alarms, channels, incidents, passed] = await Promise.all(
+            ['status', 'alarms', 'channels', 'incidents', 'passed'].map((path) => this.api.get(path)));
+        if (!this.connection.live) this.takeAnswers(status, alarms, channels, incidents, passed);
       } catch {  // stale() says so
         this.tell('connection');
       }
@@ -149,12 +158,15 @@ export class Store {
     setTimeout(() => this.ask(), kAskMs);
   }
 
-  takeAnswers(status, alarms, channels) {
+  takeAnswers(status, alarms, channels, incidents, passed) {
     this.answered = Date.now();
     for (const channel of this.channels.values()) channel.row = null;
     this.takeChannels(channels);
     this.takeStatus(status);
-    this.takeAlarms(alarms);
+    this.takeAlarms(alarms, incidents, {
+      version: passed.map(({id}) => id).join(),
+      groups: passed.map(({group}) => group),
+    });
     this.fillSparks();
     this.tell('snapshot');
     this.tell('connection');
@@ -223,7 +235,7 @@ export class Store {
     if (name === 'snapshot')
       this.takeSnapshot(data);
     else if (name === 'alarm')
-      this.takeAlarms(data.alarms);
+      this.takeAlarms(data.alarms, data.incidents, data.passed);
     else if (name === 'channels' && data.version !== this.channelsVersion) {
       this.channelsVersion = data.version;
       this.loadChannels();
@@ -236,6 +248,9 @@ export class Store {
       this.fieldNames = data.fields.join();
       this.index = Object.fromEntries(data.fields.map((field, place) => [field, place]));
     }
+    this.isMetered ||= data.channels.some((row) => kOfMeter.some((field) => isKnown(row[this.index[field]])));
+    this.isPictured ||= data.channels.some(
+        (row) => isKnown(row[this.index.pictureTaken]) || isKnown(row[this.index.pictureNote]));
     const before = new Set(this.channels.keys());
     for (const row of data.channels) {
       const channel = this.channels.get(row[0]);
@@ -270,8 +285,12 @@ export class Store {
     }
   }
 
-  takeAlarms(alarms) {
+  takeAlarms(alarms, incidents, passed) {
     this.alarms = alarms;
+    this.incidents = new Map(incidents.map((incident) => [incident.id, incident]));
+    this.passedGroups = new Set(passed.groups);
+    // A station that started again counts anew.
+    this.passedVersion = `${this.connection.since} ${passed.version}`;
     this.alarmsByGroup = Map.groupBy ? Map.groupBy(alarms, (alarm) => alarm.group) : grouped(alarms);
     this.tell('alarms');
   }
@@ -297,6 +316,7 @@ export class Store {
   }
 
   takeChannels(list) {
+    this.isMetered ||= list.some((info) => kOfMeter.some((field) => isKnown(info[field])));
     const gone = new Set(this.channels.keys());
     for (const info of list) {
       gone.delete(info.group);
@@ -351,12 +371,13 @@ export class Store {
   takeOverview(overview) {
     this.overview = this.loaded ? null : overview;
     if (!this.loaded) return;
-    for (const {group, spark, strip} of overview.channels) {
+    for (const {group, spark, strip, stripBad} of overview.channels) {
       const channel = this.channels.get(group);
       if (!channel) continue;
       const never = parseTime(this.value(channel, 'lastSeen')) === null;
       for (let cell = 0; cell < kSparkCells; cell++) channel.spark[cell] = never ? NaN : spark[cell] ?? NaN;
       channel.strip = strip;
+      channel.stripBad = new Map(stripBad);
     }
     this.tell('overview');
   }

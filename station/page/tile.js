@@ -3,61 +3,85 @@
 // Both are made in two steps: a frame with name and state, which every channel has, and a body with
 // everything else, which only those have that are near the screen. Bodies are lent out and taken back, so
 // that their number is that of a screen and not that of the channels.
+import {shortly, sinceText, worstOf} from './alarmWords.js';
+import {Brief} from './brief.js';
 import {forgetSize} from './canvas.js';
 import {el, setClass, setText} from './dom.js';
 import {count, isKnown, quantity, visible} from './format.js';
+import {Picture} from './picture.js';
 import {drawSpark} from './spark.js';
 import {look, sign, stateText} from './state.js';
 import {drawStrip, stripText} from './strip.js';
 
-function measure(label, unseen) {
+// Of alarms that nobody saw while they were raised.
+export const kPassed = 'was in alarm';
+
+// A measure of the wall, as /api/v1/meta describes it. The first one stands beside the sparkline, which is
+// its own, and needs no label.
+function measure(column, first) {
   const value = el('b');
-  return {
-    value,
-    node:
-        el('span', {class: 'measure'}, el('span', {class: unseen ? 'unseen' : 'label', text: `${label} `}),
-           value)
-  };
+  const label = el('span', {class: first ? 'unseen' : 'label', text: `${visible(column.label)} `});
+  return {column, value, node: el('span', {class: 'measure', title: column.title}, label, value)};
 }
 
-function makeParts(asRow) {
+function makeParts(columns) {
   return {
-    bitRate: measure('bit rate', true),
-    lost: measure('lost', asRow),
-    continuity: measure('CC', asRow),
-    quality: measure('quality', asRow),
+    measures: columns.map((column, place) => measure(column, place === 0)),
+    brief: new Brief(),
     alarms: el('span', {class: 'alarms'}),
+    bad: el('span', {class: 'bad'}),
     spark: el('canvas', {class: 'spark', 'aria-hidden': 'true'}),
     strip: el('canvas', {class: 'strip', role: 'img'}),
   };
 }
 
-export function makeTileBody() {
-  const parts = makeParts(false);
+// `pictured`: with the newest picture in place of the measures that are small.
+export function makeTileBody(columns, metered, pictured) {
+  const parts = makeParts(columns);
+  const [first, ...others] = parts.measures.map(({node}) => node);
+  if (pictured) {
+    parts.picture = new Picture();
+    parts.nodes = [
+      parts.picture.node,
+      el('span', {class: 'tile-line small'}, first, parts.spark),
+      el('span', {class: 'tile-line small'}, parts.alarms, parts.bad, parts.brief.cue),
+      parts.strip,
+    ];
+    return parts;
+  }
   parts.nodes = [
-    el('span', {class: 'tile-line'}, parts.bitRate.node, parts.spark),
-    el('span', {class: 'tile-line small'}, parts.lost.node, parts.continuity.node, parts.quality.node),
-    el('span', {class: 'tile-line small'}, parts.alarms),
+    el('span', {class: 'tile-line'}, first, parts.brief.format, parts.spark),
+    el('span', {class: 'tile-line small'}, ...others),
+    el('span', {class: 'tile-line small'}, parts.alarms, parts.bad, parts.brief.cue),
     parts.strip,
   ];
-  parts.lost.node.title = 'Packets lost in the last minute';
-  parts.continuity.node.title = 'Continuity errors in the last minute';
-  parts.quality.node.title = 'Transport quality index, 1 to 5';
   return parts;
 }
 
-export function makeRowBody() {
-  const parts = makeParts(true);
+// `metered`: with columns of what the meter says.
+export function makeRowBody(columns, metered) {
+  const parts = makeParts(columns);
+  const [first, ...others] =
+      parts.measures.map(({value}, place) => el('td', {class: place ? 'number wide-only' : 'number'}, value));
   parts.nodes = [
-    el('td', {class: 'number'}, parts.bitRate.value),
-    el('td', {}, parts.spark),
-    el('td', {class: 'number'}, parts.lost.value),
-    el('td', {class: 'number'}, parts.continuity.value),
-    el('td', {class: 'number'}, parts.quality.value),
-    el('td', {}, parts.strip),
-    el('td', {}, parts.alarms),
+    first,
+    ...(metered ?
+            [
+              el('td', {class: 'wide-only'}, parts.brief.format),
+              el('td', {class: 'wide-only'}, parts.brief.cue)
+            ] :
+            []),
+    el('td', {class: 'wide-only'}, parts.spark),
+    ...others,
+    el('td', {class: 'wide-only'}, parts.strip),
+    el('td', {}, parts.alarms, ' ', parts.bad),
   ];
   return parts;
+}
+
+function measureText({counter, decimals, unit}, value) {
+  if (counter) return count(value);
+  return isKnown(value) && decimals !== null ? value.toFixed(decimals) : quantity(value, unit);
 }
 
 export class Tile {
@@ -67,20 +91,21 @@ export class Tile {
     this.asRow = asRow;
     this.parts = null;
     this.sign = el('span', {class: 'sign', 'aria-hidden': 'true'});
-    this.state = el('span', {class: asRow ? '' : 'unseen'});
+    this.state = el('span', {class: asRow ? 'word' : 'unseen'});
     this.name = el('bdi', {class: 'name'});
     this.group = el('span', {class: 'group', text: channel.group});
+    this.handled = el('span', {class: 'handled'});
     this.link = el('a', {href: `#channel/${channel.group}`, tabindex: '-1'});
     if (asRow) {
       this.link.append(this.name);
       this.node =
           el('tr', {}, el('td', {class: 'state'}, this.sign, ' ', this.state),
-             el('th', {scope: 'row'}, this.link), el('td', {}, this.group));
+             el('th', {scope: 'row'}, this.link), el('td', {class: 'wide-only'}, this.group));
       this.holder = this.node;
     } else {
       this.link.append(
           el('span', {class: 'tile-line head'}, this.sign, this.state, ' ', this.name),
-          el('span', {class: 'tile-line small'}, this.group));
+          el('span', {class: 'tile-line small'}, this.group, this.handled));
       this.node = el('li', {}, this.link);
       this.holder = this.link;
     }
@@ -103,13 +128,23 @@ export class Tile {
     const state = this.store.value(this.channel, 'state');
     const severity = this.store.value(this.channel, 'severity');
     const silenced = this.store.value(this.channel, 'maintenance');
-    const acknowledged = state === 'alarm' && this.store.value(this.channel, 'unacknowledged') === 0;
+    const open = this.store.value(this.channel, 'unacknowledged') ?? 0;
+    const acknowledged = state === 'alarm' && open === 0;
+    const passed = this.store.value(this.channel, 'passed');
     setText(this.sign, sign(look(state, severity)));
-    setText(this.state, stateText(state, severity) + (silenced ? ', maintenance' : ''));
+    // A row says of maintenance where it has room.
+    setText(this.state, stateText(state, severity) + (silenced && !this.asRow ? ', maintenance' : ''));
+    setText(
+        this.handled,
+        silenced         ? 'maintenance' :
+            acknowledged ? 'acknowledged' :
+            open         ? `${open} new` :
+                    passed ? kPassed :
+                             '');
     setClass(
         this.node,
         `${this.asRow ? 'row' : 'tile'} is-${look(state, severity)}` + (silenced ? ' silenced' : '') +
-            (acknowledged ? ' acknowledged' : ''));
+            (passed ? ' passed' : '') + (acknowledged ? ' acknowledged' : ''));
   }
 
   fill(parts) {
@@ -124,42 +159,40 @@ export class Tile {
     const parts = this.parts;
     this.parts = null;
     for (const node of parts.nodes) node.remove();
+    parts.picture?.clear();
     return parts;
   }
 
   update() {
     if (!this.parts) return;
     const {store, channel, parts} = this;
-    const value = (field) => store.measure(channel, field);
-    setText(parts.bitRate.value, quantity(value('bitRate'), store.unit('bitRate')));
-    const lost = value('lostLastMinute');
-    const continuity = value('continuityLastMinute');
-    setText(parts.lost.value, count(lost));
-    setText(parts.continuity.value, count(continuity));
-    setClass(parts.lost.value, lost > 0 ? 'some' : '');
-    setClass(parts.continuity.value, continuity > 0 ? 'some' : '');
-    const quality = value('qualityIndex');
-    setText(parts.quality.value, isKnown(quality) ? quality.toFixed(1) : '–');
+    for (const {column, value: node} of parts.measures) {
+      const value = store.measure(channel, column.field);
+      setText(node, measureText(column, value));
+      if (column.counter) setClass(node, value > 0 ? 'some' : '');
+    }
+    parts.brief.update(store, channel);
+    parts.picture?.update(store, channel);
     this.updateAlarms();
   }
 
+  // What is wrong and since when, and how bad.
   updateAlarms() {
-    const alarms = this.store.alarmsOf(this.channel);
-    const open = this.store.value(this.channel, 'unacknowledged') ?? 0;
-    const worst = alarms.length ? alarms.reduce((a, b) => (this.rank(b) < this.rank(a) ? b : a)) : null;
-    let text = '';
-    if (worst) {
-      const rest = alarms.length - 1;
-      text = visible(worst.alarm.replaceAll('_', ' ')) + (rest ? ` +${rest}` : '') +
-          (open ? ` · ${open} new` : ' · acknowledged');
+    const {store, parts} = this;
+    const alarms = store.alarmsOf(this.channel);
+    const worst = worstOf(store, alarms);
+    let text = worst ? sinceText(store, worst) + (alarms.length > 1 ? ` +${alarms.length - 1}` : '') : '';
+    if (this.asRow) {
+      const handled = [
+        store.value(this.channel, 'maintenance') ? 'maintenance' : '',
+        !worst && store.value(this.channel, 'passed') ? kPassed : ''
+      ];
+      text = [text, ...handled].filter(Boolean).join(', ');
     }
-    if (this.store.value(this.channel, 'maintenance')) text = text ? `${text} · maintenance` : 'maintenance';
     if (!this.channel.info.enabled) text = 'disabled';
-    setText(this.parts.alarms, text);
-  }
-
-  rank(alarm) {
-    return this.store.meta ? this.store.meta.severities.indexOf(alarm.severity) : 0;
+    setText(parts.alarms, text);
+    setText(parts.bad, worst && this.channel.info.enabled ? shortly(store, worst) : '');
+    if (!this.asRow) parts.brief.cue.hidden = Boolean(parts.bad.firstChild);
   }
 
   draw() {
@@ -170,9 +203,10 @@ export class Tile {
 
   drawStrip() {
     const {parts, channel, store} = this;
-    drawStrip(parts.strip, channel.strip);
-    const text =
-        channel.strip && store.meta ? stripText(channel.strip, store.meta.stripCells) : 'no history yet';
+    drawStrip(parts.strip, channel.strip, channel.stripBad);
+    const text = channel.strip && store.meta ?
+        stripText(channel.strip, store.meta.stripCells, channel.stripBad) :
+        'no history yet';
     if (parts.strip.getAttribute('aria-label') !== text) parts.strip.setAttribute('aria-label', text);
   }
 

@@ -1,42 +1,44 @@
-// The wall: a tile or a table row for every channel.
+// The wall: a tile or a table row for every channel, by groups where a label was chosen for them.
 import {onPaletteChange} from './canvas.js';
-import {el, setAttribute, setText} from './dom.js';
-import {count} from './format.js';
-import {arrange, kOrders, placeInOrder} from './order.js';
-import {sign} from './state.js';
+import {el, setClass, setText} from './dom.js';
+import {addressOf, compareValues, filterOf, valueOf} from './filter.js';
+import {Hold} from './hold.js';
+import {arrange, isMoving} from './order.js';
+import {placeInOrder} from './placing.js';
 import {kSparkCells} from './store.js';
+import {Heads} from './tableParts.js';
 import {makeRowBody, makeTileBody, Tile} from './tile.js';
+import {WallControls} from './wallControls.js';
+import {WallSection} from './wallSection.js';
 
 const kNearScreen = '300px';
 const kFirstPicture = 'kestor-wall';  // a performance mark: every channel has its tile
-const kColumns = [
-  'State', 'Name', 'Group', 'Bit rate', `Last ${kSparkCells * 5 / 60} min`, 'Lost, 1 min', 'CC, 1 min',
-  'Quality', 'Last 8 h', 'Alarms'
-];
+const kSparkHead = `Last ${kSparkCells * 5 / 60} min`;
+const kSortAgainMs = 10_000;  // by what changes all the time
 
-const kStateFields = ['state', 'severity', 'unacknowledged', 'maintenance'];
+const kStateFields = ['state', 'severity', 'unacknowledged', 'maintenance', 'passed'];
 
 export class Wall {
-  // `kiosk`: tiles alone, without controls.
-  constructor(root, context, parameters, kiosk) {
+  constructor(root, context, parameters) {
     this.root = root;
     this.store = context.store;
     this.replaceAddress = context.replaceAddress;
-    this.kiosk = kiosk;
-    this.filter = Object.fromEntries(parameters);
+    this.filter = filterOf(parameters);
     this.asTable = this.filter.view === 'table';
-    this.tiles = new Map();  // channel -> Tile
-    this.near = new Set();   // tiles that are filled
-    this.free = [];          // bodies that no tile uses
+    this.tiles = new Map();     // channel -> Tile
+    this.keys = new Map();      // channel -> what its order goes by
+    this.sections = new Map();  // value of the label, or null -> WallSection
+    this.near = new Set();      // tiles that are filled
+    this.free = [];             // bodies that no tile uses
     this.observer = new IntersectionObserver((entries) => this.seen(entries), {rootMargin: kNearScreen});
     this.build();
     const {store} = this;
     this.ends = [
       store.on('channels', () => this.channelsChanged()),
       store.on('snapshot', () => this.update()),
-      store.on('alarms', () => this.each((tile) => tile.updateAlarms())),
+      store.on('alarms', () => this.alarmsChanged()),
       store.on('overview', () => this.each((tile) => tile.draw())),
-      store.on('meta', () => this.update()),
+      store.on('meta', () => this.metaChanged()),
       onPaletteChange(() => this.each((tile) => tile.draw())),
     ];
     this.onVisible = () => {
@@ -44,7 +46,8 @@ export class Wall {
     };
     document.addEventListener('visibilitychange', this.onVisible);
     this.resizes = new ResizeObserver(() => this.each((tile) => tile.resized()));
-    this.resizes.observe(this.list);
+    this.resizes.observe(this.holder);
+    this.hold = new Hold(this.holder, () => this.update(true));
     if (store.loaded) this.channelsChanged();
   }
 
@@ -53,6 +56,7 @@ export class Wall {
     document.removeEventListener('visibilitychange', this.onVisible);
     this.observer.disconnect();
     this.resizes.disconnect();
+    this.hold.close();
   }
 
   each(action) {
@@ -63,76 +67,122 @@ export class Wall {
   build() {
     this.hint = el('p', {class: 'hint', role: 'status', text: 'Asking the station …'});
     this.holder = el('div', {class: 'live-data'});
+    this.holder.addEventListener('keydown', (event) => this.moveFocus(event));
+    this.holder.addEventListener('focusin', (event) => this.rove(event.target.closest('li a, tr a')));
+    this.controls = new WallControls(
+        this.store, this.filter, (change) => this.choose(change),
+        {table: () => this.toggleTable(), pictures: () => this.togglePictures()});
     this.buildList();
-    this.root.replaceChildren(
-        ...(this.kiosk ? [el('h1', {class: 'unseen', text: 'All channels'})] : [this.makeControls()]),
-        this.hint, this.holder);
+    this.root.replaceChildren(this.controls.node, this.hint, this.holder);
   }
 
+  // What sections are in.
   buildList() {
-    if (this.asTable) {
-      this.list = el('tbody');
-      const head = el('tr', {}, ...kColumns.map((text) => el('th', {scope: 'col', text})));
-      this.holder.replaceChildren(
-          el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Table of channels'},
-             el('table', {class: 'wall-table'}, el('thead', {}, head), this.list)));
-    } else {
-      this.list = el('ul', {class: 'tiles', 'aria-label': 'Channels'});
-      this.holder.replaceChildren(this.list);
-    }
-    this.list.addEventListener('keydown', (event) => this.moveFocus(event));
-    this.list.addEventListener('focusin', (event) => this.rove(event.target.closest('a')));
+    this.columnNames = this.namesOfColumns();
+    this.sections.clear();
+    this.container = this.holder;
+    this.holder.replaceChildren();
+    setClass(this.holder, this.pictured ? 'live-data pictured' : 'live-data');
+    if (!this.asTable) return;
+    this.head = el('thead', {}, this.heads().node);
+    this.container = el('table', {class: 'wall-table'}, this.head);
+    this.holder.replaceChildren(
+        el('div', {class: 'scroll tall', tabindex: '0', role: 'region', 'aria-label': 'Table of channels'},
+           this.container));
   }
 
-  makeControls() {
-    this.search = el('input', {
-      type: 'search',
-      placeholder: 'Search name, group, label',
-      'aria-label': 'Search channels',
-      value: this.filter.q ?? '',
-      spellcheck: 'false',
-      'aria-keyshortcuts': '/'
-    });
-    this.search.addEventListener('input', () => this.choose({q: this.search.value}));
-    this.sort =
-        el('select', {'aria-label': 'Order'}, ...kOrders.map(([value, text]) => el('option', {value, text})));
-    this.sort.value = this.filter.sort ?? 'trouble';
-    this.sort.addEventListener('change', () => this.choose({sort: this.sort.value}));
-    this.label = el('select', {'aria-label': 'Label'});
-    this.label.addEventListener('change', () => this.choose({label: this.label.value}));
-    this.states = el('div', {class: 'choices', role: 'group', 'aria-label': 'State'});
-    this.viewButton = el('button', {type: 'button', on: {click: () => this.toggleTable()}});
-    this.nameViewButton();
-    return el(
-        'div', {class: 'controls', role: 'search'}, el('h1', {class: 'unseen', text: 'Channels'}),
-        this.search, this.states, this.label, this.sort, this.viewButton);
+  // Changes when bodies have other columns.
+  namesOfColumns() {
+    return JSON.stringify([this.columns, this.store.isMetered]);
   }
 
-  nameViewButton() {
-    setText(this.viewButton, this.asTable ? 'Tiles' : 'Table');
-    setAttribute(this.viewButton, 'title', this.asTable ? 'Show tiles' : 'Show a table');
+  // The measures that the wall shows; none before the station has told.
+  get columns() {
+    return this.store.meta?.wallColumns ?? [];
+  }
+
+  // The table's, in the order of a row's cells: the first measure is the sparkline's.
+  heads() {
+    const [first, ...others] = this.columns;
+    const measure = (column, kind, wide) =>
+        ({text: column?.heading ?? '', name: column?.field, number: true, kind, wide});
+    const columns = [
+      {text: 'State', name: 'trouble', kind: 'state'}, {text: 'Name', name: 'name', kind: 'of-name'},
+      {text: 'Group', name: 'group', wide: true, kind: 'of-group'}, measure(first, 'wide'),
+      ...(this.store.isMetered ?
+              [{text: 'Format', kind: 'long', wide: true}, {text: 'Cue', kind: 'cue-column', wide: true}] :
+              []),
+      {text: kSparkHead, kind: 'wide', wide: true}, ...others.map((column) => measure(column, 'small', true)),
+      {text: 'Last 8 h', kind: 'long', wide: true}, {text: 'Alarms'}
+    ];
+    return new Heads(columns, this.filter.sort || 'trouble', (sort) => this.choose({sort}));
   }
 
   toggleTable() {
     this.asTable = !this.asTable;
-    this.nameViewButton();
-    this.resizes.disconnect();
+    this.forgetTiles();
+    this.buildList();
+    this.choose({view: this.asTable ? 'table' : ''});
+  }
+
+  get pictured() {
+    return this.filter.pictures === 'on' && !this.asTable;
+  }
+
+  togglePictures() {
+    const on = !this.pictured;
+    this.asTable = false;
+    this.filter.pictures = on ? 'on' : '';
+    this.forgetTiles();
+    this.buildList();
+    this.choose({pictures: this.filter.pictures, view: ''});
+  }
+
+  forgetTiles() {
     this.observer.disconnect();
     this.tiles.clear();
     this.near.clear();
     this.free = [];
-    this.buildList();
-    this.resizes.observe(this.list);
-    this.choose({view: this.asTable ? 'table' : ''});
+  }
+
+  forgetSections() {
+    for (const {nodes} of this.sections.values())
+      for (const node of nodes) node.remove();
+    this.sections.clear();
+  }
+
+  // Other columns: bodies are made anew, and the table's heads.
+  metaChanged() {
+    const names = this.namesOfColumns();
+    if (names !== this.columnNames) {
+      this.columnNames = names;
+      if (this.asTable) {
+        this.head.replaceChildren(this.heads().node);
+        this.forgetSections();
+      }
+      for (const tile of this.near) tile.empty();
+      this.near.clear();
+      this.free = [];
+      this.observer.disconnect();
+      for (const tile of this.tiles.values()) this.observer.observe(tile.node);
+    }
+    this.update(true);
   }
 
   // The address has what was chosen, so that it can be kept and sent on.
   choose(change) {
     Object.assign(this.filter, change);
-    const chosen = Object.entries(this.filter).filter(([, value]) => value);
-    this.replaceAddress('', chosen);
+    if (this.filter.sort === 'trouble') this.filter.sort = '';
+    this.replaceAddress('', addressOf(this.filter));
+    if (this.asTable && 'sort' in change) this.head.replaceChildren(this.heads().node);
     this.arrange();
-    this.updateControls();
+    this.controls.update(this.asTable);
+  }
+
+  fold(value) {
+    const fold = new Set(this.filter.fold);
+    if (!fold.delete(value)) fold.add(value);
+    this.choose({fold});
   }
 
   channelsChanged() {
@@ -142,7 +192,8 @@ export class Wall {
       else
         this.drop(channel, tile);
     }
-    this.updateLabels();
+    for (const channel of this.keys.keys())
+      if (this.store.channels.get(channel.group) !== channel) this.keys.delete(channel);
     this.update(true);
   }
 
@@ -154,27 +205,22 @@ export class Wall {
     tile.node.remove();
   }
 
-  updateLabels() {
-    if (this.kiosk) return;
-    const labels = new Set();
-    for (const channel of this.store.channels.values())
-      for (const label of channel.labelTexts) labels.add(label);
-    this.label.hidden = labels.size === 0;
-    const sorted = [...labels].sort().slice(0, 500);
-    this.label.replaceChildren(
-        el('option', {value: '', text: 'all labels'}),
-        ...sorted.map(
-            (label) =>
-                el('option', {value: label, text: label.length > 40 ? `${label.slice(0, 40)}…` : label})));
-    this.label.value = labels.has(this.filter.label) ? this.filter.label : '';
+  alarmsChanged() {
+    this.each((tile) => tile.updateAlarms());
+    if (this.filter.alarm) this.update(true);
   }
 
   update(always = false) {
     if (document.hidden || !this.store.loaded) return;
+    if (this.columnNames !== this.namesOfColumns()) this.metaChanged();
     const changed = this.takeStates();
-    if (changed || always) {
-      this.arrange();
-      this.updateControls();
+    const moved = isMoving(this.filter.sort) && Date.now() - this.arranged > kSortAgainMs;
+    if (changed || always || moved) {
+      const held = this.measured && this.hold.holds;
+      if (!held) this.arrange();
+      this.controls.update(this.asTable);
+      this.controls.showFound(this.shown, held);
+      this.updateHeads();
     }
     const slot = this.store.sparkSlot;
     for (const tile of this.near) tile.update();
@@ -190,8 +236,8 @@ export class Wall {
     const {store} = this;
     for (const channel of store.channels.values()) {
       const key = kStateFields.map((field) => store.value(channel, field)).join();
-      if (channel.stateKey === key && this.tiles.has(channel)) continue;
-      channel.stateKey = key;
+      if (this.keys.get(channel) === key) continue;
+      this.keys.set(channel, key);
       changed = true;
       this.tiles.get(channel)?.updateState();
     }
@@ -201,19 +247,72 @@ export class Wall {
   arrange() {
     if (!this.store.loaded) return;
     const channels = arrange(this.store, this.filter);
-    const nodes = channels.map((channel) => this.tileOf(channel).node);
-    placeInOrder(this.list, nodes);
-    if (nodes.length && !this.list.contains(document.activeElement)) this.rove(nodes[0].tile.link);
+    this.arranged = Date.now();
+    this.shown = channels.length;
+    this.groups = this.grouped(channels);
+    const sections = [...this.groups.keys()].map((value) => this.sectionOf(value));
+    for (const [value, section] of this.sections) {
+      if (this.groups.has(value)) continue;
+      for (const node of section.nodes) node.remove();
+      this.sections.delete(value);
+    }
+    const nodes = sections.flatMap((section) => section.nodes);
+    placeInOrder(this.container, this.asTable ? [this.head, ...nodes] : nodes);
+    let first = null;
+    for (const [value, members] of this.groups) {
+      const folded = value !== null && this.filter.fold.has(value);
+      const placed = folded ? [] : members.map((channel) => this.tileOf(channel).node);
+      placeInOrder(this.sections.get(value).list, placed);
+      first ??= placed[0];
+    }
+    this.updateHeads();
+    if (first && !this.holder.contains(document.activeElement)) this.rove(first.tile.link);
     if (!this.measured) {
       this.measured = true;
       performance.mark(kFirstPicture);
     }
-    const total = this.store.channels.size;
-    this.hint.hidden = nodes.length > 0;
+    this.controls.showFound(this.shown, false);
+    this.hint.hidden = channels.length > 0;
     setText(
         this.hint,
-        total ? 'No channel is like that.' :
-                'No channels yet. Add some under Edit, or in the configuration.');
+        this.store.channels.size ? 'No channel is like that.' :
+                                   'No channels yet. Add some under Edit, or in the configuration.');
+  }
+
+  // Channels by the label's values; all under null without grouping.
+  grouped(channels) {
+    const {by} = this.filter;
+    if (!by) return new Map([[null, channels]]);
+    const groups = new Map();
+    for (const channel of channels) {
+      const value = valueOf(channel, by);
+      if (groups.has(value))
+        groups.get(value).push(channel);
+      else
+        groups.set(value, [channel]);
+    }
+    return new Map([...groups].sort(([a], [b]) => compareValues(a, b)));
+  }
+
+  sectionOf(value) {
+    let section = this.sections.get(value);
+    if (section && section.by !== this.filter.by) {  // of another label
+      for (const node of section.nodes) node.remove();
+      section = null;
+    }
+    if (!section) {
+      section = new WallSection(
+          value, this.filter.by, this.asTable ? this.head.firstChild.children.length : 0,
+          (one) => this.fold(one));
+      section.by = this.filter.by;
+      this.sections.set(value, section);
+    }
+    return section;
+  }
+
+  updateHeads() {
+    for (const [value, channels] of this.groups ?? [])
+      this.sections.get(value).head?.update(this.store, channels, this.filter.fold.has(value));
   }
 
   tileOf(channel) {
@@ -229,48 +328,15 @@ export class Wall {
   seen(entries) {
     for (const {target, isIntersecting} of entries) {
       const {tile} = target;
-      if (isIntersecting && !tile.parts) {
-        tile.fill(this.free.pop() ?? (this.asTable ? makeRowBody() : makeTileBody()));
+      if (isIntersecting && !tile.parts && this.store.meta) {
+        tile.fill(
+            this.free.pop() ??
+            (this.asTable ? makeRowBody : makeTileBody)(this.columns, this.store.isMetered, this.pictured));
         this.near.add(tile);
       } else if (!isIntersecting && tile.parts) {
         this.free.push(tile.empty());
         this.near.delete(tile);
       }
-    }
-  }
-
-  // A choice a state, with how many channels are in it.
-  updateControls() {
-    if (this.kiosk || !this.store.meta) return;
-    const counts = new Map();
-    let open = 0;
-    for (const channel of this.store.channels.values()) {
-      const state = this.store.value(channel, 'state') ?? 'waiting';
-      counts.set(state, (counts.get(state) ?? 0) + 1);
-      if (this.store.value(channel, 'unacknowledged') > 0) open++;
-    }
-    const choices = [
-      ['', 'all', this.store.channels.size],
-      ...this.store.meta.states.map((state) => [state, state, counts.get(state) ?? 0]),
-      ['new', 'not acknowledged', open]
-    ];
-    if (!this.choices) {
-      this.choices = new Map(choices.map(([value, text]) => {
-        const number = el('b');
-        const mark = this.store.meta.states.includes(value) ?
-            el('span', {class: 'sign', 'aria-hidden': 'true', text: `${sign(value)} `}) :
-            null;
-        const node =
-            el('button', {type: 'button', on: {click: () => this.choose({state: value})}}, mark, `${text} `,
-               number);
-        return [value, {node, number}];
-      }));
-      this.states.replaceChildren(...[...this.choices.values()].map(({node}) => node));
-    }
-    for (const [value, , total] of choices) {
-      const {node, number} = this.choices.get(value);
-      setText(number, count(total));
-      setAttribute(node, 'aria-pressed', String((this.filter.state ?? '') === value));
     }
   }
 
@@ -284,9 +350,10 @@ export class Wall {
 
   moveFocus(event) {
     const node = event.target.closest('li, tr');
-    if (!node || event.altKey || event.ctrlKey || event.metaKey) return;
-    const nodes = [...this.list.children];
-    const columns = this.asTable ? 1 : getComputedStyle(this.list).gridTemplateColumns.split(' ').length;
+    if (!node?.tile || event.altKey || event.ctrlKey || event.metaKey) return;
+    const nodes = [...this.sections.values()].flatMap(({list}) => [...list.children]);
+    const columns =
+        this.asTable ? 1 : getComputedStyle(node.parentNode).gridTemplateColumns.split(' ').length;
     const steps = {
       ArrowRight: 1,
       ArrowLeft: -1,

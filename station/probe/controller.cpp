@@ -10,6 +10,8 @@ namespace station {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr std::chrono::milliseconds kLooksForStop = 200ms;
 // Of a probe that monitors, and of one that reports what it scanned since the last request.
 constexpr int kLargestRequest = 64 << 10;
@@ -58,11 +60,11 @@ struct Controller::Implementation {
         LogOnChange trouble;
         while (!stop.stop_requested()) {
             try {
-                ControllerLink port(endpoint, kLargestRequest);
-                trouble.over("listening for the probe at " + endpoint);
+                probelink::ControllerLink port(endpoint, kLargestRequest);
+                trouble.resolved("listening for the probe at " + endpoint);
                 setProblem({});
                 serve(stop, port);
-            } catch (const LinkError& error) {
+            } catch (const probelink::LinkError& error) {
                 setProblem(error.what());
                 trouble.say(LogLevel::kError,
                             std::string(error.what()) +
@@ -77,7 +79,7 @@ struct Controller::Implementation {
         }
     }
 
-    void serve(const std::stop_token& stop, ControllerLink& port) {
+    void serve(const std::stop_token& stop, probelink::ControllerLink& port) {
         auto lastTurn = std::chrono::steady_clock::now();
         while (!stop.stop_requested()) {
             auto request = port.waitForRequest(kLooksForStop);
@@ -99,23 +101,23 @@ struct Controller::Implementation {
         }
     }
 
-    void answer(const configuration::TasksRequest& request, ControllerLink& port) {
-        Report said;
-        said.time = systemNow();
-        said.sequence = request.sequence_number();
+    void answer(const configuration::TasksRequest& request, probelink::ControllerLink& port) {
+        Report exchange;
+        exchange.time = systemNow();
+        exchange.sequence = request.sequence_number();
         ProbeLink::Answer answer;
         {
             const std::lock_guard lock(mutex);
-            said.event = link.request(request.sequence_number(), said.time.steady);
-            answer = link.answer(said.time.steady);
-            said.secondAsker = link.secondAsker(said.time.steady);
-            said.scanning = link.scanning() || request.has_scan_status();
+            exchange.event = link.request(request.sequence_number(), exchange.time.steady);
+            answer = link.answer(exchange.time.steady);
+            exchange.secondAsker = link.secondAsker(exchange.time.steady);
+            exchange.scanning = link.scanning() || request.has_scan_status();
         }
         port.answer(toMessage(answer));
-        said.cleared = answer.clearAll;
+        exchange.cleared = answer.clearAll;
         // The owner hears of others with the next request of the one that is told, however many they send.
-        if (said.event != ProbeLink::Event::kAside) {
-            report(said);
+        if (exchange.event != ProbeLink::Event::kAside) {
+            report(exchange);
         }
     }
 

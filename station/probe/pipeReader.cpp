@@ -36,7 +36,7 @@ constexpr std::size_t kReadBytes = std::size_t{1} << 20;
 
 struct PipeReader::Implementation {
     const std::filesystem::path path;
-    const std::function<void(RawSnapshot&&)> take;
+    const std::function<void(RawSnapshot&&)> deliver;
     const std::size_t limit;
     const Descriptor wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
 
@@ -52,14 +52,16 @@ struct PipeReader::Implementation {
     std::size_t lastSize = 0;
     bool begun = false;
     bool overLimit = false;
+    std::size_t leftOut = 0;  // bytes of it since that was told
     Now began{};
     steady_clock::time_point lastRead;
     LogOnChange trouble;
     LogOnChange sizeTrouble;
     std::jthread thread;
 
-    Implementation(std::filesystem::path path_, std::function<void(RawSnapshot&&)> take_, std::size_t limit_)
-        : path(std::move(path_)), take(std::move(take_)), limit(limit_) {}
+    Implementation(std::filesystem::path path_, std::function<void(RawSnapshot&&)> deliver_,
+                   std::size_t limit_)
+        : path(std::move(path_)), deliver(std::move(deliver_)), limit(limit_) {}
 
     void run(const std::stop_token& stop) {
         while (!stop.stop_requested()) {
@@ -108,7 +110,7 @@ struct PipeReader::Implementation {
         capacity = static_cast<std::size_t>(std::max(fcntl(opened.number(), F_GETPIPE_SZ), 1));
         identity = status;
         pipe = std::move(opened);
-        trouble.over("reading " + path.string());
+        trouble.resolved("reading " + path.string());
         const std::lock_guard lock(mutex);
         shared.problem.clear();
         return true;
@@ -153,19 +155,23 @@ struct PipeReader::Implementation {
             began = systemNow();
             text.reserve(lastSize + lastSize / 8);
         }
-        if (text.size() + part.size() > limit) {
-            overLimit = true;
-            text = {};
-        }
-        if (!overLimit) {
+        if (!overLimit && text.size() + part.size() <= limit) {
             text += part;
+            return;
         }
+        // Told before its end comes: a writer that never closes the pipe gives none.
+        leftOut += part.size();
+        if (!overLimit || leftOut > limit) {
+            tellTooLarge();
+        }
+        text = {};
     }
 
     // The writer is gone: what it sent is a snapshot if its last line is whole.
     void handOver() {
         if (overLimit) {
-            dropTooLarge();
+            begun = false;  // it is not counted as cut as well
+            dropCut();
             return;
         }
         if (!text.empty() && text.back() != '\n') {
@@ -174,26 +180,24 @@ struct PipeReader::Implementation {
         }
         const Now ended = systemNow();
         if (!text.empty()) {
-            sizeTrouble.over("snapshots of the probe are small enough again");
+            sizeTrouble.resolved("snapshots of the probe are small enough again");
         }
         lastSize = text.size();
-        take({std::exchange(text, {}), begun ? began : ended, ended});
+        deliver({std::exchange(text, {}), begun ? began : ended, ended});
         begun = false;
     }
 
-    void dropTooLarge() {
+    void tellTooLarge() {
         sizeTrouble.say(
             LogLevel::kError,
             "a snapshot of the probe is larger than " + std::to_string(limit) +
                 " bytes and is dropped, as all like it will be: watch fewer channels, or find out which "
                 "has thousands of PIDs");
-        {
-            const std::lock_guard lock(mutex);
-            ++shared.tooLarge;
-            shared.lastTooLarge = steady_clock::now();
-        }
-        begun = false;
-        dropCut();
+        leftOut = 0;
+        const std::lock_guard lock(mutex);
+        shared.tooLarge += overLimit ? 0 : 1;
+        shared.lastTooLarge = steady_clock::now();
+        overLimit = true;
     }
 
     void dropCut() {
@@ -207,9 +211,9 @@ struct PipeReader::Implementation {
     }
 };
 
-PipeReader::PipeReader(std::filesystem::path pipe, std::function<void(RawSnapshot&&)> take,
+PipeReader::PipeReader(std::filesystem::path pipe, std::function<void(RawSnapshot&&)> deliver,
                        std::size_t snapshotLimit)
-    : implementation_(std::make_unique<Implementation>(std::move(pipe), std::move(take), snapshotLimit)) {
+    : implementation_(std::make_unique<Implementation>(std::move(pipe), std::move(deliver), snapshotLimit)) {
     implementation_->thread =
         std::jthread([this](const std::stop_token& stop) { implementation_->run(stop); });
 }

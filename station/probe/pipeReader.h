@@ -27,16 +27,16 @@ class PipeReader {
     static constexpr std::size_t kSnapshotLimit = std::size_t{64} << 20;  // bytes; longer ones are dropped
 
     // `take` is called on the reader's thread with each whole snapshot and must not wait.
-    PipeReader(std::filesystem::path pipe, std::function<void(RawSnapshot&&)> take,
+    PipeReader(std::filesystem::path pipe, std::function<void(RawSnapshot&&)> deliver,
                std::size_t snapshotLimit = kSnapshotLimit);
     ~PipeReader();  // ends the thread, within 100 ms
     PipeReader(const PipeReader&) = delete;
 
     struct Statistics {
-        std::string problem;    // why nothing can be read, or empty
-        uint64_t cut = 0;       // snapshots without their end: the writer was ended
-        uint64_t tooLarge = 0;  // snapshots beyond the limit
-        SteadyTime lastTooLarge;
+        std::string problem;      // why nothing can be read, or empty
+        uint64_t cut = 0;         // snapshots without their end: the writer was ended
+        uint64_t tooLarge = 0;    // snapshots beyond the limit, whether they have ended or not
+        SteadyTime lastTooLarge;  // that more was dropped
         // The longest time that the pipe was seen full before it was read.
         std::chrono::microseconds longestFull{0};
     };

@@ -139,7 +139,7 @@ void ProbeLink::makeMain(Asker& asker, SteadyTime now) {
     }
     askers_.insert(askers_.begin(), chosen);
     main_ = true;
-    told_.clear();
+    assigned_.clear();
     heldPassively_.clear();
     removed_.clear();
     shown_.clear();
@@ -177,8 +177,8 @@ bool ProbeLink::handOver(SteadyTime now) {
     return true;
 }
 
-// Whether told_ and shown_ say what the probe has: a group that it has is not told again without need, since
-// the probe joins it again and prints all its streams.
+// Whether assigned_ and shown_ say what the probe has: a group that it has is not told again without need,
+// since the probe joins it again and prints all its streams.
 bool ProbeLink::listKnown(SteadyTime now) const {
     return fresh_ || snapshotSince_ || now - firstRequest_ > kListShown;
 }
@@ -233,8 +233,9 @@ bool ProbeLink::passiveWaits() const {
         return false;
     }
     const auto waits = [this](const Group& group) {
-        const auto told = told_.find(group);
-        return told == told_.end() || (heldPassively_.contains(group) && overdue(told->second));
+        const auto assignment = assigned_.find(group);
+        return assignment == assigned_.end() ||
+               (heldPassively_.contains(group) && overdue(assignment->second));
     };
     return std::ranges::any_of(wantedPassively_, waits) ||
            std::ranges::any_of(heldPassively_,
@@ -242,8 +243,9 @@ bool ProbeLink::passiveWaits() const {
 }
 
 // It stays away, although it was told.
-bool ProbeLink::overdue(const Told& told) {
-    return told.missing >= std::min(kMissingSnapshots << std::min(told.repeated, 8), kLongestMissing);
+bool ProbeLink::overdue(const Assignment& assignment) {
+    return assignment.missing >=
+           std::min(kMissingSnapshots << std::min(assignment.repeated, 8), kLongestMissing);
 }
 
 std::vector<Group> ProbeLink::nextAdditions(SteadyTime now) {
@@ -252,15 +254,15 @@ std::vector<Group> ProbeLink::nextAdditions(SteadyTime now) {
         if (groups.size() == kAddedPerAnswer) {
             break;
         }
-        if (!ofTurn(wantedPassively_, group) || (told_.contains(group) && misjoined(group))) {
+        if (!ofTurn(wantedPassively_, group) || (assigned_.contains(group) && misjoined(group))) {
             continue;
         }
-        const auto told = told_.find(group);
-        if (told == told_.end()) {
-            told_[group] = {now};
+        const auto assignment = assigned_.find(group);
+        if (assignment == assigned_.end()) {
+            assigned_[group] = {now};
             groups.push_back(group);
-        } else if (overdue(told->second)) {
-            told->second = {now, 0, told->second.repeated + 1};
+        } else if (overdue(assignment->second)) {
+            assignment->second = {now, 0, assignment->second.repeated + 1};
             groups.push_back(group);
         } else {
             continue;
@@ -274,7 +276,7 @@ std::vector<Group> ProbeLink::nextAdditions(SteadyTime now) {
 }
 
 std::size_t ProbeLink::removalsPerAnswer() const {
-    const std::size_t listed = std::max<std::size_t>(told_.size(), shown_.size());
+    const std::size_t listed = std::max<std::size_t>(assigned_.size(), shown_.size());
     return std::clamp<std::size_t>(kLinesPerAnswer / std::max<std::size_t>(listed * listed, 1), 1,
                                    kRemovedPerAnswer);
 }
@@ -285,9 +287,9 @@ std::vector<Group> ProbeLink::nextRejoins(std::size_t bound, SteadyTime now) {
     while (!rejoin_.empty() && groups.size() < bound) {
         const Group group = *rejoin_.begin();
         rejoin_.erase(rejoin_.begin());
-        const auto told = told_.find(group);
-        if (shown_.contains(group) && told != told_.end() && told->second.time != now) {
-            told->second = {now};
+        const auto assignment = assigned_.find(group);
+        if (shown_.contains(group) && assignment != assigned_.end() && assignment->second.time != now) {
+            assignment->second = {now};
             groups.push_back(group);
         }
     }
@@ -309,10 +311,10 @@ std::vector<Group> ProbeLink::nextRemovals(SteadyTime now) {
             }
         }
     };
-    removeFrom(told_, [](const auto& entry) -> const Group& { return entry.first; });
+    removeFrom(assigned_, [](const auto& entry) -> const Group& { return entry.first; });
     removeFrom(shown_, [](const Group& group) -> const Group& { return group; });
     for (const Group& group : groups) {
-        told_.erase(group);
+        assigned_.erase(group);
         heldPassively_.erase(group);
     }
     return groups;
@@ -327,21 +329,21 @@ void ProbeLink::shown(const Groups& groups, SteadyTime began) {
     for (const Group& group : groups) {
         // What it has of the wanted ones need not be told, whoever told it.
         if (wanted_.contains(group) && !removed_.contains(group)) {
-            told_.try_emplace(group, Told{began});
+            assigned_.try_emplace(group, Assignment{began});
         }
     }
     bool ignored = false;
-    for (auto& [group, told] : told_) {
+    for (auto& [group, assignment] : assigned_) {
         if (groups.contains(group)) {
-            told.missing = 0;
-            told.repeated = 0;
-        } else if (began - told.time > kTakesEffect) {
-            ++told.missing;
-            ignored = ignored || told.missing == kMissingSnapshots;
+            assignment.missing = 0;
+            assignment.repeated = 0;
+        } else if (began - assignment.time > kTakesEffect) {
+            ++assignment.missing;
+            ignored = ignored || assignment.missing == kMissingSnapshots;
         }
     }
     if (ignored && handOver(began)) {
-        std::erase_if(told_, [](const auto& entry) { return entry.second.missing >= kMissingSnapshots; });
+        std::erase_if(assigned_, [](const auto& entry) { return entry.second.missing >= kMissingSnapshots; });
     }
     std::erase_if(removed_, [&](const auto& entry) {
         const bool stillThere = groups.contains(entry.first);

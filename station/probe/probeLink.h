@@ -79,13 +79,13 @@ class ProbeLink {
         bool monitors = false;  // it asked again as soon as one that monitors does
         bool scanning = false;
     };
-    struct Told {
+    struct Assignment {
         SteadyTime time;
         int missing = 0;   // snapshots in a row that began after it was told and do not show it
         int repeated = 0;  // how often it was told again
     };
     bool passiveWaits() const;
-    static bool overdue(const Told& told);
+    static bool overdue(const Assignment& assignment);
     // Whether an answer in that mode is about this group's way of being joined.
     bool ofTurn(const Groups& passiveOnes, const Group& group) const {
         return !apart() || passiveOnes.contains(group) == passiveTurn_;
@@ -110,7 +110,7 @@ class ProbeLink {
 
     Groups wanted_;
     Groups wantedPassively_;  // of these
-    std::map<Group, Told> told_;
+    std::map<Group, Assignment> assigned_;
     // The probe joins and leaves by the mode that its last answer has set, so that groups to be joined
     // passively and the others take turns.
     Groups heldPassively_;                 // of those that were told

@@ -9,7 +9,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
-#include <optional>
+#include <span>
 #include <thread>
 #include <utility>
 
@@ -93,8 +93,9 @@ struct Delivery::Implementation {
     void awaitFile();
     void follow(Orders& taken);
     void configureReceivers(const std::vector<Webhook>& webhooks);
-    bool keepRetired(Entry& entry, const std::string& key);
+    void retire(Entry& entry, const std::string& key);
     void endRetired();
+    void boundRetired();
     void restore(StoredReceivers&& stored);
     void keepDormant(const std::string& key, StoredReceiver&& stored);
     void prepare();
@@ -249,23 +250,41 @@ void Delivery::Implementation::configureReceivers(const std::vector<Webhook>& we
         wantsActive = true;  // it has to be told what is raised
     }
     for (auto& [key, entry] : receivers_) {
-        if (keepRetired(*entry, key)) {
+        retire(*entry, key);
+        if (!entry->receiver.done()) {  // it has to be told yet what is over
             kept.emplace(key, std::move(entry));
         }
     }
     receivers_ = std::move(kept);
+    boundRetired();
     keeper_.wantAll();
 }
 
-// Of a receiver that is configured no more: whether there is something that it has to be told yet.
-bool Delivery::Implementation::keepRetired(Entry& entry, const std::string& key) {
+void Delivery::Implementation::retire(Entry& entry, const std::string& key) {
     if (!entry.receiver.retired()) {
         note(key, entry.receiver.retire());
         entry.retiredUntil = Clock::now() + kRetiredTime;
     }
-    const std::ptrdiff_t others = std::ranges::count_if(
-        receivers_, [](const auto& one) { return one.second && one.second->receiver.retired(); });
-    return !entry.receiver.done() && others <= static_cast<std::ptrdiff_t>(kRetired);
+}
+
+// Those that have waited longest for a receiver that takes what is over are the least likely to be told.
+void Delivery::Implementation::boundRetired() {
+    std::vector<std::pair<SteadyTime, std::string>> retired;
+    for (const auto& [key, entry] : receivers_) {
+        if (entry->receiver.retired()) {
+            retired.emplace_back(entry->retiredUntil, key);
+        }
+    }
+    std::ranges::sort(retired);
+    const std::size_t over = retired.size() - std::min(retired.size(), kRetired);
+    for (const auto& [until, key] : std::span(retired).first(over)) {
+        log(LogLevel::kWarning,
+            nameOf(receivers_.at(key)->receiver.webhook()) + " is configured no more, as are " +
+                std::to_string(kRetired) +
+                " others that have to be told yet which alarms are over: given up. Clear there "
+                "what it still shows");
+        receivers_.erase(key);
+    }
 }
 
 void Delivery::Implementation::endRetired() {
@@ -297,7 +316,7 @@ void Delivery::Implementation::restore(StoredReceivers&& stored) {
 
 // It may be configured again: then it is told of all that is over by then. What it was never sent goes.
 void Delivery::Implementation::keepDormant(const std::string& key, StoredReceiver&& stored) {
-    if (dormant_.size() < kDormant && !(stored.owed.empty() && stored.told.empty())) {
+    if (dormant_.size() < kDormant && !(stored.owed.empty() && stored.notified.empty())) {
         dormant_[key] = std::move(stored);
     }
 }
@@ -324,7 +343,7 @@ void Delivery::Implementation::send() {
     const bool pending = keeper_.pending(ticket_);
     if (!pending) {
         diskHangs_ = false;
-        diskProblem_.over("delivery.db is written again");
+        diskProblem_.resolved("delivery.db is written again");
     }
     if (outgoing_.empty() || (pending && !diskHangs_ && Clock::now() < sendAt_)) {
         return;
@@ -370,7 +389,7 @@ void Delivery::Implementation::settled(const std::string& key, Entry& entry, con
     note(key, entry.receiver.settle(outcome, systemNow()));
     const std::string who = nameOf(entry.receiver.webhook());
     if (outcome.taken()) {
-        entry.problem.over(who + ": notifications arrive again");
+        entry.problem.resolved(who + ": notifications arrive again");
     } else {
         entry.problem.say(LogLevel::kWarning,
                           who + ": " + outcome.problem + "; what it is owed is kept and tried again");
@@ -433,15 +452,14 @@ void Delivery::resume(std::vector<ActiveNotification> active) {
     implementation_->poster.wake();
 }
 
-void Delivery::notify(Notification notification) {
+void Delivery::notify(std::vector<Notification> notifications) {
     {
         const std::lock_guard lock(implementation_->mutex);
-        std::deque<Notification>& queue = implementation_->orders.notifications;
-        if (queue.size() >= kNotifyQueue) {
+        auto& [webhooks, active, queue, lost] = implementation_->orders;
+        std::ranges::move(notifications, std::back_inserter(queue));
+        for (; queue.size() > kNotifyQueue; ++lost) {
             queue.pop_front();
-            ++implementation_->orders.lost;
         }
-        queue.push_back(std::move(notification));
     }
     implementation_->poster.wake();
 }

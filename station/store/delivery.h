@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "channels/configuration.h"
+#include "alarms/incidents.h"
+#include "configuration/configuration.h"
 #include "store/event.h"
 
 namespace station {
@@ -28,6 +29,12 @@ struct Notification {
     Labels labels;
     std::string text;
     double value = 0;
+    bool cue = false;      // no alarm: a cue, for those who want them; momentary, without severity
+    std::string source{};  // whose figures judged the alarm; empty where an older station wrote it
+    // Incident::id, or the alarm's own while it is by itself; 0: none, or an older station wrote it. As it
+    // was when it was raised, so that it is the same in its clear.
+    int64_t incident = 0;
+    std::optional<Shared> shared{};  // nothing while it is by itself
 
     bool operator==(const Notification&) const = default;
 };
@@ -56,9 +63,10 @@ struct DeliveryPace {
 // its message was sent and not answered: then both are delivered. A message that is refused (status 400, 413
 // or 422) ten times is dropped.
 //
-// A message carries one notification. At most maxPerMinute of them go to a receiver; the rest is summed up in
-// one message at the end of the minute. An Alertmanager gets all that is owed in one message, and once a
-// minute what is raised, since it takes for resolved what it is not told again.
+// A message carries one notification, or those of one incident that wait behind one another and say the same.
+// At most maxPerMinute of them go to a receiver; the rest is summed up in one message at the end of the
+// minute. An Alertmanager gets all that is owed in one message, and once a minute what is raised, since it
+// takes for resolved what it is not told again.
 class Delivery {
   public:
     static constexpr std::size_t kNotifyQueue = 10'000;  // not yet taken up; beyond, the oldest are lost
@@ -80,7 +88,11 @@ class Delivery {
     bool wantsActive() const;
     // Of one alarm to all receivers whose minimum severity it reaches. A raise that a receiver knows already
     // is not told again.
-    void notify(Notification notification);
+    void notify(Notification notification) {
+        notify(std::vector<Notification>{std::move(notification)});
+    }
+    // Of several at once, so that those of one incident are one message.
+    void notify(std::vector<Notification> notifications);
 
     struct ReceiverStatistics {
         std::string name;  // the configuration's, else its number there

@@ -9,7 +9,7 @@ namespace station {
 
 namespace {
 
-constexpr std::array<const char*, 2> kSchema = {
+constexpr std::array<const char*, 2> kDeliverySchema = {
     R"(CREATE TABLE owed (sequence INTEGER PRIMARY KEY, receiver TEXT NOT NULL, notification TEXT NOT NULL);
        CREATE TABLE told (receiver TEXT NOT NULL, alarm_id INTEGER NOT NULL, notification TEXT NOT NULL,
          PRIMARY KEY (receiver, alarm_id)) WITHOUT ROWID;)",
@@ -26,14 +26,14 @@ std::string stored(const Notification& notification) {
 DeliveryDatabase::DeliveryDatabase(const std::filesystem::path& file, const Patience& patience)
     : database_(file, Database::Mode::kReadWrite, patience) {
     database_.execute("PRAGMA synchronous = FULL");
-    migrate(database_, kSchema);
-    owe_ = database_.prepare(
+    migrate(database_, kDeliverySchema);
+    insertOwed_ = database_.prepare(
         "INSERT OR REPLACE INTO owed (sequence, receiver, notification, sent) VALUES (?, ?, ?, ?)");
-    send_ = database_.prepare("UPDATE owed SET sent = ? WHERE sequence = ?");
-    settle_ = database_.prepare("DELETE FROM owed WHERE sequence = ?");
-    tell_ =
+    markSent_ = database_.prepare("UPDATE owed SET sent = ? WHERE sequence = ?");
+    deleteOwed_ = database_.prepare("DELETE FROM owed WHERE sequence = ?");
+    insertNotified_ =
         database_.prepare("INSERT OR REPLACE INTO told (receiver, alarm_id, notification) VALUES (?, ?, ?)");
-    forget_ = database_.prepare("DELETE FROM told WHERE receiver = ? AND alarm_id = ?");
+    deleteNotified_ = database_.prepare("DELETE FROM told WHERE receiver = ? AND alarm_id = ?");
 }
 
 StoredReceivers DeliveryDatabase::load() {
@@ -46,10 +46,10 @@ StoredReceivers DeliveryDatabase::load() {
                 {owed.integer(0), std::move(*notification), owed.integer(3) != 0});
         }
     }
-    Statement told = database_.prepare("SELECT receiver, notification FROM told ORDER BY alarm_id");
-    while (told.step()) {
-        if (auto notification = parseNotification(told.text(1))) {
-            receivers[told.text(0)].told.push_back(std::move(*notification));
+    Statement notified = database_.prepare("SELECT receiver, notification FROM told ORDER BY alarm_id");
+    while (notified.step()) {
+        if (auto notification = parseNotification(notified.text(1))) {
+            receivers[notified.text(0)].notified.push_back(std::move(*notification));
         }
     }
     return receivers;
@@ -57,23 +57,23 @@ StoredReceivers DeliveryDatabase::load() {
 
 void DeliveryDatabase::insert(const std::string& receiver, const DeliveryChanges& changes) {
     for (const StoredOwed& owed : changes.owed) {
-        owe_.bind(1, owed.sequence)
+        insertOwed_.bind(1, owed.sequence)
             .bind(2, receiver)
             .bind(3, stored(owed.notification))
             .bind(4, static_cast<int64_t>(owed.sent))
             .run();
     }
     for (const auto& [sequence, sent] : changes.sent) {
-        send_.bind(1, static_cast<int64_t>(sent)).bind(2, sequence).run();
+        markSent_.bind(1, static_cast<int64_t>(sent)).bind(2, sequence).run();
     }
     for (const int64_t sequence : changes.settled) {
-        settle_.bind(1, sequence).run();
+        deleteOwed_.bind(1, sequence).run();
     }
-    for (const Notification& told : changes.told) {
-        tell_.bind(1, receiver).bind(2, told.alarmId).bind(3, stored(told)).run();
+    for (const Notification& notified : changes.notified) {
+        insertNotified_.bind(1, receiver).bind(2, notified.alarmId).bind(3, stored(notified)).run();
     }
-    for (const int64_t alarm : changes.over) {
-        forget_.bind(1, receiver).bind(2, alarm).run();
+    for (const int64_t alarm : changes.forgotten) {
+        deleteNotified_.bind(1, receiver).bind(2, alarm).run();
     }
 }
 
@@ -91,7 +91,7 @@ void DeliveryDatabase::replace(const StoredReceivers& receivers) {
     for (const auto& [key, receiver] : receivers) {
         DeliveryChanges all;
         all.owed = receiver.owed;
-        all.told = receiver.told;
+        all.notified = receiver.notified;
         insert(key, all);
     }
     transaction.commit();

@@ -33,7 +33,7 @@ class DeliveryDatabase {
     void insert(const std::string& receiver, const DeliveryChanges& changes);
 
     Database database_;
-    Statement owe_, send_, settle_, tell_, forget_;
+    Statement insertOwed_, markSent_, deleteOwed_, insertNotified_, deleteNotified_;
 };
 
 }  // namespace station

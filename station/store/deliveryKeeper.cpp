@@ -11,7 +11,7 @@ namespace station {
 using Clock = std::chrono::steady_clock;
 
 DeliveryKeeper::DeliveryKeeper(std::filesystem::path file, std::function<void()> wake)
-    : file_(std::move(file)), wake_(std::move(wake)), thread_([this] { run(); }) {}
+    : file_(std::move(file)), wake_(std::move(wake)), place_(file_), thread_([this] { run(); }) {}
 
 DeliveryKeeper::~DeliveryKeeper() {
     patience_.endAt(Clock::now() + kClosing);
@@ -83,32 +83,38 @@ void DeliveryKeeper::run() {
         std::deque<Job> jobs;
         {
             std::unique_lock lock(mutex_);
-            const auto wanted = [this] { return closing_ || !jobs_.empty() || !database_; };
+            const auto wanted = [this] { return closing_ || !jobs_.empty(); };
             // Without a file there is nothing to do before the next attempt.
             if (!database_) {
                 changed_.wait_until(lock, retryAt_, [this] { return closing_; });
             } else {
-                changed_.wait(lock, wanted);
+                changed_.wait_for(lock, kLooks, wanted);
             }
             closing = closing_;
             jobs.swap(jobs_);
         }
         try {
+            leaveIfRemoved(jobs);
             if (!database_) {
                 open();
+                wake_();
             }
             write(jobs);
         } catch (const DatabaseError& error) {
             failed(error);
+            wake_();
         }
-        wake_();
     }
 }
 
 void DeliveryKeeper::open() {
     std::error_code ignored;  // what is wrong shows when the file is opened
     std::filesystem::create_directories(file_.parent_path(), ignored);
+    if (const std::string aside = read_ ? place_.clear() : ""; !aside.empty()) {
+        log(LogLevel::kError, file_.string() + " is another file than the one in use: put aside as " + aside);
+    }
     database_.emplace(file_, patience_);
+    place_.opened();
     std::optional<StoredReceivers> stored;
     if (!read_) {
         stored = database_->load();
@@ -122,6 +128,20 @@ void DeliveryKeeper::open() {
     }
 }
 
+void DeliveryKeeper::leaveIfRemoved(std::deque<Job>& jobs) {
+    if (!database_ || place_.inPlace()) {
+        return;
+    }
+    log(LogLevel::kError, file_.string() +
+                              " was removed or replaced while it was in use: what is owed and was told goes "
+                              "into a new file");
+    database_.reset();
+    jobs.clear();
+    const std::lock_guard lock(mutex_);
+    jobs_.clear();
+    incomplete_ = true;
+}
+
 void DeliveryKeeper::write(std::deque<Job>& jobs) {
     // Many in one transaction: each is a wait for the disk.
     while (!jobs.empty()) {
@@ -130,7 +150,7 @@ void DeliveryKeeper::write(std::deque<Job>& jobs) {
         if (first.all) {
             database_->replace(*first.all);
             jobs.pop_front();
-            problem_.over(file_.string() + " can be written again");
+            problem_.resolved(file_.string() + " can be written again");
         } else {
             ReceiverChanges changes;
             while (!jobs.empty() && !jobs.front().all) {

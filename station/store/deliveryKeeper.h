@@ -17,10 +17,12 @@
 namespace station {
 
 // What the file has is what it was given: in the order of the calls, or, after a failure, as a whole once it
-// can be written again. A file that could not be read is never written before it was.
+// can be written again. A file that could not be read is never written before it was. One that is removed
+// while it is used is made anew; another one that takes its place is put aside as delivery.db.replaced-TIME.
 class DeliveryKeeper {
   public:
     static constexpr std::chrono::seconds kRetry{10};          // after a failure
+    static constexpr std::chrono::seconds kLooks{1};           // whether the file is still there
     static constexpr std::chrono::milliseconds kClosing{500};  // for what is left at the end
     static constexpr std::size_t kJobs = 1'000;  // not yet written; beyond, it is given all anew later
 
@@ -52,6 +54,7 @@ class DeliveryKeeper {
 
     void run();
     void open();
+    void leaveIfRemoved(std::deque<Job>& jobs);
     void write(std::deque<Job>& jobs);
     void failed(const DatabaseError& error);
 
@@ -71,6 +74,7 @@ class DeliveryKeeper {
 
     // The keeper's thread.
     std::optional<DeliveryDatabase> database_;
+    DatabasePlace place_;
     bool read_ = false;
     SteadyTime retryAt_{};
     LogOnChange problem_;

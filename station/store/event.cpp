@@ -25,6 +25,10 @@ constexpr std::array kKinds = std::to_array<EventKindNames>({
     {EventKind::kMaintenanceSet, "maintenance_set", "Maintenance set"},
     {EventKind::kMaintenanceEnded, "maintenance_ended", "Maintenance ended"},
     {EventKind::kStationStarted, "station_started", "Station started"},
+    {EventKind::kCue, "cue", "Cue"},
+    {EventKind::kUnacknowledged, "unacknowledged", "Acknowledgement taken back"},
+    {EventKind::kShelved, "shelved", "Alarm shelved"},
+    {EventKind::kUnshelved, "unshelved", "Shelving ended"},
 });
 
 }  // namespace

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
+
+#include "store/eventRows.h"
+#include "store/storedTime.h"
 
 namespace station {
 
@@ -12,7 +14,7 @@ namespace {
 // any reordering of the enumerations. An index's entries end with the row's id, so each of them also gives
 // its rows newest first. `active` says which alarms are raised and not cleared, so that a start does not have
 // to look through all events.
-constexpr std::array<const char*, 3> kSchema = {
+constexpr std::array<const char*, 6> kEventSchema = {
     R"(CREATE TABLE events (
          id INTEGER PRIMARY KEY, time INTEGER NOT NULL, kind TEXT NOT NULL, channel_group TEXT,
          channel TEXT NOT NULL, alarm TEXT NOT NULL, alarm_id INTEGER NOT NULL, severity TEXT,
@@ -36,62 +38,42 @@ constexpr std::array<const char*, 3> kSchema = {
     R"(CREATE TABLE numbers (name TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID;
        CREATE TABLE ages (id INTEGER PRIMARY KEY, ran INTEGER NOT NULL);
        INSERT INTO ages SELECT max(id), 0 FROM events HAVING max(id) IS NOT NULL;)",
+    "ALTER TABLE events ADD COLUMN source TEXT;",
+    // For reports: when snapshots came, which groups were watched when (until is null while one is), and
+    // windows that held and ended.
+    R"(CREATE TABLE observed (began INTEGER PRIMARY KEY, until INTEGER NOT NULL);
+       CREATE TABLE watched (id INTEGER PRIMARY KEY, channel_group TEXT NOT NULL, began INTEGER NOT NULL,
+         until INTEGER);
+       CREATE TABLE past_maintenance (id INTEGER PRIMARY KEY, from_time INTEGER NOT NULL,
+         until_time INTEGER NOT NULL, channel_group TEXT);)",
+    // A window's groups are separated by spaces. What is shelved, incidents with raised alarms, and what
+    // passed unseen.
+    R"(ALTER TABLE events ADD COLUMN until INTEGER;
+       ALTER TABLE maintenance ADD COLUMN about TEXT NOT NULL DEFAULT '';
+       ALTER TABLE active ADD COLUMN incident INTEGER;
+       CREATE TABLE shelved (id INTEGER PRIMARY KEY, alarm TEXT NOT NULL, channel_group TEXT,
+         since INTEGER NOT NULL, until_time INTEGER NOT NULL, by_whom TEXT NOT NULL, remark TEXT NOT NULL);
+       CREATE TABLE incidents (id INTEGER PRIMARY KEY, began INTEGER NOT NULL, last INTEGER NOT NULL,
+         kind TEXT NOT NULL, name TEXT NOT NULL, value TEXT NOT NULL, alarms INTEGER NOT NULL,
+         channels INTEGER NOT NULL, covered INTEGER NOT NULL, first_alarm TEXT NOT NULL, first_group TEXT,
+         first_text TEXT NOT NULL);
+       CREATE TABLE passed (id INTEGER PRIMARY KEY, alarm TEXT NOT NULL, channel_group TEXT,
+         severity TEXT NOT NULL, raised INTEGER NOT NULL, cleared INTEGER NOT NULL, times INTEGER NOT NULL,
+         text TEXT NOT NULL);)",
 };
-
-constexpr std::string_view kColumns =
-    "id, time, kind, channel_group, channel, alarm, alarm_id, severity, text, by_whom, value, peak, "
-    "duration_ms, silenced";
 
 // What retention may delete. The newest event stays, since the next id follows from it.
 constexpr std::string_view kMayGo =
     "id < (SELECT max(id) FROM events) AND id NOT IN (SELECT alarm_id FROM active) AND "
     "id NOT IN (SELECT acknowledged FROM active WHERE acknowledged IS NOT NULL)";
 
-int64_t milliseconds(WallTime time) {
-    return time.time_since_epoch().count();
-}
-
-WallTime wallTime(int64_t milliseconds) {
-    return WallTime(std::chrono::milliseconds(milliseconds));
-}
-
 std::optional<std::string> groupText(const std::optional<Group>& group) {
     return group ? std::optional(group->text()) : std::nullopt;
 }
 
-std::optional<double> optionalReal(const Statement& row, int column) {
-    return row.isNull(column) ? std::nullopt : std::optional(row.real(column));
-}
-
-// A row of kColumns from that column on; nothing when its kind is unknown.
-std::optional<Event> readEvent(const Statement& row, int first = 0) {
-    const std::optional<EventKind> kind = parseEventKind(row.text(first + 2));
-    if (!kind) {
-        return std::nullopt;
-    }
-    Event event;
-    event.id = row.integer(first);
-    event.time = wallTime(row.integer(first + 1));
-    event.kind = *kind;
-    event.group = Group::parse(row.text(first + 3));
-    event.channel = row.text(first + 4);
-    event.alarm = row.text(first + 5);
-    event.alarmId = row.integer(first + 6);
-    event.severity = parseSeverity(row.text(first + 7));
-    event.text = row.text(first + 8);
-    event.by = row.text(first + 9);
-    event.value = optionalReal(row, first + 10);
-    event.peak = optionalReal(row, first + 11);
-    if (!row.isNull(first + 12)) {
-        event.duration = std::chrono::milliseconds(row.integer(first + 12));
-    }
-    event.silenced = row.integer(first + 13) != 0;
-    return event;
-}
-
 }  // namespace
 
-void Carried::take(const StoreEntry& entry) {
+void Carried::apply(const StoreEntry& entry) {
     if (const auto* event = std::get_if<Event>(&entry)) {
         const auto alarm = active.find(event->alarmId);
         if (event->kind == EventKind::kRaised) {
@@ -100,44 +82,51 @@ void Carried::take(const StoreEntry& entry) {
             active.erase(alarm);
         } else if (event->kind == EventKind::kAcknowledged && alarm != active.end()) {
             alarm->second.acknowledged = *event;
+        } else if (event->kind == EventKind::kUnacknowledged && alarm != active.end()) {
+            alarm->second.acknowledged.reset();
         }
     } else if (const auto* window = std::get_if<Maintenance>(&entry)) {
         maintenance[window->id] = *window;
+    } else if (const auto* ended = std::get_if<RemoveMaintenance>(&entry)) {
+        maintenance.erase(ended->id);
     } else {
-        maintenance.erase(std::get<RemoveMaintenance>(entry).id);
+        applyState(entry);
     }
 }
 
 bool isDurable(const StoreEntry& entry) {
     const auto* event = std::get_if<Event>(&entry);
     return event == nullptr || event->kind == EventKind::kRaised || event->kind == EventKind::kCleared ||
-           event->kind == EventKind::kAcknowledged || event->kind == EventKind::kHappened;
+           event->kind == EventKind::kAcknowledged || event->kind == EventKind::kUnacknowledged ||
+           event->kind == EventKind::kHappened;
 }
 
 EventDatabase::EventDatabase(const std::filesystem::path& file, const Patience& patience)
-    : file_(file), database_(file, Database::Mode::kReadWrite, patience) {
-    migrate(database_, kSchema);
-    stat(file.c_str(), &identity_);
-    insertEvent_ = database_.prepare("INSERT OR REPLACE INTO events (" + std::string(kColumns) +
-                                     ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    : database_(file, Database::Mode::kReadWrite, patience) {
+    migrate(database_, kEventSchema);
+    insertEvent_ = database_.prepare("INSERT OR REPLACE INTO events (" + std::string(kEventColumns) +
+                                     ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
     raise_ = database_.prepare("INSERT OR REPLACE INTO active (alarm_id, acknowledged) VALUES (?, NULL)");
     clear_ = database_.prepare("DELETE FROM active WHERE alarm_id = ?");
     acknowledge_ = database_.prepare("UPDATE active SET acknowledged = ? WHERE alarm_id = ?");
     putMaintenance_ = database_.prepare(
-        "INSERT OR REPLACE INTO maintenance (id, from_time, until_time, channel_group, remark, by_whom) "
-        "VALUES (?, ?, ?, ?, ?, ?)");
+        "INSERT OR REPLACE INTO maintenance (id, from_time, until_time, channel_group, remark, by_whom, "
+        "about) VALUES (?, ?, ?, ?, ?, ?, ?)");
     removeMaintenance_ = database_.prepare("DELETE FROM maintenance WHERE id = ?");
+    prepareState();
     const std::string inSteps = "DELETE FROM events WHERE id IN (SELECT id FROM events WHERE ";
     deleteOld_ = database_.prepare(inSteps + "id <= (SELECT max(id) FROM ages WHERE ran <= ?) AND " +
-                                   std::string(kMayGo) + " ORDER BY id LIMIT ?)");
+                                   std::string(kMayGo) + " ORDER BY id LIMIT ?) RETURNING id, time, kind");
+    deleteCues_ = database_.prepare(
+        "DELETE FROM events WHERE id IN (SELECT id FROM events INDEXED BY events_by_kind WHERE kind = 'cue' "
+        "AND "
+        "id < (SELECT max(id) FROM events) ORDER BY id LIMIT ?) RETURNING id");
     setNumber_ = database_.prepare("INSERT OR REPLACE INTO numbers (name, value) VALUES (?, ?)");
-    deleteExcess_ = database_.prepare(inSteps + std::string(kMayGo) + " ORDER BY id LIMIT ?)");
-}
-
-bool EventDatabase::inPlace() const {
-    struct stat status {};
-    return stat(file_.c_str(), &status) == 0 && status.st_ino == identity_.st_ino &&
-           status.st_dev == identity_.st_dev;
+    deleteExcess_ =
+        database_.prepare(inSteps + std::string(kMayGo) + " ORDER BY id LIMIT ?) RETURNING id, time, kind");
+    keepPast_ = database_.prepare(
+        "INSERT OR REPLACE INTO past_maintenance SELECT id, from_time, min(until_time, ?2), channel_group "
+        "FROM maintenance WHERE id = ?1 AND from_time < ?2");
 }
 
 int64_t EventDatabase::lastId() {
@@ -146,6 +135,15 @@ int64_t EventDatabase::lastId() {
 
 int64_t EventDatabase::number(const char* name) {
     return database_.integer("SELECT value FROM numbers WHERE name = '" + std::string(name) + "'");
+}
+
+bool EventDatabase::meterKnown() {
+    return number("meter") != 0;
+}
+
+void EventDatabase::noteMeter(bool known) {
+    beginSynchronous(false);
+    setNumber_.bind(1, std::string_view("meter")).bind(2, static_cast<int64_t>(known)).run();
 }
 
 void EventDatabase::reserve(int64_t id) {
@@ -170,7 +168,7 @@ void EventDatabase::noteRan(std::chrono::milliseconds ran) {
 
 Carried EventDatabase::load() {
     Carried carried;
-    const std::string active = "SELECT " + std::string(kColumns) + " FROM events WHERE id IN ";
+    const std::string active = "SELECT " + std::string(kEventColumns) + " FROM events WHERE id IN ";
     Statement raised = database_.prepare(active + "(SELECT alarm_id FROM active)");
     while (raised.step()) {
         if (std::optional<Event> event = readEvent(raised)) {
@@ -180,21 +178,22 @@ Carried EventDatabase::load() {
     Statement acknowledged = database_.prepare(active + "(SELECT acknowledged FROM active)");
     while (acknowledged.step()) {
         if (std::optional<Event> event = readEvent(acknowledged)) {
-            carried.take(*event);
+            carried.apply(*event);
         }
     }
     Statement windows = database_.prepare(
-        "SELECT id, from_time, until_time, channel_group, remark, by_whom FROM maintenance");
+        "SELECT id, from_time, until_time, channel_group, remark, by_whom, about FROM maintenance");
     while (windows.step()) {
-        carried.maintenance[windows.integer(0)] = {
-            windows.integer(0),
-            wallTime(windows.integer(1)),
-            wallTime(windows.integer(2)),
-            Group::parse(windows.text(3)),
-            windows.text(4),
-            windows.text(5),
-        };
+        Maintenance& window = carried.maintenance[windows.integer(0)];
+        window.id = windows.integer(0);
+        window.from = wallTime(windows.integer(1));
+        window.until = wallTime(windows.integer(2));
+        readGroups(windows.text(3), window);
+        window.remark = windows.text(4);
+        window.by = windows.text(5);
+        window.about = windows.text(6);
     }
+    loadState(carried);
     return carried;
 }
 
@@ -207,7 +206,7 @@ void EventDatabase::beginSynchronous(bool full) {
 
 void EventDatabase::insertEvent(const Event& event) {
     insertEvent_.bind(1, event.id)
-        .bind(2, milliseconds(event.time))
+        .bind(2, storedTime(event.time))
         .bind(3, eventKindName(event.kind))
         .bind(4, groupText(event.group))
         .bind(5, event.channel)
@@ -219,7 +218,9 @@ void EventDatabase::insertEvent(const Event& event) {
         .bind(11, event.value)
         .bind(12, event.peak)
         .bind(13, event.duration ? std::optional<int64_t>(event.duration->count()) : std::nullopt)
-        .bind(14, static_cast<int64_t>(event.silenced));
+        .bind(14, static_cast<int64_t>(event.silenced))
+        .bind(15, event.source ? std::optional(std::string(sourceName(*event.source))) : std::nullopt)
+        .bind(16, event.until ? std::optional(storedTime(*event.until)) : std::nullopt);
     insertEvent_.run();
 }
 
@@ -230,7 +231,20 @@ void EventDatabase::keepActive(const Event& event) {
         clear_.bind(1, event.alarmId).run();
     } else if (event.kind == EventKind::kAcknowledged) {
         acknowledge_.bind(1, event.id).bind(2, event.alarmId).run();
+    } else if (event.kind == EventKind::kUnacknowledged) {
+        acknowledge_.bind(1, std::optional<int64_t>()).bind(2, event.alarmId).run();
     }
+}
+
+void EventDatabase::insertWindow(const Maintenance& window) {
+    putMaintenance_.bind(1, window.id)
+        .bind(2, storedTime(window.from))
+        .bind(3, storedTime(window.until))
+        .bind(4, groupsText(window))
+        .bind(5, window.remark)
+        .bind(6, window.by)
+        .bind(7, window.about)
+        .run();
 }
 
 void EventDatabase::insert(const StoreEntry& entry) {
@@ -238,15 +252,12 @@ void EventDatabase::insert(const StoreEntry& entry) {
         insertEvent(*event);
         keepActive(*event);
     } else if (const auto* window = std::get_if<Maintenance>(&entry)) {
-        putMaintenance_.bind(1, window->id)
-            .bind(2, milliseconds(window->from))
-            .bind(3, milliseconds(window->until))
-            .bind(4, groupText(window->group))
-            .bind(5, window->remark)
-            .bind(6, window->by)
-            .run();
+        insertWindow(*window);
+    } else if (const auto* removed = std::get_if<RemoveMaintenance>(&entry)) {
+        keepPast_.bind(1, removed->id).bind(2, storedTime(removed->ended)).run();
+        removeMaintenance_.bind(1, removed->id).run();
     } else {
-        removeMaintenance_.bind(1, std::get<RemoveMaintenance>(entry).id).run();
+        insertState(entry);
     }
 }
 
@@ -254,20 +265,26 @@ void EventDatabase::write(std::span<const StoreEntry* const> entries) {
     beginSynchronous(std::ranges::any_of(entries, [](const StoreEntry* entry) { return isDurable(*entry); }));
     Transaction transaction(database_);
     uint64_t events = 0;
+    uint64_t cues = 0;
     for (const StoreEntry* entry : entries) {
         insert(*entry);
-        events += std::holds_alternative<Event>(*entry) ? 1 : 0;
+        const auto* const event = std::get_if<Event>(entry);
+        events += event != nullptr ? 1 : 0;
+        cues += event != nullptr && event->kind == EventKind::kCue ? 1 : 0;
     }
     transaction.commit();
     if (rows_) {
         *rows_ += events;
+        cues_ += cues;
     }
 }
 
 void EventDatabase::carryOver(const Carried& carried) {
     beginSynchronous(true);
     Transaction transaction(database_);
-    database_.execute("DELETE FROM active; DELETE FROM maintenance;");
+    database_.execute(
+        "INSERT OR REPLACE INTO past_maintenance SELECT id, from_time, until_time, channel_group "
+        "FROM maintenance; DELETE FROM active; DELETE FROM maintenance;");
     for (const auto& [id, alarm] : carried.active) {
         insert(alarm.raised);
         if (alarm.acknowledged) {
@@ -277,133 +294,71 @@ void EventDatabase::carryOver(const Carried& carried) {
     for (const auto& [id, window] : carried.maintenance) {
         insert(window);
     }
+    carryState(carried);
+    database_.execute("DELETE FROM past_maintenance WHERE id IN (SELECT id FROM maintenance)");
     transaction.commit();
     rows_.reset();
+}
+
+// Of the time before the newest of them nothing can be told any more.
+int64_t EventDatabase::deleteEvents(Statement& statement) {
+    int64_t deleted = 0;
+    int64_t newest = 0;
+    int64_t time = 0;
+    for (; statement.step(); ++deleted) {
+        cues_ -= cues_ > 0 && statement.text(2) == eventKindName(EventKind::kCue) ? 1 : 0;
+        if (statement.integer(0) > newest) {
+            newest = statement.integer(0);
+            time = statement.integer(1);
+        }
+    }
+    statement.reset();
+    if (deleted > 0) {
+        setNumber_.bind(1, std::string_view("forgotten")).bind(2, time).run();
+    }
+    return deleted;
+}
+
+// What they said is of no alarm and of no report, so nothing is forgotten with them.
+int64_t EventDatabase::deleteCues(uint64_t rows, int64_t limit) {
+    const uint64_t most = rows / kCueShare;
+    if (cues_ <= most || limit <= 0) {
+        return 0;
+    }
+    deleteCues_.bind(1, std::min(static_cast<int64_t>(cues_ - most), limit));
+    int64_t deleted = 0;
+    while (deleteCues_.step()) {
+        ++deleted;
+    }
+    deleteCues_.reset();
+    cues_ -= static_cast<uint64_t>(deleted);
+    return deleted;
 }
 
 bool EventDatabase::retain(std::chrono::milliseconds ran, uint64_t rows) {
     if (!rows_) {
         rows_ = static_cast<uint64_t>(database_.integer("SELECT count(*) FROM events"));
+        cues_ = static_cast<uint64_t>(
+            database_.integer("SELECT count(*) FROM events INDEXED BY events_by_kind WHERE kind = 'cue'"));
     }
     beginSynchronous(false);
     Transaction transaction(database_);
-    deleteOld_.bind(1, static_cast<int64_t>(ran.count())).bind(2, kRetentionStep).run();
-    int64_t deleted = database_.changes();
+    deleteOld_.bind(1, static_cast<int64_t>(ran.count())).bind(2, kRetentionStep);
+    int64_t deleted = deleteEvents(deleteOld_);
     Statement forget =
         database_.prepare("DELETE FROM ages WHERE id < (SELECT max(id) FROM ages WHERE ran <= ?)");
     forget.bind(1, static_cast<int64_t>(ran.count())).run();
+    deleted += deleteCues(rows, kRetentionStep - deleted);
     const uint64_t kept = *rows_ - std::min(*rows_, static_cast<uint64_t>(deleted));
     if (kept > rows && deleted < kRetentionStep) {
         const auto excess =
             static_cast<int64_t>(std::min(kept - rows, static_cast<uint64_t>(kRetentionStep - deleted)));
-        deleteExcess_.bind(1, excess).run();
-        deleted += database_.changes();
+        deleteExcess_.bind(1, excess);
+        deleted += deleteEvents(deleteExcess_);
     }
     transaction.commit();
     *rows_ -= std::min(*rows_, static_cast<uint64_t>(deleted));
     return deleted == kRetentionStep;
-}
-
-EventReader::EventReader(const std::filesystem::path& file, const std::atomic<bool>& stop,
-                         const Patience& patience)
-    : stop_(stop), database_(file, Database::Mode::kReadOnly, patience) {
-    constexpr int kInstructions = 10'000;  // between two looks: well below a millisecond
-    sqlite3_progress_handler(database_.handle(), kInstructions, &EventReader::progress, this);
-}
-
-int EventReader::progress(void* reader) {
-    const auto* const self = static_cast<const EventReader*>(reader);
-    return self->stop_ || std::chrono::steady_clock::now() > self->deadline_ ? 1 : 0;
-}
-
-Statement& EventReader::prepared(const std::string& sql) {
-    const auto found = statements_.find(sql);
-    return found != statements_.end() ? found->second
-                                      : statements_.emplace(sql, database_.prepare(sql)).first->second;
-}
-
-std::string eventQuery(const EventFilter& filter) {
-    // SQLite knows nothing of how the values are spread and takes any of the indexes; a group is the
-    // narrowest.
-    std::string_view index = "NOT INDEXED";
-    if (filter.group) {
-        index = "INDEXED BY events_by_group";
-    } else if (filter.kind && filter.severity) {
-        index = "INDEXED BY events_by_kind_severity";
-    } else if (filter.kind) {
-        index = "INDEXED BY events_by_kind";
-    } else if (filter.severity) {
-        index = "INDEXED BY events_by_severity";
-    }
-    std::string sql = "SELECT " + std::string(kColumns) + " FROM events " + std::string(index) +
-                      " WHERE id BETWEEN ?1 AND ?2";
-    sql += filter.group ? " AND channel_group = ?3" : "";
-    sql += filter.kind ? " AND kind = ?4" : "";
-    sql += filter.severity ? " AND severity = ?5" : "";
-    sql += filter.since ? " AND time >= ?6" : "";
-    sql += filter.until ? " AND time < ?7" : "";
-    sql += filter.text ? " AND (instr(lower(channel), lower(?9)) > 0 OR instr(channel_group, ?9) > 0)" : "";
-    return sql + " ORDER BY id DESC LIMIT ?8";
-}
-
-std::vector<Event> EventReader::query(const EventFilter& filter) {
-    constexpr int64_t kLast = std::numeric_limits<int64_t>::max();
-    deadline_ = std::chrono::steady_clock::now() + kQueryTime;
-    int64_t lowest = 0;
-    int64_t highest = filter.before ? *filter.before - 1 : kLast;
-    if (filter.since || filter.until) {
-        // Ids follow time except where the wall clock stepped, so the bounds have to be looked up, not
-        // searched.
-        Statement& bounds = prepared(
-            "SELECT min(id), max(id) FROM events INDEXED BY events_by_time WHERE time >= ?1 AND time < ?2");
-        bounds.bind(1, filter.since ? milliseconds(*filter.since) : 0)
-            .bind(2, filter.until ? milliseconds(*filter.until) : kLast);
-        if (!bounds.step() || bounds.isNull(0)) {
-            bounds.reset();
-            return {};
-        }
-        lowest = bounds.integer(0);
-        highest = std::min(highest, bounds.integer(1));
-        bounds.reset();
-    }
-    Statement& rows = prepared(eventQuery(filter));
-    rows.bind(1, lowest).bind(2, highest);
-    if (filter.group) {
-        rows.bind(3, filter.group->text());
-    }
-    if (filter.kind) {
-        rows.bind(4, eventKindName(*filter.kind));
-    }
-    if (filter.severity) {
-        rows.bind(5, severityName(*filter.severity));
-    }
-    if (filter.since) {
-        rows.bind(6, milliseconds(*filter.since));
-    }
-    if (filter.until) {
-        rows.bind(7, milliseconds(*filter.until));
-    }
-    if (filter.text) {
-        rows.bind(9, *filter.text);
-    }
-    rows.bind(8, static_cast<int64_t>(std::clamp<std::size_t>(filter.limit, 1, 1000)));
-    std::vector<Event> events;
-    while (rows.step()) {
-        if (std::optional<Event> event = readEvent(rows)) {
-            events.push_back(std::move(*event));
-        }
-    }
-    rows.reset();
-    return events;
-}
-
-std::optional<std::string> EventReader::damage() {
-    deadline_ = SteadyTime::max();
-    Statement check = database_.prepare("PRAGMA quick_check(1)");
-    if (!check.step() || check.text(0) == "ok") {
-        return std::nullopt;
-    }
-    return check.text(0);
 }
 
 }  // namespace station

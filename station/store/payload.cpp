@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "basics/text.h"
+#include "common/counted.h"
 #include "common/text.h"
 
 namespace station {
@@ -18,6 +19,9 @@ std::string dump(const json& value) {
 }
 
 std::string_view stateName(const Notification& notification) {
+    if (notification.cue) {
+        return "cue";
+    }
     if (notification.momentary) {
         return "happened";
     }
@@ -35,6 +39,18 @@ std::string summary(const Notification& notification) {
     return who + ": " + (notification.text.empty() ? notification.alarm : notification.text);
 }
 
+// "site=north: 50 alarms raised, the first of them News HD (239.1.1.1): no packets for 1 s"
+std::string summaryOf(std::span<const Notification> notifications) {
+    const Notification& first = notifications.front();
+    const bool one = first.incident != 0 && std::ranges::all_of(notifications, [&](const Notification& next) {
+                         return next.incident == first.incident && stateName(next) == stateName(first);
+                     });
+    std::string text = one && first.shared ? first.shared->text() + ": " : std::string();
+    text += one ? counted(notifications.size(), "alarm") + " " + std::string(stateName(first))
+                : counted(notifications.size(), "notification");
+    return text + ", the first of them " + summary(first);
+}
+
 std::string member(const json& object, const char* name) {
     const auto found = object.find(name);
     return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
@@ -50,6 +66,32 @@ json countBy(std::span<const Notification> notifications, Name name) {
     return counts;
 }
 
+json incidentJson(const Notification& notification) {
+    if (notification.incident == 0) {
+        return {};
+    }
+    json shared;
+    if (const auto& known = notification.shared) {
+        shared = {{"kind", sharedKindName(known->kind)}, {"name", known->name}, {"value", known->value}};
+    }
+    return {{"id", notification.incident}, {"shared", shared}};
+}
+
+void parseIncident(const json& object, Notification& notification) {
+    const auto found = object.find("incident");
+    if (found == object.end() || !found->is_object()) {
+        return;
+    }
+    const auto id = found->find("id");
+    notification.incident = id != found->end() && id->is_number_integer() ? id->get<int64_t>() : 0;
+    const auto shared = found->find("shared");
+    if (shared != found->end() && shared->is_object()) {
+        if (const auto kind = parseSharedKind(member(*shared, "kind"))) {
+            notification.shared = Shared{*kind, member(*shared, "name"), member(*shared, "value")};
+        }
+    }
+}
+
 }  // namespace
 
 json notificationJson(const Notification& notification) {
@@ -58,14 +100,16 @@ json notificationJson(const Notification& notification) {
         {"state", stateName(notification)},
         {"time", rfc3339(notification.time)},
         {"raised", rfc3339(notification.raisedAt)},
-        {"alarm", notification.alarm},
+        {"alarm", notification.cue ? json() : json(notification.alarm)},
         {"meaning", notification.meaning},
-        {"severity", severityName(notification.severity)},
+        {"severity", notification.cue ? json() : json(severityName(notification.severity))},
         {"group", notification.group.empty() ? json() : json(notification.group)},
         {"channel", notification.channel},
         {"labels", notification.labels},
         {"text", notification.text},
         {"value", notification.value},
+        {"source", notification.source.empty() ? json() : json(notification.source)},
+        {"incident", incidentJson(notification)},
     };
 }
 
@@ -77,13 +121,15 @@ std::optional<Notification> parseNotification(std::string_view text) {
     const auto id = object.find("alarmId");
     const auto time = parseRfc3339(member(object, "time"));
     const auto raised = parseRfc3339(member(object, "raised"));
-    const auto severity = parseSeverity(member(object, "severity"));
+    const bool cue = member(object, "state") == "cue";
+    const auto severity = cue ? std::optional(Severity::kWarning) : parseSeverity(member(object, "severity"));
     if (id == object.end() || !id->is_number_integer() || !time || !raised || !severity) {
         return std::nullopt;
     }
     Notification notification;
     notification.alarmId = id->get<int64_t>();
-    notification.momentary = member(object, "state") == "happened";
+    notification.cue = cue;
+    notification.momentary = cue || member(object, "state") == "happened";
     notification.raised = member(object, "state") != "cleared";
     notification.time = *time;
     notification.raisedAt = *raised;
@@ -93,11 +139,13 @@ std::optional<Notification> parseNotification(std::string_view text) {
     notification.group = member(object, "group");
     notification.channel = member(object, "channel");
     notification.text = member(object, "text");
+    notification.source = member(object, "source");
     if (const auto labels = object.find("labels"); labels != object.end() && labels->is_object()) {
         for (const auto& [name, value] : labels->items()) {
             notification.labels[name] = value.is_string() ? value.get<std::string>() : std::string();
         }
     }
+    parseIncident(object, notification);
     if (const auto value = object.find("value"); value != object.end() && value->is_number()) {
         notification.value = value->get<double>();
     }
@@ -114,9 +162,10 @@ std::string webhookBody(std::span<const Notification> notifications, std::size_t
         body["notifications"].push_back(notificationJson(notification));
     }
     if (summed > 0) {
-        body["text"] = std::to_string(summed).append(" notifications");
-        body["bySeverity"] =
-            countBy(notifications, [](const Notification& one) { return severityName(one.severity); });
+        body["text"] = summaryOf(notifications);
+        body["bySeverity"] = countBy(notifications, [](const Notification& one) {
+            return one.cue ? std::string_view("cue") : severityName(one.severity);
+        });
         body["byState"] = countBy(notifications, &stateName);
     } else if (!notifications.empty()) {
         body["text"] = summary(notifications.front());
@@ -142,10 +191,15 @@ std::string alertmanagerBody(std::span<const Notification> notifications, const 
             {"group", notification.group},
             {"channel", notification.channel},
             {"instance", instance},
+            {"incident", notification.incident == 0 ? std::string() : std::to_string(notification.incident)},
         };
         for (const auto& [name, value] : notification.labels) {
-            std::string valid = labelName(name);
-            labels.try_emplace(labels.contains(valid) ? "label_" + valid : valid, value);
+            const std::string valid = labelName(name);
+            std::string free = labels.contains(valid) ? "label_" + valid : valid;
+            for (int number = 2; labels.contains(free); ++number) {
+                free = "label_" + valid + "_" + std::to_string(number);
+            }
+            labels[free] = value;
         }
         std::erase_if(labels, [](const auto& label) { return label.second.empty(); });
         // An end that lies ahead would leave the alert firing, and one before its begin is refused: the wall
@@ -153,9 +207,13 @@ std::string alertmanagerBody(std::span<const Notification> notifications, const 
         const bool over = !notification.raised && !notification.momentary;
         const WallTime ends = over ? std::min(notification.time, now) : now + life;
         const WallTime starts = std::min({notification.raisedAt, ends, now});
+        json annotations = {{"summary", summary(notification)}, {"description", notification.meaning}};
+        if (notification.shared) {
+            annotations["incident"] = notification.shared->text();
+        }
         body.push_back({
             {"labels", labels},
-            {"annotations", {{"summary", summary(notification)}, {"description", notification.meaning}}},
+            {"annotations", annotations},
             {"startsAt", rfc3339(starts)},
             {"endsAt", rfc3339(ends)},
         });

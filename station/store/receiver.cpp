@@ -16,20 +16,20 @@ bool isRaise(const Notification& notification) {
 }  // namespace
 
 Receiver::Receiver(const Webhook& webhook, const DeliveryPace& pace)
-    : webhook_(webhook), pace_(pace), limit_(kListed), random_(std::random_device()()) {
+    : webhook_(webhook), pace_(pace), sendPace_(pace, webhook.maxPerMinute), refresh_(pace.refresh) {
     statistics_.name = webhook.name;
     statistics_.url = shownUrl(webhook.url);
 }
 
 // Whoever changed it wants to see whether it works.
 void Receiver::configure(const Webhook& webhook) {
-    lacking_ = lacking_ || retired_ || webhook.minimumSeverity > webhook_.minimumSeverity;
+    lacksRaises_ = lacksRaises_ || retired_ || webhook.minimumSeverity > webhook_.minimumSeverity;
     retired_ = false;
     if (!(webhook == webhook_)) {
-        retryAt_ = {};
-        failures_ = 0;
+        sendPace_.hurry();
     }
     webhook_ = webhook;
+    sendPace_.setPerMinute(webhook.maxPerMinute);
     statistics_.name = webhook.name;
 }
 
@@ -63,12 +63,12 @@ const Notification& Receiver::notificationOf(const Owed& owed) const {
 
 void Receiver::restore(StoredReceiver&& stored, int64_t& lastSequence) {
     DeliveryChanges ignored;  // all is written anew
-    for (Notification& raise : stored.told) {
+    for (Notification& raise : stored.notified) {
         const int64_t id = raise.alarmId;
         Account& account = accounts_.try_emplace(id, Account{std::move(raise)}).first->second;
-        account.told = Told::kYes;
+        account.notified = Notified::kYes;
         if (account.raiseOwed != 0 && !isUnderWay(account.raiseOwed)) {
-            unowe(account.raiseOwed, ignored);
+            dropOwed(account.raiseOwed, ignored);
         }
     }
     for (StoredOwed& owed : stored.owed) {
@@ -78,19 +78,19 @@ void Receiver::restore(StoredReceiver&& stored, int64_t& lastSequence) {
         const auto [entry, added] = accounts_.try_emplace(id, Account{one});
         Account& account = entry->second;
         if (!clear) {
-            account.told = std::max(account.told, owed.sent ? Told::kPerhaps : Told::kNo);
+            account.notified = std::max(account.notified, owed.sent ? Notified::kPerhaps : Notified::kNo);
             if (added) {
                 oweAgain(account, lastSequence, ignored);
             }
         } else if (account.clearOwed == 0) {
             // A clear is owed for what was told, or may have been.
             account.raise.raised = true;
-            account.told = added ? Told::kYes : std::max(account.told, Told::kPerhaps);
+            account.notified = added ? Notified::kYes : std::max(account.notified, Notified::kPerhaps);
             account.clear = std::move(one);
             account.clearOwed = ++lastSequence;
             owed_[account.clearOwed] = {.alarm = id, .clear = true};
             if (alertmanager() && account.raiseOwed != 0 && !isUnderWay(account.raiseOwed)) {
-                unowe(account.raiseOwed, ignored);
+                dropOwed(account.raiseOwed, ignored);
             }
         }
     }
@@ -100,14 +100,14 @@ StoredReceiver Receiver::stored() const {
     StoredReceiver all;
     for (const Queue* queue : {&owed_, &refused_}) {
         for (const auto& [sequence, owed] : *queue) {
-            const bool sent = accounts_.at(owed.alarm).told != Told::kNo || isUnderWay(sequence);
+            const bool sent = accounts_.at(owed.alarm).notified != Notified::kNo || isUnderWay(sequence);
             all.owed.push_back({sequence, notificationOf(owed), sent});
         }
     }
     std::ranges::sort(all.owed, {}, &StoredOwed::sequence);
     for (const auto& [id, account] : accounts_) {
-        if (account.told != Told::kNo && account.raiseOwed == 0 && !account.raise.momentary) {
-            all.told.push_back(account.raise);
+        if (account.notified != Notified::kNo && account.raiseOwed == 0 && !account.raise.momentary) {
+            all.notified.push_back(account.raise);
         }
     }
     return all;
@@ -120,7 +120,7 @@ bool Receiver::isUnderWay(int64_t sequence) const {
 }
 
 // Takes it out of its queue and sets the sequence to 0.
-void Receiver::unowe(int64_t& sequence, DeliveryChanges& changes) {
+void Receiver::dropOwed(int64_t& sequence, DeliveryChanges& changes) {
     if (owed_.erase(sequence) + refused_.erase(sequence) > 0) {
         changes.settled.push_back(sequence);
     }
@@ -129,22 +129,22 @@ void Receiver::unowe(int64_t& sequence, DeliveryChanges& changes) {
 
 // The receiver is done with the alarm, or never hears of it.
 void Receiver::close(Accounts::iterator account, DeliveryChanges& changes) {
-    if (account->second.told != Told::kNo) {
-        changes.over.push_back(account->first);
+    if (account->second.notified != Notified::kNo) {
+        changes.forgotten.push_back(account->first);
     }
-    unowe(account->second.raiseOwed, changes);
-    unowe(account->second.clearOwed, changes);
+    dropOwed(account->second.raiseOwed, changes);
+    dropOwed(account->second.clearOwed, changes);
     accounts_.erase(account);
 }
 
 // A raise that will not be sent, or not again. What the receiver may know stays accounted for.
 void Receiver::giveUpRaise(Accounts::iterator account, DeliveryChanges& changes) {
     ++statistics_.dropped;
-    if (account->second.told == Told::kNo || account->second.raise.momentary) {
+    if (account->second.notified == Notified::kNo || account->second.raise.momentary) {
         close(account, changes);
     } else {
-        unowe(account->second.raiseOwed, changes);
-        changes.told.push_back(account->second.raise);
+        dropOwed(account->second.raiseOwed, changes);
+        changes.notified.push_back(account->second.raise);
     }
 }
 
@@ -153,18 +153,19 @@ bool Receiver::makeRoom(DeliveryChanges& changes) {
     while (owed_.size() >= pace_.owed) {
         auto oldest = owed_.lower_bound(dropFrom_);
         for (bool stays = true; oldest != owed_.end(); ++oldest) {
-            const bool untold = !oldest->second.clear && accounts_.at(oldest->second.alarm).told == Told::kNo;
-            if (untold && !isUnderWay(oldest->first)) {
+            const bool droppable =
+                !oldest->second.clear && accounts_.at(oldest->second.alarm).notified == Notified::kNo;
+            if (droppable && !isUnderWay(oldest->first)) {
                 break;
             }
-            stays = stays && !untold;
+            stays = stays && !droppable;
             dropFrom_ = stays ? oldest->first + 1 : dropFrom_;
         }
         if (oldest == owed_.end()) {
             return false;
         }
         const auto account = accounts_.find(oldest->second.alarm);
-        lacking_ = lacking_ || isRaise(account->second.raise);
+        lacksRaises_ = lacksRaises_ || isRaise(account->second.raise);
         giveUpRaise(account, changes);
     }
     return true;
@@ -173,13 +174,13 @@ bool Receiver::makeRoom(DeliveryChanges& changes) {
 void Receiver::oweAgain(Account& account, int64_t& lastSequence, DeliveryChanges& changes) {
     account.raiseOwed = ++lastSequence;
     owed_[account.raiseOwed] = {.alarm = account.raise.alarmId};
-    changes.owed.push_back({account.raiseOwed, account.raise, account.told != Told::kNo});
+    changes.owed.push_back({account.raiseOwed, account.raise, account.notified != Notified::kNo});
 }
 
 void Receiver::oweRaise(Notification&& raise, int64_t& lastSequence, DeliveryChanges& changes) {
     if (accounts_.size() >= pace_.accounts || !makeRoom(changes)) {
         ++statistics_.dropped;
-        lacking_ = lacking_ || isRaise(raise);
+        lacksRaises_ = lacksRaises_ || isRaise(raise);
         return;
     }
     const int64_t id = raise.alarmId;
@@ -190,7 +191,8 @@ DeliveryChanges Receiver::owe(Notification notification, int64_t& lastSequence) 
     DeliveryChanges changes;
     if (!notification.raised && !notification.momentary) {
         oweClear(std::move(notification), lastSequence, changes);
-    } else if (!retired_ && notification.severity <= webhook_.minimumSeverity &&
+    } else if (!retired_ &&
+               (notification.cue ? webhook_.cues : notification.severity <= webhook_.minimumSeverity) &&
                !accounts_.contains(notification.alarmId)) {
         oweRaise(std::move(notification), lastSequence, changes);
     }
@@ -205,7 +207,7 @@ void Receiver::oweClear(Notification&& clear, int64_t& lastSequence, DeliveryCha
     }
     Account& account = entry->second;
     const bool underWay = isUnderWay(account.raiseOwed);
-    if (account.told == Told::kNo && !underWay) {
+    if (account.notified == Notified::kNo && !underWay) {
         statistics_.dropped += account.raiseOwed != 0 ? 1 : 0;
         close(entry, changes);
         noteIdle();
@@ -221,15 +223,15 @@ void Receiver::oweClear(Notification&& clear, int64_t& lastSequence, DeliveryCha
     changes.owed.push_back({account.clearOwed, *account.clear, true});
     // The clear alone tells an Alertmanager all; others are told the raise first.
     if (account.raiseOwed != 0 && !underWay && (alertmanager() || refused_.contains(account.raiseOwed))) {
-        unowe(account.raiseOwed, changes);
-        changes.told.push_back(account.raise);
+        dropOwed(account.raiseOwed, changes);
+        changes.notified.push_back(account.raise);
     }
 }
 
 DeliveryChanges Receiver::resume(const std::vector<ActiveNotification>& active, int64_t& lastSequence,
                                  WallTime now) {
     DeliveryChanges changes;
-    lacking_ = false;
+    lacksRaises_ = false;
     std::set<int64_t> raised;
     for (const ActiveNotification& one : active) {
         raised.insert(one.raise.alarmId);
@@ -238,20 +240,20 @@ DeliveryChanges Receiver::resume(const std::vector<ActiveNotification>& active, 
             continue;
         }
         Account& account = known->second;
-        unowe(account.clearOwed, changes);
+        dropOwed(account.clearOwed, changes);
         account.clear.reset();
-        if (account.told == Told::kPerhaps && account.raiseOwed == 0 && !retired_ &&
+        if (account.notified == Notified::kPerhaps && account.raiseOwed == 0 && !retired_ &&
             owed_.size() < pace_.owed) {
             oweAgain(account, lastSequence, changes);
         }
     }
-    std::vector<int64_t> over;
+    std::vector<int64_t> gone;
     for (const auto& [id, account] : accounts_) {
         if (!account.raise.momentary && !raised.contains(id)) {
-            over.push_back(id);
+            gone.push_back(id);
         }
     }
-    for (const int64_t id : over) {
+    for (const int64_t id : gone) {
         Notification clear;
         clear.alarmId = id;
         clear.time = now;
@@ -264,7 +266,7 @@ DeliveryChanges Receiver::resume(const std::vector<ActiveNotification>& active, 
             continue;
         }
         if (owed_.size() >= pace_.owed || accounts_.size() >= pace_.accounts) {
-            lacking_ = true;  // the rest is told when there is room
+            lacksRaises_ = true;  // the rest is told when there is room
             break;
         }
         oweRaise(Notification(one.raise), lastSequence, changes);
@@ -273,7 +275,7 @@ DeliveryChanges Receiver::resume(const std::vector<ActiveNotification>& active, 
 }
 
 bool Receiver::wantsActive() const {
-    return lacking_ && !retired_ && owed_.size() < pace_.owed / 2 &&
+    return lacksRaises_ && !retired_ && owed_.size() < pace_.owed / 2 &&
            accounts_.size() < pace_.accounts - pace_.accounts / 10;
 }
 
@@ -282,7 +284,7 @@ DeliveryChanges Receiver::retire() {
     retired_ = true;
     for (auto entry = accounts_.begin(); entry != accounts_.end();) {
         const auto account = entry++;
-        const bool open = isUnderWay(account->second.raiseOwed) || account->second.told != Told::kNo;
+        const bool open = isUnderWay(account->second.raiseOwed) || account->second.notified != Notified::kNo;
         if (alertmanager() || account->second.raise.momentary || !open) {
             close(account, changes);
         } else if (account->second.clearOwed == 0 && !isUnderWay(account->second.raiseOwed) &&

@@ -4,11 +4,11 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <random>
 #include <vector>
 
 #include "store/delivery.h"
 #include "store/httpPoster.h"
+#include "store/sendPace.h"
 
 namespace station {
 
@@ -21,8 +21,8 @@ struct StoredOwed {
 
 // All that is kept of one receiver.
 struct StoredReceiver {
-    std::vector<StoredOwed> owed;    // by sequence
-    std::vector<Notification> told;  // raises that it knows, or may know, and that are not over for it
+    std::vector<StoredOwed> owed;        // by sequence
+    std::vector<Notification> notified;  // raises that it knows, or may know, and that are not over for it
 };
 
 // What has to be kept on the disk of a change, in this order.
@@ -30,10 +30,10 @@ struct DeliveryChanges {
     std::vector<StoredOwed> owed;
     std::vector<std::pair<int64_t, bool>> sent;  // sequence, StoredOwed::sent
     std::vector<int64_t> settled;                // sequences that are owed no more
-    std::vector<Notification> told;
-    std::vector<int64_t> over;  // alarms that are over for the receiver
+    std::vector<Notification> notified;
+    std::vector<int64_t> forgotten;  // alarms that are over for the receiver
     bool empty() const {
-        return owed.empty() && sent.empty() && settled.empty() && told.empty() && over.empty();
+        return owed.empty() && sent.empty() && settled.empty() && notified.empty() && forgotten.empty();
     }
 };
 
@@ -44,23 +44,21 @@ struct Message {
 
 // What stands between a receiver and each alarm:
 //
-//   untold --sent--> perhaps told --answered--> told --alarm over--> clear owed --answered--> done
+//   not notified --sent--> perhaps notified --answered--> notified --alarm over--> clear owed --answered-->
+//   done
 //
-// An alarm that is over while it is untold is done. Whatever else happens - a bound is reached, a message is
-// refused, the station is started anew - from "perhaps told" on an alarm stays accounted for until its clear
-// was taken. An Alertmanager alone may be left without a clear that it refuses: it forgets by itself what it
-// is not told again.
+// An alarm that is over before it was sent is done. Whatever else happens - a bound is reached, a message is
+// refused, the station is started anew - from "perhaps notified" on an alarm stays accounted for until its
+// clear was taken. An Alertmanager alone may be left without a clear that it refuses: it forgets by itself
+// what it is not told again.
 //
 // A message that is refused is split until what is wrong with it stands alone; that one waits apart from the
-// others. No I/O, no clock of its own, one thread. One message is under way at a time.
+// others. No I/O, no clock of its own, one thread. One message is under way at a time (Sending); when the
+// next may be, SendPace and RefreshCycle say.
 class Receiver {
   public:
-    static constexpr std::size_t kListed = 1'000;  // notifications in one message
-    static constexpr std::size_t kAlerts = 500;    // in one message to an Alertmanager
-    static constexpr unsigned kRefusals = 10;      // of one notification until it is given up
-    // Refusals one after the other at which the next message goes out at once: enough to find one bad
-    // notification among kListed.
-    static constexpr unsigned kQuickRefusals = 12;
+    static constexpr std::size_t kAlerts = 500;  // in one message to an Alertmanager
+    static constexpr unsigned kRefusals = 10;    // of one notification until it is given up
 
     Receiver(const Webhook& webhook, const DeliveryPace& pace);
     void configure(const Webhook& webhook);
@@ -100,10 +98,12 @@ class Receiver {
     Delivery::ReceiverStatistics statistics() const;
 
   private:
-    enum class Told : uint8_t { kNo, kPerhaps, kYes };
+    enum class Notified : uint8_t { kNo, kPerhaps, kYes };
+    // What the message under way was made of.
+    enum class Sending : uint8_t { kNothing, kOwed, kRefused, kRefresh };
     struct Account {
         Notification raise;  // or what happened
-        Told told = Told::kNo;
+        Notified notified = Notified::kNo;
         int64_t raiseOwed = 0;  // its sequence; 0 when it is not owed
         int64_t clearOwed = 0;
         std::optional<Notification> clear{};
@@ -114,14 +114,13 @@ class Receiver {
         bool clear = false;
         unsigned refusals = 0;
         SteadyTime retryAt{};
-        uint64_t takenBefore = 0;  // taken_ when it was refused first
+        uint64_t deliveredBefore = 0;  // delivered_ when it was refused first
     };
     using Queue = std::map<int64_t, Owed>;  // by sequence
 
     bool alertmanager() const {
         return webhook_.format == WebhookFormat::kAlertmanager;
     }
-    bool exhausted(SteadyTime now) const;
     bool isUnderWay(int64_t sequence) const;
     std::size_t queued() const {
         return owed_.size() + refused_.size();
@@ -133,13 +132,15 @@ class Receiver {
     bool makeRoom(DeliveryChanges& changes);
     void oweRaise(Notification&& raise, int64_t& lastSequence, DeliveryChanges& changes);
     void oweAgain(Account& account, int64_t& lastSequence, DeliveryChanges& changes);
-    void unowe(int64_t& sequence, DeliveryChanges& changes);
+    void dropOwed(int64_t& sequence, DeliveryChanges& changes);
     void giveUpRaise(Accounts::iterator account, DeliveryChanges& changes);
     void close(Accounts::iterator account, DeliveryChanges& changes);
 
-    bool takeOwed(Message& message, DeliveryChanges& changes);
-    bool takeRefused(SteadyTime now, Message& message, DeliveryChanges& changes);
-    bool takeRefresh(SteadyTime now, Message& message);
+    Sending chooseMessage(SteadyTime now, Message& message, DeliveryChanges& changes);
+    bool addOwed(Message& message, DeliveryChanges& changes);
+    std::size_t ofOneFault() const;
+    bool addRefused(SteadyTime now, Message& message, DeliveryChanges& changes);
+    bool addRefresh(SteadyTime now, Message& message);
     void add(int64_t sequence, const Owed& owed, Message& message, DeliveryChanges& changes);
 
     void delivered(DeliveryChanges& changes);
@@ -147,7 +148,6 @@ class Receiver {
     void refusedAlone(int64_t sequence, const Now& now, DeliveryChanges& changes);
     void failed(const HttpOutcome& outcome, const Now& now, DeliveryChanges& changes);
     void unanswered(bool doubt, DeliveryChanges& changes);
-    std::chrono::milliseconds waitAfter(unsigned failures);
     void noteFailing(const Now& now);
     void noteIdle();
 
@@ -157,28 +157,20 @@ class Receiver {
     Queue owed_;
     Queue refused_;         // refused alone, each with a time of its own
     int64_t dropFrom_ = 0;  // of owed_, below is nothing that may be dropped
-    uint64_t taken_ = 0;    // messages
+    int64_t heldTo_ = 0;    // the minute was spent: up to here what waits is summed up
 
-    std::vector<int64_t> underWay_;  // sequences, growing; empty in a refresh
-    std::size_t refreshing_ = 0;     // alerts in the refresh that is under way
-    int64_t refreshFrom_ = 0;        // where it began
-    bool busy_ = false;
+    Sending sending_ = Sending::kNothing;
+    std::vector<int64_t> underWay_;  // sequences of what is sent, growing; empty in a refresh
+    std::size_t messageSize_ = 0;    // notifications of the message under way
+    Sending last_ = Sending::kNothing;
+    SendPace sendPace_;
+    RefreshCycle refresh_;
 
-    std::size_t limit_;  // of the next message
-    SteadyTime minuteBegan_{};
-    uint32_t sentInMinute_ = 0;
-    int64_t heldTo_ = 0;  // the minute was full: up to here what waits is summed up
-    SteadyTime retryAt_{};
-    unsigned failures_ = 0;  // one after the other
-    unsigned refusals_ = 0;
-    SteadyTime refreshAt_{};
-    int64_t refreshedTo_ = 0;  // alarm up to which this refresh has come
-    bool refreshedLast_ = false;
-    bool lacking_ = false;  // a raise was left out for want of room
-    bool gaveUp_ = false;   // something was given up since the last message that was taken
-    bool retired_ = false;
+    uint64_t delivered_ = 0;    // messages
+    bool lacksRaises_ = false;  // a raise was left out for want of room
+    bool gaveUp_ = false;       // something was given up since the last message that was taken
+    bool retired_ = false;      // it is configured no more
     Delivery::ReceiverStatistics statistics_;
-    std::minstd_rand random_;
 };
 
 }  // namespace station

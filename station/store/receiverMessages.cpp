@@ -1,5 +1,6 @@
 // What a receiver is sent, and what becomes of it.
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "store/receiver.h"
@@ -14,50 +15,55 @@ bool isRefusal(long status) {
 
 }  // namespace
 
-bool Receiver::exhausted(SteadyTime now) const {
-    return sentInMinute_ >= std::max(webhook_.maxPerMinute, 1U) && now < minuteBegan_ + pace_.minute;
+std::optional<Message> Receiver::next(SteadyTime now, DeliveryChanges& changes) {
+    if (sending_ != Sending::kNothing || sendPace_.waits(now)) {
+        return std::nullopt;
+    }
+    sendPace_.enterMinute(now);
+    Message message;
+    sending_ = chooseMessage(now, message, changes);
+    if (sending_ == Sending::kNothing) {
+        return std::nullopt;
+    }
+    last_ = sending_;
+    messageSize_ = message.notifications.size();
+    return message;
 }
 
 // An Alertmanager's refresh and what it is owed take turns, so that neither holds up the other.
-std::optional<Message> Receiver::next(SteadyTime now, DeliveryChanges& changes) {
-    if (busy_ || now < retryAt_) {
-        return std::nullopt;
-    }
-    if (now >= minuteBegan_ + pace_.minute) {
-        sentInMinute_ = 0;
-        minuteBegan_ = now;
-    }
-    const bool full = exhausted(now);
-    if (full && !owed_.empty()) {
+Receiver::Sending Receiver::chooseMessage(SteadyTime now, Message& message, DeliveryChanges& changes) {
+    const bool spent = sendPace_.minuteSpent(now);
+    if (spent && !owed_.empty()) {
         heldTo_ = owed_.rbegin()->first;
     }
-    Message message;
-    const bool refreshFirst = !refreshedLast_ || owed_.empty() || full;
-    if (refreshFirst && takeRefresh(now, message)) {
-        refreshedLast_ = true;
-        busy_ = true;
-    } else if (!full && (takeOwed(message, changes) || takeRefused(now, message, changes))) {
-        refreshedLast_ = false;
-        busy_ = true;
+    const bool refreshFirst = last_ != Sending::kRefresh || owed_.empty() || spent;
+    if (refreshFirst && addRefresh(now, message)) {
+        return Sending::kRefresh;
     }
-    return busy_ ? std::optional(std::move(message)) : std::nullopt;
+    if (spent) {
+        return Sending::kNothing;
+    }
+    if (addOwed(message, changes)) {
+        return Sending::kOwed;
+    }
+    return addRefused(now, message, changes) ? Sending::kRefused : Sending::kNothing;
 }
 
 void Receiver::add(int64_t sequence, const Owed& owed, Message& message, DeliveryChanges& changes) {
     underWay_.push_back(sequence);
     message.notifications.push_back(notificationOf(owed));
-    if (accounts_.at(owed.alarm).told == Told::kNo) {
+    if (accounts_.at(owed.alarm).notified == Notified::kNo) {
         changes.sent.emplace_back(sequence, true);
     }
 }
 
-bool Receiver::takeOwed(Message& message, DeliveryChanges& changes) {
+bool Receiver::addOwed(Message& message, DeliveryChanges& changes) {
     if (owed_.empty()) {
         return false;
     }
     const bool held = owed_.begin()->first <= heldTo_;
-    const std::size_t most = alertmanager() ? kAlerts : held ? kListed : 1;
-    const std::size_t size = std::min({most, std::max<std::size_t>(limit_, 1), owed_.size()});
+    const std::size_t most = alertmanager() ? kAlerts : held ? SendPace::kLargest : ofOneFault();
+    const std::size_t size = std::min({most, sendPace_.limit(), owed_.size()});
     for (auto owed = owed_.begin(); underWay_.size() < size; ++owed) {
         add(owed->first, owed->second, message, changes);
     }
@@ -65,9 +71,22 @@ bool Receiver::takeOwed(Message& message, DeliveryChanges& changes) {
     return true;
 }
 
-// Half of the minute stays for what was not refused.
-bool Receiver::takeRefused(SteadyTime now, Message& message, DeliveryChanges& changes) {
-    if (sentInMinute_ > webhook_.maxPerMinute / 2) {
+// How many of those that are owed next are alarms of one incident, all raised or all over.
+std::size_t Receiver::ofOneFault() const {
+    const Notification& first = notificationOf(owed_.begin()->second);
+    std::size_t size = 1;
+    for (auto owed = std::next(owed_.begin()); owed != owed_.end() && size < SendPace::kLargest; ++owed) {
+        const Notification& next = notificationOf(owed->second);
+        if (first.incident == 0 || next.incident != first.incident || next.raised != first.raised) {
+            break;
+        }
+        ++size;
+    }
+    return size;
+}
+
+bool Receiver::addRefused(SteadyTime now, Message& message, DeliveryChanges& changes) {
+    if (sendPace_.halfSpent()) {
         return false;
     }
     const auto ready =
@@ -79,39 +98,37 @@ bool Receiver::takeRefused(SteadyTime now, Message& message, DeliveryChanges& ch
     return true;
 }
 
-bool Receiver::takeRefresh(SteadyTime now, Message& message) {
-    if (!alertmanager() || now < refreshAt_) {
+bool Receiver::addRefresh(SteadyTime now, Message& message) {
+    if (!alertmanager() || now < refresh_.due()) {
         return false;
     }
-    refreshFrom_ = refreshedTo_;
-    auto entry = accounts_.upper_bound(refreshedTo_);
-    const std::size_t size = std::clamp<std::size_t>(limit_, 1, kAlerts);
+    refresh_.beginMessage();
+    auto entry = accounts_.upper_bound(refresh_.position());
+    const std::size_t size = std::min(sendPace_.limit(), kAlerts);
     for (; entry != accounts_.end() && message.notifications.size() < size; ++entry) {
         const Account& account = entry->second;
-        if (account.told == Told::kYes && account.clearOwed == 0 && !account.raise.momentary) {
+        if (account.notified == Notified::kYes && account.clearOwed == 0 && !account.raise.momentary) {
             message.notifications.push_back(account.raise);
         }
-        refreshedTo_ = entry->first;
+        refresh_.cover(entry->first);
     }
     if (entry == accounts_.end()) {
-        refreshAt_ = now + pace_.refresh;
-        refreshedTo_ = 0;
+        refresh_.finish(now);
     }
-    refreshing_ = message.notifications.size();
-    return refreshing_ > 0;
+    return !message.notifications.empty();
 }
 
 SteadyTime Receiver::due(SteadyTime now) const {
     SteadyTime due = SteadyTime::max();
-    if (busy_) {
+    if (sending_ != Sending::kNothing) {
         return due;
     }
-    const SteadyTime minuteEnd = minuteBegan_ + pace_.minute;
+    const SteadyTime minuteEnd = sendPace_.minuteEnd();
     if (!owed_.empty()) {
-        due = exhausted(now) ? minuteEnd : now;
+        due = sendPace_.minuteSpent(now) ? minuteEnd : now;
     }
     if (!refused_.empty()) {
-        const bool wait = sentInMinute_ > webhook_.maxPerMinute / 2 && now < minuteEnd;
+        const bool wait = sendPace_.halfSpent() && now < minuteEnd;
         SteadyTime ready = SteadyTime::max();
         for (const auto& [sequence, owed] : refused_) {
             ready = std::min(ready, owed.retryAt);
@@ -119,9 +136,9 @@ SteadyTime Receiver::due(SteadyTime now) const {
         due = std::min(due, wait ? std::max(ready, minuteEnd) : ready);
     }
     if (alertmanager() && !accounts_.empty()) {
-        due = std::min(due, refreshAt_);
+        due = std::min(due, refresh_.due());
     }
-    return due == SteadyTime::max() ? due : std::max(due, retryAt_);
+    return due == SteadyTime::max() ? due : std::max(due, sendPace_.retryAt());
 }
 
 // What became of it.
@@ -136,9 +153,8 @@ DeliveryChanges Receiver::settle(const HttpOutcome& outcome, const Now& now) {
         statistics_.lastProblem = outcome.problem;
         isRefusal(outcome.status) ? refused(now, changes) : failed(outcome, now, changes);
     }
-    busy_ = false;
+    sending_ = Sending::kNothing;
     underWay_.clear();
-    refreshing_ = 0;
     noteIdle();
     return changes;
 }
@@ -154,54 +170,41 @@ void Receiver::delivered(DeliveryChanges& changes) {
         if (owed->clear || account->second.raise.momentary) {
             close(account, changes);
         } else {
-            account->second.told = Told::kYes;
-            unowe(account->second.raiseOwed, changes);
-            changes.told.push_back(account->second.raise);
+            account->second.notified = Notified::kYes;
+            dropOwed(account->second.raiseOwed, changes);
+            changes.notified.push_back(account->second.raise);
         }
     }
-    sentInMinute_ += taken.empty() ? 0 : 1;
+    sendPace_.delivered(sending_ == Sending::kRefresh);
     statistics_.delivered += taken.size();
     statistics_.lastProblem.clear();
     statistics_.failingSince.reset();
     statistics_.failingSinceWall.reset();
-    ++taken_;
-    failures_ = refusals_ = 0;
+    ++delivered_;
     gaveUp_ = false;
-    limit_ = std::min(limit_ * 2, kListed);
-    retryAt_ = {};
 }
 
 // The receiver itself does well, as far as one can know: what is wrong is looked for at once. Where all is
 // refused it is left alone for longer and longer.
 void Receiver::refused(const Now& now, DeliveryChanges& changes) {
-    const std::size_t size = underWay_.empty() ? refreshing_ : underWay_.size();
-    if (size > 1) {
-        limit_ = (size + 1) / 2;
-    }
-    const bool again = size == 1 && !underWay_.empty() && refused_.contains(underWay_.front());
-    if (!again) {
-        ++refusals_;
-        if (refusals_ > kQuickRefusals) {
-            retryAt_ = now.steady + waitAfter(refusals_ - kQuickRefusals);
-        }
-    }
-    if (underWay_.empty()) {
-        if (size > 1) {  // else this one is left out of the refresh
-            refreshedTo_ = refreshFrom_;
-            refreshAt_ = {};
+    const bool again = sending_ == Sending::kRefused && refused_.contains(underWay_.front());
+    sendPace_.refused(messageSize_, again, now.steady);
+    if (sending_ == Sending::kRefresh) {
+        if (messageSize_ > 1) {  // else this one is left out of the refresh
+            refresh_.repeatMessage();
         }
     } else {
         const int64_t first = underWay_.front();
         // A message that is refused while others are taken says nothing about the receiver.
-        if (again && taken_ == refused_.at(first).takenBefore) {
+        if (again && delivered_ == refused_.at(first).deliveredBefore) {
             noteFailing(now);
         }
         unanswered(false, changes);
-        if (size == 1) {
+        if (messageSize_ == 1) {
             refusedAlone(first, now, changes);
         }
     }
-    if (refusals_ > kQuickRefusals) {
+    if (sendPace_.state() == SendPace::State::kRefusing) {
         noteFailing(now);
     }
 }
@@ -213,13 +216,13 @@ void Receiver::refusedAlone(int64_t sequence, const Now& now, DeliveryChanges& c
         if (moved.empty()) {
             return;  // its alarm was over
         }
-        moved.mapped().takenBefore = taken_;
+        moved.mapped().deliveredBefore = delivered_;
         entry = refused_.insert(std::move(moved)).position;
     }
     Owed& owed = entry->second;
     const auto account = accounts_.find(owed.alarm);
     ++owed.refusals;
-    owed.retryAt = now.steady + waitAfter(owed.refusals);
+    owed.retryAt = now.steady + sendPace_.waitAfter(owed.refusals);
     if (owed.clear) {
         // An Alertmanager forgets it by itself. Others are told, however long that takes.
         if (owed.refusals >= kRefusals && alertmanager()) {
@@ -234,11 +237,9 @@ void Receiver::refusedAlone(int64_t sequence, const Now& now, DeliveryChanges& c
 }
 
 void Receiver::failed(const HttpOutcome& outcome, const Now& now, DeliveryChanges& changes) {
-    retryAt_ = now.steady + waitAfter(++failures_);
-    refusals_ = 0;
-    if (underWay_.empty()) {
-        refreshAt_ = {};
-        refreshedTo_ = 0;
+    sendPace_.failed(now.steady);
+    if (sending_ == Sending::kRefresh) {
+        refresh_.restart();
     }
     unanswered(outcome.doubt, changes);
     noteFailing(now);
@@ -254,29 +255,22 @@ void Receiver::unanswered(bool doubt, DeliveryChanges& changes) {
         }
         const auto found = accounts_.find(owed->alarm);
         Account& account = found->second;
-        if (account.told == Told::kNo && doubt) {
-            account.told = Told::kPerhaps;
-        } else if (account.told == Told::kNo) {
+        if (account.notified == Notified::kNo && doubt) {
+            account.notified = Notified::kPerhaps;
+        } else if (account.notified == Notified::kNo) {
             changes.sent.emplace_back(sequence, false);
         }
-        const bool over = account.clearOwed != 0;
-        if (over && account.told == Told::kNo) {
+        const bool cleared = account.clearOwed != 0;
+        if (cleared && account.notified == Notified::kNo) {
             ++statistics_.dropped;
             close(found, changes);
-        } else if ((over && alertmanager()) || (retired_ && account.told != Told::kNo)) {
-            unowe(account.raiseOwed, changes);
-            changes.told.push_back(account.raise);
+        } else if ((cleared && alertmanager()) || (retired_ && account.notified != Notified::kNo)) {
+            dropOwed(account.raiseOwed, changes);
+            changes.notified.push_back(account.raise);
         } else if (retired_) {
             close(found, changes);
         }
     }
-}
-
-// Doubles with each failure, give or take a fifth.
-std::chrono::milliseconds Receiver::waitAfter(unsigned failures) {
-    const auto doubled = pace_.firstWait * (int64_t{1} << std::min(std::max(failures, 1U) - 1, 20U));
-    const auto wait = std::min<std::chrono::milliseconds>(doubled, pace_.longestWait);
-    return wait * std::uniform_int_distribution<int>(80, 120)(random_) / 100;
 }
 
 void Receiver::noteFailing(const Now& now) {

@@ -9,6 +9,7 @@ namespace station {
 
 namespace {
 
+constexpr int kOfOneSecond = 99;                    // files put aside in it that are told apart
 constexpr std::chrono::milliseconds kBusyStep{10};  // between two looks whether the file is free
 
 DatabaseError::Kind kindOf(int code) {
@@ -63,6 +64,13 @@ Statement& Statement::bind(int parameter, std::string_view value) {
     return *this;
 }
 
+Statement& Statement::bind(int parameter, std::span<const std::byte> value) {
+    check(sqlite3_db_handle(statement_.get()),
+          sqlite3_bind_blob(statement_.get(), parameter, value.data(), static_cast<int>(value.size()),
+                            SQLITE_TRANSIENT));
+    return *this;
+}
+
 Statement& Statement::bindNull(int parameter) {
     check(sqlite3_db_handle(statement_.get()), sqlite3_bind_null(statement_.get(), parameter));
     return *this;
@@ -108,6 +116,12 @@ std::string Statement::text(int column) const {
     const auto* const bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_.get(), column));
     const int size = sqlite3_column_bytes(statement_.get(), column);
     return bytes == nullptr ? std::string() : std::string(bytes, static_cast<std::size_t>(size));
+}
+
+std::span<const std::byte> Statement::bytes(int column) const {
+    const auto* const first = static_cast<const std::byte*>(sqlite3_column_blob(statement_.get(), column));
+    const int size = sqlite3_column_bytes(statement_.get(), column);
+    return first == nullptr ? std::span<const std::byte>() : std::span(first, static_cast<std::size_t>(size));
 }
 
 int Database::busy(void* database, int attempts) {
@@ -209,12 +223,16 @@ std::string putAside(const std::filesystem::path& file, std::string_view why) {
     std::tm utc{};
     char time[32];
     std::strftime(time, sizeof time, "%Y%m%dT%H%M%SZ", gmtime_r(&now, &utc));
-    std::string base = file.string() + "." + std::string(why) + "-" + time;
-    // Several in one second each keep their name.
+    const auto name = [plain = file.string() + "." + std::string(why) + "-" + time](int number) {
+        return number == 0 ? plain : plain + (number < 10 ? "-0" : "-") + std::to_string(number);
+    };
+    // Several of one second follow each other by name as well, whichever of them are gone again.
     std::error_code error;
-    for (int number = 2; std::filesystem::exists(base, error); ++number) {
-        base = file.string() + "." + std::string(why) + "-" + time + "-" + std::to_string(number);
+    int free = 0;
+    for (int number = 0; number < kOfOneSecond; ++number) {
+        free = std::filesystem::exists(name(number), error) ? number + 1 : free;
     }
+    const std::string base = name(free);
     std::filesystem::rename(file, base, error);
     if (error) {
         return {};
@@ -224,6 +242,40 @@ std::string putAside(const std::filesystem::path& file, std::string_view why) {
     }
     removeOldest(file, file.filename().string() + "." + std::string(why) + "-");
     return base;
+}
+
+DatabasePlace::Id DatabasePlace::idOf(const std::filesystem::path& file) {
+    struct stat status {};
+    return stat(file.c_str(), &status) == 0 ? Id{status.st_dev, status.st_ino} : Id{};
+}
+
+void DatabasePlace::opened() {
+    own_ = idOf(file_);
+    ownLog_ = idOf(file_.string() + "-wal");
+}
+
+bool DatabasePlace::inPlace() const {
+    return idOf(file_) == own_ && own_ != Id{};
+}
+
+std::string DatabasePlace::clear() const {
+    std::error_code error;
+    if (inPlace() ||
+        std::filesystem::symlink_status(file_, error).type() == std::filesystem::file_type::not_found) {
+        return {};
+    }
+    // The own log would be replayed into the other file.
+    if (const Id log = idOf(file_.string() + "-wal"); log == ownLog_ && log != Id{}) {
+        for (const char* companion : {"-wal", "-shm"}) {
+            std::filesystem::remove(file_.string() + companion, error);
+        }
+    }
+    const std::string aside = putAside(file_, "replaced");
+    if (aside.empty()) {
+        throw DatabaseError(DatabaseError::Kind::kOther,
+                            "another file took its place, and cannot be renamed");
+    }
+    return aside;
 }
 
 uint64_t databaseBytes(const std::filesystem::path& file) {

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -43,7 +45,8 @@ class Statement {
 
     Statement& bind(int parameter, int64_t value);
     Statement& bind(int parameter, double value);
-    Statement& bind(int parameter, std::string_view value);  // copied
+    Statement& bind(int parameter, std::string_view value);            // copied
+    Statement& bind(int parameter, std::span<const std::byte> value);  // a blob, copied
     Statement& bindNull(int parameter);
     template <typename T>
     Statement& bind(int parameter, const std::optional<T>& value) {
@@ -58,6 +61,8 @@ class Statement {
     int64_t integer(int column) const;
     double real(int column) const;
     std::string text(int column) const;
+    // Of a blob; valid until the next step().
+    std::span<const std::byte> bytes(int column) const;
 
   private:
     struct Finalize {
@@ -142,6 +147,32 @@ void migrate(Database& database, std::span<const char* const> steps);
 // kPutAsideKept are kept. REQUIRES: no connection to it is open.
 inline constexpr std::size_t kPutAsideKept = 5;
 std::string putAside(const std::filesystem::path& file, std::string_view why);
+
+// Whether a path still leads to the database that was opened there. One thread.
+class DatabasePlace {
+  public:
+    explicit DatabasePlace(std::filesystem::path file) : file_(std::move(file)) {}
+
+    void opened();  // what is there at this moment is the own file
+    // False when the own file was removed since, or another one is in its place: what is written goes
+    // nowhere.
+    bool inPlace() const;
+    // Has the place free for a new file, unless the own one is there: another one, which nobody has read, is
+    // put aside as FILE.replaced-TIME with its log. That name; empty when there was none. A DatabaseError
+    // when it cannot be renamed. REQUIRES: no connection to it is open.
+    std::string clear() const;
+
+  private:
+    struct Id {
+        dev_t device = 0;
+        ino_t inode = 0;  // 0: there is none
+        bool operator==(const Id&) const = default;
+    };
+    static Id idOf(const std::filesystem::path& file);
+
+    const std::filesystem::path file_;
+    Id own_, ownLog_;
+};
 
 // Size of a database and its log, in bytes.
 uint64_t databaseBytes(const std::filesystem::path& file);

@@ -58,15 +58,15 @@ bool isAddress(const std::string& host) {
 }
 
 // An origin (RFC 6454, clause 6.2) taken apart, with the port that its scheme implies.
-struct Origin {
+struct RequestOrigin {
     Authority authority;
     std::string defaultPort;
 };
 
-std::optional<Origin> parseOrigin(std::string_view text) {
+std::optional<RequestOrigin> parseOrigin(std::string_view text) {
     for (const auto& [scheme, port] : {std::pair("http://", "80"), std::pair("https://", "443")}) {
         if (text.starts_with(scheme)) {
-            Origin origin{parseAuthority(text.substr(std::string_view(scheme).size())), port};
+            RequestOrigin origin{parseAuthority(text.substr(std::string_view(scheme).size())), port};
             if (origin.authority.port.empty()) {
                 origin.authority.port = port;
             }

@@ -3,22 +3,67 @@
 #include <array>
 #include <cmath>
 
-#include "alarms/measures.h"
+#include "alarms/alarmGuide.h"
 #include "common/text.h"
+#include "measures/measures.h"
 #include "web/apiJson.h"
+#include "web/csv.h"
 #include "web/jsonValues.h"
 
 namespace station {
 
 namespace json {
 
-void alarmValue(JsonWriter& json, const Alarm& alarm, std::string_view channelName) {
+namespace {
+
+const ChannelState* channelOf(const StationState& state, const Alarm& alarm) {
+    const auto group = alarm.about.group();
+    return group ? state.find(*group) : nullptr;
+}
+
+// The rule that the alarm is judged by; null where nobody knows it.
+const AlarmRule* ruleOf(const StationState& state, const ChannelState* channel, const Alarm& alarm) {
+    if (!state.configuration) {
+        return nullptr;
+    }
+    const Profiles& profiles = state.configuration->profiles;
+    const auto profile =
+        profiles.find(channel == nullptr ? std::string(kDefaultProfile) : channel->channel.profile);
+    if (profile == profiles.end()) {
+        return nullptr;
+    }
+    const AlarmRules& rules = profile->second[alarm.type];
+    const bool byMeter = alarm.source == Source::kMeter && alarmTypes()[alarm.type].meter.measure != nullptr;
+    return byMeter ? &rules.meter : &rules;
+}
+
+// What the value is held against: a level, or a count within a window.
+void levelMembers(JsonWriter& json, AlarmKind kind, const AlarmRule* rule) {
+    std::optional<double> level;
+    std::optional<int64_t> window;
+    if (rule != nullptr && (kind == AlarmKind::kHigh || kind == AlarmKind::kLow)) {
+        level = rule->raiseLevel;
+    } else if (rule != nullptr && kind == AlarmKind::kCounter) {
+        level = rule->count == 0 ? std::nullopt : std::optional(static_cast<double>(rule->count));
+    }
+    if (rule != nullptr && (kind == AlarmKind::kCounter || kind == AlarmKind::kAbsence)) {
+        window = rule->window.count();
+    }
+    json.member("level", level).member("windowSeconds", window);
+}
+
+}  // namespace
+
+void alarmValue(JsonWriter& json, const StationState& state, const Alarm& alarm) {
     const AlarmType& type = alarmTypes()[alarm.type];
+    const ChannelState* channel = channelOf(state, alarm);
+    const std::string_view channelName = channel == nullptr ? std::string_view{} : channel->channel.name;
     json.open('{').member("id", alarm.id).member("alarm", type.name).member("meaning", type.meaning);
-    json.member("group", groupOrNull(alarm.group)).member("channel", channelName);
+    json.member("group", groupOrNull(alarm.about.group())).member("channel", channelName);
     json.member("severity", severityName(alarm.severity)).member("raised", alarm.raised);
-    json.member("text", alarm.text);
+    json.member("text", alarm.text).member("source", sourceName(alarm.source));
     json.member("value", alarm.value).member("peak", alarm.peak).member("unit", type.unit);
+    levelMembers(json, type.kind, ruleOf(state, channel, alarm));
     json.name("acknowledged");
     if (alarm.acknowledged) {
         json.open('{').member("time", alarm.acknowledged->time).member("by", alarm.acknowledged->by);
@@ -26,6 +71,14 @@ void alarmValue(JsonWriter& json, const Alarm& alarm, std::string_view channelNa
     } else {
         json.value(nullptr);
     }
+    json.name("shelved");
+    if (alarm.shelved) {
+        json.open('{').member("until", alarm.shelved->until).member("by", alarm.shelved->by);
+        json.member("remark", alarm.shelved->remark).close('}');
+    } else {
+        json.value(nullptr);
+    }
+    json.member("incident", alarm.incident == 0 ? std::nullopt : std::optional(alarm.incident));
     json.close('}');
 }
 
@@ -38,29 +91,50 @@ void alarmCounts(JsonWriter& json, std::span<const Alarm> alarms) {
     json.close('}');
 }
 
-void alarmTypesValue(JsonWriter& json) {
+namespace {
+
+void defaultsMember(JsonWriter& json, AlarmKind kind, const AlarmRule& rule) {
     const auto seconds = [](auto duration) { return std::chrono::duration<double>(duration).count(); };
+    json.name("defaults").open('{').member("enabled", rule.enabled);
+    json.member("severity", severityName(rule.severity));
+    if (kind == AlarmKind::kHigh || kind == AlarmKind::kLow) {
+        json.member("raise_level", rule.raiseLevel).member("clear_level", rule.clearLevel);
+    }
+    if (kind == AlarmKind::kCounter) {
+        json.member("count", rule.count).member("error_seconds", rule.errorSeconds);
+        json.member("window_s", rule.window.count());
+    }
+    if (kind != AlarmKind::kEvent) {
+        json.member("raise_delay_s", seconds(rule.raiseDelay));
+    }
+    json.member("clear_delay_s", seconds(rule.clearDelay)).close('}');
+}
+
+}  // namespace
+
+void alarmTypesValue(JsonWriter& json) {
     json.open('[');
     for (const AlarmType& type : alarmTypes()) {
-        const AlarmRule& rule = type.defaults;
-        json.open('{').member("name", type.name).member("meaning", type.meaning);
+        const AlarmGuide& guide = guideOf(static_cast<std::size_t>(&type - alarmTypes().data()));
+        json.open('{').member("name", type.name).member("title", guide.title);
+        json.member("meaning", type.meaning).name("look").open('[');
+        for (const std::string_view look : guide.look) {
+            json.value(look);
+        }
+        json.close(']');
         json.member("kind", alarmKindName(type.kind)).member("unit", type.unit);
         json.member("column", type.measure != nullptr ? std::optional(type.measure->name) : std::nullopt)
-            .member("ofProbe", type.ofProbe);
-        json.name("defaults").open('{').member("enabled", rule.enabled);
-        json.member("severity", severityName(rule.severity));
-        if (type.kind == AlarmKind::kHigh || type.kind == AlarmKind::kLow) {
-            json.member("raise_level", rule.raiseLevel).member("clear_level", rule.clearLevel);
+            .member("ofProbe", type.ofSource.has_value());
+        defaultsMember(json, type.kind, type.defaults);
+        json.name("meter");
+        if (type.meter.measure != nullptr) {
+            json.open('{').member("column", type.meter.measure->name);
+            defaultsMember(json, type.kind, type.meter.defaults.value_or(type.defaults));
+            json.close('}');
+        } else {
+            json.value(nullptr);
         }
-        if (type.kind == AlarmKind::kCounter) {
-            json.member("count", rule.count).member("error_seconds", rule.errorSeconds);
-            json.member("window_s", rule.window.count());
-        }
-        if (type.kind != AlarmKind::kEvent) {
-            json.member("raise_delay_s", seconds(rule.raiseDelay));
-        }
-        json.member("clear_delay_s", seconds(rule.clearDelay));
-        json.close('}').close('}');
+        json.close('}');
     }
     json.close(']');
 }
@@ -69,44 +143,16 @@ void alarmTypesValue(JsonWriter& json) {
 
 namespace {
 
-std::string_view channelName(const StationState& state, const Alarm& alarm) {
-    const ChannelState* channel = alarm.group ? state.find(*alarm.group) : nullptr;
-    return channel == nullptr ? std::string_view{} : channel->channel.name;
-}
-
 void alarmList(JsonWriter& json, const StationState& state) {
     json.open('[');
     for (const Alarm& alarm : state.alarms) {
-        json::alarmValue(json, alarm, channelName(state, alarm));
+        json::alarmValue(json, state, alarm);
     }
     json.close(']');
 }
 
-std::optional<std::string_view> severityText(std::optional<Severity> severity) {
-    return severity ? std::optional(severityName(*severity)) : std::nullopt;
-}
-
 std::optional<int64_t> idOrNull(int64_t id) {
     return id == 0 ? std::nullopt : std::optional(id);
-}
-
-void csvCell(std::string& text, std::string_view cell) {
-    constexpr std::string_view kFormulaStarts = "=+-@\t\r";
-    const bool formula = !cell.empty() && kFormulaStarts.find(cell.front()) != std::string_view::npos;
-    text.append(text.empty() || text.back() == '\n' ? "\"" : ",\"").append(formula ? "'" : "");
-    for (const char character : cell) {
-        text.append(character == '"' ? 2 : 1, character);
-    }
-    text += '"';
-}
-
-template <typename Value>
-void csvPlain(std::string& text, const std::optional<Value>& value) {
-    std::string plain;
-    if (value) {
-        JsonWriter(plain).value(*value);
-    }
-    text.append(text.empty() || text.back() == '\n' ? "" : ",").append(plain == "null" ? "" : plain);
 }
 
 }  // namespace
@@ -121,7 +167,7 @@ std::string alarmsJson(const StationState& state) {
 std::string alarmJson(const StationState& state, const Alarm& alarm) {
     std::string text;
     JsonWriter json(text);
-    json::alarmValue(json, alarm, channelName(state, alarm));
+    json::alarmValue(json, state, alarm);
     return text;
 }
 
@@ -130,6 +176,10 @@ std::string streamAlarmJson(const StationState& state) {
     JsonWriter json(text);
     json.open('{').name("alarms");
     alarmList(json, state);
+    json.name("incidents");
+    json::incidentList(json, state);
+    json.name("passed");
+    json::passedBrief(json, state);
     json.close('}');
     return text;
 }
@@ -149,11 +199,15 @@ std::string eventsJson(std::span<const Event> events) {
         json.open('{').member("id", event.id).member("time", event.time);
         json.member("kind", eventKindName(event.kind)).member("group", json::groupOrNull(event.group));
         json.member("channel", event.channel).member("alarm", json::textOrNull(event.alarm));
-        json.member("alarmId", idOrNull(event.alarmId)).member("severity", severityText(event.severity));
+        json.member("alarmId", idOrNull(event.alarmId))
+            .member("severity", json::severityOrNull(event.severity));
         json.member("text", event.text).member("by", event.by).member("value", event.value);
         json.member("peak", event.peak);
         json.member("durationMs", event.duration ? std::optional(event.duration->count()) : std::nullopt);
-        json.member("silenced", event.silenced).close('}');
+        json.member("silenced", event.silenced);
+        json.member("source", event.source ? std::optional(sourceName(*event.source)) : std::nullopt);
+        json.member("until", event.until);
+        json.close('}');
     }
     json.close(']');
     return text;
@@ -161,7 +215,8 @@ std::string eventsJson(std::span<const Event> events) {
 
 std::string eventsCsv(std::span<const Event> events) {
     std::string text =
-        "id,time,kind,group,channel,alarm,alarmId,severity,text,by,value,peak,durationMs,silenced\r\n";
+        "id,time,kind,group,channel,alarm,alarmId,severity,text,by,value,peak,durationMs,silenced,source,"
+        "until\r\n";
     for (const Event& event : events) {
         csvPlain(text, std::optional(event.id));
         csvCell(text, rfc3339(event.time));
@@ -170,53 +225,57 @@ std::string eventsCsv(std::span<const Event> events) {
         csvCell(text, event.channel);
         csvCell(text, event.alarm);
         csvPlain(text, idOrNull(event.alarmId));
-        csvCell(text, severityText(event.severity).value_or(""));
+        csvCell(text, json::severityOrNull(event.severity).value_or(""));
         csvCell(text, event.text);
         csvCell(text, event.by);
         csvPlain(text, event.value);
         csvPlain(text, event.peak);
         csvPlain(text, event.duration ? std::optional(event.duration->count()) : std::nullopt);
         csvPlain(text, std::optional(event.silenced));
+        csvCell(text, event.source ? sourceName(*event.source) : "");
+        csvCell(text, event.until ? rfc3339(*event.until) : "");
         text += "\r\n";
     }
     return text;
 }
 
-std::string historyJson(const AskHistory& asked, std::span<const HistoryPoint> points) {
-    const auto metric = std::ranges::find(historyMetrics(), asked.metric, &HistoryMetricName::metric);
-    std::string text;
-    JsonWriter json(text);
-    json.open('{').member("group", asked.group.text()).member("metric", metric->name);
-    json.member("unit", metric->unit).member("counter", metric->counter);
-    json.member("resolution", asked.resolution).name("fields").open('[');
-    for (const std::string_view field : {"time", "minimum", "mean", "maximum"}) {
-        json.value(field);
-    }
-    json.close(']').name("points").open('[');
-    for (const HistoryPoint& point : points) {
-        json.open('[').value(point.time).value(point.minimum).value(point.mean).value(point.maximum);
-        json.close(']');
-    }
-    json.close(']').close('}');
-    return text;
-}
+namespace {
 
-std::string overviewJson(WallTime time, const AskOverview& asked, std::span<const OverviewRow> rows) {
+// What five minutes each were, as a text of a letter a cell, and how many seconds of which were bad.
+void cellMembers(JsonWriter& json, std::string_view name, std::string_view bad,
+                 std::span<const DayCell> cells) {
     constexpr std::string_view kCells = ".oan";  // by StripCell
     std::string text;
+    for (const DayCell& cell : cells) {
+        text += kCells.at(static_cast<std::size_t>(cell.worst));
+    }
+    json.member(name, text).name(bad).open('[');
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        if (cells[i].badSeconds > 0) {
+            json.open('[').value(i).value(cells[i].badSeconds).close(']');
+        }
+    }
+    json.close(']');
+}
+
+}  // namespace
+
+std::string overviewJson(WallTime time, const QueryOverview& query, std::span<const OverviewRow> rows) {
+    std::string text;
     JsonWriter json(text);
-    json.open('{').member("time", time).member("cells", asked.sparkCells);
-    json.member("seconds", asked.sparkSeconds).name("channels").open('[');
+    json.open('{').member("time", time).member("cells", query.sparkCells);
+    json.member("seconds", query.sparkSeconds).name("channels").open('[');
     for (const OverviewRow& row : rows) {
         json.open('{').member("group", row.group.text()).name("spark").open('[');
         for (const float value : row.spark) {
             json.value(std::isfinite(value) ? std::optional(std::llround(value)) : std::nullopt);
         }
-        std::string strip;
-        for (const StripCell cell : row.strip) {
-            strip += kCells.at(static_cast<std::size_t>(cell));
+        json.close(']');
+        cellMembers(json, "strip", "stripBad", std::span(row.day).last<kStripCells>());
+        if (query.day) {
+            cellMembers(json, "day", "bad", row.day);
         }
-        json.close(']').member("strip", strip).close('}');
+        json.close('}');
     }
     json.close(']').close('}');
     return text;

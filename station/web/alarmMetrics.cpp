@@ -15,20 +15,22 @@ using enum MetricType;
 
 // One that can be raised, and whether it is.
 struct AlarmRow {
-    std::optional<Group> group;
+    Subject about;
     std::size_t type;
     Severity severity;
     const Alarm* raised;  // null when it is not
 };
 
-// The alarms that are configured for a channel, or for the probe, and not raised.
-void addConfigured(std::vector<AlarmRow>& rows, const std::optional<Group>& group, const RuleSet& rules,
-                   const std::set<std::pair<std::optional<Group>, std::size_t>>& raised) {
+// The alarms that are configured for a channel, or for a source, and not raised.
+void addConfigured(std::vector<AlarmRow>& rows, const Subject& about, const RuleSet& rules, bool metered,
+                   bool pictured, const std::set<std::pair<Subject, std::size_t>>& raised) {
     const auto types = alarmTypes();
     for (std::size_t type = 0; type < types.size(); ++type) {
-        if (types[type].ofProbe != group.has_value() && types[type].kind != AlarmKind::kEvent &&
-            rules[type].enabled && !raised.contains({group, type})) {
-            rows.push_back({group, type, rules[type].severity, nullptr});
+        if (types[type].ofSource == about.source() && types[type].kind != AlarmKind::kEvent &&
+            (rules[type].enabled || (metered && rules[type].meter.enabled)) &&
+            (metered || !needsMeter(types[type])) && (pictured || !needsPictures(types[type])) &&
+            !raised.contains({about, type})) {
+            rows.push_back({about, type, rules[type].severity, nullptr});
         }
     }
 }
@@ -36,11 +38,11 @@ void addConfigured(std::vector<AlarmRow>& rows, const std::optional<Group>& grou
 // The raised ones first. Of channels' others either all are told or none, so that no series comes and goes.
 std::vector<AlarmRow> alarmRows(const StationState& state) {
     std::vector<AlarmRow> rows;
-    std::set<std::pair<std::optional<Group>, std::size_t>> raised;
+    std::set<std::pair<Subject, std::size_t>> raised;
     for (const Alarm& alarm : state.alarms) {
-        if (!alarm.group || state.find(*alarm.group) != nullptr) {
-            rows.push_back({alarm.group, alarm.type, alarm.severity, &alarm});
-            raised.emplace(alarm.group, alarm.type);
+        if (alarm.about.source() || state.find(*alarm.about.group()) != nullptr) {
+            rows.push_back({alarm.about, alarm.type, alarm.severity, &alarm});
+            raised.emplace(alarm.about, alarm.type);
         }
     }
     if (state.configuration == nullptr || !state.configuration->profiles.contains("default")) {
@@ -48,16 +50,20 @@ std::vector<AlarmRow> alarmRows(const StationState& state) {
     }
     const Profiles& profiles = state.configuration->profiles;
     const RuleSet& byDefault = profiles.at("default");
-    addConfigured(rows, {}, byDefault, raised);
+    const bool metered = state.meter.connections > 0;  // or nobody judges what the meter alone can
+    const bool pictured = state.pictures.connections > 0;
+    for (std::size_t source = 0; source < kSources; ++source) {
+        addConfigured(rows, static_cast<Source>(source), byDefault, metered, pictured, raised);
+    }
     const std::size_t always = rows.size();
     for (const auto& channel : state.channels) {
         if (channel->channel.enabled) {
             const auto named = profiles.find(channel->channel.profile);
             addConfigured(rows, channel->channel.group, named == profiles.end() ? byDefault : named->second,
-                          raised);
+                          metered, pictured, raised);
         }
         if (rows.size() > kMetricsAlarms) {
-            rows.resize(always);
+            rows.erase(rows.begin() + static_cast<std::ptrdiff_t>(always), rows.end());
             break;
         }
     }
@@ -70,8 +76,8 @@ void writeAlarmMetrics(Exposition& out, const StationState& state) {
     const std::vector<AlarmRow> rows = alarmRows(state);
     const auto labels = [](const AlarmRow& row) {
         std::string text;
-        if (row.group) {
-            appendLabel(text, "group", row.group->text());
+        if (const auto group = row.about.group()) {
+            appendLabel(text, "group", group->text());
         }
         appendLabel(text, "alarm", alarmTypes()[row.type].name);
         appendLabel(text, "severity", severityName(row.severity));
@@ -82,10 +88,17 @@ void writeAlarmMetrics(Exposition& out, const StationState& state) {
     for (const AlarmRow& row : rows) {
         out.sample(labels(row), {}, row.raised != nullptr ? 1 : 0);
     }
-    out.family({"kestor_alarm_acknowledged", kGauge, "1 for a raised alarm that was acknowledged, else 0."});
+    out.family({"kestor_alarm_acknowledged", kGauge,
+                "1 for a raised alarm that was acknowledged or is shelved, else 0."});
     for (const AlarmRow& row : rows) {
         if (row.raised != nullptr) {
-            out.sample(labels(row), {}, row.raised->acknowledged ? 1 : 0);
+            out.sample(labels(row), {}, row.raised->acknowledged || row.raised->shelved ? 1 : 0);
+        }
+    }
+    out.family({"kestor_alarm_shelved", kGauge, "1 for a raised alarm that is shelved, else 0."});
+    for (const AlarmRow& row : rows) {
+        if (row.raised != nullptr) {
+            out.sample(labels(row), {}, row.raised->shelved ? 1 : 0);
         }
     }
 }

@@ -1,7 +1,7 @@
 // Alarms as metrics: which are raised, which could be, and which somebody looks after.
 #pragma once
 
-#include "state.h"
+#include "state/state.h"
 #include "web/exposition.h"
 
 namespace station {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "basics/address.h"
+#include "channels/channelAttributes.h"
 #include "recordColumns.h"
 #include "recordValues.h"
 #include "tr101290Checks.h"
@@ -38,28 +39,96 @@ std::optional<Severity> worst(const ChannelState& channel) {
 }
 
 std::size_t unacknowledged(const ChannelState& channel) {
-    return static_cast<std::size_t>(
-        std::ranges::count_if(channel.alarms, [](const Alarm& alarm) { return !alarm.acknowledged; }));
+    return static_cast<std::size_t>(std::ranges::count_if(
+        channel.alarms, [](const Alarm& alarm) { return !alarm.acknowledged && !alarm.shelved; }));
 }
 
-// A measure of the last snapshot, unknown while no snapshot shows the channel.
+// Of a measure, unknown while its source does not deliver the channel.
 template <typename Value>
-std::optional<Value> measured(const ChannelState& channel, Value value) {
-    return channel.shown ? std::optional(value) : std::nullopt;
+std::optional<Value> whileShown(const Measured& measured, Value value) {
+    return measured.shown ? std::optional(value) : std::nullopt;
 }
 
-std::optional<std::string_view> severityText(std::optional<Severity> severity) {
-    return severity ? std::optional(severityName(*severity)) : std::nullopt;
+// By the place of a measure: the meter's that stands instead of it, or itself.
+constexpr auto kByMeter = [] {
+    std::array<const Measure*, kMeasures.size()> all{};
+    for (std::size_t i = 0; i < kMeasures.size(); ++i) {
+        const auto other = std::ranges::find(kMeasures, kMeasures[i].name, &Measure::insteadOf);
+        all[i] = other == kMeasures.end() ? &kMeasures[i] : &*other;
+    }
+    return all;
+}();
+
+// The measure of the same by the source that judges the channel. REQUIRES: one of kMeasures.
+const Measure& judged(const ChannelState& channel, const Measure& measure) {
+    if (channel.judgedBy == Source::kMeter && channel.measured[Source::kMeter].shown) {
+        return *kByMeter[static_cast<std::size_t>(&measure - kMeasures.data())];
+    }
+    return measure;
 }
 
-constexpr std::size_t kLost = sampleCounter("packetsLost");
-constexpr std::size_t kContinuity = sampleCounter("Continuity_count_error");
+// What a channel's description tells of a measure: totals and what is.
+void measuredValue(JsonWriter& json, const ChannelState& channel, const Measure& asked) {
+    const Measure& measure = judged(channel, asked);
+    const Measured& measured = channel.measured[measure.source];
+    if (measure.kind == MeasureKind::kCounter) {
+        const bool known = measured.sample.knows(measure, nullptr);
+        json.value(known ? whileShown(measured, measured.sample.count(measure).total) : std::nullopt);
+    } else {
+        json.value(whileShown(measured, measured.sample.value(measure)));
+    }
+}
+
+// What the wall shows of it: what came in the last minute, or what is.
+void wallValue(JsonWriter& json, const ChannelState& channel, const Measure& asked) {
+    if (asked.kind == MeasureKind::kCounter) {
+        const Measure& measure = judged(channel, asked);
+        const Measured& measured = channel.measured[measure.source];
+        json.value(whileShown(measured, measured.lastMinute[measure.place]));
+    } else {
+        measuredValue(json, channel, asked);
+    }
+}
+
+// Calls those functions for the measures of a row: first those that descriptions have, under their names,
+// then what the wall shows beside them.
+void forRow(const auto& listed, const auto& onWall) {
+    for (const Measure& measure : kMeasures) {
+        if (measure.listed) {
+            listed(measure);
+        }
+    }
+    for (const Measure& measure : kMeasures) {
+        if (!measure.wall.field.empty() && !(measure.listed && measure.wall.field == measure.name)) {
+            onWall(measure);
+        }
+    }
+}
+
+// What the meter says of what the channel is, under its names: null while it does not deliver it.
+void forMeter(const MeterBrief& brief, const auto& tell) {
+    const auto text = [&brief](std::string MeterFacts::*member) {
+        return brief.facts ? json::textOrNull((*brief.facts).*member) : std::nullopt;
+    };
+    tell("serviceName", text(&MeterFacts::serviceName));
+    tell("resolution", text(&MeterFacts::resolution));
+    tell("codec", text(&MeterFacts::codec));
+    tell("lastCue", brief.lastCue);
+    tell("cueOut", brief.cueOut);
+}
 
 void channelMembers(JsonWriter& json, const ChannelState& state) {
     const Channel& channel = state.channel;
     json.member("group", channel.group.text()).member("name", channel.name);
-    json.member("number", channel.number == 0 ? std::nullopt : std::optional(channel.number));
-    json.member("logo", json::textOrNull(channel.logo));
+    forEachChannelAttribute([&](const auto& attribute) {
+        if constexpr (requires(JsonWriter & writer) { writer.value(channel.*attribute.member); }) {
+            if (attribute.shown) {
+                const auto& value = channel.*attribute.member;
+                const bool set = value != typename std::decay_t<decltype(attribute)>::Value{};
+                json.member(attribute.name, set ? std::optional(value) : std::nullopt);
+            }
+        }
+    });
     json.name("labels").open('{');
     for (const auto& [label, value] : channel.labels) {
         json.value(label).colon().value(value);
@@ -67,13 +136,62 @@ void channelMembers(JsonWriter& json, const ChannelState& state) {
     json.close('}');
     json.member("profile", channel.profile).member("origin", originName(channel.origin));
     json.member("enabled", channel.enabled).member("state", channelStatusName(state.status));
-    json.member("severity", severityText(worst(state)));
+    json.member("severity", json::severityOrNull(worst(state)));
     json.member("acknowledged", !state.alarms.empty() && unacknowledged(state) == 0);
-    json.member("maintenance", state.maintenance);
-    json.member("bitRate", measured(state, state.sample.bitRate));
-    json.member("packetsLost", measured(state, state.sample.totals[kLost]));
-    json.member("Continuity_count_error", measured(state, state.sample.totals[kContinuity]));
+    json.member("maintenance", state.maintenance).member("judgedBy", sourceName(state.judgedBy));
+    for (const Measure& measure : kMeasures) {
+        if (measure.listed) {
+            json.name(measure.name);
+            measuredValue(json, state, measure);
+        }
+    }
     json.member("lastSeen", state.lastSeen);
+    forMeter(state.meter, [&json](std::string_view name, const auto& value) { json.member(name, value); });
+}
+
+// The newest picture and what it shows, of which the last turn may have had none.
+void pictureMember(JsonWriter& json, const PictureBrief& picture) {
+    json.name("picture");
+    if (!picture.last) {
+        json.value(nullptr);
+        return;
+    }
+    const PictureFigures& last = *picture.last;
+    const auto size = [](uint32_t number) { return number == 0 ? std::nullopt : std::optional(number); };
+    json.open('{').member("taken", picture.taken).member("outcome", pictureOutcomeName(last.outcome));
+    json.member("time", last.time).member("problem", json::textOrNull(picture.problem));
+    json.member("leftOutUntil", picture.leftOutUntil);
+    json.member("width", size(last.width)).member("height", size(last.height));
+    json.member("luma", last.luma).member("spread", last.spread);
+    json.member("difference", last.difference).member("change", last.change).member("since", last.since);
+    json.member("loudness", last.loudness).close('}');
+}
+
+// In place of a picture on the wall; nothing where there is one, or nothing is known.
+std::optional<std::string_view> pictureNote(const PictureBrief& picture) {
+    return picture.last && picture.last->outcome != PictureOutcome::kTaken
+               ? std::optional(whyNoPicture(picture.last->outcome))
+               : std::nullopt;
+}
+
+void picturesValue(JsonWriter& json, const PictureState& pictures) {
+    if (!pictures.configured) {
+        json.value(nullptr);
+        return;
+    }
+    json.open('{').member("connected", pictures.connected).member("silent", pictures.silent);
+    json.member("problem", json::textOrNull(pictures.problem));
+    json.member("version", json::textOrNull(pictures.version)).member("since", pictures.since);
+    json.member("meter", pictures.meter).member("held", pictures.held).member("bytes", pictures.bytes);
+    json.member("pictures", pictures.pictures).member("failures", pictures.failures);
+    json.member("workersKilled", pictures.workersKilled).member("dropped", pictures.dropped);
+    json.member("refused", pictures.refused).member("cpuSeconds", pictures.cpuSeconds);
+    json.member("intervalSeconds", pictures.intervalSeconds).name("leftOut").open('[');
+    for (const PictureState::LeftOut& one : pictures.leftOut) {
+        json.open('{').member("group", basics::dotted(one.group)).member("until", one.until);
+        json.member("why", one.why).close('}');
+    }
+    json.close(']').close('}');
 }
 
 void identityMember(JsonWriter& json, const ChannelState& channel, bool passive) {
@@ -97,14 +215,15 @@ void identityMember(JsonWriter& json, const ChannelState& channel, bool passive)
     json.close('}');
 }
 
-void checksMember(JsonWriter& json, const ChannelState& channel) {
+void checkCounts(JsonWriter& json, const ChannelState& channel) {
     json.name("checks").open('[');
-    if (channel.shown) {
+    if (const Measured& measured = channel.measured[Source::kProbe]; measured.shown) {
         for (const records::Check& check : records::kChecks) {
-            const std::size_t counter = findSampleCounter(check.column).value();
-            json.open('{').member("column", check.column).member("count", channel.sample.totals[counter]);
-            json.member("lastMinute", channel.lastMinute[counter]);
-            json.member("lastError", channel.lastError[counter]).close('}');
+            const Measure& counter = measureOf(check.column);
+            json.open('{').member("column", check.column);
+            json.member("count", measured.sample.count(counter).total);
+            json.member("lastMinute", measured.lastMinute[counter.place]);
+            json.member("lastError", measured.lastError[counter.place]).close('}');
         }
     }
     json.close(']');
@@ -126,7 +245,11 @@ void recordValue(JsonWriter& json, const Record& record) {
 
 void windowValue(JsonWriter& json, const Maintenance& window) {
     json.open('{').member("id", window.id).member("from", window.from).member("until", window.until);
-    json.member("group", json::groupOrNull(window.group)).member("remark", window.remark);
+    json.member("group", json::groupOrNull(window.group)).name("groups").open('[');
+    for (const Group& group : window.groups) {
+        json.value(group.text());
+    }
+    json.close(']').member("about", json::textOrNull(window.about)).member("remark", window.remark);
     json.member("by", window.by).close('}');
 }
 
@@ -146,10 +269,15 @@ std::string statusJson(const StationState& state) {
     json::machineValue(json, state.machine);
     json.name("meter");
     json::meterValue(json, state.meter);
+    json.name("pictures");
+    picturesValue(json, state.pictures);
     const auto count = [&state](auto&& counts) { return std::ranges::count_if(state.channels, counts); };
     json.name("channels").open('{').member("configured", state.channels.size());
-    json.member("watched", count([](const auto& one) { return one->channel.enabled && one->shown; }));
-    json.member("withSignal", count([](const auto& one) { return one->shown && one->sample.signal; }));
+    const auto ofProbe = [](const auto& one) -> const Measured& { return one->measured[Source::kProbe]; };
+    json.member("watched",
+                count([&](const auto& one) { return one->channel.enabled && ofProbe(one).shown; }));
+    json.member("withSignal",
+                count([&](const auto& one) { return ofProbe(one).shown && ofProbe(one).sample.signal; }));
     json.close('}').name("alarms");
     alarmCounts(json, state.alarms);
     json.member("passive", state.passive);
@@ -186,7 +314,8 @@ std::string channelJson(const StationState& state, const ChannelState& channel) 
     json.member("countsSince", channel.countsSince);
     json.member("note", json::textOrNull(channel.note));
     identityMember(json, channel, state.passive);
-    checksMember(json, channel);
+    pictureMember(json, channel.picture);
+    checkCounts(json, channel);
     json.name("stream");
     if (channel.stream != nullptr) {
         recordValue(json, *channel.stream);
@@ -199,7 +328,7 @@ std::string channelJson(const StationState& state, const ChannelState& channel) 
     }
     json.close(']').name("alarms").open('[');
     for (const Alarm& alarm : channel.alarms) {
-        alarmValue(json, alarm, channel.channel.name);
+        alarmValue(json, state, alarm);
     }
     json.close(']').close('}');
     return text;
@@ -232,21 +361,27 @@ std::string streamSnapshotJson(const StationState& state) {
     json.name("alarms");
     alarmCounts(json, state.alarms);
     json.name("fields").open('[');
-    for (const std::string_view field :
-         {"group", "state", "severity", "bitRate", "packetsLost", "Continuity_count_error", "lostLastMinute",
-          "continuityLastMinute", "qualityIndex", "unacknowledged", "maintenance", "lastSeen"}) {
+    for (const std::string_view field : {"group", "state", "severity"}) {
         json.value(field);
     }
+    forRow([&](const Measure& measure) { json.value(measure.name); },
+           [&](const Measure& measure) { json.value(measure.wall.field); });
+    for (const std::string_view field : {"unacknowledged", "maintenance", "lastSeen"}) {
+        json.value(field);
+    }
+    forMeter({}, [&json](std::string_view field, const auto&) { json.value(field); });
+    json.value("pictureTaken").value("pictureNote");
     json.close(']').name("channels").open('[');
     for (const auto& channel : state.channels) {
         json.open('[').value(channel->channel.group.text()).value(channelStatusName(channel->status));
-        json.value(severityText(worst(*channel))).value(measured(*channel, channel->sample.bitRate));
-        json.value(measured(*channel, channel->sample.totals[kLost]));
-        json.value(measured(*channel, channel->sample.totals[kContinuity]));
-        json.value(measured(*channel, channel->lastMinute[kLost]));
-        json.value(measured(*channel, channel->lastMinute[kContinuity]));
-        json.value(measured(*channel, channel->sample.qualityIndex)).value(unacknowledged(*channel));
-        json.value(channel->maintenance).value(channel->lastSeen).close(']');
+        json.value(json::severityOrNull(worst(*channel)));
+        forRow([&](const Measure& measure) { measuredValue(json, *channel, measure); },
+               [&](const Measure& measure) { wallValue(json, *channel, measure); });
+        json.value(unacknowledged(*channel));
+        json.value(channel->maintenance).value(channel->lastSeen);
+        forMeter(channel->meter, [&json](std::string_view, const auto& value) { json.value(value); });
+        json.value(channel->picture.taken).value(pictureNote(channel->picture));
+        json.close(']');
     }
     json.close(']').close('}');
     return text;
@@ -259,6 +394,7 @@ std::string streamChannelsJson(const StationState& state) {
 }
 
 std::string useJson(const StationUse& use, const ProbeState& probe, const EventStore::Statistics& store,
+                    const MinuteStore::Statistics& history,
                     std::span<const Delivery::ReceiverStatistics> delivery, const ServerStatistics& server) {
     std::string text;
     JsonWriter json(text);
@@ -269,6 +405,8 @@ std::string useJson(const StationUse& use, const ProbeState& probe, const EventS
     json.member("longestWaitMs", probe.longestPipeWaitMs).close('}');
     json.name("store").open('{').member("written", store.written).member("dropped", store.dropped);
     json.member("waiting", store.waiting).member("bytes", store.bytes).member("failing", store.failing);
+    json.close('}').name("history").open('{').member("bytes", history.bytes);
+    json.member("dropped", history.dropped).member("lastProblem", json::textOrNull(history.problem));
     json.close('}').name("delivery").open('[');
     for (const auto& receiver : delivery) {
         json.open('{').member("name", receiver.name).member("url", receiver.url);

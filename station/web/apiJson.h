@@ -1,12 +1,13 @@
 // The answers of the API as JSON; docs/api.yaml describes them.
 #pragma once
 
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
-#include "commands.h"
-#include "state.h"
+#include "state/commands.h"
+#include "state/state.h"
 #include "web/server.h"
 
 namespace station {
@@ -17,7 +18,13 @@ std::string channelJson(const StationState& state, const ChannelState& channel);
 // A report of the meter: the document that kestor-measure --json prints, and what it prints without.
 std::string meterReportJson(const MeterReport& report);
 std::string meterReportText(const MeterReport& report);
+// Newest first; where none are kept those of the report, when they came being unknown.
+std::string cuesJson(const std::vector<MeterCue>& cues, const std::optional<MeterReport>& report);
 std::string alarmsJson(const StationState& state);
+std::string incidentsJson(const StationState& state);
+std::string passedJson(const StationState& state);
+std::string shelvedJson(const StationState& state);
+std::string handledJson(const Answer& answer);
 std::string alarmJson(const StationState& state, const Alarm& alarm);
 std::string alarmTypesJson();
 std::string metaJson(const StationState& state);
@@ -29,10 +36,10 @@ std::string eventsJson(std::span<const Event> events);
 // it.
 std::string eventsCsv(std::span<const Event> events);
 
-std::string historyJson(const AskHistory& asked, std::span<const HistoryPoint> points);
-std::string overviewJson(WallTime time, const AskOverview& asked, std::span<const OverviewRow> rows);
+std::string overviewJson(WallTime time, const QueryOverview& query, std::span<const OverviewRow> rows);
 std::string importJson(const Answer& answer);
 std::string useJson(const StationUse& use, const ProbeState& probe, const EventStore::Statistics& store,
+                    const MinuteStore::Statistics& history,
                     std::span<const Delivery::ReceiverStatistics> delivery, const ServerStatistics& server);
 
 // Data of the event stream's events.

@@ -67,8 +67,8 @@ void putChannel(Services& services, const Call& call, Reply&& reply) {
     const Group group = *call.group;
     const int status = call.state->find(group) == nullptr ? 201 : 200;
     askParsed(services, parsePutChannel(group, call.request.body), std::move(reply),
-              [group, status, gzip = takesGzip(call)](Services& room, Answer&&, Reply&& answered) {
-                  answerChannel(room, Of::kChange, group, gzip, std::move(answered), status);
+              [group, status, gzip = takesGzip(call)](Services& room, Answer&&, Reply&& respond) {
+                  answerChannel(room, Of::kChange, group, gzip, std::move(respond), status);
               });
 }
 
@@ -79,22 +79,49 @@ void deleteChannel(Services& services, const Call& call, Reply&& reply) {
 void acknowledge(Services& services, const Call& call, Reply&& reply) {
     const int64_t id = call.id;
     askParsed(services, parseAcknowledge(id, call.request.body), std::move(reply),
-              [id](Services& room, Answer&&, Reply&& answered) {
-                  answered(alarmResponse(*room.station.state(), id));
+              [id](Services& room, Answer&&, Reply&& respond) {
+                  respond(alarmResponse(*room.station.state(), id));
               });
+}
+
+namespace {
+
+void handle(Services& services, const Call& call, HandleAlarms::What what, Reply&& reply) {
+    askParsed(services, parseHandle(what, call.request.body), std::move(reply),
+              [](Services& /*room*/, Answer&& result, Reply&& respond) {
+                  respond(jsonResponse(handledJson(result)));
+              });
+}
+
+}  // namespace
+
+void acknowledgeMany(Services& services, const Call& call, Reply&& reply) {
+    handle(services, call, HandleAlarms::What::kAcknowledge, std::move(reply));
+}
+
+void unacknowledge(Services& services, const Call& call, Reply&& reply) {
+    handle(services, call, HandleAlarms::What::kUnacknowledge, std::move(reply));
+}
+
+void shelve(Services& services, const Call& call, Reply&& reply) {
+    handle(services, call, HandleAlarms::What::kShelve, std::move(reply));
+}
+
+void unshelve(Services& services, const Call& call, Reply&& reply) {
+    handle(services, call, HandleAlarms::What::kUnshelve, std::move(reply));
 }
 
 void setMaintenance(Services& services, const Call& call, Reply&& reply) {
     askParsed(services, parseMaintenance(call.state->now.wall, call.request.body), std::move(reply),
-              [](Services& room, Answer&& said, Reply&& answered) {
-                  answered(windowResponse(*room.station.state(), said.id));
+              [](Services& room, Answer&& result, Reply&& respond) {
+                  respond(windowResponse(*room.station.state(), result.id));
               });
 }
 
 void endMaintenance(Services& services, const Call& call, Reply&& reply) {
     ask(services, EndMaintenance{call.id}, std::move(reply),
-        [gzip = takesGzip(call)](Services& room, Answer&&, Reply&& answered) {
-            answerMaintenance(room, Of::kChange, gzip, std::move(answered));
+        [gzip = takesGzip(call)](Services& room, Answer&&, Reply&& respond) {
+            answerMaintenance(room, Of::kChange, gzip, std::move(respond));
         });
 }
 
@@ -116,11 +143,11 @@ void reload(Services& services, const Call& call, Reply&& reply) {
 
 void importPlaylist(Services& services, const Call& call, Reply&& reply) {
     ask(services, ImportPlaylist{call.request.body}, std::move(reply),
-        [gzip = takesGzip(call)](Services& room, Answer&& said, Reply&& answered) {
-            const auto shared = std::make_shared<Answer>(std::move(said));
+        [gzip = takesGzip(call)](Services& room, Answer&& result, Reply&& respond) {
+            const auto shared = std::make_shared<Answer>(std::move(result));
             answer(
                 room, Of::kChange, {}, gzip, [shared] { return AnswerText{importJson(*shared)}; },
-                std::move(answered));
+                std::move(respond));
         });
 }
 

@@ -261,7 +261,7 @@ void Connection::respond(uint64_t exchange, Response&& response) {
                                                         : payload->text();
     const auto head = std::make_shared<const std::string>(responseHead(response, body, keepAlive_));
     if (response.eventStream && request_.method != Method::kHead) {
-        becomeStream();
+        becomeStream(response.compressed);
     }
     phase_ = Phase::kWriting;
     writeLimit_ = std::chrono::steady_clock::now() + kWholeTime;
@@ -341,9 +341,10 @@ void Connection::drain() {
                             });
 }
 
-void Connection::becomeStream() {
+void Connection::becomeStream(bool compressed) {
     ++shared_.counters.streams;
     stream_.emplace();
+    streamCompressed_ = compressed;
     shared_.refreshEvents();
     watchStream();
 }
@@ -351,7 +352,7 @@ void Connection::becomeStream() {
 void Connection::nextEvent() {
     const PayloadPointer payload = shared_.events.next(*stream_, std::chrono::steady_clock::now());
     if (payload != nullptr) {
-        send({{payload, payload->text()}});
+        send({{payload, streamCompressed_ ? payload->gzip() : payload->text()}});
     }
 }
 

@@ -112,7 +112,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void writeSome();
     void written();
     void drain();
-    void becomeStream();
+    void becomeStream(bool compressed);
     void nextEvent();
     void watchStream();
     void readingFailed(const boost::system::error_code& error);
@@ -143,6 +143,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::size_t sent_ = 0;     // bytes of them
 
     std::optional<EventStream::Client> stream_;
+    bool streamCompressed_ = false;
     std::array<char, 512> scratch_{};
     std::size_t received_ = 0;  // bytes nobody asked for
 };

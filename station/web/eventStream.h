@@ -3,9 +3,10 @@
 
 #include <array>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
-#include "state.h"
+#include "state/state.h"
 #include "web/message.h"
 
 namespace station {
@@ -16,6 +17,9 @@ namespace station {
 class EventStream {
   public:
     static constexpr std::chrono::seconds kCommentEvery{15};
+    // A snapshot that says of channels what the last one said is made so long after it at the earliest: the
+    // station publishes a state between two of the probe.
+    static constexpr std::chrono::milliseconds kUnchangedEvery{1500};
 
     // What a client is still owed, by kind of event.
     class Client {
@@ -30,15 +34,20 @@ class EventStream {
         std::array<PayloadPointer, 3> payloads;  // null: as it was
         std::array<uint64_t, 3> versions{};
         uint64_t lastNumber = 0;
+        std::string probe;  // of the snapshot, where there is one
+        SteadyTime snapshotMade{};
     };
     // What make() needs to know, taken on the I/O thread.
     struct Known {
         std::array<uint64_t, 3> versions{};
         std::array<bool, 3> there{};
         uint64_t lastNumber = 0;
+        PayloadPointer snapshot;  // that was made last
+        std::string probe;        // what mattered of the probe then
+        SteadyTime snapshotMade{};
     };
     Known known() const;
-    // Any thread: it takes as long as there are channels.
+    // Any thread: it takes as long as there are channels. Payloads are compressed as pieces (gzip.h) as well.
     static Update make(const StationState& state, const Known& known, const BudgetPointer& budget);
     void adopt(Update&& update);
     // When nobody listens: what is old is not to be sent to who comes next.
@@ -61,6 +70,8 @@ class EventStream {
     };
     std::array<Newest, 3> newest_;
     uint64_t lastNumber_ = 0;
+    std::string probe_;
+    SteadyTime snapshotMade_{};
 };
 
 }  // namespace station

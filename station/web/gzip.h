@@ -28,4 +28,10 @@ class GzipWriter {
 
 std::string gzipOf(std::string_view text);
 
+// A stream without an end, for several who join at any time: gzipStreamHead() once, then pieces. Each piece
+// is compressed by itself and can be read as soon as it came, whatever pieces came before. They throw
+// std::bad_alloc.
+std::string gzipStreamHead();
+std::string gzipPiece(std::string_view text);
+
 }  // namespace station

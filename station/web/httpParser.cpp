@@ -115,35 +115,4 @@ std::optional<Response> refuseMessage(const boost::system::error_code& error) {
     return problem(400, "This is no HTTP/1.1 request (RFC 9112): " + error.message());
 }
 
-std::variant<Request, Response> parseRequest(std::string_view bytes) {
-    Head head = inspectHead(bytes);
-    if (head.refusal) {
-        return std::move(*head.refusal);
-    }
-    HttpParser parser;
-    setLimits(parser);
-    parser.eager(true);
-    boost::system::error_code error;
-    while (!parser.is_done() && !bytes.empty()) {
-        const std::size_t used = parser.put(boost::asio::buffer(bytes.data(), bytes.size()), error);
-        bytes.remove_prefix(std::min(used, bytes.size()));
-        auto refused = parser.is_header_done() ? refuseFraming(parser.get()) : std::nullopt;
-        if (refused) {
-            return std::move(*refused);
-        }
-        if (error || used == 0) {
-            break;
-        }
-    }
-    if (!parser.is_done()) {
-        auto refused = refuseMessage(error);
-        return refused && error != http::error::need_more ? std::move(*refused)
-                                                          : problem(400, "The request is not whole");
-    }
-    HttpRequest message = parser.release();
-    Request request = toRequest(message);
-    request.body = std::move(message.body());
-    return request;
-}
-
 }  // namespace station

@@ -4,7 +4,6 @@
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <string_view>
-#include <variant>
 
 #include "web/message.h"
 
@@ -32,9 +31,5 @@ Head inspectHead(std::string_view bytes);
 std::optional<Response> refuseFraming(const HttpRequest& message);
 // The answer to what the parser refused; nothing when the connection failed or ended, and is to be closed.
 std::optional<Response> refuseMessage(const boost::system::error_code& error);
-
-// One whole request in memory, as a connection would read it: the request, or the answer that refuses it.
-// Bytes behind it are left alone, and a request that is not whole is refused with 400.
-std::variant<Request, Response> parseRequest(std::string_view bytes);
 
 }  // namespace station

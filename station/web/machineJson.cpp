@@ -30,8 +30,7 @@ void machineValue(JsonWriter& json, const MachineState& machine) {
     json.open('{').member("known", machine.known).member("problem", textOrNull(machine.problem));
     interfaceMember(json, machine);
     json.member("linkProblem", textOrNull(machine.linkProblem));
-    json.member("joinProblem", textOrNull(machine.joinProblem))
-        .member("notJoined", ifKnown(machine.notJoined));
+    json.member("joinProblem", textOrNull(machine.joinProblem)).member("notJoined", machine.notJoined);
     json.member("doubled", textOrNull(machine.doubled));
     json.member("rejoins", machine.rejoins).member("rejoinedGroups", machine.rejoinedGroups);
     json.member("lastRejoin", machine.lastRejoin);

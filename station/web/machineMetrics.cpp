@@ -38,6 +38,10 @@ constexpr auto kCardMetrics = std::to_array<CardMetric>({
      [](const NetworkInterface& card) { return static_cast<double>(card.received.fifo); }},
 });
 
+std::optional<double> asMetric(std::optional<uint64_t> count) {
+    return count ? std::optional(static_cast<double>(*count)) : std::nullopt;
+}
+
 // Nothing: not known, and left out.
 struct MachineMetric {
     MetricFamily family;
@@ -51,9 +55,11 @@ constexpr auto kMachineMetrics = std::to_array<MachineMetric>({
      }},
     {{"kestor_groups_not_joined", kGauge,
       "Groups without signal that are not joined on the interface that the probe captures."},
-     [](const MachineState& machine) {
-         return machine.known ? std::optional(static_cast<double>(machine.notJoined)) : std::nullopt;
-     }},
+     [](const MachineState& machine) { return asMetric(machine.notJoined); }},
+    {{"kestor_groups_joined_elsewhere", kGauge,
+      "Groups that are joined on another interface as well, or joined and watched no more: the network sends "
+      "them there for nobody."},
+     [](const MachineState& machine) { return asMetric(machine.joinedElsewhere); }},
     {{"kestor_group_rejoins_total", kCounter, "Groups that the probe was told to join again."},
      [](const MachineState& machine) -> std::optional<double> {
          return static_cast<double>(machine.rejoinedGroups);

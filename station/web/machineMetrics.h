@@ -1,7 +1,7 @@
 // Metrics of this machine: the interface that the probe captures, joins, and what was dropped.
 #pragma once
 
-#include "state.h"
+#include "state/state.h"
 #include "web/exposition.h"
 
 namespace station {

@@ -2,7 +2,9 @@
 #include <algorithm>
 #include <array>
 #include <set>
+#include <type_traits>
 
+#include "channels/channelAttributes.h"
 #include "recordColumns.h"
 #include "sarn/names.h"
 #include "store/eventKinds.h"
@@ -33,7 +35,7 @@ void columnsMember(JsonWriter& json) {
     json.close(']').close('}');
 }
 
-void checksMember(JsonWriter& json) {
+void checkNames(JsonWriter& json) {
     json.name("checks").open('[');
     for (const records::Check& check : records::kChecks) {
         const auto column = std::ranges::find(records::kCounterColumns, check.column, &records::Column::name);
@@ -56,7 +58,8 @@ void namesMember(JsonWriter& json, std::string_view member, const Values& values
 void historyMember(JsonWriter& json) {
     json.name("historyMetrics").open('[');
     for (const HistoryMetricName& metric : historyMetrics()) {
-        json.open('{').member("name", metric.name).member("unit", metric.unit);
+        json.open('{').member("name", metric.name).member("title", metric.title);
+        json.member("meaning", metric.meaning).member("unit", metric.unit);
         json.member("counter", metric.counter).close('}');
     }
     json.close(']').name("stripCells").open('[');
@@ -64,6 +67,40 @@ void historyMember(JsonWriter& json) {
          {std::pair(StripCell::kNoData, "."), std::pair(StripCell::kOk, "o"),
           std::pair(StripCell::kAlarm, "a"), std::pair(StripCell::kNoSignal, "n")}) {
         json.open('{').member("cell", letter).member("name", stripCellName(cell)).close('}');
+    }
+    json.close(']');
+}
+
+// What the page's form has of a channel.
+void attributesMember(JsonWriter& json) {
+    json.name("attributes").open('[');
+    forEachChannelAttribute([&](const auto& attribute) {
+        using Value = typename std::decay_t<decltype(attribute)>::Value;
+        if (attribute.label.empty()) {
+            return;
+        }
+        json.open('{').member("name", attribute.name).member("label", attribute.label);
+        json.member("type", std::is_same_v<Value, std::string> ? "text"
+                            : std::is_same_v<Value, Labels>    ? "labels"
+                            : std::is_same_v<Value, bool>      ? "boolean"
+                                                               : "number");
+        json.member("choices", json::textOrNull(attribute.choices)).close('}');
+    });
+    json.close(']');
+}
+
+// Of the measures that the wall shows.
+void wallMember(JsonWriter& json) {
+    json.name("wallColumns").open('[');
+    for (const Measure& measure : kMeasures) {
+        const WallColumn& column = measure.wall;
+        if (!column.field.empty()) {
+            json.open('{').member("field", column.field).member("label", column.label);
+            json.member("heading", column.heading).member("title", json::textOrNull(column.title));
+            json.member("unit", measure.unit).member("counter", measure.kind == MeasureKind::kCounter);
+            json.member("decimals", column.decimals < 0 ? std::nullopt : std::optional(column.decimals));
+            json.close('}');
+        }
     }
     json.close(']');
 }
@@ -83,8 +120,10 @@ std::string metaJson(const StationState& state) {
     std::string text;
     JsonWriter json(text);
     json.open('{').member("version", KESTOR_VERSION);
+    json.member("instance",
+                state.configuration ? std::optional(state.configuration->instance) : std::nullopt);
     columnsMember(json);
-    checksMember(json);
+    checkNames(json);
     json.name("alarmTypes");
     json::alarmTypesValue(json);
     json.name("eventKinds").open('[');
@@ -106,6 +145,8 @@ std::string metaJson(const StationState& state) {
     }
     namesMember(json, "profiles", profiles, [](std::string_view name) { return name; });
     historyMember(json);
+    wallMember(json);
+    attributesMember(json);
     numberedTexts(json, "streamTypes", GetTypeName);
     numberedTexts(json, "descriptorTags", GetDescriptorName);
     json.close('}');

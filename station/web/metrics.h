@@ -2,15 +2,17 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
-#include "state.h"
+#include "state/state.h"
 #include "store/delivery.h"
 #include "store/eventStore.h"
 #include "web/exposition.h"
+#include "web/meterMetrics.h"
+#include "web/pidMetrics.h"
 #include "web/server.h"
 
 namespace station {
@@ -24,20 +26,17 @@ inline constexpr std::chrono::seconds kMetricsStaleAfter{10};
 // told.
 inline constexpr std::size_t kMetricsAlarms = 50'000;
 
-// Up to so many series of PIDs' checks are told before a check fails; of more each from its first error on.
-inline constexpr std::size_t kMetricsPidChecks = 20'000;
-
 // What the station tells of itself beside its state.
 struct MetricsExtras {
     std::string_view version;
     EventStore::Statistics store;
     std::vector<Delivery::ReceiverStatistics> delivery;
     ServerStatistics server;
+    MinuteStore::Statistics history{};
+    std::function<MeterReports()> meterReports{};  // any thread; empty for none
 };
 
-// Writes the metrics of a state. It remembers which checks of which PIDs ever counted an error, so that such
-// a series goes on with 0 when counters are cleared; a PID that a state does not show is forgotten. One
-// thread.
+// Writes the metrics of a state. One thread.
 //
 // A text for 1000 channels of ten PIDs has 13 MB and takes 20 ms; 31 MB and 45 ms once every check of every
 // PID failed.
@@ -48,8 +47,7 @@ class MetricsWriter {
                      const Exposition::Flush& flush = {});
 
   private:
-    // By group and PID, a bit a check of records::kChecks.
-    std::unordered_map<uint64_t, uint32_t> failedChecks_;
+    PidMetrics pids_;
 };
 
 }  // namespace station

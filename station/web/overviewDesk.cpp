@@ -12,10 +12,6 @@ namespace {
 // A larger last answer is not kept.
 constexpr std::size_t kKeptBytes = std::size_t{4} << 20;
 
-bool isSame(const AskOverview& one, const AskOverview& other) {
-    return one.sparkCells == other.sparkCells && one.sparkSeconds == other.sparkSeconds;
-}
-
 Response overviewResponse(const PayloadPointer& payload) {
     if (payload == nullptr) {
         return problem(503, "Too much waits to be done");
@@ -28,14 +24,13 @@ Response overviewResponse(const PayloadPointer& payload) {
 
 }  // namespace
 
-void OverviewDesk::ask(Services& services, const AskOverview& asked, bool gzip, Reply&& reply) {
-    if (last_ != nullptr && lastState_ == services.station.state()->number && isSame(lastAsked_, asked) &&
+void OverviewDesk::ask(Services& services, const QueryOverview& query, bool gzip, Reply&& reply) {
+    if (last_ != nullptr && lastState_ == services.station.state()->number && lastQuery_ == query &&
         lastGzip_ == gzip) {
         return reply(overviewResponse(last_));
     }
-    const auto same = std::ranges::find_if(waiting_, [&](const Waiting& waiting) {
-        return isSame(waiting.asked, asked) && waiting.gzip == gzip;
-    });
+    const auto same = std::ranges::find_if(
+        waiting_, [&](const Waiting& waiting) { return waiting.query == query && waiting.gzip == gzip; });
     if (same != waiting_.end()) {
         same->replies.push_back(std::move(reply));
         return;
@@ -43,7 +38,7 @@ void OverviewDesk::ask(Services& services, const AskOverview& asked, bool gzip, 
     if (waiting_.size() >= kWaiting) {
         return reply(overviewResponse(nullptr));
     }
-    waiting_.push_back({asked, gzip, {}});
+    waiting_.push_back({query, gzip, {}});
     waiting_.back().replies.push_back(std::move(reply));
     next(services);
 }
@@ -61,13 +56,13 @@ void OverviewDesk::next(Services& services) {
     const uint64_t turn = ++turn_;
     const Waiting& first = waiting_.front();
     // Of the owner's answer, on this thread.
-    const auto build = [this, &services, turn, asked = first.asked,
+    const auto build = [this, &services, turn, query = first.query,
                         gzip = first.gzip](const std::shared_ptr<Answer>& answer) {
         const StatePointer state = services.station.state();
         const bool built = services.answers->ask(
             {}, gzip,
-            [state, asked, answer] {
-                return AnswerText{overviewJson(state->now.wall, asked, answer->overview)};
+            [state, query, answer] {
+                return AnswerText{overviewJson(state->now.wall, query, answer->overview)};
             },
             [this, &services, turn, post = services.post](const PayloadPointer& payload) {
                 post([this, &services, turn, payload] { answered(services, turn, payload); });
@@ -76,8 +71,8 @@ void OverviewDesk::next(Services& services) {
             answered(services, turn, nullptr);
         }
     };
-    Command command{first.asked, [post = services.post, build](Answer&& said) {
-                        const auto answer = std::make_shared<Answer>(std::move(said));
+    Command command{first.query, [post = services.post, build](Answer&& result) {
+                        const auto answer = std::make_shared<Answer>(std::move(result));
                         post([build, answer] { build(answer); });
                     }};
     if (!services.station.command(std::move(command))) {
@@ -94,7 +89,7 @@ void OverviewDesk::answered(Services& services, uint64_t turn, const PayloadPoin
     waiting_.pop_front();
     const bool kept = payload != nullptr && payload->text().size() + payload->gzip().size() <= kKeptBytes;
     last_ = kept ? payload : nullptr;
-    lastAsked_ = first.asked;
+    lastQuery_ = first.query;
     lastGzip_ = first.gzip;
     lastState_ = services.station.state()->number;
     for (const auto& reply : first.replies) {

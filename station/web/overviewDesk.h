@@ -5,7 +5,7 @@
 #include <functional>
 #include <vector>
 
-#include "commands.h"
+#include "state/commands.h"
 #include "web/message.h"
 
 namespace station {
@@ -20,12 +20,12 @@ class OverviewDesk {
     // One that was not answered for so long never will be.
     static constexpr std::chrono::seconds kLost{10};
 
-    void ask(Services& services, const AskOverview& asked, bool gzip,
+    void ask(Services& services, const QueryOverview& query, bool gzip,
              std::function<void(Response&&)>&& reply);
 
   private:
     struct Waiting {
-        AskOverview asked;
+        QueryOverview query;
         bool gzip;
         std::vector<std::function<void(Response&&)>> replies;
     };
@@ -38,7 +38,7 @@ class OverviewDesk {
     SteadyTime since_{};
     // The last answer, and of which state it is.
     PayloadPointer last_;
-    AskOverview lastAsked_{};
+    QueryOverview lastQuery_{};
     bool lastGzip_ = false;
     uint64_t lastState_ = 0;
 };

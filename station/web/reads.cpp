@@ -5,6 +5,7 @@
 #include "common/text.h"
 #include "web/apiJson.h"
 #include "web/handlers.h"
+#include "web/queryReader.h"
 
 namespace station::handlers {
 
@@ -14,44 +15,12 @@ constexpr int64_t kLargestLimit = 1000;
 constexpr int64_t kDefaultLimit = 100;
 // The owner publishes at least once a second.
 constexpr std::chrono::seconds kStateOverdue{5};
-// A meter reports each second.
-constexpr std::chrono::seconds kReportHolds{5};
 constexpr int64_t kDefaultCells = 60;
 constexpr int64_t kDefaultCellSeconds = 5;
 
-// Reads parameters one after the other; the first mistake is kept.
-class QueryReader {
-  public:
-    explicit QueryReader(const Query& query) : query_(query) {}
-
-    // A parameter as `parse` reads it (a function that returns an optional); nothing when it is not given.
-    template <typename Parse>
-    auto read(std::string_view name, std::string_view wanted, Parse parse) {
-        const std::string* text = query_.find(name);
-        auto value = text == nullptr ? decltype(parse(*text)){} : parse(*text);
-        if (text != nullptr && !value && !refusal) {
-            refusal = problem(422, std::string(name).append(" has to be ").append(wanted), name);
-        }
-        return value;
-    }
-
-    std::optional<int64_t> integer(std::string_view name, int64_t lowest, int64_t highest) {
-        const std::string wanted =
-            "an integer from " + std::to_string(lowest) + " to " + std::to_string(highest);
-        return read(name, wanted, [&](std::string_view text) {
-            const auto value = parseInteger(text);
-            return value && *value >= lowest && *value <= highest ? value : std::nullopt;
-        });
-    }
-    std::optional<WallTime> time(std::string_view name) {
-        return read(name, "a time such as 2026-11-21T22:52:44Z (RFC 3339)", parseRfc3339);
-    }
-
-    std::optional<Response> refusal;
-
-  private:
-    const Query& query_;
-};
+std::optional<bool> parseSwitch(std::string_view text) {
+    return text == "1" || text == "0" ? std::optional(text == "1") : std::nullopt;
+}
 
 std::string exportText(const StationState& state) {
     ChannelMap channels;
@@ -179,7 +148,7 @@ void meter(Services& services, const Call& call, Reply&& reply) {
     if (!report) {
         return reply(problem(503, whyUnmetered(call.state->meter, *channel)));
     }
-    if (std::chrono::steady_clock::now() - report->time.steady > kReportHolds) {
+    if (std::chrono::steady_clock::now() - report->time.steady > kMeterReportHolds) {
         return reply(problem(503, "The meter's last report is of " + rfc3339(report->time.wall) +
                                       ": it is stopped or overloaded"));
     }
@@ -194,6 +163,58 @@ void meter(Services& services, const Call& call, Reply&& reply) {
             return AnswerText{text ? meterReportText(report) : meterReportJson(report)};
         },
         std::move(reply), std::move(head));
+}
+
+void cues(Services& services, const Call& call, Reply&& reply) {
+    if (call.state->find(*call.group) == nullptr) {
+        return answerChannel(services, Of::kReading, *call.group, false, std::move(reply));
+    }
+    answer(
+        services, Of::kReading, AnswerKey{"cues", {call.state->number, call.group->hostOrder()}},
+        takesGzip(call),
+        [cues = services.station.meterCues(*call.group), report = services.station.meterReport(*call.group)] {
+            return AnswerText{cuesJson(cues, report)};
+        },
+        std::move(reply));
+}
+
+// Why there is no picture of a channel, for an operator.
+static std::string whyUnpictured(const PictureState& pictures, const ChannelState& channel) {
+    if (!pictures.configured) {
+        return "This station takes no pictures: socket in [pictures] is empty";
+    }
+    if (!channel.channel.enabled) {
+        return "The channel is disabled, so that no picture of it is taken";
+    }
+    if (channel.picture.last && channel.picture.last->outcome != PictureOutcome::kTaken) {
+        return std::string(whyNoPicture(channel.picture.last->outcome)) +
+               (channel.picture.problem.empty() ? "" : ": " + channel.picture.problem);
+    }
+    if (!pictures.problem.empty()) {
+        return "No picture of the channel was taken yet: " + pictures.problem;
+    }
+    return pictures.connected ? "No picture of the channel was taken yet"
+                              : "No picture was taken yet: is the package kestor-picture installed, and does "
+                                "its service run?";
+}
+
+// `taken` makes addresses of pictures differ, so that a browser may keep each.
+void picture(Services& services, const Call& call, Reply&& reply) {
+    const ChannelState* channel = call.state->find(*call.group);
+    if (channel == nullptr) {
+        return answerChannel(services, Of::kReading, *call.group, false, std::move(reply));
+    }
+    services.station.look(*call.group);
+    const PicturePointer picture = services.station.picture(*call.group);
+    if (!picture) {
+        return reply(problem(404, whyUnpictured(call.state->pictures, *channel)));
+    }
+    Response response;
+    response.contentType = "image/jpeg";
+    response.body = std::make_shared<const Payload>(picture, std::string_view(picture->jpeg), nullptr);
+    response.headers.emplace_back("ETag", "\"" + picture->tag + "\"");
+    response.headers.emplace_back("Cache-Control", "no-cache");
+    reply(std::move(response));
 }
 
 void records(Services& services, const Call& call, Reply&& reply) {
@@ -212,41 +233,6 @@ void records(Services& services, const Call& call, Reply&& reply) {
             return AnswerText{{}, snapshot, snapshot->text()};
         },
         std::move(reply), std::move(response));
-}
-
-void history(Services& services, const Call& call, Reply&& reply) {
-    QueryReader query(call.query);
-    const auto metric =
-        query.read("metric", "a name of historyMetrics in /api/v1/meta", [](std::string_view text) {
-            const auto found = std::ranges::find(historyMetrics(), text, &HistoryMetricName::name);
-            return found == historyMetrics().end() ? std::nullopt : std::optional(found->metric);
-        });
-    const auto resolution = query.read("resolution", "1 or 60", [](std::string_view text) {
-        const auto value = parseInteger(text);
-        return value == 1 || value == 60 ? value : std::nullopt;
-    });
-    const auto since = query.time("since");
-    if (!metric && !query.refusal) {
-        query.refusal = problem(422, "metric is missing", "metric");
-    }
-    if (query.refusal) {
-        return reply(std::move(*query.refusal));
-    }
-    if (call.state->find(*call.group) == nullptr) {
-        return answerChannel(services, Of::kReading, *call.group, false, std::move(reply));
-    }
-    const AskHistory asked{.group = *call.group,
-                           .metric = *metric,
-                           .resolution = static_cast<int>(resolution.value_or(1)),
-                           .since = since.value_or(WallTime{})};
-    ask(services, asked, std::move(reply),
-        [asked, gzip = takesGzip(call)](Services& room, Answer&& said, Reply&& answered) {
-            const auto shared = std::make_shared<Answer>(std::move(said));
-            answer(
-                room, Of::kReading, {}, gzip,
-                [asked, shared] { return AnswerText{historyJson(asked, shared->points)}; },
-                std::move(answered));
-        });
 }
 
 void alarms(Services& services, const Call& call, Reply&& reply) {
@@ -287,6 +273,7 @@ void events(Services& services, const Call& call, Reply&& reply) {
     }
     filter.severity = query.read("severity", "critical, major, minor or warning", parseSeverity);
     filter.kind = query.read("kind", "a name of eventKinds in /api/v1/meta", parseEventKind);
+    filter.alarm = query.read("alarm", "a name of alarmTypes in /api/v1/meta", findAlarmType);
     filter.since = query.time("since");
     filter.until = query.time("until");
     filter.before = query.integer("before", 1, std::numeric_limits<int64_t>::max());
@@ -312,9 +299,14 @@ void events(Services& services, const Call& call, Reply&& reply) {
     }
 }
 
-void stream(Services&, const Call&, Reply&& reply) {
+void stream(Services&, const Call& call, Reply&& reply) {
     Response response;
     response.contentType = "text/event-stream";
+    response.headers.emplace_back("Vary", "Accept-Encoding");
+    if (takesGzip(call)) {
+        response.compressed = true;
+        response.headers.emplace_back("Content-Encoding", "gzip");
+    }
     response.headers.emplace_back("X-Accel-Buffering", "no");  // a proxy is to pass events on at once
     response.eventStream = true;
     reply(std::move(response));
@@ -328,11 +320,13 @@ void overview(Services& services, const Call& call, Reply&& reply) {
     if (!query.refusal && cells * seconds > longest) {
         query.refusal = problem(422, "cells times seconds is at most " + std::to_string(longest), "cells");
     }
+    const bool day = query.read("day", "1 or 0", parseSwitch).value_or(false);
     if (query.refusal) {
         return reply(std::move(*query.refusal));
     }
-    const AskOverview asked{.sparkCells = static_cast<std::size_t>(cells),
-                            .sparkSeconds = static_cast<std::size_t>(seconds)};
+    const QueryOverview asked{.sparkCells = static_cast<std::size_t>(cells),
+                              .sparkSeconds = static_cast<std::size_t>(seconds),
+                              .day = day};
     services.overviews.ask(services, asked, takesGzip(call), std::move(reply));
 }
 
@@ -344,7 +338,31 @@ void meta(Services& services, const Call& call, Reply&& reply) {
 
 void use(Services& services, const Call& call, Reply&& reply) {
     reply(jsonResponse(useJson(call.state->use, call.state->probe, services.station.storeStatistics(),
-                               services.station.deliveryStatistics(), services.statistics())));
+                               services.station.historyStatistics(), services.station.deliveryStatistics(),
+                               services.statistics())));
+}
+
+namespace {
+
+void answerState(Services& services, const Call& call, const char* name,
+                 std::string (*text)(const StationState&), Reply&& reply) {
+    answer(
+        services, Of::kReading, AnswerKey{name, {call.state->number}}, takesGzip(call),
+        [state = call.state, text] { return AnswerText{text(*state)}; }, std::move(reply));
+}
+
+}  // namespace
+
+void incidents(Services& services, const Call& call, Reply&& reply) {
+    answerState(services, call, "incidents", incidentsJson, std::move(reply));
+}
+
+void passed(Services& services, const Call& call, Reply&& reply) {
+    answerState(services, call, "passed", passedJson, std::move(reply));
+}
+
+void shelved(Services& services, const Call& call, Reply&& reply) {
+    answerState(services, call, "shelved", shelvedJson, std::move(reply));
 }
 
 void maintenance(Services& services, const Call& call, Reply&& reply) {
@@ -378,7 +396,9 @@ void metrics(Services& services, const Call& call, Reply&& reply) {
     MetricsExtras extras{.version = KESTOR_VERSION,
                          .store = services.station.storeStatistics(),
                          .delivery = services.station.deliveryStatistics(),
-                         .server = services.statistics()};
+                         .server = services.statistics(),
+                         .history = services.station.historyStatistics(),
+                         .meterReports = [&station = services.station] { return station.meterReports(); }};
     if (!services.metrics->ask({.state = call.state,
                                 .extras = std::move(extras),
                                 .compressed = acceptsGzip(call.request.acceptEncoding),

@@ -78,7 +78,7 @@ class BodyReader {
         const auto given = text(name);
         const auto group = given ? Group::parse(*given) : std::nullopt;
         if (given && !group) {
-            return refuse(name, groupProblem(*given));
+            return refuse(name, probelink::groupProblem(*given));
         }
         return group;
     }
@@ -105,6 +105,31 @@ class BodyReader {
             labels.emplace(*key, *text);
         }
         return labels;
+    }
+
+    // "ids", "group" or "groups", "label", "incident": at most one of them, and "alarm".
+    Selection selection() {
+        Selection which;
+        which.ids = integers("ids");
+        which.groups = groups("groups");
+        if (const auto one = group("group")) {
+            which.groups.push_back(*one);
+        }
+        which.labels = labels("label").value_or(Labels());
+        which.incident = integer("incident", 1, INT64_MAX).value_or(0);
+        which.alarm = text("alarm").value_or("");
+        int given = 0;
+        for (const char* const name : {"ids", "group", "groups", "label", "incident"}) {
+            const json* const value = member(name);
+            given += value != nullptr ? 1 : 0;
+            if (value != nullptr && !value->is_primitive() && value->empty()) {
+                refuse(name, "has to have something in it");
+            }
+        }
+        if (given > 1) {
+            refuse("ids", "stands by itself: one of ids, group, groups, label and incident is allowed");
+        }
+        return which;
     }
 
     // What the body says of a channel's attribute.
@@ -158,6 +183,45 @@ class BodyReader {
     }
 
   private:
+    const json* list(const char* name) {
+        const json* value = member(name);
+        if (value != nullptr && (!value->is_array() || value->size() > Selection::kMost)) {
+            refuse(name, "has to be a list of at most " + std::to_string(Selection::kMost));
+            return nullptr;
+        }
+        return value;
+    }
+
+    std::vector<int64_t> integers(const char* name) {
+        std::vector<int64_t> numbers;
+        if (const json* const values = list(name)) {
+            for (const json& value : *values) {
+                if (!value.is_number_unsigned() || value.get<uint64_t>() > INT64_MAX) {
+                    refuse(name, "has to be a list of ids");
+                    return {};
+                }
+                numbers.push_back(value.get<int64_t>());
+            }
+        }
+        return numbers;
+    }
+
+    std::vector<Group> groups(const char* name) {
+        std::vector<Group> groups;
+        if (const json* const values = list(name)) {
+            for (const json& value : *values) {
+                const auto group =
+                    value.is_string() ? Group::parse(value.get_ref<const std::string&>()) : std::nullopt;
+                if (!group) {
+                    refuse(name, "has to be a list of multicast groups");
+                    return {};
+                }
+                groups.push_back(*group);
+            }
+        }
+        return groups;
+    }
+
     const json* member(const char* name) {
         known_.emplace_back(name);
         if (refusal_) {
@@ -201,6 +265,23 @@ ParsedAction parseAcknowledge(int64_t id, std::string_view body) {
     return reader.finish(std::move(acknowledge));
 }
 
+ParsedAction parseHandle(HandleAlarms::What what, std::string_view body) {
+    BodyReader reader(body);
+    HandleAlarms handle{.what = what};
+    handle.which = reader.selection();
+    if (!reader.refused() && handle.which.empty()) {
+        reader.refuse("ids", "is missing: say which by ids, group, groups, label or incident");
+    }
+    if (what == HandleAlarms::What::kShelve) {
+        const auto until = reader.time("until");
+        reader.require("until", until);
+        handle.until = until.value_or(WallTime());
+    }
+    handle.by = reader.text("by").value_or("");
+    handle.remark = reader.text("remark", kRemarkLimit).value_or("");
+    return reader.finish(std::move(handle));
+}
+
 ParsedAction parseMaintenance(WallTime now, std::string_view body) {
     BodyReader reader(body);
     SetMaintenance set{};
@@ -209,9 +290,9 @@ ParsedAction parseMaintenance(WallTime now, std::string_view body) {
     reader.require("until", until);
     set.until = until.value_or(now);
     if (!reader.refused() && (set.until <= set.from || set.until <= now)) {
-        reader.refuse("until", "has to lie behind the beginning and in the future");
+        reader.refuse("until", "has to be after the beginning, and in the future");
     }
-    set.group = reader.group("group");
+    set.which = reader.selection();
     set.remark = reader.text("remark", kRemarkLimit).value_or("");
     set.by = reader.text("by").value_or("");
     return reader.finish(std::move(set));

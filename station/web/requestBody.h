@@ -4,7 +4,7 @@
 #include <string_view>
 #include <variant>
 
-#include "commands.h"
+#include "state/commands.h"
 #include "web/message.h"
 
 namespace station {
@@ -17,6 +17,8 @@ inline constexpr std::string_view kNoBody = "{}";
 using ParsedAction = std::variant<Action, Response>;
 ParsedAction parsePutChannel(const Group& group, std::string_view body);
 ParsedAction parseAcknowledge(int64_t id, std::string_view body);
+// Of several alarms; for kShelve with the time.
+ParsedAction parseHandle(HandleAlarms::What what, std::string_view body);
 ParsedAction parseMaintenance(WallTime now, std::string_view body);
 ParsedAction parsePassive(std::string_view body);
 ParsedAction parseIgmpLatency(std::string_view body);

@@ -23,15 +23,26 @@ constexpr std::array kRoutes = std::to_array<Route>({
     {kGet, "/api/v1/channels/{group}", kRead, kNothing, kState, "", handlers::channel},
     {kPut, "/api/v1/channels/{group}", kChange, kJson, kState, "", handlers::putChannel},
     {kDelete, "/api/v1/channels/{group}", kChange, kNothing, kState, "", handlers::deleteChannel},
-    {kGet, "/api/v1/channels/{group}/history", kRead, kNothing, kState, "metric resolution since", handlers::history},
+    {kGet, "/api/v1/channels/{group}/history", kRead, kNothing, kState, "metric metrics resolution since until format", handlers::history},
     {kGet, "/api/v1/channels/{group}/meter", kRead, kNothing, kState, "format", handlers::meter},
+    {kGet, "/api/v1/channels/{group}/picture", kRead, kNothing, kState, "taken", handlers::picture},
+    {kGet, "/api/v1/channels/{group}/cues", kRead, kNothing, kState, "", handlers::cues},
     {kGet, "/api/v1/records", kRead, kNothing, kState, "", handlers::records},
     {kGet, "/api/v1/alarms", kRead, kNothing, kState, "", handlers::alarms},
     {kPost, "/api/v1/alarms/{id}/acknowledge", kChange, kJson, kState, "", handlers::acknowledge},
+    {kPost, "/api/v1/alarms/acknowledge", kChange, kJson, kState, "", handlers::acknowledgeMany},
+    {kPost, "/api/v1/alarms/unacknowledge", kChange, kJson, kState, "", handlers::unacknowledge},
+    {kPost, "/api/v1/alarms/shelve", kChange, kJson, kState, "", handlers::shelve},
+    {kPost, "/api/v1/alarms/unshelve", kChange, kJson, kState, "", handlers::unshelve},
+    {kGet, "/api/v1/incidents", kRead, kNothing, kState, "", handlers::incidents},
+    {kGet, "/api/v1/passed", kRead, kNothing, kState, "", handlers::passed},
+    {kGet, "/api/v1/shelved", kRead, kNothing, kState, "", handlers::shelved},
     {kGet, "/api/v1/alarm-types", kRead, kNothing, kNoState, "", handlers::alarmTypeList},
-    {kGet, "/api/v1/events", kRead, kNothing, kNoState, "channel severity kind since until before limit format", handlers::events},
+    {kGet, "/api/v1/events", kRead, kNothing, kNoState, "channel severity kind alarm since until before limit format", handlers::events},
+    {kGet, "/api/v1/timeline", kRead, kNothing, kState, "since until group", handlers::timeline},
+    {kGet, "/api/v1/report", kRead, kNothing, kState, "since until group label format", handlers::report},
     {kGet, "/api/v1/stream", kRead, kNothing, kState, "", handlers::stream},
-    {kGet, "/api/v1/overview", kRead, kNothing, kState, "cells seconds", handlers::overview},
+    {kGet, "/api/v1/overview", kRead, kNothing, kState, "cells seconds day", handlers::overview},
     {kGet, "/api/v1/meta", kRead, kNothing, kState, "", handlers::meta},
     {kGet, "/api/v1/use", kRead, kNothing, kState, "", handlers::use},
     {kGet, "/api/v1/maintenance", kRead, kNothing, kState, "", handlers::maintenance},
@@ -164,7 +175,7 @@ std::optional<Response> takeWildcards(const Route& route, const Wildcards& wildc
     if (route.pattern.find("{group}") != std::string_view::npos) {
         call.group = Group::parse(*text);
         if (!call.group) {
-            return problem(422, "The path's group " + groupProblem(*text), "group");
+            return problem(422, "The path's group " + probelink::groupProblem(*text), "group");
         }
     } else if (route.pattern.find("{id}") != std::string_view::npos) {
         call.id = parseInteger(*text).value_or(0);

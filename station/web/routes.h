@@ -9,7 +9,7 @@
 #include <variant>
 #include <vector>
 
-#include "commands.h"
+#include "state/commands.h"
 #include "web/access.h"
 #include "web/answerBuilder.h"
 #include "web/message.h"

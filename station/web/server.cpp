@@ -13,9 +13,9 @@
 #include <stdexcept>
 #include <thread>
 
+#include "basics/unixListener.h"
 #include "common/log.h"
 #include "common/text.h"
-#include "common/unixListener.h"
 #include "web/connection.h"
 
 namespace station {
@@ -163,7 +163,7 @@ struct Server::Implementation {
     }
 
     void listenOnSocket() {
-        unixAcceptor.assign(stream_protocol(), listenUnix(socketPath));
+        unixAcceptor.assign(stream_protocol(), basics::listenUnix(socketPath));
         acceptUnix();
     }
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "channels/playlist.h"
-#include "commands.h"
+#include "state/commands.h"
 
 namespace station {
 

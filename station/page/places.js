@@ -1,0 +1,69 @@
+// Where somebody was on a page: scroll and focus are kept with each entry of the browser's history, so that
+// back and a reload lead there again.
+
+const kSaveMs = 200;
+const kTryMs = 4_000;  // lists come from the station, and are as long as before only then
+const kSettleMs = 1_000;
+
+let timer = 0;
+let trying = null;
+let settled = 0;
+
+function save() {
+  clearTimeout(timer);
+  timer = 0;
+  const link = document.activeElement?.closest?.('main a[href]');
+  const state = {...history.state, scroll: Math.round(scrollY), focus: link?.getAttribute('href') ?? null};
+  history.replaceState(state, '');
+}
+
+function later() {
+  if (!timer && !trying) timer = setTimeout(save, kSaveMs);
+}
+
+export function keepPlaces() {
+  history.scrollRestoration = 'manual';
+  addEventListener('scroll', later, {passive: true});
+  document.addEventListener('focusin', later);
+  addEventListener('pagehide', save);
+  for (const event of ['wheel', 'touchmove', 'keydown', 'pointerdown'])
+    addEventListener(event, stop, {passive: true});
+}
+
+function stop() {
+  if (!trying) return;
+  trying.disconnect();
+  trying = null;
+  clearTimeout(settled);
+  document.documentElement.style.overflowAnchor = '';
+}
+
+// What is kept is of another entry from here on.
+export function leave() {
+  clearTimeout(timer);
+  timer = 0;
+  stop();
+}
+
+// Goes to where the entry was left, as soon as there is so much to show, and stays there while what is above
+// it still grows; false for an entry that is new.
+export function restore(main) {
+  const {scroll = 0, focus = null} = history.state ?? {};
+  if (!scroll && !focus) return false;
+  const end = Date.now() + kTryMs;
+  const find = () => [...main.querySelectorAll('a[href]')].find((one) => one.getAttribute('href') === focus);
+  const attempt = () => {
+    const room = document.documentElement.scrollHeight - innerHeight;
+    const link = focus ? find() : null;
+    if ((room < scroll || (focus && !link)) && Date.now() < end) return;
+    scrollTo(0, scroll);
+    if (link && link !== document.activeElement) link.focus({preventScroll: true});
+    settled ||= setTimeout(stop, kSettleMs);
+  };
+  settled = 0;
+  document.documentElement.style.overflowAnchor = 'none';
+  trying = new MutationObserver(attempt);
+  trying.observe(main, {childList: true, subtree: true});
+  attempt();
+  return true;
+}
