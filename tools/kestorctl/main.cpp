@@ -6,11 +6,13 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "alarms.h"
+#include "arguments.h"
 #include "completion.h"
 #include "controllerLink.h"
 #include "doctor/doctor.h"
-#include "groupText.h"
 #include "maintenance.h"
+#include "report.h"
 #include "scan.h"
 #include "stationClient.h"
 #include "stationCommands.h"
@@ -30,17 +32,6 @@ constexpr double kLongestTimeoutS = 86'400;
 constexpr const char* kNeedsStation = "With a station";
 
 using configuration::ConfigurationMessage;
-
-std::string checkGroup(const std::string& text) {
-    return isGroup(text) ? "" : text + " " + groupProblem(text);
-}
-
-std::string checkAlarmId(const std::string& text) {
-    int64_t id = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
-    const bool whole = error == std::errc() && end == text.data() + text.size();
-    return whole && id > 0 ? "" : text + " is not the ID of an alarm; \"kestorctl alarms\" shows them";
-}
 
 // A range alone lets "nan" pass.
 std::string checkTimeout(std::string& text) {
@@ -65,10 +56,10 @@ std::vector<std::string> unique(const std::vector<std::string>& groups) {
 // Answers the probe's next request and says what it was told.
 int tell(const ConfigurationMessage& message, const std::string& said, std::chrono::milliseconds timeout,
          bool json) {
-    ControllerLink link;
+    probelink::ControllerLink link;
     if (!link.waitForRequest(timeout)) {
-        throw LinkError("no request from a probe within " + std::to_string(timeout.count() / 1000) +
-                        " s; is kestor running?");
+        throw probelink::LinkError("no request from a probe within " +
+                                   std::to_string(timeout.count() / 1000) + " s; is kestor running?");
     }
     link.answer(message);
     if (json) {
@@ -90,6 +81,8 @@ struct Arguments {
     std::string m3u;
     StationRequest request;
     MaintenanceRequest maintenance;
+    AlarmsRequest alarms;
+    ReportRequest report;
 
     std::chrono::milliseconds timeout() const {
         return std::chrono::milliseconds(static_cast<int64_t>(timeoutS * 1000));
@@ -138,7 +131,7 @@ int tellProbe(const std::string& command, const std::vector<std::string>& groups
 
 int scan(const std::vector<std::string>& groups, const Arguments& arguments, bool stationRuns) {
     if (stationRuns) {
-        throw LinkError(
+        throw probelink::LinkError(
             "a scan needs the controller port, which kestor-station holds: stop it (systemctl stop "
             "kestor-station), scan with kestor -c, and start it again");
     }
@@ -165,6 +158,15 @@ int run(const CLI::App& app, Arguments arguments) {
         return runMaintenance(*station, actions.empty() ? "list" : actions.front()->get_name(),
                               arguments.maintenance, arguments.json);
     }
+    if (station && (name == "ack" || name == "unack" || name == "shelve" || name == "unshelve")) {
+        return runAlarms(*station, name, arguments.alarms, arguments.json);
+    }
+    if (station && name == "shelved") {
+        return showShelved(*station, arguments.json);
+    }
+    if (station && name == "report") {
+        return runReport(*station, arguments.report, arguments.json);
+    }
     if (station) {
         StationRequest& request = arguments.request;
         request.command = name;
@@ -175,9 +177,10 @@ int run(const CLI::App& app, Arguments arguments) {
         return runStationCommand(*station, request);
     }
     if (command.get_group() == kNeedsStation) {
-        throw LinkError(arguments.station.empty()
-                            ? name + " needs a station; name its socket with --station"
-                            : "no station listens at " + arguments.station + "; is kestor-station running?");
+        throw probelink::LinkError(arguments.station.empty()
+                                       ? name + " needs a station; name its socket with --station"
+                                       : "no station listens at " + arguments.station +
+                                             "; is kestor-station running?");
     }
     return tellProbe(name, groups, arguments);
 }
@@ -197,14 +200,13 @@ void declareStationCommands(CLI::App& app, Arguments& arguments) {
         ->type_name("N")
         ->capture_default_str()
         ->check(CLI::Range(1, kMostEvents));
-    CLI::App* acknowledge = add("ack", "Acknowledge an alarm.");
-    acknowledge->add_option("ID", request.id, "The alarm's number, as \"kestorctl alarms\" shows it.")
-        ->type_name("ID")
-        ->required()
-        ->check(checkAlarmId);
-    acknowledge->add_option("--remark", request.remark, "What is known about it, or being done.")
-        ->type_name("TEXT");
-    acknowledge->add_option("--by", request.by, "Who acknowledges it.")->type_name("NAME")->envname("USER");
+    declareReport(*add("report", "Show availability, outages and alarms of a day, week or month."),
+                  arguments.report);
+    declareAlarms(*add("ack", "Acknowledge alarms."), arguments.alarms);
+    declareAlarms(*add("unack", "Take the acknowledgement of alarms back."), arguments.alarms);
+    declareAlarms(*add("shelve", "Tell nobody of alarms until a time."), arguments.alarms);
+    declareAlarms(*add("unshelve", "Tell of alarms again."), arguments.alarms);
+    add("shelved", "List what is shelved.");
     declareMaintenance(
         *add("maintenance", "List, set and end maintenance windows, in which nobody is told of alarms."),
         arguments.maintenance);
@@ -272,7 +274,9 @@ void declare(CLI::App& app, Arguments& arguments) {
         "  kestorctl import channels.m3u           add a playlist's channels\n"
         "  kestorctl events --follow               print events as they happen\n"
         "  kestorctl ack 17 --remark 'on it'       acknowledge an alarm\n"
+        "  kestorctl shelve --group 239.1.1.1 --alarm bitrate_low --until 06:00\n"
         "  kestorctl maintenance add --all --for 2h --remark 'new switch'\n"
+        "  kestorctl report month --csv > month.csv\n"
         "  kestorctl --json channels               list channels as JSON\n"
         "\n"
         "Exit status: 0 on success, 1 when nothing answered in time or the request was\n"

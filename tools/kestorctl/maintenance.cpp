@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <map>
 #include <optional>
 
+#include "arguments.h"
 #include "groupText.h"
 #include "listing.h"
 #include "output.h"
@@ -16,10 +18,6 @@ using std::chrono::sys_seconds;
 
 constexpr const char* kPath = "/api/v1/maintenance";
 constexpr std::chrono::minutes kThisMinute{1};  // "22:00", typed at 22:00:30, is not tomorrow's
-
-sys_seconds now() {
-    return std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
-}
 
 struct Window {
     std::optional<sys_seconds> from;  // at once where it is not given
@@ -40,11 +38,11 @@ Window windowOf(const MaintenanceRequest& request) {
         return *time;
     };
     if (!request.from.empty()) {
-        window.from = readTime("--from", request.from, now() - kThisMinute);
+        window.from = readTime("--from", request.from, currentTime() - kThisMinute);
     }
-    const sys_seconds begin = window.from.value_or(now());
+    const sys_seconds begin = window.from.value_or(currentTime());
     if (request.duration.empty() == request.until.empty()) {
-        throw CLI::ValidationError("say when the window ends, by either --for DURATION or --until TIME");
+        throw CLI::ValidationError("say when it ends, by either --for DURATION or --until TIME");
     }
     if (request.until.empty()) {
         const auto duration = parseDuration(request.duration);
@@ -56,9 +54,10 @@ Window windowOf(const MaintenanceRequest& request) {
     } else {
         window.until = readTime("--until", request.until, begin);
     }
-    if (window.until <= begin || window.until <= now()) {
-        throw CLI::ValidationError("the window would end at " + rfc3339(window.until) +
-                                   ", which is not behind its beginning and in the future");
+    if (window.until <= begin || window.until <= currentTime()) {
+        throw CLI::ValidationError(
+            "it would end at " + rfc3339(window.until) +
+            (window.until <= begin && window.from ? ", before it begins" : ", which is over"));
     }
     return window;
 }
@@ -69,24 +68,15 @@ void checkOneChoice(bool some, bool labels, bool all, const char* choices) {
     }
 }
 
-std::string checkLabel(const std::string& text) {
-    const std::size_t equals = text.find('=');
-    return equals != std::string::npos && equals > 0 ? "" : text + " is no label; one is site=north";
-}
-
 std::string checkWindow(const std::string& text) {
     int64_t id = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
     const bool isId = error == std::errc() && end == text.data() + text.size() && id > 0;
-    return isId || isGroup(text)
+    return isId || probelink::isGroup(text)
                ? ""
                : text +
                      " is neither the ID of a window, which \"kestorctl maintenance list\" shows, "
                      "nor a multicast group";
-}
-
-std::string checkGroup(const std::string& text) {
-    return isGroup(text) ? "" : text + " " + groupProblem(text);
 }
 
 bool hasLabels(const Json& channel, const std::vector<std::string>& labels) {
@@ -116,14 +106,22 @@ std::vector<std::string> groupsWith(StationClient& station, const std::vector<st
         }
     }
     if (groups.empty()) {
-        throw LinkError("no channel has the label " + joined(labels, " and "));
+        throw probelink::LinkError("no channel has the label " + joined(labels, " and "));
     }
     return groups;
 }
 
+std::vector<std::string> groupsOf(const Json& window) {
+    return window.value("groups", std::vector<std::string>());
+}
+
+// "239.1.1.1", "site=north (12 channels)" or "all channels".
 std::string whatOf(const Json& window) {
     const std::string group = text(window, "group");
-    return group == "-" ? "all channels" : group;
+    const std::size_t several = groupsOf(window).size();
+    return group != "-"  ? group
+           : several > 0 ? text(window, "about") + " (" + std::to_string(several) + " channels)"
+                         : "all channels";
 }
 
 int list(StationClient& station, bool json) {
@@ -132,7 +130,7 @@ int list(StationClient& station, bool json) {
         puts("no maintenance window");
         return 0;
     }
-    const std::string current = rfc3339(now());
+    const std::string current = rfc3339(currentTime());
     Listing table({"ID", "CHANNELS", "FROM (UTC)", "UNTIL (UTC)", "STATE", "BY", "REMARK"});
     for (const Json& window : windows) {
         if (json) {
@@ -156,10 +154,17 @@ int add(StationClient& station, const MaintenanceRequest& request, bool json) {
         body["from"] = rfc3339(*window.from);
     }
     std::vector<Json> bodies;
-    for (const std::string& group :
-         request.labels.empty() ? request.groups : groupsWith(station, request.labels)) {
+    for (const std::string& group : request.groups) {
         bodies.push_back(body);
         bodies.back()["group"] = group;
+    }
+    if (!request.labels.empty()) {
+        bodies.push_back(body);
+        bodies.back()["label"] = labelsJson(request.labels);
+    }
+    if (request.incident != 0) {
+        bodies.push_back(body);
+        bodies.back()["incident"] = request.incident;
     }
     if (request.all) {
         bodies.push_back(body);
@@ -175,7 +180,10 @@ int add(StationClient& station, const MaintenanceRequest& request, bool json) {
                        whatOf(set).c_str(), timeText(set, "from").c_str(), timeText(set, "until").c_str());
             }
         } catch (const RefusedError& error) {
-            fprintf(stderr, "kestorctl: %s: %s\n", whatOf(one).c_str(), error.what());
+            const std::string what = request.incident != 0    ? "incident " + std::to_string(request.incident)
+                                     : request.labels.empty() ? whatOf(one)
+                                                              : joined(request.labels, " and ");
+            fprintf(stderr, "kestorctl: %s: %s\n", what.c_str(), error.what());
             status = 1;
         }
     }
@@ -187,8 +195,11 @@ bool isMeant(const Json& window, const MaintenanceRequest& request, const std::v
     const auto named = [&](const std::vector<std::string>& list, const char* member) {
         return std::ranges::find(list, text(window, member)) != list.end();
     };
+    const std::vector<std::string> own = groupsOf(window);
     return request.all || named(request.windows, "id") || named(request.windows, "group") ||
-           named(groups, "group");
+           named(groups, "group") || (!own.empty() && std::ranges::all_of(own, [&](const std::string& group) {
+               return std::ranges::find(groups, group) != groups.end();
+           }));
 }
 
 int end(StationClient& station, const MaintenanceRequest& request, bool json) {
@@ -201,8 +212,8 @@ int end(StationClient& station, const MaintenanceRequest& request, bool json) {
             return text(window, "id") == wanted || text(window, "group") == wanted;
         });
         if (!known) {
-            fprintf(stderr, "kestorctl: there is no maintenance window %s%s\n", isGroup(wanted) ? "of " : "",
-                    wanted.c_str());
+            fprintf(stderr, "kestorctl: there is no maintenance window %s%s\n",
+                    probelink::isGroup(wanted) ? "of " : "", wanted.c_str());
             status = 1;
         }
     }
@@ -234,6 +245,36 @@ int end(StationClient& station, const MaintenanceRequest& request, bool json) {
 
 }  // namespace
 
+std::chrono::sys_seconds endOf(const MaintenanceRequest& request) {
+    return windowOf(request).until;
+}
+
+std::string checkLabel(const std::string& text) {
+    const std::size_t equals = text.find('=');
+    return equals != std::string::npos && equals > 0 ? "" : text + " is no label; one is site=north";
+}
+
+void checkLabels(const std::vector<std::string>& labels) {
+    std::map<std::string, std::string> values;
+    for (const std::string& label : labels) {
+        const std::size_t equals = label.find('=');
+        const auto [own, isNew] = values.emplace(label.substr(0, equals), label.substr(equals + 1));
+        if (!isNew && own->second != label.substr(equals + 1)) {
+            throw CLI::ValidationError("--label", "no channel has both " + own->first + "=" + own->second +
+                                                      " and " + label + "; give a command for each");
+        }
+    }
+}
+
+Json labelsJson(const std::vector<std::string>& labels) {
+    Json object = Json::object();
+    for (const std::string& label : labels) {
+        const std::size_t equals = label.find('=');
+        object[label.substr(0, equals)] = label.substr(equals + 1);
+    }
+    return object;
+}
+
 void declareMaintenance(CLI::App& command, MaintenanceRequest& request) {
     const auto addLabel = [&](CLI::App& to, const char* what) {
         to.add_option("--label", request.labels, what)
@@ -250,7 +291,10 @@ void declareMaintenance(CLI::App& command, MaintenanceRequest& request) {
         ->type_name("GROUP")
         ->check(checkGroup);
     addLabel(add,
-             "Every channel that has this label now gets a window. Of several, a channel has to have all.");
+             "One window for every channel that has this label now. Of several, a channel has to have all.");
+    add.add_option("--incident", request.incident, "One window for the channels of an incident.")
+        ->type_name("ID")
+        ->check(CLI::PositiveNumber);
     add.add_flag("--all", request.all, "One window for all channels and for the probe's own alarms.");
     add.add_option("--for", request.duration, "How long the window lasts: 90m, 2h, 1h30m, 1d.")
         ->type_name("DURATION");
@@ -263,8 +307,9 @@ void declareMaintenance(CLI::App& command, MaintenanceRequest& request) {
     add.add_option("--remark", request.remark, "What is done in it.")->type_name("TEXT");
     add.add_option("--by", request.by, "Who sets it.")->type_name("NAME")->envname("USER");
     add.callback([&request] {
-        checkOneChoice(!request.groups.empty(), !request.labels.empty(), request.all,
-                       "GROUP..., --label or --all");
+        checkOneChoice(!request.groups.empty() || request.incident != 0, !request.labels.empty(), request.all,
+                       "GROUP..., --label, --incident or --all");
+        checkLabels(request.labels);
         windowOf(request);
     });
 
@@ -274,11 +319,12 @@ void declareMaintenance(CLI::App& command, MaintenanceRequest& request) {
                    "IDs, as \"kestorctl maintenance list\" shows them, or groups, for all windows of theirs.")
         ->type_name("WINDOW")
         ->check(checkWindow);
-    addLabel(end, "The windows of every channel that has this label. Of several, a channel has to have all.");
+    addLabel(end, "The windows of channels that all have this label. Of several, a channel has to have all.");
     end.add_flag("--all", request.all, "Every window there is.");
     end.callback([&request] {
         checkOneChoice(!request.windows.empty(), !request.labels.empty(), request.all,
                        "WINDOW..., --label or --all");
+        checkLabels(request.labels);
     });
 }
 

@@ -11,6 +11,7 @@
 
 namespace {
 
+using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using configuration::ConfigurationMessage;
 using configuration::TasksRequest;
@@ -66,15 +67,16 @@ class Scan {
             running = !(request.has_scan_status() && request.scan_status() == 0);
             if (!mentioned_ && Clock::now() > silentUntil) {
                 clearProgress();
-                throw LinkError("the probe does not scan: an earlier scan of it was abandoned, restart it");
+                throw probelink::LinkError(
+                    "the probe does not scan: an earlier scan of it was abandoned, restart it");
             }
             showProgress();
         }
         clearProgress();
         writePlaylist();
         if (results_.size() < options_.groups.size()) {
-            throw LinkError("the scan ended with " + std::to_string(results_.size()) + " of " +
-                            std::to_string(options_.groups.size()) + " groups reported");
+            throw probelink::LinkError("the scan ended with " + std::to_string(results_.size()) + " of " +
+                                       std::to_string(options_.groups.size()) + " groups reported");
         }
         return 0;
     }
@@ -82,7 +84,7 @@ class Scan {
   private:
     const ScanOptions& options_;
     const bool onTerminal_;
-    ControllerLink link_;
+    probelink::ControllerLink link_;
     std::map<std::string, int> results_;  // groups reported, with their status
     std::string underScan_;
     bool mentioned_ = false;
@@ -102,7 +104,7 @@ class Scan {
             }
         }
         if (!file.flush()) {
-            throw LinkError("cannot write " + options_.m3u);
+            throw probelink::LinkError("cannot write " + options_.m3u);
         }
     }
 
@@ -117,7 +119,7 @@ class Scan {
             return *request;
         }
         clearProgress();
-        throw LinkError("no request from the probe for " + duration(options_.timeout));
+        throw probelink::LinkError("no request from the probe for " + duration(options_.timeout));
     }
 
     // Sends the list once, when the probe is ready for it: a list that comes while the probe scans would make
@@ -137,7 +139,7 @@ class Scan {
             message.mutable_response()->set_igmp_latency(*options_.igmpLatencyMs);
         }
         if (link_.asksAgainWithin(kMonitorAsksAgain)) {
-            throw LinkError("the probe does not scan but monitors: start it as kestor -c");
+            throw probelink::LinkError("the probe does not scan but monitors: start it as kestor -c");
         }
         link_.answer(message);
         if (onTerminal_) {

@@ -70,7 +70,8 @@ std::optional<StationClient> StationClient::find(const std::string& socket,
     const int error = errno;
     close(tried);
     if (!listens && (error == EACCES || error == EPERM)) {
-        throw LinkError("no right to talk to the station at " + socket + ": be root or in the group kestor");
+        throw probelink::LinkError("no right to talk to the station at " + socket +
+                                   ": be root or in the group kestor");
     }
     if (!listens && error != EAGAIN) {
         return std::nullopt;
@@ -86,7 +87,7 @@ StationClient::Response StationClient::call(const char* method, const std::strin
                                             const std::string& knownTag) {
     CURL* curl = handle_->curl;
     if (curl == nullptr) {
-        throw LinkError("out of memory");
+        throw probelink::LinkError("out of memory");
     }
     Body answer;
     curl_slist* headers = nullptr;
@@ -116,9 +117,9 @@ StationClient::Response StationClient::call(const char* method, const std::strin
     if (result != CURLE_OK) {
         // What was sent whole is acted on all the same.
         const bool late = result == CURLE_OPERATION_TIMEDOUT && std::string_view(method) != "GET";
-        throw LinkError("the station at " + handle_->socket +
-                        " does not answer: " + curl_easy_strerror(result) +
-                        (late ? "; the change may still happen, so look before you repeat it" : ""));
+        throw probelink::LinkError(
+            "the station at " + handle_->socket + " does not answer: " + curl_easy_strerror(result) +
+            (late ? "; the change may still happen, so look before you repeat it" : ""));
     }
     Response response{0, std::move(answer.text), std::move(answer.tag)};
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &response.status);

@@ -12,8 +12,8 @@
 inline constexpr const char* kStationSocket = "/run/kestor/station.sock";
 
 // The station's answer was no 2xx.
-struct RefusedError : LinkError {
-    RefusedError(const std::string& text, long status_) : LinkError(text), status(status_) {}
+struct RefusedError : probelink::LinkError {
+    RefusedError(const std::string& text, long status_) : probelink::LinkError(text), status(status_) {}
     long status;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -16,11 +17,14 @@
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr std::size_t kPlaylistLimit = std::size_t{16} << 20;  // bytes: what the station takes
 constexpr std::chrono::milliseconds kLooksForEvents = 1s;
 constexpr int kEventsAtOnce = 1000;
 constexpr long kNotFound = 404;
 constexpr int kExitNotConnected = 3;
+constexpr std::size_t kLeftOutShown = 5;
 
 std::string megabits(const Json& object) {
     const auto found = object.find("bitRate");
@@ -77,10 +81,13 @@ void showMeter(const Json& meter) {
         printf("meter     NOT CONNECTED since %s UTC\n", since.c_str());
     } else {
         const Json& capture = meter.at("capture");
-        printf("meter     %s since %s UTC, reports %s of %s groups; dropped %s frames, lost %s seconds\n",
-               meter.value("silent", false) ? "connected but SILENT" : "connected", since.c_str(),
-               number(meter, "reported").c_str(), number(meter, "groups").c_str(),
-               number(capture, "kernelDrops").c_str(), number(meter, "secondsLost").c_str());
+        printf(
+            "meter     %s since %s UTC, reports %s of %s groups; dropped %s frames, the card %s, lost %s "
+            "seconds\n",
+            meter.value("silent", false) ? "connected but SILENT" : "connected", since.c_str(),
+            number(meter, "reported").c_str(), number(meter, "groups").c_str(),
+            number(capture, "kernelDrops").c_str(), number(capture, "cardDrops").c_str(),
+            number(meter, "secondsLost").c_str());
     }
     for (const Json& said : {meter, meter.value("capture", Json()), meter.value("joins", Json())}) {
         for (const char* member : {"problem", "note"}) {
@@ -88,6 +95,45 @@ void showMeter(const Json& meter) {
                 printf("          %s\n", line.c_str());
             }
         }
+    }
+}
+
+void showPictures(const Json& pictures) {
+    if (!pictures.is_object()) {
+        return;
+    }
+    const bool connected = pictures.value("connected", false);
+    const std::string since = timeText(pictures, "since");
+    if (!connected && text(pictures, "version") == "-") {
+        puts("pictures  none taken: kestor-picture never came");
+    } else if (!connected) {
+        printf("pictures  NOT TAKEN since %s UTC\n", since.c_str());
+    } else {
+        const auto seconds = pictures.find("intervalSeconds");
+        const std::string interval =
+            seconds != pictures.end() && seconds->is_number()
+                ? ", of each channel every " + std::to_string(std::lround(seconds->get<double>())) + " s"
+                : "";
+        printf(
+            "pictures  %s since %s UTC%s; %s taken, %s failed, %s decoders "
+            "killed\n",
+            pictures.value("silent", false) ? "connected but SILENT" : "connected", since.c_str(),
+            interval.c_str(), number(pictures, "pictures").c_str(), number(pictures, "failures").c_str(),
+            number(pictures, "workersKilled").c_str());
+        if (!pictures.value("meter", false)) {
+            puts("          no meter gives it packets");
+        }
+    }
+    if (const std::string problem = text(pictures, "problem"); problem != "-") {
+        printf("          %s\n", problem.c_str());
+    }
+    const Json leftOut = pictures.value("leftOut", Json::array());
+    for (std::size_t i = 0; i < std::min(leftOut.size(), kLeftOutShown); ++i) {
+        printf("          none of %s until %s UTC: %s\n", text(leftOut[i], "group").c_str(),
+               timeText(leftOut[i], "until").c_str(), text(leftOut[i], "why").c_str());
+    }
+    if (leftOut.size() > kLeftOutShown) {
+        printf("          nor of %zu more\n", leftOut.size() - kLeftOutShown);
     }
 }
 
@@ -131,6 +177,7 @@ int showStatus(StationClient& station, const StationRequest& request) {
     }
     showMachine(status.value("machine", Json::object()));
     showMeter(status.value("meter", Json()));
+    showPictures(status.value("pictures", Json()));
     printf("channels  %s configured, %s watched, %s with signal\n", number(channels, "configured").c_str(),
            number(channels, "watched").c_str(), number(channels, "withSignal").c_str());
     printf("alarms    %s critical, %s major, %s minor, %s warning\n", number(alarms, "critical").c_str(),
@@ -175,6 +222,18 @@ std::string acknowledgementText(const Json& alarm) {
     return "acknowledged" + (by == "-" ? "" : " by " + by) + (remark == "-" ? "" : ": " + remark);
 }
 
+// "shelved until 2026-11-22 23:00:00 UTC by Ada: flaps", or "-".
+std::string shelvedText(const Json& alarm) {
+    const auto shelved = alarm.find("shelved");
+    if (shelved == alarm.end() || !shelved->is_object()) {
+        return "-";
+    }
+    const std::string by = text(*shelved, "by");
+    const std::string remark = text(*shelved, "remark");
+    return "shelved until " + timeText(*shelved, "until") + " UTC" + (by == "-" ? "" : " by " + by) +
+           (remark == "-" ? "" : ": " + remark);
+}
+
 // What kestor-measure prints of a recording, of channels as they are.
 int showMeasures(StationClient& station, const StationRequest& request) {
     bool first = true;
@@ -208,10 +267,13 @@ int showAlarms(StationClient& station, const StationRequest& request) {
     Listing table({"ID", "SEVERITY", "ALARM", "GROUP", "SINCE (UTC)", "CHANNEL"});
     for (const Json& alarm : alarms) {
         std::vector<std::string> below;
-        for (std::string said : {text(alarm, "text"), acknowledgementText(alarm)}) {
+        for (std::string said : {text(alarm, "text"), acknowledgementText(alarm), shelvedText(alarm)}) {
             if (said != "-") {
                 below.push_back(std::move(said));
             }
+        }
+        if (const std::string incident = text(alarm, "incident"); incident != "-") {
+            below.push_back("incident " + incident);
         }
         table.add({text(alarm, "id"), text(alarm, "severity"), text(alarm, "alarm"), text(alarm, "group"),
                    timeText(alarm, "raised"), text(alarm, "channel")},
@@ -260,7 +322,7 @@ int showEvents(StationClient& station, const StationRequest& request) {
         try {
             showNewEvents(station, kEventsAtOnce, request.json, last);
             away = false;
-        } catch (const LinkError& error) {  // a station that is restarted comes back
+        } catch (const probelink::LinkError& error) {  // a station that is restarted comes back
             if (!std::exchange(away, true)) {
                 fprintf(stderr, "kestorctl: %s; waiting for it\n", error.what());
             }
@@ -280,10 +342,10 @@ std::string readPlaylist(const std::string& name) {
     input.read(playlist.data(), static_cast<std::streamsize>(playlist.size()));
     playlist.resize(static_cast<std::size_t>(input.gcount()));
     if (!input.eof() && playlist.size() <= kPlaylistLimit) {
-        throw LinkError("cannot read " + name);
+        throw probelink::LinkError("cannot read " + name);
     }
     if (playlist.size() > kPlaylistLimit) {
-        throw LinkError(name + " is larger than a playlist may be, 16 MiB");
+        throw probelink::LinkError(name + " is larger than a playlist may be, 16 MiB");
     }
     return playlist;
 }
@@ -308,24 +370,6 @@ int exportPlaylist(StationClient& station, const StationRequest& request) {
         return showChannels(station, request);
     }
     fputs(station.get("/api/v1/export").c_str(), stdout);
-    return 0;
-}
-
-int acknowledge(StationClient& station, const StationRequest& request) {
-    Json body = Json::object();
-    if (!request.by.empty()) {
-        body["by"] = request.by;
-    }
-    if (!request.remark.empty()) {
-        body["remark"] = request.remark;
-    }
-    const std::string id = std::to_string(request.id);
-    const Json alarm = station.send("POST", "/api/v1/alarms/" + id + "/acknowledge", body);
-    if (request.json) {
-        print(alarm);
-    } else {
-        printf("acknowledged: %s\n", id.c_str());
-    }
     return 0;
 }
 
@@ -377,7 +421,7 @@ int changeChannels(StationClient& station, const StationRequest& request) {
                 continue;
             }
             said += " " + group;
-        } catch (const LinkError& error) {
+        } catch (const probelink::LinkError& error) {
             fprintf(stderr, "kestorctl: %s: %s\n", group.c_str(), error.what());
             refused = true;
         }
@@ -411,9 +455,8 @@ struct Command {
     int (*run)(StationClient&, const StationRequest&);
 };
 constexpr Command kCommands[] = {
-    {"status", showStatus}, {"channels", showChannels}, {"alarms", showAlarms},
-    {"events", showEvents}, {"import", importPlaylist}, {"export", exportPlaylist},
-    {"ack", acknowledge},   {"reload", reload},         {"meter", showMeasures},
+    {"status", showStatus},     {"channels", showChannels}, {"alarms", showAlarms}, {"events", showEvents},
+    {"import", importPlaylist}, {"export", exportPlaylist}, {"reload", reload},     {"meter", showMeasures},
 };
 
 }  // namespace

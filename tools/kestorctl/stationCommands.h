@@ -11,9 +11,6 @@ struct StationRequest {
     std::vector<std::string> groups;
     bool on = false;
     int latencyMs = 0;
-    int64_t id = 0;
-    std::string by;
-    std::string remark;
     std::string file;  // of import; "-" for standard input
     int limit = 100;
     bool follow = false;

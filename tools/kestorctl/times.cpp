@@ -97,7 +97,7 @@ bool inRange(const tm& fields) {
 
 // The first time behind `after` at which clocks here show this.
 sys_seconds nextTime(const tm& clock, sys_seconds after) {
-    const time_t from = after.time_since_epoch().count();
+    const time_t from = std::chrono::system_clock::to_time_t(after);
     tm fields{};
     localtime_r(&from, &fields);
     fields.tm_hour = clock.tm_hour;
@@ -113,6 +113,10 @@ sys_seconds nextTime(const tm& clock, sys_seconds after) {
 }
 
 }  // namespace
+
+sys_seconds currentTime() {
+    return std::chrono::floor<seconds>(std::chrono::system_clock::now());
+}
 
 std::optional<seconds> parseDuration(std::string_view text) {
     seconds sum{};
@@ -159,8 +163,42 @@ std::optional<sys_seconds> parseTime(const std::string& text, sys_seconds after)
     return pieces.ended() && inRange(fields) ? zonedTime(fields, ahead) : std::nullopt;
 }
 
+std::optional<Period> parsePeriod(std::string_view text, sys_seconds now) {
+    const time_t from = std::chrono::system_clock::to_time_t(now);
+    tm today{};
+    localtime_r(&from, &today);
+    // Midnight of a day of that month, which mktime() takes from beyond its ends as well.
+    const auto midnight = [&today](int month, int day) {
+        tm fields{};
+        fields.tm_year = today.tm_year;
+        fields.tm_mon = month;
+        fields.tm_mday = day;
+        fields.tm_isdst = -1;
+        return sys_seconds(seconds(mktime(&fields)));
+    };
+    const auto days = [&](int since, int until) {
+        return Period{midnight(today.tm_mon, today.tm_mday + since),
+                      midnight(today.tm_mon, today.tm_mday + until)};
+    };
+    constexpr int kWeek = 7;
+    if (text == "today") {
+        return Period{days(0, 0).since, now};
+    }
+    if (text == "day") {
+        return days(-1, 0);
+    }
+    if (text == "week") {
+        const int sinceMonday = (today.tm_wday + kWeek - 1) % kWeek;
+        return days(-sinceMonday - kWeek, -sinceMonday);
+    }
+    if (text == "month") {
+        return Period{midnight(today.tm_mon - 1, 1), midnight(today.tm_mon, 1)};
+    }
+    return std::nullopt;
+}
+
 std::string rfc3339(sys_seconds time) {
-    const time_t count = time.time_since_epoch().count();
+    const time_t count = std::chrono::system_clock::to_time_t(time);
     tm fields{};
     gmtime_r(&count, &fields);
     std::array<char, 32> text{};

@@ -23,6 +23,7 @@
 
 namespace {
 
+using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 constexpr Clock::time_point kNoDeadline = Clock::time_point::max();
 
@@ -36,9 +37,9 @@ constexpr std::chrono::milliseconds kAsksStation = 200ms;
 // waiting, so that the time can be limited; the writer waits for a reader anyway. Nothing when the time has
 // passed or the pipe cannot be read, which is said on standard error.
 std::optional<std::string> readSnapshot(Clock::time_point deadline) {
-    const basics::Descriptor pipe{open(RESULTS_FIFO_PATH, O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+    const basics::Descriptor pipe{open(probelink::RESULTS_FIFO_PATH, O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
     if (pipe.number() < 0) {
-        fprintf(stderr, "kestorctl: cannot read %s: %s (is kestor running?)\n", RESULTS_FIFO_PATH,
+        fprintf(stderr, "kestorctl: cannot read %s: %s (is kestor running?)\n", probelink::RESULTS_FIFO_PATH,
                 strerror(errno));
         return std::nullopt;
     }
@@ -62,11 +63,11 @@ std::optional<std::string> readSnapshot(Clock::time_point deadline) {
         if (size > 0) {
             text.append(buffer.data(), static_cast<std::size_t>(size));
         } else if (errno != EAGAIN && errno != EINTR) {
-            fprintf(stderr, "kestorctl: cannot read %s: %s\n", RESULTS_FIFO_PATH, strerror(errno));
+            fprintf(stderr, "kestorctl: cannot read %s: %s\n", probelink::RESULTS_FIFO_PATH, strerror(errno));
             return std::nullopt;
         }
         if (text.size() > kSnapshotLimit) {
-            fprintf(stderr, "kestorctl: a snapshot without end in %s\n", RESULTS_FIFO_PATH);
+            fprintf(stderr, "kestorctl: a snapshot without end in %s\n", probelink::RESULTS_FIFO_PATH);
             return std::nullopt;
         }
     }
@@ -81,7 +82,7 @@ std::optional<std::string> askForSnapshot(StationClient& station, Clock::time_po
             if (auto text = station.newSnapshot()) {
                 return text;
             }
-        } catch (const LinkError& error) {
+        } catch (const probelink::LinkError& error) {
             if (deadline != kNoDeadline) {
                 throw;
             }

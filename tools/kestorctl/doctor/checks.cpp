@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cmath>
+#include <utility>
 
 namespace doctor {
 
@@ -14,6 +17,8 @@ constexpr const char* kPipe = "tmp/american_maid";
 constexpr uint16_t kPort = 5999;
 constexpr const char* kGroup = "kestor";
 constexpr const char* kStationUser = "kestor-station";
+constexpr const char* kMeter = "kestor-meter";
+constexpr const char* kPicture = "kestor-picture";
 constexpr uint64_t kLeastBytes = uint64_t{16} << 20;
 constexpr uint64_t kFewBytes = uint64_t{512} << 20;  // a database of a million events, with its journal
 
@@ -38,6 +43,20 @@ std::string joined(const std::vector<std::string>& words) {
     return text;
 }
 
+// Whether systemd starts it with the others.
+bool isEnabled(const fs::path& root, const char* service) {
+    std::error_code error;
+    return fs::is_symlink(
+        root / ("etc/systemd/system/kestor.target.wants/" + std::string(service) + ".service"), error);
+}
+
+// Of services without which the others do their work: what is lost.
+const char* lossWithout(std::string_view service) {
+    return service == kMeter     ? "what kestor-meter measures is not known"
+           : service == kPicture ? "frozen, black and silent channels are not found"
+                                 : nullptr;
+}
+
 std::string megabytes(uint64_t bytes) {
     return std::to_string(bytes >> 20) + " MiB";
 }
@@ -48,11 +67,17 @@ Finding checkServices(const fs::path& root, const Processes& processes, const St
     std::vector<std::string> running;
     std::vector<std::string> missing;
     std::error_code error;
+    // The guard comes with the package. The others may be left out: their services are disabled then.
     const bool guarded = fs::exists(root / "usr/libexec/kestor/kestor-guard", error);
-    for (const char* name : {"kestor", "kestor-station", "kestor-guard"}) {
+    const std::array<std::pair<const char*, bool>, 5> services = {{{"kestor", true},
+                                                                   {"kestor-station", true},
+                                                                   {"kestor-guard", guarded},
+                                                                   {kMeter, isEnabled(root, kMeter)},
+                                                                   {kPicture, isEnabled(root, kPicture)}}};
+    for (const auto& [name, wanted] : services) {
         const bool runs =
             processes.run(name) || (name == std::string_view(kStationUser) && station.answers());
-        if (runs || name != std::string_view("kestor-guard") || guarded) {
+        if (runs || wanted) {
             (runs ? running : missing).emplace_back(name);
         }
     }
@@ -85,8 +110,109 @@ Finding checkServices(const fs::path& root, const Processes& processes, const St
     if (processes.run("kestor-start")) {
         return failure("services", text + ": the probe's service waits for a card", "see interface");
     }
+    if (std::ranges::all_of(missing, lossWithout)) {
+        std::string losses;
+        std::string names;
+        std::string units;
+        for (const std::string& name : missing) {
+            losses += (losses.empty() ? "" : "; ") + std::string(lossWithout(name));
+            names += " " + name;
+            units += " -u " + name;
+        }
+        return warning("services", text + ": " + losses,
+                       "systemctl start" + names + "; journalctl" + units +
+                           " -e says why. To do without: systemctl disable --now" + names);
+    }
     return failure("services", text,
                    "systemctl start kestor.target; where that does not help: journalctl -u 'kestor*' -e");
+}
+
+Findings checkMeter(const Processes& processes, const StationLook& station) {
+    if (!station.answers() || !processes.run(kMeter)) {
+        return {};
+    }
+    const char* const log = "journalctl -u kestor-meter -e, and kestorctl status";
+    if (!station.meter) {
+        return {warning("meter", "kestor-meter runs, and the station waits for none",
+                        "set meter_socket in station.toml, or systemctl disable --now kestor-meter")};
+    }
+    const StationLook::Meter& meter = *station.meter;
+    if (!meter.connected) {
+        return {warning("meter",
+                        "kestor-meter runs, and is not connected to the station" +
+                            (meter.problem.empty() ? std::string() : ": " + meter.problem),
+                        log)};
+    }
+    if (meter.silent || !meter.problem.empty()) {
+        return {warning(
+            "meter", meter.problem.empty() ? "kestor-meter is connected, and reports nothing" : meter.problem,
+            log)};
+    }
+    return {ok("meter", "kestor-meter is connected, and reports " + std::to_string(meter.reported) + " of " +
+                            std::to_string(meter.groups) + (meter.groups == 1 ? " group" : " groups"))};
+}
+
+Findings checkPictures(const fs::path& root, const Processes& processes, const StationLook& station) {
+    if (!station.answers()) {
+        return {};
+    }
+    const char* const subject = "pictures";
+    const char* const log = "journalctl -u kestor-picture -e, and kestorctl status";
+    std::error_code error;
+    const bool connected = station.pictures && station.pictures->connected;
+    if (!connected && !processes.run(kPicture)) {
+        if (!processes.whole || isEnabled(root, kPicture)) {
+            return {};  // see services
+        }
+        return {ok(subject, fs::exists(root / "usr/sbin/kestor-picture", error)
+                                ? "none are taken: the service of kestor-picture is disabled"
+                                : "none are taken: kestor-picture is not installed")};
+    }
+    if (!station.pictures) {
+        return {warning(subject, "kestor-picture runs, and the station waits for none",
+                        "set socket in [pictures] of station.toml and restart the station, or systemctl "
+                        "disable --now kestor-picture")};
+    }
+    const StationLook::Pictures& pictures = *station.pictures;
+    const std::string because = pictures.problem.empty() ? std::string() : ": " + pictures.problem;
+    if (!connected) {
+        return {warning(subject, "kestor-picture runs, and is not connected to the station" + because, log)};
+    }
+    if (pictures.silent) {
+        return {warning(subject, "kestor-picture is connected, and tells nothing",
+                        "systemctl restart kestor-picture")};
+    }
+    if (!pictures.meter) {
+        return {warning(subject, "kestor-picture gets no packets" + because,
+                        "systemctl status kestor-meter: pictures come from what it captures")};
+    }
+    if (!pictures.problem.empty()) {
+        return {warning(subject, pictures.problem, log)};
+    }
+    Findings findings;
+    if (pictures.taken == 0 && pictures.failed > 0 && station.withSignal > 0) {
+        findings.push_back(warning(subject,
+                                   "no picture has come of " + std::to_string(pictures.failed) + " turns",
+                                   "each channel's view says why, scrambled or without video, for example"));
+    } else {
+        const std::string every =
+            pictures.seconds ? ", a new one every " + std::to_string(std::lround(*pictures.seconds)) + " s"
+                             : std::string();
+        findings.push_back(ok(subject, "kestor-picture is connected, and has shown " +
+                                           std::to_string(pictures.held) +
+                                           (pictures.held == 1 ? " channel" : " channels") + every));
+    }
+    if (pictures.leftOut > 0) {
+        findings.push_back(warning(
+            subject,
+            std::to_string(pictures.leftOut) +
+                (pictures.leftOut == 1 ? " channel is left out for an hour: it"
+                                       : " channels are left out for an hour: each") +
+                " killed three decoders",
+            "kestorctl status says which, and why; a newer libavcodec may help: apt upgrade, then systemctl "
+            "restart kestor-picture"));
+    }
+    return findings;
 }
 
 Findings checkLimits(const fs::path& root, std::size_t groups) {
@@ -123,6 +249,9 @@ Finding checkPipe(const fs::path& root) {
     const fs::path pipe = root / kPipe;
     const std::string name = "/" + std::string(kPipe);
     struct stat status {};
+    if (lstat(pipe.c_str(), &status) != 0 && errno == EACCES) {
+        return unseen("pipe", name + " may not be looked at here");
+    }
     if (lstat(pipe.c_str(), &status) != 0) {
         return failure("pipe", "there is no " + name + ": the probe's results have no way out",
                        "systemd-tmpfiles --create, then systemctl restart kestor; by hand, kestor makes it");
@@ -253,7 +382,13 @@ Finding checkClock(const Clock& clock) {
                          "systemctl enable --now systemd-timesyncd, or install chrony; timedatectl tells");
 }
 
-Findings checkDisk(const fs::path& root, const fs::path& state, const Disk& disk) {
+Findings checkDisk(const fs::path& root, const std::optional<fs::path>& directory, const Disk& disk) {
+    if (!directory) {
+        return {unseen("disk",
+                       "the station's configuration, which names where events go, is not for this "
+                       "user to read")};
+    }
+    const fs::path& state = *directory;
     Findings findings;
     struct stat status {};
     const auto user = findUser(root, kStationUser);

@@ -31,10 +31,35 @@ struct StationLook {
     std::size_t notes = 0;
     bool passive = false;
     std::vector<station::Ipv4Address> groups{};  // that are to be watched
+    std::optional<bool> captured{};              // somebody captures for the probe
+    // Of the meter; nothing where the station waits for none.
+    struct Meter {
+        bool connected = false, silent = false;
+        std::string problem{};  // of its connection, its capture or its joins
+        int64_t groups = 0, reported = 0;
+    };
+    std::optional<Meter> meter{};
+    // Of kestor-picture, likewise.
+    struct Pictures {
+        bool connected = false, silent = false;
+        bool meter = false;  // it gets packets
+        std::string problem{};
+        int64_t held = 0;                 // pictures, one a channel
+        int64_t taken = 0, failed = 0;    // turns with and without one
+        std::optional<double> seconds{};  // between two pictures of a channel
+        std::size_t leftOut = 0;          // channels, since they killed decoders
+    };
+    std::optional<Pictures> pictures{};
 
     bool answers() const {
         return reach == Reach::kAnswers;
     }
+};
+
+// Who captures on which interface.
+struct Captures {
+    std::set<int> on{};
+    bool others = false;  // the meter may be among those, since its sockets could not be seen
 };
 
 // Who asks.
@@ -61,8 +86,12 @@ struct Disk {
 };
 
 Finding checkServices(const fs::path& root, const Processes& processes, const StationLook& station);
-Findings checkInterface(std::span<const station::NetworkInterface> interfaces, const std::set<int>& captured,
-                        const Processes& processes);
+// That the station and the meter, where it runs, have found each other.
+Findings checkMeter(const Processes& processes, const StationLook& station);
+// Likewise for kestor-picture, where it is installed or runs, and that pictures come.
+Findings checkPictures(const fs::path& root, const Processes& processes, const StationLook& station);
+Findings checkInterface(std::span<const station::NetworkInterface> interfaces, const Captures& captures,
+                        const Processes& processes, const StationLook& station);
 // `capture` may be null; `groups` and `routes` go together. Groups that nobody named are examples: only where
 // they would be joined is told.
 Finding checkRoutes(std::span<const station::NetworkInterface> interfaces,
@@ -78,7 +107,8 @@ Finding checkSocket(const StationLook& station);
 Finding checkUser(const fs::path& root, const Caller& caller);
 Findings checkResults(const StationLook& station);
 Finding checkClock(const Clock& clock);
-Findings checkDisk(const fs::path& root, const fs::path& state, const Disk& disk);
+// `state` as readStateDirectory() has it.
+Findings checkDisk(const fs::path& root, const std::optional<fs::path>& state, const Disk& disk);
 // `packages` as readPackages() has them.
 Finding checkVersions(const std::string& own, const std::map<std::string, std::string>& packages,
                       const StationLook& station, const Processes& processes);

@@ -47,6 +47,34 @@ void readStatus(const Json& status, StationLook& look) {
     look.withSignal = channels.value("withSignal", int64_t{0});
     look.notes = status.value("notes", Json::array()).size();
     look.passive = status.value("passive", false);
+    const Json machine = status.value("machine", Json::object());
+    if (const auto card = machine.find("interface"); card != machine.end() && card->is_object()) {
+        look.captured = card->value("captured", false);
+    }
+    if (const auto meter = status.find("meter"); meter != status.end() && meter->is_object()) {
+        look.meter = {.connected = meter->value("connected", false),
+                      .silent = meter->value("silent", false),
+                      .groups = meter->value("groups", int64_t{0}),
+                      .reported = meter->value("reported", int64_t{0})};
+        for (const Json& part :
+             {*meter, meter->value("capture", Json::object()), meter->value("joins", Json::object())}) {
+            look.meter->problem = look.meter->problem.empty() ? text(part, "problem") : look.meter->problem;
+        }
+    }
+    if (const auto pictures = status.find("pictures"); pictures != status.end() && pictures->is_object()) {
+        const auto seconds = pictures->find("intervalSeconds");
+        look.pictures = {.connected = pictures->value("connected", false),
+                         .silent = pictures->value("silent", false),
+                         .meter = pictures->value("meter", false),
+                         .problem = text(*pictures, "problem"),
+                         .held = pictures->value("held", int64_t{0}),
+                         .taken = pictures->value("pictures", int64_t{0}),
+                         .failed = pictures->value("failures", int64_t{0}),
+                         .seconds = seconds != pictures->end() && seconds->is_number()
+                                        ? std::optional(seconds->get<double>())
+                                        : std::nullopt,
+                         .leftOut = pictures->value("leftOut", Json::array()).size()};
+    }
 }
 
 StationLook askStation(const Request& request) {
@@ -55,7 +83,7 @@ StationLook askStation(const Request& request) {
     std::optional<StationClient> station;
     try {
         station = StationClient::find(look.socket, request.timeout);
-    } catch (const LinkError&) {
+    } catch (const probelink::LinkError&) {
         look.reach = StationLook::Reach::kForbidden;
     }
     if (!station) {
@@ -89,7 +117,8 @@ Clock readClock() {
 Disk readDisk(fs::path directory) {
     Disk disk;
     std::error_code error;
-    while (!fs::exists(directory, error) && directory.has_relative_path()) {
+    while (!fs::exists(directory, error) && error != std::errc::permission_denied &&
+           directory.has_relative_path()) {
         directory = directory.parent_path();
     }
     disk.directory = directory;
@@ -111,10 +140,11 @@ void append(Findings& all, Findings more) {
 void checkNetwork(const Processes& processes, const StationLook& station, Findings& findings) {
     try {
         const auto interfaces = station::readInterfaces();
-        const std::set<int> captured =
-            station::readCaptured("/proc", readSockets(kRoot, processes, "kestor-meter"));
-        const station::NetworkInterface* capture = findCaptureInterface(interfaces, captured);
-        append(findings, checkInterface(interfaces, captured, processes));
+        const auto others = readSockets(kRoot, processes, "kestor-meter");
+        const Captures captures{station::readCaptured("/proc", others.value_or(std::set<uint64_t>())),
+                                !others};
+        const station::NetworkInterface* capture = findCaptureInterface(interfaces, captures.on);
+        append(findings, checkInterface(interfaces, captures, processes, station));
         const std::vector<station::Ipv4Address> groups =
             station.groups.empty() ? std::vector{kSomeGroup} : station.groups;
         findings.push_back(checkRoutes(interfaces, capture, groups, station::readRoutes(groups), station));
@@ -129,6 +159,8 @@ Findings lookAtAll(const Request& request) {
     const StationLook station = askStation(request);
     const Processes processes = readProcesses(kRoot);
     Findings findings = {checkServices(kRoot, processes, station)};
+    append(findings, checkMeter(processes, station));
+    append(findings, checkPictures(kRoot, processes, station));
     checkNetwork(processes, station, findings);
     append(findings, checkLimits(kRoot, station.groups.size()));
     findings.push_back(checkPipe(kRoot));
@@ -137,11 +169,11 @@ Findings lookAtAll(const Request& request) {
     findings.push_back(checkUser(kRoot, whoAsks()));
     append(findings, checkResults(station));
     findings.push_back(checkClock(readClock()));
-    const fs::path state = readStateDirectory(kRoot, processes);
-    append(findings, checkDisk(kRoot, state, readDisk(state)));
-    findings.push_back(checkVersions(KESTOR_VERSION,
-                                     readPackages(kRoot, {"kestor", "kestor-station", "kestor-tools"}),
-                                     station, processes));
+    const auto state = readStateDirectory(kRoot, processes);
+    append(findings, checkDisk(kRoot, state, state ? readDisk(*state) : Disk()));
+    findings.push_back(checkVersions(
+        KESTOR_VERSION, readPackages(kRoot, {"kestor", "kestor-station", "kestor-picture", "kestor-tools"}),
+        station, processes));
     return findings;
 }
 

@@ -1,8 +1,10 @@
 #include "facts.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <fstream>
 #include <sstream>
@@ -122,7 +124,8 @@ Processes readProcesses(const fs::path& root) {
     return processes;
 }
 
-std::set<uint64_t> readSockets(const fs::path& root, const Processes& processes, std::string_view name) {
+std::optional<std::set<uint64_t>> readSockets(const fs::path& root, const Processes& processes,
+                                              std::string_view name) {
     std::set<uint64_t> inodes;
     for (const Process& process : processes.named(name)) {
         std::error_code error;
@@ -136,6 +139,9 @@ std::set<uint64_t> readSockets(const fs::path& root, const Processes& processes,
                     number<uint64_t>(target.substr(kSocket.size(), target.size() - kSocket.size() - 1))
                         .value_or(0));
             }
+        }
+        if (error == std::errc::permission_denied) {
+            return std::nullopt;
         }
     }
     return inodes;
@@ -235,10 +241,10 @@ std::optional<fs::path> valueOf(const std::vector<std::string>& arguments, const
     return value;
 }
 
-// What a configuration says; nothing where it leaves the default.
-std::optional<fs::path> configuredState(const fs::path& file) {
+// What a configuration's text says; nothing where it leaves the default.
+std::optional<fs::path> configuredState(const std::string& text) {
     // A line of the file's first table; whoever writes it in another way gets the default's disk checked.
-    for (const std::string& line : linesOf(readText(file).value_or(""))) {
+    for (const std::string& line : linesOf(text)) {
         const auto columns = parts(line, '"');
         const auto key = words(columns[0]);
         if (columns.size() == 3 && key.size() == 2 && key[0] == "state_dir" && key[1] == "=") {
@@ -253,7 +259,7 @@ std::optional<fs::path> configuredState(const fs::path& file) {
 
 }  // namespace
 
-fs::path readStateDirectory(const fs::path& root, const Processes& processes) {
+std::optional<fs::path> readStateDirectory(const fs::path& root, const Processes& processes) {
     fs::path configuration = "/etc/kestor/station.toml";
     fs::path place = "/";  // of the station, where relative paths of its command line count from
     if (const auto stations = processes.named("kestor-station"); !stations.empty()) {
@@ -265,7 +271,11 @@ fs::path readStateDirectory(const fs::path& root, const Processes& processes) {
         }
         configuration = place / valueOf(arguments, "--config").value_or(configuration);
     }
-    const auto state = configuredState(root / configuration.relative_path());
+    const fs::path file = root / configuration.relative_path();
+    if (access(file.c_str(), R_OK) != 0 && errno == EACCES) {
+        return std::nullopt;
+    }
+    const auto state = configuredState(readText(file).value_or(""));
     return state ? configuration.parent_path() / *state : fs::path(kStateDirectory);
 }
 

@@ -37,8 +37,9 @@ struct Processes {
     }
 };
 Processes readProcesses(const fs::path& root);
-// Inodes of the sockets of processes with a name; none of those that somebody else runs, unless root asks.
-std::set<uint64_t> readSockets(const fs::path& root, const Processes& processes, std::string_view name);
+// Inodes of the sockets of processes with a name; nothing where one of them may not be looked at.
+std::optional<std::set<uint64_t>> readSockets(const fs::path& root, const Processes& processes,
+                                              std::string_view name);
 
 // Who listens on a TCP port of this machine, and whether somebody was connected to it within a minute.
 struct PortUse {
@@ -69,8 +70,8 @@ std::optional<Group> findGroup(const fs::path& root, std::string_view name);
 std::map<std::string, std::string> readPackages(const fs::path& root, const std::vector<std::string>& names);
 
 // The station's state directory: of the --state or the --config that the running one was started with, else
-// what /etc/kestor/station.toml names, else the default.
-fs::path readStateDirectory(const fs::path& root, const Processes& processes);
+// what /etc/kestor/station.toml names, else the default. Nothing where that file may not be read.
+std::optional<fs::path> readStateDirectory(const fs::path& root, const Processes& processes);
 
 // A sysctl's number, by its name with dots.
 std::optional<int64_t> readSysctl(const fs::path& root, std::string_view key);

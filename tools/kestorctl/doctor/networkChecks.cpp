@@ -36,6 +36,31 @@ std::string nameOf(std::span<const NetworkInterface> interfaces, int index) {
     return found == interfaces.end() ? "interface " + std::to_string(index) : found->name;
 }
 
+struct Elsewhere {
+    std::size_t count = 0;
+    std::string where{};
+};
+// Of the groups those that are joined on other interfaces than the right ones.
+Elsewhere joinedElsewhere(const std::set<std::string>& right, const station::Memberships& memberships,
+                          const std::vector<Ipv4Address>& groups) {
+    Elsewhere found;
+    std::set<std::string> names;
+    for (const Ipv4Address group : groups) {
+        bool elsewhere = false;
+        for (const std::string& name : memberships.where(group)) {
+            if (!right.contains(name)) {
+                elsewhere = true;
+                names.insert(name);
+            }
+        }
+        found.count += elsewhere ? 1 : 0;
+    }
+    for (const std::string& name : names) {
+        found.where += (found.where.empty() ? "" : ", ") + name;
+    }
+    return found;
+}
+
 std::string routeAdvice(const std::string& interface) {
     return "ip route replace 224.0.0.0/4 dev " + interface +
            ", and for good in the network's configuration (\"Two cards\" in "
@@ -46,18 +71,21 @@ std::string routeAdvice(const std::string& interface) {
 
 }  // namespace
 
-Findings checkInterface(std::span<const NetworkInterface> interfaces, const std::set<int>& captured,
-                        const Processes& processes) {
+Findings checkInterface(std::span<const NetworkInterface> interfaces, const Captures& captures,
+                        const Processes& processes, const StationLook& station) {
     const station::CaptureAdvice none = captureAdvice(interfaces);
     if (!none.problem.empty()) {
         return {failure("interface", none.problem, none.advice)};
     }
-    const NetworkInterface& capture = *findCaptureInterface(interfaces, captured);
+    const NetworkInterface& capture = *findCaptureInterface(interfaces, captures.on);
+    const bool any = captures.on.contains(capture.index);
+    // Whether one of those who capture there is the probe; the station knows the meter's sockets.
+    const std::optional<bool> probe = any && captures.others ? station.captured : any;
     Findings findings;
     if (!capture.carrier) {
         findings.push_back(failure("interface", capture.name + " has no link: nothing arrives",
                                    "look at the cable and at the switch's port"));
-    } else if (processes.run("kestor") && !captured.contains(capture.index)) {
+    } else if (processes.run("kestor") && probe == false) {
         findings.push_back(failure("interface",
                                    "kestor runs, but does not capture on " + capture.name +
                                        ": the interface was missing or down when the probe looked for one",
@@ -65,7 +93,9 @@ Findings checkInterface(std::span<const NetworkInterface> interfaces, const std:
     } else {
         findings.push_back(
             ok("interface", capture.name + " is up and has a link" + speed(capture) +
-                                (processes.run("kestor") ? ", the probe captures there" : "")));
+                                (!processes.run("kestor") ? ""
+                                 : probe                  ? ", the probe captures there"
+                                         : "; whether the probe captures there is for root to see")));
     }
     if (!capture.multicast) {
         findings.push_back(warning("interface", capture.name + " takes no multicast",
@@ -153,8 +183,17 @@ Finding checkMemberships(std::span<const NetworkInterface> interfaces, const Net
         }
     }
     if (missing.empty()) {
-        return ok("memberships", "every watched group (" + std::to_string(station.groups.size()) +
-                                     ") is joined on " + capture->name);
+        const auto twice = joinedElsewhere(right, memberships, station.groups);
+        if (twice.count == 0) {
+            return ok("memberships", "every watched group (" + std::to_string(station.groups.size()) +
+                                         ") is joined on " + capture->name);
+        }
+        return warning(
+            "memberships",
+            count(twice.count, station.groups.size()) + (twice.count == 1 ? " is" : " are") + " joined on " +
+                twice.where + " as well as on " + capture->name + ": the network sends them there too",
+            "systemctl restart kestor, at a time that suits; if that does not help, another program "
+            "joins them there");
     }
     std::string names;
     for (const std::string& name : where) {
