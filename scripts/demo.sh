@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # demo.sh [GROUP]...
 #
-# Shows the probe, the meter and the station at work, until Ctrl-C or for RUN_SECONDS seconds: a table of the channels with their state and
+# Shows the probe, the meter, pictures and the station at work, until Ctrl-C or for RUN_SECONDS seconds: a table of the channels with their state and
 # alarms, and the station's page on this machine's loopback. Without groups on two channels that are encoded here, inside a network
 # of its own, with one fault every 20 s and told on the first line; with groups, or with PLAYLIST=FILE, on the real traffic of this machine's eth0, which takes
 # root. What the programs say goes to build/demo/.
@@ -55,7 +55,9 @@ children+=($!)
   --listen "127.0.0.1:$port" 2>"$work/station.log" &
 station=$!
 children+=("$station")
-"$bin/kestor-meter" --socket "$work/meter.sock" 2>"$work/meter.log" &
+"$bin/kestor-meter" --socket "$work/meter.sock" --coded-socket "$work/coded.sock" 2>"$work/meter.log" &
+children+=($!)
+"$bin/kestor-picture" --coded "$work/coded.sock" --station "$work/picture.sock" 2>"$work/picture.log" &
 children+=($!)
 
 # What the cable says, what became of its senders in the last half minute, and what of it the station sees.
@@ -70,7 +72,7 @@ state() {
 }
 
 picture() {
-  echo "http://127.0.0.1:${RELAY_PORT:-$port}/ is the page; Ctrl-C ends it all. $(state | tr '\n' ' ')"
+  echo "http://127.0.0.1:${RELAY_PORT:-$port}/#?pictures=on is the page; Ctrl-C ends it all. $(state | tr '\n' ' ')"
   echo
   "$bin/kestorctl" channels
   echo

@@ -27,6 +27,8 @@ compile=(
   # What the station links.
   libboost-dev libtomlplusplus-dev libsqlite3-dev libcurl4-openssl-dev libsystemd-dev
   zlib1g-dev
+  # What the pictures' workers link.
+  libavcodec-dev libavutil-dev libswscale-dev libturbojpeg0-dev libebur128-dev libseccomp-dev
 )
 # shellcheck disable=SC2034
 run=(
