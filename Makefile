@@ -10,15 +10,16 @@
 JOBS ?= $(shell nproc)
 PRESET ?= release
 SOAK_SECONDS ?= 600
+ALARM_SOAK_HOURS ?= 24
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS ?= frames control parameterSet captureFile recordLine playlist configuration httpRequest \
-  meterDatagrams meterRecording meterSections meterVideo meterAudio meterCues
-RUN_PROGRAMS = kestor kestor-meter kestor-station kestorctl
+  meterDatagrams meterRecording meterSections meterVideo meterAudio meterCues meterOrders meterReports pictureLinks
+RUN_PROGRAMS = kestor kestor-meter kestor-picture kestor-station kestorctl
 SOURCES = git ls-files '*.cpp' '*.h' '*.js'
-# What is about to be compiled for the first time, and how long that takes (about 3 s a file and processor): PRESET, TARGETS
+# What is about to be compiled for the first time, and how long that takes (tenths of a second a file and processor): PRESET, TARGETS, TENTHS
 announce = files=$$(cd build/$(1) && ninja -t inputs $(2) | grep '\.o$$' | while read -r file; do [ -e $$file ] || echo; done | \
   wc -l); [ $$files -eq 0 ] || \
-  echo "compiling $(2): $$files files, about $$(((files * 3 / $(JOBS) + 9) / 10 * 10)) s with $(JOBS) at a time"
+  echo "compiling $(2): $$files files, about $$(((files * $(3) / 10 / $(JOBS) + 9) / 10 * 10)) s with $(JOBS) at a time"
 
 .PHONY: help build run test verify soak bench format check-format tidy clean
 
@@ -29,7 +30,7 @@ help:
 build:
 	scripts/install-deps.sh compile run test
 	cmake --preset release -DBUILD_TESTING=ON
-	@$(call announce,release,all)
+	@$(call announce,release,all,37)
 	cmake --build --preset release -j $(JOBS)
 
 ## run           probe, meter, station and page; RUN_SECONDS limits the time, GROUPS or PLAYLIST name real groups
@@ -37,7 +38,7 @@ run:
 	scripts/install-deps.sh compile
 	@tests=$$([ -e build/release/build.ninja ] || echo -DBUILD_TESTING=OFF) && \
 	  cmake --preset release $$tests --log-level=WARNING >/dev/null
-	@$(call announce,release,$(RUN_PROGRAMS))
+	@$(call announce,release,$(RUN_PROGRAMS),25)
 	scripts/install-deps.sh run & cmake --build --preset release -j $(JOBS) --target $(RUN_PROGRAMS); \
 	  status=$$?; wait $$! && exit $$status
 	RUN_SECONDS="$(RUN_SECONDS)" PLAYLIST="$(PLAYLIST)" scripts/demo.sh $(GROUPS)
@@ -47,7 +48,7 @@ test:
 	scripts/install-deps.sh compile run test page
 	scripts/install-servers.sh
 	cmake --preset $(PRESET) -DBUILD_TESTING=ON
-	@$(call announce,$(PRESET),all)
+	@$(call announce,$(PRESET),all,37)
 	cmake --build --preset $(PRESET) -j $(JOBS)
 	ctest --test-dir build/$(PRESET) --output-on-failure $(CTEST_OPTIONS) -j $$((2 * $(JOBS))) # most of them mostly wait
 
@@ -71,6 +72,11 @@ verify: build
 soak: build
 	scripts/soak $(SOAK_SECONDS) $(SOAK_SEED)
 
+## alarm-soak    encoded streams without a fault, ALARM_SOAK_HOURS (24) of stream time each, raise no alarm
+.PHONY: alarm-soak
+alarm-soak: build
+	JOBS=$(JOBS) bench/alarm-soak.sh $(ALARM_SOAK_HOURS)
+
 ## fuzz          libFuzzer for FUZZ_SECONDS (60) on each of FUZZ_TARGETS; what fails is in build/fuzz/found
 .PHONY: fuzz
 fuzz:
@@ -79,10 +85,10 @@ fuzz:
 	cmake --build --preset fuzz -j $(JOBS)
 	mkdir -p build/fuzz/found $(FUZZ_TARGETS:%=build/fuzz/corpus/%)
 	printf '%s\n' $(FUZZ_TARGETS) | xargs -P $(JOBS) -I{} \
-	  build/fuzz/bin/fuzz_{} -max_total_time=$(FUZZ_SECONDS) -max_len=8192 -timeout=25 -close_fd_mask=1 \
+	  build/fuzz/bin/fuzz_{} -max_total_time=$(FUZZ_SECONDS) -max_len=8192 -timeout=25 -close_fd_mask=1 -entropic=0 \
 	    -artifact_prefix=build/fuzz/found/{}- build/fuzz/corpus/{} tests/fuzz/corpus/{}
 
-## bench         what the speed claims rest on; BENCH=quick only sees that all of it runs
+## bench         what the speed claims rest on; BENCH=quick only sees that all of it runs, BENCH=live is the live part alone
 bench: build
 	scripts/install-deps.sh bench
 	bench/run.sh $(BENCH)
@@ -96,10 +102,12 @@ check-format:
 	$(SOURCES) | xargs clang-format --dry-run -Werror
 
 ## tidy          clang-tidy on what is shipped, and on the benchmarks
-tidy: build
-	scripts/install-deps.sh lint
-	git ls-files 'libsarn/*.cpp' 'libmeter/*.cpp' 'meter/*.cpp' 'meterlink/*.cpp' 'source/*.cpp' 'probelink/*.cpp' 'station/*.cpp' 'tools/*.cpp' 'bench/*.cpp' | \
-	  xargs -P $(JOBS) -n 1 clang-tidy --quiet -p build/release
+tidy:
+	scripts/install-deps.sh compile test lint
+	cmake -G Ninja -B build/tidy -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DKESTOR_PRECOMPILE=OFF -DKESTOR_UNITY=OFF
+	cmake --build build/tidy -j $(JOBS) --target control_messages meter_messages picture_messages
+	git ls-files 'libsarn/*.cpp' 'libmeter/*.cpp' 'meter/*.cpp' 'meterlink/*.cpp' 'picture/*.cpp' 'source/*.cpp' 'probelink/*.cpp' 'station/*.cpp' 'tools/*.cpp' 'bench/*.cpp' | \
+	  xargs -P $(JOBS) -n 1 clang-tidy --quiet -p build/tidy
 
 ## check-32bit   whether the probe compiles for 32-bit machines without a warning, by this machine's headers
 .PHONY: check-32bit

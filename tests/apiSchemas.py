@@ -11,9 +11,14 @@ import http.client
 import json
 import socket
 import sys
+import time
 
 import jsonschema
 import yaml
+
+
+def time_text(ahead):
+    return time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(time.time() + ahead))
 
 
 class SocketConnection(http.client.HTTPConnection):
@@ -68,6 +73,8 @@ class Checker:
         if kind not in contents:
             self.faults.append(f"{what}: Content-Type {kind} is not documented")
             return None
+        if kind.startswith("image/"):
+            return content
         if not kind.endswith("json"):
             return content.decode()
         document = json.loads(content, parse_constant=lambda word: self.faults.append(f"{what}: {word} is no JSON"))
@@ -104,7 +111,7 @@ class Checker:
     def reads(self, group):
         channel = "/api/v1/channels/{group}"
         for path in ("access", "status", "channels", "records", "alarms", "alarm-types", "events", "overview", "meta", "use",
-                     "maintenance", "export"):
+                     "maintenance", "export", "incidents", "passed", "shelved"):
             self.check("GET", f"/api/v1/{path}", f"/api/v1/{path}", 200)
             refused = self.check("GET", f"/api/v1/{path}", f"/api/v1/{path}?nonsense=1", 422)
             if refused and refused.get("field") != "nonsense":
@@ -115,6 +122,10 @@ class Checker:
         ready = self.request("GET", "/readyz")[0]
         self.check("GET", "/readyz", "/readyz", 503 if ready == 503 else 200)
         self.check("GET", "/api/v1/events", "/api/v1/events?format=csv&limit=10", 200)
+        for query in ("", "?label=site", "?format=csv", "?format=outages"):
+            self.check("GET", "/api/v1/report", "/api/v1/report" + query, 200)
+        self.check("GET", "/api/v1/report", "/api/v1/report?since=2999-01-01T00:00:00Z", 422)
+        self.check("GET", "/api/v1/report", "/api/v1/report?group=239.255.255.254", 404)
         self.check("GET", "/api/v1/stream", "/api/v1/stream?x=1", 422)
         self.check("GET", channel, channel.replace("{group}", group), 200)
         self.check("GET", channel, channel.replace("{group}", "239.255.255.254"), 404)
@@ -124,10 +135,24 @@ class Checker:
             for resolution in (1, 60):
                 target = history.replace("{group}", group) + f"?metric={metric['name']}&resolution={resolution}"
                 self.check("GET", history, target, 200)
+        names = ",".join(metric["name"] for metric in self.check("GET", "/api/v1/meta", "/api/v1/meta", 200)["historyMetrics"])
+        for resolution in (1, 60, 3600):
+            self.check("GET", history, history.replace("{group}", group) + f"?metrics={names}&resolution={resolution}", 200)
+        for query, status in (("", 200), (f"?group={group}", 200), ("?since=2999-01-01T00:00:00Z", 422), ("?group=x", 422)):
+            self.check("GET", "/api/v1/timeline", "/api/v1/timeline" + query, status)
+        self.check("GET", "/api/v1/events", "/api/v1/events?alarm=continuity", 200)
+        self.check("GET", "/api/v1/events", "/api/v1/events?alarm=none", 422)
+        picture = channel + "/picture"
+        for query in ("", "?taken=1"):  # the station has a picture of its first channel
+            self.check("GET", picture, picture.replace("{group}", group) + query, 200)
+        self.check("GET", picture, picture.replace("{group}", "239.255.255.254"), 404)
         meter = channel + "/meter"
         for query in ("", "?format=json", "?format=text"):  # the station's first channel is metered
             self.check("GET", meter, meter.replace("{group}", group) + query, 200)
         self.check("GET", meter, meter.replace("{group}", group) + "?format=xml", 422)
+        cues = channel + "/cues"
+        self.check("GET", cues, cues.replace("{group}", group), 200)
+        self.check("GET", cues, cues.replace("{group}", "239.255.255.254"), 404)
         self.events()
 
     def changes(self):
@@ -150,6 +175,19 @@ class Checker:
         path = "/api/v1/maintenance/{id}"
         self.check("DELETE", path, path.replace("{id}", str(window["id"])), 200)
         self.check("DELETE", path, path.replace("{id}", "0"), 422)
+        until = '"until": "2199-01-01T00:00:00Z"'
+        for verb in ("acknowledge", "unacknowledge", "shelve", "unshelve"):
+            path = f"/api/v1/alarms/{verb}"
+            ending = ", " + until if verb == "shelve" else ""
+            for body, status in (("{}", 422), ('{"ids": [], "by": "x"}', 422), ('{"ids": [1], "incident": 1' + ending + "}", 422),
+                                 ('{"label": {"site": 7}}', 422)):
+                self.check("POST", path, path, status, body)
+        soon = time_text(600)
+        for verb, body in (("shelve", f'{{"groups": ["{self.group}"], "alarm": "no_signal", "until": "{soon}"}}'),
+                           ("unshelve", f'{{"group": "{self.group}", "alarm": "no_signal"}}')):
+            path = f"/api/v1/alarms/{verb}"
+            self.check("POST", path, path, 200, body.replace("no_signal", "no_signal"))
+            self.check("GET", "/api/v1/shelved", "/api/v1/shelved", 200)
         path = "/api/v1/alarms/{id}/acknowledge"
         self.check("POST", path, path.replace("{id}", "x"), 422, "{}")
         for alarm in self.check("GET", "/api/v1/alarms", "/api/v1/alarms", 200)[:1]:
@@ -176,7 +214,8 @@ def main():
     channels = json.loads(checker.request("GET", "/api/v1/channels")[2])
     if not channels:
         sys.exit("the station has no channel")
-    checker.reads(channels[0]["group"])
+    checker.group = channels[0]["group"]
+    checker.reads(checker.group)
     if checker.path:
         checker.changes()
     checker.completeness()

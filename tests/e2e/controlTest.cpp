@@ -126,6 +126,7 @@ TEST(Control, TestModeWatchesOneGroupWithoutAController) {
     ASSERT_TRUE(eventually([] { return igmpMember("239.212.0.12"); }));
     ASSERT_TRUE(kestor.waitForOut("Chodze sobie i chuja robie\n", 2));
     ASSERT_TRUE(kestor.waitForOut("listening on"));
+    ASSERT_TRUE(eventually(capturing));
     UdpFlow flow{.group = "239.212.0.12"};
     FrameSender().send(flow, TsStream().payload(0x31, 14).takeDatagrams());
     snapshotWithPackets("239.212.0.12", 14);

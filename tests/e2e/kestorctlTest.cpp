@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "support/harness.h"
+#include "support/stationTool.h"
 #include "support/streamBuilder.h"
 
 namespace test {
@@ -19,22 +20,9 @@ using testing::Not;
 constexpr const char* kA = "239.1.1.1";
 constexpr const char* kB = "239.1.1.2";
 
-struct Result {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-Result kestorctl(std::vector<std::string> arguments, std::chrono::milliseconds patience = 40s) {
-    arguments.insert(arguments.begin(), "kestorctl");
-    Process tool(arguments);
-    const int status = tool.wait(patience).value_or(-1000);
-    return {status, tool.out(), tool.err()};
-}
-
 TEST(Kestorctl, SaysOneThingToTheProbe) {
     const Process kestor({"kestor", "-s"});
-    const Result added = kestorctl({"add", kA, kB});
+    const ToolResult added = kestorctl({"add", kA, kB});
     EXPECT_EQ(added.status, 0) << added.err;
     EXPECT_THAT(added.out, testing::AllOf(HasSubstr(kA), HasSubstr(kB)));
     EXPECT_TRUE(eventually([] { return igmpMember(kA) && igmpMember(kB); }));
@@ -73,6 +61,7 @@ TEST(Kestorctl, RefusesWhatMakesNoSense) {
         {"add", "--all", "--for", "2 hours"},
         {"add", "--all", "--until", "2020-01-01 22:00"},
         {"add", "--label", "site", "--for", "1h"},
+        {"add", "--label", "site=north", "--label", "site=south", "--for", "1h"},
         {"end"},
         {"end", "-1"},
         {"lst"}};
@@ -81,7 +70,7 @@ TEST(Kestorctl, RefusesWhatMakesNoSense) {
         cases.push_back(std::move(arguments));
     }
     for (const auto& arguments : cases) {
-        const Result result = kestorctl(arguments);
+        const ToolResult result = kestorctl(arguments);
         EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments);
         EXPECT_NE(result.err, "");
     }
@@ -101,6 +90,7 @@ TEST(Kestorctl, WatchesTheRecords) {
     const Process kestor({"kestor", "-s"});
     ASSERT_EQ(kestorctl({"add", kA, kB}).status, 0);
     ASSERT_TRUE(kestor.waitForOut("listening on"));
+    ASSERT_TRUE(eventually(capturing));
     ASSERT_TRUE(eventually([] { return igmpMember(kB); }));
     TsStream stream;
     stream.pat({{1, 0x100}}).pmt(1, 0x100, 0x101, {{0x1B, 0x101, psi::descriptor(0x28, {1, 2, 3, 4})}});
@@ -129,7 +119,7 @@ TEST(Kestorctl, WatchesTheRecords) {
 TEST(Kestorctl, ScansAndReports) {
     const Process kestor({"kestor", "-c"});
     const auto traffic = liveTraffic(kA);
-    const Result scan = kestorctl({"scan", kA, kB, "--igmp-latency", "3", "--json"});
+    const ToolResult scan = kestorctl({"scan", kA, kB, "--igmp-latency", "3", "--json"});
     EXPECT_EQ(scan.status, 0) << scan.err;
     EXPECT_EQ(scan.out,
               "{\"group\":\"239.1.1.1\",\"status\":1,\"available\":true}\n"
@@ -148,7 +138,7 @@ std::string verdict(const std::string& subject) {
 }
 
 TEST(Kestorctl, DoctorFindsWhatKeepsTheProbe) {
-    const Result nothing = kestorctl({"doctor"});
+    const ToolResult nothing = kestorctl({"doctor"});
     EXPECT_EQ(nothing.status, 2);
     EXPECT_THAT(nothing.out, testing::AllOf(HasSubstr("FAIL  services"), HasSubstr("FAIL  socket")));
     EXPECT_EQ(verdict("interface"), "ok");
@@ -174,7 +164,7 @@ TEST(Kestorctl, DoctorFindsWhatKeepsTheProbe) {
     EXPECT_THAT(kestorctl({"doctor"}).out, HasSubstr("no interface whose name contains eth0: feed0, lan0"));
     kestor.kill(SIGKILL);
     EXPECT_TRUE(eventually([] {
-        const Result status = kestorctl({"status"});
+        const ToolResult status = kestorctl({"status"});
         return status.status == 3 &&
                status.out.find("no interface whose name contains eth0: feed0, lan0") != std::string::npos;
     })) << kestorctl({"status"}).out;

@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "support/harness.h"
+#include "support/stationTool.h"
 
 namespace test {
 namespace {
@@ -27,23 +28,13 @@ void ip(const std::string& command) {
     ASSERT_EQ(std::system(("ip " + command).c_str()), 0) << command;
 }
 
-json asked(const std::vector<std::string>& command) {
-    std::vector<std::string> all = {"kestorctl", "--json"};
-    all.insert(all.end(), command.begin(), command.end());
-    Process tool(all);
-    tool.wait(40s);
-    return json::parse(tool.out(), nullptr, false);
-}
-
 std::string problem(const char* member) {
-    const json status = asked({"status"});
-    return status.is_object() ? status["machine"].value(member, json()).dump() : "no status";
+    const json status = kestorctlObject({"status"});
+    return status.contains("machine") ? status["machine"].value(member, json()).dump() : "no status";
 }
 
 bool raised(const std::string& type) {
-    Process tool({"kestorctl", "alarms"});
-    tool.wait(40s);
-    return tool.out().find(" " + type + " ") != std::string::npos;
+    return kestorctl({"alarms"}).out.find(" " + type + " ") != std::string::npos;
 }
 
 bool memberOn(const std::string& interface, const std::string& group) {
@@ -79,10 +70,8 @@ TEST(StationMachine, HasGroupsOfTheWrongCardJoinedAgainOnceTheRouteIsRight) {
     EXPECT_THAT(problem("joinProblem"),
                 AllOf(HasSubstr("239.1.1.1 and 1 more are joined on mgmt0, not on eth0"),
                       HasSubstr("ip route replace 224.0.0.0/4 dev eth0")));
-    EXPECT_THAT(asked({"status"})["probe"]["machineProblem"].dump(), HasSubstr("joined on mgmt0"));
-    Process status({"kestorctl", "status"});
-    status.wait();
-    EXPECT_THAT(status.out(), HasSubstr("joined on mgmt0, not on eth0"));
+    EXPECT_THAT(kestorctlObject({"status"})["probe"]["machineProblem"].dump(), HasSubstr("joined on mgmt0"));
+    EXPECT_THAT(kestorctl({"status"}).out, HasSubstr("joined on mgmt0, not on eth0"));
 
     ip("route replace 224.0.0.0/4 dev eth0");
     EXPECT_TRUE(eventually([] { return memberOn("eth0", kA) && memberOn("eth0", kB); }, kLong))
@@ -91,7 +80,7 @@ TEST(StationMachine, HasGroupsOfTheWrongCardJoinedAgainOnceTheRouteIsRight) {
     EXPECT_TRUE(eventually([] { return !raised("not_joined"); }, kLong)) << station.err();
     EXPECT_EQ(problem("joinProblem"), "null");
     EXPECT_THAT(problem("doubled"), HasSubstr("2 groups are still joined on mgmt0 as well"));
-    const json probe = asked({"status"});
+    const json probe = kestorctlObject({"status"});
     EXPECT_EQ(probe["channels"]["withSignal"], 1);
     EXPECT_EQ(probe["probe"]["restarts"], 0);
     EXPECT_EQ(probe["machine"]["rejoins"], 1) << "and not again and again";

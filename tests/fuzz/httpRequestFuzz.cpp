@@ -2,6 +2,7 @@
 // 'u' come over the Unix socket, where everything may be changed.
 #include <cstdlib>
 #include <nlohmann/json.hpp>
+#include <variant>
 
 #include "fuzz/fuzzing.h"
 #include "support/fakeStation.h"
@@ -34,6 +35,40 @@ struct Room {
         station.inlineAnswers = true;
     }
 };
+
+namespace http = boost::beast::http;
+
+// One whole request in memory, as a connection would read it: the request, or the answer that refuses it.
+std::variant<Request, Response> parseRequest(std::string_view bytes) {
+    Head head = inspectHead(bytes);
+    if (head.refusal) {
+        return std::move(*head.refusal);
+    }
+    HttpParser parser;
+    setLimits(parser);
+    parser.eager(true);
+    boost::system::error_code error;
+    while (!parser.is_done() && !bytes.empty()) {
+        const std::size_t used = parser.put(boost::asio::buffer(bytes.data(), bytes.size()), error);
+        bytes.remove_prefix(std::min(used, bytes.size()));
+        auto refused = parser.is_header_done() ? refuseFraming(parser.get()) : std::nullopt;
+        if (refused) {
+            return std::move(*refused);
+        }
+        if (error || used == 0) {
+            break;
+        }
+    }
+    if (!parser.is_done()) {
+        auto refused = refuseMessage(error);
+        return refused && error != http::error::need_more ? std::move(*refused)
+                                                          : station::problem(400, "The request is not whole");
+    }
+    HttpRequest message = parser.release();
+    Request request = toRequest(message);
+    request.body = std::move(message.body());
+    return request;
+}
 
 void check(const Request& request, Response&& response) {
     adapt(request, response);

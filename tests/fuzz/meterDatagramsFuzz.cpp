@@ -111,6 +111,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         settings.bitrate = 1 + input.word() * uint64_t{1000};
     }
     meter::ChannelAnalyser analyser(settings);
+    if ((how & 8) != 0) {
+        analyser.beginExcerpt(true);
+    }
     meter::Datagram datagram;
     datagram.destination = 0xEF010101;
     datagram.destinationPort = 5000;
@@ -156,6 +159,10 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         } else {
             datagram.payload = bytes;
             analyser.feed(datagram);
+        }
+        if (record == 0x1D || analyser.excerptIsEnded()) {
+            analyser.takeExcerpt();
+            analyser.beginExcerpt((datagram.arrival & 1) != 0);
         }
     }
     meter::toJson(analyser.report());

@@ -1,7 +1,9 @@
 // Elementary streams of the three video codecs, cut into packets anywhere.
 #include <algorithm>
+#include <string_view>
 #include <vector>
 
+#include "excerpt/keyPicture.h"
 #include "fuzz/fuzzing.h"
 #include "media/videoStream.h"
 
@@ -14,6 +16,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         return 0;
     constexpr Codec kCodecs[] = {Codec::kMpeg2Video, Codec::kH264, Codec::kH265, Codec::kH264};
     VideoStream stream(kCodecs[data[0] & 3]);
+    constexpr ExcerptVideo kExcerpts[] = {ExcerptVideo::kMpeg2, ExcerptVideo::kH264, ExcerptVideo::kH265,
+                                          ExcerptVideo::kH264};
+    KeyPicture picture(kExcerpts[data[0] & 3]);
     const bool whole = (data[0] & 4) != 0;
     Bytes input(data + 1, size - 1);
     Ticks dts = 0;
@@ -26,12 +31,20 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
                                            input.begin() + 1 + static_cast<std::ptrdiff_t>(length));
         start = start || control % 4 == 0;
         stream.feed(start, control % 8 == 0, payload, control % 16 == 0 ? std::nullopt : std::optional(dts));
+        if (control == 1)
+            picture.gap();
+        if (!picture.isEnded())
+            picture.feed(payload);
         start = false;
         dts += control * 512;
         if (control % 32 == 0)
             stream.secondEnded();
         input = input.subspan(1 + length);
     }
+    // It begins with a start code, whatever came.
+    if (picture.isEnded() && !picture.isTooLarge() &&
+        !picture.take().starts_with(std::string_view("\0\0\0\1", 4)))
+        __builtin_trap();
     VideoReport video;
     GopReport gop;
     stream.fill(video, gop);

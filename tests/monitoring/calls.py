@@ -123,7 +123,7 @@ def lay_out():
             text = text.replace(slow, fast)
         (WORK / name).write_text(text)
     channels = "\n".join(f'[[channel]]\ngroup = "{group}"' for group in GROUPS)
-    (WORK / "station.toml").write_text(f'socket = "{WORK}/station.sock"\nmeter_socket = "{WORK}/meter.sock"\nstate_dir = "{WORK}/state"\n{channels}\n'
+    (WORK / "station.toml").write_text(f'socket = "{WORK}/station.sock"\nmeter_socket = ""\nstate_dir = "{WORK}/state"\n{channels}\n'
                                        + "".join(f"[profile.default.{alarm}]\nenabled = false\n" for alarm in
                                                  ("quality_index", "mos"))
                                        + "[profile.default.no_signal]\nraise_delay_s = 3\n")

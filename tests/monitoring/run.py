@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """run.py BIN_DIRECTORY: the monitoring end to end, in a network of its own (about a minute).
 
-Three probes, each with its station in a network of its own; one Prometheus with the rules, one Alertmanager, and a
+Three probes, each with its station in a network of its own, two of them with a meter; one Prometheus with the rules, one Alertmanager, and a
 VictoriaMetrics that gets what the fleet is asked for, all of them Debian's (scripts/install-servers.sh). A cable is cut
 and mended, a probe falls silent, every stored value is held against its record, and every query of the dashboards is
 answered.
@@ -55,11 +55,12 @@ def probe_side(number, bin_directory):
                    input=f"address add 10.98.{number}.2/24 dev uplink\nlink set uplink up\n")
     WORK.mkdir()
     configuration = WORK / "station.toml"
+    meter = "" if number == SILENT else WORK / "meter.sock"
     configuration.write_text(f"""
         instance = "{PROBES[number]}"
         listen = "10.98.{number}.2:9427"
         socket = "{WORK}/station.sock"
-        meter_socket = "{WORK}/meter.sock"
+        meter_socket = "{meter}"
         state_dir = "{WORK}/state"
         [[channel]]
         group = "239.1.1.1"
@@ -85,6 +86,8 @@ def probe_side(number, bin_directory):
         subprocess.Popen(encoders, **quiet)
     probe = subprocess.Popen([bin_directory / "kestor", "-s"], **quiet)
     subprocess.Popen([bin_directory / "kestor-station", "--config", configuration], **quiet)
+    if number != SILENT:
+        subprocess.Popen([bin_directory / "kestor-meter", "--socket", WORK / "meter.sock", "--ring-mib", "8"], **quiet)
     orders = {"cut": ["ip", "link", "set", "feed0", "down"], "mend": ["ip", "link", "set", "feed0", "up"],
               "stop": ["kill", "-STOP", str(probe.pid)], "go": ["kill", "-CONT", str(probe.pid)]}
     for order in sys.stdin:
@@ -265,6 +268,21 @@ def check_runbooks():
         require(url.endswith(f"/runbooks.md#{alert.lower()}"), alert, "leads to", url)
 
 
+def check_acknowledgements():
+    """An alarm whose acknowledgement keeps an alert from beginning keeps Alertmanager from repeating it as well."""
+    rules = yaml.safe_load((ROOT / "monitoring" / "rules" / "alerts.yml").read_text())["groups"][0]["rules"]
+    heeded = {(rule["alert"], alarms) for rule in rules if "alert" in rule
+              for alarms in re.findall(r'kestor_alarm_acknowledged\{alarm=~?"([^"]+)"\}', rule["expr"])}
+    inhibited = set()
+    for rule in yaml.safe_load((ROOT / "monitoring" / "alertmanager.yml").read_text())["inhibit_rules"]:
+        alarms = re.findall(r'alarm=~?"([^"]+)"', " ".join(rule["source_matchers"]))
+        inhibited |= {(re.search(r'alertname=~?"([^"]+)"', rule["target_matchers"][0])[1], one) for one in alarms}
+    heeded |= {(rule["alert"], alarm) for rule in rules if rule.get("alert", "KestorAlarmAcknowledged") != "KestorAlarmAcknowledged"
+               for alarm in re.findall(r"probe:kestor_(\w+)_acknowledged", rule["expr"])}
+    heeded.discard(("KestorChannelNoSignal", "no_signal"))  # has the label itself, as KestorChannelAlarm has
+    require(len(heeded) >= 5 and heeded == inhibited, "rules and inhibitions differ:", heeded ^ inhibited)
+
+
 def check_files():
     """What is shipped, by the servers' own checkers; and each alert and recording rule on made-up series."""
     examples = ROOT / "monitoring"
@@ -275,6 +293,7 @@ def check_files():
         checked = subprocess.run([SERVERS / command[0], *command[1:]], capture_output=True, text=True)
         require(checked.returncode == 0, checked.stdout, checked.stderr)
     check_runbooks()
+    check_acknowledgements()
     boards = dashboards.load()
     dashboards.check_files(boards)
     return boards
@@ -298,7 +317,8 @@ def main(bin_directory):
     require(server.instant(f'kestor_channel_info{{probe="{PROBES[SILENT]}"}}'), "the silent probe's channels are gone")
     probes[SILENT].order("go")
 
-    for late in ("kestor_stream_delay_factor_seconds", "kestor_pid_gop_frames"):
+    for late in ("kestor_stream_delay_factor_seconds", "kestor_pid_gop_frames", "kestor_ts_pcr_jitter_seconds",
+                 "kestor_ts_pcr_accuracy_seconds", "kestor_ts_pcr_offset_ppm"):
         wait_for(lambda: server.instant(f'{late}{{probe="{PROBES[FAST]}"}}'), late)
     for probe in (probes[DEMO], probes[FAST]):
         probe.order("stop")
@@ -315,7 +335,7 @@ def main(bin_directory):
         checks = dashboards.check_queries(one, asked, time.time(), choices, alarm_at)
         print(f"{checks} panels, variables and annotations answered by {name}")
     names = store.get("label/__name__/values")
-    require(not [one for one in names if one.startswith("kestor_pid")], "series of PIDs were written on")
+    require(not [one for one in names if one.startswith(("kestor_pid", "kestor_ts_", "kestor_net_"))], "series of PIDs were written on")
     written = {one["metric"].get("group") for one in store.instant("kestor_alarm_active")}
     require(written == {None}, "alarms of channels were written on one by one:", written)
     print(f"passed in {time.monotonic() - began:.0f} s")

@@ -12,6 +12,7 @@ import subprocess
 import tempfile
 import threading
 import time
+import unittest
 import urllib.error
 import urllib.request
 
@@ -27,8 +28,13 @@ IMAGES = ROOT / "build/page"
 TOKEN = "page-test-token"
 
 
+PATIENCE = 4  # a machine that does other things as well, or is slow
+
+
 def wait_for(what, seconds, condition):
-    """The condition's first true value; an AssertionError that says what was waited for when none came in time."""
+    """The condition's first true value; an AssertionError that says what was waited for when none came in PATIENCE
+    times the seconds that it takes at most on a machine that does nothing else."""
+    seconds *= PATIENCE
     end = time.monotonic() + seconds
     while True:
         try:
@@ -140,6 +146,9 @@ class Writer:
     def __init__(self, pipe, controller, columns, groups, silent=()):
         self.pipe, self.controller, self.columns, self.groups = pipe, controller, columns, groups
         self.silent = silent  # groups of which no packet ever came
+        self.held = False     # nothing is written
+        self.flapping, self.faults = True, 0  # some lose packets now and then, and how many
+        self.silenced, self.received = set(), {}  # groups of which no more packets come, and how many came
         self.capture = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))  # ETH_P_ALL
         self.capture.bind(("eth0", 0))
         self.ended = threading.Event()
@@ -164,19 +173,28 @@ class Writer:
         turn = 0
         while not self.ended.wait(1):
             turn += 1
+            if self.flapping:
+                self.faults = 3 * (turn // 15)
             text = "".join(self.record(place, group, turn) for place, group in enumerate(self.groups))
             text += "".join(self.line({"group": group, "kind": 0, "pid": -1, "label": "-1", "transportQualityIndex": 1})
                             for group in self.silent)
+            if self.held:
+                continue
             with open(self.pipe, "w") as pipe:
                 pipe.write(text)
+
+    def packets(self, group, turn):
+        if group not in self.silenced:
+            self.received[group] = turn * 1300
+        return self.received.get(group, 0)
 
     def record(self, place, group, turn):
         rate = 2_000_000 + 5_000 * place + 40_000 * ((turn + place) % 7)
         values = {"group": group, "kind": 0, "pid": -1, "label": "-1", "bitRate": rate, "destinationPort": 5000,
-                  "packetsReceived": turn * 1300, "transportQualityIndex": 4.5, "ttl": 8, "igmpLatency": 120,
+                  "packetsReceived": self.packets(group, turn), "transportQualityIndex": 4.5, "ttl": 8, "igmpLatency": 120,
                   "Transport_error": 2}  # of long ago
         if place % 100 == 99:  # some lose packets now and then: alarms come and go
-            values["packetsLost"] = values["Continuity_count_error"] = 3 * (turn // 15)
+            values["packetsLost"] = values["Continuity_count_error"] = self.faults
         return self.line(values)
 
     def line(self, values):
@@ -189,10 +207,39 @@ class Writer:
         self.capture.close()
 
 
+class SpoiledTest(unittest.TestCase):
+    """A station whose probe is made up, a proxy that spoils its answers, and a browser, for all tests of a class that says
+    CONFIGURATION, the GROUPS that the probe has packets of and those that it is SILENT of."""
+
+    SILENT = ()
+
+    @classmethod
+    def setUpClass(cls):
+        controller, pipe = 5998, "/tmp/page-pipe"
+        os.mkfifo(pipe)
+        cls.addClassCleanup(os.unlink, pipe)
+        cls.station = Station(cls.CONFIGURATION, controller=controller, pipe=pipe)
+        cls.addClassCleanup(cls.station.close)
+        cls.station.start()
+        columns = [column["name"] for column in cls.station.get("meta")["columns"]["stream"]]
+        cls.addClassCleanup(Writer(pipe, controller, columns, cls.GROUPS, cls.SILENT).close)
+        cls.between = Between(cls.station, 9440)
+        cls.addClassCleanup(cls.between.close)
+        cls.browser = Browser()
+        cls.addClassCleanup(cls.browser.close)
+        wait_for("data", 20, lambda: cls.station.get("channels")[0]["lastSeen"])
+
+    def setUp(self):
+        self.browser.driver.get("about:blank")  # what the test before left asks on
+        self.between.mend()
+        self.between.asked.clear()
+
+
 class Between:
     """A proxy that has the station below a path of its own, and spoils some of its answers. `rules`: [pattern of the path, what to do]; the
-    first that fits holds. What to do: a status to answer with, "hang" for an answer that never comes, or a function from
-    the answer's bytes to others; with `times`, so often and no more."""
+    first that fits holds. What to do: a status to answer with, "hang" for an answer that never comes, a document to answer
+    in place of the station (a dict or list; it is read anew each time), or a function from the answer's bytes to others; with
+    `times`, so often and no more."""
 
     PREFIX = "/tv/kestor"
 
@@ -241,6 +288,9 @@ class Between:
         what = self.ruled(client.path)
         if what == "hang":
             self.ended.wait()
+            return
+        if isinstance(what, (dict, list)):
+            self.answer(client, 200, {"Content-Type": "application/json"}, json.dumps(what).encode())
             return
         if isinstance(what, int):
             problem = json.dumps({"type": "about:blank", "title": "Spoiled", "status": what}).encode()
@@ -338,6 +388,11 @@ class Browser:
         return self.run(
             "return [...document.querySelectorAll(arguments[0])].map((node) => node.textContent)", selector)
 
+    def readouts(self):
+        """Of the plots that are shown: one of what nobody measures here is not."""
+        return self.run("return [...document.querySelectorAll('main .plot')].filter((plot) => plot.checkVisibility())"
+                        ".map((plot) => plot.querySelector('output').textContent)")
+
     def press(self, text, within="body"):
         """Clicks the first visible button of this text; one that is drawn anew meanwhile is looked for again."""
         def pressed():
@@ -347,6 +402,14 @@ class Browser:
                     return True
             return False
         wait_for(f'a button "{text}"', 5, pressed)
+
+    def unlock(self):
+        wait_for("the page is live", 15, lambda: self.find("#connection.live"))
+        if self.text("#token") == "Unlock":
+            self.press("Unlock")
+            self.type("Token", TOKEN)
+            self.press("Allow")
+            wait_for("the token is taken", 5, lambda: self.text("#token") == "Lock")
 
     def type(self, label, text):
         """Sets the field of this label as typing does."""

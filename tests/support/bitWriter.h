@@ -1,6 +1,7 @@
 // Writes bit streams field by field: parameter sets and frame headers as a test wants them to be.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -28,6 +29,10 @@ class BitWriter {
         BitWriter copy = *this;
         copy.put(true);
         return copy.bytes_;
+    }
+    // Bits so far.
+    std::size_t size() const {
+        return used_;
     }
     // Filled up with zeros alone.
     std::vector<uint8_t> plain() const {

@@ -7,7 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "commands.h"
+#include "measures/probeSample.h"
+#include "state/commands.h"
 
 namespace station {
 
@@ -54,10 +55,10 @@ class FakeStation : public StationInterface {
         alarm.raised = kStart;
         alarm.value = alarm.peak = 3;
         for (std::size_t i = 0; i < channels; ++i) {
-            alarm.group = fakeGroup(i);
+            alarm.about = fakeGroup(i);
             first->channels.push_back(channel(i, pids, i == 0 ? std::vector{alarm} : std::vector<Alarm>{}));
         }
-        alarm.group = fakeGroup(0);
+        alarm.about = fakeGroup(0);
         first->alarms.push_back(alarm);
         first->maintenance.push_back({.id = 8,
                                       .from = kStart,
@@ -118,9 +119,89 @@ class FakeStation : public StationInterface {
         inlineAnswers ? run() : static_cast<void>(threads_.emplace_back(run));
         return true;
     }
+    bool queryReport(const ReportQuestion& question, EventStore::ReportAnswer answer) override {
+        if (full) {
+            return false;
+        }
+        ReportRows rows;
+        rows.observed = {question.time};
+        if (!question.group || question.group == fakeGroup(0)) {
+            rows.watched[fakeGroup(0)] = {question.time};
+            rows.alarms = {{.type = *findAlarmType("no_signal"),
+                            .group = fakeGroup(0),
+                            .raised = question.time.from,
+                            .cleared = question.time.from + std::chrono::seconds(36)}};
+        }
+        const std::lock_guard lock(mutex_);
+        const auto run = [rows, answer] { answer(ReportRows(rows), ""); };
+        inlineAnswers ? run() : static_cast<void>(threads_.emplace_back(run));
+        return true;
+    }
+    bool queryLosses(LossQuestion&& question, LossAnswer answer) override {
+        if (full) {
+            return false;
+        }
+        LossSums sums;
+        if (question.counted.contains(fakeGroup(0))) {
+            sums[fakeGroup(0)].add(kStart, 10, 990);
+            sums[fakeGroup(0)].add(kStart + std::chrono::minutes(1), 0, 1000);
+        }
+        const std::lock_guard lock(mutex_);
+        const auto run = [sums, answer] { answer(LossSums(sums), ""); };
+        inlineAnswers ? run() : static_cast<void>(threads_.emplace_back(run));
+        return true;
+    }
+    bool queryMinutes(const Group& /*group*/, WallTime since, WallTime until,
+                      MinuteStore::Answer answer) override {
+        if (full) {
+            return false;
+        }
+        Minutes minutes;
+        for (WallTime time = std::max(since, until - std::chrono::minutes(3)); time < until;
+             time += std::chrono::minutes(1)) {
+            minutes.push_back({});
+            minutes.back().wall = static_cast<uint32_t>(
+                std::chrono::floor<std::chrono::seconds>(time.time_since_epoch()).count());
+        }
+        const std::lock_guard lock(mutex_);
+        const auto run = [minutes, answer] { answer(Minutes(minutes), ""); };
+        inlineAnswers ? run() : static_cast<void>(threads_.emplace_back(run));
+        return true;
+    }
+    MinuteStore::Statistics historyStatistics() const override {
+        return {};
+    }
     std::optional<MeterReport> meterReport(const Group& group) const override {
         const std::lock_guard lock(mutex_);
         return group == fakeGroup(0) ? meterReport_ : std::nullopt;
+    }
+    MeterReports meterReports() const override {
+        const std::lock_guard lock(mutex_);
+        return meterReport_ ? MeterReports{{fakeGroup(0).hostOrder(), *meterReport_}} : MeterReports{};
+    }
+    std::vector<MeterCue> meterCues(const Group& group) const override {
+        const std::lock_guard lock(mutex_);
+        return group == fakeGroup(0) ? meterCues_ : std::vector<MeterCue>();
+    }
+    PicturePointer picture(const Group& group) const override {
+        const std::lock_guard lock(mutex_);
+        return group == fakeGroup(0) ? picture_ : nullptr;
+    }
+    void setPicture(PicturePointer picture) {
+        const std::lock_guard lock(mutex_);
+        picture_ = std::move(picture);
+    }
+    void look(const Group& group) override {
+        const std::lock_guard lock(mutex_);
+        looked_.push_back(group);
+    }
+    std::vector<Group> looked() const {
+        const std::lock_guard lock(mutex_);
+        return looked_;
+    }
+    void setMeterCues(std::vector<MeterCue> cues) {
+        const std::lock_guard lock(mutex_);
+        meterCues_ = std::move(cues);
     }
     void setMeterReport(std::optional<MeterReport> report) {
         const std::lock_guard lock(mutex_);
@@ -156,18 +237,21 @@ class FakeStation : public StationInterface {
                                                                       .alarms = std::move(alarms),
                                                                       .pids = {},
                                                                       .snapshot = snapshot,
-                                                                      .sample = {},
                                                                       .lastSeen = kStart});
         made->channel.name = "Channel \"" + std::to_string(number) + "\" <script>";
         made->channel.labels = {{"site", "north"}, {"tvg-id", "a.b"}};
         made->status = made->alarms.empty() ? ChannelStatus::kOk : ChannelStatus::kAlarm;
-        made->shown = true;
+        Measured& measured = made->measured[Source::kProbe];
+        measured.shown = true;
         made->stream = &(*snapshot)[0];
         made->pids = {&*snapshot->begin() + 1, snapshot->size() - 1};
-        made->sample.bitRate = 4'000'000;
-        made->sample.qualityIndex = 4.875;
-        made->sample.signal = true;
-        made->sample.totals.fill((uint64_t{1} << 53) + 1);
+        measured.sample = makeSample(*made->stream, made->pids, nullptr, {});
+        measured.sample.level(measureOf("bitRate")) = 4'000'000;
+        measured.sample.level(measureOf("transportQualityIndex")) = 4.875;
+        measured.sample.signal = true;
+        for (Count& count : measured.sample.counts) {
+            count.total = (uint64_t{1} << 53) + 1;
+        }
         return made;
     }
 
@@ -181,9 +265,10 @@ class FakeStation : public StationInterface {
             }
         } else if (std::holds_alternative<SetMaintenance>(action)) {
             answer.id = 8;
-        } else if (std::holds_alternative<AskHistory>(action)) {
-            answer.points = {{kStart, 1, 2, 3}, {kStart, NAN, NAN, NAN}};
-        } else if (const auto* asked = std::get_if<AskOverview>(&action)) {
+        } else if (std::holds_alternative<QueryHistory>(action)) {
+            answer.series.assign(std::get<QueryHistory>(action).metrics.size(),
+                                 {{kStart, 1, 2, 3}, {kStart, NAN, NAN, NAN}});
+        } else if (const auto* asked = std::get_if<QueryOverview>(&action)) {
             for (const auto& one : state()->channels) {
                 answer.overview.push_back(
                     {one->channel.group, std::vector<float>(asked->sparkCells, NAN), {}});
@@ -200,7 +285,6 @@ class FakeStation : public StationInterface {
                                                                       .alarms = {},
                                                                       .pids = {},
                                                                       .snapshot = {},
-                                                                      .sample = {},
                                                                       .lastSeen = {}});
         made->channel.name = put.given.contains("name") ? put.channel.name : put.channel.group.text();
         std::erase_if(next.channels,
@@ -213,6 +297,10 @@ class FakeStation : public StationInterface {
     mutable std::recursive_mutex mutex_;  // guards everything below
     StatePointer state_;
     std::optional<MeterReport> meterReport_;
+    std::vector<MeterCue> meterCues_;
+    PicturePointer picture_ = std::make_shared<const StoredPicture>(
+        StoredPicture{WallTime(std::chrono::seconds(1)), "\xFF\xD8\xFFx\xFF\xD9", "1-6"});
+    std::vector<Group> looked_;
     uint64_t number_ = 0;
     std::vector<std::jthread> threads_;
 };

@@ -11,8 +11,8 @@ inline meter::Report fullReport(uint32_t group) {
     report.group = group;
     report.begin = "2026-01-02T03:04:05Z";
     report.seconds = 12.5;
-    report.flow = {0x0A000001, 1234, 5000, "rtp", 7, 11, 12, 13, 14, 15, {100, 200}, 16, 46};
-    report.packets = {21, 22, 23, 24, {-5, "clock", 25, -26, 27, 28, 29, 30.5}};
+    report.flow = {0x0A000001, 1234, 5000, "rtp", 7, 11, 12, 13, 14, 15, {100, 200}, 16, 46, 8};
+    report.packets = {21, 22, 23, 24, {-5, "clock", 25, -26, 27, 28, 29, 30.5}, 20};
     report.bitrate = {31, 32, 33, 34, true, 0.35};
     report.checks = meter::allChecks();
     for (std::size_t i = 0; i < report.checks.size(); i += 2) {
@@ -67,7 +67,7 @@ inline meter::Report fullReport(uint32_t group) {
                                meter::ProgrammeReport{"next", {}, {}},
                                {video, audio, text}});
     report.services.push_back({2, {}, {}, {}, {}, 300, {}, {}, {}, {}, {}, {}, {}, {}});
-    report.pids = {{258, "video", 81, 82, 83, 84, 85, 86, 87, "even", 88, true}};
+    report.pids = {{258, "video", 81, 82, 83, 84, 85, 86, 87, "even", 88, true, 89.0}};
     meter::CueReport cue;
     cue.pid = 500;
     cue.command = "splice_insert";

@@ -240,8 +240,18 @@ bool filterAdmits(const std::string& group) {
     return fileHas("/proc/net/dev_mcast", text.data());
 }
 
+bool capturing() {
+    Process sockets({"ss", "--packet", "--bpf", "--no-header"});
+    EXPECT_EQ(sockets.wait(), 0);
+    const std::string text = sockets.out();
+    // While the capture's own filter is being put in place, one of a single instruction holds everything
+    // back.
+    return occurrences(text, "bpf filter (") > occurrences(text, "bpf filter (1)");
+}
+
 Probe::Probe(const Groups& groups) {
     EXPECT_TRUE(kestor.waitForOut("listening on"));
+    EXPECT_TRUE(eventually(capturing));
     if (groups.empty())
         return;
     controller.answer(response(groups));

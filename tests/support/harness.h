@@ -110,6 +110,8 @@ Snapshot snapshotWithPackets(const std::string& group, std::size_t packets);
 // Whether the host is a member of the group on eth0, and whether eth0's receive filter lets it in.
 bool igmpMember(const std::string& group);
 bool filterAdmits(const std::string& group);
+// Whether somebody captures frames with a filter in place: "listening on" is printed before it is.
+bool capturing();
 
 // The probe in monitoring mode with its controller and network, once it monitors the groups.
 struct Probe {

@@ -4,6 +4,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
 #include <thread>
 
 namespace station {
@@ -25,6 +28,11 @@ class ScratchDirectory {
   private:
     std::filesystem::path path_;
 };
+
+inline std::string contentOf(const std::filesystem::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
 
 // Whether the condition comes true in time.
 template <typename Condition>

@@ -87,7 +87,7 @@ struct Port {
 
     zmq::context_t context;
     zmq::socket_t socket{context, zmq::socket_type::router};
-    ConnectionLimit limit{context, socket, kBytes};
+    probelink::ConnectionLimit limit{context, socket, kBytes};
     std::string endpoint;
 };
 
@@ -128,7 +128,7 @@ TEST(ConnectionLimit, ClosesAMessageWithoutEndAndLeavesARequestAlone) {
 TEST(ConnectionLimit, KeepsTheNewestOfMany) {
     Port port;
     std::vector<std::unique_ptr<Client>> clients;
-    for (std::size_t i = 0; i < ConnectionLimit::kConnections + 20; ++i) {
+    for (std::size_t i = 0; i < probelink::ConnectionLimit::kConnections + 20; ++i) {
         clients.push_back(std::make_unique<Client>(port.endpoint));
         clients.back()->beginAsRequester();
     }
@@ -137,11 +137,11 @@ TEST(ConnectionLimit, KeepsTheNewestOfMany) {
         return std::ranges::count_if(clients, [](const auto& client) { return client->open(); });
     };
     const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (open() > static_cast<long>(ConnectionLimit::kConnections) &&
+    while (open() > static_cast<long>(probelink::ConnectionLimit::kConnections) &&
            std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(10ms);
     }
-    EXPECT_EQ(open(), static_cast<long>(ConnectionLimit::kConnections));
+    EXPECT_EQ(open(), static_cast<long>(probelink::ConnectionLimit::kConnections));
     EXPECT_FALSE(clients.front()->open());
     EXPECT_TRUE(clients.back()->open());
 }

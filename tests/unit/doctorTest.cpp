@@ -19,6 +19,7 @@ using station::NetworkInterface;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Optional;
 
 constexpr Ipv4Address kA = 0xEF010101;  // 239.1.1.1
 constexpr Ipv4Address kB = 0xEF010102;
@@ -61,6 +62,11 @@ class Root {
     void process(int pid, const std::string& name) const {
         write("proc/" + std::to_string(pid) + "/comm", name + "\n");
     }
+    void enable(const std::string& service) const {
+        const auto link = path() / "etc/systemd/system/kestor.target.wants" / (service + ".service");
+        fs::create_directories(link.parent_path());
+        fs::create_symlink("/lib/systemd/system/" + service + ".service", link);
+    }
     void remove(const fs::path& file) const {
         fs::remove_all(path() / file);
     }
@@ -84,7 +90,8 @@ Findings judge(const Root& root, const StationLook& look) {
     const Processes processes = readProcesses(at);
     Findings all = {checkServices(at, processes, look), checkPipe(at), checkPort(at, processes),
                     checkSocket(look)};
-    for (Findings some : {checkLimits(at, look.groups.size()), checkResults(look)}) {
+    for (Findings some : {checkLimits(at, look.groups.size()), checkMeter(processes, look),
+                          checkPictures(at, processes, look), checkResults(look)}) {
         std::ranges::move(some, std::back_inserter(all));
     }
     all.push_back(checkVersions("1.1.0", readPackages(at, {"kestor", "kestor-station"}), look, processes));
@@ -112,6 +119,81 @@ TEST(Doctor, JudgesWhatItReads) {
              root.remove("usr/libexec");
          },
          0, "kestor and kestor-station run"},
+        {"the meter is gone", [](auto& root, auto&) { root.enable("kestor-meter"); }, 1,
+         "warn  services     kestor-meter does not run"},
+        {"the meter is connected",
+         [](auto& root, StationLook& look) {
+             root.process(23, "kestor-meter");
+             look.meter = {.connected = true, .groups = 2, .reported = 1};
+         },
+         0, "kestor-meter is connected, and reports 1 of 2 groups"},
+        {"the meter is not connected",
+         [](auto& root, StationLook& look) {
+             root.process(23, "kestor-meter");
+             look.meter = {.problem = "it was refused"};
+         },
+         1, "not connected to the station: it was refused"},
+        {"the meter captures nothing",
+         [](auto& root, StationLook& look) {
+             root.process(23, "kestor-meter");
+             look.meter = {.connected = true, .problem = "eth0 is down"};
+         },
+         1, "warn  meter        eth0 is down"},
+        {"the station waits for no meter", [](auto& root, auto&) { root.process(23, "kestor-meter"); }, 1,
+         "the station waits for none"},
+        {"meter and pictures are gone",
+         [](auto& root, auto&) {
+             root.enable("kestor-meter");
+             root.enable("kestor-picture");
+         },
+         1, "systemctl start kestor-meter kestor-picture;"},
+        {"pictures are gone", [](auto& root, auto&) { root.enable("kestor-picture"); }, 1,
+         "kestor-picture does not run: frozen, black and silent channels are not found"},
+        {"the probe is gone too",
+         [](auto& root, auto&) {
+             root.enable("kestor-picture");
+             root.remove("proc/20");
+         },
+         2, "kestor and kestor-picture do not run"},
+        {"pictures are not installed", [](auto&, auto&) {}, 0,
+         "ok    pictures     none are taken: kestor-picture is not"},
+        {"pictures are not wanted", [](auto& root, auto&) { root.write("usr/sbin/kestor-picture", ""); }, 0,
+         "the service of kestor-picture is disabled"},
+        {"pictures come",
+         [](auto&, StationLook& look) {
+             look.pictures = {
+                 .connected = true, .meter = true, .held = 2, .taken = 9, .failed = 1, .seconds = 10};
+         },
+         0, "kestor-picture is connected, and has shown 2 channels, a new one every 10 s"},
+        {"the station waits for no pictures", [](auto& root, auto&) { root.process(24, "kestor-picture"); },
+         1, "warn  pictures     kestor-picture runs, and the station waits for none"},
+        {"pictures of another version",
+         [](auto& root, StationLook& look) {
+             root.process(24, "kestor-picture");
+             look.pictures = {.problem = "it speaks version 2"};
+         },
+         1, "is not connected to the station: it speaks version 2"},
+        {"pictures hang",
+         [](auto&, StationLook& look) { look.pictures = {.connected = true, .silent = true}; }, 1,
+         "kestor-picture is connected, and tells nothing"},
+        {"pictures without a meter",
+         [](auto&, StationLook& look) {
+             look.pictures = {.connected = true, .problem = "no meter is connected"};
+         },
+         1, "kestor-picture gets no packets: no meter is connected"},
+        {"no share for pictures",
+         [](auto&, StationLook& look) {
+             look.pictures = {.connected = true, .meter = true, .problem = "cores = 0"};
+         },
+         1, "warn  pictures     cores = 0"},
+        {"no turn has a picture",
+         [](auto&, StationLook& look) { look.pictures = {.connected = true, .meter = true, .failed = 7}; }, 1,
+         "no picture has come of 7 turns"},
+        {"decoders die",
+         [](auto&, StationLook& look) {
+             look.pictures = {.connected = true, .meter = true, .held = 1, .taken = 4, .leftOut = 1};
+         },
+         1, "1 channel is left out for an hour: it killed three decoders"},
         {"two probes", [](auto& root, auto&) { root.process(30, "kestor"); }, 2, "processes 20 and 30"},
         {"processes are hidden",
          [](auto& root, auto&) {
@@ -234,12 +316,17 @@ NetworkInterface card(const std::string& name, int index, bool up = true, bool c
 
 TEST(Doctor, JudgesTheInterfaceAndTheWayToIt) {
     const Processes probe{{{20, "kestor"}}, true};
-    const auto interface = [&](const std::vector<NetworkInterface>& all, const std::set<int>& captured) {
-        return report(checkInterface(all, captured, probe));
+    StationLook look = wellStation();
+    const auto interface = [&](const std::vector<NetworkInterface>& all, const std::set<int>& captured,
+                               bool others = false) {
+        return report(checkInterface(all, {captured, others}, probe, look));
     };
     EXPECT_THAT(interface({card("eth0", 2)}, {2}), HasSubstr("the probe captures there"));
     EXPECT_THAT(interface({card("eth0", 2)}, {3}),
                 HasSubstr("FAIL  interface    kestor runs, but does not capture"));
+    EXPECT_THAT(interface({card("eth0", 2)}, {2}, true), HasSubstr("captures there is for root to see"));
+    look.captured = false;
+    EXPECT_THAT(interface({card("eth0", 2)}, {2}, true), HasSubstr("kestor runs, but does not capture"));
     EXPECT_THAT(interface({card("eth0", 2, false)}, {}), HasSubstr("ip link set eth0 up"));
     EXPECT_THAT(interface({card("eth0", 2, true, false)}, {2}), HasSubstr("no link"));
     EXPECT_THAT(interface({card("eno1", 2), card("enp3s0", 3)}, {}),
@@ -250,7 +337,6 @@ TEST(Doctor, JudgesTheInterfaceAndTheWayToIt) {
 
     const std::vector<NetworkInterface> two = {card("eth0", 2), card("eno1", 3)};
     const std::vector<Ipv4Address> groups = {kA, kB};
-    StationLook look = wellStation();
     const auto route = [&](int first, int second) {
         const std::vector<station::GroupRoute> routes = {{.interface = first}, {.interface = second}};
         return report({checkRoutes(two, two.data(), groups, routes, look)});
@@ -264,6 +350,8 @@ TEST(Doctor, JudgesTheInterfaceAndTheWayToIt) {
     };
     EXPECT_THAT(members({true, {{"eth0", {kA, kB}}}}),
                 HasSubstr("every watched group (2) is joined on eth0"));
+    EXPECT_THAT(members({true, {{"eth0", {kA, kB}}, {"eno1", {kB}}}}),
+                HasSubstr("warn  memberships  1 of 2 groups is joined on eno1 as well as on eth0"));
     const Memberships wrong{true, {{"eth0", {kA}}, {"eno1", {kB}}}};
     EXPECT_THAT(members(wrong), HasSubstr("1 of 2 groups is not joined on eth0, but on eno1 (239.1.1.2)"));
     EXPECT_THAT(members({}), HasSubstr("--    memberships"));
@@ -295,8 +383,9 @@ TEST(Doctor, JudgesWhoAsksAndWhereEventsGo) {
     fs::create_directories(root.path() / "proc/40/fd");
     fs::create_symlink("socket:[83211]", root.path() / "proc/40/fd/5");
     fs::create_symlink("anon_inode:[eventpoll]", root.path() / "proc/40/fd/6");
-    EXPECT_THAT(readSockets(root.path(), readProcesses(root.path()), "kestor-meter"), ElementsAre(83211));
-    EXPECT_THAT(readSockets(root.path(), readProcesses(root.path()), "kestor"), IsEmpty());
+    EXPECT_THAT(readSockets(root.path(), readProcesses(root.path()), "kestor-meter"),
+                Optional(ElementsAre(83211)));
+    EXPECT_THAT(readSockets(root.path(), readProcesses(root.path()), "kestor"), Optional(IsEmpty()));
 
     const auto stateOf = [&](const std::string& arguments) {
         root.write("proc/21/cmdline", arguments);
@@ -320,6 +409,7 @@ TEST(Doctor, JudgesWhoAsksAndWhereEventsGo) {
         breakIt(broken);
         return report(checkDisk(root.path(), state, broken));
     };
+    EXPECT_EQ(checkDisk(root.path(), std::nullopt, well).front().verdict, Verdict::kUnseen);
     EXPECT_THAT(disk([](Disk&) {}), HasSubstr("8192 MiB free"));
     EXPECT_THAT(disk([](Disk& one) { one.freeBytes = 100 << 20; }), HasSubstr("warn: disk"));
     EXPECT_THAT(disk([](Disk& one) { one.freeBytes = 1 << 20; }), HasSubstr("FAIL: disk"));

@@ -369,6 +369,57 @@ const Case kCases[] = {
          s.tables = {
              {0x11, psi::section(0x4A, 1, 0, psi::concat({psi::loop12({}), psi::loop12({})})), 11000, 50}};
      }},
+    {"TotTooLate",
+     {{"3.2", 1}},
+     [](MeterStream& s) {
+         s.seconds = 33;
+         s.tables = {{0x14, psi::shortSection(0x73, {0xE0, 0, 0, 0, 0, 0xF0, 0}, true), 31000, 50}};
+     }},
+    {"SdtOtherCountsWhenItComes",
+     {{"3.2", 1}, {"3.5.b", 1}},
+     [](MeterStream& s) {
+         s.seconds = 23;
+         s.tables = {{0x11, sdt(0x46), 11000, 50, 12000}};
+     }},
+    {"EitOtherCountsWhenItComes",
+     {{"3.2", 2}, {"3.6.b", 2}},
+     [](MeterStream& s) {
+         s.seconds = 23;
+         s.tables = {{0x12, eit(0, 0x4F), 11000, 50, 12000}, {0x12, eit(1, 0x4F), 11000, 60, 12000}};
+     }},
+    {"RunningStatusTooClose",
+     {{"3.2", 1}, {"3.7", 1}},
+     [](MeterStream& s) {
+         s.tables = {{0x13, psi::shortSection(0x71, {0, 1, 0, 1, 0, 1, 0, 1, 0xFC}, false), 20, 50, 80}};
+     }},
+    {"ScrambledAudioHasNoTimeStampsToMiss",
+     {},
+     [](MeterStream& s) {
+         s.audioMs = 800;
+         s.plant = [](double, TsPacket& p) {
+             if (MeterStream::pidOf(p) == kAudioPid)
+                 scramble(p);
+         };
+     }},
+    {"TimeStampsTooFarApart", {{"2.5", 6}}, [](MeterStream& s) { s.audioMs = 750; }},
+    {"StillPicturesHaveFewTimeStamps",
+     {},
+     [](MeterStream& s) {
+         // video_stream_descriptor: MPEG_1_only_flag and still_picture_flag
+         const Bytes still = psi::descriptor(0x02, {0x07});
+         s.pmt = false;
+         s.pcrMs = 90;
+         s.tables = {{kPmtPid, psi::pmtSection(1, 0, kVideoPid, {{0x02, kVideoPid, still}}), 100, 1}};
+         s.plant = [](double ms, TsPacket& p) {
+             if (MeterStream::pidOf(p) == kAudioPid)
+                 p = MeterStream::null();
+             // PCRs go on, PES packets begin each 900 ms
+             if (MeterStream::pidOf(p) == kVideoPid && (p[3] & 0x20) != 0 &&
+                 static_cast<int>(ms / 90) % 10 != 0) {
+                 p[1] &= 0xBF;
+             }
+         };
+     }},
     {"FollowingEventMissing",
      {{"3.6.c", 1}},
      [](MeterStream& s) {

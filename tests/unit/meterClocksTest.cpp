@@ -195,6 +195,16 @@ TEST(MeterOffset, IsThatOfTheClockWhateverTheNetworkAdds) {
     EXPECT_NEAR(offset.jitterNs().value(), 24 * 800'000, 60'000);
 }
 
+TEST(MeterOffset, IsNoneOfAClockThatRunsYearsAhead) {
+    meter::ClockOffset offset;
+    for (int64_t i = 0; i < 100; ++i) {
+        offset.pcr(i * meter::kNsPerSecond, INT64_MAX / 200 * (2 * i));
+        offset.secondEnded(i);
+    }
+    EXPECT_FALSE(offset.ppm().has_value());
+    EXPECT_FALSE(offset.jitterNs().has_value());
+}
+
 const meter::CheckReport& checkOf(const meter::Report& report, std::string_view id) {
     return *std::ranges::find(report.checks, id, &meter::CheckReport::id);
 }

@@ -1,40 +1,36 @@
-// kestor-meter without a network: times, filters, messages, shards, what waits to be sent, a worker.
+// kestor-meter without a network: times, filters, messages, shards, what waits to be sent.
 #include <gtest/gtest.h>
 #include <pcap/pcap.h>
 #include <poll.h>
-#include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cstring>
 #include <deque>
-#include <filesystem>
-#include <memory>
-#include <thread>
+#include <map>
+#include <set>
 
 #include "arrivalClock.h"
 #include "captureFilter.h"
 #include "framing.h"
-#include "joins.h"
-#include "measure.h"
 #include "outbox.h"
 #include "reportLimit.h"
 #include "reportMessages.h"
 #include "shard.h"
+#include "stationSession.h"
 #include "support/frameBuilder.h"
 #include "support/fullReport.h"
-#include "support/meterStream.h"
-#include "support/reportJson.h"
-#include "worker.h"
+#include "support/meterFeed.h"
+#include "support/vlanTags.h"
 
 namespace {
 
 using namespace meterd;
-using namespace std::chrono_literals;
-
-constexpr int64_t kMs = 1'000'000;
-constexpr int64_t kSecond = 1000 * kMs;
-constexpr uint32_t kGroup = 0xEF010101;
+using test::Feed;
+using test::groupMessage;
+using test::kGroup;
+using test::kMs;
+using test::kSecond;
+using test::tagged;
 
 TEST(MeterArrivalClock, KeepsArrivalsWhereTheyAreWhenTheWallClockIsSet) {
     for (const int64_t step : {-3600 * kSecond, 3600 * kSecond, 200 * kMs, -50 * kMs}) {
@@ -63,15 +59,6 @@ TEST(MeterArrivalClock, KeepsArrivalsWhereTheyAreWhenTheWallClockIsSet) {
     }
 }
 
-test::Bytes tagged(test::Bytes frame, int tags) {
-    for (int i = 0; i < tags; ++i) {
-        const test::Bytes tag = {static_cast<uint8_t>(i + 1 < tags ? 0x81 : 0x88),
-                                 static_cast<uint8_t>(i + 1 < tags ? 0x00 : 0xA8), 0, 7};
-        frame.insert(frame.begin() + 12, tag.begin(), tag.end());
-    }
-    return frame;
-}
-
 // What the kernel would say of the frame.
 bool passes(const std::vector<sock_filter>& filter, const test::Bytes& frame) {
     std::vector<bpf_insn> instructions(filter.size());
@@ -87,8 +74,8 @@ TEST(MeterCaptureFilter, LetsMulticastUdpThroughAlsoInVlansAndNothingElse) {
     const auto filter = multicastFilter({0, 1});
     const test::Bytes payload(188, 0x47);
     const test::Bytes frame = test::UdpFlow{}.frame(payload);
-    for (int tags = 0; tags <= 2; ++tags) {
-        EXPECT_TRUE(passes(filter, tagged(frame, tags))) << tags;
+    for (const std::vector<uint16_t>& tags : {std::vector<uint16_t>{}, {7}, {9, 7}}) {
+        EXPECT_TRUE(passes(filter, tagged(frame, tags))) << tags.size();
         // Each group is one share's.
         for (int last = 0; last < 9; ++last) {
             const test::Bytes toGroup =
@@ -98,7 +85,11 @@ TEST(MeterCaptureFilter, LetsMulticastUdpThroughAlsoInVlansAndNothingElse) {
             }
         }
     }
-    EXPECT_FALSE(passes(filter, tagged(frame, 3)));
+    test::Bytes oldTag = tagged(frame, {9, 7});
+    oldTag[12] = 0x91;
+    oldTag[13] = 0x00;
+    EXPECT_TRUE(passes(filter, oldTag));
+    EXPECT_FALSE(passes(filter, tagged(frame, {9, 8, 7})));
     EXPECT_FALSE(passes(filter, test::UdpFlow{.group = "10.0.0.9"}.frame(payload)));
     EXPECT_FALSE(passes(filter, test::UdpFlow{.group = "240.0.0.9"}.frame(payload)));
     test::Bytes tcp = frame;
@@ -132,7 +123,56 @@ TEST(MeterFraming, GivesWholeMessagesHoweverTheyCome) {
     }
     metering::Unframer unframer;
     unframer.add(std::string_view("\x01\x00\x00\x01", 4));
-    EXPECT_THROW(unframer.next(), std::length_error);
+    EXPECT_THROW(unframer.next(), metering::Unreadable);
+}
+
+TEST(MeterStationSession, TakesNoMoreThanAMeterWatchesAndEndsWithNonsense) {
+    int connected = 0;
+    std::vector<metering::Groups> lists;
+    const auto receive = [&](const std::vector<metering::FromStation>& messages) -> std::string {
+        StationSession session("1", {[&](const std::string& version) {
+                                         ++connected;
+                                         EXPECT_EQ(version, "2.1[31m");
+                                     },
+                                     [&](const metering::Groups& groups) { lists.push_back(groups); }});
+        try {
+            for (const metering::FromStation& message : messages) {
+                session.received(metering::framed(message));
+            }
+        } catch (const StationLost& lost) {
+            return lost.what() + std::string(lost.refused ? " (refused)" : "");
+        }
+        return "";
+    };
+    metering::FromStation hello;
+    hello.mutable_hello()->set_major(metering::kMajor);
+    hello.mutable_hello()->set_version("2.\n1\x1B[31m\xC2\x9B");
+    metering::FromStation list;
+    list.mutable_groups()->set_revision(7);
+    for (std::size_t i = 0; i < metering::kGroupsLimit + 1000; ++i) {
+        list.mutable_groups()->add_group()->set_group(kGroup + static_cast<uint32_t>(i));
+    }
+    EXPECT_EQ(receive({list, hello, list}), "");
+    EXPECT_EQ(connected, 1);
+    ASSERT_EQ(lists.size(), 1U) << "what comes before the hello counts for nothing";
+    EXPECT_EQ(lists[0].group_size(), static_cast<int>(metering::kGroupsLimit));
+    EXPECT_EQ(lists[0].revision(), 7U);
+    EXPECT_EQ(receive({hello, hello}), "the station sent twice who it is");
+    metering::FromStation other = hello;
+    other.mutable_hello()->set_major(metering::kMajor + 1);
+    EXPECT_EQ(
+        receive({other}),
+        "the station (2.1[31m) speaks version 2 of the messages, this meter (1) 1: install both from one "
+        "release (refused)");
+    metering::FromStation refused;
+    refused.mutable_refused()->set_reason("another meter\n");
+    EXPECT_EQ(receive({hello, refused}), "the station refuses this meter: another meter (refused)");
+    list.mutable_groups()
+        ->mutable_group(3)
+        ->GetReflection()
+        ->MutableUnknownFields(list.mutable_groups()->mutable_group(3))
+        ->AddLengthDelimited(99, std::string(2000, 'x'));
+    EXPECT_EQ(receive({hello, list}), "the station sent a metering.Group that cannot be read");
 }
 
 TEST(MeterMessages, CarryEveryMemberThereAndBack) {
@@ -163,44 +203,6 @@ TEST(MeterMessages, CarryEveryMemberThereAndBack) {
     empty.group = kGroup;
     empty.checks = meter::allChecks();
     EXPECT_EQ(meter::toJson(carried(empty)), meter::toJson(empty));
-}
-
-// Seven packets a datagram at their pace.
-struct Feed {
-    std::vector<test::TsPacket> packets = [] {
-        test::MeterStream stream;
-        stream.seconds = 3;
-        return stream.packets();
-    }();
-    std::size_t at = 0;
-    int64_t arrival = 10 * kSecond;
-    std::vector<uint8_t> bytes;
-
-    std::optional<meter::Datagram> next(uint32_t group = kGroup) {
-        if (at + 7 > packets.size()) {
-            return std::nullopt;
-        }
-        bytes.clear();
-        for (int i = 0; i < 7; ++i) {
-            bytes.insert(bytes.end(), packets[at].begin(), packets[at].end());
-            ++at;
-        }
-        meter::Datagram datagram;
-        datagram.arrival = datagram.wall = arrival;
-        arrival += static_cast<int64_t>(7 * test::MeterStream::kPacketMs * 1e6);
-        datagram.source = 0x0A000001;
-        datagram.sourcePort = 1000;
-        datagram.destination = group;
-        datagram.destinationPort = 5000;
-        datagram.payload = bytes;
-        return datagram;
-    }
-};
-
-metering::Group groupMessage(uint32_t group) {
-    metering::Group message;
-    message.set_group(group);
-    return message;
 }
 
 TEST(MeterShard, MeasuresItsShareAndTellsWhatChangedOnce) {
@@ -256,6 +258,16 @@ TEST(MeterShard, MeasuresItsShareAndTellsWhatChangedOnce) {
     second.Clear();
     odd.report(10, second);
     EXPECT_EQ(second.report(0).packets().received(), first.packets().received());
+    EXPECT_TRUE(second.report(0).has_description()) << "who sent the list may have dropped it meanwhile";
+    EXPECT_FALSE(second.report(0).has_last_disturbed());
+    odd.disturbed(2);
+    odd.tick(feed.arrival + 3 * kSecond);
+    odd.disturbed(1);
+    odd.tick(feed.arrival + 5 * kSecond);
+    second.Clear();
+    odd.report(10, second);
+    EXPECT_EQ(second.report(0).disturbed_seconds(), 3U);
+    EXPECT_NEAR(second.report(0).last_disturbed(), second.report(0).seconds() - 2, 0.001);
     groups.mutable_group(0)->set_pid_absence_ms(1000);
     odd.watch(watchListOf(groups));
     second.Clear();
@@ -274,6 +286,9 @@ TEST(MeterShard, ReportsInSlicesEachGroupOnce) {
     Shard shard({0, 1});
     shard.watch(watchListOf(groups));
     metering::Second second;
+    shard.report(16, second);
+    shard.reportAnew();
+    second.Clear();
     int slices = 0;
     do {
         shard.report(16, second);
@@ -351,281 +366,180 @@ TEST(MeterShard, SaysWhatOneStuffedChannelHasNoRoomForAndReportsTheOthersWhole) 
     EXPECT_EQ(second.report(2).description().service_size(), 1);
 }
 
+// Nearly every channel has more to tell than its part of a second.
+struct CrowdedShard {
+    static constexpr uint32_t kChannels = 40;
+    static constexpr std::size_t kLevels = kChannels * std::size_t{4096};
+    static constexpr std::size_t kDescriptions = 400'000;  // four that are stuffed
+
+    CrowdedShard() {
+        metering::Groups groups;
+        for (uint32_t i = 0; i < 2 * kChannels; ++i) {  // each other one is another thread's, as is its room
+            *groups.add_group() = groupMessage(kGroup + i);
+        }
+        shard.watch(watchListOf(groups));
+        test::MeterStream stream;
+        stream.seconds = 1;
+        stream.plant = [pid = 0](double, psi::TsPacket& packet) mutable {
+            if ((packet[1] & 0x1F) == 0x1F) {  // null packets
+                pid = (pid + 1) % 240;
+                packet[1] = 0x03;
+                packet[2] = static_cast<uint8_t>(pid);
+            }
+        };
+        Feed manyPids;
+        manyPids.packets = stream.packets();
+        const StuffedFeed stuffed;
+        for (uint32_t i = 0; i < kChannels; ++i) {
+            feed(i == kHonest ? Feed() : i % 4 == 0 ? Feed(stuffed) : manyPids, kGroup + 2 * i);
+        }
+    }
+    void feed(Feed from, uint32_t group) {
+        while (const auto datagram = from.next(group)) {
+            shard.feed(*datagram);
+        }
+    }
+    metering::Second second() {
+        metering::Second second;
+        std::set<uint32_t> told;
+        do {
+            shard.report(7, second);
+        } while (!second.last());
+        for (const metering::GroupReport& report : second.report()) {
+            EXPECT_TRUE(told.insert(report.group()).second) << "twice";
+        }
+        EXPECT_EQ(told.size(), kChannels);
+        return second;
+    }
+
+    static constexpr uint32_t kHonest = kChannels - 2;
+    Shard shard{{1, 2}, {.levels = 2 * kLevels, .descriptions = 2 * kDescriptions}};
+};
+
+TEST(MeterShard, TellsInTurnWhatASecondHasNoRoomFor) {
+    CrowdedShard crowded;
+    std::map<uint32_t, int> described;
+    for (int i = 0; i < 4; ++i) {
+        SCOPED_TRACE(i);
+        if (i == 1) {  // given up in its middle: nothing of it was told
+            metering::Second lost;
+            crowded.shard.report(20, lost);
+            crowded.shard.reportAnew();
+            crowded.shard.describeAnew();
+        }
+        std::size_t levels = 0;
+        std::size_t descriptions = 0;
+        bool cut = false;
+        metering::Second second = crowded.second();
+        for (metering::GroupReport& report : *second.mutable_report()) {
+            descriptions += report.description().ByteSizeLong();
+            described[report.group()] += report.has_description() ? 1 : 0;
+            report.clear_description();
+            levels += report.ByteSizeLong();
+            cut = cut || report.left_out().pids() > 0;
+            if (report.group() == kGroup + 2 * CrowdedShard::kHonest) {
+                EXPECT_FALSE(report.has_left_out());
+                EXPECT_GT(report.pid_size(), 3);
+            }
+        }
+        EXPECT_LE(levels, CrowdedShard::kLevels + 40 * CrowdedShard::kChannels);  // left out of descriptions
+        EXPECT_GT(levels, CrowdedShard::kLevels * 9 / 10);
+        EXPECT_LE(descriptions, CrowdedShard::kDescriptions + metering::kHalfReport);
+        EXPECT_TRUE(cut);
+    }
+    EXPECT_EQ(described.size(), CrowdedShard::kChannels);
+    for (const auto& [group, times] : described) {
+        EXPECT_GE(times, 1) << group;
+    }
+    const metering::Second fifth = crowded.second();
+    for (const metering::GroupReport& report : fifth.report()) {
+        EXPECT_FALSE(report.has_description()) << "nothing changed";
+    }
+}
+
 TEST(MeterMessages, AreCutToTheirLimitInTheirOrder) {
     metering::GroupReport report;
     report.set_group(kGroup);
     const std::string text(1000, 'x');
+    metering::GroupReport levels = report;
     for (int i = 0; i < 100; ++i) {
         report.mutable_description()->add_cue()->set_pid(static_cast<uint32_t>(i));
         report.mutable_description()->mutable_cue(i)->add_segmentation()->set_upid(text);
         report.mutable_description()->add_change()->set_text(text);
     }
-    metering::GroupReport levels = report;
-    const std::size_t bytes = metering::fitReport(report);
-    EXPECT_EQ(bytes, report.ByteSizeLong());
+    const std::size_t bytes = metering::fitDescription(report);
+    EXPECT_EQ(bytes, report.description().ByteSizeLong());
+    EXPECT_LE(bytes, metering::kHalfReport);
     EXPECT_GT(report.left_out().cues(), 50U);
     EXPECT_EQ(report.left_out().changes(), 0U);
     EXPECT_EQ(report.description().cue(report.description().cue_size() - 1).pid(), 99U) << "the newest stay";
-    const std::string description = report.description().SerializeAsString();
     for (uint32_t i = 0; i < 20'000; ++i) {
         levels.add_stream()->set_gop_structure("IBBP");
         levels.add_pid()->set_kind(text);
         levels.add_check()->add_pid()->set_count(1U << 30);
+        levels.add_clock()->set_measured(1U << 30);
+        levels.add_service()->set_program(i);
     }
-    const std::size_t all = metering::fitReport(levels);
+    levels.mutable_check()->DeleteSubrange(30, levels.check_size() - 30);
+    const std::size_t all = metering::fitLevels(levels, 4096);
     EXPECT_EQ(all, levels.ByteSizeLong());
-    EXPECT_LE(all, metering::kReportLimit);
+    EXPECT_LE(all, 4096U);
     EXPECT_EQ(levels.left_out().streams(), 20'000U);
     EXPECT_EQ(levels.left_out().pids(), 20'000U);
-    EXPECT_EQ(levels.description().SerializeAsString(), description) << "levels change nothing in it";
+    EXPECT_EQ(levels.left_out().check_pids(), 30U);
+    EXPECT_EQ(levels.left_out().clocks(), 20'000U);
+    EXPECT_GT(levels.left_out().service_levels(), 19'000U);
 }
 
 TEST(MeterOutbox, DropsWholeSecondsWhenNobodyReadsAndCountsThem) {
     Outbox outbox;
-    EXPECT_FALSE(outbox.pushSecond({"nobody listens"}));
+    // As a worker does it.
+    const auto push = [&](std::vector<std::string> parts) {
+        std::size_t reserved = 0;
+        for (const std::string& part : parts) {
+            if (!outbox.reserve(part.size())) {
+                outbox.loseSecond(reserved);
+                return false;
+            }
+            reserved += part.size();
+        }
+        return outbox.pushSecond(std::move(parts));
+    };
+    EXPECT_FALSE(push({"nobody listens"}));
     EXPECT_EQ(outbox.secondsLost(), 0U);
     outbox.open();
     const std::string large(Outbox::kBytes / 4, 'x');
-    EXPECT_TRUE(outbox.pushSecond({large, large}));
-    EXPECT_TRUE(outbox.pushSecond({large}));
-    EXPECT_FALSE(outbox.pushSecond({"small", large, large}));
-    EXPECT_TRUE(outbox.pushSecond({"small"}));
+    EXPECT_TRUE(push({large, large}));
+    EXPECT_TRUE(push({large}));
+    EXPECT_FALSE(push({"small", large, large}));
+    EXPECT_TRUE(push({"small"}));
     EXPECT_EQ(outbox.secondsLost(), 1U);
+    EXPECT_FALSE(outbox.reserve(large.size())) << "what waits counts";
     std::size_t events = 0;
     while (outbox.pushEvent(std::string(1000, 'e'))) {
         ++events;
     }
     EXPECT_EQ(events, Outbox::kEventBytes / 1000);
     EXPECT_EQ(outbox.eventsLost(), 1U);
+    EXPECT_FALSE(outbox.pushEvent(std::string(metering::kHappenedLimit + 1, 'e')));
+    EXPECT_EQ(outbox.eventsLost(), 2U);
     pollfd poll{outbox.descriptor(), POLLIN, 0};
     EXPECT_EQ(::poll(&poll, 1, 0), 1);
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(outbox.pop().size(), large.size());
     }
     EXPECT_EQ(outbox.pop(), "small");
-    EXPECT_TRUE(outbox.pushSecond({large, large, large}));
+    EXPECT_TRUE(outbox.reserve(large.size())) << "by another thread, to the end";
+    EXPECT_FALSE(push({large, large, large, large}));
+    EXPECT_TRUE(push({large, large, large}));
     outbox.close();
+    EXPECT_FALSE(push({large, large, large, large}));
+    EXPECT_TRUE(outbox.reserve(3 * large.size()));
     EXPECT_EQ(outbox.pop(), "");
     EXPECT_EQ(::poll(&poll, 1, 0), 0);
-}
-
-// Made frames at the pace of this machine's clock; fails after so many reads.
-class MadeCapture final : public Capture {
-  public:
-    MadeCapture(std::atomic<int>& reads, int failAfter) : reads_(reads), left_(failAfter) {
-        feed_.arrival = std::chrono::steady_clock::now().time_since_epoch() / 1ns;
-    }
-    int descriptor() const override {
-        return -1;
-    }
-    std::size_t read(std::size_t, const DatagramSink& sink) override {
-        if (left_-- == 0) {
-            throw std::runtime_error("the cable is gone");
-        }
-        ++reads_;
-        std::this_thread::sleep_for(5ms);
-        std::size_t count = 0;
-        while (feed_.arrival <= std::chrono::steady_clock::now().time_since_epoch() / 1ns) {
-            const auto datagram = feed_.next();
-            if (!datagram) {
-                break;
-            }
-            sink(*datagram);
-            ++count;
-        }
-        frames_ += count;
-        return count;
-    }
-    CaptureCounts counts() override {
-        return {frames_, 3, 0};
-    }
-    std::string interface() const override {
-        return "made0";
-    }
-
-  private:
-    Feed feed_;
-    std::atomic<int>& reads_;
-    int left_;
-    uint64_t frames_ = 0;
-};
-
-// Has always as many frames as are asked for: of kGroup for half a second, of another one for ever.
-class BusyCapture final : public Capture {
-  public:
-    int descriptor() const override {
-        return -1;
-    }
-    std::size_t read(std::size_t limit, const DatagramSink& sink) override {
-        std::this_thread::sleep_for(5ms);
-        while (feed_.arrival - begin_ < kSecond / 2 && feed_.arrival < now()) {
-            sink(*feed_.next());
-        }
-        meter::Datagram other;
-        other.arrival = now();
-        other.destination = kGroup + 1;
-        sink(other);
-        return limit;
-    }
-    CaptureCounts counts() override {
-        return {};
-    }
-    std::string interface() const override {
-        return "busy0";
-    }
-
-  private:
-    static int64_t now() {
-        return std::chrono::steady_clock::now().time_since_epoch() / 1ns;
-    }
-    Feed feed_ = [] {
-        test::MeterStream stream;
-        // Another version of it with a stream less.
-        stream.tables.push_back(
-            {test::kPmtPid, psi::pmtSection(1, 1, test::kVideoPid, {{0x1B, test::kVideoPid}}), 100, 150});
-        Feed feed;
-        feed.packets = stream.packets();
-        return feed;
-    }();
-    int64_t begin_ = feed_.arrival = now();
-};
-
-TEST(MeterWorker, TellsTimeAndEventsThoughTheRingIsNeverEmpty) {
-    Outbox outbox;
-    outbox.open();
-    Worker worker(
-        {0, 1}, [] { return std::make_unique<BusyCapture>(); }, outbox);
-    metering::Groups groups;
-    *groups.add_group() = groupMessage(kGroup);
-    worker.watch(std::make_shared<const WatchList>(watchListOf(groups)));
-    std::jthread thread([&](const std::stop_token& stop) { worker.run(stop); });
-    bool event = false;
-    bool silence = false;  // seen by time alone
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (std::chrono::steady_clock::now() < deadline && (!event || !silence)) {
-        const std::string bytes = outbox.pop();
-        if (bytes.empty()) {
-            std::this_thread::sleep_for(10ms);
-            continue;
-        }
-        metering::FromMeter message;
-        ASSERT_TRUE(message.ParseFromArray(bytes.data() + 4, static_cast<int>(bytes.size()) - 4));
-        event = event || message.has_happened();
-        silence = silence || (message.has_second() && message.second().report(0).seconds() > 2.5);
-    }
-    EXPECT_TRUE(event);
-    EXPECT_TRUE(silence);
-}
-
-TEST(MeterJoins, FailWhereThereIsNoInterface) {
-    Joins joins;
-    EXPECT_TRUE(joins.apply(0, {{kGroup, 0x0A000001}, {kGroup + 1, {}}}).empty());
-    EXPECT_EQ(joins.failures(), 2U);
-    EXPECT_FALSE(joins.problem().empty());
-    joins.apply(0, {});
-    EXPECT_EQ(joins.failures(), 0U);
-}
-
-TEST(MeterWorker, ReportsEachSecondTellsDropsAndCapturesAgain) {
-    std::atomic<int> reads = 0;
-    std::atomic<int> made = 0;
-    Outbox outbox;
-    outbox.open();
-    Worker worker(
-        {0, 1},
-        [&]() -> std::unique_ptr<Capture> {
-            // 1.2 s or later it fails, and is made anew once.
-            return std::make_unique<MadeCapture>(reads, made++ == 0 ? 240 : -1);
-        },
-        outbox);
-    metering::Groups groups;
-    *groups.add_group() = groupMessage(kGroup);
-    worker.watch(std::make_shared<const WatchList>(watchListOf(groups)));
-    std::jthread thread([&](const std::stop_token& stop) { worker.run(stop); });
-    std::vector<metering::Second> seconds;
-    const auto deadline = std::chrono::steady_clock::now() + 60s;
-    bool problem = false;
-    while (std::chrono::steady_clock::now() < deadline && (!problem || made < 2 || seconds.size() < 3)) {
-        const std::string bytes = outbox.pop();
-        if (bytes.empty()) {
-            std::this_thread::sleep_for(10ms);
-            continue;
-        }
-        metering::FromMeter message;
-        ASSERT_TRUE(message.ParseFromArray(bytes.data() + 4, static_cast<int>(bytes.size()) - 4));
-        if (message.has_second()) {
-            problem = problem || message.second().capture().problem() == "the cable is gone";
-            seconds.push_back(message.second());
-        }
-    }
-    ASSERT_GE(seconds.size(), 3U);
-    EXPECT_TRUE(problem);
-    EXPECT_GE(made, 2);
-    EXPECT_GT(seconds[0].report(0).packets().received(), 0U);
-    EXPECT_EQ(seconds[0].capture().interface(), "made0");
-    EXPECT_TRUE(seconds[0].capture().disturbed());  // 3 since the begin
-    EXPECT_EQ(seconds[0].capture().kernel_drops(), 3U);
-    for (std::size_t i = 1; i < seconds.size(); ++i) {
-        EXPECT_GT(seconds[i].number(), seconds[i - 1].number());
-        if (!seconds[i - 1].capture().problem().empty()) {
-            EXPECT_TRUE(seconds[i].capture().disturbed());
-        }
-        EXPECT_GE(seconds[i].capture().frames(), seconds[i - 1].capture().frames());
-        EXPECT_GE(seconds[i].report(0).packets().received(), seconds[i - 1].report(0).packets().received());
-    }
-}
-
-TEST(MeterWorker, SaysOfARecordingWhatKestorMeasureSays) {
-    const std::string path = testing::TempDir() + "meterRecording" + std::to_string(getpid()) + ".pcap";
-    {
-        test::PcapWriter recording(path, test::PcapWriter::Stamps::kNano);
-        Feed feed;
-        int count = 0;
-        while (const auto datagram = feed.next()) {
-            if (++count % 50 != 0) {  // the others are lost
-                const std::vector<uint8_t> payload(datagram->payload.begin(), datagram->payload.end());
-                recording.write(static_cast<uint64_t>(1'700'000'000 * kSecond + datagram->arrival),
-                                test::UdpFlow{}.frame(payload));
-            }
-        }
-    }
-    const MeasuredFile measured = measureFile(path, {}, [](uint64_t, uint64_t) {});
-    ASSERT_EQ(measured.reports.size(), 1U) << measured.failure;
-    const auto wanted = test::comparable(nlohmann::json::parse(meter::toJson(measured.reports[0])));
-
-    Outbox outbox;
-    outbox.open();
-    Worker worker(
-        {0, 1},
-        [&] {
-            return openFile(path, {0, 1});
-        },
-        outbox);
-    std::jthread thread([&](const std::stop_token& stop) { worker.run(stop); });
-    metering::Groups groups;
-    *groups.add_group() = groupMessage(kGroup);
-    worker.watch(std::make_shared<const WatchList>(watchListOf(groups)));
-    metering::Description description;
-    nlohmann::json told;
-    const auto deadline = std::chrono::steady_clock::now() + 60s;
-    while (std::chrono::steady_clock::now() < deadline && told != wanted) {
-        const std::string bytes = outbox.pop();
-        if (bytes.empty()) {
-            std::this_thread::sleep_for(10ms);
-            continue;
-        }
-        metering::FromMeter message;
-        ASSERT_TRUE(message.ParseFromArray(bytes.data() + 4, static_cast<int>(bytes.size()) - 4));
-        for (const metering::GroupReport& report : message.second().report()) {
-            if (report.has_description()) {
-                description = report.description();
-            }
-            told = test::comparable(
-                nlohmann::json::parse(meter::toJson(metering::readReport(report, description))));
-        }
-    }
-    EXPECT_EQ(told, wanted);
-    std::filesystem::remove(path);
+    EXPECT_EQ(outbox.eventsLost(), 2 + events) << "those that waited";
+    EXPECT_FALSE(outbox.pushEvent("nobody listens"));
+    EXPECT_EQ(outbox.eventsLost(), 3 + events);
 }
 
 }  // namespace

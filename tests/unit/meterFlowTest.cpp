@@ -23,9 +23,11 @@ struct Sent {
 };
 
 // The stream as datagrams of seven packets, one each kDatagramNs.
-std::vector<Sent> datagrams(double seconds, bool asRtp) {
+std::vector<Sent> datagrams(double seconds, bool asRtp,
+                            const std::function<void(double, TsPacket&)>& plant = nullptr) {
     MeterStream stream;
     stream.seconds = seconds;
+    stream.plant = plant;
     const std::vector<TsPacket> packets = stream.packets();
     std::vector<Sent> all;
     for (std::size_t i = 0; i + 7 <= packets.size(); i += 7) {
@@ -93,6 +95,9 @@ TEST(MeterRtp, MissingDatagramsAreGivenUpAfterSixteen) {
     EXPECT_EQ(report.network->rtp->lost, 31);
     EXPECT_EQ(report.network->rtp->longestBurst, 30);
     EXPECT_EQ(report.packets.received, (all - 31) * 7);
+    EXPECT_EQ(report.packets.lost.longestLately, 0) << "that was three seconds ago";
+    sent.resize(600 - 31);  // until half a second behind it
+    EXPECT_EQ(measure(sent).packets.lost.longestLately, 30 * 7);
 }
 
 TEST(MeterRtp, WhatComesTooLateIsReceivedAndMissing) {
@@ -318,6 +323,32 @@ TEST(MeterFlow, ADeafMinuteIsNothingLate) {
     const meter::Report report = measure(sent);
     EXPECT_EQ(faults(report), 0);
     EXPECT_NEAR(report.seconds, 66, 0.1);
+}
+
+// Without a program clock time goes with arrival, and a pause is none of the stream's.
+TEST(MeterFlow, APauseIsNothingLateWithoutAProgramClock) {
+    std::vector<Sent> sent = datagrams(6, false, [](double, TsPacket& packet) {
+        if (MeterStream::pidOf(packet) == test::kVideoPid && (packet[3] & 0x20) != 0) {
+            packet =
+                MeterStream::header(test::kVideoPid, false, static_cast<uint8_t>(0x10 | (packet[3] & 0xF)));
+        }
+    });
+    for (std::size_t i = 0; i < sent.size(); ++i) {
+        sent[i].arrival += (i >= 500 ? 3'000'000'000 : 0) + (i >= 800 ? 600'000'000 : 0);
+    }
+    EXPECT_EQ(faults(measure(sent)), 0);
+    // What the stream lacks while it comes is late all the same.
+    for (Sent& one : sent) {
+        for (std::size_t at = 0; at < one.payload.size(); at += 188) {
+            const bool pat = (one.payload[at + 1] & 0x1F) == 0 && one.payload[at + 2] == 0;
+            if (pat && one.arrival > 1'000'000'000 && one.arrival < 1'700'000'000) {
+                one.payload[at + 1] = 0x1F;
+                one.payload[at + 2] = 0xFF;
+            }
+        }
+    }
+    const meter::Report report = measure(sent);
+    EXPECT_EQ(std::ranges::find(report.checks, std::string_view("1.3.a"), &meter::CheckReport::id)->count, 1);
 }
 
 TEST(MeterFlow, OthersAreCountedAndGiveWayAfterFiveSeconds) {

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "meter/channelAnalyser.h"
+#include "support/meterStream.h"
 
 namespace meter {
 namespace {
@@ -49,6 +50,20 @@ class Encode {
         settings.bare = true;
         ChannelAnalyser analyser(settings);
         analyser.feedPackets({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
+        analyser.finish();
+        return analyser.report();
+    }
+    // As datagrams of seven packets, at the bit rate.
+    Report measureDatagrams(int64_t bitrate) const {
+        constexpr std::size_t kDatagram = 7 * 188;
+        std::ifstream file(path_, std::ios::binary);
+        const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)), {});
+        ChannelAnalyser analyser({});
+        for (std::size_t at = 0; at < bytes.size(); at += kDatagram) {
+            const auto arrival = static_cast<int64_t>(at) * 8 * 1'000'000'000 / bitrate;
+            analyser.feed(test::datagram(
+                arrival, std::span(bytes).subspan(at, std::min(kDatagram, bytes.size() - at))));
+        }
         analyser.finish();
         return analyser.report();
     }
@@ -199,6 +214,43 @@ TEST_P(MeterEncodes, AreSeenAsFfprobeSeesThem) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, MeterEncodes, testing::ValuesIn(kRows),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+struct CleanRow {
+    const char* name;
+    const char* video;
+    const char* audio;
+};
+const CleanRow kClean[] = {
+    {"H264", "-c:v libx264 -preset ultrafast", "-c:a mp2 -b:a 64k"},
+    {"H265", "-c:v libx265 -preset ultrafast -x265-params log-level=none", "-c:a aac -b:a 64k"},
+    {"Mpeg2", "-c:v mpeg2video -bf 2", "-c:a ac3 -b:a 64k"},
+};
+
+class MeterCleanEncodes : public testing::TestWithParam<CleanRow> {};
+
+// A minute of each: no check finds anything, of the file and of its datagrams at their pace.
+TEST_P(MeterCleanEncodes, HaveNoErrorInAMinute) {
+    if (std::system("command -v ffmpeg >/dev/null") != 0)
+        GTEST_SKIP() << "ffmpeg is not installed";
+    const Encode encode(std::string("-f lavfi -i testsrc=size=160x96:rate=25:duration=61 "
+                                    "-f lavfi -i sine=sample_rate=48000:duration=61 -pix_fmt yuv420p -g 25 "
+                                    "-b:v 200k -maxrate 200k -bufsize 100k ") +
+                        GetParam().video + " " + GetParam().audio +
+                        " -muxrate 600k -pcr_period 30 -pat_period 0.1 -sdt_period 0.5");
+    ASSERT_TRUE(encode.done());
+    for (const bool asDatagrams : {false, true}) {
+        SCOPED_TRACE(asDatagrams ? "datagrams" : "file");
+        const Report report = asDatagrams ? encode.measureDatagrams(600'000) : encode.measure();
+        EXPECT_GE(report.seconds, 60);
+        for (const CheckReport& check : report.checks)
+            EXPECT_EQ(check.count, 0U) << check.id << " " << check.name;
+        EXPECT_EQ(report.packets.lost.packets, 0);
+        EXPECT_EQ(report.packets.notTracked, 0U);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, MeterCleanEncodes, testing::ValuesIn(kClean),
                          [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
 
 #include "checks/presence.h"
 #include "packets/synchronisation.h"
@@ -124,6 +125,96 @@ TEST_F(MeterPackets, OfManyPidsAreCountedEach) {
     EXPECT_EQ(analyser_.report().packets.null, 2);
     EXPECT_EQ(pid(0).lost, 3);
     EXPECT_EQ(count("1.4"), 3);
+}
+
+// A stream whose PMT moves from one PID to another after 2 s.
+std::vector<TsPacket> withMovingPmt(double seconds, std::function<void(double, TsPacket&)> plant) {
+    constexpr uint16_t kThere = 0x1F0;
+    MeterStream stream;
+    stream.seconds = seconds;
+    stream.plant = [plant = std::move(plant)](double ms, TsPacket& packet) {
+        const uint16_t pid = MeterStream::pidOf(packet);
+        if (ms >= 2000 && pid == test::kPmtPid) {
+            packet[1] = static_cast<uint8_t>((packet[1] & 0xE0) | kThere >> 8);
+            packet[2] = psi::low8(kThere);
+        } else if (ms >= 2000 && pid == 0) {
+            const psi::Bytes pat = psi::concat(
+                {{0}, psi::section(0, 1, 1, psi::concat({psi::u16(1), psi::u16(0xE000 | kThere)}))});
+            std::ranges::copy(pat, packet.begin() + 4);
+        } else if (pid == 0x1FFF) {
+            plant(ms, packet);
+        }
+    };
+    return stream.packets();
+}
+// Null packets become packets of 1000 PIDs in turn.
+std::function<void(double, TsPacket&)> otherPids(double untilMs, uint8_t flags) {
+    return [=, next = 0U](double ms, TsPacket& packet) mutable {
+        if (ms < untilMs) {
+            const auto pid = static_cast<uint16_t>(0x400 + next++ % 1000);
+            packet = MeterStream::header(pid, false, 0x10);
+            packet[1] |= flags;
+        }
+    };
+}
+std::map<std::string, uint64_t> countsOf(const meter::Report& report) {
+    std::map<std::string, uint64_t> counts;
+    for (const meter::CheckReport& check : report.checks) {
+        if (check.count > 0) {
+            counts[check.id] = check.count;
+        }
+    }
+    return counts;
+}
+uint64_t tracked(const meter::Report& report) {
+    uint64_t packets = report.packets.notTracked;
+    std::ranges::for_each(report.pids, [&](const meter::PidReport& pid) { packets += pid.packets; });
+    return packets;
+}
+
+// Packets with transport_error_indicator name PIDs that do not exist: they are counted, and take no place.
+TEST(MeterPlaces, AreNotTakenByDamagedPackets) {
+    const meter::Report report = test::measureFile(withMovingPmt(4, otherPids(1900, 0x80)));
+    const std::map<std::string, uint64_t> counts = countsOf(report);
+    ASSERT_EQ(counts.size(), 1);
+    EXPECT_GT(counts.at("2.1"), 1000);
+    EXPECT_EQ(report.packets.notTracked, counts.at("2.1"));
+    EXPECT_EQ(tracked(report), report.packets.received);
+    EXPECT_LT(report.pids.size(), 10);
+}
+
+// A full table has a place for what tables refer to all the same: a PMT that moves is no PMT that is missing.
+TEST(MeterPlaces, AreThereForPidsThatTablesReferTo) {
+    const meter::Report report = test::measureFile(withMovingPmt(4, otherPids(1e9, 0)));
+    const std::map<std::string, uint64_t> counts = countsOf(report);
+    EXPECT_FALSE(counts.contains("1.5.a"));
+    EXPECT_FALSE(counts.contains("1.6"));
+    EXPECT_EQ(std::ranges::count(report.pids, 0x1F0, &meter::PidReport::pid), 1);
+    EXPECT_GT(report.packets.notTracked, 100);
+    EXPECT_EQ(tracked(report), report.packets.received);
+    EXPECT_LE(report.pids.size(), 254);
+}
+
+// PIDs that were there once give their places to others after a minute, and are still unreferenced.
+TEST(MeterPlaces, AreGivenBackByPidsThatAreLongSilent) {
+    constexpr uint16_t kLate = 0x1000;
+    const meter::Report report =
+        test::measureFile(withMovingPmt(70, [early = otherPids(1500, 0)](double ms, TsPacket& packet) {
+            early(ms, packet);
+            if (ms > 3000 && MeterStream::pidOf(packet) == 0x1FFF) {
+                packet = MeterStream::header(kLate, false, 0x10);
+            }
+        }));
+    const auto late = std::ranges::find(report.pids, kLate, &meter::PidReport::pid);
+    ASSERT_NE(late, report.pids.end());
+    EXPECT_GT(late->packets, 1000);
+    EXPECT_GT(report.packets.notTracked, 30'000);
+    EXPECT_EQ(tracked(report), report.packets.received);
+    const auto unreferenced =
+        std::ranges::find(report.checks, std::string_view("3.4.a"), &meter::CheckReport::id);
+    EXPECT_TRUE(unreferenced->active);
+    EXPECT_GE(unreferenced->count, 200);
+    EXPECT_LE(unreferenced->count, 248);  // each PID once
 }
 
 // Nothing but zeros is no packet, whatever is expected of a PID.

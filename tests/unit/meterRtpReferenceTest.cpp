@@ -122,6 +122,9 @@ TEST(MeterRtpReference, TsharkSaysTheSameOfLossAndJitter) {
             EXPECT_NEAR(figures[5], planted.highestJitterMs, 0.001);
         }
     }
+    if (!ask) {
+        GTEST_SKIP() << "tshark is not installed: held against the figures that it gave alone";
+    }
 }
 
 }  // namespace

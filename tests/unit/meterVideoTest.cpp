@@ -369,6 +369,39 @@ TEST(MeterMpeg2, FieldsAspectAndClosedGroups) {
     }
 }
 
+// Extensions that come again and again would multiply the rate until nothing is left of it.
+TEST(MeterMpeg2, ARateIsExtendedOnceHoweverOftenItsExtensionComes) {
+    const psi::Bytes sequence = startCoded(
+        BitWriter().bits(0xB3, 8).bits(720, 12).bits(576, 12).bits(2, 4).bits(2, 4).bits(0xFFFF, 32).plain(),
+        false);
+    const psi::Bytes extension = startCoded(BitWriter()
+                                                .bits(0xB5, 8)
+                                                .bits(1, 4)
+                                                .bits(0x48, 8)
+                                                .bits(1, 1)
+                                                .bits(1, 2)
+                                                .bits(0, 4)
+                                                .bits(0xFFF, 12)
+                                                .bits(1, 1)
+                                                .bits(0, 9)
+                                                .bits(3, 2)
+                                                .bits(0, 5)
+                                                .plain(),
+                                            false);
+    psi::Bytes pictures;
+    for (uint32_t i = 0; i < 4; ++i)
+        pictures = concat({pictures, mpeg2Picture(i == 0 ? 1 : 2, i, 3)});
+    psi::Bytes extensions;
+    for (int i = 1; i <= 40; ++i) {
+        extensions = concat({extensions, extension});
+        Feeder feeder(Codec::kMpeg2Video);
+        const psi::Bytes packet = concat({sequence, extensions, pictures});
+        feeder.pes(packet).pes(packet);
+        EXPECT_EQ(feeder.video().frameRate, 24 * 4) << i;
+        EXPECT_EQ(feeder.gop().structure, "|IPPP") << i;
+    }
+}
+
 // PES packets that begin anywhere in the elementary stream.
 TEST(MeterMpeg2, PicturesAreFoundWhereverPesPacketsBegin) {
     psi::Bytes stream = startCoded(

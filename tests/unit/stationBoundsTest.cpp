@@ -2,15 +2,16 @@
 // counted.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <future>
 #include <memory>
 
 #include "common/boundedQueue.h"
 #include "store/delivery.h"
+#include "store/deliveryKeeper.h"
 #include "store/eventStore.h"
 #include "store/receiver.h"
+#include "support/databaseHolder.h"
 #include "support/scratch.h"
 
 namespace station {
@@ -74,12 +75,43 @@ TEST(StationBounds, EventsThatWaitForTheDiskLoseTheOldestAndNoWindow) {
     EXPECT_THAT(open()->initial().maintenance, ElementsAre(window)) << "nobody would set it again";
 }
 
+TEST(StationBounds, OfDatabasesThatWerePutAsideTheNewestAreKept) {
+    const ScratchDirectory directory;
+    const auto file = directory.path() / "events.db";
+    std::string newest;
+    for (std::size_t i = 0; i < kPutAsideKept + 2; ++i) {
+        std::ofstream(file) << i;
+        std::ofstream(file.string() + "-wal") << i;
+        newest = putAside(file, "damaged");
+        ASSERT_NE(newest, "");
+    }
+    EXPECT_EQ(contentOf(newest), std::to_string(kPutAsideKept + 1));
+    const std::filesystem::directory_iterator left(directory.path());
+    EXPECT_EQ(std::distance(left, {}), 2 * static_cast<std::ptrdiff_t>(kPutAsideKept)) << "with their logs";
+}
+
+TEST(StationBounds, ChangesOfDeliveriesThatWaitForTheDiskMakeWayForAllAtOnce) {
+    const ScratchDirectory directory;
+    DeliveryKeeper keeper(directory.path() / "delivery.db", [] {});
+    ASSERT_TRUE(eventually([&] { return keeper.takeLoaded().has_value(); }));
+    auto ticket = keeper.replace({});
+    ASSERT_TRUE(eventually([&] { return !keeper.pending(ticket); }));
+    std::optional<Holder> holder(directory.path() / "delivery.db");
+    ticket = keeper.save({});
+    std::this_thread::sleep_for(100ms);  // that one is being written
+    for (std::size_t i = 0; i < DeliveryKeeper::kJobs; ++i) {
+        ticket = keeper.save({});
+    }
+    EXPECT_TRUE(keeper.pending(ticket));
+    EXPECT_FALSE(keeper.pending(keeper.save({}))) << "nobody waits for what was left out";
+    holder.reset();
+    EXPECT_TRUE(eventually([&] { return keeper.wantsAll(); }));
+}
+
 // While the disk is waited for nothing is taken up, so that they come faster than they go.
 TEST(StationBounds, NotificationsThatFoundNoRoomAreCountedAndWhatIsRaisedIsAskedFor) {
     const ScratchDirectory directory;
-    sqlite3* holder = nullptr;
-    ASSERT_EQ(sqlite3_open((directory.path() / "delivery.db").c_str(), &holder), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    std::optional<Holder> holder(directory.path() / "delivery.db");
     constexpr std::size_t kMany = 3 * Delivery::kNotifyQueue;
     DeliveryPace pace;
     pace.owed = pace.accounts = 2 * kMany;
@@ -111,7 +143,7 @@ TEST(StationBounds, NotificationsThatFoundNoRoomAreCountedAndWhatIsRaisedIsAsked
         flood(delivery);
         EXPECT_TRUE(eventually([&] { return delivery.wantsActive(); }));
     }
-    sqlite3_close(holder);
+    holder.reset();
 }
 
 TEST(StationBounds, AReceiverKeepsAccountOfNoMoreAlarmsThanItMay) {

@@ -9,10 +9,11 @@
 #include <sstream>
 #include <thread>
 
-#include "channels/channelSet.h"
-#include "channels/configuration.h"
-#include "channels/fileWatch.h"
 #include "channels/playlist.h"
+#include "common/fileWatch.h"
+#include "configuration/channelSet.h"
+#include "configuration/configuration.h"
+#include "support/inScratch.h"
 
 using namespace std::chrono_literals;
 using namespace station;
@@ -24,28 +25,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A directory of its own for each test.
-class StationChannels : public testing::Test {
-  protected:
-    StationChannels() {
-        std::string name = (fs::temp_directory_path() / "channels.XXXXXX").string();
-        directory = mkdtemp(name.data());
-    }
-    ~StationChannels() override {
-        fs::remove_all(directory);
-    }
-    fs::path write(const fs::path& name, const std::string& text, std::ios::openmode mode = std::ios::trunc) {
-        std::ofstream(directory / name, std::ios::binary | mode) << text;
-        return directory / name;
-    }
-    std::string read(const fs::path& name) {
-        std::ostringstream text;
-        text << std::ifstream(directory / name).rdbuf();
-        return text.str();
-    }
-
-    fs::path directory;
-};
+using StationChannels = InScratch;
 
 Group group(const std::string& text) {
     return *Group::parse(text);
@@ -76,9 +56,19 @@ severity = "minor"
 raise_level = 4_000_000
 clear_level = 4_500_000.25
 raise_delay_s = 0.25
+[profile."h d".service_information]
+enabled = true
+tables = "required"
 [profile.default.continuity]
 count = 3
 window_s = 20
+meter.window_s = 30
+[profile.default.pcr_repetition]
+count = 7
+[profile.default.cue_missing]
+window_s = 7200
+[alarms]
+source = "probe"
 [[webhook]]
 url = "http://127.0.0.1:9093/"
 format = "alertmanager"
@@ -113,13 +103,31 @@ TEST_F(StationChannels, ConfigurationIsReadAndItsEffectiveFormReadsBackEqual) {
     EXPECT_FALSE(read.profiles.at("default")[bitrate].enabled);
     EXPECT_EQ(read.profiles.at("h d")[continuity].count, 3u) << "profiles start from the default one";
 
+    EXPECT_EQ(read.profiles.at("h d")[continuity].window, 20s);
+    EXPECT_EQ(read.profiles.at("h d")[continuity].meter.window, 30s);
+    EXPECT_EQ(read.profiles.at("h d")[continuity].meter.count, 3u) << "what is said holds whoever judges";
+    const AlarmRules& repetition = read.profiles.at("default")[*findAlarmType("pcr_repetition")];
+    EXPECT_EQ(repetition.count, 7u);
+    EXPECT_EQ(repetition.meter.count, 7u);
+    EXPECT_FALSE(repetition.enabled);
+    EXPECT_TRUE(repetition.meter.enabled);
+    EXPECT_EQ(read.measureRules.at("h d").serviceInformation, ServiceInformation::kRequired);
+    EXPECT_EQ(parseConfiguration("[profile.default]\nservice_information = \"required\"", "x")
+                  .configuration.measureRules.at("default")
+                  .serviceInformation,
+              ServiceInformation::kRequired);
+
     std::ostringstream out;
     std::ostringstream errors;
     ASSERT_EQ(reportConfiguration(result, out, errors), 0);
     EXPECT_THAT(out.str(), Not(HasSubstr("abc")));
     const ConfigurationResult again = parseConfiguration(out.str(), "/elsewhere/station.toml");
     ASSERT_THAT(again.mistakes, IsEmpty()) << again.mistakes[0].message();
-    EXPECT_TRUE(again.configuration == read);
+    EXPECT_FALSE(read.meterExpected);
+    Configuration named = read;
+    // The effective form names the sockets, as it does everything.
+    named.meterExpected = named.pictures.expected = true;
+    EXPECT_TRUE(again.configuration == named);
     EXPECT_FALSE(again.configuration == Configuration{});
 }
 
@@ -147,6 +155,15 @@ TEST_F(StationChannels, EveryMistakeIsToldWithItsPlace) {
          "one of"},
         {"[profile.x.jitter]\nraise_level = 1\n[profile.x.mos]\nraise_level = 4",
          "1:1: clear_level 2000 must not be above|3:1: clear_level 3.5 must not be below"},
+        {"[alarms]\nsource = \"meter\"\n[profile.x.crc]\nmeter = 1\nwindow_s = "
+         "700\n[profile.x.mos]\nmeter.enabled = "
+         "true\n[profile.x.pat]\nmeter.count = 0\nmeter.error_seconds = 0\n[profile.x.cue_missing]\nwindow_s "
+         "= 0",
+         "2:10: \"source\" must be one of|3:1: window_s of a counter must be at most 600|4:9: this must be a "
+         "table|7:1: alarm mos is judged by one source alone|9:1: count and error_seconds|12:12: "
+         "\"window_s\""},
+        {"[[webhook]]\nurl = \"http://a\"\nformat = \"alertmanager\"\ncues = true",
+         "4:8: \"cues\" is for webhooks of format \"json\""},
         {"[profile.x.crc]\ncount = 0\n[profile.x.pat]\nerror_seconds = 30",
          "1:1: count and error_seconds are both 0|3:1: error_seconds 30 can never"},
         {"[[webhook]]\nurl = \"http://me:pw@h/\"\ntimeout_s = 0\nauthorization_file = \"none\"",
@@ -390,7 +407,7 @@ TEST_F(StationChannels, OneSetIsMadeByPrecedence) {
 }
 
 TEST_F(StationChannels, ChannelsOfTheRunTimeSurviveWhateverHappensToTheirFile) {
-    const RuntimeChannelFile file(directory);
+    RuntimeChannelFile file(directory);
     EXPECT_TRUE(file.load().channels == RuntimeChannels{});
     EXPECT_EQ(file.load().problem, "");
     RuntimeChannels channels;
@@ -413,7 +430,29 @@ TEST_F(StationChannels, ChannelsOfTheRunTimeSurviveWhateverHappensToTheirFile) {
     EXPECT_TRUE(file.load().channels == channels);
     fs::remove(directory / "channels.json.new");
 
+    // What somebody else put there was not read: it is not written over, nor is what was put aside before.
     const std::string whole = read("channels.json");
+    write("other", "a backup");
+    fs::rename(directory / "other", directory / "channels.json");
+    ASSERT_EQ(file.save(channels), "");
+    EXPECT_EQ(read("channels.json.replaced"), "a backup");
+    write("channels.json", "edited");
+    ASSERT_EQ(file.save(channels), "");
+    EXPECT_EQ(read("channels.json.replaced.1"), "edited");
+    fs::remove(directory / "channels.json");
+    ASSERT_EQ(RuntimeChannelFile(directory).load().problem, "");
+    RuntimeChannelFile late(directory);  // its disk is mounted late
+    ASSERT_TRUE(late.load().channels->empty());
+    write("channels.json", whole);
+    ASSERT_EQ(late.save({}), "");
+    EXPECT_EQ(read("channels.json.replaced.2"), whole);
+    for (int number = 3; number < RuntimeChannelFile::kAside; ++number) {
+        write("channels.json.replaced." + std::to_string(number), "older");
+    }
+    write("channels.json", whole);
+    EXPECT_THAT(late.save({}), HasSubstr("move some away"));
+    EXPECT_EQ(read("channels.json"), whole);
+
     struct Case {
         std::string text;
         std::size_t left;
@@ -463,7 +502,7 @@ TEST_F(StationChannels, WhatMayBeWrittenCanBeReadAgain) {
             }
         }
     };
-    const RuntimeChannelFile file(directory);
+    RuntimeChannelFile file(directory);
     add(kAdditionsLimit, false, 200);  // quotes are written as two characters each
     add(kRemovalsLimit, true, 0);
     ASSERT_EQ(beyondRuntimeLimits(channels), "");
@@ -491,7 +530,8 @@ TEST_F(StationChannels, FilesAreWatchedWhateverHappensToThem) {
     fs::create_symlink("v1", directory / "current");
     fs::create_symlink("current/target", link);
     write("list.m3u", "a");
-    FileWatch watch;
+    fs::path looked;
+    FileWatch watch([&](const fs::path& file) { looked = file; });
     ASSERT_GE(watch.descriptor(), 0);
     watch.watch({list, link, deep});
 
@@ -547,6 +587,7 @@ TEST_F(StationChannels, FilesAreWatchedWhateverHappensToThem) {
     EXPECT_THAT(told(500ms), IsEmpty());
     EXPECT_FALSE(watch.rests(list));
     EXPECT_TRUE(watch.rests(link));
+    EXPECT_EQ(looked, link) << "where it would hang";
     EXPECT_THAT(told(4000ms), IsEmpty()) << "however long the writer takes";
     open << "whole" << std::flush;
     open.close();

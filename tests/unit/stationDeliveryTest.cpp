@@ -1,16 +1,15 @@
 // Notifications on their way to receivers that fail, restart and complain.
 #include <gmock/gmock.h>
 
-#include <sqlite3.h>
-
 #include <nlohmann/json.hpp>
 #include <set>
 
 #include "common/log.h"
 #include "common/text.h"
+#include "influx/influx.h"
 #include "store/delivery.h"
-#include "store/influx.h"
 #include "store/payload.h"
+#include "support/databaseHolder.h"
 #include "support/scratch.h"
 #include "support/webhookServer.h"
 
@@ -122,6 +121,30 @@ TEST(Delivery, TellsEachAlarmOnceInOrderWhateverFails) {
     }
 }
 
+TEST(Delivery, TellsCuesToWhoWantsThem) {
+    for (const bool wanted : {false, true}) {
+        Receiving receiving;
+        receiving.webhook.cues = wanted;
+        receiving.webhook.minimumSeverity = Severity::kCritical;
+        receiving.server.answer({500, 200});
+        receiving.start();
+        Notification cue = raised(5);
+        cue.cue = cue.momentary = true;
+        cue.alarm.clear();
+        Notification bad = raised(6);
+        bad.severity = Severity::kCritical;
+        receiving.tell({cue, bad});
+        ASSERT_TRUE(eventually([&] { return receiving.server.requests().size() >= 1; }));
+        receiving.start();  // it outlives a restart
+        ASSERT_TRUE(receiving.settles());
+        EXPECT_EQ(receiving.told(), wanted ? std::vector<std::string>({"cue 5", "raised 6"})
+                                           : std::vector<std::string>({"raised 6"}));
+        const json first = json::parse(receiving.server.taken().front())["notifications"][0];
+        EXPECT_EQ(first["alarm"].is_null(), wanted) << first;
+        EXPECT_EQ(first["severity"].is_null(), wanted) << first;
+    }
+}
+
 TEST(Delivery, TellsOfAClearOnlyWhereTheRaiseMayHaveArrived) {
     struct Case {
         const char* what;
@@ -164,6 +187,39 @@ TEST(Delivery, SumsUpWhatIsBeyondTheRate) {
         messages.emplace_back(message["notifications"].size(), message["summed"].get<std::size_t>());
     }
     EXPECT_THAT(messages, ElementsAre(std::pair(1, 0), std::pair(1, 0), std::pair(9, 9)));
+}
+
+// Alarms of one incident, which come together, are one message; those of another, and what is over, are none
+// of it.
+TEST(Delivery, TellsAnIncidentInOneMessage) {
+    Receiving receiving;
+    receiving.start();
+    std::vector<Notification> told;
+    for (int64_t id = 1; id <= 42; ++id) {
+        told.push_back(raised(id));
+        told.back().incident = id <= 40 ? 1 : id;
+        told.back().shared = Shared{Shared::Kind::kLabel, "site", "north"};
+    }
+    receiving.delivery->notify(told);
+    ASSERT_TRUE(receiving.settles());
+    std::vector<Notification> over;
+    for (int64_t id = 40; id >= 1; --id) {
+        over.push_back(cleared(id));
+        over.back().incident = 1;
+    }
+    receiving.delivery->notify(over);
+    ASSERT_TRUE(eventually([&] { return receiving.server.taken().size() >= 4; }));
+    std::vector<std::pair<std::size_t, std::string>> messages;  // summed, text
+    for (const std::string& body : receiving.server.taken()) {
+        const json message = json::parse(body);
+        messages.emplace_back(message["summed"].get<std::size_t>(), message["text"].get<std::string>());
+        EXPECT_EQ(message["notifications"].size(), std::max<std::size_t>(messages.back().first, 1));
+    }
+    const std::string alone = "News (239.1.1.1): no packets for 1 s";
+    EXPECT_THAT(messages,
+                ElementsAre(std::pair(40U, "site=north: 40 alarms raised, the first of them " + alone),
+                            std::pair(0U, alone), std::pair(0U, alone),
+                            std::pair(40U, "site=north: 40 alarms cleared, the first of them " + alone)));
 }
 
 // What the receiver holds for raised: by what it took, and by what it got and did not answer.
@@ -225,18 +281,33 @@ TEST(Delivery, TellsANewUrlWhatIsRaisedAndTheOldOneWhatIsOver) {
     EXPECT_THAT(receiving.delivery->statistics(), SizeIs(1));
 }
 
-// Another program that has the database for itself.
-struct Holder {
-    explicit Holder(const std::filesystem::path& file) {
-        EXPECT_EQ(sqlite3_open(file.c_str(), &handle), SQLITE_OK);
-        sqlite3_busy_timeout(handle, 2000);
-        EXPECT_EQ(sqlite3_exec(handle, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+// Of many webhooks that go at once as many are told what is over as there are places, and the log names the
+// rest.
+TEST(Delivery, GivesUpSingleOnesOfTheManyThatAreConfiguredNoMore) {
+    constexpr std::size_t kWebhooks = 20;
+    constexpr std::size_t kPlaces = 16;
+    Receiving receiving;
+    std::vector<Webhook> webhooks;
+    for (std::size_t i = 0; i < kWebhooks; ++i) {
+        webhooks.push_back(receiving.webhook);
+        webhooks.back().url += "/" + std::to_string(i);
     }
-    ~Holder() {
-        sqlite3_close(handle);
+    receiving.start();
+    receiving.delivery->configure(webhooks);
+    receiving.tell({raised(1)});
+    ASSERT_TRUE(eventually([&] { return receiving.told().size() == kWebhooks; }));
+    testing::internal::CaptureStderr();
+    receiving.delivery->configure({});
+    receiving.tell({cleared(1)});
+    EXPECT_TRUE(eventually([&] { return receiving.told().size() == kWebhooks + kPlaces; }));
+    EXPECT_TRUE(flushLog(5s));
+    const std::string log = testing::internal::GetCapturedStderr();
+    std::size_t lines = 0;
+    for (std::size_t at = log.find("given up"); at != std::string::npos; at = log.find("given up", at + 1)) {
+        ++lines;
     }
-    sqlite3* handle = nullptr;
-};
+    EXPECT_EQ(lines, kWebhooks - kPlaces) << log;
+}
 
 TEST(Delivery, DoesNotWaitForADiskThatHangs) {
     Receiving receiving;
@@ -277,6 +348,37 @@ TEST(Delivery, ReadsItsFileBeforeItWritesItHoweverLateThatIs) {
     EXPECT_TRUE(eventually(clearedTheFirst, 20s));
 }
 
+TEST(Delivery, KnowsWhatItToldWhenItsFileIsRemovedOrReplaced) {
+    for (const bool replaced : {false, true}) {
+        SCOPED_TRACE(replaced);
+        Receiving receiving;
+        const auto file = receiving.directory.path() / "delivery.db";
+        receiving.start();
+        receiving.tell({raised(1)});
+        ASSERT_TRUE(receiving.settles());
+        if (replaced) {
+            std::ofstream(receiving.directory.path() / "other") << "somebody else's";
+            std::filesystem::rename(receiving.directory.path() / "other", file);
+        } else {
+            std::filesystem::remove(file);
+        }
+        EXPECT_TRUE(eventually([&] {
+            std::error_code error;
+            return std::filesystem::file_size(file, error) > 1000 && !error;
+        }));
+        receiving.start();
+        receiving.delivery->resume({});  // it is over by now
+        EXPECT_TRUE(eventually([&] { return heldFor(receiving.server).empty(); }));
+        std::string others;
+        for (const auto& entry : std::filesystem::directory_iterator(receiving.directory.path())) {
+            if (entry.path().string().find(".replaced-") != std::string::npos) {
+                others += contentOf(entry.path());
+            }
+        }
+        EXPECT_EQ(others, replaced ? "somebody else's" : "");
+    }
+}
+
 TEST(Delivery, KnowsWhoFails) {
     Receiving receiving;
     receiving.server.answer(std::deque<int>(1000, 503));
@@ -288,6 +390,17 @@ TEST(Delivery, KnowsWhoFails) {
                 testing::AllOf(HasSubstr(receiving.server.url()), HasSubstr("503")));
     receiving.server.answer({});
     EXPECT_TRUE(eventually([&] { return receiving.delivery->health().failing == false; }));
+}
+
+TEST(Payload, KeepsLabelsWhoseNamesComeOutAlike) {
+    Notification one = raised(1);
+    one.labels = {{"a b", "1"}, {"a-b", "2"}, {"a.b", "3"}, {"a/b", "4"}};
+    const json labels = json::parse(alertmanagerBody(std::vector{one}, "probe1", kTime, 5min))[0]["labels"];
+    std::set<std::string> values;
+    for (const char* name : {"a_b", "label_a_b", "label_a_b_2", "label_a_b_3"}) {
+        values.insert(labels.value(name, ""));
+    }
+    EXPECT_THAT(values, ElementsAre("1", "2", "3", "4")) << labels;
 }
 
 TEST(Payload, EndsNoAlertBeforeItsBeginNorAheadOfNow) {
@@ -381,7 +494,7 @@ TEST(InfluxWriter, WritesEachSnapshotOnceAndNamesThatTheProtocolTakes) {
     channel.channel.name = "News, HD=1 \\";
     channel.channel.labels = {{"time", "x"}, {"empty", ""}, {"the site", "a\nb"},
                               {"a\\", "1"},  {"a", "2"},    {"label_time", "y"}};
-    channel.shown = true;
+    channel.measured[Source::kProbe].shown = true;
     channel.stream = &stream;
     auto state = std::make_shared<StationState>();
     state->channels.push_back(std::make_shared<ChannelState>(channel));

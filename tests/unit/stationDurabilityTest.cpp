@@ -3,18 +3,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
-#include <fstream>
 #include <future>
 #include <mutex>
-#include <sstream>
 
 #include "channelSaver.h"
-#include "channels/textFile.h"
+#include "common/textFile.h"
 #include "store/deliveryDatabase.h"
 #include "store/eventStore.h"
 #include "support/scratch.h"
@@ -77,12 +76,6 @@ using testing::Not;
 
 constexpr WallTime kTime{std::chrono::hours(24 * 365 * 50)};
 
-std::string contentOf(const std::filesystem::path& file) {
-    std::ostringstream text;
-    text << std::ifstream(file).rdbuf();
-    return text.str();
-}
-
 // No file of this process gets larger.
 class SmallFiles {
   public:
@@ -105,7 +98,10 @@ TEST(StationDurability, ATextFileIsOnTheDiskBeforeItsNameIsAndItsNameAfterwards)
     const ScratchDirectory directory;
     const auto file = directory.path() / "channels.json";
     takeCalls();
+    const mode_t mask = umask(0);
     ASSERT_EQ(replaceTextFile(file, "before"), "");
+    umask(mask);
+    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0640));
     EXPECT_THAT(takeCalls(), ElementsAre("sync channels.json.new", "rename channels.json",
                                          "sync " + directory.path().filename().string()));
     {

@@ -13,14 +13,15 @@
 
 #include "channelBook.h"
 #include "channelSaver.h"
-#include "channels/fileWatch.h"
-#include "channels/textFile.h"
 #include "common/endWithin.h"
+#include "common/fileWatch.h"
 #include "common/log.h"
+#include "common/textFile.h"
 #include "configurationCopy.h"
 #include "fileReader.h"
 #include "knownFiles.h"
 #include "playlistCopies.h"
+#include "support/inScratch.h"
 
 using namespace std::chrono_literals;
 using namespace station;
@@ -63,26 +64,14 @@ class Share {
     std::vector<std::string> read_;
 };
 
-class StationFiles : public testing::Test {
+class StationFiles : public InScratch {
   protected:
     StationFiles() {
-        std::string name = (fs::temp_directory_path() / "files.XXXXXX").string();
-        directory = mkdtemp(name.data());
         fs::create_directory(directory / "state");
     }
     ~StationFiles() override {
         share.hang(false);
         reader.reset();
-        fs::remove_all(directory);
-    }
-    fs::path write(const std::string& name, const std::string& text) {
-        std::ofstream(directory / name, std::ios::binary) << text;
-        return directory / name;
-    }
-    std::string read(const fs::path& name) {
-        std::ostringstream text;
-        text << std::ifstream(directory / name).rdbuf();
-        return text.str();
     }
     void configure(const std::string& more) {
         std::ofstream(directory / "station.toml.new") << "state_dir = \"state\"\n" + more;
@@ -119,7 +108,7 @@ class StationFiles : public testing::Test {
     }
     // What is delivered within the time.
     std::optional<LoadedFiles> delivered(std::chrono::milliseconds time = 10s) {
-        return mailbox.takeUntil(std::chrono::steady_clock::now() + time).files;
+        return mailbox.drainUntil(std::chrono::steady_clock::now() + time).files;
     }
     static std::size_t channels(const LoadedFiles& files) {
         std::size_t count = 0;
@@ -135,7 +124,6 @@ class StationFiles : public testing::Test {
         return holds();
     }
 
-    fs::path directory;
     Share share;
     Mailbox mailbox;
     std::unique_ptr<FileReader> reader;
@@ -200,6 +188,40 @@ TEST_F(StationFiles, WhatIsHalfWrittenIsNotReadForAnythingElse) {
     ASSERT_TRUE(files);
     EXPECT_EQ(files->configuration->keepDays, 7u);
     EXPECT_THAT(files->configuration->playlists, SizeIs(2));
+}
+
+TEST_F(StationFiles, CopiesHoldForWhatIsHalfWrittenAtTheStart) {
+    write("a.m3u", entries(1, 34));
+    configure(playlist("a.m3u") + playlist("b.m3u"));
+    write("b.m3u", entries(101, 2));
+    ASSERT_EQ(channels(start()), 36u);
+    ASSERT_TRUE(eventually([&] { return fs::exists(directory / "state/configuration"); }));
+    reader.reset();
+    const std::pair<std::string, std::string> halves[] = {
+        {"a.m3u", entries(1, 17)}, {"station.toml", "state_dir = \"state\"\n" + playlist("a.m3u")}};
+    for (const auto& [name, half] : halves) {
+        SCOPED_TRACE(name);
+        const std::string whole = read(name);
+        std::ofstream file(directory / name, std::ios::binary);
+        file << half << std::flush;
+        std::jthread writer([&file](const std::stop_token& stop) {
+            while (!stop.stop_requested()) {
+                file << "#\n" << std::flush;
+                std::this_thread::sleep_for(20ms);
+            }
+        });
+        const LoadedFiles files = start();
+        EXPECT_EQ(channels(files), 36u);
+        EXPECT_THAT(files.result.notes, Contains(HasSubstr(name + " is being written")));
+        writer = {};
+        file << whole.substr(half.size());
+        file.close();
+        const auto read = delivered();
+        ASSERT_TRUE(read);
+        EXPECT_EQ(channels(*read), 36u);
+        EXPECT_THAT(read->result.notes, IsEmpty());
+        reader.reset();
+    }
 }
 
 TEST_F(StationFiles, AGoodConfigurationHoldsWhenABadOneFollowsBeforeItIsTaken) {
@@ -387,9 +409,9 @@ TEST_F(StationFiles, ChannelsThatCannotBeReadAreNeverWrittenOver) {
     EXPECT_THAT(refused, HasSubstr("not written over"));
 
     fs::rename(state / "elsewhere", state / "channels.json");
-    auto letters = mailbox.takeUntil(std::chrono::steady_clock::now() + 10s);
-    ASSERT_TRUE(letters.runtime);
-    book.setRuntime(std::move(*letters.runtime));
+    auto batch = mailbox.drainUntil(std::chrono::steady_clock::now() + 10s);
+    ASSERT_TRUE(batch.runtime);
+    book.setRuntime(std::move(*batch.runtime));
     EXPECT_EQ(book.channels().at(*Group::parse("239.9.9.9")).name, "kept");
     EXPECT_FALSE(book.put(put("239.1.1.1"), {}));
     EXPECT_TRUE(saver.end(5s));
@@ -459,6 +481,81 @@ TEST_F(StationFiles, LabelsOfAnyPlaylistCanBeEdited) {
     ASSERT_FALSE(book.put(edit, {}));
     EXPECT_EQ(book.channels().begin()->second.labels, imported);
     EXPECT_EQ(book.channels().begin()->second.name, "B");
+}
+
+TEST_F(StationFiles, ChannelsWithoutANameGoByTheirStreams) {
+    ChannelBook book;
+    book.setRuntime({RuntimeChannels{}, {}});
+    std::string list = "#EXTINF:-1,News  HD\nudp://@239.1.1.1\nudp://@239.1.1.2\nudp://@239.1.1.3\n";
+    for (int i = 1; i <= 5; ++i) {
+        list += "#EXTINF:-1,Channel " + std::to_string(i) + "\nudp://@239.1.2." + std::to_string(i) + "\n";
+    }
+    book.setFiles({}, {{PlaylistSource{}, parsePlaylist(list)}});
+    book.takeDifference();
+    const auto group = [](const std::string& text) { return *Group::parse(text); };
+    const auto nameOf = [&](const std::string& text) { return book.channels().at(group(text)).name; };
+
+    EXPECT_FALSE(book.takeStreamNames({{group("239.1.1.1"), "Other"}, {group("239.9.9.9"), "Nobody's"}}))
+        << "a name of its own stays";
+    EXPECT_TRUE(book.takeStreamNames({{group("239.1.1.2"), "Sports"}, {group("239.1.1.3"), ""}}));
+    EXPECT_FALSE(book.takeStreamNames({{group("239.1.1.2"), ""}})) << "kept while nobody tells it";
+    EXPECT_FALSE(book.takeStreamNames({}));
+    EXPECT_EQ(nameOf("239.1.1.1"), "News  HD");
+    EXPECT_EQ(nameOf("239.1.1.2"), "Sports");
+    EXPECT_EQ(nameOf("239.1.1.3"), "239.1.1.3");
+    const ChannelDifference difference = book.takeDifference();
+    ASSERT_EQ(difference.changed.size(), 1U);
+    EXPECT_EQ(difference.changed[0].second.name, "Sports");
+
+    // What is changed at run time takes no stream's name along, and an export changes nothing.
+    Answer same;
+    ASSERT_FALSE(book.import(writePlaylist(book.channels()), same));
+    EXPECT_EQ(same.added + same.changed, 0U);
+    PutChannel labels(group("239.1.1.2"));
+    labels.set(&Channel::labels, {{"site", "north"}});
+    ASSERT_FALSE(book.put(labels, {}));
+    ASSERT_TRUE(book.takeStreamNames({{group("239.1.1.2"), "More sports"}}));
+    EXPECT_EQ(nameOf("239.1.1.2"), "More sports");
+    ASSERT_FALSE(book.put(put("239.1.1.2", "Mine"), {}));
+    EXPECT_EQ(nameOf("239.1.1.2"), "Mine");
+
+    // Of many differences a few are told, and their number; capitals and spaces are none.
+    std::map<Group, std::string> names{{group("239.1.1.1"), "news hd"}};
+    for (int i = 1; i <= 5; ++i) {
+        names.emplace(group("239.1.2." + std::to_string(i)), "Stream " + std::to_string(i));
+    }
+    book.takeStreamNames(std::move(names));
+    const auto notes = book.nameNotes();
+    ASSERT_EQ(notes.size(), ChannelBook::kNameNotes);
+    EXPECT_EQ(notes[0], "239.1.1.2 is named \"Mine\", and its stream calls it \"More sports\"");
+    EXPECT_THAT(notes.back(), HasSubstr("; 3 more channels are named otherwise than in the stream"));
+}
+
+// A restart, and whatever became of the file meanwhile.
+TEST_F(StationFiles, NamesOfStreamsOutliveARestart) {
+    const auto group = [](const std::string& text) { return *Group::parse(text); };
+    const StreamNames names{{group("239.1.1.1"), "News  HD"}, {group("239.1.1.2"), "\xC3\x84 2"}};
+    const auto read = [this] { return StreamNameKeeper(directory / "state").takeRead(10s); };
+    EXPECT_EQ(read(), StreamNames{}) << "none yet";
+    {
+        StreamNameKeeper keeper(directory / "state");
+        keeper.save({{group("239.1.1.1"), "old"}});
+        keeper.save(names);  // and ends before its time
+    }
+    EXPECT_EQ(read(), names);
+    const fs::path file = directory / "state" / "stream-names";
+    std::ofstream(file)
+        << "239.1.1.1 One\x07\n239.1.1.2\n239.1.1.3 \n10.0.0.1 No group\nnonsense\n\n239.1.1.4 L\xE9"
+        << std::string(1000, 'x');
+    const auto odd = read();
+    ASSERT_TRUE(odd);
+    ASSERT_EQ(odd->size(), 2U);
+    EXPECT_EQ(odd->at(group("239.1.1.1")), "One");
+    EXPECT_EQ(odd->at(group("239.1.1.4")).substr(0, 4), "L\xC3\xA9x");
+    EXPECT_LE(odd->at(group("239.1.1.4")).size(), kNameLimit);
+    fs::remove(file);
+    fs::create_directory(file);
+    EXPECT_EQ(read(), StreamNames{}) << "cannot be read";
 }
 
 TEST_F(StationFiles, AnExportThatIsImportedChangesNothing) {

@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <numeric>
+
 #include <cerrno>
 #include <fstream>
 
@@ -143,6 +145,22 @@ TEST_F(MachineFiles, FindsWhatIsNotJoinedWhereTheProbeCaptures) {
     EXPECT_EQ(left.left, 2U) << "the fourth was joined nowhere";
     EXPECT_THAT(left.leftOn, ElementsAre("br0", "enp3s0"));
     EXPECT_EQ(later(40, {0xEF010101, 0xEF010103}).left, 1U) << "one is watched again";
+
+    // Routes of many are asked for every few seconds alone, as long as they are the same.
+    int times = 0;
+    MachineLooker many({.proc = proc,
+                        .interfaces = [&] { return std::vector{eth0}; },
+                        .routes =
+                            [&](std::span<const Ipv4Address> groups) {
+                                ++times;
+                                return std::vector<GroupRoute>(groups.size());
+                            }});
+    std::vector<Ipv4Address> groups(MachineLooker::kManyAstray + 1);
+    std::iota(groups.begin(), groups.end(), 0xEF020000);
+    for (const int second : {100, 101, 104, 105, 106, 111}) {
+        many.look(groups, {SteadyTime{std::chrono::seconds(second)}, {}});
+    }
+    EXPECT_EQ(times, 3);
 
     MachineLooker refused({.proc = proc, .interfaces = []() -> std::vector<NetworkInterface> {
                                throw std::system_error(EAFNOSUPPORT, std::generic_category(), "netlink");

@@ -124,6 +124,222 @@ TEST_F(StationMeterSession, KeepsTheNewestReportOfEachGroup) {
     EXPECT_FALSE(state().connected);
 }
 
+TEST_F(StationMeterSession, CountsWhatHappenedAndEachSecondsLossOnce) {
+    session.received(hello(), now);
+    const auto say = [&](uint32_t group, double seconds, uint64_t lossRate) {
+        meter::Report report = test::fullReport(group);
+        report.seconds = seconds;
+        report.network->lossRate = lossRate;
+        session.received(metering::framed(second({test::reportMessage(report)})), now);
+    };
+    const auto happen = [&](uint32_t group, bool cue) {
+        metering::FromMeter message;
+        message.mutable_happened()->set_group(group);
+        cue ? static_cast<void>(message.mutable_happened()->mutable_cue())
+            : static_cast<void>(message.mutable_happened()->mutable_change());
+        session.received(metering::framed(message), now);
+    };
+    happen(kA, true);  // before the first report of the group
+    say(kA, 10.1, 3);
+    say(kA, 10.9, 3);  // the same second of the analysis
+    say(kA, 11.1, 4);
+    say(kB, 11.1, 5);
+    happen(kA, false);
+    happen(kA, false);
+    happen(0xEF0909FF, true);  // nobody wants it
+    const MeterTallies a = book.find(kGroupA)->tallies;
+    EXPECT_EQ(a.cues, 1U);
+    EXPECT_EQ(a.changes, 2U);
+    EXPECT_EQ(a.mediaLost, 7U);
+    ASSERT_EQ(book.all().size(), 2U);
+    EXPECT_EQ(book.all()[1].first, kB);
+    EXPECT_EQ(book.all()[1].second.tallies.mediaLost, 5U);
+    book.watch({kB}, 0);
+    book.watch({kA, kB}, 0);
+    say(kA, 12, 1);
+    EXPECT_EQ(book.find(kGroupA)->tallies.mediaLost, 1U) << "a channel that was removed begins anew";
+}
+
+// A counter that falls was reset, as others see it, and all of it lost anew.
+TEST_F(StationMeterSession, TalliesLossThatNeverFallsWhateverCountsIt) {
+    session.received(hello(), now);
+    struct Step {
+        const char* what;
+        uint64_t epoch;
+        const char* basis;
+        int64_t lost;
+        uint64_t byCounter;
+        uint64_t events;
+        bool disturbed;
+        std::array<uint64_t, 3> total;  // lost, events, lost while disturbed
+    };
+    const Step steps[] = {
+        {"by counters", 1, "counter", 5, 5, 2, false, {5, 2, 0}},
+        {"the clock knows of more, which was lost before", 1, "clock", 40, 5, 1, false, {5, 2, 0}},
+        {"more by the clock", 1, "clock", 47, 6, 2, false, {12, 3, 0}},
+        {"the clock takes two back", 1, "clock", 45, 6, 2, false, {12, 3, 0}},
+        {"as many as it had told of", 1, "clock", 47, 6, 2, false, {12, 3, 0}},
+        {"back to the counters, with one more of theirs", 1, "counter", 7, 7, 3, false, {13, 4, 0}},
+        {"lost here", 1, "counter", 17, 17, 4, true, {23, 5, 10}},
+        {"a meter that was started anew", 2, "counter", 3, 3, 1, false, {26, 6, 10}},
+        {"nothing is known yet", 3, nullptr, 0, 0, 0, false, {26, 6, 10}},
+        {"too many packets", 3, "clock", -4, 0, 0, false, {26, 6, 10}},
+    };
+    for (const Step& step : steps) {
+        meter::Report report = test::fullReport(kA);
+        report.packets.lost = {};
+        if (step.basis != nullptr) {
+            report.packets.lost.packets = step.lost;
+            report.packets.lost.basis = step.basis;
+            report.packets.lost.byCounter = step.byCounter;
+        }
+        report.packets.lost.events = step.events;
+        report.network->rtp->lost = step.lost;
+        metering::GroupReport message = test::reportMessage(report);
+        message.set_epoch(step.epoch);
+        metering::FromMeter whole = second({message});
+        whole.mutable_second()->mutable_capture()->set_disturbed(step.disturbed);
+        session.received(metering::framed(whole), now);
+        const LossTotals loss = book.find(kGroupA)->tallies.loss;
+        EXPECT_EQ((std::array{loss.best, loss.events, loss.disturbed}), step.total) << step.what;
+    }
+    EXPECT_EQ(book.find(kGroupA)->tallies.loss.rtpLost, 47U + 3) << "the most of each epoch";
+    book.disconnected(now);
+    MeterSession again(book);
+    again.received(hello(), now);
+    again.received(metering::framed(second({test::reportMessage(test::fullReport(kA))})), now);
+    EXPECT_GE(book.find(kGroupA)->tallies.loss.best, 26U) << "over a loss of the connection";
+}
+
+TEST_F(StationMeterSession, MakesSamplesOfReportsAndHandsOverWhatHappens) {
+    int told = 0;
+    book.mail().setReady([&] { ++told; });
+    session.received(hello(), now);
+    const auto happened = [&](uint32_t group, auto fill) {
+        metering::FromMeter message;
+        message.mutable_happened()->set_group(group);
+        fill(*message.mutable_happened());
+        session.received(metering::framed(message), now);
+    };
+    const auto cue = [](metering::Happened& what) { what.mutable_cue()->set_command("splice_insert\x07"); };
+    meter::Report report = test::fullReport(kA);
+    session.received(metering::framed(second({test::reportMessage(report)})), now);
+    happened(kA, cue);
+    happened(0xEF0909FF, cue);  // nobody watches it
+    happened(kA, [](metering::Happened& what) {
+        what.mutable_change()->set_what("codec");
+        what.mutable_change()->set_text(std::string(2000, 'x'));
+    });
+    report.packets.received += 100;
+    session.received(metering::framed(second({test::reportMessage(report)})), now);
+    EXPECT_EQ(told, 4);
+    MeterMail::Batch batch = book.mail().drain();
+    ASSERT_EQ(batch.figures.size(), 1U);
+    const ChannelSample& sample = batch.figures.at(kA).sample;
+    EXPECT_EQ(sample.received, report.packets.received);
+    EXPECT_EQ(sample.count(measureOf("meter.cues")).total, 1U);
+    EXPECT_EQ(sample.count(measureOf("meter.otherSources")).total, 8U);
+    ASSERT_EQ(batch.happened.size(), 2U);
+    EXPECT_TRUE(batch.happened[0].what.empty());
+    EXPECT_THAT(batch.happened[0].text, HasSubstr("splice_insert"));
+    EXPECT_THAT(batch.happened[0].text, testing::Not(HasSubstr("\x07")));
+    EXPECT_EQ(batch.happened[1].what, "codec");
+    EXPECT_EQ(batch.happened[1].text.size(), MeterHappened::kTextBytes);
+
+    auto blind = second({test::reportMessage(report)});
+    blind.mutable_second()->mutable_capture()->set_problem("eth0 is down");
+    session.received(metering::framed(blind), now);
+    EXPECT_TRUE(book.mail().drain().figures.empty()) << "it knows nothing of channels";
+    session.received(metering::framed(second({test::reportMessage(report)})), now);
+    book.disconnected(now);
+    EXPECT_TRUE(book.mail().drain().figures.empty());
+}
+
+TEST_F(StationMeterSession, SaysInBriefWhatAChannelIs) {
+    session.received(hello(), now);
+    meter::Report report = test::fullReport(kA);
+    std::swap(report.services[0], report.services[1]);  // "one" has the lower number
+    session.received(metering::framed(second({test::reportMessage(report)})), now);
+    ASSERT_EQ(book.briefs(now.steady).size(), 1U);
+    MeterBrief brief = book.briefs(now.steady)[0].second;
+    EXPECT_EQ(*brief.facts, (MeterFacts{"one", "1920x1080i", "H.264"}));
+    EXPECT_EQ(brief.lastCue, WallTime{});
+    // Not told again, and still so.
+    session.received(metering::framed(second({test::reportMessage(report, false)})), now);
+    ASSERT_TRUE(book.briefs(now.steady)[0].second.facts);
+
+    report.services.resize(2);
+    report.services[0] = {
+        2, "\xC2\x85 \xC3\x84\n " + std::string(400, 'x'), {}, {}, {}, 300, {}, {}, {}, {}, {}, {}, {}, {}};
+    report.services[1].name.reset();
+    report.services[1].streams[0].video.reset();
+    session.received(metering::framed(second({test::reportMessage(report)})), now);
+    brief = book.briefs(now.steady)[0].second;
+    EXPECT_TRUE(brief.facts->serviceName.starts_with("\xC3\x84 x")) << brief.facts->serviceName;
+    EXPECT_LE(brief.facts->serviceName.size(), kNameLimit);
+    EXPECT_EQ(brief.facts->resolution, "");
+    EXPECT_FALSE(book.briefs(now.steady + kMeterReportHolds + 1s)[0].second.facts) << "of long ago";
+}
+
+TEST_F(StationMeterSession, KeepsTheNewestCuesWithinItsBounds) {
+    session.received(hello(), now);
+    const auto cue = [&](uint32_t group, uint32_t event, std::optional<bool> out,
+                         const std::string& upid = "") {
+        metering::FromMeter message;
+        message.mutable_happened()->set_group(group);
+        metering::Cue& made = *message.mutable_happened()->mutable_cue();
+        made.set_command("splice_insert");
+        made.set_event_id(event);
+        if (out) {
+            made.set_out(*out);
+        }
+        made.add_segmentation()->set_upid(upid);
+        now.wall += 1s;
+        session.received(metering::framed(message), now);
+    };
+    for (uint32_t event = 1; event <= MeterBook::kCuesKept + 3; ++event) {
+        cue(kA, event, event % 2 == 0);
+    }
+    cue(kA, 1000, {});
+    std::vector<MeterCue> kept = book.cues(kGroupA);
+    ASSERT_EQ(kept.size(), MeterBook::kCuesKept);
+    EXPECT_EQ(kept[0].read().eventId, 1000U) << "newest first";
+    EXPECT_EQ(kept[0].time, now.wall);
+    EXPECT_EQ(kept.back().read().eventId, 5U);
+    const MeterBrief brief = book.briefs(now.steady)[0].second;
+    EXPECT_EQ(brief.lastCue, now.wall);
+    EXPECT_EQ(brief.cueOut, false);
+    EXPECT_FALSE(brief.facts);
+
+    book.disconnected(now);
+    EXPECT_EQ(book.cues(kGroupA).size(), MeterBook::kCuesKept) << "they came all the same";
+    book.watch({kB}, 0);
+    EXPECT_TRUE(book.cues(kGroupA).empty());
+
+    // Large ones of many channels: all together stay within the bound.
+    std::set<uint32_t> groups;
+    for (uint32_t number = 0; number < 20; ++number) {
+        groups.insert(kA + number);
+    }
+    book.watch(groups, 0);
+    const std::string large(60'000, 'x');
+    for (uint32_t event = 0; event < 50; ++event) {
+        for (const uint32_t group : groups) {
+            cue(group, event, true, large);
+        }
+    }
+    std::size_t bytes = 0;
+    for (const uint32_t group : groups) {
+        const auto cues = book.cues(*Group::parse("239.1.1." + std::to_string(group & 0xFF)));
+        ASSERT_FALSE(cues.empty());
+        EXPECT_EQ(cues[0].read().eventId, 49U) << "the newest is there";
+        for (const MeterCue& one : cues) {
+            bytes += one.bytes->size();
+        }
+    }
+    EXPECT_LE(bytes, MeterBook::kCueBytes);
+}
+
 TEST_F(StationMeterSession, RefusesWhatMakesNoSense) {
     const std::string report =
         second({test::reportMessage(test::fullReport(kA))}).second().SerializeAsString();
@@ -163,7 +379,7 @@ TEST_F(StationMeterSession, RefusesWhatMakesNoSense) {
         try {
             other.received(one.bytes, now);
             ADD_FAILURE() << "was taken";
-        } catch (const MeterRefused& refused) {
+        } catch (const PeerRefused& refused) {
             EXPECT_THAT(refused.what(), HasSubstr(one.why));
         }
     }
@@ -217,6 +433,11 @@ TEST_F(StationMeterSession, KeepsNoMoreThanItsBound) {
             book.report(group, {.levels = levels, .description = {}});
         }
     }
+    const auto described = std::make_shared<const std::string>(50'000, 'x');
+    const auto all = std::make_shared<const std::string>(250'000, 'x');
+    EXPECT_EQ(book.find(kGroupA)->levels, levels);
+    ASSERT_FALSE(book.report(kA, {.levels = all, .description = described}));
+    ASSERT_TRUE(book.find(kGroupA)) << "without room for the newest the one before stays";
     EXPECT_GE(state().reportsDropped, 20U);
     EXPECT_LE(state().reportsDropped, 24U);
     book.watch({kA}, 3);
@@ -382,7 +603,8 @@ TEST_F(StationMeterPort, TellsOneMeterWhatToWatchAndEachChange) {
     EXPECT_EQ(told->groups().group_size(), 1);
     meter.send(metering::framed(::station::second({test::reportMessage(test::fullReport(kB))})));
     EXPECT_TRUE(shows([](const MeterState& state) { return state.reported == 1; }));
-    EXPECT_TRUE(book.find(kGroupB));
+    EXPECT_TRUE(
+        eventually([&] { return book.find(kGroupB).has_value(); }));  // told before its reports are kept
 }
 
 TEST_F(StationMeterPort, EndsWithWhoSendsNonsenseAndTakesTheNextOne) {

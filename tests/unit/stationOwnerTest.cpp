@@ -18,7 +18,7 @@
 #include <thread>
 
 #include "channelSaver.h"
-#include "channels/textFile.h"
+#include "common/textFile.h"
 #include "serviceUser.h"
 #include "station.h"
 #include "support/scratch.h"
@@ -300,7 +300,7 @@ TEST(FileKeeper, ReadsAllFilesOnSighupAndEndsOnSigterm) {
     Kept kept;
     for (int times = 0; times < 2; ++times) {
         kill(getpid(), SIGHUP);
-        const auto files = kept.mailbox.takeUntil(std::chrono::steady_clock::now() + 30s).files;
+        const auto files = kept.mailbox.drainUntil(std::chrono::steady_clock::now() + 30s).files;
         ASSERT_TRUE(files) << "told though nothing changed";
         EXPECT_EQ(files->playlists.at(0).second.channels.size(), 1U);
         EXPECT_FALSE(kept.over);
@@ -351,7 +351,7 @@ TEST(FileKeeper, LetsNoMoreWaitForAReadingThanItMay) {
     EXPECT_FALSE(ask());
     hang.unlock();
     while (told < FileKeeper::kAskers) {
-        const auto files = kept.mailbox.takeUntil(std::chrono::steady_clock::now() + 30s).files;
+        const auto files = kept.mailbox.drainUntil(std::chrono::steady_clock::now() + 30s).files;
         ASSERT_TRUE(files);
         for (const auto& asker : files->askers) {
             asker();

@@ -478,6 +478,17 @@ TEST_F(StationPipe, DropsWhatIsTooLargeAndSaysSo) {
     EXPECT_EQ(reader->statistics().cut, 0U);
     writeWhole("small\n");
     EXPECT_THAT(takeAll(), ElementsAre("small\n"));
+    const int endless = openWriter();  // it never closes the pipe
+    put(endless, fits + "\n");
+    settle();
+    EXPECT_EQ(reader->statistics().tooLarge, 4U);
+    const auto told = reader->statistics().lastTooLarge;
+    put(endless, fits + "\n");
+    settle();
+    EXPECT_GT(reader->statistics().lastTooLarge, told) << "it goes on";
+    close(endless);
+    settle();
+    EXPECT_EQ(reader->statistics().tooLarge, 4U);
 }
 
 TEST_F(StationPipe, FollowsThePipeThatIsMadeAnew) {
@@ -510,7 +521,9 @@ TEST(StationMailbox, DropsTheOldestAndRefusesCommandsWhenFull) {
         station::Controller::Report report;
         report.sequence = i;
         mailbox.send(report);
-        EXPECT_EQ(mailbox.send(station::Command{station::ClearCounters{}, {}}), i < 256) << i;
+        EXPECT_EQ(mailbox.send(station::Command{station::QueryOverview{}, {}}), i < 64)
+            << "readers leave room";
+        EXPECT_EQ(mailbox.send(station::Command{station::ClearCounters{}, {}}), i < 192) << i;
     }
     int told = 0;
     for (int i = 0; i < 2; ++i) {
@@ -518,22 +531,23 @@ TEST(StationMailbox, DropsTheOldestAndRefusesCommandsWhenFull) {
         files.askers.push_back([&] { ++told; });
         mailbox.send(std::move(files));
     }
-    station::Mailbox::Letters letters = mailbox.takeUntil(past);
-    ASSERT_THAT(letters.snapshots, SizeIs(3));
-    EXPECT_EQ(letters.snapshots.front().text, "2");
-    ASSERT_THAT(letters.reports, SizeIs(256));
-    EXPECT_EQ(letters.reports.front().sequence, 44);
-    EXPECT_THAT(letters.commands, SizeIs(256));
-    ASSERT_TRUE(letters.files);
-    for (const auto& asker : letters.files->askers) {
+    station::Mailbox::Batch batch = mailbox.drainUntil(past);
+    ASSERT_THAT(batch.snapshots, SizeIs(3));
+    EXPECT_EQ(batch.snapshots.front().text, "2");
+    ASSERT_THAT(batch.reports, SizeIs(256));
+    EXPECT_EQ(batch.reports.front().sequence, 44);
+    EXPECT_THAT(batch.commands, SizeIs(256));
+    ASSERT_TRUE(batch.files);
+    for (const auto& asker : batch.files->askers) {
         asker();
     }
     EXPECT_EQ(told, 2) << "who asked for files that were replaced hears of those that replaced them";
     EXPECT_EQ(mailbox.droppedSnapshots(), 2U);
-    EXPECT_EQ(mailbox.refusedCommands(), 44U);
+    EXPECT_EQ(mailbox.refusedCommands(), 344U);
+    EXPECT_TRUE(mailbox.send(station::Command{station::QueryOverview{}, {}})) << "those before are taken";
     mailbox.stop();
     EXPECT_FALSE(mailbox.send(station::Command{station::ClearCounters{}, {}})) << "nobody would answer it";
-    EXPECT_TRUE(mailbox.takeUntil(past).stop);
+    EXPECT_TRUE(mailbox.drainUntil(past).stop);
 }
 
 TEST(StationProbeWatch, TellsTheFaultsApart) {
@@ -550,6 +564,7 @@ TEST(StationProbeWatch, TellsTheFaultsApart) {
     station::PipeReader::Statistics removed;
     removed.problem = "no pipe";
     station::PipeReader::Statistics large;
+    large.tooLarge = 1;
     large.lastTooLarge = station::SteadyTime{2h};
     const Case cases[] = {
         {"all is well", true, true, {}, false, false, ""},
@@ -565,6 +580,7 @@ TEST(StationProbeWatch, TellsTheFaultsApart) {
         {"asks alone", true, false, {}, true, false, "does something else read its pipe?"},
         {"asks, and has no pipe", true, false, {"", removed}, true, false, "no pipe"},
         {"asks, and says too much", true, false, {"", large}, true, false, "larger than 64 MiB"},
+        {"shows, and at times says too much", true, true, {"", large}, false, false, "some snapshots"},
         {"shows alone", false, true, {}, false, true, "did not ask what to watch"},
         {"shows, and the port is not ours", false, true, {"port taken", {}}, false, true, "port taken"},
     };

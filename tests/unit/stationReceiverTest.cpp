@@ -59,17 +59,17 @@ struct Disk {
         for (const int64_t sequence : changes.settled) {
             owed.erase(sequence);
         }
-        for (const Notification& one : changes.told) {
+        for (const Notification& one : changes.notified) {
             told[one.alarmId] = one;
         }
-        for (const int64_t id : changes.over) {
+        for (const int64_t id : changes.forgotten) {
             told.erase(id);
         }
     }
     void replace(const StoredReceiver& all) {
         owed.clear();
         told.clear();
-        apply({.owed = all.owed, .sent = {}, .settled = {}, .told = all.told, .over = {}});
+        apply({.owed = all.owed, .sent = {}, .settled = {}, .notified = all.notified, .forgotten = {}});
     }
     StoredReceiver all() const {
         StoredReceiver all;
@@ -77,7 +77,7 @@ struct Disk {
             all.owed.push_back(one);
         }
         for (const auto& [id, one] : told) {
-            all.told.push_back(one);
+            all.notified.push_back(one);
         }
         return all;
     }
@@ -235,7 +235,7 @@ struct World {
             }
         }
         ASSERT_EQ(disk.owed.size(), sequences.size());
-        for (const Notification& one : all.told) {
+        for (const Notification& one : all.notified) {
             ASSERT_TRUE(disk.told.contains(one.alarmId));
             kept.insert(one.alarmId);
         }
@@ -423,6 +423,109 @@ TEST(Receiver, DropsTheOldestRaisesAndNoClear) {
     const auto message = receiver.next(now.steady, changes);
     ASSERT_TRUE(message);
     EXPECT_EQ(message->notifications.at(0).alarmId, 15);
+}
+
+TEST(SendPace, SplitsWhatIsRefusedAndLeavesAloneWhoeverTakesNothing) {
+    using State = SendPace::State;
+    struct Step {
+        char what;  // d: delivered, f: failed, r: refused, R: refused again alone, h: configured anew
+        std::size_t size;
+        State state;
+        std::size_t limit;
+        std::chrono::milliseconds wait;  // give or take a fifth
+    };
+    const Step steps[] = {
+        {'r', 1000, State::kSplitting, 500, 0s}, {'r', 500, State::kSplitting, 250, 0s},
+        {'r', 3, State::kSplitting, 2, 0s},      {'r', 1, State::kSplitting, 2, 0s},
+        {'d', 2, State::kTaking, 4, 0s},         {'f', 4, State::kFailing, 4, 1s},
+        {'f', 4, State::kFailing, 4, 2s},        {'r', 4, State::kSplitting, 2, 2s},
+        {'f', 2, State::kFailing, 2, 4s},        {'h', 0, State::kTaking, 2, 0s},
+        {'f', 2, State::kFailing, 2, 1s},        {'d', 2, State::kTaking, 4, 0s},
+    };
+    SendPace pace({}, 100);
+    const SteadyTime now{1h};
+    const auto act = [&](char what, std::size_t size) {
+        switch (what) {
+            case 'd':
+                return pace.delivered(false);
+            case 'f':
+                return pace.failed(now);
+            case 'h':
+                return pace.hurry();
+            default:
+                return pace.refused(size, what == 'R', now);
+        }
+    };
+    const auto expectWait = [&](std::chrono::milliseconds wait) {
+        EXPECT_GE(pace.retryAt(), wait == 0ms ? SteadyTime{} : now + wait * 4 / 5);
+        EXPECT_LE(pace.retryAt(), wait == 0ms ? SteadyTime{} : now + wait * 6 / 5);
+    };
+    for (const Step& step : steps) {
+        SCOPED_TRACE(&step - steps);
+        act(step.what, step.size);
+        EXPECT_EQ(pace.state(), step.state);
+        EXPECT_EQ(pace.limit(), step.limit);
+        expectWait(step.wait);
+    }
+    for (unsigned i = 0; i < SendPace::kQuickRefusals; ++i) {
+        act('r', 1);
+        act('R', 1);  // counts for nothing
+        EXPECT_EQ(pace.state(), State::kSplitting) << i;
+        expectWait(0s);
+    }
+    for (const auto wait : {1s, 2s, 4s}) {
+        act('r', 1);
+        EXPECT_EQ(pace.state(), State::kRefusing);
+        expectWait(wait);
+    }
+    EXPECT_TRUE(pace.waits(now));
+    for (int i = 0; i < 40; ++i) {
+        act('f', 1);
+    }
+    expectWait(DeliveryPace{}.longestWait);
+}
+
+TEST(SendPace, CountsTheMessagesOfAMinute) {
+    SendPace pace({}, 4);
+    const SteadyTime begin{1h};
+    pace.enterMinute(begin);
+    pace.delivered(true);  // a refresh is not of them
+    for (int sent = 0; sent < 4; ++sent) {
+        EXPECT_FALSE(pace.minuteSpent(begin)) << sent;
+        EXPECT_EQ(pace.halfSpent(), sent > 2);
+        pace.delivered(false);
+    }
+    pace.failed(begin);
+    pace.enterMinute(begin + 59s);
+    EXPECT_TRUE(pace.minuteSpent(begin + 59s));
+    EXPECT_EQ(pace.minuteEnd(), begin + 60s);
+    EXPECT_FALSE(pace.minuteSpent(begin + 60s));
+    pace.enterMinute(begin + 60s);
+    EXPECT_FALSE(pace.halfSpent());
+    pace.setPerMinute(0);
+    EXPECT_FALSE(pace.minuteSpent(begin + 60s)) << "one a minute at least";
+    pace.delivered(false);
+    EXPECT_TRUE(pace.minuteSpent(begin + 60s));
+}
+
+TEST(RefreshCycle, GoesThroughAllOnceAMinuteAndRepeatsWhatWasNotTaken) {
+    RefreshCycle cycle(60s);
+    const SteadyTime now{1h};
+    EXPECT_LE(cycle.due(), now);
+    cycle.beginMessage();
+    cycle.cover(7);
+    EXPECT_EQ(cycle.position(), 7);
+    cycle.beginMessage();
+    cycle.cover(9);
+    cycle.finish(now);
+    EXPECT_EQ(cycle.position(), 0);
+    EXPECT_EQ(cycle.due(), now + 60s);
+    cycle.repeatMessage();
+    EXPECT_EQ(cycle.position(), 7) << "the last message alone";
+    EXPECT_LE(cycle.due(), now);
+    cycle.restart();
+    EXPECT_EQ(cycle.position(), 0);
+    EXPECT_LE(cycle.due(), now);
 }
 
 }  // namespace

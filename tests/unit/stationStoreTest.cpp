@@ -1,16 +1,19 @@
 // Events on the disk: what was raised is never lost, whatever happens to the disk and the file.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
 
 #include <atomic>
 #include <csignal>
+#include <cstdio>
 #include <fstream>
 #include <future>
 #include <optional>
 #include <thread>
 
 #include "store/eventStore.h"
+#include "support/databaseHolder.h"
 #include "support/scratch.h"
 
 namespace station {
@@ -105,6 +108,7 @@ TEST(EventStore, KnowsAfterARestartWhatIsRaised) {
         said.text = "on it";
         Event first = raised(1);
         first.value = 2.5;
+        first.source = Source::kMeter;
         first.text = kept + "\nü, beyond the bound";
         store.recordAll({first, raised(2, kOther), event(3, EventKind::kCleared, 2), said,
                          event(5, EventKind::kChannelChanged)});
@@ -119,11 +123,12 @@ TEST(EventStore, KnowsAfterARestartWhatIsRaised) {
     Alarm alarm;
     alarm.id = 1;
     alarm.type = *findAlarmType("no_signal");
-    alarm.group = kGroup;
+    alarm.about = kGroup;
     alarm.severity = Severity::kCritical;
     alarm.raised = kTime;
     alarm.value = alarm.peak = 2.5;
     alarm.text = kept;
+    alarm.source = Source::kMeter;
     alarm.acknowledged = Acknowledgement{kTime + 3s, "ann", "on it"};
     EXPECT_THAT(again.initial().active, ElementsAre(alarm));
     EXPECT_THAT(again.initial().maintenance, ElementsAre(window));
@@ -195,16 +200,65 @@ TEST(EventStore, PutsADamagedFileAsideAndKeepsWhatIsRaised) {
     }
 }
 
-TEST(EventStore, GoesOnInANewFileWhenItsDirectoryIsRemoved) {
-    const ScratchDirectory directory;
+TEST(EventStore, GoesOnInANewFileWhenItsOwnIsRemovedOrReplaced) {
+    const ScratchDirectory others;
     {
-        Store store(directory);
-        store.recordAll({raised(1), event(2, EventKind::kChannelChanged)});
-        std::filesystem::remove_all(directory.path());
-        store.recordAll({raised(3, kOther)});
-        EXPECT_EQ(store.ids({}), (std::vector<int64_t>{3, 1})) << "what is raised goes along";
+        Store store(others);
+        store.recordAll({raised(77, kOther), event(5000, EventKind::kChannelChanged)});
     }
-    EXPECT_EQ(Store(directory).activeIds().size(), 2U);
+    const auto putOther = [&](const ScratchDirectory& directory) {
+        std::filesystem::copy_file(others.path() / "events.db", directory.path() / "other");
+        std::filesystem::rename(directory.path() / "other", directory.path() / "events.db");
+    };
+    const struct {
+        const char* what;
+        std::function<void(const ScratchDirectory&)> happens;
+        bool replaced;
+    } cases[] = {
+        {"its directory is removed",
+         [](const auto& directory) {  // at once: the store makes it anew
+             const ScratchDirectory away;
+             std::filesystem::rename(directory.path(), away.path() / "removed");
+         },
+         false},
+        {"it is removed, its log stays",
+         [](const auto& directory) { std::filesystem::remove(directory.path() / "events.db"); }, false},
+        {"a backup is moved there, its log stays", putOther, true},
+        {"another disk is mounted",
+         [&](const auto& directory) {  // at once, as a mount is: without a moment in which the store makes a
+                                       // file anew
+             const ScratchDirectory disk;
+             putOther(disk);
+             ASSERT_EQ(renameat2(AT_FDCWD, disk.path().c_str(), AT_FDCWD, directory.path().c_str(),
+                                 RENAME_EXCHANGE),
+                       0);
+         },
+         true},
+    };
+    for (const auto& [what, happens, replaced] : cases) {
+        SCOPED_TRACE(what);
+        const ScratchDirectory directory;
+        {
+            Store store(directory);
+            store.recordAll({raised(1), event(2, EventKind::kChannelChanged)});
+            happens(directory);
+            store.recordAll({raised(3, kOther)});
+            EXPECT_EQ(store.ids({}), (std::vector<int64_t>{3, 1})) << "what is raised goes along";
+            EXPECT_EQ(store.givenTo() > 5000, replaced);
+        }
+        const auto aside = filesOf(directory, ".replaced-");
+        ASSERT_EQ(aside.size(), replaced ? 1 : 0);
+        const Store again(directory);
+        EXPECT_THAT(again.activeIds(), ElementsAre(1, 3));
+        EXPECT_EQ(again.initial().lastId > 5000, replaced) << "whose numbers are not given again";
+        if (replaced) {
+            const ScratchDirectory back;
+            std::filesystem::copy(directory.path() / aside[0], back.path() / "events.db");
+            Store store(back);
+            EXPECT_EQ(store.ids({}), (std::vector<int64_t>{5000, 77})) << "nothing of it is lost";
+            EXPECT_THAT(store.activeIds(), ElementsAre(77));
+        }
+    }
 }
 
 TEST(EventStore, WritesWhatWaitedOnceTheDiskHasSpaceAgain) {
@@ -301,18 +355,30 @@ TEST(EventStore, ForgetsWhatIsOldOrTooMuchButNotWhatIsRaised) {
     EXPECT_EQ(last.initial().lastId, 2000);
 }
 
-// Another program that has the file for itself.
-struct Holder {
-    explicit Holder(const ScratchDirectory& directory) {
-        EXPECT_EQ(sqlite3_open((directory.path() / "events.db").c_str(), &handle), SQLITE_OK);
-        sqlite3_busy_timeout(handle, 2000);
-        EXPECT_EQ(sqlite3_exec(handle, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+TEST(EventStore, KeepsCuesFromCrowdingOutWhatElseHappened) {
+    const ScratchDirectory directory;
+    Store store(directory, {90, 40});
+    std::vector<Event> events;
+    for (int64_t id = 1; id <= 130; ++id) {
+        events.push_back(event(id, id <= 30 ? EventKind::kChannelChanged : EventKind::kCue));
     }
-    ~Holder() {
-        sqlite3_close(handle);
+    store.recordAll(events);
+    store.setLimits({90, 40});
+    EXPECT_TRUE(eventually([&] { return store.ids({.limit = 1000}).size() == 40; }));
+    EXPECT_EQ(store.ids({.kind = EventKind::kCue}).size(), 10U);
+    EXPECT_EQ(store.ids({.limit = 1000}).back(), 1) << "none gave way to a cue";
+}
+
+TEST(EventStore, KnowsWhetherAMeterWasThere) {
+    const ScratchDirectory directory;
+    for (const bool known : {true, false}) {
+        Store store(directory);
+        EXPECT_EQ(store.initial().meterKnown, !known);
+        store.noteMeter(known);
     }
-    sqlite3* handle = nullptr;
-};
+    const Store last(directory);
+    EXPECT_FALSE(last.initial().meterKnown);
+}
 
 TEST(EventStore, SaysOfAFileThatIsHeldThatNothingIsStored) {
     const ScratchDirectory directory;
@@ -321,7 +387,7 @@ TEST(EventStore, SaysOfAFileThatIsHeldThatNothingIsStored) {
         std::optional<Store> open(directory);
         Store& store = *open;
         store.recordAll({raised(1)});
-        std::optional<Holder> holder(directory);
+        std::optional<Holder> holder(directory.path() / "events.db");
         const auto begin = std::chrono::steady_clock::now();
         std::promise<std::string> first;
         std::promise<std::string> second;
@@ -336,7 +402,7 @@ TEST(EventStore, SaysOfAFileThatIsHeldThatNothingIsStored) {
         std::promise<std::string> third;
         store.removeMaintenance(77, [&](const std::string& problem) { third.set_value(problem); });
         EXPECT_EQ(third.get_future().get(), "");
-        holder.emplace(directory);
+        holder.emplace(directory.path() / "events.db");
         store.record(raised(5, kOther));
         const auto end = std::chrono::steady_clock::now();
         open.reset();
@@ -345,6 +411,31 @@ TEST(EventStore, SaysOfAFileThatIsHeldThatNothingIsStored) {
     const Store again(directory);
     EXPECT_THAT(again.initial().maintenance, ElementsAre(window));
     EXPECT_THAT(again.activeIds(), ElementsAre(1));
+}
+
+TEST(EventStore, KnowsWhatDroppedEventsSaidOfAlarms) {
+    const ScratchDirectory directory;
+    {
+        Store store(directory);
+        store.recordAll({raised(1), raised(2, kOther)});
+        std::optional<Holder> holder(directory.path() / "events.db");  // for less than it takes to fail
+        store.record(event(3, EventKind::kChannelChanged));
+        std::this_thread::sleep_for(100ms);  // that one is being written
+        store.record(event(4, EventKind::kCleared, 1));
+        store.record(event(5, EventKind::kAcknowledged, 2));
+        store.record(raised(6));
+        for (int64_t id = 7; id < 7 + static_cast<int64_t>(EventStore::kStoreQueue); ++id) {
+            store.record(event(id, EventKind::kChannelChanged));
+        }
+        EXPECT_TRUE(eventually([&] { return store.statistics().dropped == 3; }));
+        holder.reset();
+        EXPECT_TRUE(eventually([&] { return store.statistics().waiting == 0; }));
+    }
+    const Store again(directory);
+    EXPECT_THAT(again.activeIds(), testing::UnorderedElementsAre(2, 6));
+    for (const Alarm& alarm : again.initial().active) {
+        EXPECT_EQ(alarm.acknowledged.has_value(), alarm.id == 2);
+    }
 }
 
 TEST(EventStore, TakesUpAFileThatCanBeReadLaterThanTheStart) {
@@ -372,7 +463,7 @@ TEST(EventStore, TakesUpAFileThatCanBeReadLaterThanTheStart) {
         std::filesystem::rename(directory.path() / "away", directory.path() / "events.db");
         std::optional<StoredState> late;
         ASSERT_TRUE(eventually([&] { return (late = store.late()).has_value(); }));
-        EXPECT_EQ(late->active.at(0).group, kGroup);
+        EXPECT_EQ(late->active.at(0).about.group(), kGroup);
         EXPECT_EQ(late->active.at(0).id, 1);
         EXPECT_THAT(late->maintenance, ElementsAre(window));
         EXPECT_TRUE(eventually([&] { return store.statistics().waiting == 0; }));
@@ -411,6 +502,7 @@ TEST(EventStore, FindsEventsNewestFirst) {
         one.group = id % 3 == 0 ? kOther : kGroup;
         one.severity = id % 4 == 0 ? Severity::kMinor : Severity::kMajor;
         one.channel = id % 3 == 0 ? "50%_off" : "News HD";
+        one.alarm = id % 5 == 0 ? "no_signal" : "continuity";
         events.push_back(one);
     }
     store.recordAll(events);
@@ -427,6 +519,8 @@ TEST(EventStore, FindsEventsNewestFirst) {
         {{.text = "sport"}, {}},
         {{.kind = EventKind::kRaised}, {12, 10, 8, 6, 4, 2}},
         {{.severity = Severity::kMinor}, {12, 8, 4}},
+        {{.alarm = findAlarmType("no_signal")}, {10, 5}},
+        {{.kind = EventKind::kCleared, .alarm = findAlarmType("no_signal"), .until = kTime + 9h}, {5}},
         {{.severity = Severity::kMajor, .kind = EventKind::kRaised}, {10, 6, 2}},
         {{.group = kOther, .severity = Severity::kMajor, .kind = EventKind::kRaised}, {6}},
         {{.since = kTime + 3h, .until = kTime + 5h}, {9, 8, 4, 3}},

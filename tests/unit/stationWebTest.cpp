@@ -6,11 +6,13 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "common/text.h"
 #include "support/fakeStation.h"
 #include "support/fullReport.h"
 #include "support/scratch.h"
@@ -186,6 +188,10 @@ TEST_F(StationWeb, AnswersRequestsAndRefusesWhatIsNone) {
         {get(kGroup), 200, R"("source":"10.0.0.2")"},
         {get("/api/v1/channels/239%2E1.0.1"), 200, "Continuity_count_error"},
         {get(kGroup + "/history?metric=bitRate"), 200, "[\"2019-12-20T00:00:00.000Z\",null,null,null]"},
+        {get(kGroup + "/picture"), 200, "ETag: \"1-6\"\r\nCache-Control: no-cache"},
+        {get(kGroup + "/picture?taken=1", "If-None-Match: \"1-6\"\r\n"), 304, "ETag"},
+        {get("/api/v1/channels/239.1.0.2/picture"), 404, "takes no pictures"},
+        {get("/api/v1/channels/239.9.9.9/picture"), 404, "\"field\":\"group\""},
         {get("/api/v1/events?format=csv"), 200, "\"'=HYPERLINK(\"\"x\"\")\""},
         {get("/api/v1/export"), 200, "udp://@239.1.0.1:"},
         {get("http://localhost/api/v1/status"), 200, "\"configured\":3"},
@@ -216,6 +222,18 @@ TEST_F(StationWeb, AnswersRequestsAndRefusesWhatIsNone) {
         {change("PUT /api/v1/channels/udp%3A%2F%2F%40239.1.1.9%3A5000", "{}"), 422, "port: 239.1.1.9\""},
         {get(kGroup + "/history"), 422, "\"field\":\"metric\""},
         {get(kGroup + "/history?metric=bitRate&resolution=2"), 422, "\"field\":\"resolution\""},
+        {get(kGroup + "/history?metrics=packetsLost,bitRate"), 200,
+         R"("times":["2019-12-20T00:00:00.000Z","2019-12-20T00:00:00.000Z"],"series":[{"metric":"packetsLost")"},
+        {get(kGroup + "/history?metrics=packetsLost,bitRate"), 200, R"("values":[[1,2,3],null]})"},
+        {get(kGroup + "/history?metrics=bitRate&format=csv"), 200, "bitRate (bit/s) mean"},
+        {get(kGroup + "/history?metrics=bitRate,bitRate"), 422, "\"field\":\"metrics\""},
+        {get(kGroup + "/history?metrics="), 422, "\"field\":\"metrics\""},
+        {get(kGroup + "/history?metrics=bitRate&metric=bitRate"), 422, "exclude each other"},
+        {get(kGroup + "/history?metrics=bitRate,PCR_error,packetsLost&since=2000-01-01T00:00:00Z"), 422,
+         "more than one answer takes"},
+        {get("/api/v1/timeline"), 200, R"("alarm":"no_signal","severity":"warning","raised":"2019-12-19T)"},
+        {get("/api/v1/timeline?since=2999-01-01T00:00:00Z"), 422, "\"field\":\"since\""},
+        {get("/api/v1/events?alarm=nothing"), 422, "\"field\":\"alarm\""},
         {get("/api/v1/events?channel="), 422, "\"field\":\"channel\""},
         {get("/api/v1/events?limit=1001"), 422, "\"field\":\"limit\""},
         {get("/api/v1/events?since=yesterday"), 422, "\"field\":\"since\""},
@@ -625,9 +643,53 @@ TEST(StationEventStream, TellsEachKindOnceAndCommentsInBetween) {
     station.change([](StationState& state) { ++state.channelsVersion; });
     update();
     now += seconds(15);
-    for (const char* line : {": still here", "event: channels", "event: snapshot", ""}) {
+    for (const char* line : {": still here", "event: channels", ""}) {
         EXPECT_EQ(next(), line);
     }
+    // A state in which nothing is another is told after a while, one in which something is at once.
+    const auto tells = [&](bool told, const std::function<void(StationState&)>& how) {
+        station.change(how);
+        update();
+        EXPECT_EQ(next(), told ? "event: snapshot" : "");
+    };
+    tells(false, [](StationState& state) { ++state.probe.requests; });
+    tells(true, [](StationState& state) { state.now.steady += EventStream::kUnchangedEvery; });
+    tells(false, [](StationState& state) { state.now.wall += seconds(1); });
+    tells(true, [](StationState& state) { state.probe.asks = !state.probe.asks; });
+    tells(true, [](StationState& state) {
+        auto changed = std::make_shared<ChannelState>(*state.channels[0]);
+        changed->maintenance = !changed->maintenance;
+        state.channels[0] = changed;
+    });
+}
+
+// Whoever joins when: the same pieces in any order are one stream.
+TEST(StationEventStream, IsReadableEventByEventWhenCompressed) {
+    FakeStation station(3);
+    EventStream events;
+    const auto update = [&] { events.adopt(EventStream::make(*station.state(), events.known(), nullptr)); };
+    update();
+    EventStream::Client early;
+    while (events.next(early, {}) != nullptr) {
+    }
+    station.change([](StationState& state) { state.probe.asks = !state.probe.asks; });
+    update();
+    EventStream::Client late;
+    z_stream zlib{};
+    ASSERT_EQ(inflateInit2(&zlib, 15 + 16), Z_OK);
+    std::string room(100'000, '\0');
+    int pieces = 0;
+    for (PayloadPointer payload; (payload = events.next(late, {})) != nullptr; ++pieces) {
+        const std::string piece(payload->gzip());
+        zlib.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(piece.data()));
+        zlib.avail_in = static_cast<uInt>(piece.size());
+        zlib.next_out = reinterpret_cast<Bytef*>(room.data());
+        zlib.avail_out = static_cast<uInt>(room.size());
+        EXPECT_EQ(inflate(&zlib, Z_SYNC_FLUSH), Z_OK);
+        EXPECT_EQ(room.substr(0, room.size() - zlib.avail_out), payload->text());
+    }
+    inflateEnd(&zlib);
+    EXPECT_EQ(pieces, 4);
 }
 
 TEST_F(StationWeb, SurvivesClientsAndAnswersThatAreGone) {
@@ -657,7 +719,35 @@ TEST_F(StationWeb, AnswersAsDocumented) {
     report.levels = std::make_shared<std::string>(full.SerializeAsString());
     report.description = std::make_shared<std::string>(full.description().SerializeAsString());
     station.setMeterReport(report);
-    station.change([](StationState& next) { next.meter.configured = next.meter.connected = true; });
+    // Cues as they were told, and behind them those of the report that were told before.
+    const auto cues = [this] {
+        const std::string answer = ask(get("/api/v1/channels/" + fakeGroup(0).text() + "/cues"));
+        return nlohmann::json::parse(answer.substr(answer.find("\r\n\r\n") + 4));
+    };
+    ASSERT_EQ(cues().size(), 1U);
+    EXPECT_EQ(cues()[0]["eventId"], 9);
+    EXPECT_TRUE(cues()[0]["time"].is_null());
+    metering::Cue cue = full.description().cue(0);
+    cue.set_event_id(10);
+    const auto bytes = std::make_shared<const std::string>(cue.SerializeAsString());
+    cue.set_event_id(9);
+    cue.set_repetitions(cue.repetitions() + 3);
+    station.setMeterCues({{FakeStation::kStart, bytes}});
+    station.change([](StationState& next) {
+        next.meter.configured = next.meter.connected = true;
+        auto told = std::make_shared<ChannelState>(*next.channels[0]);
+        told->meter = {std::make_shared<const MeterFacts>(MeterFacts{"one", "1920x1080i", "H.264"}),
+                       FakeStation::kStart, true};
+        next.channels[0] = told;
+    });
+    EXPECT_EQ(cues()[0]["eventId"], 10);
+    EXPECT_EQ(cues()[0]["time"], rfc3339(FakeStation::kStart));
+    ASSERT_EQ(cues().size(), 2U);
+    EXPECT_EQ(cues()[1]["eventId"], 9);
+    const auto again = std::make_shared<const std::string>(cue.SerializeAsString());
+    station.setMeterCues({{FakeStation::kStart, bytes}, {FakeStation::kStart, again}});
+    station.change([](StationState&) {});
+    EXPECT_EQ(cues().size(), 2U) << "one of them stands in both";
     const std::string tree = KESTOR_SOURCE_DIR;
     const std::string command = "/usr/bin/python3 " + tree + "/tests/apiSchemas.py " + tree +
                                 "/docs/api.yaml 127.0.0.1:" + std::to_string(server->port());

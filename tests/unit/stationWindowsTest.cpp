@@ -79,7 +79,7 @@ struct Desk {
     void happen(const Group& group) {
         Alarm alarm;
         alarm.type = *findAlarmType("ttl_changed");
-        alarm.group = group;
+        alarm.about = group;
         take({{.what = AlarmChange::What::kHappened, .alarm = alarm, .text = "changed"}});
     }
     void window(std::optional<Group> group, std::chrono::seconds time) {
@@ -88,9 +88,9 @@ struct Desk {
     }
     void end() {
         const int64_t id = desk->maintenance().back().id;
-        EXPECT_TRUE(desk->endMaintenance(id, now));
+        EXPECT_TRUE(desk->endMaintenance(id, channels, now));
         desk->store(id, {});
-        EXPECT_FALSE(desk->endMaintenance(id, now));
+        EXPECT_FALSE(desk->endMaintenance(id, channels, now));
     }
     // "raise 1": what the first word says, of the group with that number.
     void act(const std::string& step) {
@@ -106,6 +106,13 @@ struct Desk {
         } else if (what == "window") {
             window(whom == "all" ? std::nullopt : std::optional(groupOf(number())),
                    std::chrono::seconds(count));
+        } else if (what == "shelve" || what == "unshelve") {
+            const HandleAlarms action{.until = now.wall + std::chrono::seconds(count)};
+            const std::size_t type = *findAlarmType("no_signal");
+            const Group group = groupOf(number());
+            EXPECT_TRUE(what == "shelve" ? desk->shelve(group, type, action, channels, now)
+                                         : desk->unshelve(group, type, action, channels, now));
+            tick();
         } else if (what == "end") {
             end();
             tick();
@@ -190,6 +197,19 @@ TEST(StationWindows, SilenceWhatIsTheirsAndNothingIsLostBehindThem) {
          "raised 1",
          {"pass 100", "clear 1"},
          "raised 1, cleared 1"},
+        {"shelved, and it flaps",
+         {"shelve 1 200", "raise 1", "clear 1", "raise 1", "pass 139"},
+         "",
+         {"pass 1"},
+         "raised 1"},
+        {"shelved over a restart", {"shelve 1 100", "raise 1", "down 5"}, "", {"pass 80"}, "raised 1"},
+        {"taken off the shelf", {"shelve 1 1000", "raise 1"}, "", {"unshelve 1"}, "raised 1"},
+        {"shelved after it was told",
+         {"raise 1", "shelve 1 100"},
+         "raised 1",
+         {"clear 1"},
+         "raised 1, cleared 1"},
+        {"shelved, and another one is not", {"shelve 1 100", "raise 2"}, "raised 2", {"raise 1"}, "raised 2"},
         {"over while the station is down", {"window 1 50", "raise 1", "down 50"}, "raised 1", {}, "raised 1"},
     };
     for (const Case& one : cases) {
@@ -221,7 +241,7 @@ TEST(StationWindows, HoldFromTheirBeginUpToTheirEnd) {
         const Now then{desk.now.steady, kTime + one.at};
         EXPECT_EQ(desk.desk->inMaintenance(groupOf(1), then), one.holds) << one.at.count();
         EXPECT_FALSE(desk.desk->inMaintenance(groupOf(2), then));
-        EXPECT_FALSE(desk.desk->inMaintenance(std::nullopt, then)) << "the probe is no channel";
+        EXPECT_FALSE(desk.desk->inMaintenance(Source::kProbe, then)) << "the probe is no channel";
     }
     desk.desk->store(id, {});
     desk.pass(19s);
