@@ -1,4 +1,5 @@
-// Sends a fixed number of recorded frames at a fixed rate, as raw Ethernet frames to many groups in turn.
+// Sends a fixed number of recorded datagrams at a fixed rate, as raw Ethernet frames to many groups in turn.
+// Each group plays the whole recording from a place of its own.
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include "workload.h"
 
@@ -33,17 +35,27 @@ int openSocket(const std::string& interface) {
 
 class Batch {
   public:
-    explicit Batch(const bench::Recording& recording) : recording_(recording) {}
+    // `recording`: of one group.
+    Batch(const bench::Recording& recording, uint32_t groups) : recording_(recording), headers_(groups) {
+        for (uint32_t i = 0; i < groups; ++i) {
+            bench::writeHeaders(headers_[i].data(), bench::groupAddress(i));
+        }
+    }
 
     // Prepares up to kBatch frames; returns how many.
     std::size_t fill(uint64_t remaining) {
         const std::size_t count = std::min<uint64_t>(kBatch, remaining);
         for (std::size_t i = 0; i < count; ++i) {
-            vectors_[i] = {.iov_base = const_cast<uint8_t*>(recording_.frame(next_++)),
-                           .iov_len = bench::kFrameSize};
+            const std::size_t group = next_ % headers_.size();
+            const std::size_t begin = group * (recording_.frames() / headers_.size());
+            const uint8_t* frame = recording_.frame(begin + next_ / headers_.size());
+            ++next_;
+            vectors_[i] = {iovec{.iov_base = headers_[group].data(), .iov_len = bench::kHeadersSize},
+                           iovec{.iov_base = const_cast<uint8_t*>(frame) + bench::kHeadersSize,
+                                 .iov_len = bench::kPayloadSize}};
             messages_[i] = {};
-            messages_[i].msg_hdr.msg_iov = &vectors_[i];
-            messages_[i].msg_hdr.msg_iovlen = 1;
+            messages_[i].msg_hdr.msg_iov = vectors_[i].data();
+            messages_[i].msg_hdr.msg_iovlen = vectors_[i].size();
         }
         return count;
     }
@@ -53,8 +65,9 @@ class Batch {
 
   private:
     const bench::Recording& recording_;
+    std::vector<std::array<uint8_t, bench::kHeadersSize>> headers_;  // of each group
     uint64_t next_ = 0;
-    std::array<iovec, kBatch> vectors_{};
+    std::array<std::array<iovec, 2>, kBatch> vectors_{};
     std::array<mmsghdr, kBatch> messages_{};
 };
 
@@ -84,9 +97,9 @@ int main(int argc, char** argv) {
     app.add_option("--groups", groups);
     CLI11_PARSE(app, argc, argv);
 
-    const bench::Recording recording(groups);
+    const bench::Recording recording(1);
     const int fd = openSocket(interface);
-    Batch batch(recording);
+    Batch batch(recording, groups);
     const auto start = std::chrono::steady_clock::now();
     for (uint64_t sent = 0; sent < count;) {
         const std::size_t size = batch.fill(count - sent);

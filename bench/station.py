@@ -1,13 +1,14 @@
 #!/usr/bin/env python3
 """station.py [SECONDS [CHANNELS TOLD]]
 
-What kestor-station costs with 1000 CHANNELS of 20 PIDs, a snapshot a second (bench/stationLoad.cpp), and how soon a fresh probe
-knows 2000 channels (TOLD). Inside a network of its own (scripts/netns.sh); the programs are those of build/release.
+What kestor-station costs with 1000 CHANNELS of 20 PIDs, a snapshot a second (bench/stationLoad.cpp), what a meter's reports of
+them add (bench/meterLoad.cpp, ten PIDs each, 4096 channels at most), and how soon a fresh probe knows 2000 channels (TOLD). Inside a network of its own (scripts/netns.sh); the programs are those of build/release.
 
 station.py hostile [CHANNELS PIDS]
 
 How long /healthz takes, and how much memory the station, while clients ask for the most expensive answers and take none.
 """
+import gzip
 import http.client
 import json
 import multiprocessing
@@ -26,6 +27,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BIN = os.path.join(ROOT, "build/release/bin")
 STREAMS = 50
 SCRAPES = 15  # one a second
+METERED = 4096  # groups that a meter watches at most
 TOLD_LIMIT = 60  # seconds to wait for it
 TICKS = os.sysconf("SC_CLK_TCK")
 
@@ -57,7 +59,7 @@ def group(net, number):
 class Station:
     """The real one, with so many channels from a playlist, in a directory of its own."""
 
-    def __init__(self, directory, net, channels, pipe, endpoint, port):
+    def __init__(self, directory, net, channels, pipe, endpoint, port, more=""):
         playlist = os.path.join(directory, "channels.m3u")
         with open(playlist, "w") as file:
             file.write("#EXTM3U\n")
@@ -65,13 +67,14 @@ class Station:
                 file.write(f'#EXTINF:-1 group-title="Group {i % 20}",Channel number {i}\nudp://@{group(net, i)}:5000\n')
         configuration = os.path.join(directory, "station.toml")
         with open(configuration, "w") as file:
-            file.write(f'[[playlist]]\nfile = "{playlist}"\n')
+            file.write(f'{more}[[playlist]]\nfile = "{playlist}"\n')
         self.socket = os.path.join(directory, "station.sock")
+        self.meter_socket = os.path.join(directory, "meter.sock")
         self.log = os.path.join(directory, "station.log")
         self.port = port
         self.process = subprocess.Popen(
             [f"{BIN}/kestor-station", "--config", configuration, "--state", os.path.join(directory, "state"),
-             "--socket", self.socket, "--listen", f"127.0.0.1:{port}", "--pipe", pipe,
+             "--socket", self.socket, "--meter-socket", self.meter_socket, "--listen", f"127.0.0.1:{port}", "--pipe", pipe,
              "--controller-endpoint", endpoint], stderr=open(self.log, "w"))
         self.pid = self.process.pid
 
@@ -122,6 +125,23 @@ def report(what, value, unit):
     print(f"{what:58} {value:8.1f} {unit}", flush=True)
 
 
+def scrape(station, whole):
+    """A scrape a second; `whole`: what the station takes in a second without."""
+    resident = resident_mib(station.pid)
+    before = cpu_ms(station.pid)
+    begin = time.monotonic()
+    for number in range(SCRAPES):
+        body = station.get("/metrics", {"Accept-Encoding": "gzip"})[0]
+        time.sleep(max(0, begin + number + 1 - time.monotonic()))
+    elapsed = time.monotonic() - begin
+    report("CPU of the whole station for a scrape with gzip", (cpu_ms(station.pid) - before - whole * elapsed) / SCRAPES, "ms")
+    report("  its size", len(body) / 1e6, "MB")
+    report("  memory beyond the highest before", resident_mib(station.pid, "VmHWM") - resident, "MiB")
+    plain = gzip.decompress(body)
+    report("  uncompressed", len(plain) / 1e6, "MB")
+    report("  series", sum(not line.startswith(b"#") for line in plain.splitlines()), "")
+
+
 def load(directory, seconds, channels):
     pipe = os.path.join(directory, "pipe")
     endpoint = "tcp://127.0.0.1:15999"
@@ -129,7 +149,7 @@ def load(directory, seconds, channels):
     writes = os.path.join(directory, "writes")
     probe = subprocess.Popen([f"{BIN}/stationLoad", "--pipe", pipe, "--controller-endpoint", endpoint, "--channels",
                               str(channels), "--seconds", "100000"], stdout=open(writes, "w"))
-    station.wait(lambda status: status["channels"]["withSignal"] == channels, "not all channels were seen")
+    station.wait(lambda status: status["channels"]["withSignal"] == channels, "not all channels were seen", 180)
     time.sleep(2)
 
     samples = []
@@ -146,17 +166,20 @@ def load(directory, seconds, channels):
     report("GET /api/v1/channels, median of 20", statistics.median(took), "ms")
     report("GET /api/v1/channels, longest of 20", max(took), "ms")
 
-    resident = resident_mib(station.pid)
-    before = cpu_ms(station.pid)
-    begin = time.monotonic()
-    for number in range(SCRAPES):
-        body = station.get("/metrics", {"Accept-Encoding": "gzip"})[0]
-        time.sleep(max(0, begin + number + 1 - time.monotonic()))
-    elapsed = time.monotonic() - begin
-    report("CPU of the whole station for a scrape with gzip", (cpu_ms(station.pid) - before - whole * elapsed) / SCRAPES, "ms")
-    report("  its size", len(body) / 1e6, "MB")
-    report("  memory beyond the highest before", resident_mib(station.pid, "VmHWM") - resident, "MiB")
+    scrape(station, whole)
     report("pipe left full until then", station.use()["pipe"]["longestWaitMs"], "ms")
+    meter = subprocess.Popen([f"{BIN}/meterLoad", "--socket", station.meter_socket, "--seconds", "100000"])
+    station.wait(lambda status: (status["meter"] or {}).get("reported") == min(channels, METERED), "the meter's reports did not come", 180)
+    time.sleep(2)
+    before = cpu_ms(station.pid)
+    time.sleep(seconds)
+    metered = (cpu_ms(station.pid) - before) / seconds
+    report("with a meter: CPU of the whole station a second, no clients", metered, "ms")
+    health(station, 5, "with a meter")
+    scrape(station, metered)
+    report("  resident memory", resident_mib(station.pid), "MiB")
+    meter.terminate()
+    meter.wait()
 
     clients = [station.stream() for _ in range(STREAMS)]
     drain(clients, 2)
@@ -294,4 +317,5 @@ def main():
         told(f"{directory}/told", to_tell)
 
 
-main()
+if __name__ == "__main__":
+    main()
