@@ -17,7 +17,7 @@ import urllib.error
 import urllib.request
 
 from selenium import webdriver
-from selenium.common.exceptions import StaleElementReferenceException
+from selenium.common.exceptions import StaleElementReferenceException, WebDriverException
 from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
@@ -44,7 +44,7 @@ def wait_for(what, seconds, condition):
         if value:
             return value
         if time.monotonic() > end:
-            raise AssertionError(f"{what}: not within {seconds} s")
+            raise AssertionError("\n".join([f"{what}: not within {seconds} s", *(browser.shown() for browser in Browser.all)]))
         time.sleep(0.05)
 
 
@@ -347,6 +347,8 @@ class Between:
 class Browser:
     """Headless Chromium with a profile of its own."""
 
+    all = []  # that are open
+
     def __init__(self):
         self.profile = tempfile.mkdtemp(prefix="page-browser-")
         options = Options()
@@ -360,6 +362,18 @@ class Browser:
         self.driver.set_script_timeout(30)
         self.cdp("Performance.enable", timeDomain="threadTicks")  # CPU time, not what other programs take from it
         self.device("dark", 1440, 900)
+        Browser.all.append(self)
+
+    def shown(self):
+        """What a failure tells of the page: where it is, what it says, and what its plots do."""
+        try:
+            return self.run("""const text = (node) => node.innerText.replace(/\\s+/g, ' ');
+                const plots = [...document.querySelectorAll('section.plot')].filter((plot) => plot.checkVisibility());
+                return `${location.href} ${document.readyState}\\n` + plots.map((plot) =>
+                    `${plot.getAttribute('aria-label')}: ${plot.querySelector('output').textContent}`).join('; ') +
+                    `\\n${text(document.body).slice(0, 4000)}`""")
+        except WebDriverException as error:
+            return str(error)
 
     def device(self, scheme, width, height):
         self.cdp("Emulation.setEmulatedMedia", features=[{"name": "prefers-color-scheme", "value": scheme}])
@@ -455,6 +469,7 @@ class Browser:
         return min(one for one, _ in looks), min(nodes for _, nodes in looks)
 
     def close(self):
+        Browser.all.remove(self)
         self.driver.quit()
         shutil.rmtree(self.profile, ignore_errors=True)
 
