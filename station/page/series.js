@@ -16,6 +16,9 @@ export function timeOf(report) {
 }
 
 function push(points, at, point, unknown) {
+  // A report that came late tells of a time that was told to be unknown.
+  while (point !== unknown && points.length && points.at(-1)[1] === unknown && points.at(-1)[0] >= at)
+    points.pop();
   const last = points.at(-1)?.[0].getTime() ?? 0;
   if (at.getTime() <= last) return;
   if (last && at.getTime() - last > kGapMs) points.push([new Date(last + 1000), unknown]);
