@@ -1,7 +1,7 @@
 # A target's files are compiled some at a time, by directory: what they include, which takes most of the time, once for
 # all of them. Files of one directory therefore share a file's scope: no name in it twice. Each still includes what it
 # needs, as clang-tidy and the packages show, which compile every file by itself.
-set(files_at_once 6)
+set(files_at_once 12)
 
 # Evenly, so that one file more or less moves few others to another unit.
 function(compile_together target)

@@ -9,7 +9,7 @@ namespace station {
 
 namespace {
 
-constexpr std::array<std::string_view, 4> kKindNames = {"channel", "sender", "label", "machine"};
+constexpr std::array<std::string_view, 4> kSharedNames = {"channel", "sender", "label", "machine"};
 
 // What tells nothing about channels and the way to them.
 bool explainsChannels(const Alarm& alarm) {
@@ -21,13 +21,14 @@ bool explainsChannels(const Alarm& alarm) {
 }  // namespace
 
 std::string_view sharedKindName(Shared::Kind kind) {
-    return kKindNames.at(static_cast<std::size_t>(kind));
+    return kSharedNames.at(static_cast<std::size_t>(kind));
 }
 
 std::optional<Shared::Kind> parseSharedKind(std::string_view name) {
-    const auto* const found = std::ranges::find(kKindNames, name);
-    return found == kKindNames.end() ? std::nullopt
-                                     : std::optional(static_cast<Shared::Kind>(found - kKindNames.begin()));
+    const auto* const found = std::ranges::find(kSharedNames, name);
+    return found == kSharedNames.end()
+               ? std::nullopt
+               : std::optional(static_cast<Shared::Kind>(found - kSharedNames.begin()));
 }
 
 std::string Shared::text() const {

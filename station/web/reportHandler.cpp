@@ -7,8 +7,6 @@ namespace station::handlers {
 
 namespace {
 
-constexpr std::chrono::hours kDay{24};
-
 enum class Format : uint8_t { kJson, kCsv, kOutages };
 
 struct LabelAsked {
@@ -47,7 +45,7 @@ ReportRequest readRequest(QueryReader& query, WallTime now) {
     const auto until = query.time("until");
     const auto since = query.time("since");
     request.question.time.until = std::min(until.value_or(now), now);
-    request.question.time.from = since.value_or(request.question.time.until - kDay);
+    request.question.time.from = since.value_or(request.question.time.until - std::chrono::days{1});
     request.question.group = query.read("group", "an IPv4 multicast group", Group::parse);
     request.label = query.read("label", "the name of a label, or NAME=VALUE", parseLabel);
     request.format = query.read("format", "json, csv or outages", parseFormat).value_or(Format::kJson);

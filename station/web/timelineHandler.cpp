@@ -9,7 +9,6 @@ namespace station::handlers {
 
 namespace {
 
-constexpr std::chrono::hours kDay{24};
 constexpr std::size_t kMostWindows = 100'000;  // a channel each
 constexpr std::size_t kMostAlarms = 20'000;    // in an answer; beyond, the oldest are left out
 
@@ -62,7 +61,7 @@ void timeline(Services& services, const Call& call, Reply&& reply) {
     const WallTime now = call.state->now.wall;
     ReportQuestion question;
     question.time.until = std::min(query.time("until").value_or(now), now);
-    question.time.from = query.time("since").value_or(question.time.until - kDay);
+    question.time.from = query.time("since").value_or(question.time.until - std::chrono::days{1});
     question.group = query.read("group", "an IPv4 multicast group", Group::parse);
     if (!query.refusal && question.time.from >= question.time.until) {
         query.refusal = problem(422, "since has to be before until, and in the past", "since");
