@@ -11,7 +11,7 @@ import unittest
 from cable import AUDIO, Play, Recording, cueing, encode, later, losing, scrambled, swapping, with_cues, without
 from harness import BIN, Browser, Process, Station, wait_for
 
-SECONDS = 150  # of the recordings, of which the test takes 55 on an idle machine
+SECONDS = 400  # of the recordings, of which the test takes 55 on an idle machine
 AT = 15  # s: streams are known, and faults begin
 LOW = 6
 SOON = 3
