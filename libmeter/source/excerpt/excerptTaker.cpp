@@ -257,11 +257,11 @@ Excerpt ExcerptTaker::take() {
     excerpt.outcome = outcome();
     excerpt.wall = wall_;
     if (excerpt.outcome == ExcerptOutcome::kTaken) {
-        excerpt.video.emplace(*videoCodec_, picture_->take());
+        excerpt.video.emplace(Excerpt::Stream<ExcerptVideo>{*videoCodec_, picture_->take()});
         excerpt.wall = pictureWall_;
     }
     if (audioCodec_ && !sound_.empty()) {
-        excerpt.audio.emplace(*audioCodec_, std::move(sound_));
+        excerpt.audio.emplace(Excerpt::Stream<ExcerptAudio>{*audioCodec_, std::move(sound_)});
     }
     return excerpt;
 }
