@@ -317,6 +317,9 @@ TEST(MeterExcerpt, SaysWhyThereIsNoPicture) {
         {"clean", [](auto&) {}, ExcerptOutcome::kTaken, true},
         {"a packet missing in each first picture", [](auto& packets) { packets.erase(packets.begin() + 5); },
          ExcerptOutcome::kTaken, true},
+        {"fifteen packets missing in the first one, so that a counter comes twice",
+         [](auto& packets) { packets.erase(packets.begin() + 4, packets.begin() + 19); },
+         ExcerptOutcome::kTaken, true},
         {"first one damaged, second one scrambled midway",
          [&](auto& packets) {
              video(packets, 3, 4, [](TsPacket& packet) { packet[1] |= 0x80; });

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "packets/packetPrint.h"
+
 namespace meter {
 
 namespace {
@@ -106,8 +108,8 @@ void ExcerptTaker::setModel(const ServiceModel& model) {
 
 void ExcerptTaker::gap() {
     video_.inPes = audio_.inPes = false;
-    video_.counter.reset();
-    audio_.counter.reset();
+    video_.last.reset();
+    audio_.last.reset();
     if (picture_ && !picture_->isEnded()) {
         picture_->gap();
     }
@@ -145,12 +147,15 @@ ExcerptTaker::Piece ExcerptTaker::pieceOf(Track& track, const uint8_t* packet, T
     if (!header.hasPayload()) {
         return {};
     }
-    const uint8_t counter = header.continuityCounter();
-    const std::optional<uint8_t> last = std::exchange(track.counter, counter);
-    if (last == counter) {  // once more
+    const auto goesOnFrom = [header](const uint8_t* before) {
+        return ((TsHeader(before).continuityCounter() + 1U) & 0x0F) == header.continuityCounter();
+    };
+    // Another one with its counter is one with others missing between.
+    if (track.last && isRepetition(packet, track.last->data())) {
         return {};
     }
-    const bool goesOn = last && ((*last + 1U) & 0x0F) == counter;
+    const bool goesOn = track.last && goesOnFrom(track.last->data());
+    std::copy_n(packet, kPacketSize, track.last.emplace().begin());
     track.inPes = track.inPes && goesOn;
     if (header.scramblingControl() != 0) {
         ++track.scrambled;

@@ -1,6 +1,7 @@
 // Takes an excerpt of a stream: a picture and a piece of sound, out of the packets as they come.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <string>
@@ -44,11 +45,11 @@ class ExcerptTaker {
         explicit Track(uint16_t carried = kNoTrack) : pid(carried) {}
 
         uint16_t pid;
-        std::optional<uint8_t> counter;  // of the last packet with payload
-        bool inPes = false;              // a PES packet began, and nothing is missing since
-        std::size_t headerLeft = 0;      // bytes of its header that are still to come
-        uint64_t clear = 0;              // packets with payload
-        uint64_t scrambled = 0;          // since the last clear one
+        std::optional<std::array<uint8_t, kPacketSize>> last;  // with payload
+        bool inPes = false;          // a PES packet began, and nothing is missing since
+        std::size_t headerLeft = 0;  // bytes of its header that are still to come
+        uint64_t clear = 0;          // packets with payload
+        uint64_t scrambled = 0;      // since the last clear one
     };
     enum class Found : uint8_t { kNothing, kMore, kGap };
     struct Piece {
