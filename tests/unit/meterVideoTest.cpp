@@ -430,31 +430,35 @@ TEST(MeterH265, ParameterSetsAreReadPastSubLayersAndReferenceSets) {
         writer.bits(3, 2).bits(1, 2).bits(0, 12);  // sub-layers 0 with profile and level, 1 with level
         return writer.bits(0, 64).bits(0, 32).bits(0, 8);  // 88 + 8 + 8
     };
-    BitWriter set;
-    set.bits(0x4201, 16).bits(0, 4).bits(2, 3).bits(1, 1);
-    profileTierLevel(set).ue(0).ue(1).ue(3840).ue(2176).bits(1, 1).ue(0).ue(0).ue(0).ue(8).ue(2).ue(2).ue(4);
-    set.bits(1, 1);
-    for (int i = 0; i < 9; ++i)
-        set.ue(1);
-    for (int i = 0; i < 6; ++i)
-        set.ue(i == 5 ? 3 : 0);
-    set.bits(0, 1).bits(3, 2).bits(0, 1);
-    set.ue(3).ue(1).ue(1).ue(0).bits(1, 1).ue(0).bits(1, 1);           // two pictures
-    set.bits(1, 1).bits(0, 1).ue(0).bits(1, 1).bits(0, 2).bits(1, 1);  // from them: two of three
-    set.bits(1, 1).bits(1, 1).ue(3).bits(1, 1).bits(1, 1).bits(1, 1);  // from these: all three
-    set.bits(1, 1).ue(1).bits(0, 8).bits(0, 1);                        // a long-term picture
-    set.bits(3, 2).bits(1, 1);
-    set.bits(1, 1)
-        .bits(1, 8)
-        .bits(0, 1)
-        .bits(1, 1)
-        .bits(5, 3)
-        .bits(0, 1)
-        .bits(1, 1)
-        .bits(9, 8)
-        .bits(14, 8)
-        .bits(9, 8);
-    set.bits(0, 4).bits(1, 1).ue(1).ue(1).ue(1).ue(1).bits(1, 1).bits(1001, 32).bits(60000, 32);
+    const auto sequenceSet = [&](bool fields) {
+        BitWriter set;
+        set.bits(0x4201, 16).bits(0, 4).bits(2, 3).bits(1, 1);
+        profileTierLevel(set).ue(0).ue(1).ue(3840).ue(2176).bits(1, 1).ue(0).ue(0).ue(0).ue(8).ue(2).ue(2).ue(
+            4);
+        set.bits(1, 1);
+        for (int i = 0; i < 9; ++i)
+            set.ue(1);
+        for (int i = 0; i < 6; ++i)
+            set.ue(i == 5 ? 3 : 0);
+        set.bits(0, 1).bits(3, 2).bits(0, 1);
+        set.ue(3).ue(1).ue(1).ue(0).bits(1, 1).ue(0).bits(1, 1);           // two pictures
+        set.bits(1, 1).bits(0, 1).ue(0).bits(1, 1).bits(0, 2).bits(1, 1);  // from them: two of three
+        set.bits(1, 1).bits(1, 1).ue(3).bits(1, 1).bits(1, 1).bits(1, 1);  // from these: all three
+        set.bits(1, 1).ue(1).bits(0, 8).bits(0, 1);                        // a long-term picture
+        set.bits(3, 2).bits(1, 1);
+        set.bits(1, 1)
+            .bits(1, 8)
+            .bits(0, 1)
+            .bits(1, 1)
+            .bits(5, 3)
+            .bits(0, 1)
+            .bits(1, 1)
+            .bits(9, 8)
+            .bits(14, 8)
+            .bits(9, 8);
+        set.bits(0, 2).bits(fields, 1).bits(fields, 1).bits(1, 1).ue(1).ue(1).ue(1).ue(1);
+        return startCoded(set.bits(1, 1).bits(1001, 32).bits(60000, 32).bytes());
+    };
     // slice headers have an extra bit
     const psi::Bytes pictures =
         startCoded(BitWriter().bits(0x4401, 16).ue(3).ue(0).bits(0, 2).bits(1, 3).bytes());
@@ -466,7 +470,7 @@ TEST(MeterH265, ParameterSetsAreReadPastSubLayersAndReferenceSets) {
         return startCoded(writer.ue(3).bits(1, 1).ue(type).bits(0, 32).bytes());
     };
     Feeder feeder(Codec::kH265, 11);
-    feeder.pes(concat({startCoded(set.bytes()), pictures, slice265(19, 2)}));
+    feeder.pes(concat({sequenceSet(false), pictures, slice265(19, 2)}));
     feeder.pes(slice265(1, 1)).pes(slice265(0, 0)).pes(slice265(1, 0, 1));
     VideoReport video = feeder.video();
     EXPECT_EQ(video.width, 3840U);
@@ -485,6 +489,16 @@ TEST(MeterH265, ParameterSetsAreReadPastSubLayersAndReferenceSets) {
     feeder.pes(slice265(1, 1));
     EXPECT_EQ(feeder.gop().structure, "|IP");
     EXPECT_EQ(feeder.gop().closed, false);
+    // Two fields make a frame, which has their width and twice their height; square samples of these fields
+    // would make it upright.
+    Feeder fields(Codec::kH265, 11);
+    fields.pes(concat({sequenceSet(true), pictures, slice265(19, 2)})).pes(slice265(1, 1));
+    video = fields.video();
+    EXPECT_EQ(video.width, 3840U);
+    EXPECT_EQ(video.height, 4320U);
+    EXPECT_EQ(video.pixelAspect, "2:1");
+    EXPECT_EQ(video.interlaced, true);
+    EXPECT_NEAR(video.frameRate.value_or(0), 29.97, 0.001);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "media/h265.h"
 
+#include <numeric>
+
 #include "fields/bitReader.h"
 #include "media/h265Skips.h"
 #include "media/profileNames.h"
@@ -93,9 +95,9 @@ void readTiming(BitReader& reader, VideoFormat& format) {
 // vui_parameters (E.2.1) up to the timing.
 void readVui(BitReader& reader, VideoFormat& format) {
     readUsability(reader, format);
-    reader.skip(1);     // neutral_chroma_indication_flag
-    if (reader.flag())  // field_seq_flag: pictures are fields
-        format.interlaced = true;
+    reader.skip(1);                        // neutral_chroma_indication_flag
+    format.fieldPictures = reader.flag();  // field_seq_flag
+    format.interlaced |= format.fieldPictures;
     reader.skip(1);       // frame_field_info_present_flag
     if (reader.flag()) {  // default_display_window_flag
         for (int i = 0; i < 4; ++i)
@@ -103,6 +105,18 @@ void readVui(BitReader& reader, VideoFormat& format) {
     }
     if (reader.flag())  // vui_timing_info_present_flag
         readTiming(reader, format);
+}
+
+// From a field's size to its frame's. Some encoders tell the pixel aspect of a field's samples, with which a
+// frame would be upright.
+void makeFrame(VideoFormat& format) {
+    format.height *= 2;
+    Ratio& aspect = format.pixelAspect;
+    if (uint64_t{format.width} * aspect.numerator < uint64_t{format.height} * aspect.denominator) {
+        const Ratio frames{aspect.numerator * 2, aspect.denominator};
+        const uint32_t common = std::gcd(frames.numerator, frames.denominator);
+        aspect = {frames.numerator / common, frames.denominator / common};
+    }
 }
 
 }  // namespace
@@ -199,6 +213,8 @@ void H265Reader::readSequenceSet(Bytes unit) {
         if (!reader.overrun())
             format = full;
     }
+    if (format.fieldPictures)
+        makeFrame(format);
     if (format.frameRate.denominator == 0)
         format.frameRate = videoSetRate_;
     if (preferredTransfer_)

@@ -21,9 +21,10 @@ struct VideoFormat {
     uint32_t width = 0;  // of what is shown: cropping and conformance window are taken off
     uint32_t height = 0;
     Ratio pixelAspect;
-    Ratio frameRate;
+    Ratio frameRate;  // of pictures
     bool interlaced = false;
-    std::string_view profile;  // static storage; empty: not known
+    bool fieldPictures = false;  // each picture is a field: two make a frame, whose size this is
+    std::string_view profile;    // static storage; empty: not known
     std::optional<uint32_t> level;
     uint8_t chroma = 1;  // chroma_format_idc: 0 monochrome, 1 4:2:0, 2 4:2:2, 3 4:4:4
     uint8_t bitDepth = 8;

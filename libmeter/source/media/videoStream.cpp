@@ -180,6 +180,8 @@ void VideoStream::fill(VideoReport& video, GopReport& gop) const {
     }
     if (!video.frameRate)
         video.frameRate = picturesPerSecond_;
+    if (video.frameRate && known->fieldPictures)
+        *video.frameRate /= 2;
     video.interlaced = known->interlaced;
     video.profile = text(known->profile);
     video.level = known->level;
