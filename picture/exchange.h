@@ -63,6 +63,7 @@ struct AnswerHead {
     PictureVerdict picture = PictureVerdict::kNone;
     uint32_t width = 0;
     uint32_t height = 0;
+    uint32_t whole = 0;  // 0: the decoder made parts of the picture up, or left them out
     uint32_t jpegBytes = 0;
     float lumaMean = 0;
     float lumaSpread = 0;

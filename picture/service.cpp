@@ -201,14 +201,11 @@ void Service::takeAnswer(uint64_t id, Answer&& answer, microseconds cost) {
             shot.set_jpeg(std::move(answer.jpeg));
             shot.set_width(answer.head.width);
             shot.set_height(answer.head.height);
-            shot.set_luma_mean(answer.head.lumaMean);
-            shot.set_luma_spread(answer.head.lumaSpread);
             shot.set_codec(underway.codec);
-            if (const auto difference = history_.take(turn->group, underway.takenNs, answer.head.width,
-                                                      answer.head.height, answer.raster)) {
-                shot.set_difference(difference->mean);
-                shot.set_difference_peak(difference->peak);
-                shot.set_difference_since_ns(difference->since);
+            if (answer.head.whole != 0) {
+                measure(shot, answer);
+            } else {
+                shot.set_problem("parts of it are lost, so that it is not measured");
             }
         } else {
             shot.set_outcome(picturing::OUTCOME_DAMAGED);
@@ -216,6 +213,17 @@ void Service::takeAnswer(uint64_t id, Answer&& answer, microseconds cost) {
         }
     }
     tellShot(std::move(shot));
+}
+
+void Service::measure(picturing::Shot& shot, const Answer& answer) {
+    shot.set_luma_mean(answer.head.lumaMean);
+    shot.set_luma_spread(answer.head.lumaSpread);
+    if (const auto difference = history_.take(shot.group(), shot.taken_ns(), answer.head.width,
+                                              answer.head.height, answer.raster)) {
+        shot.set_difference(difference->mean);
+        shot.set_difference_peak(difference->peak);
+        shot.set_difference_since_ns(difference->since);
+    }
 }
 
 void Service::takeDeath(uint64_t id, const std::string& why, microseconds cost) {

@@ -48,6 +48,8 @@ class Service {
     void takeCoded(picturing::Coded&& coded);
     void takeAnswer(uint64_t id, Answer&& answer, microseconds cost);
     void takeDeath(uint64_t id, const std::string& why, microseconds cost);
+    // Of a picture that is whole.
+    void measure(picturing::Shot& shot, const Answer& answer);
     void tellShot(picturing::Shot&& shot);
     void tellStatus(Time now);
     std::string problem() const;

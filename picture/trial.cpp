@@ -74,6 +74,9 @@ bool print(const Answer& answer, const Trial& trial) {
     if (head.picture == PictureVerdict::kDecoded) {
         printf("picture: %u x %u, JPEG of %zu bytes\nluma: mean %.1f, spread %.1f\n", head.width, head.height,
                answer.jpeg.size(), static_cast<double>(head.lumaMean), static_cast<double>(head.lumaSpread));
+        if (head.whole == 0) {
+            printf("parts of it are lost\n");
+        }
         if (!trial.jpeg.empty()) {
             std::ofstream file(trial.jpeg, std::ios::binary);
             file << answer.jpeg;

@@ -105,19 +105,19 @@ void PictureDesk::take(const PictureFigures& figures, WatchedChannel& channel, C
     sayInterval(std::span(changes).subspan(before), figures);
     const Group& group = channel.channel.group;
     Had& had = had_.try_emplace(group, Had{now.steady, now.steady}).first->second;
-    if (figures.outcome == PictureOutcome::kTaken) {
+    if (figures.luma) {
         had.picture = now.steady;
     }
     if (figures.loudness) {
         had.sound = now.steady;
     }
     const auto hope = std::max<std::chrono::steady_clock::duration>(kLastHope, holds_);
-    const auto giveUp = [&](std::span<const std::size_t> types, SteadyTime last, std::string_view what) {
+    const auto giveUp = [&](std::span<const std::size_t> types, SteadyTime last, std::string_view what,
+                            std::string_view why) {
         if (now.steady - last <= hope) {
             return;
         }
         const auto minutes = std::chrono::floor<std::chrono::minutes>(now.steady - last).count();
-        const std::string_view why = whyNoPicture(figures.outcome);
         for (const std::size_t type : types) {
             engine.giveUp(type, group,
                           "no " + std::string(what) + " for " + std::to_string(minutes) + " min" +
@@ -125,8 +125,10 @@ void PictureDesk::take(const PictureFigures& figures, WatchedChannel& channel, C
                           now, changes);
         }
     };
-    giveUp(ofPictures, had.picture, "picture of the channel");
-    giveUp(ofSound, had.sound, "sound that could be decoded");
+    const std::string_view why = whyNoPicture(figures.outcome);
+    giveUp(ofPictures, had.picture, "whole picture of the channel",
+           why.empty() ? "Parts of them are lost" : why);
+    giveUp(ofSound, had.sound, "sound that could be decoded", why);
 }
 
 std::vector<AlarmChange> PictureDesk::apply(ChannelWatch& watch, AlarmEngine& engine, const Now& now) {

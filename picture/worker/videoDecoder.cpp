@@ -7,6 +7,7 @@ extern "C" {
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "libav.h"
 #include "picture.pb.h"
@@ -40,12 +41,59 @@ AVCodecID videoCodecId(uint32_t codec) {
     }
 }
 
+// Marks samples before they are decoded: decoders that leave parts of a damaged picture out do not say so.
+class Undecoded {
+  public:
+    static int makeBuffer(AVCodecContext* context, AVFrame* frame, int flags) {
+        const int result = avcodec_default_get_buffer2(context, frame, flags);
+        if (result >= 0) {
+            for (int y = 0; y < frame->height; ++y) {
+                forEachWord(*frame, y, frame->linesize[0],
+                            [](uint8_t* word, uint64_t mark) { std::memcpy(word, &mark, sizeof mark); });
+            }
+        }
+        return result;
+    }
+
+    // Whether any are left, whose luma becomes 0.
+    static bool clear(const AVFrame& frame) {
+        const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
+        const int sampleBytes = descriptor == nullptr ? 1 : descriptor->comp[0].step;
+        bool found = false;
+        for (int y = 0; y < frame.height; ++y) {
+            forEachWord(frame, y, frame.width * sampleBytes, [&found](uint8_t* word, uint64_t mark) {
+                if (std::memcmp(word, &mark, sizeof mark) == 0) {
+                    std::memset(word, 0, sizeof mark);
+                    found = true;
+                }
+            });
+        }
+        return found;
+    }
+
+  private:
+    // Of the first `bytes` of a line of luma, with what marks it. Words lie at multiples of their size; by
+    // chance none is equal to its mark.
+    template <typename Act>
+    static void forEachWord(const AVFrame& frame, int y, int bytes, Act act) {
+        constexpr uintptr_t kSize = sizeof(uint64_t);
+        constexpr uint64_t kFactor = 0x9E3779B97F4A7C15;
+        uint8_t* const line = frame.data[0] + std::ptrdiff_t{frame.linesize[0]} * y;
+        const auto begin = reinterpret_cast<uintptr_t>(line);
+        for (uintptr_t at = (begin + kSize - 1) / kSize * kSize;
+             at + kSize <= begin + static_cast<uintptr_t>(bytes); at += kSize) {
+            act(line + (at - begin), at * kFactor);
+        }
+    }
+};
+
 Frame decodeFrame(AVCodecContext& context, std::span<const uint8_t> stream) {
     // A picture whose references are missing is shown nevertheless: it was cut out as a random access point.
     context.flags |= AV_CODEC_FLAG_OUTPUT_CORRUPT;
     context.flags2 |= AV_CODEC_FLAG2_SHOW_ALL;
     context.max_pixels = static_cast<int64_t>(kSamplesLimit);
     context.pkt_timebase = {1, 90000};
+    context.get_buffer2 = Undecoded::makeBuffer;
     if (avcodec_open2(&context, context.codec, nullptr) < 0) {
         return nullptr;
     }
@@ -86,6 +134,12 @@ int colourTable(const AVFrame& frame, uint32_t height) {
 // H.265 codes fields as pictures of their own (field_seq_flag).
 bool isField(const AVFrame& frame, AVCodecID id) {
     return id == AV_CODEC_ID_HEVC && frame.interlaced_frame != 0;
+}
+
+// False: parts of it were made up, or are missing.
+bool isWhole(const AVFrame& frame) {
+    const bool leftOut = Undecoded::clear(frame);
+    return !leftOut && frame.decode_error_flags == 0 && (frame.flags & AV_FRAME_FLAG_CORRUPT) == 0;
 }
 
 // False: samples of a kind that the scaler does not take.
@@ -161,11 +215,16 @@ DecodedPicture decodePicture(uint32_t codec, std::span<const uint8_t> stream) {
         decoded.verdict = PictureVerdict::kTooLarge;
         return decoded;
     }
+    decoded.whole = isWhole(*frame);
+    AVRational shape =
+        frame->sample_aspect_ratio.num > 0 ? frame->sample_aspect_ratio : context->sample_aspect_ratio;
     if (isField(*frame, id)) {
         decoded.height *= 2;
+        // Some encoders tell the shape of a field's samples, with which a frame would be upright.
+        if (shape.num > 0 && int64_t{decoded.width} * shape.num < int64_t{decoded.height} * shape.den) {
+            shape = av_mul_q(shape, {2, 1});
+        }
     }
-    const AVRational shape =
-        frame->sample_aspect_ratio.num > 0 ? frame->sample_aspect_ratio : context->sample_aspect_ratio;
     const Size size = fitShot(decoded.width, decoded.height, shape.num, shape.den);
     decoded.small.width = size.width;
     decoded.small.height = size.height;

@@ -21,6 +21,7 @@ struct DecodedPicture {
     uint32_t width = 0;  // of the frame as coded, cropped, also where only a field of it is there
     uint32_t height = 0;
     SmallPicture small;  // with kDecoded
+    bool whole = false;  // all of it was decoded; else it shows what of it was, and is no measure of anything
 };
 
 // Decodes the first picture of an elementary stream (parameter sets and an I picture) with a decoder of its

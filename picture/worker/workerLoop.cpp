@@ -67,6 +67,7 @@ std::string answerTo(const RequestHead& request, std::span<const uint8_t> video,
         if (decoded.verdict == PictureVerdict::kDecoded) {
             head.width = decoded.width;
             head.height = decoded.height;
+            head.whole = decoded.whole ? 1 : 0;
             luma = measureLuma(decoded.small);
             head.lumaMean = luma.mean;
             head.lumaSpread = luma.spread;

@@ -212,21 +212,27 @@ TEST_F(Picture, TellsTheFirstPictureAtOnceAndWhatIsNotThere) {
     EXPECT_FALSE(std::filesystem::exists(kCoded));
 }
 
-TEST_F(Picture, TellsAFreezeFromAChangeOfScene) {
+TEST_F(Picture, TellsAFreezeFromAChangeOfSceneByWholePicturesAlone) {
     const std::string one = pictureOf("testsrc2=s=320x180");
     const std::string same = encoded(
         "-f lavfi -i testsrc2=s=320x180 -frames:v 1 -c:v libx264 -preset ultrafast -crf 30 -pix_fmt yuv420p",
         "h264");
     const std::string other = pictureOf("color=black:s=320x180");
-    std::vector<std::string> order = {one, same, other};
+    const std::string partly = one.substr(0, one.size() * 2 / 3);
+    std::vector<std::string> order = {one, partly, same, other};
     std::size_t turn = 0;
     answer(kA, [&](const picturing::Wanted&) { return picture(order[std::min(turn++, order.size() - 1)]); });
     start();
     list({{kA}});
     EXPECT_FALSE(next().has_difference());
+    const picturing::Shot damaged = next();
+    EXPECT_EQ(damaged.outcome(), picturing::OUTCOME_TAKEN);
+    EXPECT_FALSE(damaged.jpeg().empty());
+    EXPECT_FALSE(damaged.has_luma_mean() || damaged.has_difference());
+    EXPECT_THAT(damaged.problem(), HasSubstr("parts of it are lost"));
     const picturing::Shot frozen = next();
     EXPECT_LT(frozen.difference(), 2);
-    EXPECT_EQ(frozen.difference_since_ns(), frozen.taken_ns() - 1);
+    EXPECT_EQ(frozen.difference_since_ns(), frozen.taken_ns() - 2);
     const picturing::Shot black = next();
     EXPECT_GT(black.difference(), 50);
     EXPECT_GT(black.difference_peak(), 100);

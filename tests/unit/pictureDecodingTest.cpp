@@ -80,6 +80,7 @@ TEST(PictureDecoding, KeepsColoursAndShape) {
             const DecodedPicture decoded =
                 decodePicture(codec.codec, pictureBy(codec, given.source, given.options));
             ASSERT_EQ(decoded.verdict, PictureVerdict::kDecoded);
+            EXPECT_TRUE(decoded.whole);
             EXPECT_EQ(decoded.width, given.width);
             EXPECT_EQ(decoded.height, given.height);
             EXPECT_EQ(decoded.small.width, given.shownWidth);
@@ -98,17 +99,55 @@ TEST(PictureDecoding, KeepsColoursAndShape) {
 TEST(PictureDecoding, ShowsAFieldThatIsAPictureInItsFramesShape) {
     if (!hasFfmpeg())
         GTEST_SKIP() << "ffmpeg is not installed";
-    const DecodedPicture decoded = decodePicture(
-        picturing::VIDEO_H265,
-        encoded(
-            "-f lavfi -i color=red:s=1920x540 -frames:v 1 -pix_fmt yuv420p -c:v libx265 -preset ultrafast "
-            "-x265-params log-level=none:interlace=tff",
-            "hevc"));
-    ASSERT_EQ(decoded.verdict, PictureVerdict::kDecoded);
-    EXPECT_EQ(decoded.width, 1920U);
-    EXPECT_EQ(decoded.height, 1080U);
-    EXPECT_EQ(decoded.small.width, 320);
-    EXPECT_EQ(decoded.small.height, 180);
+    const struct {
+        const char* source;
+        const char* samples;  // their shape as the stream has it
+        uint32_t width, height;
+        int shownWidth;
+    } cases[] = {{"1920x540", "1/1", 1920, 1080, 320},
+                 {"1440x540", "4/3", 1440, 1080, 320},
+                 {"720x288", "16/15", 720, 576, 240},
+                 // Of the field's, not the frame's.
+                 {"1920x540", "1/2", 1920, 1080, 320},
+                 {"720x288", "8/15", 720, 576, 240}};
+    for (const auto& [source, samples, width, height, shownWidth] : cases) {
+        SCOPED_TRACE(std::string(source) + " " + samples);
+        const DecodedPicture decoded = decodePicture(
+            picturing::VIDEO_H265,
+            encoded("-f lavfi -i color=red:s=" + std::string(source) + " -vf setsar=" + samples +
+                        " -frames:v 1 -pix_fmt yuv420p -c:v libx265 -preset ultrafast "
+                        "-x265-params log-level=none:interlace=tff",
+                    "hevc"));
+        ASSERT_EQ(decoded.verdict, PictureVerdict::kDecoded);
+        EXPECT_TRUE(decoded.whole);
+        EXPECT_EQ(decoded.width, width);
+        EXPECT_EQ(decoded.height, height);
+        EXPECT_EQ(decoded.small.width, shownWidth);
+        EXPECT_EQ(decoded.small.height, 180);
+    }
+}
+
+TEST(PictureDecoding, TellsWhatLacksParts) {
+    if (!hasFfmpeg())
+        GTEST_SKIP() << "ffmpeg is not installed";
+    const std::pair<Codec, const char*> cases[] = {
+        {kCodecs[0], ""}, {kCodecs[1], ""}, {kCodecs[2], ""}, {kCodecs[2], "-pix_fmt yuv420p10le"}};
+    for (const auto& [codec, options] : cases) {
+        SCOPED_TRACE(std::string(codec.encoder) + " " + options);
+        const auto whole = pictureBy(codec, "testsrc2=s=640x360", options);
+        EXPECT_TRUE(decodePicture(codec.codec, whole).whole);
+        // As many packets missing as a continuity counter does not tell, or the end of the picture.
+        constexpr std::ptrdiff_t kGap = std::ptrdiff_t{16} * 184;
+        auto holed = whole;
+        const auto begin = holed.begin() + static_cast<std::ptrdiff_t>(holed.size() / 3);
+        holed.erase(begin, begin + kGap);
+        for (const auto& damaged :
+             {std::span<const uint8_t>(holed), std::span(whole).first(whole.size() - 500)}) {
+            const DecodedPicture decoded = decodePicture(codec.codec, damaged);
+            EXPECT_EQ(decoded.verdict, PictureVerdict::kDecoded);
+            EXPECT_FALSE(decoded.whole);
+        }
+    }
 }
 
 TEST(PictureDecoding, MeasuresLumaFromBlackToWhite) {
@@ -164,6 +203,7 @@ TEST(PictureDecoding, TakesTenBitsAndRecoveryPoints) {
         "hevc");
     const DecodedPicture deep = decodePicture(picturing::VIDEO_H265, tenBits);
     ASSERT_EQ(deep.verdict, PictureVerdict::kDecoded);
+    EXPECT_TRUE(deep.whole);
     EXPECT_GT(measureLuma(deep.small).mean, 251);
     // An I picture of an open group, which is no IDR.
     const auto open = secondRandomAccess(encoded(
@@ -173,6 +213,7 @@ TEST(PictureDecoding, TakesTenBitsAndRecoveryPoints) {
     ASSERT_FALSE(open.empty());
     const DecodedPicture recovered = decodePicture(picturing::VIDEO_H264, open);
     ASSERT_EQ(recovered.verdict, PictureVerdict::kDecoded);
+    EXPECT_TRUE(recovered.whole);
     EXPECT_GT(measureLuma(recovered.small).mean, 251);
 }
 

@@ -188,6 +188,7 @@ TEST(PictureFields, MakeAWholePicture) {
             append(stream, part);
         const DecodedPicture decoded = decodePicture(codec, stream);
         ASSERT_EQ(decoded.verdict, PictureVerdict::kDecoded);
+        EXPECT_TRUE(decoded.whole);
         EXPECT_EQ(decoded.width, 16U * kColumns);
         EXPECT_EQ(decoded.height, 32U * kRows);
         EXPECT_NEAR(measureLuma(decoded.small).mean, kMean, 5);  // one alone: far from it

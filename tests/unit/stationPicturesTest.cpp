@@ -372,14 +372,17 @@ TEST(StationPictureAlarms, AreGivenUpWhereAChannelHasNoPictureForLong) {
     scrambled.group = kA;
     scrambled.outcome = PictureOutcome::kScrambled;
     scrambled.loudness = -120;  // the sound is not
-    for (; when <= last + 600; when += 20) {
-        take(scrambled, when);
+    PictureFigures partly = scrambled;
+    partly.outcome = PictureOutcome::kTaken;  // and not measured
+    for (bool none = false; when <= last + 600; when += 20, none = !none) {
+        take(none ? scrambled : partly, when);
         ASSERT_TRUE(changes.empty()) << when;
     }
-    take(scrambled, when);
+    take(partly, when);
     ASSERT_EQ(changes.size(), 1U);
     EXPECT_EQ(alarmTypes()[changes[0].alarm.type].name, "frozen");
-    EXPECT_THAT(changes[0].text, HasSubstr("no picture of the channel for 10 min (Scrambled)"));
+    EXPECT_THAT(changes[0].text,
+                HasSubstr("no whole picture of the channel for 10 min (Parts of them are lost)"));
     // Its pictures come back, and are as they were.
     for (int i = 0; i < 4; ++i)
         take(still, when += 20);
