@@ -24,19 +24,20 @@ enum class ExcerptAudio : uint8_t { kMpeg, kAacAdts, kAacLatm, kAc3, kEac3 };
 inline constexpr std::size_t kExcerptVideoBytes = std::size_t{4} * 1024 * 1024;
 inline constexpr std::size_t kExcerptAudioBytes = std::size_t{1024} * 1024;
 
+template <typename Codec>
+struct ExcerptStream {
+    Codec codec{};
+    std::string data;
+};
+
 struct Excerpt {
-    template <typename Codec>
-    struct Stream {
-        Codec codec{};
-        std::string data;
-    };
     ExcerptOutcome outcome = ExcerptOutcome::kNoPackets;
     // The picture of a random access point, both of its fields where it has two, with parameter sets or
     // sequence header in front, as a byte stream with start codes. With kTaken alone.
-    std::optional<Stream<ExcerptVideo>> video;
+    std::optional<ExcerptStream<ExcerptVideo>> video;
     // About two seconds of PES payload, beginning with a PES packet's; frames may be cut at both ends. Where
     // it was wanted and there is some, whatever the outcome.
-    std::optional<Stream<ExcerptAudio>> audio;
+    std::optional<ExcerptStream<ExcerptAudio>> audio;
     int64_t wall =
         0;  // when the picture's last packet arrived, ns since the Unix epoch; without one, when it ended
 };

@@ -262,11 +262,11 @@ Excerpt ExcerptTaker::take() {
     excerpt.outcome = outcome();
     excerpt.wall = wall_;
     if (excerpt.outcome == ExcerptOutcome::kTaken) {
-        excerpt.video.emplace(Excerpt::Stream<ExcerptVideo>{*videoCodec_, picture_->take()});
+        excerpt.video = {*videoCodec_, picture_->take()};
         excerpt.wall = pictureWall_;
     }
     if (audioCodec_ && !sound_.empty()) {
-        excerpt.audio.emplace(Excerpt::Stream<ExcerptAudio>{*audioCodec_, std::move(sound_)});
+        excerpt.audio = {*audioCodec_, std::move(sound_)};
     }
     return excerpt;
 }
