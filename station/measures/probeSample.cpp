@@ -160,10 +160,10 @@ void takeGrowth(Count& count, const Count& previous) {
 
 ChannelSample makeSample(const Record& stream, std::span<const Record> pids, const ChannelSample* previous,
                          std::chrono::steady_clock::duration sincePrevious) {
-    constexpr const Measure& kReceived = measureOf("packetsReceived");
+    constexpr const Measure& kPackets = measureOf("packetsReceived");
     ChannelSample sample;
     takeValues(sample, stream, pids);
-    sample.received = sample.count(kReceived).total;
+    sample.received = sample.count(kPackets).total;
     const uint64_t before = previous != nullptr ? previous->received : 0;
     sample.first = before == 0 || sample.received < before;
     sample.signal = sample.first ? sample.received > 0 : sample.received > before;
