@@ -8,7 +8,9 @@
 
 namespace station {
 
+namespace {
 using Clock = std::chrono::steady_clock;
+}
 
 DeliveryKeeper::DeliveryKeeper(std::filesystem::path file, std::function<void()> wake)
     : file_(std::move(file)), wake_(std::move(wake)), place_(file_), thread_([this] { run(); }) {}
