@@ -83,6 +83,7 @@ std::vector<PassedAlarm> CommandDesk::seen(const Selection& which, const std::ve
         alarm.id = one.id;
         alarm.type = one.type;
         alarm.about = one.about;
+        alarm.incident = one.incident;
     }
     std::set<int64_t> ids;
     for (const Alarm& alarm : chosenAlarms(which, alarms, owner_.book.channels())) {
@@ -128,10 +129,13 @@ std::set<std::pair<Subject, std::size_t>> CommandDesk::meant(const HandleAlarms&
         }
     }
     const std::set<int64_t> ids(action.which.ids.begin(), action.which.ids.end());
-    if (action.what == Do::kUnshelve) {  // what is shelved and not raised is known by its own id
+    if (action.what == Do::kUnshelve) {  // what is not raised is known by what shelved it
+        const int64_t incident = action.which.incident;
         for (const Shelving& shelving : owner_.desk.shelf().all()) {
             const auto group = shelving.about.group();
-            if (ids.contains(shelving.id) || (!type && group && groups.contains(*group))) {
+            const bool byIncident =
+                incident != 0 && shelving.incident == incident && (!type || shelving.type == *type);
+            if (ids.contains(shelving.id) || byIncident || (!type && group && groups.contains(*group))) {
                 meant.emplace(shelving.about, shelving.type);
             }
         }

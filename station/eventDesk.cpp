@@ -174,8 +174,7 @@ void EventDesk::record(const AlarmChange& change, AlarmEngine& engine, const Cha
     } else if (change.what == What::kCleared) {
         tellHeld(alarm.id, channel, now);
         deliver(alarm, change.what, change.text, channel, now);
-        leaveIncident(alarm.id, now);
-        notePassed(alarm, channels, now);
+        notePassed(alarm, leaveIncident(alarm.id, now), channels, now);
     } else if (change.what == What::kHappened && !silenced) {
         deliver(alarm, change.what, change.text, channel, now);
     }
@@ -326,6 +325,7 @@ bool EventDesk::tick(const std::vector<Alarm>& active, const ChannelMap& channel
         }
     }
     bool ended = findIncidents(now);
+    forgetIncidents();
     tellRaised(channels, now);
     std::erase_if(maintenance_, [&](const Maintenance& window) {
         if (window.until > now.wall) {

@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "alarms/alarmEngine.h"
@@ -122,8 +123,13 @@ class EventDesk {
     Notification notification(const Alarm& alarm, AlarmChange::What what, const std::string& text,
                               const Channel* channel, const Now& now) const;
 
-    void notePassed(const Alarm& alarm, const ChannelMap& channels, const Now& now);
-    void leaveIncident(int64_t alarm, const Now& now);
+    void notePassed(const Alarm& alarm, int64_t incident, const ChannelMap& channels, const Now& now);
+    // The incident that it leaves; 0: it was by itself.
+    int64_t leaveIncident(int64_t alarm, const Now& now);
+    void put(IncidentChange change);
+    // Those of what passed, and those that something was shelved by: they are kept though they are over.
+    std::set<int64_t> wantedIncidents() const;
+    void forgetIncidents();
     // Tells of what was raised kTellAfter ago.
     void tellRaised(const ChannelMap& channels, const Now& now);
     void recordEnd(const Maintenance& window, const char* why, const ChannelMap& channels, const Now& now);
@@ -147,6 +153,9 @@ class EventDesk {
     Incidents incidents_;
     std::vector<Alarm> fresh_;  // raised since findIncidents()
     PassedAlarms passed_;
+    std::set<int64_t> storedIncidents_;
+    bool incidentsEnded_ = false;               // since forgetIncidents()
+    std::pair<uint64_t, uint64_t> wantedBy_{};  // versions of what passed and what is shelved at that time
     struct Held {
         Alarm alarm;
         std::string text;

@@ -14,32 +14,78 @@ bool EventDesk::findIncidents(const Now& now) {
     fresh_.clear();
     const bool any = !changes.empty();
     for (IncidentChange& change : changes) {
-        if (!change.incident.over) {
-            store_.putIncident(std::move(change));
+        const std::set<int64_t> joined(change.joined.begin(), change.joined.end());
+        for (const PassedAlarm& alarm : passed_.join(joined, change.incident.id)) {
+            store_.putPassed(alarm);
         }
+        put(std::move(change));
     }
     return any;
 }
 
+void EventDesk::put(IncidentChange change) {
+    storedIncidents_.insert(change.incident.id);
+    incidentsEnded_ = incidentsEnded_ || change.incident.over;
+    store_.putIncident(std::move(change));
+}
+
+std::set<int64_t> EventDesk::wantedIncidents() const {
+    std::set<int64_t> wanted;
+    for (const PassedAlarm& alarm : passed_.all()) {
+        wanted.insert(alarm.incident);
+    }
+    for (const Shelving& shelving : shelf_.all()) {
+        wanted.insert(shelving.incident);
+    }
+    return wanted;
+}
+
+void EventDesk::forgetIncidents() {
+    const std::pair seen(passed_.version(), shelf_.version());
+    if (seen == wantedBy_ && !incidentsEnded_) {
+        return;
+    }
+    wantedBy_ = seen;
+    incidentsEnded_ = false;
+    const std::set<int64_t> wanted = wantedIncidents();
+    incidents_.forgetOver(wanted);
+    std::erase_if(storedIncidents_, [&](int64_t id) {
+        const Incident* const incident = incidents_.find(id);
+        if (wanted.contains(id) || (incident != nullptr && !incident->over)) {
+            return false;
+        }
+        store_.removeIncident(id);
+        return true;
+    });
+}
+
 void EventDesk::restoreIncidents(const std::vector<Incident>& stored, const std::vector<Alarm>& raised,
                                  const Now& now) {
-    for (const int64_t over : incidents_.restore(stored, raised, now)) {
+    for (const Incident& incident : stored) {
+        storedIncidents_.insert(incident.id);
+    }
+    for (const int64_t over : incidents_.restore(stored, raised, wantedIncidents(), now)) {
+        storedIncidents_.erase(over);
         store_.removeIncident(over);
     }
 }
 
-void EventDesk::leaveIncident(int64_t alarm, const Now& now) {
+int64_t EventDesk::leaveIncident(int64_t alarm, const Now& now) {
     if (std::ranges::find(fresh_, alarm, &Alarm::id) != fresh_.end()) {
         findIncidents(now);
     }
     const auto change = incidents_.clear(alarm, now);
-    if (change && change->incident.over) {
-        store_.removeIncident(change->incident.id);
+    if (!change) {
+        return 0;
     }
+    if (change->incident.over) {
+        put(*change);
+    }
+    return change->incident.id;
 }
 
 // What somebody acknowledged was looked at, and of what is silent nobody wants to be told.
-void EventDesk::notePassed(const Alarm& alarm, const ChannelMap& channels, const Now& now) {
+void EventDesk::notePassed(const Alarm& alarm, int64_t incident, const ChannelMap& channels, const Now& now) {
     const auto group = alarm.about.group();
     const auto channel = group ? channels.find(*group) : channels.end();
     const bool watched = !group || (channel != channels.end() && channel->second.enabled);
@@ -52,7 +98,8 @@ void EventDesk::notePassed(const Alarm& alarm, const ChannelMap& channels, const
                        .severity = alarm.severity,
                        .raised = alarm.raised,
                        .cleared = now.wall,
-                       .text = alarm.text};
+                       .text = alarm.text,
+                       .incident = incident};
     const std::vector<int64_t> gone = passed_.put(passed);
     store_.putPassed(passed);
     for (const int64_t id : gone) {

@@ -46,7 +46,8 @@ bool EventDesk::shelve(const Subject& about, std::size_t type, const HandleAlarm
                       .since = now.wall,
                       .until = action.until,
                       .by = action.by,
-                      .remark = action.remark};
+                      .remark = action.remark,
+                      .incident = action.which.incident};
     shelving.id = recordShelving(EventKind::kShelved, shelving, channels, action.remark, action.by, now);
     shelf_.put(shelving);
     store_.putShelving(shelving);

@@ -11,11 +11,19 @@ namespace {
 
 constexpr std::array<std::string_view, 4> kSharedNames = {"channel", "sender", "label", "machine"};
 
-// What tells nothing about channels and the way to them.
-bool explainsChannels(const Alarm& alarm) {
+// Tells of channels and the way to them.
+bool concernsChannels(const Alarm& alarm) {
     static const std::set<std::size_t> kOthers = {
         *findAlarmType("delivery_failing"), *findAlarmType("picture_silent"), *findAlarmType("second_asker")};
     return alarm.about.source() && !kOthers.contains(alarm.type);
+}
+
+// Tells of all channels. The others are about the groups that are not joined or were not asked for: whatever
+// else is well is not touched by them.
+bool concernsAll(const Alarm& alarm) {
+    static const std::set<std::size_t> kSome = {*findAlarmType("not_joined"),
+                                                *findAlarmType("probe_not_asking")};
+    return concernsChannels(alarm) && !kSome.contains(alarm.type);
 }
 
 }  // namespace
@@ -35,6 +43,16 @@ std::string Shared::text() const {
     return kind == Kind::kMachine ? "this machine"
            : kind == Kind::kLabel ? name + "=" + value
                                   : std::string(sharedKindName(kind)) + " " + value;
+}
+
+void Incidents::Concerned::add(const Alarm& alarm) {
+    subjects.insert(alarm.about);
+    all = all || concernsAll(alarm);
+}
+
+void Incidents::Concerned::add(const Concerned& others) {
+    subjects.insert(others.subjects.begin(), others.subjects.end());
+    all = all || others.all;
 }
 
 void Incidents::setChannels(const ChannelMap& channels) {
@@ -67,7 +85,7 @@ std::vector<Shared> Incidents::keysOf(const Alarm& alarm) const {
         const auto found = channelKeys_.find(*group);
         return found == channelKeys_.end() ? std::vector<Shared>() : found->second;
     }
-    return explainsChannels(alarm) ? std::vector<Shared>{Shared{}} : std::vector<Shared>();
+    return concernsChannels(alarm) ? std::vector<Shared>{Shared{}} : std::vector<Shared>();
 }
 
 std::size_t Incidents::population(const Shared& key) const {
@@ -76,14 +94,14 @@ std::size_t Incidents::population(const Shared& key) const {
 }
 
 // How well it explains that these are in alarm; 0 or less: it does not.
-double Incidents::score(const Shared& key, const std::set<Subject>& subjects) const {
-    const auto channels =
-        std::ranges::count_if(subjects, [](const Subject& subject) { return subject.group().has_value(); });
+double Incidents::score(const Shared& key, const Concerned& concerned) const {
+    const auto channels = std::ranges::count_if(
+        concerned.subjects, [](const Subject& subject) { return subject.group().has_value(); });
     const auto inAlarm = static_cast<double>(channels);
-    const std::size_t ofMachine = subjects.size() - static_cast<std::size_t>(channels);
+    const std::size_t ofMachine = concerned.subjects.size() - static_cast<std::size_t>(channels);
     constexpr double kLittle = 0.5;
     // An alarm of the machine itself is no further channel that speaks for it: what is narrower stays.
-    if (key.kind == Shared::Kind::kMachine && ofMachine > 0) {
+    if (key.kind == Shared::Kind::kMachine && concerned.all) {
         return channels == 0 && ofMachine > 1 ? kLittle : inAlarm;
     }
     const double well = std::max(0.0, static_cast<double>(population(key)) - inAlarm);
@@ -109,9 +127,9 @@ void Incidents::take(State& state, const Candidate& candidate, IncidentChange& c
     incident.last = std::max(incident.last, candidate.alarm.raised);
     state.last = std::max(state.last, candidate.at);
     ++incident.alarms;
-    state.subjects.insert(candidate.alarm.about);
-    incident.channels = static_cast<std::size_t>(
-        std::ranges::count_if(state.subjects, [](const Subject& one) { return one.group().has_value(); }));
+    state.concerned.add(candidate.alarm);
+    incident.channels = static_cast<std::size_t>(std::ranges::count_if(
+        state.concerned.subjects, [](const Subject& one) { return one.group().has_value(); }));
     std::vector<Shared> common;
     std::ranges::set_intersection(state.common, candidate.keys, std::back_inserter(common));
     state.common = std::move(common);
@@ -163,11 +181,11 @@ void Incidents::joinOpen(const Now& now, std::map<int64_t, IncidentChange>& chan
 }
 
 Incidents::Proposal Incidents::propose(const Now& now) {
-    std::map<Shared, std::pair<std::set<Subject>, std::size_t>> tally;  // who has it, by how many alarms
+    std::map<Shared, std::pair<Concerned, std::size_t>> tally;  // who has it, by how many alarms
     for (const auto& [id, candidate] : lone_) {
         for (const Shared& key : candidate.keys) {
-            auto& [subjects, alarms] = tally[key];
-            subjects.insert(candidate.alarm.about);
+            auto& [concerned, alarms] = tally[key];
+            concerned.add(candidate.alarm);
             ++alarms;
         }
     }
@@ -187,15 +205,15 @@ Incidents::Proposal Incidents::propose(const Now& now) {
         if (!isOpen(state, now.steady)) {
             continue;
         }
-        const double before = score(state.incident.shared, state.subjects);
+        const double before = score(state.incident.shared, state.concerned);
         for (const Shared& key : state.common) {
             const auto found = tally.find(key);
             if (found == tally.end() || key == state.incident.shared) {
                 continue;
             }
-            std::set<Subject> all = state.subjects;
-            all.insert(found->second.first.begin(), found->second.first.end());
-            offer(score(key, all) - before, key, &state);
+            Concerned together = state.concerned;
+            together.add(found->second.first);
+            offer(score(key, together) - before, key, &state);
         }
     }
     return best;
@@ -235,7 +253,6 @@ std::vector<IncidentChange> Incidents::raise(std::span<const Alarm> raised, cons
         }
         join(*state, best.key, changes);
     }
-    dropOver();
     std::vector<IncidentChange> all;
     for (auto& [id, change] : changes) {
         all.push_back(std::move(change));
@@ -258,13 +275,13 @@ std::optional<IncidentChange> Incidents::clear(int64_t alarm, const Now& now) {
     if (state.raised.empty()) {
         state.incident.over = now.wall;
     }
-    IncidentChange change{state.incident};
-    dropOver();
-    return change;
+    return IncidentChange{state.incident};
 }
 
-void Incidents::dropOver() {
-    const auto isOver = [](const auto& entry) { return entry.second.raised.empty(); };
+void Incidents::forgetOver(const std::set<int64_t>& wanted) {
+    const auto isOver = [&wanted](const auto& entry) {
+        return entry.second.raised.empty() && !wanted.contains(entry.first);
+    };
     auto over = static_cast<std::size_t>(std::ranges::count_if(states_, isOver));
     for (auto entry = states_.begin(); over > kOver && entry != states_.end();) {
         const bool drop = isOver(*entry);
@@ -274,7 +291,7 @@ void Incidents::dropOver() {
 }
 
 std::vector<int64_t> Incidents::restore(std::span<const Incident> stored, std::span<const Alarm> raised,
-                                        const Now& now) {
+                                        const std::set<int64_t>& wanted, const Now& now) {
     std::vector<int64_t> forgotten;
     const auto since = [&now](WallTime then) {
         return now.steady - std::max(now.wall - then, std::chrono::milliseconds{0});
@@ -294,16 +311,17 @@ std::vector<int64_t> Incidents::restore(std::span<const Incident> stored, std::s
             }
             first = false;
             state.common = std::move(keys);
-            state.subjects.insert(alarm.about);
+            state.concerned.add(alarm);
             state.raised.insert(alarm.id);
             of_[alarm.id] = incident.id;
         }
-        if (state.raised.empty()) {
+        if (state.raised.empty() && !wanted.contains(incident.id)) {
             forgotten.push_back(incident.id);
             continue;
         }
         state.incident.active = state.raised.size();
-        state.incident.over.reset();
+        state.incident.over =
+            state.raised.empty() ? std::optional(incident.over.value_or(incident.last)) : std::nullopt;
         states_.insert_or_assign(incident.id, std::move(state));
     }
     return forgotten;

@@ -57,10 +57,11 @@ struct IncidentChange {
 // the alarms of a chain share counts what explains most: each channel that is in alarm speaks for it, each
 // channel that shares it and is well speaks against it, by kAgainst of one. So a label of 900 channels does
 // not explain two, and one that 2 of 2 have does. kMany channels at once are no chance, whatever is well
-// beside them. What is wrong with this machine (probe, meter, card, link) explains whatever else begins with
-// it, where nothing narrower does as well. Of what explains the same the narrowest is taken. An alarm by
-// itself is no incident, and an incident never gives one away; it may turn out to share something wider than
-// it seemed.
+// beside them. What is wrong with this machine and concerns all channels (probe, meter, card, link) explains
+// whatever else begins with it, where nothing narrower does as well; of what concerns some of them alone
+// (groups that are not joined), as of anything else, channels that are well speak against this machine. Of
+// what explains the same the narrowest is taken. An alarm by itself is no incident, and an incident never
+// gives one away; it may turn out to share something wider than it seemed.
 class Incidents {
   public:
     static constexpr std::chrono::seconds kGap{10};
@@ -70,7 +71,7 @@ class Incidents {
     static constexpr std::size_t kMany = 10;
     static constexpr std::size_t kLone = 20'000;  // waiting for others; beyond, the oldest stay alone
     static constexpr std::size_t kAtOnce = 20;    // incidents that one call makes or widens
-    static constexpr std::size_t kOver = 100;     // newest kept of those that are over
+    static constexpr std::size_t kOver = 100;     // newest kept of those that are over and not wanted
 
     // How many channels share what. To be called when channels change.
     void setChannels(const ChannelMap& channels);
@@ -80,9 +81,11 @@ class Incidents {
     // An alarm is over. What became of its incident; nothing where it had none.
     std::optional<IncidentChange> clear(int64_t alarm, const Now& now);
     // Takes up what was stored: of each incident those of the raised alarms that are of it (Alarm::incident).
-    // One without any is forgotten, and returned.
+    // One without any that is not wanted is forgotten, and returned.
     std::vector<int64_t> restore(std::span<const Incident> stored, std::span<const Alarm> raised,
-                                 const Now& now);
+                                 const std::set<int64_t>& wanted, const Now& now);
+    // Of incidents that are over the newest kOver stay, and those that are wanted. To be called now and then.
+    void forgetOver(const std::set<int64_t>& wanted);
 
     // 0: by itself.
     int64_t incidentOf(int64_t alarm) const;
@@ -96,12 +99,20 @@ class Incidents {
         SteadyTime at;
         bool cleared = false;
     };
+    // Whom alarms are about.
+    struct Concerned {
+        std::set<Subject> subjects{};
+        bool all = false;  // one of this machine is among them that concerns all channels
+
+        void add(const Alarm& alarm);
+        void add(const Concerned& others);
+    };
     struct State {
         Incident incident{};
         SteadyTime first{};
         SteadyTime last{};
         std::vector<Shared> common{};  // to all of its alarms, in order
-        std::set<Subject> subjects{};
+        Concerned concerned{};
         std::set<int64_t> raised{};
     };
     struct Proposal {
@@ -113,14 +124,13 @@ class Incidents {
 
     std::vector<Shared> keysOf(const Alarm& alarm) const;
     std::size_t population(const Shared& key) const;
-    double score(const Shared& key, const std::set<Subject>& subjects) const;
+    double score(const Shared& key, const Concerned& concerned) const;
     static bool isOpen(const State& state, SteadyTime now);
     void forgetOld(const Now& now);
     void joinOpen(const Now& now, std::map<int64_t, IncidentChange>& changes);
     Proposal propose(const Now& now);
     void join(State& state, const Shared& key, std::map<int64_t, IncidentChange>& changes);
     void take(State& state, const Candidate& candidate, IncidentChange& change);
-    void dropOver();
 
     std::map<Group, std::vector<Shared>> channelKeys_;
     std::map<Shared, std::size_t> populations_;

@@ -31,6 +31,18 @@ bool PassedAlarms::take(const PassedAlarm& alarm) {
     return true;
 }
 
+std::vector<PassedAlarm> PassedAlarms::join(const std::set<int64_t>& alarms, int64_t incident) {
+    std::vector<PassedAlarm> joined;
+    for (auto& [key, alarm] : passed_) {
+        if (alarms.contains(alarm.id)) {
+            alarm.incident = incident;
+            joined.push_back(alarm);
+            ++version_;
+        }
+    }
+    return joined;
+}
+
 std::vector<PassedAlarm> PassedAlarms::all() const {
     std::vector<PassedAlarm> all;
     for (const auto& [key, alarm] : passed_) {

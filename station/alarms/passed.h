@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,6 +23,7 @@ struct PassedAlarm {
     WallTime cleared;
     uint64_t times = 1;
     std::string text{};
+    int64_t incident = 0;  // that it was of, the latest time; 0: by itself
 
     bool operator==(const PassedAlarm&) const = default;
 };
@@ -34,6 +36,8 @@ class PassedAlarms {
     // Counts it with those of the same alarm. Ids that are no more: of the one before, or of the oldest.
     std::vector<int64_t> put(PassedAlarm& alarm);
     bool take(const PassedAlarm& alarm);
+    // These alarms turned out to be of an incident. Those of them that passed.
+    std::vector<PassedAlarm> join(const std::set<int64_t>& alarms, int64_t incident);
     std::vector<PassedAlarm> all() const;  // newest first
     std::size_t size() const {
         return passed_.size();

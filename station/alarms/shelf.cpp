@@ -10,12 +10,17 @@ bool Shelf::put(const Shelving& shelving) {
         return false;
     }
     shelved_.insert_or_assign(key, shelving);
+    ++version_;
     return true;
 }
 
 std::optional<Shelving> Shelf::take(const Subject& about, std::size_t type) {
     auto node = shelved_.extract({about, type});
-    return node.empty() ? std::nullopt : std::optional(std::move(node.mapped()));
+    if (node.empty()) {
+        return std::nullopt;
+    }
+    ++version_;
+    return std::move(node.mapped());
 }
 
 std::vector<Shelving> Shelf::takeEnded(WallTime now) {
@@ -28,6 +33,7 @@ std::vector<Shelving> Shelf::takeEnded(WallTime now) {
         ended.push_back(shelving);
         return true;
     });
+    version_ += ended.size();
     return ended;
 }
 

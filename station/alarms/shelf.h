@@ -22,6 +22,7 @@ struct Shelving {
     WallTime until;
     std::string by;
     std::string remark;
+    int64_t incident = 0;  // that it was shelved by; 0: by something else
 
     bool operator==(const Shelving&) const = default;
 };
@@ -45,9 +46,14 @@ class Shelf {
     std::size_t size() const {
         return shelved_.size();
     }
+    // Grows with each change.
+    uint64_t version() const {
+        return version_;
+    }
 
   private:
     std::map<std::pair<Subject, std::size_t>, Shelving> shelved_;
+    uint64_t version_ = 0;
 };
 
 }  // namespace station

@@ -6,11 +6,11 @@ import {isQuiet, levelText, shelvedText, titleOf, valueText, worstFirst} from '.
 import {askAcknowledgement} from './dialog.js';
 import {button, el, setAttribute, setClass, setText} from './dom.js';
 import {kUnknownText} from './eventTable.js';
-import {compareValues, valueOf} from './filter.js';
+import {compareValues, groupedBy, valueOf} from './filter.js';
 import {nameText, parseTime, roughly, time, visible} from './format.js';
 import {moreButton} from './handling.js';
 import {Hold} from './hold.js';
-import {IncidentRow} from './incidentRow.js';
+import {RaisedIncidentRow} from './incidentRow.js';
 import {placeInOrder} from './placing.js';
 import {sign} from './state.js';
 import {channelCell, comparing, Heads} from './tableParts.js';
@@ -90,16 +90,10 @@ export class AlarmTable {
   // What has a row: a channel with its alarms, worst first; each alarm by itself on a channel's page, or
   // where it is of no channel.
   units(alarms) {
-    const compare = worstFirst(this.store);
-    const units = new Map();
-    for (const alarm of [...alarms].sort(compare)) {
-      const key = this.withChannel && alarm.group ? alarm.group : String(alarm.id);
-      if (units.has(key))
-        units.get(key).alarms.push(alarm);
-      else
-        units.set(key, {worst: alarm, alarms: [alarm]});
-    }
-    return units;
+    const byKey = groupedBy(
+        [...alarms].sort(worstFirst(this.store)),
+        ({group, id}) => (this.withChannel && group ? group : String(id)));
+    return new Map([...byKey].map(([key, ofIt]) => [key, {worst: ofIt[0], alarms: ofIt}]));
   }
 
   // Rows for incidents that are of more than one row. True when there is another.
@@ -124,7 +118,8 @@ export class AlarmTable {
     for (const [incident, ofIt] of members) {
       changed ||= !this.incidents.has(incident.id);
       if (!this.incidents.has(incident.id))
-        this.incidents.set(incident.id, new IncidentRow(this.context, this.columns, () => this.arrange()));
+        this.incidents.set(
+            incident.id, new RaisedIncidentRow(this.context, this.columns, () => this.arrange()));
       this.incidents.get(incident.id).update(incident, alarmsOf.get(incident.id), ofIt.length);
     }
     return changed;
@@ -171,13 +166,8 @@ export class AlarmTable {
   // Under heads: what is of the probe first, then by the label's value.
   inGroups(rows) {
     const {store, by} = this;
-    const groups = new Map();
-    for (const row of rows) {
-      const {group} = row.unit.worst;
-      const value = group ? valueOf(store.channels.get(group), by) : null;
-      if (!groups.has(value)) groups.set(value, []);
-      groups.get(value).push(row);
-    }
+    const groups = groupedBy(
+        rows, ({unit: {worst: {group}}}) => (group ? valueOf(store.channels.get(group), by) : null));
     const order = (a, b) => Number(a !== null) - Number(b !== null) || compareValues(a, b);
     return [...groups.keys()].sort(order).flatMap((value) => {
       const folded = this.fold.has(value ?? kProbe);
@@ -341,16 +331,4 @@ export class AlarmTable {
     }
     placeInOrder(row.holder, row.unit.alarms.map(({id}) => row.details.get(id).node));
   }
-}
-
-function groupedBy(list, take) {
-  const groups = new Map();
-  for (const one of list) {
-    const key = take(one);
-    if (groups.has(key))
-      groups.get(key).push(one);
-    else
-      groups.set(key, [one]);
-  }
-  return groups;
 }

@@ -4,6 +4,7 @@ import {query} from './api.js';
 import {alarmSpans, hatch, windowSpans, worstOf} from './bands.js';
 import {fitCanvas, forgetSize, onPaletteChange, palette} from './canvas.js';
 import {el, setText} from './dom.js';
+import {groupedBy, valueOf} from './filter.js';
 import {duration, nameText, parseTime, time, visible, words} from './format.js';
 import {parts} from './zone.js';
 
@@ -155,11 +156,7 @@ export class DayView {
       return;
     }
     if (this.closed || !this.store.meta) return;
-    const byGroup = new Map();
-    for (const span of alarmSpans(answer)) {
-      if (!byGroup.has(span.group)) byGroup.set(span.group, []);
-      byGroup.get(span.group).push(span);
-    }
+    const byGroup = groupedBy(alarmSpans(answer), ({group}) => group);
     const windows = windowSpans(answer);
     for (const [group, row] of this.rows) {
       row.alarms = byGroup.get(group) ?? [];
@@ -193,13 +190,8 @@ export class DayView {
       this.rows.delete(group);
     }
     const wanted = [...this.rows.values()].filter(({total}) => !this.onlyBad || total > 0);
-    const byValue = new Map();
-    for (const row of wanted) {
-      const info = channels.get(row.group)?.info;
-      setText(row.link, nameText(info?.name, row.group));
-      const value = this.label ? info?.labels?.[this.label] ?? '' : '';
-      byValue.set(value, [...byValue.get(value) ?? [], row]);
-    }
+    for (const row of wanted) setText(row.link, nameText(channels.get(row.group)?.info.name, row.group));
+    const byValue = groupedBy(wanted, ({group}) => valueOf(channels.get(group), this.label));
     const nodes =
         [...byValue]
             .sort(([a], [b]) => a.localeCompare(b))

@@ -25,6 +25,19 @@ export function addressOf({labels, fold, ...texts}) {
   ];
 }
 
+// {key -> those of the list}, keys in the order in which they come; `take` gives one's key.
+export function groupedBy(list, take) {
+  const groups = new Map();
+  for (const one of list) {
+    const key = take(one);
+    if (groups.has(key))
+      groups.get(key).push(one);
+    else
+      groups.set(key, [one]);
+  }
+  return groups;
+}
+
 // Names of labels that channels have, in order.
 export function labelNames(store) {
   const names = new Set();

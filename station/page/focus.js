@@ -15,7 +15,10 @@ export function keepingFocus(root, change, otherwise = null) {
   const within = row ? [...row.querySelectorAll(kFocusable)].indexOf(focused) : -1;
   const group = row?.dataset.group;
   change();
-  if (focused.isConnected) return;
+  if (focused.isConnected) {  // it was moved
+    focused.focus({preventScroll: true});
+    return;
+  }
   const rows = [...root.querySelectorAll('tbody tr'), ...(root.tagName === 'TBODY' ? root.children : [])];
   const same =
       rows.find((one) => group && one.dataset.group === group) ?? rows[Math.min(place, rows.length - 1)];

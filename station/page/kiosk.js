@@ -3,7 +3,7 @@
 // grouped by.
 import {shortly, sinceText, worstOf} from './alarmWords.js';
 import {el, setAttribute, setClass, setText} from './dom.js';
-import {compareValues, filterOf, labelNames, valueOf} from './filter.js';
+import {compareValues, filterOf, groupedBy, labelNames, valueOf} from './filter.js';
 import {count, quantity, roughly, time, visible} from './format.js';
 import {arrange} from './order.js';
 import {Picture} from './picture.js';
@@ -34,12 +34,7 @@ export function gridFor(total, width, height, shape) {
 
 // Channels by the label's values; all under null where those are too many.
 function mosaicGroups(channels, by) {
-  const groups = new Map();
-  for (const channel of channels) {
-    const value = valueOf(channel, by);
-    if (!groups.has(value)) groups.set(value, []);
-    groups.get(value).push(channel);
-  }
+  const groups = groupedBy(channels, (channel) => valueOf(channel, by));
   return groups.size <= kMostGroups ? groups : new Map([[null, [...channels]]]);
 }
 

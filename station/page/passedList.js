@@ -1,15 +1,17 @@
 // What was raised and cleared while nobody looked, until somebody says that it was seen: on this screen or on
-// another one.
-import {titleOf} from './alarmWords.js';
+// another one. Alarms of one incident stand under a row of it.
+import {sharedText, titleOf, worstFirst} from './alarmWords.js';
 import {oneAtATime} from './api.js';
-import {button, el} from './dom.js';
+import {button, el, setAttribute} from './dom.js';
 import {kUnknownText} from './eventTable.js';
 import {keepingFocus} from './focus.js';
 import {count, parseTime, time, visible} from './format.js';
+import {IncidentRow, IncidentRows} from './incidentRow.js';
 import {chosen} from './selection.js';
 import {channelCell, severityCell} from './tableParts.js';
 
 const kMostRows = 200;
+const kHeads = [['Severity'], ['Channel'], ['Alarm'], ['When'], ['What', 'wide-only'], ['']];
 const kPauseMs = 2_000;  // the list may be long, and change each second
 
 export class PassedList {
@@ -24,6 +26,11 @@ export class PassedList {
     this.shown = [];
     this.known = null;    // all that there are
     this.version = null;  // of them
+    this.rows = new IncidentRows(store, {
+      makeRow: () => this.makeIncident(),
+      fillRow: (row, incident, alarms) => this.fillIncident(row, incident, alarms),
+      node: (alarm) => this.makeRow(alarm),
+    });
     this.load = oneAtATime(() => this.ask(), kPauseMs);
   }
 
@@ -46,11 +53,15 @@ export class PassedList {
     if (!this.known) return;
     const passed = passing(this.known);
     this.all.hidden = !this.api.mayChange || !passed.length;
-    const key = JSON.stringify([passed, this.api.mayChange]);
+    const key = JSON.stringify([passed, this.rows.incidentsOf(passed), this.api.mayChange]);
     if (key === this.key) return;
     this.key = key;
     this.shown = passed;
-    keepingFocus(this.list, () => this.fill(passed), this.all);
+    this.refill();
+  }
+
+  refill() {
+    keepingFocus(this.list, () => this.fill(this.shown), this.all);
   }
 
   fill(passed) {
@@ -58,35 +69,54 @@ export class PassedList {
       this.list.replaceChildren(el('p', {class: 'muted', text: 'Nothing.'}));
       return;
     }
-    const shownTime = (text) => time(parseTime(text), this.store.now());
-    const rows =
-        passed.slice(0, kMostRows)
-            .map(
-                (alarm) => el(
-                    'tr', {}, severityCell(alarm.severity), channelCell(alarm),
-                    el('th', {scope: 'row', text: titleOf(this.store, alarm)},
-                       alarm.times > 1 ? el('span', {class: 'note', text: ` ${count(alarm.times)} times`}) :
-                                         null),
-                    el('td',
-                       {class: 'nowrap', text: `${shownTime(alarm.raised)} – ${shownTime(alarm.cleared)}`}),
-                    el('td', {class: 'text-cell wide-only'}, el('bdi', {text: visible(alarm.text)})),
-                    el('td', {},
-                       this.api.mayChange ? button('Seen', () => this.see([alarm]), {
-                         class: 'small',
-                         'aria-label': `Seen: ${alarm.alarm}, ${alarm.channel || 'probe'}`
-                       }) :
-                                            null)));
-    const heads = [['Severity'], ['Channel'], ['Alarm'], ['When'], ['What', 'wide-only'], ['']];
+    const rows = this.rows.fill(passed);
     this.list.replaceChildren(
         el('div', {class: 'scroll', tabindex: '0', role: 'region', 'aria-label': 'Passed alarms'},
            el('table', {class: 'list'},
               el('thead', {},
                  el('tr', {},
-                    ...heads.map(([text, name = '']) => el('th', {scope: 'col', class: name, text})))),
-              el('tbody', {}, ...rows))),
-        passed.length > kMostRows ?
-            el('p', {class: 'note', text: `${count(passed.length - kMostRows)} more are not listed.`}) :
+                    ...kHeads.map(([text, name = '']) => el('th', {scope: 'col', class: name, text})))),
+              el('tbody', {}, ...rows.slice(0, kMostRows)))),
+        rows.length > kMostRows ?
+            el('p', {class: 'note', text: `${count(rows.length - kMostRows)} more are not listed.`}) :
             '');
+  }
+
+  makeRow(alarm) {
+    return el(
+        'tr', {}, severityCell(alarm.severity), channelCell(alarm),
+        el('th', {scope: 'row', text: titleOf(this.store, alarm)},
+           alarm.times > 1 ? el('span', {class: 'note', text: ` ${count(alarm.times)} times`}) : null),
+        el('td', {class: 'nowrap', text: this.span(alarm.raised, alarm.cleared)}),
+        el('td', {class: 'text-cell wide-only'}, el('bdi', {text: visible(alarm.text)})),
+        el('td', {},
+           this.api.mayChange ?
+               button(
+                   'Seen', () => this.see([alarm]),
+                   {class: 'small', 'aria-label': `Seen: ${alarm.alarm}, ${alarm.channel || 'probe'}`}) :
+               null));
+  }
+
+  makeIncident() {
+    const seen = button('Seen', () => this.see(row.alarms), {class: 'small'});
+    const row = new IncidentRow(this.store, kHeads.length, () => this.refill(), seen);
+    row.seen = seen;
+    return row;
+  }
+
+  fillIncident(row, incident, alarms) {
+    const {store} = this;
+    const [worst] = [...alarms].sort(worstFirst(store));
+    const times = (name) => alarms.map((alarm) => alarm[name]).sort();
+    const when = this.span(times('raised')[0], times('cleared').at(-1));
+    row.update(incident, alarms, alarms.length, {when, severity: worst.severity});
+    row.seen.hidden = !this.api.mayChange;
+    setAttribute(row.seen, 'aria-label', `Seen: the incident ${sharedText(store, incident)}`);
+  }
+
+  // "21:03:10 – 21:04:02".
+  span(from, to) {
+    return [from, to].map((text) => time(parseTime(text), this.store.now())).join(' – ');
   }
 
   async see(alarms) {

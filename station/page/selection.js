@@ -2,7 +2,7 @@
 
 const kMostIds = 4000;  // of one call
 
-// Those of an incident, whatever joins it meanwhile, or the alarms given.
+// Those of an incident, whatever joins it meanwhile, or the alarms (or what is shelved) given.
 export function chosen(alarms, incident = null) {
   return incident ? [{incident: incident.id}] : idsOf(alarms);
 }

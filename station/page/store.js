@@ -6,6 +6,7 @@
 // While no event stream comes, what is needed is asked for every few seconds instead. What nobody has told is
 // null, and is shown as unknown.
 import {isQuiet} from './alarmWords.js';
+import {groupedBy} from './filter.js';
 import {isKnown, nameText, parseTime} from './format.js';
 import {hasSignal} from './state.js';
 import {EventStream} from './stream.js';
@@ -291,7 +292,7 @@ export class Store {
     this.passedGroups = new Set(passed.groups);
     // A station that started again counts anew.
     this.passedVersion = `${this.connection.since} ${passed.version}`;
-    this.alarmsByGroup = Map.groupBy ? Map.groupBy(alarms, (alarm) => alarm.group) : grouped(alarms);
+    this.alarmsByGroup = groupedBy(alarms, ({group}) => group);
     this.tell('alarms');
   }
 
@@ -381,13 +382,4 @@ export class Store {
     }
     this.tell('overview');
   }
-}
-
-function grouped(alarms) {
-  const groups = new Map();
-  for (const alarm of alarms) {
-    if (!groups.has(alarm.group)) groups.set(alarm.group, []);
-    groups.get(alarm.group).push(alarm);
-  }
-  return groups;
 }

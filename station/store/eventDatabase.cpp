@@ -14,7 +14,7 @@ namespace {
 // any reordering of the enumerations. An index's entries end with the row's id, so each of them also gives
 // its rows newest first. `active` says which alarms are raised and not cleared, so that a start does not have
 // to look through all events.
-constexpr std::array<const char*, 6> kEventSchema = {
+constexpr std::array<const char*, 7> kEventSchema = {
     R"(CREATE TABLE events (
          id INTEGER PRIMARY KEY, time INTEGER NOT NULL, kind TEXT NOT NULL, channel_group TEXT,
          channel TEXT NOT NULL, alarm TEXT NOT NULL, alarm_id INTEGER NOT NULL, severity TEXT,
@@ -46,8 +46,8 @@ constexpr std::array<const char*, 6> kEventSchema = {
          until INTEGER);
        CREATE TABLE past_maintenance (id INTEGER PRIMARY KEY, from_time INTEGER NOT NULL,
          until_time INTEGER NOT NULL, channel_group TEXT);)",
-    // A window's groups are separated by spaces. What is shelved, incidents with raised alarms, and what
-    // passed unseen.
+    // A window's groups are separated by spaces. What is shelved, incidents with alarms that are raised or
+    // passed, or by which something is shelved, and what passed unseen.
     R"(ALTER TABLE events ADD COLUMN until INTEGER;
        ALTER TABLE maintenance ADD COLUMN about TEXT NOT NULL DEFAULT '';
        ALTER TABLE active ADD COLUMN incident INTEGER;
@@ -60,6 +60,9 @@ constexpr std::array<const char*, 6> kEventSchema = {
        CREATE TABLE passed (id INTEGER PRIMARY KEY, alarm TEXT NOT NULL, channel_group TEXT,
          severity TEXT NOT NULL, raised INTEGER NOT NULL, cleared INTEGER NOT NULL, times INTEGER NOT NULL,
          text TEXT NOT NULL);)",
+    R"(ALTER TABLE shelved ADD COLUMN incident INTEGER NOT NULL DEFAULT 0;
+       ALTER TABLE passed ADD COLUMN incident INTEGER NOT NULL DEFAULT 0;
+       ALTER TABLE incidents ADD COLUMN over INTEGER;)",
 };
 
 // What retention may delete. The newest event stays, since the next id follows from it.

@@ -1,5 +1,5 @@
-// What events.db keeps beside events, raised alarms and windows: what is shelved, incidents with raised
-// alarms, and what passed unseen.
+// What events.db keeps beside events, raised alarms and windows: what is shelved, incidents, and what
+// passed unseen.
 #include "store/eventDatabase.h"
 #include "store/storedTime.h"
 
@@ -51,17 +51,17 @@ void Carried::applyState(const StoreEntry& entry) {
 
 void EventDatabase::prepareState() {
     putShelving_ = database_.prepare(
-        "INSERT OR REPLACE INTO shelved (id, alarm, channel_group, since, until_time, by_whom, remark) "
-        "VALUES (?, ?, ?, ?, ?, ?, ?)");
+        "INSERT OR REPLACE INTO shelved (id, alarm, channel_group, since, until_time, by_whom, remark, "
+        "incident) VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
     removeShelving_ = database_.prepare("DELETE FROM shelved WHERE id = ?");
     putIncident_ = database_.prepare(
         "INSERT OR REPLACE INTO incidents (id, began, last, kind, name, value, alarms, channels, covered, "
-        "first_alarm, first_group, first_text) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+        "first_alarm, first_group, first_text, over) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
     removeIncident_ = database_.prepare("DELETE FROM incidents WHERE id = ?");
     joinIncident_ = database_.prepare("UPDATE active SET incident = ? WHERE alarm_id = ?");
     putPassed_ = database_.prepare(
-        "INSERT OR REPLACE INTO passed (id, alarm, channel_group, severity, raised, cleared, times, text) "
-        "VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
+        "INSERT OR REPLACE INTO passed (id, alarm, channel_group, severity, raised, cleared, times, text, "
+        "incident) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)");
     removePassed_ = database_.prepare("DELETE FROM passed WHERE id = ?");
 }
 
@@ -92,6 +92,7 @@ void EventDatabase::insertShelving(const Shelving& shelving) {
         .bind(5, storedTime(shelving.until))
         .bind(6, shelving.by)
         .bind(7, shelving.remark)
+        .bind(8, shelving.incident)
         .run();
 }
 
@@ -108,6 +109,7 @@ void EventDatabase::insertIncident(const Incident& incident) {
         .bind(10, alarmTypes()[incident.firstType].name)
         .bind(11, groupOrNothing(incident.firstAbout))
         .bind(12, incident.firstText)
+        .bind(13, incident.over ? std::optional(storedTime(*incident.over)) : std::nullopt)
         .run();
 }
 
@@ -120,6 +122,7 @@ void EventDatabase::insertPassed(const PassedAlarm& alarm) {
         .bind(6, storedTime(alarm.cleared))
         .bind(7, static_cast<int64_t>(alarm.times))
         .bind(8, alarm.text)
+        .bind(9, alarm.incident)
         .run();
 }
 
@@ -149,8 +152,8 @@ void EventDatabase::loadState(Carried& carried) {
             alarm->second.incident = members.integer(1);
         }
     }
-    Statement shelved =
-        database_.prepare("SELECT id, alarm, channel_group, since, until_time, by_whom, remark FROM shelved");
+    Statement shelved = database_.prepare(
+        "SELECT id, alarm, channel_group, since, until_time, by_whom, remark, incident FROM shelved");
     while (shelved.step()) {
         if (const auto found = whatOfWhom(shelved.text(1), shelved.text(2))) {
             carried.shelved[shelved.integer(0)] = {.id = shelved.integer(0),
@@ -159,12 +162,13 @@ void EventDatabase::loadState(Carried& carried) {
                                                    .since = wallTime(shelved.integer(3)),
                                                    .until = wallTime(shelved.integer(4)),
                                                    .by = shelved.text(5),
-                                                   .remark = shelved.text(6)};
+                                                   .remark = shelved.text(6),
+                                                   .incident = shelved.integer(7)};
         }
     }
     Statement incidents = database_.prepare(
         "SELECT id, began, last, kind, name, value, alarms, channels, covered, first_alarm, first_group, "
-        "first_text FROM incidents");
+        "first_text, over FROM incidents");
     while (incidents.step()) {
         const auto found = whatOfWhom(incidents.text(9), incidents.text(10));
         const auto kind = parseSharedKind(incidents.text(3));
@@ -180,10 +184,13 @@ void EventDatabase::loadState(Carried& carried) {
                 .firstType = found->type,
                 .firstAbout = found->about,
                 .firstText = incidents.text(11)};
+            if (!incidents.isNull(12)) {
+                carried.incidents[incidents.integer(0)].over = wallTime(incidents.integer(12));
+            }
         }
     }
     Statement passed = database_.prepare(
-        "SELECT id, alarm, channel_group, severity, raised, cleared, times, text FROM passed");
+        "SELECT id, alarm, channel_group, severity, raised, cleared, times, text, incident FROM passed");
     while (passed.step()) {
         if (const auto found = whatOfWhom(passed.text(1), passed.text(2))) {
             carried.passed[passed.integer(0)] = {
@@ -194,7 +201,8 @@ void EventDatabase::loadState(Carried& carried) {
                 .raised = wallTime(passed.integer(4)),
                 .cleared = wallTime(passed.integer(5)),
                 .times = static_cast<uint64_t>(std::max<int64_t>(passed.integer(6), 1)),
-                .text = passed.text(7)};
+                .text = passed.text(7),
+                .incident = passed.integer(8)};
         }
     }
 }

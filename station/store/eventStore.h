@@ -25,7 +25,7 @@ struct StoredState {
     std::vector<Alarm> active;             // raised, not cleared
     std::vector<Maintenance> maintenance;  // not ended
     std::vector<Shelving> shelved;         // likewise
-    std::vector<Incident> incidents;       // that may have alarms in `active`
+    std::vector<Incident> incidents;       // of `active`, `passed` and `shelved`, or of none any more
     std::vector<PassedAlarm> passed;
     bool meterKnown = false;  // a meter was there once
     std::string problem;      // a damaged file was put aside, or the disk cannot be written: one line

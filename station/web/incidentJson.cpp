@@ -22,6 +22,10 @@ std::optional<int64_t> raisedId(const StationState& state, std::size_t type, con
     return raised == state.alarms.end() ? std::nullopt : std::optional(raised->id);
 }
 
+std::optional<int64_t> incidentOrNull(int64_t incident) {
+    return incident == 0 ? std::nullopt : std::optional(incident);
+}
+
 void passedList(JsonWriter& json, const StationState& state) {
     json.open('[');
     for (const PassedAlarm& alarm : state.passed) {
@@ -29,6 +33,7 @@ void passedList(JsonWriter& json, const StationState& state) {
         subjectMembers(json, state, alarm.type, alarm.about);
         json.member("severity", severityName(alarm.severity)).member("raised", alarm.raised);
         json.member("cleared", alarm.cleared).member("times", alarm.times).member("text", alarm.text);
+        json.member("incident", incidentOrNull(alarm.incident));
         json.close('}');
     }
     json.close(']');
@@ -93,7 +98,7 @@ std::string shelvedJson(const StationState& state) {
             json.open('{').member("id", shelving.id);
             subjectMembers(json, of, shelving.type, shelving.about);
             json.member("since", shelving.since).member("until", shelving.until).member("by", shelving.by);
-            json.member("remark", shelving.remark);
+            json.member("remark", shelving.remark).member("incident", incidentOrNull(shelving.incident));
             json.member("alarmId", raisedId(of, shelving.type, shelving.about)).close('}');
         }
         json.close(']');

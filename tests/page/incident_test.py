@@ -190,6 +190,34 @@ format = "alertmanager"
         wait_for("the list is empty", 10, lambda: not self.browser.find("main [aria-label='Passed alarms']"))
         self.assertEqual(self.browser.problems(), [])
 
+    def test_what_is_over_is_one_row_where_it_passed_and_on_the_shelf(self):
+        self.browser.open(self.station.url + "#events")
+        self.browser.unlock()
+        rows = lambda which: self.browser.texts(f"main [aria-label='{which} alarms'] tbody tr")
+        for which in ("Shelved", "Passed"):
+            incident = self.cut(NORTH)[0]["incident"]
+            if which == "Shelved":
+                self.station.change("POST", "alarms/shelve", {"incident": incident, "until": self.time(600)})
+            self.feed.well()
+            wait_for("it is over", 40, lambda: not self.raised())
+            self.station.stop()
+            self.station.start()
+            wait_for("one row", 20, lambda: len(rows(which)) == 1)
+            for text in ("site=north", "20 alarms on 20 channels", "First: no signal, Channel "):
+                self.assertIn(text, rows(which)[0])
+            row = f"main [aria-label='{which} alarms'] .incident-row"
+            self.browser.run("document.querySelector(arguments[0]).querySelector('button').click()", row)
+            wait_for("its channels", 5, lambda: len(rows(which)) == 21)
+            path = which.lower()
+            self.assertEqual({one["incident"] for one in self.station.get(path)}, {incident})
+            if which == "Shelved":
+                self.assertEqual(self.station.change("POST", "alarms/unshelve", {"incident": incident})["handled"], 20)
+                time.sleep(11)  # what was raised is no chain any more
+            else:
+                self.browser.press("Seen", row)
+            wait_for("the list is empty", 10, lambda: not self.station.get(path) and not rows(which))
+        self.assertEqual(self.browser.problems(), [])
+
     def test_what_one_browser_says_the_other_shows(self):
         self.cut(NORTH)
         other = Browser()

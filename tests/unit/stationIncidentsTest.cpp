@@ -177,6 +177,32 @@ TEST(StationIncidents, WithoutLabelsSenderChannelAndMachineAreShared) {
     EXPECT_EQ(room.incidents.incidentOf(delivery.id), 0) << "a webhook that fails silences no channel";
 }
 
+TEST(StationIncidents, ChannelsThatAreWellSpeakAgainstTheMachine) {
+    const auto after = [](const char* type, const std::vector<int>& failed, const std::vector<int>& then) {
+        Room room;
+        thousand(room);
+        room.fail(failed);
+        room.pass(1s);
+        const std::size_t found = *findAlarmType(type);
+        room.incidents.raise(std::vector{room.alarm(*alarmTypes()[found].ofSource, found)}, room.now);
+        room.pass(1s);
+        room.fail(then);
+        return room.shared();
+    };
+    const auto range = [](int from, int count) { return Room{}.range(from, count); };
+    // What is not joined is some groups: it says nothing of 997 that are well.
+    for (const char* const type : {"not_joined", "probe_not_asking"}) {
+        EXPECT_THAT(after(type, {11, 12, 13}, {}), ElementsAre("rack=1 3")) << type;
+        EXPECT_THAT(after(type, range(0, 200), range(200, 60)), ElementsAre("site=north 260")) << type;
+        EXPECT_THAT(after(type, {5, 850}, {412}), IsEmpty()) << type;
+        EXPECT_THAT(after(type, range(0, 980), range(980, 20)), ElementsAre("this machine 1001")) << type;
+    }
+    for (const char* const type : {"link_down", "probe_silent", "capture_loss", "machine_drops"}) {
+        EXPECT_THAT(after(type, {11, 12, 13}, {850}), ElementsAre("this machine 5")) << type;
+        EXPECT_THAT(after(type, {5, 850}, {}), ElementsAre("this machine 3")) << type;
+    }
+}
+
 TEST(StationIncidents, AnIncidentIsOverWithItsLastAlarmAndKeepsItsId) {
     Room room;
     thousand(room);
@@ -202,7 +228,9 @@ TEST(StationIncidents, AnIncidentIsOverWithItsLastAlarmAndKeepsItsId) {
             room.incidents.clear(id, room.now);
         }
     }
+    room.incidents.forgetOver({incident});
     EXPECT_LE(room.incidents.all().size(), Incidents::kOver + 2);
+    EXPECT_NE(room.incidents.find(incident), nullptr) << "what passed of it was not seen yet";
     EXPECT_NE(room.incidents.find(later[0]), nullptr) << "one that is not over is kept";
 }
 
@@ -224,15 +252,18 @@ TEST(StationIncidents, ARestartNeitherSplitsNorRenumbers) {
     std::vector<Incident> stored = room.incidents.all();
     stored.push_back(stored.front());
     stored.back().id = 7;
-    EXPECT_THAT(after.incidents.restore(stored, raised, after.now), ElementsAre(7))
+    stored.push_back(stored.front());
+    stored.back().id = 8;
+    EXPECT_THAT(after.incidents.restore(stored, raised, {8}, after.now), ElementsAre(7))
         << "none of its alarms is raised";
+    EXPECT_EQ(after.incidents.find(8)->over, stored.back().last) << "what passed of it was not seen yet";
     EXPECT_EQ(after.incidents.incidentOf(ids[1]), ids[0]);
     EXPECT_EQ(after.incidents.find(ids[0])->active, 2U);
     after.fail({14});
     EXPECT_EQ(after.incidents.find(ids[0])->alarms, 4U) << "its chain goes on";
     after.pass(1min);
     after.fail({15, 16, 17});
-    EXPECT_THAT(after.incidents.all(), SizeIs(2));
+    EXPECT_THAT(after.incidents.all(), SizeIs(3));
     EXPECT_TRUE(after.incidents.clear(ids[1], after.now));
 }
 
@@ -346,7 +377,8 @@ TEST(StationIncidents, OutliveTheStationAndTheirFile) {
                                 .since = kBegin,
                                 .until = kBegin + 1h,
                                 .by = "ann",
-                                .remark = "flaps"};
+                                .remark = "flaps",
+                                .incident = 101};
         const PassedAlarm passed{.id = 90,
                                  .type = kNoSignal,
                                  .about = groupOf(4),
@@ -354,7 +386,8 @@ TEST(StationIncidents, OutliveTheStationAndTheirFile) {
                                  .raised = kBegin,
                                  .cleared = kBegin + 5s,
                                  .times = 3,
-                                 .text = "gone"};
+                                 .text = "gone",
+                                 .incident = 101};
         const Maintenance window{.id = 901,
                                  .from = kBegin,
                                  .until = kBegin + 1h,
@@ -401,7 +434,7 @@ TEST(StationIncidents, OutliveTheStationAndTheirFile) {
         ASSERT_THAT(state.incidents, SizeIs(1));
         Room after;
         thousand(after);
-        EXPECT_THAT(after.incidents.restore(state.incidents, state.active, after.now), IsEmpty());
+        EXPECT_THAT(after.incidents.restore(state.incidents, state.active, {}, after.now), IsEmpty());
         EXPECT_EQ(after.incidents.all(), room.incidents.all()) << lost;
     }
 }

@@ -140,15 +140,15 @@ int showShelved(StationClient& station, bool json) {
         puts("nothing is shelved");
         return 0;
     }
-    Listing table({"ID", "ALARM", "GROUP", "UNTIL (UTC)", "RAISED", "BY", "CHANNEL", "REMARK"});
+    Listing table({"ID", "ALARM", "GROUP", "UNTIL (UTC)", "RAISED", "INCIDENT", "BY", "CHANNEL", "REMARK"});
     for (const Json& one : all) {
         if (json) {
             print(one);
             continue;
         }
         table.add({text(one, "id"), text(one, "alarm"), text(one, "group"), timeText(one, "until"),
-                   text(one, "alarmId") == "-" ? "no" : "yes", text(one, "by"), text(one, "channel"),
-                   text(one, "remark")});
+                   text(one, "alarmId") == "-" ? "no" : "yes", text(one, "incident"), text(one, "by"),
+                   text(one, "channel"), text(one, "remark")});
     }
     if (!json) {
         table.print();
