@@ -1,8 +1,11 @@
 // Which channels the wall shows, and in which order.
+import {compareValues, groupedBy} from './filter.js';
 import {comparing} from './tableParts.js';
 
 // Names of the orders, for the address and the choice.
 export const kOrders = [['trouble', 'by trouble'], ['name', 'by name'], ['number', 'by number']];
+
+const kWell = 1001;  // troubleRank()
 
 // How much trouble a channel is in, less first: worst severity, not yet acknowledged before acknowledged, in
 // maintenance last of its severity; then what nothing is known of, then what is well.
@@ -14,7 +17,7 @@ export function troubleRank(store, channel) {
     return severity * 4 + (store.value(channel, 'maintenance') ? 2 : 0) + told;
   }
   if (state === 'disabled') return 1002;
-  return state === 'ok' ? 1001 : 1000;
+  return state === 'ok' ? kWell : 1000;
 }
 
 const kNoNumber = Number.MAX_SAFE_INTEGER;
@@ -62,6 +65,32 @@ export function arrange(store, filter) {
   return list.sort((a, b) => turn * (ranks.get(a) - ranks.get(b)) || a.nameRank - b.nameRank);
 }
 
+// Groups of channels, {value of a label -> channels}, in the order of `sort`: by trouble the group in the
+// worst first, of these the one with more channels in it; else by the values.
+export function arrangeGroups(store, groups, sort) {
+  const {name, down} = readSort(sort);
+  const troubles = new Map([...groups].map(
+      ([value, channels]) => [value, name === 'trouble' ? troubleOf(store, channels) : kNoTrouble]));
+  const turn = down ? -1 : 1;
+  const compare = (a, b) => {
+    const [one, other] = [troubles.get(a), troubles.get(b)];
+    return turn * (one.worst - other.worst || other.total - one.total) || compareValues(a, b);
+  };
+  return new Map([...groups].sort(([a], [b]) => compare(a, b)));
+}
+
+const kNoTrouble = {
+  worst: kWell,
+  total: 0
+};
+
+// The worst of several channels' ranks, and how many have it.
+function troubleOf(store, channels) {
+  const ranks = channels.map((channel) => troubleRank(store, channel));
+  const worst = Math.min(...ranks);
+  return worst >= kWell ? kNoTrouble : {worst, total: ranks.filter((rank) => rank === worst).length};
+}
+
 // Of a field that the address names, which may be none.
 function measureOf(store, channel, name) {
   const value = store.measure(channel, name);
@@ -70,12 +99,7 @@ function measureOf(store, channel, name) {
 
 // Of several values of one label any will do; of each label one has to be there.
 function byName(labels) {
-  const texts = new Map();
-  for (const label of labels) {
-    const name = label.split('=', 1)[0];
-    texts.set(name, [...(texts.get(name) ?? []), label]);
-  }
-  return [...texts.values()];
+  return [...groupedBy(labels, (label) => label.split('=', 1)[0]).values()];
 }
 
 function passesState(store, channel, state) {

@@ -1,9 +1,9 @@
 // The wall: a tile or a table row for every channel, by groups where a label was chosen for them.
 import {onPaletteChange} from './canvas.js';
 import {el, setClass, setText} from './dom.js';
-import {addressOf, compareValues, filterOf, valueOf} from './filter.js';
+import {addressOf, filterOf, groupedBy, valueOf} from './filter.js';
 import {Hold} from './hold.js';
-import {arrange, isMoving} from './order.js';
+import {arrange, arrangeGroups, isMoving} from './order.js';
 import {placeInOrder} from './placing.js';
 import {kSparkCells} from './store.js';
 import {Heads} from './tableParts.js';
@@ -179,10 +179,13 @@ export class Wall {
     this.controls.update(this.asTable);
   }
 
+  // In the order that there is: the pointer is on one of the heads.
   fold(value) {
     const fold = new Set(this.filter.fold);
     if (!fold.delete(value)) fold.add(value);
-    this.choose({fold});
+    this.filter.fold = fold;
+    this.replaceAddress('', addressOf(this.filter));
+    this.place();
   }
 
   channelsChanged() {
@@ -250,23 +253,7 @@ export class Wall {
     this.arranged = Date.now();
     this.shown = channels.length;
     this.groups = this.grouped(channels);
-    const sections = [...this.groups.keys()].map((value) => this.sectionOf(value));
-    for (const [value, section] of this.sections) {
-      if (this.groups.has(value)) continue;
-      for (const node of section.nodes) node.remove();
-      this.sections.delete(value);
-    }
-    const nodes = sections.flatMap((section) => section.nodes);
-    placeInOrder(this.container, this.asTable ? [this.head, ...nodes] : nodes);
-    let first = null;
-    for (const [value, members] of this.groups) {
-      const folded = value !== null && this.filter.fold.has(value);
-      const placed = folded ? [] : members.map((channel) => this.tileOf(channel).node);
-      placeInOrder(this.sections.get(value).list, placed);
-      first ??= placed[0];
-    }
-    this.updateHeads();
-    if (first && !this.holder.contains(document.activeElement)) this.rove(first.tile.link);
+    this.place();
     if (!this.measured) {
       this.measured = true;
       performance.mark(kFirstPicture);
@@ -279,19 +266,33 @@ export class Wall {
                                    'No channels yet. Add some under Edit, or in the configuration.');
   }
 
+  // What is shown of `groups`, in their order.
+  place() {
+    const sections = [...this.groups.keys()].map((value) => this.sectionOf(value));
+    for (const [value, section] of this.sections) {
+      if (this.groups.has(value)) continue;
+      for (const node of section.nodes) node.remove();
+      this.sections.delete(value);
+    }
+    const nodes = sections.flatMap((section) => section.nodes);
+    placeInOrder(this.container, this.asTable ? [this.head, ...nodes] : nodes);
+    let first = null;
+    for (const [value, members] of this.groups) {
+      const folded = value !== null && this.filter.fold.has(value);
+      const there = members.filter((channel) => this.store.channels.get(channel.group) === channel);
+      const placed = folded ? [] : there.map((channel) => this.tileOf(channel).node);
+      placeInOrder(this.sections.get(value).list, placed);
+      first ??= placed[0];
+    }
+    this.updateHeads();
+    if (first && !this.holder.contains(document.activeElement)) this.rove(first.tile.link);
+  }
+
   // Channels by the label's values; all under null without grouping.
   grouped(channels) {
-    const {by} = this.filter;
+    const {by, sort} = this.filter;
     if (!by) return new Map([[null, channels]]);
-    const groups = new Map();
-    for (const channel of channels) {
-      const value = valueOf(channel, by);
-      if (groups.has(value))
-        groups.get(value).push(channel);
-      else
-        groups.set(value, [channel]);
-    }
-    return new Map([...groups].sort(([a], [b]) => compareValues(a, b)));
+    return arrangeGroups(this.store, groupedBy(channels, (channel) => valueOf(channel, by)), sort);
   }
 
   sectionOf(value) {

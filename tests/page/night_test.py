@@ -237,11 +237,14 @@ class NightTest(FedTest):
         self.open("#?by=site")
         heads = lambda: self.browser.run(
             "return [...document.querySelectorAll('main .group-head')].map((node) => node.innerText.replace(/\\s+/g, ' '))")
-        wait_for("groups with counts", 10, lambda: heads() == ["▾ north 20 channels ✓ 20 ok", "▾ south 20 channels ✕ 2 critical ✓ 18 ok"])
+        wait_for("groups with counts, the worst first", 10, lambda: heads() == [
+            "▾ south 20 channels ✕ 2 critical ✓ 18 ok", "▾ north 20 channels ✓ 20 ok"])
         self.browser.press("▾ north")
         wait_for("the north folded", 5, lambda: "fold=north" in self.address() and len(self.browser.texts(NAMES)) == 20)
         self.browser.driver.refresh()
-        wait_for("folded after a reload", 10, lambda: len(self.browser.texts(NAMES)) == 20 and heads()[0].startswith("▸ north"))
+        wait_for("folded after a reload", 10, lambda: len(self.browser.texts(NAMES)) == 20 and heads()[1].startswith("▸ north"))
+        self.open("#?by=site&sort=name")
+        wait_for("groups by name", 10, lambda: [head[2:7] for head in heads()] == ["north", "south"])
         # Labels of one name are alternatives, others have to hold as well.
         for fragment, total in {"#?label=site%3Dsouth&label=kind%3Dnews": 7, "#?label=site%3Dsouth&label=site%3Dnorth": 40,
                                 "#?alarm=no_signal": 2, "#?q=channel+239.3.0.4&label=kind%3Dnews": 2}.items():
@@ -268,6 +271,20 @@ class NightTest(FedTest):
         self.browser.press("▾ south", ".alarm-list")
         wait_for("folded", 5, lambda: "fold=south" in self.address() and not [
             row for row in self.browser.texts(ALARMS) if "Channel" in row])
+        # Groups wait for the pointer too, and folding one moves none.
+        self.open("#?by=site")
+        order = lambda: [head[2:7] for head in heads()]
+        wait_for("the south first", 10, lambda: order() == ["south", "north"])
+        ActionChains(self.browser.driver).move_to_element(self.browser.find("main .group-head button")).perform()
+        self.feed.silenced = {GROUPS[n] for n in (0, 1, 2, 3, 4)}
+        wait_for("more faults in the north", 20, lambda: len(self.raised()) == 5)
+        wait_for("they are counted", 5, lambda: any("3 critical" in head for head in heads()))
+        self.browser.press("▾ south")
+        wait_for("the south folded", 5, lambda: heads()[0].startswith("▸"))
+        time.sleep(2)
+        self.assertEqual(order(), ["south", "north"])
+        ActionChains(self.browser.driver).move_to_element(self.browser.find("header .brand")).perform()
+        wait_for("the north first", 10, lambda: order() == ["north", "south"])
 
     def test_the_wall_on_a_wall(self):
         self.browser.device("dark", 1920, 1080)
