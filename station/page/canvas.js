@@ -53,16 +53,34 @@ function mixed(from, to, share) {
   return `#${parts.join('')}`;
 }
 
-// Calls `redraw` when the system turns from dark to light or back; returns what ends that.
+const redraws = new Set();
+
+// Calls `redraw` when the system turns from dark to light or back, and when the page goes onto paper or comes
+// back, where drawings are of another size too; returns what ends that.
 export function onPaletteChange(redraw) {
-  const dark = matchMedia('(prefers-color-scheme: dark)');
-  const listener = () => {
-    colours = null;
-    redraw();
-  };
-  dark.addEventListener('change', listener);
-  return () => dark.removeEventListener('change', listener);
+  redraws.add(redraw);
+  return () => redraws.delete(redraw);
 }
+
+// Whether the page is being printed.
+export function isOnPaper() {
+  return document.documentElement.classList.contains('paper');
+}
+
+function redrawAll() {
+  colours = null;
+  for (const redraw of redraws) redraw();
+}
+
+function putOnPaper(on) {
+  document.documentElement.classList.toggle('paper', on);
+  for (const canvas of document.querySelectorAll('canvas')) forgetSize(canvas);
+  redrawAll();
+}
+
+matchMedia('(prefers-color-scheme: dark)').addEventListener('change', redrawAll);
+addEventListener('beforeprint', () => putOnPaper(true));
+addEventListener('afterprint', () => putOnPaper(false));
 
 // Sizes the canvas for its box, which it remembers: asking for a box forces a layout. forgetSize() after the
 // box changed.

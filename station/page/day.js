@@ -2,7 +2,7 @@
 // the share of bad seconds.
 import {query} from './api.js';
 import {alarmSpans, hatch, windowSpans, worstOf} from './bands.js';
-import {fitCanvas, forgetSize, onPaletteChange, palette} from './canvas.js';
+import {fitCanvas, forgetSize, isOnPaper, onPaletteChange, palette} from './canvas.js';
 import {el, setText} from './dom.js';
 import {groupedBy, valueOf} from './filter.js';
 import {duration, nameText, parseTime, time, visible, words} from './format.js';
@@ -15,9 +15,8 @@ const kAgainMs = 60_000;
 const kAfterFailureMs = 5_000;
 const kTimelineMs = 3_000;
 const kPartOfTime = 10;  // times as long as an answer takes until the next one
-const kHourCells = 12;
-const kMarksEvery = 3;  // hours
-const kMarksWide = 6;   // where there is less room
+const kMarksEvery = 3;   // hours
+const kMarksWide = 6;    // where there is less room
 const kNearScreen = '400px';
 const kSeverityEdge = 3;  // px along the top: the worst severity that was raised
 const kLeast = 0.15;      // of the height: one bad second has to be seen
@@ -47,6 +46,7 @@ export class DayView {
     this.onlyBad = parameters.get('bad') === '1';
     this.rows = new Map();  // group -> row
     this.end = 0;           // of the newest cell
+    this.hours = [];        // cells in which one begins
     this.closed = false;
     this.renewing = null;
     this.timelineMs = kTimelineMs;
@@ -60,7 +60,7 @@ export class DayView {
     });
     this.build();
     this.ends = [
-      onPaletteChange(() => this.near.forEach((row) => this.draw(row))),
+      onPaletteChange(() => (isOnPaper() ? this.rows : this.near).forEach((row) => this.draw(row))),
       this.store.on('channels', () => this.arrange()),
       this.store.on('meta', () => this.renewTimeline()),
       this.store.on('alarms', () => this.renewTimeline()),
@@ -234,9 +234,12 @@ export class DayView {
   showMarks() {
     const begin = this.end - kCells * kCellMs;
     const marks = [];
+    this.hours = [];
     for (let cell = 0; cell < kCells; cell++) {
       const {hour, minute} = parts(new Date(begin + cell * kCellMs));
-      if (minute >= 5 || hour % kMarksEvery) continue;
+      if (minute >= 5) continue;
+      this.hours.push(cell);
+      if (hour % kMarksEvery) continue;
       const mark = el('span', {
         class: hour % kMarksWide ? 'minor' : '',  // left out where there is no room
         text: `${String(hour).padStart(2, '0')}:00`
@@ -270,8 +273,7 @@ export class DayView {
         (left, wide) => hatch(context, {x: 0, y: 0, w: width, h: height}, left, wide, colours.faint));
     const fill = {a: colours.alarm, n: colours.noSignal};
     context.fillStyle = colours.grid;
-    for (let hour = 1; hour < kCells / kHourCells; hour++)
-      context.fillRect(Math.round(hour * kHourCells * width / kCells), 0, 1, height);
+    for (const cell of this.hours) context.fillRect(Math.round(cell * width / kCells), 0, 1, height);
     for (let cell = 0; cell < kCells; cell++) {
       const left = Math.floor(cell * width / kCells);
       const size = Math.max(1, Math.floor((cell + 1) * width / kCells) - left);

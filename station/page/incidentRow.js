@@ -54,7 +54,8 @@ export class IncidentRow {
     this.alarms = alarms;
     const channels = new Set(alarms.map(({group}) => group).filter(Boolean)).size;
     setClass(this.node, `incident-row${severity ? ` is-${severity}` : ''}${told ? ' told' : ''}`);
-    setText(this.sign, severity ? sign(severity) : '');
+    this.sign.hidden = !severity;
+    setText(this.sign, sign(severity));
     setText(this.word, ` ${severity ? visible(severity) : 'incident'}`);
     setText(this.shared, sharedText(store, incident));
     const of = incident.covered > channels ? ` of ${count(incident.covered)}` : '';

@@ -178,8 +178,14 @@ export class Plot {
     };
   }
 
+  // Draws once, in whatever size its box has by now.
   restyle() {
-    this.graph?.updateOptions({...this.colours(), ...this.sizes()});
+    const {graph} = this;
+    if (!graph) return;
+    const size = JSON.stringify(graph.size());
+    graph.updateOptions({...this.colours(), ...this.sizes()}, true);
+    graph.resize();
+    if (JSON.stringify(graph.size()) === size) graph.updateOptions({});
   }
 
   // After its box has another size.

@@ -95,13 +95,14 @@ export class PlotPanel {
     this.place = el('div', {class: 'plot-place'});
     this.cursor = el('p', {class: 'plot-cursor'});
     this.legend = el('p', {class: 'note plot-legend'});
-    this.node = el(
-        'section', {class: 'panel'},
-        el('div', {class: 'panel-head small-controls'}, this.title, this.timeText, this.copy, this.live,
-           el('span', {class: 'choices', role: 'group', 'aria-label': 'Time'}, ...this.rangeButtons)),
-        el('div', {class: 'plot-controls small-controls'}, this.cursor, this.picker.input, this.picker.list,
-           this.choice, this.earlier, this.later, this.file),
-        this.plots.problem, this.plots.note, this.place, this.legend, el('p', {class: 'note', text: kHint}));
+    this.node =
+        el('section', {class: 'panel'},
+           el('div', {class: 'panel-head small-controls'}, this.title, this.timeText, this.copy, this.live,
+              el('span', {class: 'choices', role: 'group', 'aria-label': 'Time'}, ...this.rangeButtons)),
+           el('div', {class: 'plot-controls small-controls'}, this.cursor, this.picker.input,
+              this.picker.list, this.choice, this.earlier, this.later, this.file),
+           this.plots.problem, this.plots.note, this.place, this.legend,
+           el('p', {class: 'note no-print', text: kHint}));
     this.showOver();
   }
 

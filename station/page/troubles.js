@@ -15,8 +15,8 @@ export class Troubles {
     this.next = el('a', {text: 'Next ›', 'aria-keyshortcuts': 'n'});
     this.place = el('span', {class: 'note'});
     this.node =
-        el('nav', {class: 'troubles', 'aria-label': 'Channels in trouble'}, this.previous, this.place,
-           this.next);
+        el('nav', {class: 'troubles no-print', 'aria-label': 'Channels in trouble'}, this.previous,
+           this.place, this.next);
     this.ends = [store.on('snapshot', () => this.update()), store.on('channels', () => this.update())];
     this.press = (event) => this.pressed(event);
     addEventListener('keydown', this.press);

@@ -1,5 +1,5 @@
 // The wall: a tile or a table row for every channel, by groups where a label was chosen for them.
-import {onPaletteChange} from './canvas.js';
+import {isOnPaper, onPaletteChange} from './canvas.js';
 import {el, setClass, setText} from './dom.js';
 import {addressOf, filterOf, groupedBy, valueOf} from './filter.js';
 import {Hold} from './hold.js';
@@ -39,7 +39,7 @@ export class Wall {
       store.on('alarms', () => this.alarmsChanged()),
       store.on('overview', () => this.each((tile) => tile.draw())),
       store.on('meta', () => this.metaChanged()),
-      onPaletteChange(() => this.each((tile) => tile.draw())),
+      onPaletteChange(() => this.repaint()),
     ];
     this.onVisible = () => {
       if (!document.hidden) this.update();
@@ -163,8 +163,7 @@ export class Wall {
       for (const tile of this.near) tile.empty();
       this.near.clear();
       this.free = [];
-      this.observer.disconnect();
-      for (const tile of this.tiles.values()) this.observer.observe(tile.node);
+      this.observeAgain();
     }
     this.update(true);
   }
@@ -326,15 +325,35 @@ export class Wall {
     return tile;
   }
 
+  // On paper there is no near and far.
+  repaint() {
+    if (isOnPaper()) {
+      for (const tile of this.tiles.values()) this.fill(tile);
+    } else {
+      this.observeAgain();
+    }
+    this.each((tile) => tile.draw());
+  }
+
+  observeAgain() {
+    this.observer.disconnect();
+    for (const tile of this.tiles.values()) this.observer.observe(tile.node);
+  }
+
+  fill(tile) {
+    if (tile.parts || !this.store.meta) return;
+    tile.fill(
+        this.free.pop() ??
+        (this.asTable ? makeRowBody : makeTileBody)(this.columns, this.store.isMetered, this.pictured));
+    this.near.add(tile);
+  }
+
   seen(entries) {
     for (const {target, isIntersecting} of entries) {
       const {tile} = target;
-      if (isIntersecting && !tile.parts && this.store.meta) {
-        tile.fill(
-            this.free.pop() ??
-            (this.asTable ? makeRowBody : makeTileBody)(this.columns, this.store.isMetered, this.pictured));
-        this.near.add(tile);
-      } else if (!isIntersecting && tile.parts) {
+      if (isIntersecting) {
+        this.fill(tile);
+      } else if (tile.parts) {
         this.free.push(tile.empty());
         this.near.delete(tile);
       }

@@ -286,6 +286,20 @@ class NightTest(FedTest):
         ActionChains(self.browser.driver).move_to_element(self.browser.find("header .brand")).perform()
         wait_for("the north first", 10, lambda: order() == ["north", "south"])
 
+    def test_on_paper_there_is_all_of_it_dark_on_white(self):
+        self.open("#?view=table")
+        rows = "[...document.querySelectorAll('.wall-table tbody tr')].filter((row) => row.textContent.includes('bit/s')).length"
+        wait_for("the rows in sight", 10, lambda: 0 < self.browser.run(f"return {rows}") < CHANNELS)
+        self.browser.run(f"""addEventListener('beforeprint', () => {{
+            window.printed = [{rows}, getComputedStyle(document.body).color, document.querySelector('.wall-table').scrollWidth];
+        }})""")
+        self.browser.cdp("Page.printToPDF", paperWidth=8.27, paperHeight=11.69)
+        filled, colour, width = self.browser.run("return window.printed")
+        self.assertEqual((filled, colour), (CHANNELS, "rgb(0, 0, 0)"))
+        self.assertLess(width, 720, "190 mm")
+        wait_for("the screen again", 5, lambda: 0 < self.browser.run(f"return {rows}") < CHANNELS)
+        self.assertEqual(self.browser.run("return document.documentElement.className"), "")
+
     def test_the_wall_on_a_wall(self):
         self.browser.device("dark", 1920, 1080)
         self.open("#?label=site%3Dnorth")
