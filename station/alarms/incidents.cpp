@@ -128,8 +128,10 @@ void Incidents::take(State& state, const Candidate& candidate, IncidentChange& c
     state.last = std::max(state.last, candidate.at);
     ++incident.alarms;
     state.concerned.add(candidate.alarm);
-    incident.channels = static_cast<std::size_t>(std::ranges::count_if(
+    const auto channels = static_cast<std::size_t>(std::ranges::count_if(
         state.concerned.subjects, [](const Subject& one) { return one.group().has_value(); }));
+    // Of those from before a restart not all are known.
+    incident.channels = std::max(incident.channels, channels);
     std::vector<Shared> common;
     std::ranges::set_intersection(state.common, candidate.keys, std::back_inserter(common));
     state.common = std::move(common);

@@ -334,7 +334,7 @@ class ManyChannelsTest(unittest.TestCase):
         wait_for("no chain that goes on", 30, lambda: not [one for one in station.get("incidents") if not one["over"] and
                                                            one["last"] > rfc3339(-12)])
         many.writer.silenced = many.long_cable()
-        row = lambda: "".join(text for text in browser.texts("main .incident-row") if "cable=long" in text)
+        row = lambda: "".join(text for text in browser.texts("main .alarm-list .incident-row") if "cable=long" in text)
         wait_for("one row", 20, lambda: "400 alarms on 400 channels" in row())
         in_storm = browser.main_thread_ms(10)
         browser.image("events-1000")
