@@ -254,6 +254,7 @@ TEST(StationIncidents, ARestartNeitherSplitsNorRenumbers) {
     stored.back().id = 7;
     stored.push_back(stored.front());
     stored.back().id = 8;
+    stored.back().began = stored.back().last = room.now.wall - 1h;
     EXPECT_THAT(after.incidents.restore(stored, raised, {8}, after.now), ElementsAre(7))
         << "none of its alarms is raised";
     EXPECT_EQ(after.incidents.find(8)->over, stored.back().last) << "what passed of it was not seen yet";
