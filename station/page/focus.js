@@ -26,6 +26,15 @@ export function keepingFocus(root, change, otherwise = null) {
   (there[Math.min(within, there.length - 1)] ?? otherwise)?.focus({preventScroll: true});
 }
 
+// Where its row was made anew for the same group, what stands at its place there.
+function inSameRow(opener) {
+  const row = opener.closest('tr[data-group]');
+  if (!row) return null;
+  const again = document.querySelector(`tr[data-group="${CSS.escape(row.dataset.group)}"]`);
+  const place = [...row.querySelectorAll(kFocusable)].indexOf(opener);
+  return again?.querySelectorAll(kFocusable)[place];
+}
+
 // After a dialog: to what opened it, or what took its place.
 export function giveBack(opener) {
   if (!opener || opener.isConnected) {
@@ -35,5 +44,5 @@ export function giveBack(opener) {
   const label = opener.getAttribute('aria-label');
   const same = label &&
       [...document.querySelectorAll('[aria-label]')].find((one) => one.getAttribute('aria-label') === label);
-  (same || document.getElementById('main')).focus({preventScroll: true});
+  (same || inSameRow(opener) || document.getElementById('main')).focus({preventScroll: true});
 }
