@@ -6,6 +6,7 @@ import {fitCanvas, forgetSize, isOnPaper, onPaletteChange, palette} from './canv
 import {el, setText} from './dom.js';
 import {groupedBy, valueOf} from './filter.js';
 import {duration, nameText, parseTime, time, visible, words} from './format.js';
+import {placeInOrder} from './placing.js';
 import {parts} from './zone.js';
 
 const kCells = 288;
@@ -44,9 +45,10 @@ export class DayView {
     this.replaceAddress = context.replaceAddress;
     this.label = parameters.get('by') ?? '';
     this.onlyBad = parameters.get('bad') === '1';
-    this.rows = new Map();  // group -> row
-    this.end = 0;           // of the newest cell
-    this.hours = [];        // cells in which one begins
+    this.rows = new Map();   // group -> row
+    this.heads = new Map();  // value of the label -> its head
+    this.end = 0;            // of the newest cell
+    this.hours = [];         // cells in which one begins
     this.closed = false;
     this.renewing = null;
     this.timelineMs = kTimelineMs;
@@ -101,6 +103,7 @@ export class DayView {
   choose() {
     this.label = this.by.value;
     this.onlyBad = this.bad.checked;
+    this.heads.clear();
     this.replaceAddress('day', {...(this.label && {by: this.label}), ...(this.onlyBad && {bad: '1'})});
     this.arrange();
   }
@@ -199,7 +202,7 @@ export class DayView {
                 ([
                   value, rows
                 ]) => [...(this.label ? [this.headOf(value, rows)] : []), ...rows.map(({node}) => node)]);
-    this.list.replaceChildren(...nodes);
+    placeInOrder(this.list, nodes);
     this.hint.hidden = wanted.length > 0;
     setText(
         this.hint,
@@ -209,11 +212,13 @@ export class DayView {
 
   headOf(value, rows) {
     const worse = rows.filter(({total}) => total > 0).length;
-    return el('h2', {
-      class: 'day-group',
-      text: `${value ? visible(value) : `without ${visible(this.label)}`}: ${rows.length} ${
-          rows.length === 1 ? 'channel' : 'channels'}, ${worse} with bad seconds`
-    });
+    const head = this.heads.get(value) ?? el('h2', {class: 'day-group'});
+    this.heads.set(value, head);
+    setText(
+        head,
+        `${value ? visible(value) : `without ${visible(this.label)}`}: ${rows.length} ${
+            rows.length === 1 ? 'channel' : 'channels'}, ${worse} with bad seconds`);
+    return head;
   }
 
   fillLabels() {
