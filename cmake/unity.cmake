@@ -3,7 +3,9 @@
 # needs, as clang-tidy and the packages show, which compile every file by itself.
 set(files_at_once 12)
 
-# Evenly, so that one file more or less moves few others to another unit.
+# Evenly, so that one file more or less moves few others to another unit. Files that include one of the heaviest headers
+# stand first, and so together.
+set(heaviest "^#include <(boost/(asio|beast)|nlohmann/json\\.hpp|CLI/CLI\\.hpp)")
 function(compile_together target)
   get_target_property(sources ${target} SOURCES)
   get_target_property(root ${target} SOURCE_DIR)
@@ -14,7 +16,12 @@ function(compile_together target)
     get_filename_component(directory ${source} DIRECTORY)
     get_filename_component(directory ${directory} NAME)
     list(APPEND directories ${directory})
-    list(APPEND files_${directory} ${source})
+    file(STRINGS ${source} heavy REGEX ${heaviest} LIMIT_COUNT 1)
+    if(heavy)
+      list(PREPEND files_${directory} ${source})
+    else()
+      list(APPEND files_${directory} ${source})
+    endif()
   endforeach()
   list(REMOVE_DUPLICATES directories)
   foreach(directory ${directories})
