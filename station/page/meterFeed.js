@@ -45,17 +45,19 @@ export class MeterFeed {
   }
 
   async ask() {
+    let report;
     try {
       if (!this.there && !await this.look()) return;
-      const report = await this.api.get(`channels/${encodeURIComponent(this.group)}/meter`);
-      if (!this.closed) this.take(report);
+      report = await this.api.get(`channels/${encodeURIComponent(this.group)}/meter`);
     } catch (error) {
       if (!error.status) return;  // no answer: what there is holds for a moment
       this.there = false;         // refused: there is none, or none of this channel yet
       this.reason = error.message;
       if (!this.last || this.closed) return;
       this.taken = -Infinity;
+      return;
     }
+    if (!this.closed) this.take(report);
   }
 
   // Whether a meter is there that could be asked: what is refused would be told to whoever watches the
