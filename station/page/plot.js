@@ -13,6 +13,7 @@ const kRoom = 1.12;     // above the highest level
 const kLate = 2.5;      // points: a value that is so old is not that of a time
 const kLevelFont = 10;
 const kSparseMs = 60_000;
+const kToldMs = 3_000;  // until all that is measured of a second is told
 const kUnknown = [null, null, null];
 
 export class Plot {
@@ -318,12 +319,15 @@ export class Plot {
     setText(this.readout, said + this.valueText(point) + second);
   }
 
-  // What is measured now and then is what it was last, within kSparseMs.
+  // The newest point may not be measured yet: a source tells of a second within the next ones. What is
+  // measured now and then is what it was last, within kSparseMs.
   newest() {
     const last = this.points.at(-1);
-    if (!this.metric.sparse || !last) return last;
+    if (!last) return last;
     const known = this.points.findLast(([, [, mean]]) => isKnown(mean));
-    return known && last[0] - known[0] <= kSparseMs ? known : last;
+    const step = 1000 * this.resolution;
+    const late = this.metric.sparse ? kSparseMs : Math.max(kToldMs, step);
+    return known && last[0] - known[0] <= late ? known : last;
   }
 
   valueText(point) {

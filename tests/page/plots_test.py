@@ -98,6 +98,17 @@ class PlotsTest(SpoiledTest):
         self.assertEqual(self.browser.text(f"{RATE} .plot-unit"), "bit/s, mean of each minute, lowest to highest shaded")
         self.assertEqual(self.address(), "#channel/239.1.1.1?r=60")
 
+    def test_a_second_that_is_not_told_yet_hides_no_figure(self):
+        def late(body):
+            answer = json.loads(body)
+            for one in answer["series"]:
+                one["values"][-1:] = [None] * bool(one["values"])
+            return json.dumps(answer).encode()
+        self.between.spoil(r"/history\?", late)
+        self.addCleanup(self.between.mend)
+        self.open()
+        self.assertRegex(self.browser.text(f"{RATE} output"), r"^\d\.\d+ Mbit/s$")
+
     def test_one_crosshair_with_time_and_values(self):
         wait_for("the alarm", 20, lambda: [one for one in self.station.get("alarms") if one["alarm"] == "bitrate_high"])
         self.open()
