@@ -4,7 +4,7 @@ import {query} from './api.js';
 import {alarmSpans, hatch, windowSpans, worstOf} from './bands.js';
 import {fitCanvas, forgetSize, isOnPaper, onPaletteChange, palette} from './canvas.js';
 import {el, setText} from './dom.js';
-import {groupedBy, valueOf} from './filter.js';
+import {compareValues, groupedBy, valueOf} from './filter.js';
 import {duration, nameText, parseTime, time, visible, words} from './format.js';
 import {placeInOrder} from './placing.js';
 import {parts} from './zone.js';
@@ -197,7 +197,7 @@ export class DayView {
     const byValue = groupedBy(wanted, ({group}) => valueOf(channels.get(group), this.label));
     const nodes =
         [...byValue]
-            .sort(([a], [b]) => a.localeCompare(b))
+            .sort(([a], [b]) => compareValues(a, b))
             .flatMap(
                 ([
                   value, rows
