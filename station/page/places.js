@@ -26,6 +26,7 @@ export function keepPlaces() {
   addEventListener('scroll', later, {passive: true});
   document.addEventListener('focusin', later);
   addEventListener('pagehide', save);
+  addEventListener('popstate', leave);  // comes with the other entry; hashchange may be some tasks behind
   for (const event of ['wheel', 'touchmove', 'keydown', 'pointerdown'])
     addEventListener(event, stop, {passive: true});
 }
