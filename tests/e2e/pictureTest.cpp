@@ -375,9 +375,12 @@ TEST_F(Picture, KeepsItsShare) {
     const double rate = static_cast<double>(to.pictures() - from.pictures()) / passed.count();
     EXPECT_NEAR(to.interval_s(), 500 / rate, 0.6 * 500 / rate);
     list(channels, 0);
-    eventually([&] { return status().waiting() == 0; });
+    // Turns that were under way come to their end; a status of before knows of neither.
+    EXPECT_TRUE(eventually([&] {
+        const picturing::Status now = status();
+        return now.problem().find("cores = 0") != std::string::npos && now.waiting() == 0;
+    }));
     const auto before = shots().size();
-    EXPECT_TRUE(eventually([&] { return status().problem().find("cores = 0") != std::string::npos; }));
     std::this_thread::sleep_for(2s);
     EXPECT_EQ(shots().size(), before);
 }
