@@ -73,7 +73,7 @@ std::string chosenText(const Selection& which, std::size_t channels) {
     }
     std::string text;
     for (const auto& [name, value] : which.labels) {
-        text += (text.empty() ? "" : " and ") + name + "=" + value;
+        text.append(text.empty() ? "" : " and ").append(name).append("=").append(value);
     }
     return text.empty() ? counted(channels, "channel") : text;
 }

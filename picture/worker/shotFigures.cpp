@@ -60,7 +60,7 @@ Luma measureLuma(const SmallPicture& picture) {
                 }
             }
             const int samples = (bottom - top) * (right - left);
-            figures.raster[static_cast<std::size_t>(y * kRasterWidth + x)] =
+            figures.raster[static_cast<std::size_t>(y) * kRasterWidth + static_cast<std::size_t>(x)] =
                 static_cast<uint8_t>((total + samples / 2) / samples);
         }
     }

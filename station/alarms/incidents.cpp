@@ -256,6 +256,7 @@ std::vector<IncidentChange> Incidents::raise(std::span<const Alarm> raised, cons
         join(*state, best.key, changes);
     }
     std::vector<IncidentChange> all;
+    all.reserve(changes.size());
     for (auto& [id, change] : changes) {
         all.push_back(std::move(change));
     }

@@ -168,11 +168,9 @@ void KeyPicture::feed(Bytes piece) {
 void KeyPicture::lookAtHead() {
     if (use_ == Use::kOpen && !open_.empty()) {
         const Unit kind = kindOf(open_[0]);
-        if (kind == Unit::kOther) {
-            use_ = Use::kPassed;
-        } else if (kind == Unit::kSlice && open_.size() >= wanted(open_[0])) {
+        if (kind == Unit::kSlice && open_.size() >= wanted(open_[0])) {
             beginSlice(open_);
-        } else if (open_.size() > kFrontBytes) {
+        } else if (kind == Unit::kOther || open_.size() > kFrontBytes) {
             use_ = Use::kPassed;
         }
     }
