@@ -155,7 +155,7 @@ class LiveCapture final : public Capture {
     };
 
     static void take(u_char* self, const pcap_pkthdr* header, const u_char* bytes) {
-        reinterpret_cast<LiveCapture*>(self)->take(*header, bytes);
+        static_cast<LiveCapture*>(static_cast<void*>(self))->take(*header, bytes);
     }
 
     void take(const pcap_pkthdr& header, const u_char* bytes) {
