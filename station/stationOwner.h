@@ -33,7 +33,7 @@
 namespace station {
 
 // The loop of the owner, and what ties its parts to the threads.
-struct Station::Implementation : StationInterface, CommandEffects {
+struct Station::Implementation final : StationInterface, CommandEffects {
     FileKeeper& keeper;
     Mailbox& mailbox;
     std::shared_ptr<const Configuration> current;

@@ -232,7 +232,7 @@ std::string putAside(const std::filesystem::path& file, std::string_view why) {
     for (int number = 0; number < kOfOneSecond; ++number) {
         free = std::filesystem::exists(name(number), error) ? number + 1 : free;
     }
-    const std::string base = name(free);
+    std::string base = name(free);
     std::filesystem::rename(file, base, error);
     if (error) {
         return {};
@@ -270,7 +270,7 @@ std::string DatabasePlace::clear() const {
             std::filesystem::remove(file_.string() + companion, error);
         }
     }
-    const std::string aside = putAside(file_, "replaced");
+    std::string aside = putAside(file_, "replaced");
     if (aside.empty()) {
         throw DatabaseError(DatabaseError::Kind::kOther,
                             "another file took its place, and cannot be renamed");
