@@ -7,7 +7,6 @@
 namespace meter {
 namespace {
 
-constexpr std::size_t kLanguageSize = 3;
 constexpr std::size_t kPagesLimit = 32;  // of a stream
 
 // ISO 639-2 code at `offset`; empty where it is none.

@@ -35,6 +35,8 @@ enum DescriptorTag : uint8_t {
     kExtensionDescriptor = 0x7F,
 };
 
+inline constexpr std::size_t kLanguageSize = 3;  // of an ISO 639-2 code, in bytes
+
 // Calls take(tag, content) for each descriptor of the loop that is there as a whole.
 template <typename Take>
 void forEachDescriptor(Bytes loop, Take take) {

@@ -86,7 +86,6 @@ std::vector<ServiceEntry> readSdt(Bytes section) {
 std::optional<ProgrammeReport> readEvent(Bytes section) {
     constexpr std::size_t kFixedSize = 6;  // identifiers, segment and last table
     constexpr std::size_t kEventSize = 12;
-    constexpr std::size_t kLanguageSize = 3;
     const Bytes body = sectionBody(section);
     if (body.size() < kFixedSize + kEventSize)
         return std::nullopt;
