@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <deque>
 #include <fstream>
 #include <sstream>
@@ -32,9 +33,11 @@ struct SilentSource : Presence {
 struct Owner : CommandEffects {
     ScratchDirectory directory;
     bool made;  // what the store finds
-    Now now{SteadyTime(1000s), WallTime(1'700'000'000s)};
+    const Now begin{SteadyTime(1000s), WallTime(1'700'000'000s)};
+    Now now = begin;
+    std::atomic<std::chrono::milliseconds> passed{};  // since the begin, for the store's thread
     std::shared_ptr<Configuration> configuration_ = std::make_shared<Configuration>();
-    EventStore store{directory.path(), {90, 1'000'000}, [this] { return now; }};
+    EventStore store{directory.path(), {90, 1'000'000}, [this] { return after(passed); }};
     Delivery delivery{directory.path(), "p"};
     EventDesk desk{store, delivery};
     ChannelBook book;
@@ -99,9 +102,11 @@ struct Owner : CommandEffects {
     }
     void setIgmpLatency(std::chrono::milliseconds /*latency*/) override {}
 
+    Now after(std::chrono::milliseconds time) const {
+        return {begin.steady + time, begin.wall + time};
+    }
     void pass(std::chrono::milliseconds time = 1s) {
-        now.steady += time;
-        now.wall += time;
+        now = after(passed = passed.load() + time);
     }
     std::optional<SnapshotIntake::Result> snapshot() {
         pass();
