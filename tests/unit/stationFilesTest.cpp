@@ -419,7 +419,6 @@ TEST_F(StationFiles, ChannelsThatCannotBeReadAreNeverWrittenOver) {
 }
 
 TEST(EndDeathTest, WhatHangsIsNotWaitedFor) {
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_EXIT(
         {
             endWithin(50ms, 0);
