@@ -8,6 +8,7 @@ const kSettleMs = 1_000;
 let timer = 0;
 let trying = null;
 let settled = 0;
+let isLeft = false;  // the address is that of another entry, what is shown is not yet
 
 function save() {
   clearTimeout(timer);
@@ -18,15 +19,15 @@ function save() {
 }
 
 function later() {
-  if (!timer && !trying) timer = setTimeout(save, kSaveMs);
+  if (!timer && !trying && !isLeft) timer = setTimeout(save, kSaveMs);
 }
 
 export function keepPlaces() {
   history.scrollRestoration = 'manual';
   addEventListener('scroll', later, {passive: true});
   document.addEventListener('focusin', later);
-  addEventListener('pagehide', save);
-  addEventListener('popstate', leave);  // comes with the other entry; hashchange may be some tasks behind
+  addEventListener('pagehide', () => isLeft || save());
+  addEventListener('popstate', drop);  // comes with the other entry; hashchange may be some tasks behind
   for (const event of ['wheel', 'touchmove', 'keydown', 'pointerdown'])
     addEventListener(event, stop, {passive: true});
 }
@@ -39,16 +40,22 @@ function stop() {
   document.documentElement.style.overflowAnchor = '';
 }
 
-// What is kept is of another entry from here on.
-export function leave() {
+function drop() {
   clearTimeout(timer);
   timer = 0;
   stop();
 }
 
+// What is kept is of another entry from here on, and of none until restore(): its view may be long in coming.
+export function leave() {
+  drop();
+  isLeft = true;
+}
+
 // Goes to where the entry was left, as soon as there is so much to show, and stays there while what is above
 // it still grows; false for an entry that is new.
 export function restore(main) {
+  isLeft = false;
   const {scroll = 0, focus = null} = history.state ?? {};
   if (!scroll && !focus) return false;
   const end = Date.now() + kTryMs;
