@@ -198,14 +198,17 @@ export class Store {
       return;
     }
     const fallBack = () => {
-      if (answered || this.stream) return;
-      worker.port.close();
-      alone();
+      if (!answered && !this.stream) alone();
     };
     worker.addEventListener('error', fallBack);
     setTimeout(fallBack, kWorkerAnswerMs);
     worker.port.onmessage = ({data}) => {
       answered = true;
+      if (this.stream) {  // it was only late
+        if (!data.connection?.live) return;
+        this.stream.close();
+        this.stream = null;
+      }
       if (data.connection)
         this.connected(data.connection);
       else
