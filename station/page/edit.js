@@ -4,6 +4,7 @@ import {ask, askToken, kNoChanges, showRefusal} from './dialog.js';
 import {button, el, field, setText} from './dom.js';
 import {keepingFocus} from './focus.js';
 import {count, visible} from './format.js';
+import {placeInOrder} from './placing.js';
 
 const kRows = 100;
 const kMostNotes = 200;
@@ -47,6 +48,7 @@ export class EditView {
     this.store = context.store;
     this.api = context.api;
     this.rows = kRows;
+    this.made = new WeakMap();  // channel -> its row, and what that says
     this.opened = parameters.get('channel');
     this.build();
     this.ends = [
@@ -233,7 +235,7 @@ export class EditView {
            rest > 0 ? el('li', {text: `and ${count(rest)} more`}) : null));
   }
 
-  // Rows anew; never while one is being edited, so that nothing is lost under the hands.
+  // Rows of what changed anew; never while one is being edited, so that nothing is lost under the hands.
   showChannels(always = false) {
     if (!this.store.loaded || (!always && this.body.querySelector('form'))) return;
     const words = this.search.value.toLowerCase().split(/\s+/).filter(Boolean);
@@ -247,9 +249,17 @@ export class EditView {
             `${count(list.length)} of ${count(this.store.channels.size)}`);
     keepingFocus(
         this.body,
-        () => this.body.replaceChildren(...list.slice(0, this.rows).map((channel) => this.makeRow(channel))),
+        () => placeInOrder(this.body, list.slice(0, this.rows).map((channel) => this.rowOf(channel))),
         this.search);
     this.more.hidden = list.length <= this.rows;
+  }
+
+  // A row stays where nothing that it says changed: somebody may be about to press what is in it.
+  rowOf(channel) {
+    const {name, labelTexts, info: {profile, origin, enabled}} = channel;
+    const key = JSON.stringify([name, labelTexts, profile, origin, enabled, this.api.mayChange]);
+    if (this.made.get(channel)?.key !== key) this.made.set(channel, {key, node: this.makeRow(channel)});
+    return this.made.get(channel).node;
   }
 
   makeRow(channel) {
