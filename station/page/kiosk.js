@@ -151,7 +151,8 @@ export class Kiosk {
     this.stale.hidden = !stale;
     setClass(this.node, stale ? 'kiosk-view no-data' : 'kiosk-view');
     if (!stale) return;
-    const age = stale.since ? ` since ${time(stale.since, now)} (${roughly(now - stale.since)})` : ' yet';
+    const until = stale.who === 'station' ? new Date() : now;  // whose clock tells since when
+    const age = stale.since ? ` since ${time(stale.since, until)} (${roughly(until - stale.since)})` : ' yet';
     setText(this.stale, `No data from the ${stale.who}${age}`);
   }
 
