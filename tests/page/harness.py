@@ -17,7 +17,8 @@ import urllib.error
 import urllib.request
 
 from selenium import webdriver
-from selenium.common.exceptions import StaleElementReferenceException, WebDriverException
+from selenium.common.exceptions import (ElementClickInterceptedException, ElementNotInteractableException,
+                                        StaleElementReferenceException, WebDriverException)
 from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
@@ -33,17 +34,19 @@ PATIENCE = 4  # a machine that does other things as well, or is slow
 
 def wait_for(what, seconds, condition):
     """The condition's first true value; an AssertionError that says what was waited for when none came in PATIENCE
-    times the seconds that it takes at most on a machine that does nothing else."""
+    times the seconds that it takes at most on a machine that does nothing else. It is looked at once more after that
+    time, however long the looks before took."""
     seconds *= PATIENCE
     end = time.monotonic() + seconds
     while True:
+        late = time.monotonic() > end
         try:
             value = condition()
-        except StaleElementReferenceException:  # drawn anew meanwhile
-            value = None
+        except (StaleElementReferenceException, ElementClickInterceptedException, ElementNotInteractableException):
+            value = None  # drawn anew, covered or hidden meanwhile
         if value:
             return value
-        if time.monotonic() > end:
+        if late:
             raise AssertionError("\n".join([f"{what}: not within {seconds} s", *(browser.shown() for browser in Browser.all)]))
         time.sleep(0.05)
 
@@ -173,6 +176,7 @@ class Writer:
         turn = 0
         while not self.ended.wait(1):
             turn += 1
+            self.gone = self.silenced  # all of them at once, in whatever moment the test says so
             if self.flapping:
                 self.faults = 3 * (turn // 15)
             text = "".join(self.record(place, group, turn) for place, group in enumerate(self.groups))
@@ -184,7 +188,7 @@ class Writer:
                 pipe.write(text)
 
     def packets(self, group, turn):
-        if group not in self.silenced:
+        if group not in self.gone:
             self.received[group] = turn * 1300
         return self.received.get(group, 0)
 
@@ -402,6 +406,10 @@ class Browser:
         return self.run(
             "return [...document.querySelectorAll(arguments[0])].map((node) => node.textContent)", selector)
 
+    def facts(self):
+        """Terms and their values, of one moment."""
+        return dict(self.run("return [...document.querySelectorAll('main dt')].map((one) => [one, one.nextSibling].map((node) => node.textContent))"))
+
     def readouts(self):
         """Of the plots that are shown: one of what nobody measures here is not."""
         return self.run("return [...document.querySelectorAll('main .plot')].filter((plot) => plot.checkVisibility())"
@@ -411,11 +419,15 @@ class Browser:
         """Clicks the first visible button of this text; one that is drawn anew meanwhile is looked for again."""
         def pressed():
             for node in self.driver.find_elements(By.CSS_SELECTOR, f"{within} button, {within} a"):
-                if node.text.strip() == text and node.is_displayed():
+                if node.text.strip() == text and node.is_displayed() and node.is_enabled():
                     node.click()
                     return True
             return False
         wait_for(f'a button "{text}"', 5, pressed)
+
+    def click(self, selector):
+        """Likewise the first match."""
+        wait_for(f"something to click: {selector}", 5, lambda: (node := self.find(selector)) and (node.click() or True))
 
     def unlock(self):
         wait_for("the page is live", 15, lambda: self.find("#connection.live"))
@@ -440,7 +452,8 @@ class Browser:
     def problems(self):
         """What the browser complained of: scripts that failed, files that are missing, policy violations; not what the
         station refused or did not answer, which is up to the test."""
-        expected = re.compile(r"status of (401|403|422)|net::ERR_CONNECTION_REFUSED|ERR_INCOMPLETE_CHUNKED|ERR_EMPTY_RESPONSE")
+        expected = re.compile(r"status of (401|403|422)|net::ERR_CONNECTION_REFUSED|ERR_CONNECTION_RESET|ERR_INCOMPLETE_CHUNKED|"
+                              r"ERR_EMPTY_RESPONSE")
         return [entry["message"] for entry in self.driver.get_log("browser")
                 if entry["level"] == "SEVERE" and not expected.search(entry["message"])]
 
