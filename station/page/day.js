@@ -68,6 +68,7 @@ export class DayView {
       this.store.on('alarms', () => this.renewTimeline()),
     ];
     this.load();
+    this.renewTimeline();  // what was raised a moment ago may not be written yet
   }
 
   close() {
