@@ -134,7 +134,9 @@ format = "alertmanager"
     def test_what_is_shelved_is_told_to_nobody_until_it_comes_back_by_itself(self):
         group = GROUPS[5]
         self.assertRaises(urllib.error.HTTPError, self.station.change, "POST", "alarms/shelve", {"group": group, "until": self.time(60)})
-        self.station.change("POST", "alarms/shelve", {"group": group, "alarm": "no_signal", "until": self.time(45), "by": "ann"})
+        shelve = lambda ahead: self.station.change("POST", "alarms/shelve", {
+            "group": group, "alarm": "no_signal", "until": self.time(ahead), "by": "ann"})
+        shelve(600)
         told = len(self.receiver.of(group))
         for _ in range(2):  # it flaps
             self.cut([group])
@@ -151,7 +153,8 @@ format = "alertmanager"
         time.sleep(3)
         self.assertEqual(len(self.receiver.of(group)), told, "nobody is told")
         self.assertEqual(self.station.get("passed"), [], "nobody wanted to see it")
-        wait_for("it comes back", 60, lambda: not self.station.get("shelved"))
+        shelve(6)
+        wait_for("it comes back", 10, lambda: not self.station.get("shelved"))
         wait_for("it is told", 20, lambda: len(self.receiver.of(group)) == told + 1)
         self.assertIn("shelf", self.receiver.of(group)[-1]["text"])
         window = self.station.change("POST", "maintenance", {"label": {"site": "south", "kind": "news"}, "until": self.time(60)})
@@ -163,6 +166,7 @@ format = "alertmanager"
     def test_a_label_is_put_into_maintenance_by_its_dialog(self):
         self.browser.open(self.station.url + "#events")
         self.browser.unlock()
+        wait_for("the channels' labels", 10, lambda: "site" in self.browser.text("main select[aria-label='Groups']"))
         self.browser.press("Set a window")
         label = wait_for("labels", 5, lambda: self.browser.find("dialog select"))
         Select(label).select_by_visible_text("site=south")
@@ -243,14 +247,15 @@ format = "alertmanager"
         wait_for("the strip of Channel 2", 10, strip)
         windows = lambda: other.text("main [aria-label='Maintenance windows']")
         self.assertEqual(windows(), "")
-        window = self.station.change("POST", "maintenance", {"label": {"site": "south"}, "until": self.time(60)})
+        window = self.station.change("POST", "maintenance", {"label": {"site": "south"}, "until": self.time(600)})
         wait_for("the window there", 5, lambda: "site=south: 20 channels" in windows())
 
         def tip():
             for below in (3, 2):  # a move, as of a hand
                 ActionChains(self.browser.driver).move_to_element_with_offset(strip(), strip().size["width"] // 2 - 2, below).perform()
             return self.browser.text("main .day-tip")
-        wait_for("the window in the 24 hours", 5, lambda: tip().startswith("Channel 2,") and tip().endswith("; maintenance"))
+        # In a cell that begins at this moment with the next look, a minute later.
+        wait_for("the window in the 24 hours", 20, lambda: tip().startswith("Channel 2,") and tip().endswith("; maintenance"))
         self.station.change("DELETE", f"maintenance/{window['id']}")
         wait_for("its end there", 5, lambda: windows() == "")
         # What passed is seen once.
