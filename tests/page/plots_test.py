@@ -83,10 +83,10 @@ class PlotsTest(SpoiledTest):
         titles = self.browser.texts("main .plot h3")
         self.assertEqual(titles[:len(TITLES)], TITLES)
         self.assertTrue(all(titles))
-        asked = self.asked("/history")
+        asked, began = self.asked("/history"), time.monotonic()
         self.assertRegex(asked[0], r"/channels/239\.1\.1\.1/history\?metrics=bitRate(%2C[\w.]+){6,}&resolution=1&")
         time.sleep(4.5)
-        self.assertLessEqual(len(self.asked("/history")) - len(asked), 3, "one each two seconds")
+        self.assertLessEqual(len(self.asked("/history")) - len(asked), (time.monotonic() - began) / 2 + 1, "one each two seconds")
         self.assertEqual(self.browser.text(f"{RATE} .plot-unit"), "bit/s, each second")
         self.assertEqual(self.browser.text(f"{LOST} .plot-unit"), "packets in each second")
         # The profile's levels, of figures and of counts.
@@ -107,7 +107,7 @@ class PlotsTest(SpoiledTest):
         self.between.spoil(r"/history\?", late)
         self.addCleanup(self.between.mend)
         self.open()
-        self.assertRegex(self.browser.text(f"{RATE} output"), r"^\d\.\d+ Mbit/s$")
+        wait_for("the one before", 5, lambda: re.fullmatch(r"\d\.\d+ Mbit/s", self.browser.text(f"{RATE} output")))
 
     def test_one_crosshair_with_time_and_values(self):
         wait_for("the alarm", 20, lambda: [one for one in self.station.get("alarms") if one["alarm"] == "bitrate_high"])
@@ -230,9 +230,10 @@ class PlotsTest(SpoiledTest):
         self.assertEqual(heads[3:6], ["Bit rate (bit/s)", '"Bit rate, Sport (bit/s)"', "Packets lost (packet in each second)"])
         points = {point[0]: point[1] for point in self.history("bitRate")}
         rows = [line.split(",") for line in lines[1:]]
-        self.assertGreater(len(rows), 20)
-        same = [row for row in rows if row[3] and points.get(row[0]) == float(row[3])]
-        self.assertGreaterEqual(len(same), len(rows) - 5)
+        known = [row for row in rows if points.get(row[0]) is not None]  # a second may have no value
+        self.assertGreater(len(known), 20)
+        same = [row for row in known if row[3] and points[row[0]] == float(row[3])]
+        self.assertGreaterEqual(len(same), len(known) - 5)
 
     def test_maintenance_is_hatched(self):
         self.station.change("POST", "maintenance", {"from": rfc3339(-5), "until": rfc3339(3600), "group": "239.1.1.1"})
