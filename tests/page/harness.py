@@ -1,4 +1,5 @@
 """The real station, the real probe and a real browser, in the network of scripts/netns.sh."""
+import contextlib
 import http.client
 import http.server
 import json
@@ -63,7 +64,7 @@ class Process:
         if self.popen.poll() is None:
             self.popen.send_signal(how)
             try:
-                self.popen.wait(5)
+                self.popen.wait(20)  # it may have much to save
             except subprocess.TimeoutExpired:
                 self.popen.kill()
                 self.popen.wait()
@@ -184,7 +185,7 @@ class Writer:
                             for group in self.silent)
             if self.held:
                 continue
-            with open(self.pipe, "w") as pipe:
+            with contextlib.suppress(BrokenPipeError), open(self.pipe, "w") as pipe:  # a station that is stopped meanwhile
                 pipe.write(text)
 
     def packets(self, group, turn):
