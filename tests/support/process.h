@@ -14,7 +14,7 @@ namespace test {
 
 using namespace std::chrono_literals;
 
-inline constexpr std::chrono::milliseconds kPatience = 15s;
+inline constexpr std::chrono::milliseconds kPatience = 40s;
 
 // The source tree.
 std::string sourceDir();
