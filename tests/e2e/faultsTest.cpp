@@ -63,11 +63,9 @@ TEST(Faults, AnswersThatAreLateDoubleOrDamaged) {
     Process kestor({"kestor", "-s"});
     ASSERT_TRUE(controller->waitForRequests(1));
     Controller::Answer late = response({kA}), twice = response({kB});
-    late.delay = 1500ms;
+    late.late = true;
     twice.times = 2;
     controller->answer(late);
-    // Behind the requests that waited meanwhile, whose connections are closed as well.
-    ASSERT_TRUE(controller->waitForRequests(controller->requests().size() + 6));
     controller->answer(twice);
     ASSERT_TRUE(eventually([] { return igmpMember(kB); }));
     EXPECT_FALSE(igmpMember(kA)) << "its connection is closed";
@@ -119,7 +117,7 @@ TEST(Faults, TheInterfaceGoesDownComesUpAndDisappears) {
     EXPECT_EQ(entries(probe.kestor, "task"), threads);
 
     run("ip link set eth0 up; ip route add 224.0.0.0/4 dev eth0;"
-        "until ip link show feed0 | grep -q LOWER_UP; do sleep 0.1; done");
+        "until ip link show feed0 | grep -q 'state UP'; do sleep 0.1; done");
     EXPECT_TRUE(igmpMember(kA));
     probe.controller.answer(response({kB}, {kB}));
     EXPECT_TRUE(eventually([] { return igmpMember(kB); }));
@@ -141,19 +139,25 @@ TEST(Faults, MoreGroupsThanMembershipsAreMonitoredAllTheSame) {
     const Groups groups = groupRange(300);
     for (const std::size_t limit : {20U, 2000U}) {
         std::ofstream("/proc/sys/net/ipv4/igmp_max_memberships") << limit;
-        const std::size_t joined = std::min(limit, groups.size());
+        const auto joined = static_cast<std::ptrdiff_t>(std::min(limit, groups.size()));
+        const std::size_t left = groups.size() - static_cast<std::size_t>(joined);
         Controller controller;
         const Process kestor({"kestor", "-s"});
         controller.answer(response(groups));
         EXPECT_EQ(
             snapshotWith([&](const Snapshot& s) { return s.records.size() == 300; }).records.back()["group"],
             groups.back());
-        EXPECT_EQ(static_cast<std::size_t>(std::ranges::count_if(groups, igmpMember)), joined);
-        EXPECT_EQ(occurrences(kestor.err(), kJoinFailure), groups.size() - joined);
+        // The last one is listed before it is joined.
+        EXPECT_TRUE(eventually([&] {
+            return std::ranges::count_if(groups, igmpMember) == joined &&
+                   occurrences(kestor.err(), kJoinFailure) == left;
+        }));
         // A group that leaves makes room for one.
         controller.answer(response({kA, kB}, {groups.front()}));
-        ASSERT_TRUE(kestor.waitForOut("Dodaje kanal: 239.1.1.2\n"));
-        ASSERT_TRUE(eventually([] { return igmpMember(kA); }));
+        // Who is a member already fails like who finds no room.
+        const std::size_t more = left > 0 ? 1 : 2;
+        EXPECT_TRUE(eventually([&] { return occurrences(kestor.err(), kJoinFailure) == left + more; }));
+        EXPECT_TRUE(igmpMember(kA));
         EXPECT_EQ(igmpMember(kB), limit > groups.size());
     }
 }
@@ -192,7 +196,7 @@ TEST(Faults, GroupsComeAndGoUnderTrafficAndReaders) {
     probe.controller.answer(clearAll());
     ASSERT_TRUE(probe.kestor.waitForOut("Dupa!!!!1\n", 1 + kRounds / 2));
     snapshotWith(all);
-    EXPECT_TRUE(std::ranges::all_of(groups, igmpMember));
+    EXPECT_TRUE(eventually([&] { return std::ranges::all_of(groups, igmpMember); }));
     EXPECT_TRUE(eventually([&] { return entries(probe.kestor, "fd") <= descriptors; }));
     EXPECT_EQ(probe.kestor.err(), "");
 }

@@ -26,7 +26,7 @@ Envelope response(const Groups& append, const Groups& remove = {});
 Envelope clearAll(bool value = true);
 
 // Listens at the probe's control endpoint and answers each request at once, with an empty response unless the
-// test gave it something else to say.
+// test gave it something else to say. What was too late for the probe is said at its next request.
 class Controller {
   public:
     struct Request {
@@ -39,7 +39,7 @@ class Controller {
         Answer(std::string text) : bytes(std::move(text)) {}
 
         std::string bytes;
-        std::chrono::milliseconds delay{0};
+        bool late = false;  // said when the probe has asked anew, on a connection that it has closed
         int times = 1;
     };
 
@@ -48,12 +48,13 @@ class Controller {
     bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout = kPatience) const;
     // Has this said at the next request that has no other answer yet.
     void queue(const Answer& answer);
-    // The same, and returns when it was taken up.
+    // The same, and returns when it was said.
     void answer(const Answer& answer);
 
   private:
     static zmq::socket_t bound(zmq::context_t& context);
     void serve(const std::stop_token& stop);
+    bool say(const zmq::message_t& connection, const Answer& answer);
 
     mutable std::mutex mutex_;  // guards requests_ and answers_
     std::vector<Request> requests_;
@@ -76,8 +77,9 @@ class FrameSender {
     int socket_;
 };
 
-// Sends the group a datagram of null packets every 10 ms until the thread is asked to stop.
-std::jthread liveTraffic(const std::string& group);
+// Sends the group a datagram without faults, or one of null packets alone, every 10 ms until the thread is
+// asked to stop.
+std::jthread liveTraffic(const std::string& group, bool nullAlone = false);
 
 // One line of the results.
 struct Record {
