@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <csignal>
 #include <set>
 
@@ -20,6 +21,7 @@ constexpr const char* kC = "239.129.1.3";
 constexpr const char* kPipe = "/tmp/american_maid";
 
 TEST(Control, AsksTwiceASecondOnAFreshConnection) {
+    const auto started = std::chrono::steady_clock::now();
     const Process kestor({"kestor", "-s"});
     // It asks and counts without anybody listening.
     ASSERT_TRUE(
@@ -29,19 +31,22 @@ TEST(Control, AsksTwiceASecondOnAFreshConnection) {
     const auto requests = controller.requests();
     EXPECT_GE(requests[0].body.sequence_number(), 3);
     std::set<std::string> connections;
+    auto fastest = std::chrono::steady_clock::duration::max();
     for (std::size_t i = 0; i < 6; ++i) {
+        const int number = requests[i].body.sequence_number();
         EXPECT_EQ(requests[i].body.information(), "co mi Panie dasz?");
-        EXPECT_EQ(requests[i].body.sequence_number(),
-                  requests[0].body.sequence_number() + static_cast<int>(i));
+        EXPECT_GE(requests[i].time - started, number * 500ms);
+        if (i > 0) {
+            EXPECT_GT(number, requests[i - 1].body.sequence_number());
+        }
+        if (i > 1)  // the first one may have waited for the connection
+            fastest = std::min(fastest, requests[i].time - requests[i - 1].time);
         EXPECT_FALSE(requests[i].body.has_scan_status());
         EXPECT_EQ(requests[i].body.scan_results_size(), 0);
         connections.insert(requests[i].connection);
     }
     EXPECT_EQ(connections.size(), 6U);
-    // The first one may have waited for the connection.
-    const auto span = requests[5].time - requests[1].time;
-    EXPECT_GT(span, 1950ms);
-    EXPECT_LT(span, 3000ms);
+    EXPECT_LT(fastest, 700ms);
     EXPECT_TRUE(kestor.waitForOut("except_reply == 1\nanalyzeResponseMessage\nexcept_reply == 1\n"));
 }
 
@@ -79,7 +84,7 @@ TEST(Control, AddsRemovesAndClearsChannels) {
     controller.answer(response({kA}, {kA}));
     Snapshot fresh = snapshotWithPackets(kA, 0);
     EXPECT_EQ(fresh.records.front().columns[0], kC);
-    EXPECT_TRUE(igmpMember(kA));
+    EXPECT_TRUE(eventually([] { return igmpMember(kA); }));
 
     probe.network.send(flow, TsStream().payload(0x200, 7).takeDatagrams());
     snapshotWithPackets(kA, 7);
@@ -107,6 +112,7 @@ TEST(Control, JoinsPassivelyWhenTold) {
     ASSERT_TRUE(eventually([] { return filterAdmits(kC); }));
     EXPECT_FALSE(igmpMember(kC));
     ASSERT_TRUE(kestor.waitForOut(" passive monitoring 1\n"));
+    ASSERT_TRUE(eventually(capturing));
 
     UdpFlow flow{.group = kC};
     FrameSender().send(flow, TsStream().null(7).takeDatagrams());
@@ -136,11 +142,13 @@ TEST(Control, TestModeWatchesOneGroupWithoutAController) {
 TEST(Control, TwoModesAreTwoMonitors) {
     const Controller controller;
     const Process kestor({"kestor", "-s", "-s"});
-    ASSERT_TRUE(controller.waitForRequests(4));
-    std::multiset<int> numbers;
-    for (int i = 0; i < 4; ++i)
-        numbers.insert(controller.requests()[i].body.sequence_number());
-    EXPECT_EQ(numbers, (std::multiset<int>{0, 0, 1, 1}));
+    // Each asks by numbers of its own.
+    EXPECT_TRUE(eventually([&] {
+        std::multiset<int> numbers;
+        for (const auto& request : controller.requests())
+            numbers.insert(request.body.sequence_number());
+        return std::ranges::count_if(numbers, [&](int one) { return numbers.count(one) == 2; }) >= 4;
+    }));
     EXPECT_TRUE(kestor.waitForOut("listening on", 2));
 }
 
