@@ -80,8 +80,11 @@ TEST(StationMachine, HasGroupsOfTheWrongCardJoinedAgainOnceTheRouteIsRight) {
     EXPECT_TRUE(eventually([] { return !raised("not_joined"); }, kLong)) << station.err();
     EXPECT_EQ(problem("joinProblem"), "null");
     EXPECT_THAT(problem("doubled"), HasSubstr("2 groups are still joined on mgmt0 as well"));
-    const json probe = kestorctlObject({"status"});
-    EXPECT_EQ(probe["channels"]["withSignal"], 1);
+    json probe;
+    EXPECT_TRUE(eventually([&] {
+        probe = kestorctlObject({"status"});
+        return probe["channels"]["withSignal"] == 1;
+    })) << probe;
     EXPECT_EQ(probe["probe"]["restarts"], 0);
     EXPECT_EQ(probe["machine"]["rejoins"], 1) << "and not again and again";
     EXPECT_EQ(probe["machine"]["interface"]["name"], "eth0");
