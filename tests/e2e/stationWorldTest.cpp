@@ -193,11 +193,11 @@ TEST(StationWorld, ClocksThatAreSetLoseNothing) {
     World::setClock(0);
     world.start();
     ASSERT_TRUE(soon([&] { return now().substr(0, 4) == year; })) << world.station->err();
-    EXPECT_EQ(raised(kCut), cut);
+    EXPECT_TRUE(soon([&] { return raised(kCut) == cut; }));
     EXPECT_EQ(raised(kWorkedOn), workedOn);
     EXPECT_EQ(windows(), 1U);
     EXPECT_TRUE(includes(eventIds(), known));
-    EXPECT_GT(*eventIds().rbegin(), *known.rbegin()) << "ids go on";
+    EXPECT_TRUE(soon([&] { return *eventIds().rbegin() > *known.rbegin(); })) << "ids go on";
     traffic.emplace(liveTraffic(kCut));
     EXPECT_TRUE(soon([&] { return told(receiver, "cleared", kCut) == 1; }));
     EXPECT_EQ(told(receiver, "raised", kCut), 1U);
@@ -218,7 +218,7 @@ TEST(StationWorld, AFileThatHangsHoldsUpNeitherTheStartNorTheEnd) {
         const auto before = std::chrono::steady_clock::now();
         world.station->kill(SIGTERM);
         EXPECT_EQ(world.station->wait(60s), 0) << when << world.station->err();
-        EXPECT_LT(std::chrono::steady_clock::now() - before, 4s) << when;
+        EXPECT_LT(std::chrono::steady_clock::now() - before, 6s) << when;
     };
     world.start();
     const Process kestor({"kestor", "-s"});
@@ -232,7 +232,8 @@ TEST(StationWorld, AFileThatHangsHoldsUpNeitherTheStartNorTheEnd) {
     end("while it starts");
     world.start();
     ASSERT_TRUE(soon([] { return !now().empty(); })) << world.station->err();
-    EXPECT_THAT(world.station->err(), testing::HasSubstr("events.db is not opened yet"));
+    EXPECT_TRUE(
+        soon([&] { return world.station->err().find("events.db is not opened yet") != std::string::npos; }));
     EXPECT_TRUE(raised(kSilent).empty());
     EXPECT_TRUE(ask("GET", "events").dump().find("not opened yet") != std::string::npos);
     end("while it runs");
