@@ -56,6 +56,7 @@ struct Receiving {
     ScratchDirectory directory;
     WebhookServer server;
     Webhook webhook;
+    DeliveryPace pace = kPace;
     std::unique_ptr<Delivery> delivery;
 
     explicit Receiving(WebhookFormat format = WebhookFormat::kJson) {
@@ -66,8 +67,14 @@ struct Receiving {
     }
     void start() {
         delivery.reset();
-        delivery = std::make_unique<Delivery>(directory.path(), "probe1", kPace);
+        delivery = std::make_unique<Delivery>(directory.path(), "probe1", pace);
         delivery->configure({webhook});
+    }
+    // Nothing is taken before it starts anew, or else it could end between an answer and its arrival.
+    void restart(std::deque<int> answers) {
+        delivery.reset();
+        server.answer(std::move(answers));
+        start();
     }
     void tell(std::initializer_list<Notification> notifications) {
         for (const Notification& one : notifications) {
@@ -85,8 +92,12 @@ struct Receiving {
         }
         return all;
     }
-    bool settles() const {  // nothing is owed any more
-        return eventually([this] {
+    // So much is told, and nothing is owed any more. What was not taken up yet is not owed.
+    bool settles(std::size_t least = 0) const {
+        return eventually([this, least] {
+            if (least > 0 && told().size() < least) {
+                return false;
+            }
             const auto statistics = delivery->statistics();
             return statistics.size() == 1 && statistics[0].owed == 0 &&
                    statistics[0].delivered + statistics[0].dropped > 0;
@@ -96,23 +107,26 @@ struct Receiving {
 
 TEST(Delivery, TellsEachAlarmOnceInOrderWhateverFails) {
     Receiving receiving;
-    receiving.server.answer({500, 302, WebhookServer::kClose, 404, 200, 500});
+    std::deque<int> refusals(1000, 500);
+    refusals[1] = 302;
+    refusals[2] = WebhookServer::kClose;
+    receiving.server.answer(refusals);
     receiving.start();
     receiving.tell({raised(1), raised(2), raised(3)});
     EXPECT_TRUE(eventually([&] { return receiving.server.requests().size() >= 3; }));
-    receiving.start();  // what was owed is owed still
+    receiving.restart({404, 200, 500});  // what was owed is owed still
     receiving.tell({raised(1), raised(3), cleared(9), raised(4)});
     Notification mild = raised(5);
     mild.severity = Severity::kWarning;
     receiving.tell({mild});
-    ASSERT_TRUE(receiving.settles());
+    ASSERT_TRUE(receiving.settles(4));
     EXPECT_THAT(receiving.told(), ElementsAre("raised 1", "raised 2", "raised 3", "raised 4"));
 
     receiving.start();  // and what was told is known to be told
     receiving.tell({raised(1), cleared(2), cleared(2)});
     receiving.delivery->resume(
         {{raised(3), false}, {raised(4), true}, {raised(6), false}, {raised(7), true}});
-    ASSERT_TRUE(eventually([&] { return receiving.told().size() >= 7; }) && receiving.settles());
+    ASSERT_TRUE(receiving.settles(7));
     EXPECT_THAT(receiving.told(), UnorderedElementsAre("raised 1", "raised 2", "raised 3", "raised 4",
                                                        "cleared 1", "cleared 2", "raised 6"));
     EXPECT_EQ(receiving.delivery->statistics()[0].url, receiving.server.url());
@@ -126,7 +140,7 @@ TEST(Delivery, TellsCuesToWhoWantsThem) {
         Receiving receiving;
         receiving.webhook.cues = wanted;
         receiving.webhook.minimumSeverity = Severity::kCritical;
-        receiving.server.answer({500, 200});
+        receiving.server.answer(std::deque<int>(1000, 500));
         receiving.start();
         Notification cue = raised(5);
         cue.cue = cue.momentary = true;
@@ -135,7 +149,7 @@ TEST(Delivery, TellsCuesToWhoWantsThem) {
         bad.severity = Severity::kCritical;
         receiving.tell({cue, bad});
         ASSERT_TRUE(eventually([&] { return receiving.server.requests().size() >= 1; }));
-        receiving.start();  // it outlives a restart
+        receiving.restart({});  // it outlives one
         ASSERT_TRUE(receiving.settles());
         EXPECT_EQ(receiving.told(), wanted ? std::vector<std::string>({"cue 5", "raised 6"})
                                            : std::vector<std::string>({"raised 6"}));
@@ -165,9 +179,11 @@ TEST(Delivery, TellsOfAClearOnlyWhereTheRaiseMayHaveArrived) {
         receiving.tell({raised(1)});
         EXPECT_TRUE(eventually([&] { return receiving.server.requests().size() >= 1; }));
         receiving.tell({cleared(1)});
-        std::this_thread::sleep_for(50ms);
+        if (one.told.empty()) {
+            ASSERT_TRUE(receiving.settles()) << "it is over before it is taken";
+        }
         receiving.server.answer({});
-        ASSERT_TRUE(receiving.settles());
+        ASSERT_TRUE(receiving.settles(one.told.size()));
         EXPECT_EQ(receiving.told(), one.told);
     }
 }
@@ -175,11 +191,14 @@ TEST(Delivery, TellsOfAClearOnlyWhereTheRaiseMayHaveArrived) {
 TEST(Delivery, SumsUpWhatIsBeyondTheRate) {
     Receiving receiving;
     receiving.webhook.maxPerMinute = 2;
+    receiving.pace.minute = 4s;  // for two messages and what they wait for the disk
     receiving.start();
+    std::vector<Notification> all;
     for (int64_t id = 1; id <= 12; ++id) {
-        receiving.tell({raised(id)});
+        all.push_back(raised(id));
     }
-    receiving.tell({cleared(12)});
+    all.push_back(cleared(12));
+    receiving.delivery->notify(all);
     ASSERT_TRUE(receiving.settles());
     std::vector<std::pair<std::size_t, std::size_t>> messages;  // notifications listed, summed
     for (const std::string& body : receiving.server.taken()) {
@@ -318,12 +337,12 @@ TEST(Delivery, DoesNotWaitForADiskThatHangs) {
     const auto before = std::chrono::steady_clock::now();
     receiving.tell({raised(2)});
     EXPECT_TRUE(eventually([&] { return receiving.told().size() == 2; }));
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 2500ms);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 10s);
     receiving.tell({cleared(1), raised(3)});
     EXPECT_TRUE(eventually([&] { return receiving.told().size() == 4; }));
     const auto end = std::chrono::steady_clock::now();
     receiving.delivery.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - end, 1500ms);
+    EXPECT_LT(std::chrono::steady_clock::now() - end, 5s);
 }
 
 TEST(Delivery, ReadsItsFileBeforeItWritesItHoweverLateThatIs) {
@@ -345,7 +364,7 @@ TEST(Delivery, ReadsItsFileBeforeItWritesItHoweverLateThatIs) {
         }
         return heldFor(receiving.server) == std::set<int64_t>{2, 3};
     };
-    EXPECT_TRUE(eventually(clearedTheFirst, 20s));
+    EXPECT_TRUE(eventually(clearedTheFirst));
 }
 
 TEST(Delivery, KnowsWhatItToldWhenItsFileIsRemovedOrReplaced) {
@@ -456,7 +475,9 @@ TEST(Delivery, KeepsAnAlertmanagerInformed) {
     const std::size_t before = receiving.server.taken().size();
     ASSERT_TRUE(eventually([&] { return receiving.server.taken().size() >= before + 2; }));
     receiving.tell({cleared(1)});
-    ASSERT_TRUE(receiving.settles());
+    ASSERT_TRUE(eventually([&] {
+        return receiving.server.taken().back().find("2019-12-20T00:00:05.000Z") != std::string::npos;
+    }));
     const std::size_t after = receiving.server.taken().size();
     std::this_thread::sleep_for(150ms);
     ASSERT_EQ(receiving.server.taken().size(), after);
