@@ -80,15 +80,17 @@ struct Disk {
         EXPECT_EQ(answer.second, "");
         return std::move(answer.first);
     }
-    std::vector<ChannelMinutes> restored() const {
+    // What is restored, once it is so many minutes.
+    std::vector<ChannelMinutes> restored(std::size_t wanted) const {
         std::vector<ChannelMinutes> all;
-        for (int quiet = 0; quiet < 20; ++quiet) {
+        std::size_t came = 0;
+        EXPECT_TRUE(eventually([&] {
             for (ChannelMinutes& one : store->takeRestored()) {
+                came += one.minutes.size();
                 all.push_back(std::move(one));
-                quiet = 0;
             }
-            std::this_thread::sleep_for(10ms);
-        }
+            return came >= wanted;
+        }));
         return all;
     }
 };
@@ -113,7 +115,7 @@ TEST(StationMinutes, AreThereAfterARestartAsTheyWere) {
 
     disk.store->restore({group(1), group(3)}, WallTime(std::chrono::seconds(kBegin)));
     Minutes all;
-    for (const ChannelMinutes& one : disk.restored()) {
+    for (const ChannelMinutes& one : disk.restored(wanted.size())) {
         EXPECT_EQ(one.group, group(1));
         all.insert(all.end(), one.minutes.begin(), one.minutes.end());
     }
@@ -255,11 +257,10 @@ TEST(StationMinutes, WaitForADiskWithinTheirBound) {
         std::this_thread::sleep_for(5ms);
     }
     std::string problem;
-    for (int i = 0; i < 500 && (problem.empty() || disk.store->statistics().dropped < 40); ++i) {
+    EXPECT_TRUE(eventually([&] {
         problem = disk.store->statistics().problem;
-        std::this_thread::sleep_for(10ms);
-    }
-    EXPECT_NE(problem, "");
+        return !problem.empty() && disk.store->statistics().dropped >= 40;
+    })) << problem;
     EXPECT_EQ(disk.store->statistics().dropped, (10 - MinuteStore::kWaiting) * 10);
 }
 
