@@ -164,7 +164,7 @@ struct Peer {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.string().copy(address.sun_path, sizeof address.sun_path - 1);
-        for (int i = 0; i < 500; ++i) {
+        for (int i = 0; i < 6000; ++i) {
             if (connect(socket.number(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
                 return;
             std::this_thread::sleep_for(10ms);
@@ -402,7 +402,7 @@ TEST(StationPictureAlarms, TellThatAConnectedOneGetsNoPacketsButNotThatNoneAreWa
         message.mutable_status()->set_meter(meter);
         peer.say(framed(message));
         for (int i = 0;
-             i < 500 && (!desk.state(systemNow()).connected || desk.state(systemNow()).meter != meter); ++i)
+             i < 6000 && (!desk.state(systemNow()).connected || desk.state(systemNow()).meter != meter); ++i)
             std::this_thread::sleep_for(10ms);
     };
     tellMeter(false);
