@@ -1,11 +1,13 @@
 // How answers are built, shared and bounded.
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <future>
 #include <semaphore>
 
 #include "support/fakeStation.h"
+#include "support/scratch.h"
 #include "web/answerBuilder.h"
 #include "web/metricsBuilder.h"
 #include "web/routes.h"
@@ -45,12 +47,9 @@ class StationAnswers : public testing::Test {
                                  [&](const PayloadPointer& payload) { promise.set_value(payload); }));
         return promise.get_future().get();
     }
-    // Within some seconds: a thread lets go of what it built after it has told.
+    // In the end: a thread lets go of what it built after it has told.
     bool holds(std::size_t bytes) const {
-        for (int i = 0; i < 1000 && budget->held() != bytes; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return budget->held() == bytes;
+        return eventually([&] { return budget->held() == bytes; });
     }
     AnswerBuilder::Build counted(std::string text = "text") {
         return [this, text = std::move(text)] {
@@ -76,7 +75,7 @@ TEST_F(StationAnswers, AreBuiltOnceForAllWhoAskForTheSame) {
     const PayloadPointer first = ask(AnswerKey{"a", {1}}, false, counted());
     EXPECT_EQ(first, ask(AnswerKey{"a", {1}}, false, counted())) << "kept for who comes later";
     EXPECT_EQ(builds, 1);
-    EXPECT_EQ(told, 10);
+    EXPECT_TRUE(eventually([&] { return told == 10; }));
     EXPECT_NE(first, ask(AnswerKey{"a", {2}}, false, counted()));
     ask({}, false, counted());
     ask({}, false, counted());
@@ -127,8 +126,8 @@ TEST_F(StationAnswers, AreLeftWhenTheServerEnds) {
     for (int i = 0; i < 10; ++i) {
         ASSERT_TRUE(builder->ask({}, false, counted(), [](const PayloadPointer&) {}));
     }
-    std::thread opener([this] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::thread opener([this, status = "/proc/self/task/" + std::to_string(gettid()) + "/stat"] {
+        eventually([&] { return contentOf(status).find(") S ") != std::string::npos; });  // for the threads
         open();
     });
     builder.reset();

@@ -553,7 +553,7 @@ TEST_F(StationWeb, MakesRoomByClosingWhatIsKeptIdle) {
     kept[0].send(get("/healthz"));  // is no longer the one that was idle for longest
     kept[0].answer();
     EXPECT_THAT(ask(get("/healthz")), StartsWith("HTTP/1.1 200 "));
-    EXPECT_TRUE(kept[1].closesWithin(seconds(15)));
+    EXPECT_TRUE(kept[1].closesWithin(seconds(60)));
     kept[0].send(get("/healthz"));
     EXPECT_THAT(kept[0].answer(), StartsWith("HTTP/1.1 200 "));
     EXPECT_EQ(server->statistics().madeRoom, 1U);
@@ -582,12 +582,9 @@ TEST_F(StationWeb, LetsSlowClientsGo) {
         EXPECT_THAT(client->answer(), AllOf(StartsWith("HTTP/1.1 408 "), HasSubstr("Connection: close")));
     }
     for (Client* client : {&head, &body, &idle}) {
-        EXPECT_TRUE(client->closesWithin(seconds(15)));
+        EXPECT_TRUE(client->closesWithin(seconds(60)));
     }
-    for (int i = 0; i < 100 && server->statistics().slowClosed == 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    EXPECT_EQ(server->statistics().slowClosed, 1U);
+    EXPECT_TRUE(eventually([&] { return server->statistics().slowClosed == 1; }));
     EXPECT_THAT(ask(get("/healthz")), StartsWith("HTTP/1.1 200 "));
 }
 
