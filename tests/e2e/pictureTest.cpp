@@ -47,7 +47,7 @@ struct Answers {
     using Make = std::function<std::optional<picturing::Coded>(const picturing::Wanted&)>;
     std::mutex mutex;
     std::map<uint32_t, Make> byGroup;
-    std::vector<uint32_t> asked;
+    std::map<uint32_t, int64_t> arrived;  // by group: of the last one
 };
 
 picturing::Coded picture(std::string bytes, picturing::VideoCodec codec = picturing::VIDEO_H264) {
@@ -109,15 +109,17 @@ class Picture : public testing::Test {
             std::optional<picturing::Coded> coded;
             {
                 const std::lock_guard lock(answers_.mutex);
-                answers_.asked.push_back(said.wanted().group());
                 const auto found = answers_.byGroup.find(said.wanted().group());
                 coded = found == answers_.byGroup.end() ? std::nullopt : found->second(said.wanted());
+                if (coded) {
+                    answers_.arrived[said.wanted().group()] = ++arrived_;
+                    coded->set_arrived_ns(arrived_);
+                }
             }
             if (coded) {
                 picturing::FromMeter message;
                 coded->set_group(said.wanted().group());
                 coded->set_id(said.wanted().id());
-                coded->set_arrived_ns(++arrived_);
                 *message.mutable_coded() = std::move(*coded);
                 meter_->send(message);
             }
@@ -252,6 +254,7 @@ TEST_F(Picture, TellsAFreezeFromAChangeOfSceneByWholePicturesAlone) {
     EXPECT_GT(black.difference_peak(), 100);
     EXPECT_LT(black.luma_mean(), 1);
     EXPECT_LT(black.luma_spread(), 1);
+    meter_.reset();  // it answers by what ends here
 }
 
 TEST_F(Picture, SurvivesWhateverArrives) {
@@ -311,12 +314,12 @@ TEST_F(Picture, ReplacesWorkersThatHangOrDieAndLeavesTheirChannelOut) {
     std::vector<pid_t> stopped;
     answer(kB, [&](const picturing::Wanted&) {
         const auto found = workers();
-        const auto asked = std::count(answers_.asked.begin(), answers_.asked.end(), kA);
         const auto all = shots();
-        const auto answered = std::count_if(all.begin(), all.end(),
-                                            [](const picturing::Shot& shot) { return shot.group() == kA; });
+        const bool done = std::any_of(all.begin(), all.end(), [this](const picturing::Shot& shot) {
+            return shot.taken_ns() == answers_.arrived[kA];
+        });
         const std::lock_guard lock(mutex);
-        if (asked != answered || found.empty() ||
+        if (!done || found.empty() ||
             std::find(stopped.begin(), stopped.end(), found[0]) != stopped.end()) {
             return picturing::Coded();
         }
