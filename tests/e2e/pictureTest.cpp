@@ -319,8 +319,7 @@ TEST_F(Picture, ReplacesWorkersThatHangOrDieAndLeavesTheirChannelOut) {
             return shot.taken_ns() == answers_.arrived[kA];
         });
         const std::lock_guard lock(mutex);
-        if (!done || found.empty() ||
-            std::find(stopped.begin(), stopped.end(), found[0]) != stopped.end()) {
+        if (!done || found.empty() || std::find(stopped.begin(), stopped.end(), found[0]) != stopped.end()) {
             return picturing::Coded();
         }
         kill(found[0], SIGSTOP);
