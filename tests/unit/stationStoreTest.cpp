@@ -93,11 +93,13 @@ struct Store : EventStore {
     }
 };
 
+// Databases; what SQLite keeps beside one goes along where somebody had it open.
 std::vector<std::string> filesOf(const ScratchDirectory& directory, std::string_view containing) {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(directory.path())) {
         const std::string name = entry.path().filename().string();
-        if (name.find(containing) != std::string::npos) {
+        if (name.find(containing) != std::string::npos && !name.ends_with("-wal") &&
+            !name.ends_with("-shm")) {
             names.push_back(name);
         }
     }
