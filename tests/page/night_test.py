@@ -52,7 +52,8 @@ class NightTest(FedTest):
         self.assertIn("icon-critical", self.browser.run("return document.querySelector('link[rel=icon]').href"))
         # A row a channel, worst first, which opens.
         self.open("#events")
-        wait_for("rows", 10, lambda: [row for row in self.browser.texts(ALARMS) if "Channel" in row])
+        # By their titles, which come with what else is said of an alarm when it is opened.
+        wait_for("rows", 10, lambda: [row for row in self.browser.texts(ALARMS) if "No signal" in row and "Channel" in row])
         rows = [row for row in self.browser.texts(ALARMS) if "Channel" in row]
         self.assertIn("Channel 8", rows[0])
         self.assertIn("Channel 5", rows[1])
