@@ -6,6 +6,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "capturedHeader.h"
+
 namespace {
 
 using Magic = std::array<uint8_t, 4>;
@@ -73,13 +75,13 @@ std::optional<CaptureFile::Frame> CaptureFile::next() {
     if (result != 1) {
         throw std::runtime_error(path_ + ": " + pcap_geterr(handle_.get()));
     }
+    const CapturedHeader read = readHeader(*header);
     Frame frame;
-    const int64_t seconds = std::clamp<int64_t>(header->ts.tv_sec, 0, kLatestSecond);
-    // Where libpcap was asked for nanoseconds, they stand in tv_usec.
-    const int64_t fraction = std::clamp<int64_t>(header->ts.tv_usec, 0, kNanosecondsPerSecond - 1);
+    const int64_t seconds = std::clamp<int64_t>(read.seconds, 0, kLatestSecond);
+    const int64_t fraction = std::clamp<int64_t>(read.fraction, 0, kNanosecondsPerSecond - 1);
     frame.time = seconds * kNanosecondsPerSecond + fraction;
-    frame.bytes = {bytes, header->caplen};
-    frame.cut = header->caplen < header->len;
+    frame.bytes = {bytes, read.captured};
+    frame.cut = read.cut();
     return frame;
 }
 

@@ -16,6 +16,7 @@
 #include "arrivalClock.h"
 #include "capture.h"
 #include "captureFilter.h"
+#include "capturedHeader.h"
 
 namespace meterd {
 
@@ -155,20 +156,20 @@ class LiveCapture final : public Capture {
     };
 
     static void take(u_char* self, const pcap_pkthdr* header, const u_char* bytes) {
-        static_cast<LiveCapture*>(static_cast<void*>(self))->take(*header, bytes);
+        static_cast<LiveCapture*>(static_cast<void*>(self))->take(readHeader(*header), bytes);
     }
 
-    void take(const pcap_pkthdr& header, const u_char* bytes) {
-        if (header.caplen < header.len) {
+    void take(const CapturedHeader& header, const u_char* bytes) {
+        if (header.cut()) {
             ++cut_;
             return;
         }
-        if (meter::readFrame(meter::LinkLayer::kEthernet, {bytes, header.caplen}, datagram_) ==
+        if (meter::readFrame(meter::LinkLayer::kEthernet, {bytes, header.captured}, datagram_) ==
                 meter::FrameContent::kOther ||
             !share_.takes(datagram_.destination)) {
             return;
         }
-        datagram_.wall = int64_t{header.ts.tv_sec} * kNsPerSecond + header.ts.tv_usec;  // ns, as asked for
+        datagram_.wall = header.seconds * kNsPerSecond + header.fraction;
         datagram_.arrival = clock_.arrival(datagram_.wall);
         (*sink_)(datagram_);
     }

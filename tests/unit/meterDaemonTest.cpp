@@ -64,10 +64,8 @@ bool passes(const std::vector<sock_filter>& filter, const test::Bytes& frame) {
     std::vector<bpf_insn> instructions(filter.size());
     std::memcpy(instructions.data(), filter.data(), filter.size() * sizeof(sock_filter));
     EXPECT_EQ(bpf_validate(instructions.data(), static_cast<int>(instructions.size())), 1);
-    const bpf_program program{static_cast<u_int>(instructions.size()), instructions.data()};
-    pcap_pkthdr header{};
-    header.caplen = header.len = static_cast<bpf_u_int32>(frame.size());
-    return pcap_offline_filter(&program, &header, frame.data()) != 0;
+    const auto bytes = static_cast<u_int>(frame.size());
+    return bpf_filter(instructions.data(), frame.data(), bytes, bytes) != 0;
 }
 
 TEST(MeterCaptureFilter, LetsMulticastUdpThroughAlsoInVlansAndNothingElse) {
