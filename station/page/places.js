@@ -2,7 +2,7 @@
 // back and a reload lead there again.
 
 const kSaveMs = 200;
-const kTryMs = 4_000;  // lists come from the station, and are as long as before only then
+const kTryMs = 4_000;  // lists come from the station; from the first of it on until it is as long as before
 const kSettleMs = 1_000;
 
 let timer = 0;
@@ -26,7 +26,8 @@ export function keepPlaces() {
   history.scrollRestoration = 'manual';
   addEventListener('scroll', later, {passive: true});
   document.addEventListener('focusin', later);
-  addEventListener('pagehide', () => isLeft || save());
+  // What is kept when the page hides is too late for a reload.
+  for (const event of ['beforeunload', 'pagehide']) addEventListener(event, () => isLeft || save());
   addEventListener('popstate', drop);  // comes with the other entry; hashchange may be some tasks behind
   for (const event of ['wheel', 'touchmove', 'keydown', 'pointerdown'])
     addEventListener(event, stop, {passive: true});
@@ -58,12 +59,13 @@ export function restore(main) {
   isLeft = false;
   const {scroll = 0, focus = null} = history.state ?? {};
   if (!scroll && !focus) return false;
-  const end = Date.now() + kTryMs;
+  let end;
   const find = () => [...main.querySelectorAll('a[href]')].find((one) => one.getAttribute('href') === focus);
   const attempt = () => {
     const room = document.documentElement.scrollHeight - innerHeight;
     const link = focus ? find() : null;
-    if ((room < scroll || (focus && !link)) && Date.now() < end) return;
+    if (main.querySelector('a[href]')) end ??= Date.now() + kTryMs;
+    if ((room < scroll || (focus && !link)) && !(Date.now() >= end)) return;
     scrollTo(0, scroll);
     if (link && link !== document.activeElement) link.focus({preventScroll: true});
     settled ||= setTimeout(stop, kSettleMs);
