@@ -201,7 +201,6 @@ class NightTest(FedTest):
         self.browser.run("""const link = [...document.querySelectorAll('main .tile a')].find(
                                 (one) => one.textContent.includes('Channel 20'));
                             link.focus({preventScroll: true}); return 0""")
-        time.sleep(0.5)
         self.browser.driver.refresh()
         wait_for("the place after a reload", 10, lambda: abs(scroll() - 300) <= 4)
         self.browser.run("document.activeElement.click()")
