@@ -357,12 +357,15 @@ TEST(MeterFileCapture, GoesOnWhereTimesLeap) {
 
 TEST(MeterWorker, ReportsEachSecondTellsDropsAndCapturesAgain) {
     std::atomic<int> made = 0;
+    std::atomic<bool> problem = false;
     RunningWorker worker(1, [&]() -> std::unique_ptr<Capture> {
-        // 1.2 s or later it fails, and is made anew once.
+        if (made > 0 && !problem) {
+            throw std::runtime_error("the cable is gone");
+        }
+        // 1.2 s or later it fails, and is made anew once that was told.
         return std::make_unique<MadeCapture>(made++ == 0 ? 240 : -1);
     });
     std::vector<metering::Second> seconds;
-    bool problem = false;
     worker.waitFor([&](const metering::Second& second) {
         problem = problem || second.capture().problem() == "the cable is gone";
         seconds.push_back(second);
