@@ -1,5 +1,6 @@
 // Who connects to the controller's port without being a probe, speaking ZMTP 3.0 by hand.
 #include <gtest/gtest.h>
+#include <linux/tcp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <thread>
@@ -73,6 +75,14 @@ class Client {
         return count < 0 && errno == EAGAIN;
     }
 
+    // Whether the system says how much came; an emulator answers all questions about TCP with an int.
+    bool bytesAreCounted() const {
+        tcp_info information{};
+        socklen_t size = sizeof information;
+        return getsockopt(socket_, IPPROTO_TCP, TCP_INFO, &information, &size) == 0 &&
+               size > offsetof(tcp_info, tcpi_bytes_received);
+    }
+
   private:
     int socket_;
 };
@@ -94,6 +104,9 @@ struct Port {
 TEST(ConnectionLimit, ClosesAMessageWithoutEndAndLeavesARequestAlone) {
     Port port;
     Client endless(port.endpoint);
+    if (!endless.bytesAreCounted()) {
+        GTEST_SKIP() << "TCP_INFO is not given here";
+    }
     endless.beginAsRequester();
     endless.awaitReady();
     zmq::socket_t probe(port.context, zmq::socket_type::req);
