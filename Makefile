@@ -85,7 +85,7 @@ fuzz:
 	cmake --build --preset fuzz -j $(JOBS)
 	mkdir -p build/fuzz/found $(FUZZ_TARGETS:%=build/fuzz/corpus/%)
 	printf '%s\n' $(FUZZ_TARGETS) | xargs -P $(JOBS) -I{} \
-	  build/fuzz/bin/fuzz_{} -max_total_time=$(FUZZ_SECONDS) -max_len=8192 -timeout=25 -close_fd_mask=1 -entropic=0 \
+	  env build/fuzz/bin/fuzz_{} -max_total_time=$(FUZZ_SECONDS) -max_len=8192 -timeout=25 -close_fd_mask=1 -entropic=0 \
 	    -artifact_prefix=build/fuzz/found/{}- build/fuzz/corpus/{} tests/fuzz/corpus/{}
 
 ## bench         what the speed claims rest on; BENCH=quick only sees that all of it runs, BENCH=live is the live part alone
