@@ -313,11 +313,16 @@ TEST_F(Picture, ReplacesWorkersThatHangOrDieAndLeavesTheirChannelOut) {
     std::mutex mutex;
     std::vector<pid_t> stopped;
     answer(kB, [&](const picturing::Wanted&) {
+        // The two may be asked for in each turn at once.
+        const bool done = eventually(
+            [this] {
+                const auto all = shots();
+                return std::any_of(all.begin(), all.end(), [this](const picturing::Shot& shot) {
+                    return shot.taken_ns() == answers_.arrived[kA];
+                });
+            },
+            5s);
         const auto found = workers();
-        const auto all = shots();
-        const bool done = std::any_of(all.begin(), all.end(), [this](const picturing::Shot& shot) {
-            return shot.taken_ns() == answers_.arrived[kA];
-        });
         const std::lock_guard lock(mutex);
         if (!done || found.empty() || std::find(stopped.begin(), stopped.end(), found[0]) != stopped.end()) {
             return picturing::Coded();
