@@ -286,6 +286,7 @@ void EventStore::Implementation::finish() {
     } catch (const DatabaseError&) {
         // Then ids have a gap, events stay an hour longer, and 15 s are unknown to reports.
     }
+    stopCheck();  // which has the file open
     database_.reset();
 }
 

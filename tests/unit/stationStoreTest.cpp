@@ -210,6 +210,14 @@ TEST(EventStore, PutsADamagedFileAsideAndKeepsWhatIsRaised) {
     }
 }
 
+TEST(EventStore, LeavesAllInOneFileAlsoWhenItEndsBeforeThatIsChecked) {
+    const ScratchDirectory directory;
+    for (int64_t id = 1; id <= 100; ++id) {
+        Store(directory).recordAll({raised(id)});
+        ASSERT_FALSE(std::filesystem::exists(directory.path() / "events.db-wal")) << id;
+    }
+}
+
 TEST(EventStore, GoesOnInANewFileWhenItsOwnIsRemovedOrReplaced) {
     const ScratchDirectory others;
     {
