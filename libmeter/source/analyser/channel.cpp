@@ -9,6 +9,12 @@ namespace meter {
 
 namespace {
 
+// A time of day with which any other of a stream can be reckoned: a file may claim the year 2262.
+inline Nanoseconds knownWall(const Datagram& datagram) {
+    constexpr Nanoseconds kLatest = INT64_MAX / 2;
+    return datagram.wall > 0 && datagram.wall < kLatest ? datagram.wall : 0;
+}
+
 std::string nameOf(uint32_t source, uint16_t sourcePort, uint16_t port) {
     return basics::dotted(source) + ":" + std::to_string(sourcePort) + " to port " + std::to_string(port);
 }
@@ -79,7 +85,7 @@ void ChannelAnalyser::Channel::feedOther(const Datagram& datagram) {
 void ChannelAnalyser::Channel::beginFlow(const Datagram& datagram) {
     flow_ = {datagram.source, datagram.sourcePort, datagram.destinationPort};
     begin_ = datagram.arrival;
-    beginWall_ = datagram.wall;
+    beginWall_ = knownWall(datagram);
     feedFlow(datagram);
 }
 
@@ -144,7 +150,7 @@ void ChannelAnalyser::Channel::feedFlow(const Datagram& datagram) {
     lastDatagram_ = arrival;
     ++datagrams_;
     if (isPlain(datagram.payload)) {
-        feedPlain(datagram.payload, arrival, datagram.wall);
+        feedPlain(datagram.payload, arrival, knownWall(datagram));
         return;
     }
     const Payload payload = classify(datagram.payload, encapsulation_);
@@ -153,11 +159,11 @@ void ChannelAnalyser::Channel::feedFlow(const Datagram& datagram) {
         return;
     }
     if (payload.encapsulation == Encapsulation::kUdp) {
-        feedPlain(payload.packets, arrival, datagram.wall);
+        feedPlain(payload.packets, arrival, knownWall(datagram));
         return;
     }
     count(payload.packets, Encapsulation::kRtp, arrival);
-    feedRtp(payload.rtp, arrival, datagram.wall);
+    feedRtp(payload.rtp, arrival, knownWall(datagram));
 }
 
 void ChannelAnalyser::Channel::feedRtp(const RtpPacket& rtp, Nanoseconds arrival, Nanoseconds wall) {
