@@ -12,7 +12,7 @@ inline constexpr std::size_t kVlanTagsLimit = 2;
 // Addresses and ports are in host byte order. The bytes need to live for the call alone that takes them.
 struct Datagram {
     int64_t arrival = 0;  // ns, by a clock that is never set; a value before the last one counts as the last
-    int64_t wall = 0;     // the same moment in ns since 1970; unknown: 0, or any that is not before 2116
+    int64_t wall = 0;     // the same moment, ns since 1970; not known: 0 and below, and after 2116
     uint32_t source = 0;
     uint32_t destination = 0;
     uint16_t sourcePort = 0;
