@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <vector>
 
 namespace test {
@@ -12,6 +13,15 @@ class BitWriter {
     BitWriter& bits(uint64_t value, unsigned count) {
         for (unsigned i = count; i > 0; --i)
             put((value >> (i - 1) & 1) != 0);
+        return *this;
+    }
+    struct Field {
+        uint64_t value;
+        unsigned count;
+    };
+    BitWriter& fields(std::initializer_list<Field> all) {
+        for (const auto& [value, count] : all)
+            bits(value, count);
         return *this;
     }
     BitWriter& ue(uint32_t value) {
@@ -65,6 +75,11 @@ inline std::vector<uint8_t> startCoded(const std::vector<uint8_t>& unit, bool pr
         bytes.push_back(byte);
     }
     return bytes;
+}
+
+// A header of ISO/IEC 13818-2: the first field is the last byte of its start code.
+inline std::vector<uint8_t> mpegHeader(std::initializer_list<BitWriter::Field> fields) {
+    return startCoded(BitWriter().fields(fields).plain(), false);
 }
 
 }  // namespace test

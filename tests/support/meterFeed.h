@@ -16,11 +16,7 @@ inline constexpr uint32_t kGroup = 0xEF010101;
 
 // Seven packets a datagram at their pace.
 struct Feed {
-    std::vector<TsPacket> packets = [] {
-        MeterStream stream;
-        stream.seconds = 3;
-        return stream.packets();
-    }();
+    std::vector<TsPacket> packets = MeterStream({.seconds = 3}).packets();
     std::size_t at = 0;
     int64_t arrival = 10 * kSecond;
     std::vector<uint8_t> bytes;

@@ -28,30 +28,35 @@ struct Repeated {
     double untilMs = 1e12;
 };
 
-struct MeterStream {
-    static constexpr int64_t kPacketTicks = 20304;  // 2 Mbit/s, in 27 MHz
-    static constexpr double kPacketMs = kPacketTicks / 27000.0;
-
+// What goes into a stream, and when.
+struct StreamPlan {
     double seconds = 5;
-    double tablesMs = 100;
     double pcrMs = 40;
     double audioMs = 24;
     double audioSilentFromMs = 1e12;
     double audioSilentUntilMs = 1e12;
     bool pmt = true;
-    std::vector<Repeated> tables;
+    std::vector<Repeated> tables = {};
     // Of a packet that goes out at a time: changes what it likes.
-    std::function<void(double ms, TsPacket&)> plant;
+    std::function<void(double ms, TsPacket&)> plant = nullptr;
     // The clock's value in ticks, from the true one.
     std::function<int64_t(int64_t)> clock = [](int64_t ticks) { return ticks; };
+};
+
+struct MeterStream : StreamPlan {
+    static constexpr int64_t kPacketTicks = 20304;  // 2 Mbit/s, in 27 MHz
+    static constexpr double kPacketMs = kPacketTicks / 27000.0;
+
+    MeterStream(StreamPlan plan = {}) : StreamPlan(std::move(plan)) {}
 
     // The packets, one each kPacketTicks.
     std::vector<TsPacket> packets() {
         const Bytes pat = psi::section(0, 1, 0, psi::concat({psi::u16(1), psi::u16(0xE000 | kPmtPid)}));
         const Bytes map = psi::pmtSection(1, 0, kVideoPid, {{0x1B, kVideoPid}, {0x03, kAudioPid}});
-        std::vector<Repeated> due = {{0, pat, tablesMs}};
+        constexpr double kTablesMs = 100;
+        std::vector<Repeated> due = {{0, pat, kTablesMs}};
         if (pmt) {
-            due.push_back({kPmtPid, map, tablesMs, 1});
+            due.push_back({kPmtPid, map, kTablesMs, 1});
         }
         due.insert(due.end(), tables.begin(), tables.end());
         double nextVideo = 2;
@@ -106,6 +111,10 @@ struct MeterStream {
     static TsPacket null() {
         return header(0x1FFF, false, 0x10);
     }
+    // Of the packet that goes out then.
+    static std::size_t at(double ms) {
+        return static_cast<std::size_t>(ms / kPacketMs);
+    }
     static uint16_t pidOf(const TsPacket& packet) {
         return static_cast<uint16_t>((packet[1] & 0x1F) << 8 | packet[2]);
     }
@@ -134,20 +143,9 @@ struct MeterStream {
             at += field.size();
         }
         const uint64_t pts = static_cast<uint64_t>(ticks) / 300 + 45000;
-        const Bytes start = {0,
-                             0,
-                             1,
-                             streamId,
-                             0,
-                             0,
-                             0x80,
-                             0x80,
-                             5,
-                             psi::low8(0x21 | (pts >> 29 & 0x0E)),
-                             psi::low8(pts >> 22),
-                             psi::low8(pts >> 14 | 1),
-                             psi::low8(pts >> 7),
-                             psi::low8(pts << 1 | 1)};
+        const Bytes stamp = {psi::low8(0x21 | (pts >> 29 & 0x0E)), psi::low8(pts >> 22),
+                             psi::low8(pts >> 14 | 1), psi::low8(pts >> 7), psi::low8(pts << 1 | 1)};
+        const Bytes start = psi::concat({{0, 0, 1, streamId, 0, 0, 0x80, 0x80, 5}, stamp});
         std::ranges::copy(start, packet.begin() + static_cast<std::ptrdiff_t>(at));
         count4(packet);
         return packet;
@@ -175,6 +173,10 @@ inline Bytes joined(const std::vector<TsPacket>& packets, std::size_t from = 0,
     return bytes;
 }
 
+inline std::vector<TsPacket> upTo(double ms, const std::vector<TsPacket>& packets) {
+    return {packets.begin(), packets.begin() + static_cast<std::ptrdiff_t>(MeterStream::at(ms))};
+}
+
 inline meter::Report measureFile(const std::vector<TsPacket>& packets, meter::Settings settings = {}) {
     settings.bare = true;
     meter::ChannelAnalyser analyser(settings);
@@ -183,6 +185,21 @@ inline meter::Report measureFile(const std::vector<TsPacket>& packets, meter::Se
     }
     analyser.finish();
     return analyser.report();
+}
+
+inline const meter::CheckReport& checkOf(const meter::Report& report, std::string_view id) {
+    return *std::ranges::find(report.checks, id, &meter::CheckReport::id);
+}
+
+// How often each check failed that ever did, by its number.
+inline std::map<std::string, uint64_t> countsOf(const meter::Report& report) {
+    std::map<std::string, uint64_t> counts;
+    for (const meter::CheckReport& check : report.checks) {
+        if (check.count > 0) {
+            counts[check.id] = check.count;
+        }
+    }
+    return counts;
 }
 
 // A datagram of the flow that tests use.

@@ -6,17 +6,11 @@
 namespace {
 
 using psi::TsPacket;
+using test::checkOf;
 using test::kAudioPid;
 using test::kPmtPid;
 using test::kVideoPid;
 using test::MeterStream;
-
-meter::CheckReport checkOf(const meter::Report& report, std::string_view id) {
-    return *std::ranges::find(report.checks, id, &meter::CheckReport::id);
-}
-std::size_t at(double ms) {
-    return static_cast<std::size_t>(ms / MeterStream::kPacketMs);
-}
 
 TEST(MeterAbsences, EndAnUnreferencedPidOnceItIsReferredTo) {
     MeterStream stream;
@@ -33,13 +27,12 @@ TEST(MeterAbsences, EndAnUnreferencedPidOnceItIsReferredTo) {
         }
     };
     const std::vector<TsPacket> packets = stream.packets();
-    const meter::CheckReport ended = checkOf(test::measureFile(packets), "3.4.a");
+    const meter::Report whole = test::measureFile(packets);
+    const meter::CheckReport& ended = checkOf(whole, "3.4.a");
     EXPECT_EQ(ended.count, 1);
     EXPECT_EQ(ended.seconds, 3);  // from 1.5 to 3
     EXPECT_FALSE(ended.active);
-    const std::vector<TsPacket> before(packets.begin(),
-                                       packets.begin() + static_cast<std::ptrdiff_t>(at(2900)));
-    EXPECT_TRUE(checkOf(test::measureFile(before), "3.4.a").active);
+    EXPECT_TRUE(checkOf(test::measureFile(test::upTo(2900, packets)), "3.4.a").active);
 }
 
 // A sub-table that went for good is absent for a while; one that should be there is absent until it comes.
@@ -78,14 +71,10 @@ TEST(MeterAbsences, EndTheAbsenceOfWhatIsGone) {
     };
     for (const Gone& gone : kGone) {
         SCOPED_TRACE(gone.what);
-        MeterStream made;
-        made.seconds = 75;
-        made.tables = gone.tables;
-        const std::vector<TsPacket> packets = made.packets();
-        const std::vector<TsPacket> before(packets.begin(),
-                                           packets.begin() + static_cast<std::ptrdiff_t>(at(30000)));
-        EXPECT_TRUE(checkOf(test::measureFile(before), gone.id).active);
-        const meter::CheckReport& ended = checkOf(test::measureFile(packets), gone.id);
+        const auto packets = MeterStream({.seconds = 75, .tables = gone.tables}).packets();
+        EXPECT_TRUE(checkOf(test::measureFile(test::upTo(30000, packets)), gone.id).active);
+        const meter::Report whole = test::measureFile(packets);
+        const meter::CheckReport& ended = checkOf(whole, gone.id);
         EXPECT_GE(ended.count, 1);
         EXPECT_EQ(ended.active, gone.active);
     }

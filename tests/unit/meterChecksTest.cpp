@@ -2,45 +2,36 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <map>
-
 #include "support/meterStream.h"
 
 namespace {
 
 using psi::Bytes;
 using psi::TsPacket;
+using test::checkOf;
 using test::kAudioPid;
 using test::kPmtPid;
 using test::kVideoPid;
 using test::MeterStream;
 using Counts = std::map<std::string, uint64_t>;
+using Plant = std::function<void(double, TsPacket&)>;
 
-Counts countsOf(const meter::Report& report) {
-    Counts counts;
-    for (const meter::CheckReport& check : report.checks) {
-        if (check.count > 0) {
-            counts[check.id] = check.count;
-        }
-    }
-    return counts;
-}
-
-const meter::CheckReport& checkOf(const meter::Report& report, std::string_view id) {
-    return *std::ranges::find(report.checks, id, &meter::CheckReport::id);
-}
-
-// A fault that one packet of a PID has from a time on, `times` times.
-std::function<void(double, TsPacket&)> once(uint16_t pid, double fromMs,
-                                            std::function<void(TsPacket&)> change, int times = 1) {
-    return [=, left = times](double ms, TsPacket& packet) mutable {
+// A fault of each packet of a PID from a time on, as long as there are some `left`.
+Plant each(uint16_t pid, double fromMs, std::function<void(TsPacket&)> change, int left = INT_MAX) {
+    return [=](double ms, TsPacket& packet) mutable {
         if (left > 0 && ms >= fromMs && MeterStream::pidOf(packet) == pid) {
             --left;
             change(packet);
         }
     };
 }
+Plant once(uint16_t pid, double fromMs, std::function<void(TsPacket&)> change) {
+    return each(pid, fromMs, std::move(change), 1);
+}
 
+void leaveOut(TsPacket& packet) {
+    packet = MeterStream::null();
+}
 void scramble(TsPacket& packet) {
     packet[3] |= 0x80;
 }
@@ -65,7 +56,7 @@ Bytes broken(Bytes section) {
 struct Case {
     const char* name;
     Counts counts;
-    std::function<void(MeterStream&)> plant;
+    test::StreamPlan plan = {};
     std::function<void(std::vector<TsPacket>&)> change = nullptr;
     bool required = false;  // service information
 };
@@ -73,25 +64,18 @@ struct Case {
 class MeterChecks : public testing::TestWithParam<Case> {};
 
 TEST_P(MeterChecks, FindWhatIsPlantedAndNothingElse) {
-    MeterStream stream;
-    if (GetParam().plant) {
-        GetParam().plant(stream);
-    }
-    std::vector<TsPacket> packets = stream.packets();
+    std::vector<TsPacket> packets = MeterStream(GetParam().plan).packets();
     if (GetParam().change) {
         GetParam().change(packets);
     }
     meter::Settings settings;
     settings.serviceInformationRequired = GetParam().required;
-    EXPECT_EQ(countsOf(test::measureFile(packets, settings)), GetParam().counts);
+    EXPECT_EQ(test::countsOf(test::measureFile(packets, settings)), GetParam().counts);
 }
 
-std::size_t at(double ms) {
-    return static_cast<std::size_t>(ms / MeterStream::kPacketMs);
-}
 // The first packet of a PID from a time on.
 std::size_t find(const std::vector<TsPacket>& packets, uint16_t pid, double ms) {
-    std::size_t i = at(ms);
+    std::size_t i = MeterStream::at(ms);
     while (MeterStream::pidOf(packets[i]) != pid) {
         ++i;
     }
@@ -107,24 +91,27 @@ std::vector<test::Repeated> with(std::vector<test::Repeated> tables, test::Repea
     return tables;
 }
 
+// The clock steps after two seconds.
+int64_t ahead(int64_t t, int64_t step) {
+    return t + (t > 54'000'000 ? step : 0);
+}
+
 const Case kCases[] = {
-    {"Clean", {}, nullptr},
+    {"Clean", {}},
     {"CleanAcrossTheClocksWrap",
      {},
-     [](MeterStream& s) {
-         s.clock = [](int64_t ticks) { return (int64_t{300} << 33) - 54'000'000 + ticks; };
-     }},
-    {"CleanWithServiceInformation", {}, [](MeterStream& s) { s.tables = kWholeSi; }},
+     {.clock = [](int64_t t) { return (int64_t{300} << 33) - 54'000'000 + t; }}},
+    {"CleanWithServiceInformation", {}, {.tables = kWholeSi}},
     {"OneWrongSyncByte",
      {{"1.2", 1}, {"1.4", 1}},
-     nullptr,
+     {},
      [](std::vector<TsPacket>& p) { p[find(p, kVideoPid, 1010)][0] = 0; }},
     {"ThreeWrongSyncBytesTwice",
      {{"1.1", 2}, {"1.2", 6}, {"1.4", 3}},
-     nullptr,
+     {},
      [](std::vector<TsPacket>& p) {
          for (const double ms : {1000.0, 2000.0}) {
-             for (std::size_t i = at(ms); i < at(ms) + 3; ++i) {
+             for (std::size_t i = MeterStream::at(ms); i < MeterStream::at(ms) + 3; ++i) {
                  p[i] = MeterStream::null();
                  p[i][0] = 0;
              }
@@ -132,12 +119,7 @@ const Case kCases[] = {
      }},
     {"PatMissing",
      {{"1.3.a", 1}},
-     [](MeterStream& s) {
-         s.plant = [](double ms, TsPacket& p) {
-             if (MeterStream::pidOf(p) == 0 && ms > 1000 && ms < 1700)
-                 p = MeterStream::null();
-         };
-     },
+     {.plant = each(0, 1000, leaveOut, 7)},
      [](std::vector<TsPacket>& p) {  // whose counters go on
          uint8_t counter = 0;
          for (TsPacket& packet : p)
@@ -146,41 +128,28 @@ const Case kCases[] = {
      }},
     {"PatOfAnotherVersionEachSecond",
      {},
-     nullptr,
-     [](std::vector<TsPacket>& p) {
-         for (std::size_t i = 0; i < p.size(); ++i) {
-             if (MeterStream::pidOf(p[i]) == 0) {
-                 const auto version = static_cast<uint8_t>(i / at(1000));
-                 const Bytes pat =
-                     psi::section(0, 1, version, psi::concat({psi::u16(1), psi::u16(0xE000 | kPmtPid)}));
-                 std::ranges::copy(pat, p[i].begin() + 5);
-             }
-         }
-     }},
-    {"OtherTableOnThePatsPid",
-     {{"1.3.a", 2}},
-     [](MeterStream& s) {
-         s.tables = {{0, sdt(), 2000, 1050}};
-     }},
-    {"ScrambledPatPacket", {{"1.3.a", 1}}, [](MeterStream& s) { s.plant = once(0, 1000, scramble); }},
-    {"NoPat",
-     {{"1.3.a", 1}, {"3.4.a", 3}},
-     nullptr,
-     [](std::vector<TsPacket>& p) {
-         for (TsPacket& packet : p)
-             if (MeterStream::pidOf(packet) == 0)
-                 packet = MeterStream::null();
-     }},
+     {.plant =
+          [](double ms, TsPacket& p) {
+              if (MeterStream::pidOf(p) == 0) {
+                  const auto version = static_cast<uint8_t>(ms / 1000);
+                  const Bytes pat =
+                      psi::section(0, 1, version, psi::concat({psi::u16(1), psi::u16(0xE000 | kPmtPid)}));
+                  std::ranges::copy(pat, p.begin() + 5);
+              }
+          }}},
+    {"OtherTableOnThePatsPid", {{"1.3.a", 2}}, {.tables = {{0, sdt(), 2000, 1050}}}},
+    {"ScrambledPatPacket", {{"1.3.a", 1}}, {.plant = once(0, 1000, scramble)}},
+    {"NoPat", {{"1.3.a", 1}, {"3.4.a", 3}}, {.plant = each(0, 0, leaveOut)}},
     {"CounterJumps",
      {{"1.4", 2}},
-     nullptr,
+     {},
      [](std::vector<TsPacket>& p) {
          for (const double ms : {1010.0, 2010.0})
-             p[find(p, kVideoPid, ms)] = MeterStream::null();
+             leaveOut(p[find(p, kVideoPid, ms)]);
      }},
     {"PacketsTwice",
      {},
-     nullptr,
+     {},
      [](std::vector<TsPacket>& p) {
          for (int i = 0; i < 50; ++i) {
              const std::size_t found = find(p, kVideoPid, 1000 + 20 * i);
@@ -190,7 +159,7 @@ const Case kCases[] = {
      }},
     {"APacketThreeTimes",
      {{"1.4", 1}},
-     nullptr,
+     {},
      [](std::vector<TsPacket>& p) {
          std::size_t found = find(p, kVideoPid, 1000);
          while (MeterStream::pidOf(p[found + 1]) != 0x1FFF || MeterStream::pidOf(p[found]) != kVideoPid)
@@ -201,7 +170,7 @@ const Case kCases[] = {
      }},
     {"EqualCounterOtherContent",
      {{"1.4", 2}},
-     nullptr,
+     {},
      [](std::vector<TsPacket>& p) {
          const std::size_t found = find(p, kVideoPid, 1010);
          const uint8_t counter = p[found][3];
@@ -210,241 +179,146 @@ const Case kCases[] = {
              ++next;
          p[next][3] = counter;
      }},
-    {"PmtMissing", {{"1.5.a", 1}, {"3.4.a", 2}}, [](MeterStream& s) { s.pmt = false; }},
-    {"ScrambledPmtPacket", {{"1.5.a", 1}}, [](MeterStream& s) { s.plant = once(kPmtPid, 1000, scramble); }},
+    {"PmtMissing", {{"1.5.a", 1}, {"3.4.a", 2}}, {.pmt = false}},
+    {"ScrambledPmtPacket", {{"1.5.a", 1}}, {.plant = once(kPmtPid, 1000, scramble)}},
     {"AudioSilentForEightSeconds",
      {{"1.6", 1}, {"2.5", 1}},
-     [](MeterStream& s) {
-         s.seconds = 12;
-         s.audioSilentFromMs = 2000;
-         s.audioSilentUntilMs = 10000;
-     }},
+     {.seconds = 12, .audioSilentFromMs = 2000, .audioSilentUntilMs = 10000}},
     {"AudioSilentForFourSeconds",
      {{"2.5", 1}},
-     [](MeterStream& s) {
-         s.seconds = 8;
-         s.audioSilentFromMs = 2000;
-         s.audioSilentUntilMs = 6000;
-     }},
+     {.seconds = 8, .audioSilentFromMs = 2000, .audioSilentUntilMs = 6000}},
     {"TransportErrorsHideAll",
      {{"2.1", 2}},
-     [](MeterStream& s) {
-         s.plant = once(
-             kVideoPid, 1000,
-             [](TsPacket& p) {
-                 p[1] |= 0x80;
-                 p[3] = 0x1A;
-             },
-             2);
-     }},
-    {"BrokenSections",
-     {{"2.2", 3}},
-     [](MeterStream& s) {
-         s.tables = {{0x11, broken(sdt()), 1000, 1050, 3500}};
-     }},
+     {.plant = each(
+          kVideoPid, 1000,
+          [](TsPacket& p) {
+              p[1] |= 0x80;
+              p[3] = 0x1A;
+          },
+          2)}},
+    {"BrokenSections", {{"2.2", 3}}, {.tables = {{0x11, broken(sdt()), 1000, 1050, 3500}}}},
     {"BrokenSectionsOfATableThatIsNotLookedAt",
      {},
-     [](MeterStream& s) {
-         s.tables = {{kPmtPid, broken(psi::section(0x90, 1, 0, {1, 2, 3})), 1000, 1050}};
-     }},
-    {"ClocksSixtyMillisecondsApart", {}, [](MeterStream& s) { s.pcrMs = 60; }},
+     {.tables = {{kPmtPid, broken(psi::section(0x90, 1, 0, {1, 2, 3})), 1000, 1050}}}},
+    {"ClocksSixtyMillisecondsApart", {}, {.pcrMs = 60}},
     {"ClocksTooFarApart",
      {{"2.3.a", 1}, {"2.3.b", 1}},
-     [](MeterStream& s) {
-         s.plant = [](double ms, TsPacket& p) {
-             if (MeterStream::pidOf(p) == kVideoPid && (p[3] & 0x20) != 0 && ms > 1000 && ms < 1080) {
-                 const uint8_t counter = p[3] & 0xF;
-                 p = MeterStream::header(kVideoPid, false, static_cast<uint8_t>(0x10 | counter));
-             }
-         };
-     },
-     [](std::vector<TsPacket>&) {}},
+     {.plant =
+          [](double ms, TsPacket& p) {
+              if (MeterStream::pidOf(p) == kVideoPid && (p[3] & 0x20) != 0 && ms > 1000 && ms < 1080) {
+                  const uint8_t counter = p[3] & 0xF;
+                  p = MeterStream::header(kVideoPid, false, static_cast<uint8_t>(0x10 | counter));
+              }
+          }}},
     {"ClockStepsBackByOneSecond",
      {{"2.3.b", 1}},
-     [](MeterStream& s) {
-         s.clock = [](int64_t t) { return t + 81'000'000 - (t > 54'000'000 ? 27'000'000 : 0); };
-     }},
+     {.clock = [](int64_t t) { return ahead(t, -27'000'000) + 81'000'000; }}},
     {"ClockStepsAheadIsNoLoss",
      {{"1.3.a", 1}, {"1.5.a", 1}, {"2.3.a", 1}, {"2.3.b", 1}},
-     [](MeterStream& s) { s.clock = [](int64_t t) { return t + (t > 54'000'000 ? 13'500'000 : 0); }; }},
+     {.clock = [](int64_t t) { return ahead(t, 13'500'000); }}},
     {"SignalledStep",
      {},
-     [](MeterStream& s) {
-         s.clock = [](int64_t t) { return t + (t > 54'000'000 ? 270'000'000 : 0); };
-         s.plant = [done = false](double ms, TsPacket& p) mutable {
-             if (!done && ms > 2000 && MeterStream::pidOf(p) == kVideoPid && (p[3] & 0x20) != 0) {
-                 p[5] |= 0x80;
-                 done = true;
-             }
-         };
-     }},
+     {.plant =
+          [done = false](double ms, TsPacket& p) mutable {
+              if (!done && ms > 2000 && MeterStream::pidOf(p) == kVideoPid && (p[3] & 0x20) != 0) {
+                  p[5] |= 0x80;
+                  done = true;
+              }
+          },
+      .clock = [](int64_t t) { return ahead(t, 270'000'000); }}},
     {"ClockOffByTwoMicroseconds",
      {{"2.4", 2}},
-     [](MeterStream& s) {
-         s.clock = [](int64_t t) {
-             const int64_t slot = t / (40 * 27000);
-             return t + (slot == 40 ? 54 : slot == 80 ? -54 : 0);
-         };
-     }},
-    {"ScrambledWithoutCat",
-     {{"2.6", 1}},
-     [](MeterStream& s) {
-         s.plant = [](double ms, TsPacket& p) {
-             if (ms > 500 && MeterStream::pidOf(p) == kAudioPid)
-                 scramble(p);
-         };
-     }},
+     {.clock =
+          [](int64_t t) {
+              const int64_t slot = t / (40 * 27000);
+              return t + (slot == 40 ? 54 : slot == 80 ? -54 : 0);
+          }}},
+    {"ScrambledWithoutCat", {{"2.6", 1}}, {.plant = each(kAudioPid, 500, scramble)}},
     {"ScrambledWithCat",
      {},
-     [](MeterStream& s) {
-         s.tables = {{1, psi::section(1, 0xFFFF, 0, {}), 400, 50}};
-         s.plant = [](double ms, TsPacket& p) {
-             if (ms > 500 && MeterStream::pidOf(p) == kAudioPid)
-                 scramble(p);
-         };
-     }},
-    {"OneStrayScrambledPacket", {}, [](MeterStream& s) { s.plant = once(kVideoPid, 1010, scramble); }},
-    {"OtherTableOnTheCatsPid",
-     {{"2.6", 4}},
-     [](MeterStream& s) {
-         s.tables = {{1, sdt(), 1000, 1050}};
-     }},
-    {"NitTooLate",
-     {{"3.1.a", 1}, {"3.2", 1}},
-     [](MeterStream& s) {
-         s.seconds = 13;
-         s.tables = {{0x10, nit(), 10500, 50}};
-     }},
-    {"NitOpenAtTheEnd",
-     {{"3.1.a", 1}, {"3.2", 1}},
-     [](MeterStream& s) {
-         s.seconds = 11;
-         s.tables = {{0x10, nit(), 20000, 50}};
-     }},
+     {.tables = {{1, psi::section(1, 0xFFFF, 0, {}), 400, 50}}, .plant = each(kAudioPid, 500, scramble)}},
+    {"OneStrayScrambledPacket", {}, {.plant = once(kVideoPid, 1010, scramble)}},
+    {"OtherTableOnTheCatsPid", {{"2.6", 4}}, {.tables = {{1, sdt(), 1000, 1050}}}},
+    {"NitTooLate", {{"3.1.a", 1}, {"3.2", 1}}, {.seconds = 13, .tables = {{0x10, nit(), 10500, 50}}}},
+    {"NitOpenAtTheEnd", {{"3.1.a", 1}, {"3.2", 1}}, {.seconds = 11, .tables = {{0x10, nit(), 20000, 50}}}},
     {"NitNeverButRequired",
      {{"3.1.a", 1}, {"3.2", 4}, {"3.5.a", 1}, {"3.6.a", 1}, {"3.8", 1}},
-     [](MeterStream& s) { s.seconds = 31; },
+     {.seconds = 31},
      nullptr,
      true},
     {"NitOtherCountsWhenItComes",
      {{"3.1.b", 1}, {"3.2", 1}},
-     [](MeterStream& s) {
-         s.seconds = 23;
-         s.tables = {{0x10, nit(0x41), 11000, 50, 12000}};
-     }},
+     {.seconds = 23, .tables = {{0x10, nit(0x41), 11000, 50, 12000}}}},
     {"ForeignTables",
      {{"3.1.a", 1}, {"3.5.a", 1}, {"3.6.a", 1}, {"3.7", 1}, {"3.8", 1}},
-     [](MeterStream& s) {
-         s.tables = {{0x10, sdt(), 9000, 50},
-                     {0x11, nit(), 9000, 60},
-                     {0x12, nit(), 9000, 70},
-                     {0x13, tdt(), 9000, 80},
-                     {0x14, nit(), 9000, 90}};
-     }},
+     {.tables = {{0x10, sdt(), 9000, 50},
+                 {0x11, nit(), 9000, 60},
+                 {0x12, nit(), 9000, 70},
+                 {0x13, tdt(), 9000, 80},
+                 {0x14, nit(), 9000, 90}}}},
     {"SectionsTooClose",
      {{"3.1.a", 1}, {"3.2", 4}, {"3.5.a", 1}, {"3.6.a", 1}, {"3.8", 1}},
-     [](MeterStream& s) {
-         s.seconds = 1.5;
-         s.tables = {{0x10, nit(), 20, 50, 80},
-                     {0x11, sdt(), 20, 50, 80},
-                     {0x12, eit(0), 20, 50, 80},
-                     {0x12, eit(1), 40, 50, 80},
-                     {0x14, tdt(), 20, 50, 80}};
-     }},
+     {.seconds = 1.5,
+      .tables = {{0x10, nit(), 20, 50, 80},
+                 {0x11, sdt(), 20, 50, 80},
+                 {0x12, eit(0), 20, 50, 80},
+                 {0x12, eit(1), 40, 50, 80},
+                 {0x14, tdt(), 20, 50, 80}}}},
     {"EveryVersionOfATableCounts",
      {},
-     [](MeterStream& s) {
-         s.tables = {{0x11, sdt(0x42, 0), 2000, 50}, {0x11, sdt(0x42, 1), 2000, 1050}};
-     }},
-    {"SdtTooLate",
-     {{"3.2", 1}, {"3.5.a", 1}},
-     [](MeterStream& s) {
-         s.seconds = 4;
-         s.tables = {{0x11, sdt(), 2100, 50, 3000}};
-     }},
+     {.tables = {{0x11, sdt(0x42, 0), 2000, 50}, {0x11, sdt(0x42, 1), 2000, 1050}}}},
+    {"SdtTooLate", {{"3.2", 1}, {"3.5.a", 1}}, {.seconds = 4, .tables = {{0x11, sdt(), 2100, 50, 3000}}}},
     {"BatAndTotAreInTheRepetitionAlone",
      {{"3.2", 1}},
-     [](MeterStream& s) {
-         s.seconds = 12;
-         s.tables = {
-             {0x11, psi::section(0x4A, 1, 0, psi::concat({psi::loop12({}), psi::loop12({})})), 11000, 50}};
-     }},
+     {.seconds = 12,
+      .tables = {{0x11, psi::section(0x4A, 1, 0, psi::concat({psi::loop12({}), psi::loop12({})})), 11000,
+                  50}}}},
     {"TotTooLate",
      {{"3.2", 1}},
-     [](MeterStream& s) {
-         s.seconds = 33;
-         s.tables = {{0x14, psi::shortSection(0x73, {0xE0, 0, 0, 0, 0, 0xF0, 0}, true), 31000, 50}};
-     }},
+     {.seconds = 33,
+      .tables = {{0x14, psi::shortSection(0x73, {0xE0, 0, 0, 0, 0, 0xF0, 0}, true), 31000, 50}}}},
     {"SdtOtherCountsWhenItComes",
      {{"3.2", 1}, {"3.5.b", 1}},
-     [](MeterStream& s) {
-         s.seconds = 23;
-         s.tables = {{0x11, sdt(0x46), 11000, 50, 12000}};
-     }},
+     {.seconds = 23, .tables = {{0x11, sdt(0x46), 11000, 50, 12000}}}},
     {"EitOtherCountsWhenItComes",
      {{"3.2", 2}, {"3.6.b", 2}},
-     [](MeterStream& s) {
-         s.seconds = 23;
-         s.tables = {{0x12, eit(0, 0x4F), 11000, 50, 12000}, {0x12, eit(1, 0x4F), 11000, 60, 12000}};
-     }},
+     {.seconds = 23,
+      .tables = {{0x12, eit(0, 0x4F), 11000, 50, 12000}, {0x12, eit(1, 0x4F), 11000, 60, 12000}}}},
     {"RunningStatusTooClose",
      {{"3.2", 1}, {"3.7", 1}},
-     [](MeterStream& s) {
-         s.tables = {{0x13, psi::shortSection(0x71, {0, 1, 0, 1, 0, 1, 0, 1, 0xFC}, false), 20, 50, 80}};
-     }},
-    {"ScrambledAudioHasNoTimeStampsToMiss",
-     {},
-     [](MeterStream& s) {
-         s.audioMs = 800;
-         s.plant = [](double, TsPacket& p) {
-             if (MeterStream::pidOf(p) == kAudioPid)
-                 scramble(p);
-         };
-     }},
-    {"TimeStampsTooFarApart", {{"2.5", 6}}, [](MeterStream& s) { s.audioMs = 750; }},
+     {.tables = {{0x13, psi::shortSection(0x71, {0, 1, 0, 1, 0, 1, 0, 1, 0xFC}, false), 20, 50, 80}}}},
+    {"ScrambledAudioHasNoTimeStampsToMiss", {}, {.audioMs = 800, .plant = each(kAudioPid, 0, scramble)}},
+    {"TimeStampsTooFarApart", {{"2.5", 6}}, {.audioMs = 750}},
     {"StillPicturesHaveFewTimeStamps",
      {},
-     [](MeterStream& s) {
-         // video_stream_descriptor: MPEG_1_only_flag and still_picture_flag
-         const Bytes still = psi::descriptor(0x02, {0x07});
-         s.pmt = false;
-         s.pcrMs = 90;
-         s.tables = {{kPmtPid, psi::pmtSection(1, 0, kVideoPid, {{0x02, kVideoPid, still}}), 100, 1}};
-         s.plant = [](double ms, TsPacket& p) {
-             if (MeterStream::pidOf(p) == kAudioPid)
-                 p = MeterStream::null();
-             // PCRs go on, PES packets begin each 900 ms
-             if (MeterStream::pidOf(p) == kVideoPid && (p[3] & 0x20) != 0 &&
-                 static_cast<int>(ms / 90) % 10 != 0) {
-                 p[1] &= 0xBF;
-             }
-         };
-     }},
-    {"FollowingEventMissing",
-     {{"3.6.c", 1}},
-     [](MeterStream& s) {
-         s.tables = {{0x12, eit(0), 500, 50}};
-     }},
+     // video_stream_descriptor: MPEG_1_only_flag and still_picture_flag
+     {.pcrMs = 90,
+      .pmt = false,
+      .tables = {{kPmtPid,
+                  psi::pmtSection(1, 0, kVideoPid, {{0x02, kVideoPid, psi::descriptor(0x02, {0x07})}}), 100,
+                  1}},
+      .plant =
+          [](double ms, TsPacket& p) {
+              if (MeterStream::pidOf(p) == kAudioPid)
+                  leaveOut(p);
+              // PCRs go on, PES packets begin each 900 ms
+              if (MeterStream::pidOf(p) == kVideoPid && (p[3] & 0x20) != 0 &&
+                  static_cast<int>(ms / 90) % 10 != 0) {
+                  p[1] &= 0xBF;
+              }
+          }}},
+    {"FollowingEventMissing", {{"3.6.c", 1}}, {.tables = {{0x12, eit(0), 500, 50}}}},
     {"UnreferencedPid",
      {{"3.4.a", 1}},
-     [](MeterStream& s) {
-         s.plant = once(0x1FFF, 1000, [](TsPacket& p) { p = MeterStream::header(0x999, false, 0x10); });
-     }},
-    {"SchedulesAreHeldToNothing",
-     {},
-     [](MeterStream& s) {
-         s.tables = with(kWholeSi, {0x12, eit(0, 0x50), 10000, 30});
-     }},
+     {.plant = once(0x1FFF, 1000, [](TsPacket& p) { p = MeterStream::header(0x999, false, 0x10); })}},
+    {"SchedulesAreHeldToNothing", {}, {.tables = with(kWholeSi, {0x12, eit(0, 0x50), 10000, 30})}},
 };
 INSTANTIATE_TEST_SUITE_P(All, MeterChecks, testing::ValuesIn(kCases),
                          [](const auto& tested) { return tested.param.name; });
 
 TEST(MeterChecks, TellSecondsLastAndWhatHolds) {
-    MeterStream stream;
-    stream.seconds = 12;
-    stream.audioSilentFromMs = 2100;
-    stream.audioSilentUntilMs = 9500;
-    const std::vector<TsPacket> packets = stream.packets();
+    const std::vector<TsPacket> packets =
+        MeterStream({.seconds = 12, .audioSilentFromMs = 2100, .audioSilentUntilMs = 9500}).packets();
     const meter::Report whole = test::measureFile(packets);
     const meter::CheckReport& ended = checkOf(whole, "1.6");
     EXPECT_EQ(ended.count, 1);
@@ -454,8 +328,7 @@ TEST(MeterChecks, TellSecondsLastAndWhatHolds) {
     EXPECT_THAT(ended.pids, testing::ElementsAre(testing::Pair(kAudioPid, 1)));
     EXPECT_EQ(whole.checks.size(), 24);
 
-    const meter::Report cut =
-        test::measureFile({packets.begin(), packets.begin() + static_cast<std::ptrdiff_t>(at(8500))});
+    const meter::Report cut = test::measureFile(test::upTo(8500, packets));
     EXPECT_TRUE(checkOf(cut, "1.6").active);
     EXPECT_EQ(checkOf(cut, "1.6").seconds, 2);
     EXPECT_NEAR(checkOf(cut, "1.6").last.value(), 8.5, 0.01);

@@ -17,6 +17,7 @@ using meter::kTicksPerMs;
 using meter::kTicksPerSecond;
 using meter::Ticks;
 using psi::TsPacket;
+using test::checkOf;
 using test::MeterStream;
 
 // A clock with a PCR each 10 packets, each a millisecond long.
@@ -205,14 +206,8 @@ TEST(MeterOffset, IsNoneOfAClockThatRunsYearsAhead) {
     EXPECT_FALSE(offset.jitterNs().has_value());
 }
 
-const meter::CheckReport& checkOf(const meter::Report& report, std::string_view id) {
-    return *std::ranges::find(report.checks, id, &meter::CheckReport::id);
-}
-
 std::vector<TsPacket> secondsOf(double seconds) {
-    MeterStream stream;
-    stream.seconds = seconds;
-    return stream.packets();
+    return MeterStream({.seconds = seconds}).packets();
 }
 
 TEST(MeterLoss, CountsWholeBurstsByTheClock) {
@@ -275,7 +270,7 @@ TEST(MeterClocks, OneThatEndedSpeaksNoMore) {
         }
     };
     std::vector<TsPacket> packets = stream.packets();
-    const auto at = packets.begin() + static_cast<std::ptrdiff_t>(33'000 / MeterStream::kPacketMs);
+    const auto at = packets.begin() + static_cast<std::ptrdiff_t>(MeterStream::at(33'000));
     packets.erase(at, at + 20);
     const meter::Report report = test::measureFile(packets);
     ASSERT_EQ(report.clocks.size(), 2);

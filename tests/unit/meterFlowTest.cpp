@@ -25,10 +25,7 @@ struct Sent {
 // The stream as datagrams of seven packets, one each kDatagramNs.
 std::vector<Sent> datagrams(double seconds, bool asRtp,
                             const std::function<void(double, TsPacket&)>& plant = nullptr) {
-    MeterStream stream;
-    stream.seconds = seconds;
-    stream.plant = plant;
-    const std::vector<TsPacket> packets = stream.packets();
+    const auto packets = MeterStream({.seconds = seconds, .plant = plant}).packets();
     std::vector<Sent> all;
     for (std::size_t i = 0; i + 7 <= packets.size(); i += 7) {
         const auto number = static_cast<int64_t>(i / 7);
@@ -347,8 +344,7 @@ TEST(MeterFlow, APauseIsNothingLateWithoutAProgramClock) {
             }
         }
     }
-    const meter::Report report = measure(sent);
-    EXPECT_EQ(std::ranges::find(report.checks, std::string_view("1.3.a"), &meter::CheckReport::id)->count, 1);
+    EXPECT_EQ(test::checkOf(measure(sent), "1.3.a").count, 1);
 }
 
 TEST(MeterFlow, OthersAreCountedAndGiveWayAfterFiveSeconds) {

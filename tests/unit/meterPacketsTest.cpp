@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <map>
 
 #include "checks/presence.h"
 #include "packets/synchronisation.h"
@@ -38,8 +37,7 @@ class MeterPackets : public testing::Test {
         return made;
     }
     uint64_t count(std::string_view id) const {
-        const meter::Report report = analyser_.report();
-        return std::ranges::find(report.checks, id, &meter::CheckReport::id)->count;
+        return test::checkOf(analyser_.report(), id).count;
     }
     meter::PidReport pid(uint16_t pid) const {
         const meter::Report report = analyser_.report();
@@ -157,15 +155,6 @@ std::function<void(double, TsPacket&)> otherPids(double untilMs, uint8_t flags) 
         }
     };
 }
-std::map<std::string, uint64_t> countsOf(const meter::Report& report) {
-    std::map<std::string, uint64_t> counts;
-    for (const meter::CheckReport& check : report.checks) {
-        if (check.count > 0) {
-            counts[check.id] = check.count;
-        }
-    }
-    return counts;
-}
 uint64_t tracked(const meter::Report& report) {
     uint64_t packets = report.packets.notTracked;
     std::ranges::for_each(report.pids, [&](const meter::PidReport& pid) { packets += pid.packets; });
@@ -175,7 +164,7 @@ uint64_t tracked(const meter::Report& report) {
 // Packets with transport_error_indicator name PIDs that do not exist: they are counted, and take no place.
 TEST(MeterPlaces, AreNotTakenByDamagedPackets) {
     const meter::Report report = test::measureFile(withMovingPmt(4, otherPids(1900, 0x80)));
-    const std::map<std::string, uint64_t> counts = countsOf(report);
+    const auto counts = test::countsOf(report);
     ASSERT_EQ(counts.size(), 1);
     EXPECT_GT(counts.at("2.1"), 1000);
     EXPECT_EQ(report.packets.notTracked, counts.at("2.1"));
@@ -186,7 +175,7 @@ TEST(MeterPlaces, AreNotTakenByDamagedPackets) {
 // A full table has a place for what tables refer to all the same: a PMT that moves is no PMT that is missing.
 TEST(MeterPlaces, AreThereForPidsThatTablesReferTo) {
     const meter::Report report = test::measureFile(withMovingPmt(4, otherPids(1e9, 0)));
-    const std::map<std::string, uint64_t> counts = countsOf(report);
+    const auto counts = test::countsOf(report);
     EXPECT_FALSE(counts.contains("1.5.a"));
     EXPECT_FALSE(counts.contains("1.6"));
     EXPECT_EQ(std::ranges::count(report.pids, 0x1F0, &meter::PidReport::pid), 1);
@@ -210,11 +199,10 @@ TEST(MeterPlaces, AreGivenBackByPidsThatAreLongSilent) {
     EXPECT_GT(late->packets, 1000);
     EXPECT_GT(report.packets.notTracked, 30'000);
     EXPECT_EQ(tracked(report), report.packets.received);
-    const auto unreferenced =
-        std::ranges::find(report.checks, std::string_view("3.4.a"), &meter::CheckReport::id);
-    EXPECT_TRUE(unreferenced->active);
-    EXPECT_GE(unreferenced->count, 200);
-    EXPECT_LE(unreferenced->count, 248);  // each PID once
+    const meter::CheckReport& unreferenced = test::checkOf(report, "3.4.a");
+    EXPECT_TRUE(unreferenced.active);
+    EXPECT_GE(unreferenced.count, 200);
+    EXPECT_LE(unreferenced.count, 248);  // each PID once
 }
 
 // Nothing but zeros is no packet, whatever is expected of a PID.

@@ -14,6 +14,7 @@ namespace {
 
 using psi::concat;
 using test::BitWriter;
+using test::mpegHeader;
 using test::startCoded;
 
 TEST(MeterBitReader, ReadsEachCodeAndStopsAtTheEnd) {
@@ -72,8 +73,7 @@ psi::Bytes sequenceSet(const H264Set& set) {
     for (const uint32_t offset : set.crop)
         writer.ue(offset);
     writer.bits(1, 1).bits(1, 1).bits(255, 8).bits(set.sarWidth, 16).bits(15, 16);
-    writer.bits(1, 1).bits(1, 1).bits(1, 1).bits(5, 3).bits(0, 1).bits(1, 1).bits(9, 8).bits(14, 8).bits(9,
-                                                                                                         8);
+    writer.fields({{1, 1}, {1, 1}, {1, 1}, {5, 3}, {0, 1}, {1, 1}, {9, 8}, {14, 8}, {9, 8}});
     writer.bits(1, 1).ue(0).ue(0).bits(1, 1).bits(set.unitsInTick, 32).bits(set.timeScale, 32).bits(1, 1);
     return startCoded(writer.bytes());
 }
@@ -113,22 +113,22 @@ class Feeder {
         return *this;
     }
     VideoReport video() const {
-        VideoReport video;
-        GopReport gop;
-        stream_.fill(video, gop);
-        return video;
+        return report().first;
     }
     GopReport gop() const {
-        VideoReport video;
-        GopReport gop;
-        stream_.fill(video, gop);
-        return gop;
+        return report().second;
     }
     int pieces() const {
         return pieces_;
     }
 
   private:
+    std::pair<VideoReport, GopReport> report() const {
+        std::pair<VideoReport, GopReport> report;
+        stream_.fill(report.first, report.second);
+        return report;
+    }
+
     VideoStream stream_;
     std::size_t piece_;
     Ticks dts_ = (Ticks{1} << 33) - 7200;  // wraps in the first group
@@ -292,62 +292,23 @@ TEST(MeterVideo, WhatIsShownOfAGroupIsBounded) {
 }
 
 psi::Bytes mpeg2Picture(uint32_t type, uint32_t temporal, uint32_t structure) {
-    return concat(
-        {startCoded(BitWriter().bits(0, 8).bits(temporal, 10).bits(type, 3).bits(0xFFFF, 16).plain(), false),
-         startCoded(BitWriter()
-                        .bits(0xB5, 8)
-                        .bits(8, 4)
-                        .bits(0xFFFF, 16)
-                        .bits(0, 2)
-                        .bits(structure, 2)
-                        .bits(0, 16)
-                        .plain(),
-                    false),
-         startCoded({0x01, 0x22, 0x33}, false), psi::Bytes(300, 0x44), startCoded({0x02, 0x22}, false)});
+    return concat({mpegHeader({{0, 8}, {temporal, 10}, {type, 3}, {0xFFFF, 16}}),
+                   mpegHeader({{0xB5, 8}, {8, 4}, {0xFFFF, 16}, {0, 2}, {structure, 2}, {0, 16}}),
+                   startCoded({0x01, 0x22, 0x33}, false), psi::Bytes(300, 0x44),
+                   startCoded({0x02, 0x22}, false)});
+}
+
+psi::Bytes mpeg2Sequence(uint32_t aspect, uint32_t rate) {
+    return mpegHeader({{0xB3, 8}, {720, 12}, {576, 12}, {aspect, 4}, {rate, 4}, {0xFFFF, 32}});
 }
 
 TEST(MeterMpeg2, FieldsAspectAndClosedGroups) {
-    const psi::Bytes sequence = concat({
-        startCoded(BitWriter()
-                       .bits(0xB3, 8)
-                       .bits(720, 12)
-                       .bits(576, 12)
-                       .bits(3, 4)
-                       .bits(3, 4)
-                       .bits(0xFFFF, 32)
-                       .plain(),
-                   false),
-        startCoded(BitWriter()
-                       .bits(0xB5, 8)
-                       .bits(1, 4)
-                       .bits(0x85, 8)
-                       .bits(0, 1)
-                       .bits(2, 2)
-                       .bits(0, 4)
-                       .bits(0xFFF, 12)
-                       .bits(1, 1)
-                       .bits(0, 9)
-                       .bits(0, 2)
-                       .bits(0, 5)
-                       .plain(),
-                   false),
-        startCoded(BitWriter()
-                       .bits(0xB5, 8)
-                       .bits(2, 4)
-                       .bits(1, 3)
-                       .bits(1, 1)
-                       .bits(9, 8)
-                       .bits(18, 8)
-                       .bits(9, 8)
-                       .bits(704, 14)
-                       .bits(1, 1)
-                       .bits(576, 14)
-                       .plain(),
-                   false),
-    });
-    const auto group = [](bool closed) {
-        return startCoded(BitWriter().bits(0xB8, 8).bits(0, 25).bits(closed, 1).bits(0, 6).plain(), false);
-    };
+    const psi::Bytes extension =
+        mpegHeader({{0xB5, 8}, {1, 4}, {0x85, 8}, {0, 1}, {2, 2}, {0, 4}, {0xFFF, 12}, {1, 1}, {0, 16}});
+    const psi::Bytes display = mpegHeader(
+        {{0xB5, 8}, {2, 4}, {1, 3}, {1, 1}, {9, 8}, {18, 8}, {9, 8}, {704, 14}, {1, 1}, {576, 14}});
+    const psi::Bytes sequence = concat({mpeg2Sequence(3, 3), extension, display});
+    const auto group = [](bool closed) { return mpegHeader({{0xB8, 8}, {0, 25}, {closed, 1}, {0, 6}}); };
     for (const std::size_t piece : {184U, 5U}) {
         Feeder feeder(Codec::kMpeg2Video, piece);
         feeder.pes(concat({sequence, group(true), mpeg2Picture(1, 0, 1)})).pes(mpeg2Picture(2, 0, 2));
@@ -371,23 +332,8 @@ TEST(MeterMpeg2, FieldsAspectAndClosedGroups) {
 
 // Extensions that come again and again would multiply the rate until nothing is left of it.
 TEST(MeterMpeg2, ARateIsExtendedOnceHoweverOftenItsExtensionComes) {
-    const psi::Bytes sequence = startCoded(
-        BitWriter().bits(0xB3, 8).bits(720, 12).bits(576, 12).bits(2, 4).bits(2, 4).bits(0xFFFF, 32).plain(),
-        false);
-    const psi::Bytes extension = startCoded(BitWriter()
-                                                .bits(0xB5, 8)
-                                                .bits(1, 4)
-                                                .bits(0x48, 8)
-                                                .bits(1, 1)
-                                                .bits(1, 2)
-                                                .bits(0, 4)
-                                                .bits(0xFFF, 12)
-                                                .bits(1, 1)
-                                                .bits(0, 9)
-                                                .bits(3, 2)
-                                                .bits(0, 5)
-                                                .plain(),
-                                            false);
+    const psi::Bytes extension = mpegHeader(
+        {{0xB5, 8}, {1, 4}, {0x48, 8}, {1, 1}, {1, 2}, {0, 4}, {0xFFF, 12}, {1, 1}, {0, 9}, {3, 2}, {0, 5}});
     psi::Bytes pictures;
     for (uint32_t i = 0; i < 4; ++i)
         pictures = concat({pictures, mpeg2Picture(i == 0 ? 1 : 2, i, 3)});
@@ -395,7 +341,7 @@ TEST(MeterMpeg2, ARateIsExtendedOnceHoweverOftenItsExtensionComes) {
     for (int i = 1; i <= 40; ++i) {
         extensions = concat({extensions, extension});
         Feeder feeder(Codec::kMpeg2Video);
-        const psi::Bytes packet = concat({sequence, extensions, pictures});
+        const psi::Bytes packet = concat({mpeg2Sequence(2, 2), extensions, pictures});
         feeder.pes(packet).pes(packet);
         EXPECT_EQ(feeder.video().frameRate, 24 * 4) << i;
         EXPECT_EQ(feeder.gop().structure, "|IPPP") << i;
@@ -404,9 +350,7 @@ TEST(MeterMpeg2, ARateIsExtendedOnceHoweverOftenItsExtensionComes) {
 
 // PES packets that begin anywhere in the elementary stream.
 TEST(MeterMpeg2, PicturesAreFoundWhereverPesPacketsBegin) {
-    psi::Bytes stream = startCoded(
-        BitWriter().bits(0xB3, 8).bits(720, 12).bits(576, 12).bits(2, 4).bits(3, 4).bits(0xFFFF, 32).plain(),
-        false);
+    psi::Bytes stream = mpeg2Sequence(2, 3);
     std::string types;
     for (uint32_t i = 0; i < 60; ++i) {
         const uint32_t type = i % 6 == 0 ? 1 : (i % 3 == 0 ? 2 : 3);
@@ -433,8 +377,8 @@ TEST(MeterH265, ParameterSetsAreReadPastSubLayersAndReferenceSets) {
     const auto sequenceSet = [&](bool fields) {
         BitWriter set;
         set.bits(0x4201, 16).bits(0, 4).bits(2, 3).bits(1, 1);
-        profileTierLevel(set).ue(0).ue(1).ue(3840).ue(2176).bits(1, 1).ue(0).ue(0).ue(0).ue(8).ue(2).ue(2).ue(
-            4);
+        profileTierLevel(set).ue(0).ue(1).ue(3840).ue(2176).bits(1, 1).ue(0).ue(0).ue(0).ue(8);
+        set.ue(2).ue(2).ue(4);
         set.bits(1, 1);
         for (int i = 0; i < 9; ++i)
             set.ue(1);
@@ -446,16 +390,7 @@ TEST(MeterH265, ParameterSetsAreReadPastSubLayersAndReferenceSets) {
         set.bits(1, 1).bits(1, 1).ue(3).bits(1, 1).bits(1, 1).bits(1, 1);  // from these: all three
         set.bits(1, 1).ue(1).bits(0, 8).bits(0, 1);                        // a long-term picture
         set.bits(3, 2).bits(1, 1);
-        set.bits(1, 1)
-            .bits(1, 8)
-            .bits(0, 1)
-            .bits(1, 1)
-            .bits(5, 3)
-            .bits(0, 1)
-            .bits(1, 1)
-            .bits(9, 8)
-            .bits(14, 8)
-            .bits(9, 8);
+        set.fields({{1, 1}, {1, 8}, {0, 1}, {1, 1}, {5, 3}, {0, 1}, {1, 1}, {9, 8}, {14, 8}, {9, 8}});
         set.bits(0, 2).bits(fields, 1).bits(fields, 1).bits(1, 1).ue(1).ue(1).ue(1).ue(1);
         return startCoded(set.bits(1, 1).bits(1001, 32).bits(60000, 32).bytes());
     };

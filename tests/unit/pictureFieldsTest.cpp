@@ -12,6 +12,7 @@ namespace pictured {
 namespace {
 
 using test::BitWriter;
+using test::mpegHeader;
 using test::startCoded;
 using Stream = std::vector<uint8_t>;
 
@@ -32,27 +33,17 @@ void appendHeader(Stream& stream, const BitWriter& header) {
 // ---- ISO/IEC 13818-2
 
 Stream mpeg2Sequence() {
-    Stream stream;
-    appendHeader(stream, BitWriter()
-                             .bits(0xB3, 8)
-                             .bits(16 * kColumns, 12)
-                             .bits(32 * kRows, 12)
-                             .bits(1, 4)
-                             .bits(3, 4)
-                             .bits(1000, 18)
-                             .bits(1, 1)
-                             .bits(10, 10)
-                             .bits(0, 3));
-    appendHeader(stream, BitWriter()
-                             .bits(0xB5, 8)
-                             .bits(1, 4)
-                             .bits(0x48, 8)
-                             .bits(0, 1)
-                             .bits(1, 2)
-                             .bits(0, 4)
-                             .bits(0, 12)
-                             .bits(1, 1)
-                             .bits(0, 16));
+    Stream stream = mpegHeader({{0xB3, 8},
+                                {16 * kColumns, 12},
+                                {32 * kRows, 12},
+                                {1, 4},
+                                {3, 4},
+                                {1000, 18},
+                                {1, 1},
+                                {10, 10},
+                                {0, 3}});
+    append(stream,
+           mpegHeader({{0xB5, 8}, {1, 4}, {0x48, 8}, {0, 1}, {1, 2}, {0, 4}, {0, 12}, {1, 1}, {0, 16}}));
     return stream;
 }
 
@@ -78,15 +69,9 @@ Stream mpeg2Field(Parity parity, bool predicted, uint8_t luma) {
     if (predicted)
         picture.bits(7, 4);
     appendHeader(stream, picture.bits(0, 8));
-    appendHeader(stream, BitWriter()
-                             .bits(0xB5, 8)
-                             .bits(8, 4)
-                             .bits(predicted ? 0x11 : 0xFF, 8)
-                             .bits(0xFF, 8)
-                             .bits(0, 2)
-                             .bits(parity, 2)
-                             .bits(0, 10)
-                             .bits(0, 6));
+    append(stream,
+           mpegHeader(
+               {{0xB5, 8}, {8, 4}, {predicted ? 0x11U : 0xFFU, 8}, {0xFF, 8}, {0, 2}, {parity, 2}, {0, 16}}));
     for (int row = 0; row < kRows; ++row) {
         BitWriter slice;
         slice.bits(static_cast<uint64_t>(row + 1), 8).bits(2, 5).bits(0, 1);
@@ -102,48 +87,21 @@ Stream mpeg2Field(Parity parity, bool predicted, uint8_t luma) {
 // ---- ISO/IEC 14496-10
 
 Stream h264Sequence() {
-    Stream stream = startCoded(BitWriter()
-                                   .bits(0x67, 8)
-                                   .bits(77, 8)
-                                   .bits(0, 8)
-                                   .bits(30, 8)
-                                   .ue(0)
-                                   .ue(0)
-                                   .ue(2)
-                                   .ue(1)
-                                   .bits(0, 1)
-                                   .ue(kColumns - 1)
-                                   .ue(kRows - 1)
-                                   .bits(0b00, 2)
-                                   .bits(1, 1)
-                                   .bits(0, 2)
-                                   .bytes());
-    append(stream, startCoded(BitWriter()
-                                  .bits(0x68, 8)
-                                  .ue(0)
-                                  .ue(0)
-                                  .bits(0, 2)
-                                  .ue(0)
-                                  .ue(0)
-                                  .ue(0)
-                                  .bits(0, 3)
-                                  .se(0)
-                                  .se(0)
-                                  .se(0)
-                                  .bits(0b100, 3)
-                                  .bytes()));
+    BitWriter sequence;
+    sequence.bits(0x67, 8).bits(77, 8).bits(0, 8).bits(30, 8).ue(0).ue(0).ue(2).ue(1).bits(0, 1);
+    sequence.ue(kColumns - 1).ue(kRows - 1).bits(0b00, 2).bits(1, 1).bits(0, 2);
+    BitWriter picture;
+    picture.bits(0x68, 8).ue(0).ue(0).bits(0, 2).ue(0).ue(0).ue(0).bits(0, 3).se(0).se(0).se(0).bits(0b100,
+                                                                                                     3);
+    Stream stream = startCoded(sequence.bytes());
+    append(stream, startCoded(picture.bytes()));
     return stream;
 }
 
 Stream h264Field(Parity parity, bool predicted, bool idr, uint8_t luma) {
     BitWriter slice;
-    slice.bits(idr ? 0x65 : 0x61, 8)
-        .ue(0)
-        .ue(predicted ? 5 : 7)
-        .ue(0)
-        .bits(0, 4)
-        .bits(1, 1)
-        .bits(parity == kBottom, 1);
+    slice.bits(idr ? 0x65 : 0x61, 8).ue(0).ue(predicted ? 5 : 7).ue(0);
+    slice.bits(0, 4).bits(1, 1).bits(parity == kBottom, 1);
     if (idr)
         slice.ue(0);
     if (predicted)
