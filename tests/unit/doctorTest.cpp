@@ -30,6 +30,12 @@ const std::string kListener = "   0: 0100007F:176F 00000000:0000 0A 00000000:000
 constexpr const char* kAsked =
     "   1: 0100007F:176F 0100007F:C350 06 00000000:00000000 03:00001700 00000000     0        0 0 3 0\n";
 
+constexpr const char* kInstalled = "install ok installed";
+
+std::string package(const char* name, const char* status, const char* version) {
+    return std::string("Package: ") + name + "\nStatus: " + status + "\nVersion: " + version + "\n\n";
+}
+
 // A machine on which all is well: services, pipe, port, kernel's limits, users, packages.
 class Root {
   public:
@@ -47,8 +53,7 @@ class Root {
         write("etc/passwd", "root:x:0:0::/root:/bin/sh\nmallory:x:1001:1001::/:/bin/sh\n");
         write("etc/group", "root:x:0:\nkestor:x:998:kestor-station,alice\n");
         write("var/lib/dpkg/status",
-              "Package: kestor\nStatus: install ok installed\nVersion: 1.1.0\n\n"
-              "Package: kestor-old\nStatus: install ok installed\nVersion: 0.9\n\n");
+              package("kestor", kInstalled, "1.1.0") + package("kestor-old", kInstalled, "0.9"));
         fs::create_directory(path() / "tmp");
         mkfifo((path() / "tmp/american_maid").c_str(), 0600);
     }
@@ -62,10 +67,9 @@ class Root {
     void process(int pid, const std::string& name) const {
         write("proc/" + std::to_string(pid) + "/comm", name + "\n");
     }
-    void enable(const std::string& service) const {
-        const auto link = path() / "etc/systemd/system/kestor.target.wants" / (service + ".service");
-        fs::create_directories(link.parent_path());
-        fs::create_symlink("/lib/systemd/system/" + service + ".service", link);
+    void link(const fs::path& file, const std::string& to) const {
+        fs::create_directories((path() / file).parent_path());
+        fs::create_symlink(to, path() / file);
     }
     void remove(const fs::path& file) const {
         fs::remove_all(path() / file);
@@ -98,202 +102,157 @@ Findings judge(const Root& root, const StationLook& look) {
     return all;
 }
 
+// What is another than on a machine on which all is well.
+using Difference = std::function<void(const Root&, StationLook&)>;
+
+Difference all(std::vector<Difference> some) {
+    return [some = std::move(some)](const Root& root, StationLook& look) {
+        for (const Difference& one : some) {
+            one(root, look);
+        }
+    };
+}
+Difference gone(std::vector<const char*> files) {
+    return [=](const Root& root, StationLook&) {
+        for (const char* file : files) {
+            root.remove(file);
+        }
+    };
+}
+Difference runs(int pid, const char* name) {
+    return [=](const Root& root, StationLook&) { root.process(pid, name); };
+}
+Difference enabled(const std::string& service) {
+    return [unit = service + ".service"](const Root& root, StationLook&) {
+        root.link("etc/systemd/system/kestor.target.wants/" + unit, "/lib/systemd/system/" + unit);
+    };
+}
+Difference has(const char* file, const std::string& text = "") {
+    return [=](const Root& root, StationLook&) { root.write(file, text); };
+}
+Difference links(const char* file, const char* to) {
+    return [=](const Root& root, StationLook&) { root.link(file, to); };
+}
+Difference tells(const std::function<void(StationLook&)>& change) {
+    return [=](const Root&, StationLook& look) { change(look); };
+}
+Difference meter(const StationLook::Meter& told) {
+    return tells([=](StationLook& look) { look.meter = told; });
+}
+Difference pictures(const StationLook::Pictures& told) {
+    return tells([=](StationLook& look) { look.pictures = told; });
+}
+
 TEST(Doctor, JudgesWhatItReads) {
     struct Case {
         const char* what;
-        std::function<void(const Root&, StationLook&)> breakIt;
+        Difference difference;
         int status;
         const char* says;
     };
     using Reach = StationLook::Reach;
     const std::vector<Case> cases = {
-        {"nothing", [](auto&, auto&) {}, 0, "all is well"},
-        {"the probe is gone", [](auto& root, auto&) { root.remove("proc/20"); }, 2, "kestor does not run"},
-        {"it waits for a card", [](auto& root, auto&) { root.process(20, "kestor-start"); }, 2,
-         "waits for a card"},
-        {"the guard is gone", [](auto& root, auto&) { root.remove("proc/22"); }, 2,
-         "kestor-guard does not run"},
-        {"no guard is installed",
-         [](auto& root, auto&) {
-             root.remove("proc/22");
-             root.remove("usr/libexec");
-         },
-         0, "kestor and kestor-station run"},
-        {"the meter is gone", [](auto& root, auto&) { root.enable("kestor-meter"); }, 1,
-         "warn  services     kestor-meter does not run"},
+        {"nothing", all({}), 0, "all is well"},
+        {"the probe is gone", gone({"proc/20"}), 2, "kestor does not run"},
+        {"it waits for a card", runs(20, "kestor-start"), 2, "waits for a card"},
+        {"the guard is gone", gone({"proc/22"}), 2, "kestor-guard does not run"},
+        {"no guard is installed", gone({"proc/22", "usr/libexec"}), 0, "kestor and kestor-station run"},
+        {"the meter is gone", enabled("kestor-meter"), 1, "warn  services     kestor-meter does not run"},
         {"the meter is connected",
-         [](auto& root, StationLook& look) {
-             root.process(23, "kestor-meter");
-             look.meter = {.connected = true, .groups = 2, .reported = 1};
-         },
-         0, "kestor-meter is connected, and reports 1 of 2 groups"},
-        {"the meter is not connected",
-         [](auto& root, StationLook& look) {
-             root.process(23, "kestor-meter");
-             look.meter = {.problem = "it was refused"};
-         },
+         all({runs(23, "kestor-meter"), meter({.connected = true, .groups = 2, .reported = 1})}), 0,
+         "kestor-meter is connected, and reports 1 of 2 groups"},
+        {"the meter is not connected", all({runs(23, "kestor-meter"), meter({.problem = "it was refused"})}),
          1, "not connected to the station: it was refused"},
         {"the meter captures nothing",
-         [](auto& root, StationLook& look) {
-             root.process(23, "kestor-meter");
-             look.meter = {.connected = true, .problem = "eth0 is down"};
-         },
-         1, "warn  meter        eth0 is down"},
-        {"the station waits for no meter", [](auto& root, auto&) { root.process(23, "kestor-meter"); }, 1,
-         "the station waits for none"},
-        {"meter and pictures are gone",
-         [](auto& root, auto&) {
-             root.enable("kestor-meter");
-             root.enable("kestor-picture");
-         },
-         1, "systemctl start kestor-meter kestor-picture;"},
-        {"pictures are gone", [](auto& root, auto&) { root.enable("kestor-picture"); }, 1,
+         all({runs(23, "kestor-meter"), meter({.connected = true, .problem = "eth0 is down"})}), 1,
+         "warn  meter        eth0 is down"},
+        {"the station waits for no meter", runs(23, "kestor-meter"), 1, "the station waits for none"},
+        {"meter and pictures are gone", all({enabled("kestor-meter"), enabled("kestor-picture")}), 1,
+         "systemctl start kestor-meter kestor-picture;"},
+        {"pictures are gone", enabled("kestor-picture"), 1,
          "kestor-picture does not run: frozen, black and silent channels are not found"},
-        {"the probe is gone too",
-         [](auto& root, auto&) {
-             root.enable("kestor-picture");
-             root.remove("proc/20");
-         },
-         2, "kestor and kestor-picture do not run"},
-        {"pictures are not installed", [](auto&, auto&) {}, 0,
+        {"the probe is gone too", all({gone({"proc/20"}), enabled("kestor-picture")}), 2,
+         "kestor and kestor-picture do not run"},
+        {"pictures are not installed", all({}), 0,
          "ok    pictures     none are taken: kestor-picture is not"},
-        {"pictures are not wanted", [](auto& root, auto&) { root.write("usr/sbin/kestor-picture", ""); }, 0,
+        {"pictures are not wanted", has("usr/sbin/kestor-picture"), 0,
          "the service of kestor-picture is disabled"},
         {"pictures come",
-         [](auto&, StationLook& look) {
-             look.pictures = {
-                 .connected = true, .meter = true, .held = 2, .taken = 9, .failed = 1, .seconds = 10};
-         },
-         0, "kestor-picture is connected, and has shown 2 channels, a new one every 10 s"},
-        {"the station waits for no pictures", [](auto& root, auto&) { root.process(24, "kestor-picture"); },
-         1, "warn  pictures     kestor-picture runs, and the station waits for none"},
+         pictures({.connected = true, .meter = true, .held = 2, .taken = 9, .failed = 1, .seconds = 10}), 0,
+         "kestor-picture is connected, and has shown 2 channels, a new one every 10 s"},
+        {"the station waits for no pictures", runs(24, "kestor-picture"), 1,
+         "warn  pictures     kestor-picture runs, and the station waits for none"},
         {"pictures of another version",
-         [](auto& root, StationLook& look) {
-             root.process(24, "kestor-picture");
-             look.pictures = {.problem = "it speaks version 2"};
-         },
-         1, "is not connected to the station: it speaks version 2"},
-        {"pictures hang",
-         [](auto&, StationLook& look) { look.pictures = {.connected = true, .silent = true}; }, 1,
+         all({runs(24, "kestor-picture"), pictures({.problem = "it speaks version 2"})}), 1,
+         "is not connected to the station: it speaks version 2"},
+        {"pictures hang", pictures({.connected = true, .silent = true}), 1,
          "kestor-picture is connected, and tells nothing"},
-        {"pictures without a meter",
-         [](auto&, StationLook& look) {
-             look.pictures = {.connected = true, .problem = "no meter is connected"};
-         },
-         1, "kestor-picture gets no packets: no meter is connected"},
-        {"no share for pictures",
-         [](auto&, StationLook& look) {
-             look.pictures = {.connected = true, .meter = true, .problem = "cores = 0"};
-         },
-         1, "warn  pictures     cores = 0"},
-        {"no turn has a picture",
-         [](auto&, StationLook& look) { look.pictures = {.connected = true, .meter = true, .failed = 7}; }, 1,
+        {"pictures without a meter", pictures({.connected = true, .problem = "no meter is connected"}), 1,
+         "kestor-picture gets no packets: no meter is connected"},
+        {"no share for pictures", pictures({.connected = true, .meter = true, .problem = "cores = 0"}), 1,
+         "warn  pictures     cores = 0"},
+        {"no turn has a picture", pictures({.connected = true, .meter = true, .failed = 7}), 1,
          "no picture has come of 7 turns"},
-        {"decoders die",
-         [](auto&, StationLook& look) {
-             look.pictures = {.connected = true, .meter = true, .held = 1, .taken = 4, .leftOut = 1};
-         },
-         1, "1 channel is left out for an hour: it killed three decoders"},
-        {"two probes", [](auto& root, auto&) { root.process(30, "kestor"); }, 2, "processes 20 and 30"},
-        {"processes are hidden",
-         [](auto& root, auto&) {
-             root.remove("proc/1");
-             root.remove("proc/20");
-         },
-         0, "--    services"},
-        {"no pipe", [](auto& root, auto&) { root.remove("tmp/american_maid"); }, 2,
-         "there is no /tmp/american_maid"},
-        {"a file in the pipe's place",
-         [](auto& root, auto&) {
-             root.remove("tmp/american_maid");
-             root.write("tmp/american_maid", "");
-         },
-         2, "is no pipe"},
-        {"nobody listens", [](auto& root, auto&) { root.write("proc/self/net/tcp", kAsked); }, 2,
-         "nobody listens on"},
-        {"another program listens",
-         [](auto& root, auto&) {
-             root.process(50, "python3");
-             fs::create_directories(root.path() / "proc/50/fd");
-             fs::create_symlink("socket:[4711]", root.path() / "proc/50/fd/3");
-         },
-         2, "python3 (process 50)"},
-        {"another user listens", [](auto& root, auto&) { root.remove("proc/21"); }, 2, "one of "},
-        {"no probe asks", [](auto& root, auto&) { root.write("proc/self/net/tcp", kListener); }, 2,
-         "no probe asks although"},
+        {"decoders die", pictures({.connected = true, .meter = true, .held = 1, .taken = 4, .leftOut = 1}), 1,
+         "1 channel is left out for an hour: it killed three decoders"},
+        {"two probes", runs(30, "kestor"), 2, "processes 20 and 30"},
+        {"processes are hidden", gone({"proc/1", "proc/20"}), 0, "--    services"},
+        {"no pipe", gone({"tmp/american_maid"}), 2, "there is no /tmp/american_maid"},
+        {"a file in the pipe's place", all({gone({"tmp/american_maid"}), has("tmp/american_maid")}), 2,
+         "is no pipe"},
+        {"nobody listens", has("proc/self/net/tcp", kAsked), 2, "nobody listens on"},
+        {"another program listens", all({runs(50, "python3"), links("proc/50/fd/3", "socket:[4711]")}), 2,
+         "python3 (process 50)"},
+        {"another user listens", gone({"proc/21"}), 2, "one of "},
+        {"no probe asks", has("proc/self/net/tcp", kListener), 2, "no probe asks although"},
         {"a torn list of connections",
-         [](auto& root, auto&) {
-             root.write("proc/self/net/tcp", "x\n\n  0: zz:yy :\n   0: 0100007F:176F 0 0A 0 0 0 0\n");
-         },
-         2, "nobody listens"},
-        {"too few memberships for the channels",
-         [](auto& root, auto&) { root.write("proc/sys/net/ipv4/igmp_max_memberships", "1\n"); }, 2,
+         has("proc/self/net/tcp", "x\n\n  0: zz:yy :\n   0: 0100007F:176F 0 0A 0 0 0 0\n"), 2,
+         "nobody listens"},
+        {"too few memberships for the channels", has("proc/sys/net/ipv4/igmp_max_memberships", "1\n"), 2,
          "the rest is not joined"},
-        {"fewer memberships than the package's",
-         [](auto& root, auto&) { root.write("proc/sys/net/ipv4/igmp_max_memberships", "20\n"); }, 1,
+        {"fewer memberships than the package's", has("proc/sys/net/ipv4/igmp_max_memberships", "20\n"), 1,
          "igmp_max_memberships is 20, below 2000"},
-        {"a limit is hidden", [](auto& root, auto&) { root.remove("proc/sys/net/core/rmem_max"); }, 0,
-         "net.core.rmem_max cannot be read"},
-        {"nobody at the socket", [](auto&, StationLook& look) { look = {.socket = "/s"}; }, 2,
+        {"a limit is hidden", gone({"proc/sys/net/core/rmem_max"}), 0, "net.core.rmem_max cannot be read"},
+        {"nobody at the socket", tells([](StationLook& look) { look = {.socket = "/s"}; }), 2,
          "no station listens at /s"},
         {"a forbidden socket",
-         [](auto&, StationLook& look) { look = {.reach = Reach::kForbidden, .socket = "/s"}; }, 1,
+         tells([](StationLook& look) { look = {.reach = Reach::kForbidden, .socket = "/s"}; }), 1,
          "may not talk"},
-        {"a station that hangs",
-         [](auto&, StationLook& look) {
+        {"a station that hangs", tells([](StationLook& look) {
              look = {.reach = Reach::kSilent, .socket = "/s", .silence = "timeout"};
-         },
+         }),
          2, "does not answer at /s: timeout"},
-        {"no results",
-         [](auto&, StationLook& look) {
+        {"no results", tells([](StationLook& look) {
              look.connected = false;
              look.problem = "the probe scans";
-         },
+         }),
          2, "FAIL  results      the probe scans"},
-        {"no signal", [](auto&, StationLook& look) { look.withSignal = 0; }, 1,
+        {"no signal", tells([](StationLook& look) { look.withSignal = 0; }), 1,
          "2 channels watched, 0 with signal"},
-        {"no channels", [](auto&, StationLook& look) { look.groups.clear(); }, 1, "no channels"},
-        {"notes", [](auto&, StationLook& look) { look.notes = 3; }, 1, "3 notes"},
-        {"an older station runs", [](auto&, StationLook& look) { look.version = "1.0"; }, 1,
+        {"no channels", tells([](StationLook& look) { look.groups.clear(); }), 1, "no channels"},
+        {"notes", tells([](StationLook& look) { look.notes = 3; }), 1, "3 notes"},
+        {"an older station runs", tells([](StationLook& look) { look.version = "1.0"; }), 1,
          "the station that runs is 1.0"},
         {"packages of two versions",
-         [](auto& root, auto&) {
-             root.write("var/lib/dpkg/status",
-                        "Package: kestor\nStatus: install ok installed\nVersion: 1.1.0\n\n"
-                        "Package: kestor-station\nStatus: install ok installed\nVersion: 1.0\n\n");
-         },
+         has("var/lib/dpkg/status",
+             package("kestor", kInstalled, "1.1.0") + package("kestor-station", kInstalled, "1.0")),
          1, "the package kestor-station is 1.0"},
         {"one that was removed counts for nothing",
-         [](auto& root, auto&) {
-             root.write("var/lib/dpkg/status",
-                        "Package: kestor-station\nStatus: deinstall ok config-files\nVersion: 1.0\n\n");
-         },
-         0, "1.1.0 everywhere"},
-        {"a program was replaced",
-         [](auto& root, auto&) {
-             fs::create_symlink("/usr/sbin/kestor (deleted)", root.path() / "proc/20/exe");
-         },
-         1, "kestor still runs as it was"},
+         has("var/lib/dpkg/status", package("kestor-station", "deinstall ok config-files", "1.0")), 0,
+         "1.1.0 everywhere"},
+        {"a program was replaced", links("proc/20/exe", "/usr/sbin/kestor (deleted)"), 1,
+         "kestor still runs as it was"},
         {"nothing is installed",
-         [](const Root& root, StationLook& look) {
-             for (const char* path : {"proc/20", "proc/21", "proc/22", "usr", "etc", "var", "tmp"}) {
-                 root.remove(path);
-             }
-             root.write("proc/self/net/tcp", "");
-             look = {};
-         },
+         all({gone({"proc/20", "proc/21", "proc/22", "usr", "etc", "var", "tmp"}), has("proc/self/net/tcp"),
+              tells([](StationLook& look) { look = {}; })}),
          2, "FAIL: services, pipe, port, socket"},
-        {"nothing can be read",
-         [](const Root& root, StationLook& look) {
-             root.remove("proc");
-             look = {};
-         },
-         2, "FAIL: socket"},
+        {"nothing can be read", all({gone({"proc"}), tells([](StationLook& look) { look = {}; })}), 2,
+         "FAIL: socket"},
     };
     for (const Case& one : cases) {
         const Root root;
         StationLook look = wellStation();
-        one.breakIt(root, look);
+        one.difference(root, look);
         const Findings findings = judge(root, look);
         EXPECT_EQ(exitStatus(findings), one.status) << one.what << "\n" << report(findings);
         EXPECT_THAT(report(findings), HasSubstr(one.says)) << one.what;
@@ -379,10 +338,9 @@ TEST(Doctor, JudgesWhoAsksAndWhereEventsGo) {
     EXPECT_THAT(checkUser(root.path(), {1001, "mallory", {1001}}).advice,
                 HasSubstr("usermod -aG kestor mallory"));
 
-    root.write("proc/40/comm", "kestor-meter\n");
-    fs::create_directories(root.path() / "proc/40/fd");
-    fs::create_symlink("socket:[83211]", root.path() / "proc/40/fd/5");
-    fs::create_symlink("anon_inode:[eventpoll]", root.path() / "proc/40/fd/6");
+    root.process(40, "kestor-meter");
+    root.link("proc/40/fd/5", "socket:[83211]");
+    root.link("proc/40/fd/6", "anon_inode:[eventpoll]");
     EXPECT_THAT(readSockets(root.path(), readProcesses(root.path()), "kestor-meter"),
                 Optional(ElementsAre(83211)));
     EXPECT_THAT(readSockets(root.path(), readProcesses(root.path()), "kestor"), Optional(IsEmpty()));
@@ -394,7 +352,7 @@ TEST(Doctor, JudgesWhoAsksAndWhereEventsGo) {
     EXPECT_EQ(readStateDirectory(root.path(), {}), "/var/lib/kestor");
     root.write("etc/kestor/station.toml", "# state_dir = \"/no\"\nstate_dir = \"/srv/kestor\" # ours\n");
     root.write("srv/other.toml", "state_dir = \"state\"\n");
-    fs::create_symlink("/srv", root.path() / "proc/21/cwd");
+    root.link("proc/21/cwd", "/srv");
     EXPECT_EQ(readStateDirectory(root.path(), {}), "/srv/kestor");
     using namespace std::string_literals;
     EXPECT_EQ(stateOf("kestor-station\0"s), "/srv/kestor");

@@ -1,16 +1,20 @@
 // Splice commands: what they say, what counts as repeated, and what cannot be read.
 #include <gmock/gmock.h>
 
+#include <nlohmann/json.hpp>
+
 #include "cues/cues.h"
 #include "cues/spliceInfo.h"
 #include "fields/wallClock.h"
 #include "meter/channelAnalyser.h"
+#include "meter/cueJson.h"
 #include "support/psiBuilder.h"
 #include "support/streamBuilder.h"
 
 namespace meter {
 namespace {
 
+using nlohmann::json;
 using psi::concat;
 
 constexpr uint16_t kPid = 500;
@@ -59,6 +63,17 @@ class MeterCues : public testing::Test {
                       clock, found);
         return found;
     }
+    // The document of the cue that a section is; null where it is none.
+    json told(const psi::Bytes& bytes, std::optional<Ticks> clock = 0) {
+        const auto found = feed(bytes, clock);
+        return found.size() == 1 ? json::parse(cueJson(found[0])) : json();
+    }
+    // That of a cue of which no more is known.
+    static json cue(const char* command, const json& known) {
+        json document = json::parse(cueJson({.pid = kPid, .command = command}));
+        document.update(known);
+        return document;
+    }
     Report report() const {
         Report all;
         cues_.fill(all);
@@ -75,41 +90,27 @@ TEST_F(MeterCues, SpliceInsertSaysWhenAndForHowLong) {
     const auto found =
         feed(spliceSection(5, content, {}, (uint64_t{1} << 33) - 90'000), 270'000'000 - 4 * 27'000'000);
     ASSERT_EQ(found.size(), 1U);
-    const CueReport& cue = found[0];
-    EXPECT_EQ(cue.pid, kPid);
-    EXPECT_STREQ(cue.command, "splice_insert");
-    EXPECT_EQ(cue.eventId, 0x4800008F);
-    EXPECT_EQ(cue.out, true);
-    EXPECT_EQ(cue.immediate, false);
-    EXPECT_EQ(cue.pts, 810'000);
-    EXPECT_EQ(cue.aheadMs, 3000);
-    EXPECT_EQ(cue.at, "2023-11-14T22:13:23.000Z");
-    EXPECT_EQ(cue.durationMs, 60'000);
-    EXPECT_EQ(cue.autoReturn, true);
-    EXPECT_FALSE(cue.cancelled);
+    EXPECT_EQ(json::parse(cueJson(found[0])), cue("splice_insert", {{"eventId", 0x4800008F},
+                                                                    {"out", true},
+                                                                    {"immediate", false},
+                                                                    {"pts", 810'000},
+                                                                    {"aheadMs", 3000},
+                                                                    {"at", "2023-11-14T22:13:23.000Z"},
+                                                                    {"durationMs", 60'000}}));
+    EXPECT_EQ(found[0].autoReturn, true);
 }
 
 TEST_F(MeterCues, OtherFormsOfSpliceInsert) {
-    const auto immediate = feed(spliceSection(5, insert(1, 0x5F, {})));
-    ASSERT_EQ(immediate.size(), 1U);
-    EXPECT_EQ(immediate[0].immediate, true);
-    EXPECT_EQ(immediate[0].out, false);
-    EXPECT_EQ(immediate[0].pts, std::nullopt);
-    EXPECT_EQ(immediate[0].at, "2023-11-14T22:13:20.000Z");
-
-    const auto cancel = feed(spliceSection(5, concat({psi::u32(1), {0xFF}})));
-    ASSERT_EQ(cancel.size(), 1U);
-    EXPECT_TRUE(cancel[0].cancelled);
-    EXPECT_EQ(cancel[0].eventId, 1U);
-    EXPECT_EQ(cancel[0].immediate, std::nullopt);
-    EXPECT_EQ(cancel[0].out, std::nullopt);
-
+    EXPECT_EQ(told(spliceSection(5, insert(1, 0x5F, {}))),
+              cue("splice_insert",
+                  {{"eventId", 1}, {"out", false}, {"immediate", true}, {"at", "2023-11-14T22:13:20.000Z"}}))
+        << "immediate";
+    EXPECT_EQ(told(spliceSection(5, concat({psi::u32(1), {0xFF}}))),
+              cue("splice_insert", {{"eventId", 1}, {"cancelled", true}}));
     const psi::Bytes components = insert(2, 0x8F, concat({{2, 1}, spliceTime(7), {2}, spliceTime(8)}));
-    const auto byComponent = feed(spliceSection(5, components, {}, 0, false, true), std::nullopt);
-    ASSERT_EQ(byComponent.size(), 1U);
-    EXPECT_EQ(byComponent[0].pts, 7U);
-    EXPECT_EQ(byComponent[0].aheadMs, std::nullopt);
-    EXPECT_EQ(byComponent[0].at, std::nullopt);
+    EXPECT_EQ(told(spliceSection(5, components, {}, 0, false, true), std::nullopt),
+              cue("splice_insert", {{"eventId", 2}, {"out", true}, {"immediate", false}, {"pts", 7}}))
+        << "by component";
 }
 
 TEST_F(MeterCues, TimeSignalsCarrySegmentations) {
@@ -117,35 +118,23 @@ TEST_F(MeterCues, TimeSignalsCarrySegmentations) {
         concat({{0x7F, 0xFF}, {0, 0, 0x29, 0x32, 0xE0}, {0x09, 4}, {'S', 'I', 'G', '1'}, {0x34, 2, 5, 0, 0}});
     const psi::Bytes binary = concat({{0x7F, 0xBF, 0x08, 3, 0xAB, 0x00, 0xCD}, {0x10, 0, 0}});
     const psi::Bytes parts = concat({{0x7F, 0x3F, 1, 7, 0xFE, 0, 0, 0, 0}, {0, 0}, {0xF0, 1, 1}});
-    const auto found =
-        feed(spliceSection(6, spliceTime(1),
-                           concat({psi::descriptor(0x00, {'C', 'U', 'E', 'I', 1, 2, 3, 4}),
-                                   segmentation(11, hd), segmentation(12, binary), segmentation(13, parts),
-                                   psi::descriptor(0x02, {'X', 'Y', 'Z', '1'})})));
-    ASSERT_EQ(found.size(), 1U);
-    EXPECT_STREQ(found[0].command, "time_signal");
-    EXPECT_EQ(found[0].eventId, std::nullopt);
-    EXPECT_EQ(found[0].out, std::nullopt);
-    const auto& list = found[0].segmentation;
-    ASSERT_EQ(list.size(), 3U);
-    EXPECT_EQ(list[0].typeId, 0x34);
-    EXPECT_EQ(list[0].type, "Provider Placement Opportunity Start");
-    EXPECT_EQ(list[0].eventId, 11U);
-    EXPECT_EQ(list[0].upid, "SIG1");
-    EXPECT_EQ(list[0].durationMs, 30'000);
-    EXPECT_EQ(list[0].number, 2);
-    EXPECT_EQ(list[0].expected, 5);
-    EXPECT_EQ(list[1].upid, "ab00cd");
-    EXPECT_EQ(list[1].durationMs, std::nullopt);
-    EXPECT_EQ(list[2].upid, std::nullopt);
-    EXPECT_EQ(list[2].typeId, 0xF0);
-    EXPECT_EQ(list[2].type, std::nullopt);
+    const psi::Bytes descriptors = concat(
+        {psi::descriptor(0x00, {'C', 'U', 'E', 'I', 1, 2, 3, 4}), segmentation(11, hd),
+         segmentation(12, binary), segmentation(13, parts), psi::descriptor(0x02, {'X', 'Y', 'Z', '1'})});
+    const json segmentations = json::parse(R"([
+        {"typeId": 52, "type": "Provider Placement Opportunity Start", "eventId": 11, "upidType": 9,
+         "upid": "SIG1", "durationMs": 30000, "number": 2, "expected": 5},
+        {"typeId": 16, "type": "Program Start", "eventId": 12, "upidType": 8,
+         "upid": "ab00cd", "durationMs": null, "number": 0, "expected": 0},
+        {"typeId": 240, "type": null, "eventId": 13, "upidType": 0,
+         "upid": null, "durationMs": null, "number": 1, "expected": 1}])");
+    EXPECT_EQ(told(spliceSection(6, spliceTime(1), descriptors), std::nullopt),
+              cue("time_signal", {{"immediate", false}, {"pts", 1}, {"segmentation", segmentations}}));
 
-    const auto cancel = feed(spliceSection(6, {0x7F}, segmentation(11, {0xFF})));
-    ASSERT_EQ(cancel.size(), 1U);
-    EXPECT_TRUE(cancel[0].cancelled);
-    EXPECT_EQ(cancel[0].immediate, true);
-    EXPECT_EQ(cancel[0].segmentation.at(0).typeId, std::nullopt);
+    const json cancel = told(spliceSection(6, {0x7F}, segmentation(11, {0xFF})));
+    EXPECT_EQ(cancel["cancelled"], true);
+    EXPECT_EQ(cancel["immediate"], true);
+    EXPECT_EQ(cancel["segmentation"][0]["typeId"], nullptr);
 }
 
 TEST_F(MeterCues, RepetitionsAreCountedAtTheCueTheyRepeat) {
