@@ -144,9 +144,7 @@ TEST(Kestorctl, DoctorFindsWhatKeepsTheProbe) {
     EXPECT_THAT(nothing.out, testing::AllOf(HasSubstr("FAIL  services"), HasSubstr("FAIL  socket")));
     EXPECT_EQ(verdict("interface"), "ok");
 
-    std::ofstream("/tmp/station.toml") << "[[channel]]\ngroup = \"239.1.1.1\"\n";
-    const Process station({"kestor-station", "--config", "/tmp/station.toml", "--state", "/tmp/state",
-                           "--socket", "/tmp/station.sock"});
+    const Process station(stationCommand("[[channel]]\ngroup = \"239.1.1.1\"\n"));
     EXPECT_TRUE(eventually([] { return kestorctl({"status"}).status == 3; })) << "nothing comes from a probe";
     Process kestor({"kestor", "-s"});
     EXPECT_TRUE(eventually([] { return kestorctl({"status"}).status == 0; }));

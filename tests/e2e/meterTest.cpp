@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "basics/descriptor.h"
+#include "basics/unixListener.h"
 #include "framing.h"
 #include "meter.pb.h"
 #include "support/harness.h"
@@ -63,7 +64,11 @@ bool reports(std::size_t groups) {
 }
 
 struct Meter : Process {
-    explicit Meter(std::vector<std::string> more = {}) : Process(arguments(std::move(more))) {}
+    explicit Meter(std::vector<std::string> more = {})
+        : Process([&] {
+              more.insert(more.begin(), {"kestor-meter", "--socket", kSocket});
+              return more;
+          }()) {}
 
     bool says(const std::string& text, std::size_t times = 1) const {
         return eventually([&] { return occurrences(err(), text) >= times; });
@@ -79,23 +84,15 @@ struct Meter : Process {
                 return std::stol(line.substr(6));
         return 0;
     }
-
-  private:
-    static std::vector<std::string> arguments(std::vector<std::string> more) {
-        more.insert(more.begin(), {"kestor-meter", "--socket", kSocket});
-        return more;
-    }
 };
 
 struct Station : Process {
-    explicit Station(const std::string& channels) : Process(arguments(channels)) {}
-
-  private:
-    static std::vector<std::string> arguments(const std::string& channels) {
-        std::ofstream("/tmp/station.toml", std::ios::trunc) << channels;
-        return {"kestor-station", "--config",          "/tmp/station.toml", "--state", "/tmp/state",
-                "--socket",       "/tmp/station.sock", "--meter-socket",    kSocket};
-    }
+    explicit Station(const std::string& channels)
+        : Process([&] {
+              std::vector<std::string> command = stationCommand(channels);
+              command.insert(command.end(), {"--meter-socket", kSocket});
+              return command;
+          }()) {}
 };
 
 std::string channels(int count, const std::string& more = "") {
@@ -173,17 +170,19 @@ class Traffic {
     std::vector<TsPacket> packets_;
 };
 
+// A socket of datagrams at the path.
+basics::Descriptor datagramsTo(const char* path) {
+    basics::Descriptor made(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::string_view(path).copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(made.number(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    return made;
+}
+
 // In the station's place at the socket: one that does as the test says.
 class MadeStation {
   public:
-    MadeStation() {
-        std::filesystem::remove(kSocket);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::string_view(kSocket).copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(bind(listener_.number(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(listen(listener_.number(), 4), 0);
-    }
     void accept(bool greet = true) {
         pollfd poll{listener_.number(), POLLIN, 0};
         ASSERT_EQ(::poll(&poll, 1, 20'000), 1) << "the meter does not connect";
@@ -241,7 +240,7 @@ class MadeStation {
     }
 
   private:
-    basics::Descriptor listener_{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    basics::Descriptor listener_{basics::listenUnix(kSocket)};
     basics::Descriptor connection_;
     metering::Unframer unframer_;
     uint64_t revision_ = 0;
@@ -461,10 +460,6 @@ TEST(Meter, ChangesTwoThousandGroupsAtOnce) {
 class ServiceManager {
   public:
     ServiceManager() {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::string_view(kPath).copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(bind(socket_.number(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         setenv("NOTIFY_SOCKET", kPath, 1);
     }
     ~ServiceManager() {
@@ -488,7 +483,7 @@ class ServiceManager {
 
   private:
     static constexpr const char* kPath = "/tmp/notify.sock";
-    basics::Descriptor socket_{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    basics::Descriptor socket_ = datagramsTo(kPath);
 };
 
 TEST(Meter, TellsTheWatchdogThoughChannelsChangeAllTheTime) {
@@ -544,11 +539,7 @@ TEST(Meter, CapturesAnInterfaceThatIsMadeAnew) {
 
 TEST(Meter, OutlivesAStationThatSendsNonsense) {
     {
-        const basics::Descriptor other(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::string_view(kSocket).copy(address.sun_path, sizeof address.sun_path - 1);
-        ASSERT_EQ(bind(other.number(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const basics::Descriptor other = datagramsTo(kSocket);
         const Meter meter;
         EXPECT_TRUE(meter.says("wrong type")) << meter.err();
     }

@@ -61,9 +61,7 @@ TEST(StationMachine, HasGroupsOfTheWrongCardJoinedAgainOnceTheRouteIsRight) {
     ip("route del 224.0.0.0/4 dev eth0");
     ip("route add default via 192.168.7.1");
     std::ofstream("/tmp/channels.m3u") << "udp://@" << kA << ":5000\nudp://@" << kB << ":5000\n";
-    std::ofstream("/tmp/station.toml") << "[[playlist]]\nfile = \"/tmp/channels.m3u\"\n";
-    const Process station({"kestor-station", "--config", "/tmp/station.toml", "--state", "/tmp/state",
-                           "--socket", "/tmp/station.sock"});
+    const Process station(stationCommand("[[playlist]]\nfile = \"/tmp/channels.m3u\"\n"));
     const Process kestor({"kestor", "-s"});
     ASSERT_TRUE(eventually([] { return raised("not_joined"); }, kLong)) << station.err();
     EXPECT_TRUE(memberOn("mgmt0", kA) && !memberOn("eth0", kA));

@@ -1,8 +1,15 @@
 #include "support/stationTool.h"
 
+#include <fstream>
 #include <sstream>
 
 namespace test {
+
+std::vector<std::string> stationCommand(const std::string& configuration) {
+    std::ofstream("/tmp/station.toml", std::ios::trunc) << configuration;
+    return {"kestor-station", "--config", "/tmp/station.toml", "--state",
+            "/tmp/state",     "--socket", "/tmp/station.sock"};
+}
 
 ToolResult kestorctl(std::vector<std::string> arguments, std::chrono::milliseconds patience) {
     arguments.insert(arguments.begin(), "kestorctl");

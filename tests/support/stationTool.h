@@ -9,6 +9,9 @@
 
 namespace test {
 
+// kestor-station with this configuration, as /tmp/station.toml, and a state directory of its own.
+std::vector<std::string> stationCommand(const std::string& configuration = "");
+
 struct ToolResult {
     int status;  // -1000: it did not end
     std::string out;

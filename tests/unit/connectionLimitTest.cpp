@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "connectionLimit.h"
+#include "support/process.h"
 
 namespace {
 
@@ -127,16 +128,11 @@ TEST(ConnectionLimit, ClosesAMessageWithoutEndAndLeavesARequestAlone) {
     EXPECT_FALSE(open);
     probe.send(zmq::str_buffer("a request"));
     zmq::message_t part;
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    bool came = false;
-    while (!came && std::chrono::steady_clock::now() < deadline) {
+    const auto came = [&] {
         port.limit.enforce();
-        came = port.socket.recv(part, zmq::recv_flags::dontwait) && !part.more()
-                   ? part.to_string() == "a request"
-                   : came;
-        std::this_thread::sleep_for(1ms);
-    }
-    EXPECT_TRUE(came);
+        return port.socket.recv(part, zmq::recv_flags::dontwait) && part.to_string() == "a request";
+    };
+    EXPECT_TRUE(test::eventually(came, 20s));
     probe.set(zmq::sockopt::linger, 0);
 }
 
@@ -151,12 +147,9 @@ TEST(ConnectionLimit, KeepsTheNewestOfMany) {
         port.limit.enforce();
         return std::ranges::count_if(clients, [](const auto& client) { return client->open(); });
     };
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (open() > static_cast<long>(probelink::ConnectionLimit::kConnections) &&
-           std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(10ms);
-    }
-    EXPECT_EQ(open(), static_cast<long>(probelink::ConnectionLimit::kConnections));
+    constexpr auto kKept = static_cast<long>(probelink::ConnectionLimit::kConnections);
+    test::eventually([&] { return open() <= kKept; }, 20s);
+    EXPECT_EQ(open(), kKept);
     EXPECT_FALSE(clients.front()->open());
     EXPECT_TRUE(clients.back()->open());
 }

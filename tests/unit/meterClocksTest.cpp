@@ -210,11 +210,15 @@ std::vector<TsPacket> secondsOf(double seconds) {
     return MeterStream({.seconds = seconds}).packets();
 }
 
+void lose(std::vector<TsPacket>& packets, std::size_t at, int count) {
+    const auto from = packets.begin() + static_cast<std::ptrdiff_t>(at);
+    packets.erase(from, from + count);
+}
+
 TEST(MeterLoss, CountsWholeBurstsByTheClock) {
     std::vector<TsPacket> packets = secondsOf(10);
     for (const std::size_t at : {9000U, 6000U, 3000U}) {
-        packets.erase(packets.begin() + static_cast<std::ptrdiff_t>(at),
-                      packets.begin() + static_cast<std::ptrdiff_t>(at) + 70);
+        lose(packets, at, 70);
     }
     const meter::LossReport lost = test::measureFile(packets).packets.lost;
     EXPECT_EQ(lost.packets, 210);
@@ -227,7 +231,7 @@ TEST(MeterLoss, CountsWholeBurstsByTheClock) {
 
 TEST(MeterLoss, OfMoreThanAHundredMillisecondsIsCountedByTheClockToo) {
     std::vector<TsPacket> packets = secondsOf(10);
-    packets.erase(packets.begin() + 5000, packets.begin() + 5300);
+    lose(packets, 5000, 300);
     const meter::Report report = test::measureFile(packets);
     EXPECT_EQ(report.packets.lost.packets, 300);
     EXPECT_EQ(checkOf(report, "2.3.b").count, 1);
@@ -262,16 +266,13 @@ TEST(MeterFile, WithABitrateNeedsNoClocks) {
 
 TEST(MeterClocks, OneThatEndedSpeaksNoMore) {
     constexpr uint16_t kOtherPid = 0x105;
-    MeterStream stream;
-    stream.seconds = 38;
-    stream.plant = [](double ms, TsPacket& packet) {
+    const auto move = [](double ms, TsPacket& packet) {
         if (ms >= 20'000 && MeterStream::pidOf(packet) == test::kVideoPid) {
             packet[2] = psi::low8(kOtherPid);
         }
     };
-    std::vector<TsPacket> packets = stream.packets();
-    const auto at = packets.begin() + static_cast<std::ptrdiff_t>(MeterStream::at(33'000));
-    packets.erase(at, at + 20);
+    std::vector<TsPacket> packets = MeterStream({.seconds = 38, .plant = move}).packets();
+    lose(packets, MeterStream::at(33'000), 20);
     const meter::Report report = test::measureFile(packets);
     ASSERT_EQ(report.clocks.size(), 2);
     EXPECT_EQ(report.packets.lost.byClock, 20);

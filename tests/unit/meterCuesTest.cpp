@@ -70,7 +70,8 @@ class MeterCues : public testing::Test {
     }
     // That of a cue of which no more is known.
     static json cue(const char* command, const json& known) {
-        json document = json::parse(cueJson({.pid = kPid, .command = command}));
+        json document = json::parse(cueJson({}));
+        document.update({{"pid", kPid}, {"command", command}});
         document.update(known);
         return document;
     }

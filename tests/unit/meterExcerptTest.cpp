@@ -442,8 +442,14 @@ TEST(MeterShardExcerpts, AreHandedOverWhenTheyAreWholeOrDueAndForUnknownGroups) 
     Sender sender;
     sender.pictures(2);
     int64_t arrival = kSecond;
-    for (const TsPacket& packet : sender.packets)
-        shard.feed(test::datagram(arrival += kMs, packet));
+    const auto feed = [&](meterd::Shard& to, const Sender& from, uint32_t group = kGroup) {
+        for (const TsPacket& packet : from.packets) {
+            meter::Datagram datagram = test::datagram(arrival += kMs, packet);
+            datagram.destination = group;
+            to.feed(datagram);
+        }
+    };
+    feed(shard, sender);
     shard.takeExcerpts(kSecond);
     ASSERT_EQ(taken.size(), 2U);
     EXPECT_EQ(taken[1].excerpt->video->data, kPicture);
@@ -462,8 +468,7 @@ TEST(MeterShardExcerpts, AreHandedOverWhenTheyAreWholeOrDueAndForUnknownGroups) 
     narrow.beginExcerpt(wanted(kGroup, 9), 8 * kSecond);
     Sender unended;
     unended.pes(kVideoPid, concat({sequenceSet(), pictureSet(), idr(9000)}));
-    for (const TsPacket& packet : unended.packets)
-        narrow.feed(test::datagram(arrival += kMs, packet));
+    feed(narrow, unended);
     narrow.takeExcerpts(0);
     ASSERT_EQ(taken.size(), 4U);
     EXPECT_EQ(taken[3].excerpt->outcome, ExcerptOutcome::kTooLarge);
@@ -478,11 +483,7 @@ TEST(MeterShardExcerpts, AreHandedOverWhenTheyAreWholeOrDueAndForUnknownGroups) 
     crowded.watch(meterd::watchListOf(both));
     for (const uint32_t group : {kGroup, kGroup + 1}) {
         crowded.beginExcerpt(wanted(group, 10), 8 * kSecond);
-        for (const TsPacket& packet : unended.packets) {
-            meter::Datagram datagram = test::datagram(arrival += kMs, packet);
-            datagram.destination = group;
-            crowded.feed(datagram);
-        }
+        feed(crowded, unended, group);
     }
     crowded.takeExcerpts(0);
     ASSERT_EQ(taken.size(), 4U);

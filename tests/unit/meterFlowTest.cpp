@@ -265,18 +265,6 @@ TEST(MeterNetwork, BurstsAndAClockThatIsFastAreNoFaultsOfTheStream) {
     }
 }
 
-TEST(MeterNetwork, BurstsOfLostDatagramsAreCountedWhole) {
-    std::vector<Sent> sent = datagrams(12, false);
-    for (const std::ptrdiff_t at : {2000, 1400, 800}) {
-        sent.erase(sent.begin() + at, sent.begin() + at + 30);
-    }
-    const meter::LossReport lost = measure(sent).packets.lost;
-    EXPECT_EQ(lost.packets, 630);
-    EXPECT_EQ(lost.basis, "clock");
-    EXPECT_EQ(lost.events, 3);
-    EXPECT_EQ(lost.longest, 210);
-}
-
 TEST(MeterNetwork, ThePercentileIsThatOfTheSecond) {
     // Microseconds 1 to n in an order of their own: element floor(0.99 n) is known.
     for (const int64_t count : {10, 1000, 51'000, 51'150}) {

@@ -212,13 +212,11 @@ TEST(MeterH264, FieldsArePaired) {
     const psi::Bytes i2 = slice(0x41, 5, 0, 2);
     const psi::Bytes b1 = slice(0x01, 6, 1, 1);
     const psi::Bytes b2 = slice(0x01, 6, 1, 2);
-    const psi::Bytes b3 = slice(0x01, 6, 1, 1);
-    const psi::Bytes b4 = slice(0x01, 6, 1, 2);
     const psi::Bytes frame = slice(0x41, 5, 2, 0);
-    const GopReport apart = gopOf({i1, i2, b1, b2, b3, b4, frame, i1});
+    const GopReport apart = gopOf({i1, i2, b1, b2, b1, b2, frame, i1});
     EXPECT_EQ(apart.structure, "|IBBP");
     EXPECT_EQ(apart.ms, 7 * 40);
-    EXPECT_EQ(gopOf({concat({i1, i2}), concat({b1, b2}), concat({b3, b4}), frame, i1}).structure, "|IBBP");
+    EXPECT_EQ(gopOf({concat({i1, i2}), concat({b1, b2}), concat({b1, b2}), frame, i1}).structure, "|IBBP");
 }
 
 TEST(MeterH264, GroupsBeginAtIPicturesAndSayWhatDecodingCanBeginWith) {

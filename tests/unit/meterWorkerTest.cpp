@@ -2,7 +2,6 @@
 // joins.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
@@ -11,6 +10,8 @@
 #include <memory>
 #include <thread>
 
+#include "basics/descriptor.h"
+#include "basics/unixListener.h"
 #include "joins.h"
 #include "measure.h"
 #include "outbox.h"
@@ -30,31 +31,17 @@ using test::groupMessage;
 using test::kGroup;
 using test::kSecond;
 
-// A station's socket, and the connection that it accepted.
+// A station's socket.
 struct Listener {
-    Listener() : number_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(bind(number_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(listen(number_, 4), 0);
-    }
     ~Listener() {
-        close(connection_);
-        close(number_);
         unlink(path.c_str());
     }
-    Listener(const Listener&) = delete;
-    int accept() {
-        connection_ = ::accept(number_, nullptr, nullptr);
-        return connection_;
+    basics::Descriptor accept() const {
+        return basics::Descriptor(::accept(socket.number(), nullptr, nullptr));
     }
 
     const std::string path = testing::TempDir() + "/station" + std::to_string(getpid()) + ".sock";
-
-  private:
-    int number_;
-    int connection_ = -1;
+    const basics::Descriptor socket{basics::listenUnix(path)};
 };
 
 TEST(MeterStationLink, LeavesAStationThatDoesNotSayWhoItIs) {
@@ -63,13 +50,13 @@ TEST(MeterStationLink, LeavesAStationThatDoesNotSayWhoItIs) {
     StationLink link(station.path, "1", outbox, {[] {}, [](const metering::Groups&) {}});
     const auto begin = std::chrono::steady_clock::now();
     link.serve(10);
-    const int connection = station.accept();
-    ASSERT_GE(connection, 0);
+    const basics::Descriptor connection = station.accept();
+    ASSERT_TRUE(connection.isOpen());
     std::array<char, 256> bytes;
     ssize_t count = 1;
     while (count != 0 && std::chrono::steady_clock::now() - begin < 60s) {
         link.serve(50);
-        count = recv(connection, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        count = recv(connection.number(), bytes.data(), bytes.size(), MSG_DONTWAIT);
     }
     EXPECT_EQ(count, 0) << "it ends the connection";
     EXPECT_GT(std::chrono::steady_clock::now() - begin, 4s);
@@ -81,11 +68,11 @@ TEST(MeterStationLink, WaitsForNoStationThatHangsAndLosesWholeSecondsAlone) {
     int connected = 0;
     StationLink link(station.path, "1", outbox, {[&] { ++connected; }, [](const metering::Groups&) {}});
     link.serve(10);
-    const int connection = station.accept();
+    const basics::Descriptor connection = station.accept();
     metering::FromStation hello;
     hello.mutable_hello()->set_major(metering::kMajor);
     const std::string bytes = metering::framed(hello);
-    ASSERT_EQ(write(connection, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    ASSERT_EQ(write(connection.number(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     for (int i = 0; i < 500 && connected == 0; ++i) {
         link.serve(10);
     }
@@ -115,7 +102,7 @@ TEST(MeterStationLink, WaitsForNoStationThatHangsAndLosesWholeSecondsAlone) {
     uint64_t came = 0;
     for (int i = 0; i < 100'000 && came < told; ++i) {
         link.serve(1);
-        const ssize_t count = recv(connection, read.data(), read.size(), MSG_DONTWAIT);
+        const ssize_t count = recv(connection.number(), read.data(), read.size(), MSG_DONTWAIT);
         if (count <= 0) {
             continue;
         }
@@ -132,51 +119,59 @@ TEST(MeterStationLink, WaitsForNoStationThatHangsAndLosesWholeSecondsAlone) {
     EXPECT_EQ(came, told);
 }
 
-// Made frames at the pace of this machine's clock; fails after so many reads.
-class MadeCapture final : public Capture {
+// Made frames.
+class FakeCapture : public Capture {
   public:
-    explicit MadeCapture(int failAfter) : left_(failAfter) {
-        feed_.arrival = std::chrono::steady_clock::now().time_since_epoch() / 1ns;
-    }
     int descriptor() const override {
         return -1;
+    }
+    CaptureCounts counts() override {
+        return {frames, drops, 0};
+    }
+    std::string interface() const override {
+        return "made0";
+    }
+
+  protected:
+    static int64_t now() {
+        return std::chrono::steady_clock::now().time_since_epoch() / 1ns;
+    }
+    uint64_t frames = 0;
+    uint64_t drops = 0;
+};
+
+// At the pace of this machine's clock; fails after so many reads.
+class MadeCapture final : public FakeCapture {
+  public:
+    explicit MadeCapture(int failAfter) : left_(failAfter) {
+        feed_.arrival = now();
+        drops = 3;
     }
     std::size_t read(std::size_t, const DatagramSink& sink) override {
         if (left_-- == 0) {
             throw std::runtime_error("the cable is gone");
         }
         std::this_thread::sleep_for(5ms);
-        std::size_t count = 0;
-        while (feed_.arrival <= std::chrono::steady_clock::now().time_since_epoch() / 1ns) {
+        const uint64_t before = frames;
+        while (feed_.arrival <= now()) {
             const auto datagram = feed_.next();
             if (!datagram) {
                 break;
             }
             sink(*datagram);
-            ++count;
+            ++frames;
         }
-        frames_ += count;
-        return count;
-    }
-    CaptureCounts counts() override {
-        return {frames_, 3, 0};
-    }
-    std::string interface() const override {
-        return "made0";
+        return frames - before;
     }
 
   private:
     Feed feed_;
     int left_;
-    uint64_t frames_ = 0;
 };
 
 // Has always as many frames as are asked for: of kGroup for half a second, of another one for ever.
-class BusyCapture final : public Capture {
+class BusyCapture final : public FakeCapture {
   public:
-    int descriptor() const override {
-        return -1;
-    }
     std::size_t read(std::size_t limit, const DatagramSink& sink) override {
         std::this_thread::sleep_for(5ms);
         while (feed_.arrival - begin_ < kSecond / 2 && feed_.arrival < now()) {
@@ -188,24 +183,13 @@ class BusyCapture final : public Capture {
         sink(other);
         return limit;
     }
-    CaptureCounts counts() override {
-        return {};
-    }
-    std::string interface() const override {
-        return "busy0";
-    }
 
   private:
-    static int64_t now() {
-        return std::chrono::steady_clock::now().time_since_epoch() / 1ns;
-    }
     Feed feed_ = [] {
-        test::MeterStream stream;
         // Another version of it with a stream less.
-        stream.tables.push_back(
-            {test::kPmtPid, psi::pmtSection(1, 1, test::kVideoPid, {{0x1B, test::kVideoPid}}), 100, 150});
+        const auto pmt = psi::pmtSection(1, 1, test::kVideoPid, {{0x1B, test::kVideoPid}});
         Feed feed;
-        feed.packets = stream.packets();
+        feed.packets = test::MeterStream({.tables = {{test::kPmtPid, pmt, 100, 150}}}).packets();
         return feed;
     }();
     int64_t begin_ = feed_.arrival = now();

@@ -23,9 +23,14 @@
 namespace pictured {
 namespace {
 
-bool hasFfmpeg() {
-    return std::system("command -v ffmpeg >/dev/null") == 0;
-}
+class PictureDecoding : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (std::system("command -v ffmpeg >/dev/null") != 0) {
+            GTEST_SKIP() << "ffmpeg is not installed";
+        }
+    }
+};
 
 std::vector<uint8_t> encoded(const std::string& options, const std::string& format) {
     const station::ScratchDirectory scratch;
@@ -57,9 +62,7 @@ const uint8_t* sampleAt(const SmallPicture& picture, int x, int y) {
     return &picture.samples[static_cast<std::size_t>(3 * (y * picture.width + x))];
 }
 
-TEST(PictureDecoding, KeepsColoursAndShape) {
-    if (!hasFfmpeg())
-        GTEST_SKIP() << "ffmpeg is not installed";
+TEST_F(PictureDecoding, KeepsColoursAndShape) {
     struct Case {
         const char* what;
         const char* source;
@@ -96,9 +99,7 @@ TEST(PictureDecoding, KeepsColoursAndShape) {
     }
 }
 
-TEST(PictureDecoding, ShowsAFieldThatIsAPictureInItsFramesShape) {
-    if (!hasFfmpeg())
-        GTEST_SKIP() << "ffmpeg is not installed";
+TEST_F(PictureDecoding, ShowsAFieldThatIsAPictureInItsFramesShape) {
     const struct {
         const char* source;
         const char* samples;  // their shape as the stream has it
@@ -127,9 +128,7 @@ TEST(PictureDecoding, ShowsAFieldThatIsAPictureInItsFramesShape) {
     }
 }
 
-TEST(PictureDecoding, TellsWhatLacksParts) {
-    if (!hasFfmpeg())
-        GTEST_SKIP() << "ffmpeg is not installed";
+TEST_F(PictureDecoding, TellsWhatLacksParts) {
     const std::pair<Codec, const char*> cases[] = {
         {kCodecs[0], ""}, {kCodecs[1], ""}, {kCodecs[2], ""}, {kCodecs[2], "-pix_fmt yuv420p10le"}};
     for (const auto& [codec, options] : cases) {
@@ -150,9 +149,7 @@ TEST(PictureDecoding, TellsWhatLacksParts) {
     }
 }
 
-TEST(PictureDecoding, MeasuresLumaFromBlackToWhite) {
-    if (!hasFfmpeg())
-        GTEST_SKIP() << "ffmpeg is not installed";
+TEST_F(PictureDecoding, MeasuresLumaFromBlackToWhite) {
     const auto figures = [](const std::string& source, const std::string& options = {}) {
         return measureLuma(
             decodePicture(picturing::VIDEO_H264, pictureBy(kCodecs[1], source, options)).small);
@@ -194,9 +191,7 @@ std::vector<uint8_t> secondRandomAccess(const std::vector<uint8_t>& stream) {
     return cut;
 }
 
-TEST(PictureDecoding, TakesTenBitsAndRecoveryPoints) {
-    if (!hasFfmpeg())
-        GTEST_SKIP() << "ffmpeg is not installed";
+TEST_F(PictureDecoding, TakesTenBitsAndRecoveryPoints) {
     const auto tenBits = encoded(
         "-f lavfi -i color=white:s=1280x720 -frames:v 1 -pix_fmt yuv420p10le -c:v libx265 -preset ultrafast "
         "-x265-params log-level=none",
@@ -217,9 +212,7 @@ TEST(PictureDecoding, TakesTenBitsAndRecoveryPoints) {
     EXPECT_GT(measureLuma(recovered.small).mean, 251);
 }
 
-TEST(PictureDecoding, SaysWhatIsWrong) {
-    if (!hasFfmpeg())
-        GTEST_SKIP() << "ffmpeg is not installed";
+TEST_F(PictureDecoding, SaysWhatIsWrong) {
     const auto whole = pictureBy(kCodecs[1], "testsrc2=s=640x360");
     const auto verdict = [](uint32_t codec, std::span<const uint8_t> stream) {
         return decodePicture(codec, stream).verdict;
@@ -240,7 +233,7 @@ TEST(PictureDecoding, SaysWhatIsWrong) {
     }
 }
 
-TEST(PictureDecoding, JpegsKeepTheirLimit) {
+TEST(PictureJpeg, KeepsItsLimit) {
     SmallPicture noise{picturing::kShotWidth, picturing::kShotHeight, {}};
     uint32_t state = 1;
     for (int i = 0; i < 3 * noise.width * noise.height; ++i) {
@@ -253,9 +246,7 @@ TEST(PictureDecoding, JpegsKeepTheirLimit) {
     EXPECT_TRUE(isPlainJpeg(jpeg));
 }
 
-TEST(PictureDecoding, MeasuresLoudness) {
-    if (!hasFfmpeg())
-        GTEST_SKIP() << "ffmpeg is not installed";
+TEST_F(PictureDecoding, MeasuresLoudness) {
     // EBU Tech 3341, test 1: a sine of 1 kHz at -23 dBFS in both channels is -23 LUFS.
     const std::string sine =
         "-f lavfi -i \"aevalsrc='pow(10,-23/20)*sin(2*PI*1000*t)|pow(10,-23/20)*sin(2*PI*1000*t)'"
@@ -366,9 +357,7 @@ TEST(PictureWorker, MayComputeAndNothingElse) {
 #endif
 }
 
-TEST(PictureWorker, AnswersWithWhatItsReaderTakes) {
-    if (!hasFfmpeg())
-        GTEST_SKIP() << "ffmpeg is not installed";
+TEST_F(PictureDecoding, IsAnsweredWithWhatTheReaderTakes) {
     const auto video = pictureBy(kCodecs[1], "testsrc2=s=640x360");
     const auto audio = encoded("-f lavfi -i sine -t 2 -c:a mp2", "mp2");
     for (const bool withVideo : {false, true}) {
