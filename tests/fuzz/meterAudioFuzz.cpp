@@ -1,5 +1,4 @@
 // Elementary streams of the audio codecs, cut into packets anywhere.
-#include <algorithm>
 #include <vector>
 
 #include "fuzz/fuzzing.h"
@@ -16,14 +15,11 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     Bytes input(data + 1, size - 1);
     while (!input.empty()) {
         const uint8_t control = input[0];
-        const std::size_t length = std::min<std::size_t>(control, input.size() - 1);
-        // A copy of exactly the size: a read behind it is seen.
-        const std::vector<uint8_t> payload(input.begin() + 1,
-                                           input.begin() + 1 + static_cast<std::ptrdiff_t>(length));
+        const std::vector<uint8_t> payload = fuzzing::exactly(input, 1, control);
         stream.feed(payload);
         if (control % 16 == 0)
             stream.secondEnded();
-        input = input.subspan(1 + length);
+        input = input.subspan(1 + payload.size());
     }
     AudioReport report;
     stream.fill(report);

@@ -1,5 +1,4 @@
 // Splice sections, whatever their CRC_32.
-#include <algorithm>
 #include <vector>
 
 #include "cues/cues.h"
@@ -14,15 +13,12 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     std::vector<CueReport> found;
     Bytes input(data, size);
     while (input.size() > 2) {
-        const std::size_t length = std::min<std::size_t>(u16At(input, 0) & 0xFFF, input.size() - 2);
-        // A copy of exactly the size: a read behind it is seen.
-        const std::vector<uint8_t> bytes(input.begin() + 2,
-                                         input.begin() + 2 + static_cast<std::ptrdiff_t>(length));
+        const std::vector<uint8_t> bytes = fuzzing::exactly(input, 2, u16At(input, 0) & 0xFFF);
         const bool timed = (input[0] & 0x80) == 0;
         cues.section(
             {.pid = input[0], .bytes = bytes, .hasCrc = true, .moment = {.wall = timed ? kNsPerSecond : 0}},
             timed ? std::optional<Ticks>(input[1] * kTicksPerSecond) : std::nullopt, found);
-        input = input.subspan(2 + length);
+        input = input.subspan(2 + bytes.size());
     }
     Report report;
     cues.fill(report);

@@ -64,22 +64,9 @@ void appendPacket(Bytes& payload, Input& input, std::array<uint8_t, 16>& counter
 
 // Tables that are right, so that there are programs, streams and a CAT.
 Bytes tables() {
-    Bytes pmt = psi::withCrc([] {
-        const Bytes streams = psi::concat({{kVideo},
-                                           psi::u16(0xE101),
-                                           psi::loop12({}),
-                                           {kAudio},
-                                           psi::u16(0xE102),
-                                           psi::loop12(psi::descriptor(0x0A, {'d', 'e', 'u', 0})),
-                                           {kCue},
-                                           psi::u16(0xE103),
-                                           psi::loop12({})});
-        const Bytes body =
-            psi::concat({psi::u16(1), {0xC1, 0, 0}, psi::u16(0xE101), psi::loop12({}), streams});
-        return psi::concat({{2}, psi::u16(0xB000 | (body.size() + 4)), body});
-    }());
-    const Bytes pat = psi::withCrc(
-        psi::concat({{0}, psi::u16(0xB000 | 13), psi::u16(1), {0xC1, 0, 0}, psi::u16(1), psi::u16(0xE100)}));
+    const Bytes german = psi::descriptor(0x0A, {'d', 'e', 'u', 0});
+    const Bytes pmt = psi::pmtSection(1, 0, 0x101, {{kVideo, 0x101}, {kAudio, 0x102, german}, {kCue, 0x103}});
+    const Bytes pat = psi::section(0, 1, 0, psi::concat({psi::u16(1), psi::u16(0xE100)}));
     Bytes packets;
     for (const auto& [pid, section] : {std::pair<uint16_t, const Bytes&>{0, pat}, {0x100, pmt}}) {
         Bytes packet = psi::concat({{0x47}, psi::u16(0x4000U | pid), {0x10, 0}, section});

@@ -41,11 +41,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     Moment moment{.wall = 1};
     while (input.size() > 2) {
         const uint8_t control = input[0];
-        const std::size_t length =
-            std::min<std::size_t>(std::min<std::size_t>(input[1], 184), input.size() - 2);
-        // A copy of exactly the size: a read behind it is seen.
-        const std::vector<uint8_t> payload(input.begin() + 2,
-                                           input.begin() + 2 + static_cast<std::ptrdiff_t>(length));
+        const std::vector<uint8_t> payload = fuzzing::exactly(input, 2, std::min<std::size_t>(input[1], 184));
         SectionAssembler& assembler = assemblers[control & 7];
         if ((control & 0x10) != 0)
             assembler.drop();
@@ -53,7 +49,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         assembler.feed(payload, (control & 0x08) != 0, moment, reader);
         if (assembler.heldBytes() > 128 * 1024)
             __builtin_trap();
-        input = input.subspan(2 + length);
+        input = input.subspan(2 + payload.size());
     }
     Report report;
     reader.services.fill(report);

@@ -1,5 +1,4 @@
 // Elementary streams of the three video codecs, cut into packets anywhere.
-#include <algorithm>
 #include <string_view>
 #include <vector>
 
@@ -25,10 +24,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     bool start = true;
     while (!input.empty()) {
         const uint8_t control = input[0];
-        const std::size_t length = std::min<std::size_t>(whole ? 184 : control, input.size() - 1);
-        // A copy of exactly the size: a read behind it is seen.
-        const std::vector<uint8_t> payload(input.begin() + 1,
-                                           input.begin() + 1 + static_cast<std::ptrdiff_t>(length));
+        const std::vector<uint8_t> payload = fuzzing::exactly(input, 1, whole ? 184 : control);
         start = start || control % 4 == 0;
         stream.feed(start, control % 8 == 0, payload, control % 16 == 0 ? std::nullopt : std::optional(dts));
         if (control == 1)
@@ -39,7 +35,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         dts += control * 512;
         if (control % 32 == 0)
             stream.secondEnded();
-        input = input.subspan(1 + length);
+        input = input.subspan(1 + payload.size());
     }
     // It begins with a start code, whatever came.
     if (picture.isEnded() && !picture.isTooLarge() &&

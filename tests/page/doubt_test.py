@@ -51,11 +51,6 @@ class DoubtTest(SpoiledTest):
     def shown(self, selector="main"):
         return self.browser.run("return document.querySelector(arguments[0])?.innerText ?? ''", selector)
 
-    def error_at(self, label):
-        return self.browser.run("""
-            const label = [...document.querySelectorAll('label')].findLast((node) => node.textContent === arguments[0]);
-            return label.parentNode.querySelector('.field-error').textContent""", label)
-
     def test_what_was_not_told_is_unknown(self):
         for path in ("stream", "status", "alarms", "events", "maintenance", "access"):
             self.between.spoil(f"/api/v1/{path}", "hang" if path == "stream" else 503)
@@ -209,13 +204,13 @@ class DoubtTest(SpoiledTest):
                             ("239.1.1.9:99999", "above 65535"), ("", "is needed"), ("", "is needed")):
             self.browser.type("Group", group)
             self.browser.press("Add")
-            wait_for(f"{word} for {group!r}", 5, lambda: word in self.error_at("Group"))
+            wait_for(f"{word} for {group!r}", 5, lambda: word in self.browser.error_at("Group"))
         for number, typed in enumerate(("239.1.2.1:5000", "udp://@239.1.2.2:5001", " rtp://10.0.0.7@239.1.2.3:5002/ ",
                                         "http://proxy:4022/udp/239.1.2.4:5003"), 1):
             self.browser.type("Group", typed)
             self.browser.press("Add")
             wait_for(f"{typed} is added", 5, lambda: f"239.1.2.{number} was added" in said())
-            self.assertEqual(self.error_at("Group"), "")
+            self.assertEqual(self.browser.error_at("Group"), "")
             listed(f"239.1.2.{number}")
             identity = self.station.get(f"channels/239.1.2.{number}")["identity"]
             self.assertEqual(identity["listedPort"], 4999 + number)
@@ -223,11 +218,10 @@ class DoubtTest(SpoiledTest):
         # The same refusal again, and away with what was said before.
         self.browser.type("Group", "239.1.2.1")
         self.browser.press("Add")
-        wait_for("the refusal", 5, lambda: "such a channel" in self.error_at("Group"))
+        wait_for("the refusal", 5, lambda: "such a channel" in self.browser.error_at("Group"))
         self.assertNotIn("was added", said())
         # A label whose value has a comma.
-        self.browser.run("""const search = document.querySelector('main input[type=search]');
-                            search.value = '239.1.1.2'; search.dispatchEvent(new Event('input'))""")
+        self.browser.search("239.1.1.2")
         wait_for("its row", 5, lambda: self.browser.texts("main tbody tr bdi") == ["Never There"])
         self.browser.press("Change", "main tbody")
         self.browser.type("Name", "Still Not There")
@@ -251,10 +245,10 @@ class DoubtTest(SpoiledTest):
         windows = lambda: self.station.get("maintenance")
         self.browser.press("Set a window")
         self.browser.press("Set", "dialog")
-        wait_for("the question which", 5, lambda: "Choose a channel" in self.error_at("Channel"))
+        wait_for("the question which", 5, lambda: "Choose a channel" in self.browser.error_at("Channel"))
         self.browser.type("Channel", "no such thing")
         self.browser.press("Set", "dialog")
-        wait_for("the refusal", 5, lambda: "choose from the list" in self.error_at("Channel"))
+        wait_for("the refusal", 5, lambda: "choose from the list" in self.browser.error_at("Channel"))
         self.browser.type("Channel", "news")
         self.browser.press("Set", "dialog")
         wait_for("the window", 5, lambda: [one["group"] for one in windows()] == ["239.1.1.1"])

@@ -114,19 +114,17 @@ class Station:
         with urllib.request.urlopen(f"{self.url}api/v1/{path}", timeout=10) as answer:
             return json.load(answer)
 
-    def change(self, method, path, body=None):
-        request = urllib.request.Request(f"{self.url}api/v1/{path}", method=method,
-                                         data=None if body is None else json.dumps(body).encode(),
-                                         headers={"Authorization": f"Bearer {TOKEN}",
-                                                  "Content-Type": "application/json"})
+    def ask(self, method, path, content, kind):
+        request = urllib.request.Request(f"{self.url}api/v1/{path}", method=method, data=content,
+                                         headers={"Authorization": f"Bearer {TOKEN}", "Content-Type": kind})
         with urllib.request.urlopen(request, timeout=10) as answer:
             return json.load(answer)
 
+    def change(self, method, path, body=None):
+        return self.ask(method, path, None if body is None else json.dumps(body).encode(), "application/json")
+
     def upload(self, playlist):
-        request = urllib.request.Request(f"{self.url}api/v1/import", method="POST", data=playlist.encode(),
-                                         headers={"Authorization": f"Bearer {TOKEN}", "Content-Type": "text/plain"})
-        with urllib.request.urlopen(request, timeout=10) as answer:
-            return json.load(answer)
+        return self.ask("POST", "import", playlist.encode(), "text/plain")
 
     def close(self):
         if self.process:
@@ -324,21 +322,20 @@ class Between:
         finally:
             connection.close()
 
-    def answer(self, client, status, headers, body):
+    def begin(self, client, status, headers):
         client.send_response(status)
         for name, value in headers.items():
             client.send_header(name, value)
-        client.send_header("Content-Length", str(len(body)))
         client.end_headers()
+
+    def answer(self, client, status, headers, body):
+        self.begin(client, status, headers | {"Content-Length": str(len(body))})
         if client.command != "HEAD":
             client.wfile.write(body)
 
     def stream(self, client, headers, answer, what):
         client.close_connection = True
-        client.send_response(200)
-        for name, value in headers.items():
-            client.send_header(name, value)
-        client.end_headers()
+        self.begin(client, 200, headers)
         while line := answer.readline():
             client.wfile.write(what(line) if what else line)
             client.wfile.flush()
@@ -449,6 +446,24 @@ class Browser:
                     input.dispatchEvent(new Event('input', {bubbles: true}));
                     input.dispatchEvent(new Event('change', {bubbles: true}));
                     return true;""", label, text))
+
+    def error_at(self, label):
+        """What is said of the field of this label."""
+        return self.run("""
+            const label = [...document.querySelectorAll('label')].findLast((node) => node.textContent === arguments[0]);
+            return label.parentNode.querySelector('.field-error').textContent""", label)
+
+    def search(self, text):
+        self.run("""const search = document.querySelector('main input[type=search]');
+                    search.value = arguments[0]; search.dispatchEvent(new Event('input'))""", text)
+
+    def painted(self, within="main"):
+        """How many of the plots that are shown there have something on their canvas."""
+        return self.run("""return [...document.querySelectorAll(arguments[0] + ' .plot-area')].filter((area) => {
+                     const [canvas] = area.querySelectorAll('canvas');
+                     return area.checkVisibility() && canvas?.width &&
+                         canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data.some((v) => v);
+                   }).length""", within)
 
     def problems(self):
         """What the browser complained of: scripts that failed, files that are missing, policy violations; not what the

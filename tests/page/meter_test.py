@@ -65,6 +65,21 @@ class MadeUpTest(SpoiledTest):
         self.browser.open(self.between.url + "#channel/239.1.1.1")
         wait_for("the meter's panels", 15, lambda: self.browser.find(".records"))
 
+    def stream_tells(self, told):
+        """These fields of each channel in the event stream, as they are then."""
+        def rows(line):
+            if not line.startswith(b"data: {") or b'"fields"' not in line:
+                return line
+            data = json.loads(line[6:])
+            for name, value in told.items():
+                if name not in data["fields"]:
+                    data["fields"].append(name)
+                    data["channels"] = [row + [None] for row in data["channels"]]
+                for row in data["channels"]:
+                    row[data["fields"].index(name)] = value
+            return b"data: " + json.dumps(data).encode() + b"\n"
+        self.between.spoil("/stream$", rows)
+
     def lamps(self):
         """Class, sign, figures and whether something is said, by a check's name."""
         return {name: (*rest, ) for name, *rest in self.browser.run("""
@@ -93,11 +108,7 @@ class MadeUpTest(SpoiledTest):
         # Of the channel as well, which is another answer.
         wait_for("the rate", 5, lambda: self.browser.facts().get("Bit rate") == "4.10 Mbit/s, constant")
         self.assertEqual(self.browser.facts()["Video"], "1920 × 1080i25, H.264")
-        drawn = """return [...document.querySelectorAll(arguments[0] + ' .plot-area')].filter((area) => {
-                     const [canvas] = area.querySelectorAll('canvas');
-                     return area.checkVisibility() && canvas?.width && canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data.some((v) => v);
-                   }).length"""
-        wait_for("the meter's plots", 10, lambda: self.browser.run(drawn, "main") == 7)
+        wait_for("the meter's plots", 10, lambda: self.browser.painted() == 7)
         self.browser.run("document.querySelector('.plots.wide').focus()")
         self.browser.driver.switch_to.active_element.send_keys("\ue012")  # left
         wait_for("the cursor of the keyboard", 3, lambda: " · " in self.browser.text(".plots.wide output"))
@@ -106,7 +117,7 @@ class MadeUpTest(SpoiledTest):
         time.sleep(3)
         self.assertEqual(len(asked()), before, "plots that are folded away are not loaded")
         self.browser.click(".records button")
-        wait_for("the probe's plots, checks and PIDs", 10, lambda: self.browser.run(drawn, ".records") > 6)
+        wait_for("the probe's plots, checks and PIDs", 10, lambda: self.browser.painted(".records") > 6)
         self.assertIn("PCR_error", self.browser.text(".records .lamps"))
         self.assertTrue(self.browser.find(".records .pids"))
 
@@ -219,20 +230,8 @@ class MadeUpTest(SpoiledTest):
 
     def test_the_wall_says_what_a_channel_is(self):
         told = {}
-
-        def rows(line):
-            if not line.startswith(b"data: {") or b'"fields"' not in line:
-                return line
-            data = json.loads(line[6:])
-            for name, value in told.items():
-                if name not in data["fields"]:
-                    data["fields"].append(name)
-                    data["channels"] = [row + [None] for row in data["channels"]]
-                for row in data["channels"]:
-                    row[data["fields"].index(name)] = value
-            return b"data: " + json.dumps(data).encode() + b"\n"
+        self.stream_tells(told)
         shown = lambda selector: self.browser.run("return document.querySelector(arguments[0])?.innerText ?? null", selector)
-        self.between.spoil("/stream$", rows)
         self.browser.open(self.between.url)
         wait_for("the rate", 15, lambda: "Mbit/s" in (shown(".tile .measure") or ""))
         self.assertEqual(shown(".tile .format").strip(), "", "nothing of a meter where there is none")
@@ -257,15 +256,7 @@ class MadeUpTest(SpoiledTest):
         # The line shows a minute while the page has no more.
         kept = [cue(90, rfc3339(-1), time=rfc3339(-2)), cue(80, None, time=rfc3339(-3), out=False, durationMs=None)]
 
-        def rows(line):  # as a station that keeps cues
-            if not line.startswith(b"data: {") or b'"fields"' not in line:
-                return line
-            data = json.loads(line[6:])
-            if "lastCue" not in data["fields"]:
-                data["fields"].append("lastCue")
-                data["channels"] = [row + [None] for row in data["channels"]]
-            return b"data: " + json.dumps(data).encode() + b"\n"
-        self.between.spoil("/stream$", rows)
+        self.stream_tells({"lastCue": None})  # as that of a station that keeps cues
         self.between.spoil("/cues$", kept)
         self.show()
         events = lambda: self.browser.texts("main [aria-label=Cues] tbody td:nth-child(3)")

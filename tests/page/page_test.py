@@ -142,13 +142,9 @@ class PageTest(unittest.TestCase):
         self.assertEqual(self.browser.texts(".lamps th[scope=row]"),
                          [f"{check['number']} {check['name']}".strip() for priority in (1, 2, 0)
                           for check in self.station.get("meta")["checks"] if check["priority"] == priority])
-        drawn = """return [...document.querySelectorAll('.plot-area')].filter((area) => {
-                     const [canvas] = area.querySelectorAll('canvas');
-                     return canvas?.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data.some((v) => v);
-                   }).length"""
         plots = self.browser.run("return [...document.querySelectorAll('.plot')].filter((one) => one.checkVisibility()).length")
         self.assertGreaterEqual(plots, 7)
-        wait_for("all plots are drawn", 10, lambda: self.browser.run(drawn) == plots)
+        wait_for("all plots are drawn", 10, lambda: self.browser.painted() == plots)
         self.images("channel")
         # A time of the last minutes as a link.
         moment = time.time() - 5
@@ -238,17 +234,13 @@ class PageTest(unittest.TestCase):
             self.browser.type("Group", group)
             self.browser.type("Name", name)
             self.browser.press("Add")
-            wait_for(f"what is wrong with the {field}", 5, lambda: word in self.browser.run(
-                """const labels = [...document.querySelectorAll('label')];
-                   const label = labels.find((node) => node.textContent === arguments[0]);
-                   return label.parentNode.querySelector('.field-error').textContent""", field))
+            wait_for(f"what is wrong with the {field}", 5, lambda: word in self.browser.error_at(field))
         self.images("edit")
         self.browser.type("Name", "Renamed soon")
         self.browser.press("Add")
         wait_for("the channel", 5,
                  lambda: "Renamed soon" in [channel["name"] for channel in self.station.get("channels")])
-        self.browser.run("""const search = document.querySelector('main input[type=search]');
-                            search.value = '239.7.0.1'; search.dispatchEvent(new Event('input'))""")
+        self.browser.search("239.7.0.1")
         wait_for("its row", 5, lambda: self.browser.texts("main tbody tr bdi") == ["Renamed soon"])
         self.browser.press("Change", "main tbody")
         self.browser.type("Name", "Renamed")
