@@ -6,15 +6,12 @@ A station is killed while channels are down, a feed is cut and mended, a channel
 is one message, nothing is called over that may not be, and all is called over in the end.
 """
 import http.client
-import http.server
 import json
-import os
 import shutil
 import signal
 import socket
 import subprocess
 import sys
-import threading
 import time
 import urllib.request
 from datetime import datetime, timedelta, timezone
@@ -23,7 +20,7 @@ from pathlib import Path
 import yaml
 
 from dashboards import Prometheus, require
-from run import NETNS, ROOT, SERVERS, SKIPPED, WORK, lay_out_templates, wait_for
+from run import ROOT, SERVERS, WORK, enter, lay_out_templates, receive, wait_for
 
 GROUPS = [f"239.2.0.{number}" for number in range(1, 101)]
 LOST = GROUPS[:3]
@@ -67,25 +64,17 @@ def send():
         time.sleep(0.2)
 
 
-class Receiver(http.server.BaseHTTPRequestHandler):
-    """Where Alertmanager delivers: keeps what is new in each message, in order."""
-    messages = []
+MESSAGES = []  # what is new in each, in order
 
-    def do_POST(self):
-        message = json.loads(self.rfile.read(int(self.headers["Content-Length"])))
-        Receiver.messages.append([(alert["status"], alert["labels"]["alertname"], alert["labels"].get("group"))
-                                  for alert in message["alerts"]])
-        self.send_response(200)
-        self.end_headers()
 
-    def log_message(self, *arguments):
-        pass
+def received(alerts):
+    MESSAGES.append([(alert["status"], alert["labels"]["alertname"], alert["labels"].get("group")) for alert in alerts])
 
 
 def told(since=0):
     """Of each alert the states that messages told, in order, each change once."""
     states = {}
-    for message in Receiver.messages[since:]:
+    for message in MESSAGES[since:]:
         for status, name, group in message:
             if states.setdefault((name, group), [])[-1:] != [status]:
                 states[name, group].append(status)
@@ -96,10 +85,10 @@ def expect(states, since, what):
     """Waits until exactly these are told, and nothing else for a while."""
     began = time.monotonic()
     wait_for(lambda: told(since) == states or states.keys() <= told(since).keys() and time.monotonic() - began > 20, what)
-    print(f"{what}: {len(Receiver.messages) - since} messages after {time.monotonic() - began:.1f} s")
+    print(f"{what}: {len(MESSAGES) - since} messages after {time.monotonic() - began:.1f} s")
     time.sleep(QUIET_S)
     require(told(since) == states, what, "told was", told(since))
-    return len(Receiver.messages)
+    return len(MESSAGES)
 
 
 def send_to(groups):
@@ -158,7 +147,7 @@ def cable(state):
 def main(bin_directory):
     began = time.monotonic()
     lay_out()
-    threading.Thread(target=http.server.ThreadingHTTPServer(("127.0.0.1", 9095), Receiver).serve_forever, daemon=True).start()
+    receive(received)
     start([sys.executable, __file__, "--send"], None, "sender")
     start([f"{bin_directory}/kestor", "-s"], None, "probe")
     station_command = [f"{bin_directory}/kestor-station", "--config", f"{WORK}/station.toml"]
@@ -206,11 +195,5 @@ def main(bin_directory):
 if __name__ == "__main__":
     if sys.argv[1] == "--send":
         send()
-    elif not (SERVERS / "prometheus").exists():
-        print("skipped: there are no servers; scripts/install-servers.sh fetches them")
-        sys.exit(SKIPPED)
-    elif os.environ.get("KESTOR_INSIDE"):
-        main(sys.argv[1])
     else:
-        os.environ["KESTOR_INSIDE"] = "1"
-        os.execv(NETNS, [NETNS, sys.executable, __file__, str(Path(sys.argv[1]).resolve())])
+        enter(main, "prometheus", str(Path(sys.argv[1]).resolve()))

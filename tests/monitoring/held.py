@@ -3,13 +3,9 @@
 
 For each of its inhibitions the alert that holds back, the one that is held, and one like it at another probe that is not.
 """
-import http.server
 import json
-import os
 import shutil
 import subprocess
-import sys
-import threading
 import time
 import urllib.request
 from datetime import datetime, timezone
@@ -18,7 +14,7 @@ from pathlib import Path
 import yaml
 
 from dashboards import require
-from run import NETNS, ROOT, SERVERS, SKIPPED, WORK, lay_out_templates, wait_for
+from run import ROOT, SERVERS, WORK, enter, lay_out_templates, receive, wait_for
 
 CHANNEL = {"group": "239.1.1.1"}
 # Who holds, and what it holds; the labels beside the probe.
@@ -43,17 +39,11 @@ FREE = [
 WAIT_S = 6  # for what should not come
 
 
-class Receiver(http.server.BaseHTTPRequestHandler):
-    told = set()
+TOLD = set()
 
-    def do_POST(self):
-        message = json.loads(self.rfile.read(int(self.headers["Content-Length"])))
-        Receiver.told |= {(alert["labels"]["alertname"], alert["labels"]["probe"]) for alert in message["alerts"]}
-        self.send_response(200)
-        self.end_headers()
 
-    def log_message(self, *arguments):
-        pass
+def received(alerts):
+    TOLD.update((alert["labels"]["alertname"], alert["labels"]["probe"]) for alert in alerts)
 
 
 def alert(name, probe, labels):
@@ -68,7 +58,7 @@ def main():
     require("group_wait: 10s" in text, "group_wait is another one")
     shipped.write_text(text.replace("group_wait: 10s", "group_wait: 2s"))
     lay_out_templates()
-    threading.Thread(target=http.server.ThreadingHTTPServer(("127.0.0.1", 9095), Receiver).serve_forever, daemon=True).start()
+    receive(received)
     log = (WORK / "alertmanager.log").open("w")
     subprocess.Popen([SERVERS / "prometheus-alertmanager", f"--config.file={shipped}", f"--storage.path={WORK}/am",
                       "--cluster.listen-address="], stdin=subprocess.DEVNULL, stdout=log, stderr=log)
@@ -83,9 +73,9 @@ def main():
     request = urllib.request.Request("http://127.0.0.1:9093/api/v2/alerts", json.dumps(alerts).encode(),
                                      {"Content-Type": "application/json"})
     urllib.request.urlopen(request, timeout=5).close()
-    wait_for(lambda: free <= Receiver.told, "message of what is free")
+    wait_for(lambda: free <= TOLD, "message of what is free")
     time.sleep(WAIT_S)
-    require(not held & Receiver.told, "told though held back:", held & Receiver.told)
+    require(not held & TOLD, "told though held back:", held & TOLD)
     with urllib.request.urlopen("http://127.0.0.1:9093/api/v2/alerts", timeout=5) as answer:
         stopped = {(one["labels"]["alertname"], one["labels"]["probe"]) for one in json.load(answer) if one["status"]["inhibitedBy"]}
     require(stopped == held, "held back are others:", stopped ^ held)
@@ -95,11 +85,4 @@ def main():
 
 
 if __name__ == "__main__":
-    if not (SERVERS / "prometheus-alertmanager").exists():
-        print("skipped: there are no servers; scripts/install-servers.sh fetches them")
-        sys.exit(SKIPPED)
-    elif os.environ.get("KESTOR_INSIDE"):
-        main()
-    else:
-        os.environ["KESTOR_INSIDE"] = "1"
-        os.execv(NETNS, [NETNS, sys.executable, __file__])
+    enter(main, "prometheus-alertmanager")

@@ -147,16 +147,6 @@ const Case kCases[] = {
          for (const double ms : {1010.0, 2010.0})
              leaveOut(p[find(p, kVideoPid, ms)]);
      }},
-    {"PacketsTwice",
-     {},
-     {},
-     [](std::vector<TsPacket>& p) {
-         for (int i = 0; i < 50; ++i) {
-             const std::size_t found = find(p, kVideoPid, 1000 + 20 * i);
-             if (MeterStream::pidOf(p[found + 1]) == 0x1FFF)
-                 p[found + 1] = p[found];
-         }
-     }},
     {"APacketThreeTimes",
      {{"1.4", 1}},
      {},

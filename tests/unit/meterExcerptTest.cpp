@@ -88,7 +88,9 @@ TEST(MeterKeyPicture, IsCutOutWithItsSetsWhateverStandsAround) {
     const Bytes mpegSequence = {0, 0, 1, 0xB3, 0x2D, 0x02, 0x40, 0x33, 0, 0, 0, 0};
     const Bytes mpegExtension = {0, 0, 1, 0xB5, 0x14, 0x82, 0, 1, 0, 0};
     const Bytes mpegPicture = {0, 0, 1, 0, 0, 0x08, 0xFF, 0};  // I, and a header that ends with zeros
+    const Bytes mpegGroup = {0, 0, 1, 0xB8, 0, 8, 0, 0x40};
     const Bytes mpegP = {0, 0, 1, 0, 0, 0x50, 0xFF, 0xF8};
+    const Bytes mpegSecond = {0, 0, 1, 0, 0, 0x10, 0xFF, 0xF8};  // P of mpegPicture's frame
     const Bytes mpegCoding = {0, 0, 1, 0xB5, 0x8F, 0xFF, 0xF3, 0x41, 0x80};
     const Bytes mpegTop = {0, 0, 1, 0xB5, 0x8F, 0xFF, 0xF1, 0x00, 0x80};
     const Bytes mpegBottom = {0, 0, 1, 0xB5, 0x8F, 0xFF, 0xF2, 0x00, 0x80};
@@ -148,39 +150,13 @@ TEST(MeterKeyPicture, IsCutOutWithItsSetsWhateverStandsAround) {
         {"set without end", ExcerptVideo::kH264,
          concat({sps, {0, 0, 1, 0x68}, Bytes(100'000, 0x44), idr(), p}), std::nullopt},
         {"MPEG-2", ExcerptVideo::kMpeg2,
-         concat({mpegP,
-                 mpegCoding,
-                 mpegSlice,
-                 mpegSequence,
-                 mpegExtension,
-                 {0, 0, 1, 0xB8, 0, 8, 0, 0x40},
-                 mpegPicture,
-                 mpegCoding,
-                 mpegSlice,
-                 mpegSlice,
-                 mpegP,
-                 mpegCoding,
-                 mpegSlice}),
+         concat({mpegP, mpegCoding, mpegSlice, mpegSequence, mpegExtension, mpegGroup, mpegPicture,
+                 mpegCoding, mpegSlice, mpegSlice, mpegP, mpegCoding, mpegSlice}),
          units({mpegSequence, mpegExtension, mpegPicture, mpegCoding, mpegSlice, mpegSlice})},
         {"MPEG-2 fields, I and P", ExcerptVideo::kMpeg2,
-         concat({mpegSequence,
-                 mpegExtension,
-                 mpegPicture,
-                 mpegTop,
-                 mpegSlice,
-                 {0, 0, 1, 0, 0, 0x10, 0xFF, 0xF8},
-                 mpegBottom,
-                 mpegSlice,
-                 mpegNext,
-                 mpegTop,
-                 mpegSlice}),
-         units({mpegSequence,
-                mpegExtension,
-                mpegPicture,
-                mpegTop,
-                mpegSlice,
-                {0, 0, 1, 0, 0, 0x10, 0xFF, 0xF8},
-                mpegBottom,
+         concat({mpegSequence, mpegExtension, mpegPicture, mpegTop, mpegSlice, mpegSecond, mpegBottom,
+                 mpegSlice, mpegNext, mpegTop, mpegSlice}),
+         units({mpegSequence, mpegExtension, mpegPicture, mpegTop, mpegSlice, mpegSecond, mpegBottom,
                 mpegSlice})},
         {"MPEG-2, from the second field on", ExcerptVideo::kMpeg2,
          concat({mpegSequence, mpegExtension, mpegNext, mpegBottom, mpegSlice, mpegPicture, mpegTop,

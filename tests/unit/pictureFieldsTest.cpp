@@ -18,6 +18,8 @@ using Stream = std::vector<uint8_t>;
 
 constexpr int kColumns = 4;  // macroblocks of a field
 constexpr int kRows = 2;
+constexpr uint32_t kWidth = 16 * kColumns;
+constexpr uint32_t kHeight = 32 * kRows;
 constexpr uint8_t kBright = 200;
 constexpr uint8_t kDark = 60;
 enum Parity : uint8_t { kTop = 1, kBottom = 2 };
@@ -33,15 +35,8 @@ void appendHeader(Stream& stream, const BitWriter& header) {
 // ---- ISO/IEC 13818-2
 
 Stream mpeg2Sequence() {
-    Stream stream = mpegHeader({{0xB3, 8},
-                                {16 * kColumns, 12},
-                                {32 * kRows, 12},
-                                {1, 4},
-                                {3, 4},
-                                {1000, 18},
-                                {1, 1},
-                                {10, 10},
-                                {0, 3}});
+    Stream stream = mpegHeader(
+        {{0xB3, 8}, {kWidth, 12}, {kHeight, 12}, {1, 4}, {3, 4}, {1000, 18}, {1, 1}, {10, 10}, {0, 3}});
     append(stream,
            mpegHeader({{0xB5, 8}, {1, 4}, {0x48, 8}, {0, 1}, {1, 2}, {0, 4}, {0, 12}, {1, 1}, {0, 16}}));
     return stream;
@@ -91,8 +86,8 @@ Stream h264Sequence() {
     sequence.bits(0x67, 8).bits(77, 8).bits(0, 8).bits(30, 8).ue(0).ue(0).ue(2).ue(1).bits(0, 1);
     sequence.ue(kColumns - 1).ue(kRows - 1).bits(0b00, 2).bits(1, 1).bits(0, 2);
     BitWriter picture;
-    picture.bits(0x68, 8).ue(0).ue(0).bits(0, 2).ue(0).ue(0).ue(0).bits(0, 3).se(0).se(0).se(0).bits(0b100,
-                                                                                                     3);
+    picture.bits(0x68, 8).ue(0).ue(0).bits(0, 2).ue(0).ue(0).ue(0).bits(0, 3);
+    picture.se(0).se(0).se(0).bits(0b100, 3);
     Stream stream = startCoded(sequence.bytes());
     append(stream, startCoded(picture.bytes()));
     return stream;
@@ -147,8 +142,8 @@ TEST(PictureFields, MakeAWholePicture) {
         const DecodedPicture decoded = decodePicture(codec, stream);
         ASSERT_EQ(decoded.verdict, PictureVerdict::kDecoded);
         EXPECT_TRUE(decoded.whole);
-        EXPECT_EQ(decoded.width, 16U * kColumns);
-        EXPECT_EQ(decoded.height, 32U * kRows);
+        EXPECT_EQ(decoded.width, kWidth);
+        EXPECT_EQ(decoded.height, kHeight);
         EXPECT_NEAR(measureLuma(decoded.small).mean, kMean, 5);  // one alone: far from it
     }
 }
