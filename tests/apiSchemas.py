@@ -116,43 +116,28 @@ class Checker:
             refused = self.check("GET", f"/api/v1/{path}", f"/api/v1/{path}?nonsense=1", 422)
             if refused and refused.get("field") != "nonsense":
                 self.faults.append(f"GET /api/v1/{path}?nonsense=1: the field is not named: {refused}")
-        self.check("GET", "/metrics", "/metrics", 200)
-        self.check("GET", "/metrics", "/metrics?x=1", 422)
-        self.check("GET", "/healthz", "/healthz", 200)
-        ready = self.request("GET", "/readyz")[0]
-        self.check("GET", "/readyz", "/readyz", 503 if ready == 503 else 200)
-        self.check("GET", "/api/v1/events", "/api/v1/events?format=csv&limit=10", 200)
-        for query in ("", "?label=site", "?format=csv", "?format=outages"):
-            self.check("GET", "/api/v1/report", "/api/v1/report" + query, 200)
-        self.check("GET", "/api/v1/report", "/api/v1/report?since=2999-01-01T00:00:00Z", 422)
-        self.check("GET", "/api/v1/report", "/api/v1/report?group=239.255.255.254", 404)
-        self.check("GET", "/api/v1/stream", "/api/v1/stream?x=1", 422)
-        self.check("GET", channel, channel.replace("{group}", group), 200)
-        self.check("GET", channel, channel.replace("{group}", "239.255.255.254"), 404)
-        history = channel + "/history"
-        self.check("GET", history, history.replace("{group}", group), 422)
-        for metric in self.check("GET", "/api/v1/meta", "/api/v1/meta", 200)["historyMetrics"]:
-            for resolution in (1, 60):
-                target = history.replace("{group}", group) + f"?metric={metric['name']}&resolution={resolution}"
-                self.check("GET", history, target, 200)
-        names = ",".join(metric["name"] for metric in self.check("GET", "/api/v1/meta", "/api/v1/meta", 200)["historyMetrics"])
-        for resolution in (1, 60, 3600):
-            self.check("GET", history, history.replace("{group}", group) + f"?metrics={names}&resolution={resolution}", 200)
-        for query, status in (("", 200), (f"?group={group}", 200), ("?since=2999-01-01T00:00:00Z", 422), ("?group=x", 422)):
-            self.check("GET", "/api/v1/timeline", "/api/v1/timeline" + query, status)
-        self.check("GET", "/api/v1/events", "/api/v1/events?alarm=continuity", 200)
-        self.check("GET", "/api/v1/events", "/api/v1/events?alarm=none", 422)
-        picture = channel + "/picture"
-        for query in ("", "?taken=1"):  # the station has a picture of its first channel
-            self.check("GET", picture, picture.replace("{group}", group) + query, 200)
-        self.check("GET", picture, picture.replace("{group}", "239.255.255.254"), 404)
-        meter = channel + "/meter"
-        for query in ("", "?format=json", "?format=text"):  # the station's first channel is metered
-            self.check("GET", meter, meter.replace("{group}", group) + query, 200)
-        self.check("GET", meter, meter.replace("{group}", group) + "?format=xml", 422)
-        cues = channel + "/cues"
-        self.check("GET", cues, cues.replace("{group}", group), 200)
-        self.check("GET", cues, cues.replace("{group}", "239.255.255.254"), 404)
+        metrics = [metric["name"] for metric in self.check("GET", "/api/v1/meta", "/api/v1/meta", 200)["historyMetrics"]]
+        nobody, late = "239.255.255.254", "?since=2999-01-01T00:00:00Z"
+        # The station has a picture and a meter's report of its first channel.
+        for path, asked in {
+                "/metrics": [("", 200), ("?x=1", 422)],
+                "/healthz": [("", 200)],
+                "/readyz": [("", 503 if self.request("GET", "/readyz")[0] == 503 else 200)],
+                "/api/v1/events": [("?format=csv&limit=10", 200), ("?alarm=continuity", 200), ("?alarm=none", 422)],
+                "/api/v1/report": [("", 200), ("?label=site", 200), ("?format=csv", 200), ("?format=outages", 200), (late, 422),
+                                   (f"?group={nobody}", 404)],
+                "/api/v1/stream": [("?x=1", 422)],
+                "/api/v1/timeline": [("", 200), (f"?group={group}", 200), (late, 422), ("?group=x", 422)],
+                channel: [("", 200)],
+                channel + "/history": [("", 422), *((f"?metric={metric}&resolution={step}", 200) for metric in metrics for step in (1, 60)),
+                                       *((f"?metrics={','.join(metrics)}&resolution={step}", 200) for step in (1, 60, 3600))],
+                channel + "/picture": [("", 200), ("?taken=1", 200)],
+                channel + "/meter": [("", 200), ("?format=json", 200), ("?format=text", 200), ("?format=xml", 422)],
+                channel + "/cues": [("", 200)]}.items():
+            for query, status in asked:
+                self.check("GET", path, path.replace("{group}", group) + query, status)
+        for path in (channel, channel + "/picture", channel + "/cues"):
+            self.check("GET", path, path.replace("{group}", nobody), 404)
         self.events()
 
     def changes(self):

@@ -7,11 +7,11 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <random>
 
 #include "support/picturePeers.h"
 #include "support/process.h"
+#include "support/scratch.h"
 
 namespace test {
 namespace {
@@ -23,18 +23,13 @@ constexpr const char* kStation = "/tmp/picture.sock";
 constexpr uint32_t kA = 0xEF010101;
 constexpr uint32_t kB = 0xEF010102;
 
-std::string contentOf(const std::string& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
 // What ffmpeg makes of these options, as `format`.
 std::string encoded(const std::string& options, const std::string& format) {
     const std::string file = "/tmp/encoded." + format;
     std::filesystem::remove(file);
     const std::string command = "ffmpeg -nostdin -v error -y " + options + " -f " + format + " " + file;
     EXPECT_EQ(std::system(command.c_str()), 0) << command;
-    return contentOf(file);
+    return station::contentOf(file);
 }
 
 std::string pictureOf(const std::string& source) {

@@ -13,20 +13,19 @@ using test::kVideoPid;
 using test::MeterStream;
 
 TEST(MeterAbsences, EndAnUnreferencedPidOnceItIsReferredTo) {
-    MeterStream stream;
-    stream.pmt = false;
     const auto pmt = [](uint8_t version, std::vector<psi::ElementaryStream> streams) {
         streams.insert(streams.begin(), {{0x1B, kVideoPid}, {0x03, kAudioPid}});
         return psi::pmtSection(1, version, kVideoPid, streams);
     };
-    stream.tables = {{kPmtPid, pmt(0, {}), 100, 1, 3000}, {kPmtPid, pmt(1, {{0x06, 0x999}}), 100, 3001}};
-    stream.plant = [done = false](double ms, TsPacket& packet) mutable {
+    const auto stray = [done = false](double ms, TsPacket& packet) mutable {
         if (!done && ms >= 1000 && MeterStream::pidOf(packet) == 0x1FFF) {
             packet = MeterStream::header(0x999, false, 0x10);
             done = true;
         }
     };
-    const std::vector<TsPacket> packets = stream.packets();
+    const std::vector<test::Repeated> tables = {{kPmtPid, pmt(0, {}), 100, 1, 3000},
+                                                {kPmtPid, pmt(1, {{0x06, 0x999}}), 100, 3001}};
+    const auto packets = MeterStream({.pmt = false, .tables = tables, .plant = stray}).packets();
     const meter::Report whole = test::measureFile(packets);
     const meter::CheckReport& ended = checkOf(whole, "3.4.a");
     EXPECT_EQ(ended.count, 1);

@@ -42,17 +42,6 @@ class MeterStreamTime : public testing::Test {
     uint64_t position_ = 0;
 };
 
-TEST_F(MeterStreamTime, FollowsTheClockAcrossItsWrap) {
-    Ticks value = meter::kPcrModulus - 15 * kTicksPerMs;
-    const Ticks begin = pcr(value);
-    for (int i = 1; i <= 10; ++i) {
-        value = (value + 10 * kTicksPerMs) % meter::kPcrModulus;
-        EXPECT_EQ(pcr(value), begin + i * 10 * kTicksPerMs);
-    }
-    time_.packet();
-    EXPECT_EQ(time_.now(), begin + 101 * kTicksPerMs);
-}
-
 TEST_F(MeterStreamTime, GoesOnAtThePaceAcrossStepsAndLosses) {
     const Ticks begin = pcr(kBase);
     for (int i = 1; i <= 5; ++i) {
@@ -102,18 +91,8 @@ TEST(MeterStreamTimeAlone, RunsWithArrivalBeforeThereIsAPace) {
     EXPECT_EQ(time.now(), meter::toTicks(1'000'001'000));
 }
 
-TEST(MeterRates, AreConstantFromEightOnWithinAHundredth) {
+TEST(MeterRates, AreNoMoreThanTheirLimit) {
     meter::RecentRates rates;
-    for (int i = 1; i <= 8; ++i) {
-        EXPECT_FALSE(rates.constant());
-        rates.add({static_cast<uint32_t>(1'000'000 + i * 100), 1000}, i * kTicksPerSecond / 10);
-    }
-    EXPECT_TRUE(rates.constant());
-    rates.add({2'000'000, 1000}, kTicksPerSecond);
-    rates.add({2'000'000, 1000}, kTicksPerSecond);
-    EXPECT_FALSE(rates.constant());
-    rates.add({1'000'000, 1000}, 30 * kTicksPerSecond);
-    EXPECT_EQ(rates.packets(), 1000) << "what is older than 10 s is gone";
     for (uint32_t i = 0; i < 5000; ++i) {
         rates.add({1'000'000 + i, 1000}, 30 * kTicksPerSecond + i);
     }

@@ -278,12 +278,8 @@ TEST(MeterShard, MeasuresItsShareAndTellsWhatChangedOnce) {
 struct StuffedFeed : Feed {
     StuffedFeed() {
         constexpr uint16_t kCuePid = 0x1F0;
-        test::MeterStream stream;
-        stream.seconds = 4;
-        stream.pmt = false;
-        stream.tables.push_back(
-            {test::kPmtPid,
-             psi::pmtSection(1, 0, test::kVideoPid, {{0x1B, test::kVideoPid}, {0x86, kCuePid}}), 100});
+        const auto pmt = psi::pmtSection(1, 0, test::kVideoPid, {{0x1B, test::kVideoPid}, {0x86, kCuePid}});
+        test::MeterStream stream({.seconds = 4, .pmt = false, .tables = {{test::kPmtPid, pmt, 100}}});
         for (std::size_t cue = 0; cue < kCues; ++cue) {
             test::Bytes descriptors;
             for (std::size_t i = 0; i < 16; ++i) {
@@ -351,9 +347,7 @@ struct CrowdedShard {
             *groups.add_group() = groupMessage(kGroup + i);
         }
         shard.watch(watchListOf(groups));
-        test::MeterStream stream;
-        stream.seconds = 1;
-        stream.plant = [pid = 0](double, psi::TsPacket& packet) mutable {
+        const auto crowd = [pid = 0](double, psi::TsPacket& packet) mutable {
             if ((packet[1] & 0x1F) == 0x1F) {  // null packets
                 pid = (pid + 1) % 240;
                 packet[1] = 0x03;
@@ -361,7 +355,7 @@ struct CrowdedShard {
             }
         };
         Feed manyPids;
-        manyPids.packets = stream.packets();
+        manyPids.packets = test::MeterStream({.seconds = 1, .plant = crowd}).packets();
         const StuffedFeed stuffed;
         for (uint32_t i = 0; i < kChannels; ++i) {
             feed(i == kHonest ? Feed() : i % 4 == 0 ? Feed(stuffed) : manyPids, kGroup + 2 * i);

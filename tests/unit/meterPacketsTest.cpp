@@ -128,9 +128,7 @@ TEST_F(MeterPackets, OfManyPidsAreCountedEach) {
 // A stream whose PMT moves from one PID to another after 2 s.
 std::vector<TsPacket> withMovingPmt(double seconds, std::function<void(double, TsPacket&)> plant) {
     constexpr uint16_t kThere = 0x1F0;
-    MeterStream stream;
-    stream.seconds = seconds;
-    stream.plant = [plant = std::move(plant)](double ms, TsPacket& packet) {
+    const auto move = [plant = std::move(plant)](double ms, TsPacket& packet) {
         const uint16_t pid = MeterStream::pidOf(packet);
         if (ms >= 2000 && pid == test::kPmtPid) {
             packet[1] = static_cast<uint8_t>((packet[1] & 0xE0) | kThere >> 8);
@@ -143,7 +141,7 @@ std::vector<TsPacket> withMovingPmt(double seconds, std::function<void(double, T
             plant(ms, packet);
         }
     };
-    return stream.packets();
+    return MeterStream({.seconds = seconds, .plant = move}).packets();
 }
 // Null packets become packets of 1000 PIDs in turn.
 std::function<void(double, TsPacket&)> otherPids(double untilMs, uint8_t flags) {
