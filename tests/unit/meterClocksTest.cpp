@@ -115,7 +115,8 @@ TEST(MeterRates, AreTheSortedOnesOfTenSeconds) {
         std::deque<Known> all;
         Ticks now = 0;
         for (int i = 0; i < 3000; ++i) {
-            now += static_cast<Ticks>(random() % 60) * kTicksPerMs;
+            const bool pause = random() % 1000 == 0;  // longer than 16 bits of milliseconds
+            now += static_cast<Ticks>(pause ? 70'000 : random() % 60) * kTicksPerMs;
             const auto factor = static_cast<uint32_t>(random() % 2 + 1);
             const auto ticks = static_cast<uint32_t>(100'000 + random() % spread);
             const Known known{{ticks * factor, 100 * factor}, now};
