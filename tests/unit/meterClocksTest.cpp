@@ -42,6 +42,17 @@ class MeterStreamTime : public testing::Test {
     uint64_t position_ = 0;
 };
 
+TEST_F(MeterStreamTime, FollowsTheClockAcrossItsWrap) {
+    Ticks value = meter::kPcrModulus - 15 * kTicksPerMs;
+    const Ticks begin = pcr(value);
+    for (int i = 1; i <= 10; ++i) {
+        value = (value + 10 * kTicksPerMs) % meter::kPcrModulus;
+        EXPECT_EQ(pcr(value), begin + i * 10 * kTicksPerMs);
+    }
+    time_.packet();
+    EXPECT_EQ(time_.now(), begin + 101 * kTicksPerMs);
+}
+
 TEST_F(MeterStreamTime, GoesOnAtThePaceAcrossStepsAndLosses) {
     const Ticks begin = pcr(kBase);
     for (int i = 1; i <= 5; ++i) {
