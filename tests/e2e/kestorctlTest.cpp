@@ -129,12 +129,9 @@ TEST(Kestorctl, ScansAndReports) {
 
 // The verdict of kestorctl doctor on a subject; the first one where there are several.
 std::string verdict(const std::string& subject) {
-    std::istringstream lines(kestorctl({"doctor", "--json"}).out);
-    for (std::string line; std::getline(lines, line);) {
-        const auto finding = nlohmann::json::parse(line, nullptr, false);
+    for (const nlohmann::json& finding : kestorctlObjects({"doctor"}))
         if (finding.value("subject", "") == subject)
             return finding.value("verdict", "");
-    }
     return "none";
 }
 

@@ -505,13 +505,7 @@ TEST(Meter, CapturesAnInterfaceThatIsMadeAnew) {
     station.accept();
     station.watch(1, 2, true);
     const auto captured = [&] {
-        std::jthread traffic([](const std::stop_token& stop) {
-            const FrameSender network;
-            while (!stop.stop_requested()) {
-                network.send(UdpFlow{.group = kA}.frame(Bytes(188, 0x47)));
-                std::this_thread::sleep_for(10ms);
-            }
-        });
+        const auto traffic = liveTraffic(kA);
         uint64_t frames = 0;
         return station.waitForSecond([&](const metering::Second& second) {
             const bool grew = frames > 0 && second.capture().frames() > frames + 20;

@@ -477,6 +477,17 @@ class Browser:
         IMAGES.mkdir(parents=True, exist_ok=True)
         self.driver.save_screenshot(str(IMAGES / f"{name}.png"))
 
+    def images(self, name, settle=0.7):
+        """One of the view on each kind of screen, which it is no wider than."""
+        for kind, device in {"dark": ("dark", 1440, 900), "light": ("light", 1440, 900), "phone": ("dark", 360, 780),
+                             "4k": ("dark", 3840, 2160)}.items():
+            self.device(*device)
+            time.sleep(settle)
+            wait_for(f"{name} no wider than the screen at {device}", 2, lambda: self.run(
+                "return innerWidth === arguments[0] && document.documentElement.scrollWidth <= innerWidth", device[1]))
+            self.image(f"{name}-{kind}")
+        self.device("dark", 1440, 900)
+
     def main_thread_ms(self, seconds):
         """CPU time of the page's main thread, in ms a second, over so many seconds."""
         before = self.metric("ThreadTime")

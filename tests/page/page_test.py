@@ -90,16 +90,6 @@ class PageTest(unittest.TestCase):
         known = channel["severity"] if channel["state"] == "alarm" else channel["state"]
         return known != "waiting" and self.state_of("News HD") == known
 
-    def images(self, name):
-        for kind, device in {"dark": ("dark", 1440, 900), "light": ("light", 1440, 900), "phone": ("dark", 360, 780),
-                             "4k": ("dark", 3840, 2160)}.items():
-            self.browser.device(*device)
-            time.sleep(0.7)
-            wait_for(f"{name} no wider than the screen at {device}", 2, lambda: self.browser.run(
-                "return innerWidth === arguments[0] && document.documentElement.scrollWidth <= innerWidth", device[1]))
-            self.browser.image(f"{name}-{kind}")
-        self.browser.device("dark", 1440, 900)
-
     def test_1_a_fault_appears_and_clears_within_three_seconds(self):
         self.open()
         self.addCleanup(cable, "up")
@@ -145,7 +135,7 @@ class PageTest(unittest.TestCase):
         plots = self.browser.run("return [...document.querySelectorAll('.plot')].filter((one) => one.checkVisibility()).length")
         self.assertGreaterEqual(plots, 7)
         wait_for("all plots are drawn", 10, lambda: self.browser.painted() == plots)
-        self.images("channel")
+        self.browser.images("channel")
         # A time of the last minutes as a link.
         moment = time.time() - 5
         at = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(moment))
@@ -170,14 +160,14 @@ class PageTest(unittest.TestCase):
             wait_for(f"{fragment} shows {names}", 5, lambda: self.browser.texts(NAMES) == names)
         self.open("#?view=table&sort=name")
         wait_for("the table", 5, lambda: self.browser.texts(".wall-table .name") == ["News HD", "Spare", "Sport"])
-        self.images("table")
+        self.browser.images("table")
         self.open("#wall")
         wait_for("tiles without controls", 5, lambda: len(self.browser.texts(NAMES)) == 3)
         self.assertFalse(self.browser.find("header").is_displayed())
-        self.images("kiosk")
+        self.browser.images("kiosk")
         self.browser.find("body").send_keys("\ue00c")  # Escape
         wait_for("the way back", 5, lambda: self.browser.find("header").is_displayed())
-        self.images("wall")
+        self.browser.images("wall")
 
     def test_4_an_alarm_is_acknowledged_by_those_who_may(self):
         critical = lambda: [alarm for alarm in self.station.get("alarms") if alarm["severity"] == "critical"]
@@ -211,7 +201,7 @@ class PageTest(unittest.TestCase):
         self.browser.press("Set", "dialog")
         wait_for("the refusal of a past window", 5, lambda: "".join(self.browser.texts("dialog .field-error")))
         self.browser.press("Cancel", "dialog")
-        self.images("events")
+        self.browser.images("events")
         cable("up")
         wait_for("no fault", 30, lambda: not critical())
         wait_for("the list is empty", 3, lambda: not self.browser.texts(f"{ALARMS} tr.lead"))
@@ -235,7 +225,7 @@ class PageTest(unittest.TestCase):
             self.browser.type("Name", name)
             self.browser.press("Add")
             wait_for(f"what is wrong with the {field}", 5, lambda: word in self.browser.error_at(field))
-        self.images("edit")
+        self.browser.images("edit")
         self.browser.type("Name", "Renamed soon")
         self.browser.press("Add")
         wait_for("the channel", 5,
@@ -296,7 +286,7 @@ class PageTest(unittest.TestCase):
         wait_for("the page shows what the station knows", 20, self.shows_what_is_known)
         self.open("#probe")
         wait_for("what the station uses", 10, lambda: "resident" in self.browser.text("main"))
-        self.images("probe")
+        self.browser.images("probe")
 
 
 class ManyChannelsTest(unittest.TestCase):
