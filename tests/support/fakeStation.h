@@ -9,6 +9,7 @@
 
 #include "measures/probeSample.h"
 #include "state/commands.h"
+#include "support/recordLine.h"
 
 namespace station {
 
@@ -18,24 +19,21 @@ inline Group fakeGroup(std::size_t number) {
 }
 
 inline std::string fakeLine(records::Kind kind, const std::string& group, int pid) {
-    std::string text;
-    for (const records::Column& column : records::columnsOf(kind)) {
-        const bool fraction = column.type == records::Type::kFraction;
-        std::string value = column.name == "group"  ? group
-                            : column.name == "pid"  ? std::to_string(pid)
-                            : column.name == "kind" ? std::string(pid < 0 ? "0" : "1")
-                            : column.name == "label"
-                                ? std::string(records::kKinds[static_cast<int>(kind)].label)
-                            : column.name == "sourceAddress"   ? std::string("33554442")
-                            : column.name == "packetsReceived" ? std::string("18446744073709551615")
-                            : column.name == "mdiDelayFactor"  ? std::string("nan")
-                            : column.name == "descriptorCount" ? std::string("2")
-                            : fraction                         ? std::string("4.500000")
-                            : column.maximum < 7               ? std::to_string(column.maximum)
-                                                               : std::string("7");
-        text += (text.empty() ? "" : ";") + value;
-    }
-    return text + (pid < 0 ? "\n" : ";10;82\n");
+    const auto other = [](const records::Column& column) {
+        return column.type == records::Type::kFraction ? "4.500000"
+               : column.maximum < 7                    ? std::to_string(column.maximum)
+                                                       : "7";
+    };
+    return recordLine(kind,
+                      {{"group", group},
+                       {"pid", std::to_string(pid)},
+                       {"kind", pid < 0 ? "0" : "1"},
+                       {"sourceAddress", "33554442"},
+                       {"packetsReceived", "18446744073709551615"},
+                       {"mdiDelayFactor", "nan"},
+                       {"descriptorCount", "2"}},
+                      other) +
+           (pid < 0 ? "\n" : ";10;82\n");
 }
 
 // Answers on threads of its own, as the real one does.
@@ -87,22 +85,13 @@ class FakeStation : public StationInterface {
     }
 
     bool command(Command&& command) override {
-        if (full) {
-            return false;
-        }
-        const std::lock_guard lock(mutex_);
-        const auto run = [this, command = std::move(command)] {
+        return take([this, command = std::move(command)] {
             if (!mute) {
                 command.answer(act(command.action));
             }
-        };
-        inlineAnswers ? run() : static_cast<void>(threads_.emplace_back(run));
-        return true;
+        });
     }
     bool queryEvents(const EventFilter& filter, EventStore::QueryAnswer answer) override {
-        if (full) {
-            return false;
-        }
         Event event;
         event.id = 7;
         event.time = kStart;
@@ -114,15 +103,9 @@ class FakeStation : public StationInterface {
         event.text = "12 packets lost, \"quoted\"\n";
         event.value = 12;
         std::vector<Event> events(std::min<std::size_t>(filter.limit, 3), event);
-        const std::lock_guard lock(mutex_);
-        const auto run = [events, answer] { answer(std::vector(events), ""); };
-        inlineAnswers ? run() : static_cast<void>(threads_.emplace_back(run));
-        return true;
+        return take([events, answer] { answer(std::vector(events), ""); });
     }
     bool queryReport(const ReportQuestion& question, EventStore::ReportAnswer answer) override {
-        if (full) {
-            return false;
-        }
         ReportRows rows;
         rows.observed = {question.time};
         if (!question.group || question.group == fakeGroup(0)) {
@@ -132,30 +115,18 @@ class FakeStation : public StationInterface {
                             .raised = question.time.from,
                             .cleared = question.time.from + std::chrono::seconds(36)}};
         }
-        const std::lock_guard lock(mutex_);
-        const auto run = [rows, answer] { answer(ReportRows(rows), ""); };
-        inlineAnswers ? run() : static_cast<void>(threads_.emplace_back(run));
-        return true;
+        return take([rows, answer] { answer(ReportRows(rows), ""); });
     }
     bool queryLosses(LossQuestion&& question, LossAnswer answer) override {
-        if (full) {
-            return false;
-        }
         LossSums sums;
         if (question.counted.contains(fakeGroup(0))) {
             sums[fakeGroup(0)].add(kStart, 10, 990);
             sums[fakeGroup(0)].add(kStart + std::chrono::minutes(1), 0, 1000);
         }
-        const std::lock_guard lock(mutex_);
-        const auto run = [sums, answer] { answer(LossSums(sums), ""); };
-        inlineAnswers ? run() : static_cast<void>(threads_.emplace_back(run));
-        return true;
+        return take([sums, answer] { answer(LossSums(sums), ""); });
     }
     bool queryMinutes(const Group& /*group*/, WallTime since, WallTime until,
                       MinuteStore::Answer answer) override {
-        if (full) {
-            return false;
-        }
         Minutes minutes;
         for (WallTime time = std::max(since, until - std::chrono::minutes(3)); time < until;
              time += std::chrono::minutes(1)) {
@@ -163,10 +134,7 @@ class FakeStation : public StationInterface {
             minutes.back().wall = static_cast<uint32_t>(
                 std::chrono::floor<std::chrono::seconds>(time.time_since_epoch()).count());
         }
-        const std::lock_guard lock(mutex_);
-        const auto run = [minutes, answer] { answer(Minutes(minutes), ""); };
-        inlineAnswers ? run() : static_cast<void>(threads_.emplace_back(run));
-        return true;
+        return take([minutes, answer] { answer(Minutes(minutes), ""); });
     }
     MinuteStore::Statistics historyStatistics() const override {
         return {};
@@ -187,18 +155,7 @@ class FakeStation : public StationInterface {
         const std::lock_guard lock(mutex_);
         return group == fakeGroup(0) ? picture_ : nullptr;
     }
-    void setPicture(PicturePointer picture) {
-        const std::lock_guard lock(mutex_);
-        picture_ = std::move(picture);
-    }
-    void look(const Group& group) override {
-        const std::lock_guard lock(mutex_);
-        looked_.push_back(group);
-    }
-    std::vector<Group> looked() const {
-        const std::lock_guard lock(mutex_);
-        return looked_;
-    }
+    void look(const Group& /*group*/) override {}
     void setMeterCues(std::vector<MeterCue> cues) {
         const std::lock_guard lock(mutex_);
         meterCues_ = std::move(cues);
@@ -223,6 +180,15 @@ class FakeStation : public StationInterface {
     static constexpr WallTime kStart{std::chrono::hours(24 * 365 * 50)};
 
   private:
+    // Whether there is room for it.
+    bool take(const std::function<void()>& run) {
+        if (full) {
+            return false;
+        }
+        const std::lock_guard lock(mutex_);
+        inlineAnswers ? run() : static_cast<void>(threads_.emplace_back(run));
+        return true;
+    }
     static std::shared_ptr<const ChannelState> channel(std::size_t number, std::size_t pids,
                                                        std::vector<Alarm> alarms) {
         const Group group = fakeGroup(number);
@@ -233,11 +199,10 @@ class FakeStation : public StationInterface {
         }
         const auto snapshot = std::make_shared<records::Snapshot>(
             records::parseSnapshot(std::move(text), [](std::size_t, const std::string&) { std::abort(); }));
-        const auto made = std::make_shared<ChannelState>(ChannelState{.channel = {.group = group},
-                                                                      .alarms = std::move(alarms),
-                                                                      .pids = {},
-                                                                      .snapshot = snapshot,
-                                                                      .lastSeen = kStart});
+        const auto made = std::make_shared<ChannelState>(ChannelState{.channel = {.group = group}});
+        made->alarms = std::move(alarms);
+        made->snapshot = snapshot;
+        made->lastSeen = kStart;
         made->channel.name = "Channel \"" + std::to_string(number) + "\" <script>";
         made->channel.labels = {{"site", "north"}, {"tvg-id", "a.b"}};
         made->status = made->alarms.empty() ? ChannelStatus::kOk : ChannelStatus::kAlarm;
@@ -281,11 +246,8 @@ class FakeStation : public StationInterface {
         return answer;
     }
     static void addChannel(StationState& next, const PutChannel& put) {
-        const auto made = std::make_shared<ChannelState>(ChannelState{.channel = {.group = put.channel.group},
-                                                                      .alarms = {},
-                                                                      .pids = {},
-                                                                      .snapshot = {},
-                                                                      .lastSeen = {}});
+        const auto made =
+            std::make_shared<ChannelState>(ChannelState{.channel = {.group = put.channel.group}});
         made->channel.name = put.given.contains("name") ? put.channel.name : put.channel.group.text();
         std::erase_if(next.channels,
                       [&](const auto& one) { return one->channel.group == put.channel.group; });
@@ -300,7 +262,6 @@ class FakeStation : public StationInterface {
     std::vector<MeterCue> meterCues_;
     PicturePointer picture_ = std::make_shared<const StoredPicture>(
         StoredPicture{WallTime(std::chrono::seconds(1)), "\xFF\xD8\xFFx\xFF\xD9", "1-6"});
-    std::vector<Group> looked_;
     uint64_t number_ = 0;
     std::vector<std::jthread> threads_;
 };

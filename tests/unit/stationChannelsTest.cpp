@@ -124,6 +124,7 @@ TEST_F(StationChannels, ConfigurationIsReadAndItsEffectiveFormReadsBackEqual) {
     const ConfigurationResult again = parseConfiguration(out.str(), "/elsewhere/station.toml");
     ASSERT_THAT(again.mistakes, IsEmpty()) << again.mistakes[0].message();
     EXPECT_FALSE(read.meterExpected);
+    EXPECT_FALSE(parseConfiguration("meter_socket = \"\"", "x").configuration.meterExpected);
     Configuration named = read;
     // The effective form names the sockets, as it does everything.
     named.meterExpected = named.pictures.expected = true;
@@ -254,44 +255,34 @@ TEST_F(StationChannels, ShippedConfigurationSaysTheDefaults) {
 }
 
 TEST_F(StationChannels, PlaylistsAreReadInEveryDialect) {
-    struct Case {
-        std::string text;
-        std::string group, name, source;
-        int port;
-        std::string label;  // "group"
-    };
     const std::string g = "udp://@239.1.1.1:1234\n";
-    const Case cases[] = {
-        {g, "239.1.1.1", "239.1.1.1", "", 1234, ""},
-        {"\xEF\xBB\xBF#EXTM3U url-tvg=\"x, y\"\r\n#EXTINF:-1,A, B\r\n" + g, "239.1.1.1", "A, B", "", 1234,
-         ""},
-        {"#EXTINF:0 tvg-id=\"i\" group-title=\"N, W\",Caf\xE9\r" + g, "239.1.1.1", "Café", "", 1234, "N, W"},
-        {"#extinf: -1.5 group-title='it\"s' tvg-name=x,\"Q\" \n" + g, "239.1.1.1", "\"Q\"", "", 1234,
-         "it\"s"},
-        {"#EXTINF:-1 tvg-id= group-title=News tvg-name=\"T, N\"\n" + g, "239.1.1.1", "T, N", "", 1234,
-         "News"},
-        {"#EXTINF:-1 tvg-name=\"open, x,The name\n" + g, "239.1.1.1", "The name", "", 1234, ""},
-        {"#EXTINF:No number\n" + g, "239.1.1.1", "No number", "", 1234, ""},
-        {"#EXTGRP:Sport\n#EXTINF:-1,S\n#EXTVLCOPT:x\n\n" + g, "239.1.1.1", "S", "", 1234, "Sport"},
-        {"udp://239.1.1.1:1", "239.1.1.1", "239.1.1.1", "", 1, ""},
-        {"udp:@239.1.1.1:1/", "239.1.1.1", "239.1.1.1", "", 1, ""},
-        {"  RTP://@239.1.1.1:1?pkt_size=1316&x=a/udp/b  ", "239.1.1.1", "239.1.1.1", "", 1, ""},
-        {"rtp://10.0.0.7@232.1.1.1:65535/", "232.1.1.1", "232.1.1.1", "10.0.0.7", 65535, ""},
-        {"udp://@239.1.1.1", "239.1.1.1", "239.1.1.1", "", 0, ""},
-        {"http://proxy:4022/udp/239.1.1.1:5000/", "239.1.1.1", "239.1.1.1", "", 5000, ""},
-        {"HTTP://u:p@10.0.0.1:4022/a/RTP/10.9.9.9@239.1.1.1:5000?x", "239.1.1.1", "239.1.1.1", "10.9.9.9",
-         5000, ""},
+    // A list, and of its channel the stream, the name and, behind a bar, the label "group".
+    const std::pair<std::string, const char*> cases[] = {
+        {g, "239.1.1.1:1234 239.1.1.1|"},
+        {"\xEF\xBB\xBF#EXTM3U url-tvg=\"x, y\"\r\n#EXTINF:-1,A, B\r\n" + g, "239.1.1.1:1234 A, B|"},
+        {"#EXTINF:0 tvg-id=\"i\" group-title=\"N, W\",Caf\xE9\r" + g, "239.1.1.1:1234 Café|N, W"},
+        {"#extinf: -1.5 group-title='it\"s' tvg-name=x,\"Q\" \n" + g, "239.1.1.1:1234 \"Q\"|it\"s"},
+        {"#EXTINF:-1 tvg-id= group-title=News tvg-name=\"T, N\"\n" + g, "239.1.1.1:1234 T, N|News"},
+        {"#EXTINF:-1 tvg-name=\"open, x,The name\n" + g, "239.1.1.1:1234 The name|"},
+        {"#EXTINF:No number\n" + g, "239.1.1.1:1234 No number|"},
+        {"#EXTGRP:Sport\n#EXTINF:-1,S\n#EXTVLCOPT:x\n\n" + g, "239.1.1.1:1234 S|Sport"},
+        {"udp://239.1.1.1:1", "239.1.1.1:1 239.1.1.1|"},
+        {"udp:@239.1.1.1:1/", "239.1.1.1:1 239.1.1.1|"},
+        {"  RTP://@239.1.1.1:1?pkt_size=1316&x=a/udp/b  ", "239.1.1.1:1 239.1.1.1|"},
+        {"rtp://10.0.0.7@232.1.1.1:65535/", "10.0.0.7@232.1.1.1:65535 232.1.1.1|"},
+        {"udp://@239.1.1.1", "239.1.1.1:0 239.1.1.1|"},
+        {"http://proxy:4022/udp/239.1.1.1:5000/", "239.1.1.1:5000 239.1.1.1|"},
+        {"HTTP://u:p@10.0.0.1:4022/a/RTP/10.9.9.9@239.1.1.1:5000?x", "10.9.9.9@239.1.1.1:5000 239.1.1.1|"},
     };
-    for (const Case& wanted : cases) {
-        const Playlist playlist = parsePlaylist(wanted.text);
-        ASSERT_THAT(playlist.channels, SizeIs(1)) << wanted.text;
+    for (const auto& [text, wanted] : cases) {
+        const Playlist playlist = parsePlaylist(text);
+        ASSERT_THAT(playlist.channels, SizeIs(1)) << text;
         const Channel& found = playlist.channels[0];
-        EXPECT_EQ(found.group.text(), wanted.group) << wanted.text;
-        EXPECT_EQ(found.name, wanted.name) << wanted.text;
-        EXPECT_EQ(found.source, wanted.source) << wanted.text;
-        EXPECT_EQ(found.port, wanted.port) << wanted.text;
-        EXPECT_EQ(found.labels.contains("group") ? found.labels.at("group") : "", wanted.label)
-            << wanted.text;
+        EXPECT_EQ(found.source + (found.source.empty() ? "" : "@") + found.group.text() + ":" +
+                      std::to_string(found.port) + " " + found.name + "|" +
+                      (found.labels.contains("group") ? found.labels.at("group") : ""),
+                  wanted)
+            << text;
         EXPECT_EQ(found.origin, Origin::kPlaylist);
     }
     for (const char* line : {"http://cdn/live.m3u8", "udp://@10.0.0.1:5000", "udp://@[ff02::1]:5000",

@@ -2,13 +2,12 @@
 // whatever a stream says of itself.
 #include <gmock/gmock.h>
 
-#include <map>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "influx/influx.h"
 #include "measures/meterSample.h"
 #include "meter/meterSession.h"
+#include "support/exposition.h"
 #include "support/fakeStation.h"
 #include "support/fullReport.h"
 #include "web/apiJson.h"
@@ -19,15 +18,12 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsSupersetOf;
 using testing::Key;
 using testing::Not;
 using testing::Pair;
 using testing::StartsWith;
-
-using Series = std::map<std::string, std::string>;
 
 // A state with one channel, 239.1.0.1, and a meter that reports it.
 struct StationMeterMetrics : testing::Test {
@@ -63,23 +59,11 @@ struct StationMeterMetrics : testing::Test {
                                  .rtpEvents = 108}};
         reports = {{fakeGroup(0).hostOrder(), made}};
     }
-    // Of the meter alone. Each family has to stand in one piece, each series once.
+    // Of the meter alone.
     Series series() {
-        Series found;
-        std::map<std::string, int> families;
         MetricsExtras extras;
         extras.meterReports = [this] { return reports; };
-        std::istringstream lines(writer.text(*state, extras));
-        for (std::string line; std::getline(lines, line);) {
-            if (line.starts_with("# HELP ")) {
-                const std::string family = line.substr(7, line.find(' ', 7) - 7);
-                EXPECT_EQ(++families[family], 1) << line;
-                EXPECT_GT(line.size(), family.size() + 10) << "without a text: " << line;
-            } else if (!line.starts_with('#')) {
-                const std::size_t space = line.rfind(' ');
-                EXPECT_TRUE(found.emplace(line.substr(0, space), line.substr(space + 1)).second) << line;
-            }
-        }
+        Series found = seriesOf(writer.text(*state, extras));
         std::erase_if(found, [](const auto& one) {
             for (const char* const family :
                  {"kestor_ts_", "kestor_net_", "kestor_rtp_", "kestor_transport_", "kestor_service_",
@@ -91,6 +75,13 @@ struct StationMeterMetrics : testing::Test {
             return true;
         });
         return found;
+    }
+
+    // The channel, to be changed.
+    std::shared_ptr<ChannelState> channel() {
+        auto changed = std::make_shared<ChannelState>(*state->channels[0]);
+        state->channels = {changed};
+        return changed;
     }
 
     std::shared_ptr<StationState> state;
@@ -258,29 +249,9 @@ TEST_F(StationMeterMetrics, WithstandWhatAStreamSaysOfItself) {
     }
 }
 
-// What rules and dashboards choose by, whatever else is told of a channel.
-TEST_F(StationMeterMetrics, TellWhoJudgesAChannel) {
-    const auto judges = [this] {
-        std::istringstream lines(writer.text(*state, {}));
-        std::vector<std::string> found;
-        for (std::string line; std::getline(lines, line);) {
-            if (line.starts_with("kestor_channel_judged_by{")) {
-                found.push_back(line.substr(line.find("source=")));
-            }
-        }
-        return found;
-    };
-    EXPECT_THAT(judges(), ElementsAre(R"(source="probe"} 1)", R"(source="meter"} 0)"));
-    auto channel = std::make_shared<ChannelState>(*state->channels[0]);
-    channel->judgedBy = Source::kMeter;
-    state->channels = {channel};
-    EXPECT_THAT(judges(), ElementsAre(R"(source="probe"} 0)", R"(source="meter"} 1)"));
-}
-
 // On the wall, in lists and descriptions: one figure, the judge's.
 TEST_F(StationMeterMetrics, ShowFiguresOfTheOneThatJudgesTheChannel) {
-    auto channel = std::make_shared<ChannelState>(*state->channels[0]);
-    state->channels = {channel};
+    const auto channel = this->channel();
     Measured& probe = channel->measured[Source::kProbe];
     Measured& metered = channel->measured[Source::kMeter];
     probe.shown = metered.shown = true;
@@ -307,11 +278,19 @@ TEST_F(StationMeterMetrics, ShowFiguresOfTheOneThatJudgesTheChannel) {
         const Json one = Json::parse(channelJson(*state, *channel));
         return Json{one["judgedBy"], one["bitRate"], one["packetsLost"]};
     };
+    // What rules and dashboards choose by: the value of the probe, and the meter's.
+    const auto judges = [this] {
+        const Series found = seriesOf(writer.text(*state, {}));
+        const std::string name = R"(kestor_channel_judged_by{group="239.1.0.1",source=)";
+        return found.at(name + R"("probe"})") + found.at(name + R"("meter"})");
+    };
     EXPECT_EQ(row(), (Json{11, 12, 13, 14}));
     EXPECT_EQ(told(), (Json{"probe", 11, 12}));
+    EXPECT_EQ(judges(), "10");
     channel->judgedBy = Source::kMeter;
     EXPECT_EQ(row(), (Json{21, 22, 23, 24}));
     EXPECT_EQ(told(), (Json{"meter", 21, 22}));
+    EXPECT_EQ(judges(), "01");
     metered.sample.noCount.set(measureOf("meter.packetsLost").place);
     EXPECT_EQ(told(), (Json{"meter", 21, nullptr})) << "not known yet";
     metered.shown = false;
@@ -320,7 +299,7 @@ TEST_F(StationMeterMetrics, ShowFiguresOfTheOneThatJudgesTheChannel) {
 
 // Lines of the InfluxDB's protocol.
 TEST_F(StationMeterMetrics, WriteEachReportOfTheMeterForTheInfluxDbOnceAndWhatItKnowsAlone) {
-    auto channel = std::make_shared<ChannelState>(*state->channels[0]);
+    const auto channel = this->channel();
     Measured& measured = channel->measured[Source::kMeter];
     const auto come = [&](const meter::Report& report, WallTime when) {
         measured.sample = readTotals(test::reportMessage(report));
@@ -330,7 +309,6 @@ TEST_F(StationMeterMetrics, WriteEachReportOfTheMeterForTheInfluxDbOnceAndWhatIt
     told.network->rtp->jitterMs.reset();
     come(told, WallTime(1234567ms));
     channel->measured[Source::kProbe].shown = false;
-    state->channels = {channel};
     state->meter.lastSecond = WallTime(9s);
     InfluxWritten written;
     std::size_t points = 0;

@@ -2,12 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "configuration/configuration.h"
 #include "cueFold.h"
 #include "meter/meterBook.h"
 #include "meter/ownLoss.h"
-#include "meterIntake.h"
 #include "meterWatch.h"
+#include "support/movedTime.h"
 
 using namespace std::chrono_literals;
 using namespace station;
@@ -177,23 +176,19 @@ TEST(StationCueFold, TellsManyCuesAsOne) {
     CueFold fold;
     Now now{SteadyTime(1000s), WallTime(1'700'000'000s)};
     const Group group = *Group::parse("239.1.1.1");
-    const auto pass = [&now](std::chrono::seconds time) {
-        now.steady += time;
-        now.wall += time;
-    };
     // As many as breaks have are told one by one, for however long.
     for (int i = 0; i < 1000; ++i) {
         EXPECT_EQ(fold.take(group, "out", now), "out");
         EXPECT_EQ(fold.take(group, "back", now), "back");
-        pass(2min);
+        now += 2min;
     }
-    pass(1h);
+    now += 1h;
     EXPECT_THAT(fold.due(now), testing::IsEmpty());
     int told = 0;
     for (int i = 0; i < 10 * 3600; ++i) {  // ten a second
         told += fold.take(group, "cue " + std::to_string(i), now) ? 1 : 0;
         if (i % 10 == 9) {
-            pass(1s);
+            now += 1s;
             told += static_cast<int>(fold.due(now).size());
         }
     }
@@ -202,45 +197,12 @@ TEST(StationCueFold, TellsManyCuesAsOne) {
     EXPECT_EQ(fold.take(*Group::parse("239.1.1.2"), "another channel's", now), "another channel's");
     EXPECT_FALSE(fold.take(group, "one", now));
     EXPECT_FALSE(fold.take(group, "and another", now));
-    pass(60s);
+    now += 60s;
     const auto late = fold.due(now);
     ASSERT_EQ(late.size(), 1U);
     EXPECT_EQ(late[0].first, group);
     EXPECT_THAT(late[0].second, testing::MatchesRegex("[0-9]+ cues since 2023-.*Z, the last: and another"));
     EXPECT_THAT(fold.due(now), testing::IsEmpty());
-}
-
-TEST(StationMeterIntake, MakesEventsOfChanges) {
-    const Group group = *Group::parse("239.1.1.1");
-    const Channel news{.group = group, .name = "News"};
-    const Now now{SteadyTime(1000s), WallTime(1'700'000'000s)};
-    AlarmEngine engine;
-    engine.configure({{"default", defaultRules()}}, {{group, news}}, now);
-    ChannelWatch watch(engine);
-    ChannelDifference difference;
-    difference.added = {news};
-    watch.setChannels(difference);
-    MeterIntake intake(watch, engine);
-    MeterMail::Batch batch;
-    for (const auto& [what, text] : std::map<std::string, std::string>{
-             {"flow", "The flow is another"}, {"codec", "H.265"}, {"version", "of no interest"}}) {
-        batch.happened.push_back({group.hostOrder(), what, text});
-    }
-    std::map<std::string_view, std::string> told;
-    for (const AlarmChange& change : intake.apply(batch, now).changes) {
-        told.emplace(alarmTypes()[change.alarm.type].name, change.text);
-    }
-    EXPECT_THAT(told, testing::ElementsAre(testing::Pair("flow_changed", "The flow is another"),
-                                           testing::Pair("streams_changed", "H.265")));
-}
-
-TEST(StationMeterWatch, ExpectsAMeterWhoseSocketSomebodyNamed) {
-    const auto expected = [](std::string_view text) {
-        return parseConfiguration(text, "station.toml").configuration.meterExpected;
-    };
-    EXPECT_FALSE(expected(""));
-    EXPECT_TRUE(expected("meter_socket = \"/run/kestor/meter.sock\"")) << "also where it is the default";
-    EXPECT_FALSE(expected("meter_socket = \"\""));
 }
 
 }  // namespace

@@ -2,10 +2,9 @@
 // the text.
 #include <gmock/gmock.h>
 
-#include <map>
-#include <sstream>
-
 #include "measures/probeSample.h"
+#include "support/exposition.h"
+#include "support/recordLine.h"
 #include "tr101290Checks.h"
 #include "web/metrics.h"
 
@@ -26,23 +25,16 @@ constexpr WallTime kTime{std::chrono::hours(24 * 365 * 50)};
 
 // A line whose every number is another one, where the column can hold it: 1000 and 100 times the kind, and
 // the column's place.
-std::string line(Kind kind, const std::string& pid, const std::map<std::string_view, std::string>& values) {
-    const auto columns = records::columnsOf(kind);
-    std::string text;
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-        std::string value = std::to_string(
-            std::min<uint64_t>(1000 + 100 * static_cast<std::size_t>(kind) + i, columns[i].maximum));
-        value += columns[i].type == records::Type::kFraction ? ".500000" : "";
-        const std::string_view name = columns[i].name;
-        value = name == "group"             ? "239.1.1.1"
-                : name == "pid"             ? pid
-                : name == "label"           ? records::kKinds[static_cast<std::size_t>(kind)].label
-                : name == "descriptorCount" ? "0"
-                : values.contains(name)     ? values.at(name)
-                                            : value;
-        text += (i == 0 ? "" : ";") + value;
-    }
-    return text + "\n";
+std::string line(Kind kind, const std::string& pid, std::map<std::string_view, std::string> values) {
+    const auto number = [kind](const records::Column& column) {
+        const auto place = static_cast<std::size_t>(&column - records::columnsOf(kind).data());
+        return std::to_string(
+                   std::min<uint64_t>(1000 + 100 * static_cast<std::size_t>(kind) + place, column.maximum)) +
+               (column.type == records::Type::kFraction ? ".500000" : "");
+    };
+    values.try_emplace("pid", pid);
+    values.try_emplace("descriptorCount", "0");
+    return recordLine(kind, std::move(values), number) + "\n";
 }
 
 struct Station {
@@ -55,11 +47,7 @@ struct Station {
         state.probe.lastSnapshot = kTime - seconds(1);
         state.configuration = std::make_shared<Configuration>();
         channel =
-            std::make_shared<ChannelState>(ChannelState{.channel = {.group = *Group::parse("239.1.1.1")},
-                                                        .alarms = {},
-                                                        .pids = {},
-                                                        .snapshot = {},
-                                                        .lastSeen = {}});
+            std::make_shared<ChannelState>(ChannelState{.channel = {.group = *Group::parse("239.1.1.1")}});
         channel->channel.name = "News";
         channel->channel.labels = {{"site", "north"}};
         channel->measured[Source::kProbe].shown = true;
@@ -88,32 +76,8 @@ struct Station {
     }
 };
 
-// Series and values, as printed. Each family has to stand in one piece behind its HELP and TYPE, each series
-// once.
-std::map<std::string, std::string> series(const std::string& text) {
-    std::map<std::string, std::string> found;
-    std::map<std::string, int> families;
-    std::string family;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.starts_with("# HELP ")) {
-            family = line.substr(7, line.find(' ', 7) - 7);
-            EXPECT_EQ(++families[family], 1) << line;
-        } else if (line.starts_with("# TYPE ")) {
-            EXPECT_TRUE(line == "# TYPE " + family + " gauge" ||
-                        (line == "# TYPE " + family + " counter" && family.ends_with("_total")))
-                << line;
-        } else {
-            EXPECT_EQ(line.substr(0, line.find_first_of("{ ")), family);
-            const std::size_t space = line.rfind(' ');
-            EXPECT_TRUE(found.emplace(line.substr(0, space), line.substr(space + 1)).second) << line;
-        }
-    }
-    return found;
-}
-
-std::map<std::string, std::string> metricsOf(const Station& station) {
-    return series(MetricsWriter().text(station.state, {}));
+Series metricsOf(const Station& station) {
+    return seriesOf(MetricsWriter().text(station.state, {}));
 }
 
 std::string records() {
@@ -338,7 +302,7 @@ TEST(StationMetrics, TellOfTheProcessAndOfWebhooksByName) {
     extras.delivery[0].name = "pager";
     extras.delivery[1].name = "2";
     extras.delivery[1].failed = 3;
-    const auto found = series(MetricsWriter().text(station.state, extras));
+    const Series found = seriesOf(MetricsWriter().text(station.state, extras));
     EXPECT_THAT(found, Contains(Pair(R"(kestor_station_delivery_failures_total{webhook="pager"})", "0")));
     EXPECT_THAT(found, Contains(Pair(R"(kestor_station_delivery_failures_total{webhook="2"})", "3")));
     for (const char* const name :

@@ -10,6 +10,7 @@
 #include "commandDesk.h"
 #include "meterIntake.h"
 #include "statePublisher.h"
+#include "support/recordLine.h"
 #include "support/scratch.h"
 
 namespace station {
@@ -112,21 +113,12 @@ struct Owner : CommandEffects {
         pass();
         std::ostringstream text;
         for (const auto& [group, packets] : received) {
-            for (const records::Column& column : records::kStreamColumns) {
-                text << (&column == records::kStreamColumns.data() ? "" : ";");
-                if (column.name == "label") {
-                    text << "-1";
-                } else if (column.name == "group") {
-                    text << group.text();
-                } else if (column.name == "pid") {
-                    text << -1;
-                } else if (column.name == "packetsReceived") {
-                    text << packets;
-                } else {
-                    text << (column.type == records::Type::kFraction ? "0.000000" : "0");
-                }
-            }
-            text << '\n';
+            text << recordLine(records::Kind::kStream,
+                               {{"group", group.text()},
+                                {"pid", "-1"},
+                                {"packetsReceived", std::to_string(packets)}},
+                               [](const records::Column& column) { return columnText(column, 0); })
+                 << '\n';
         }
         return intake.apply({text.str(), now, now});
     }
@@ -190,9 +182,10 @@ TEST(StationParts, ASnapshotFromBeforeAnotherAskerSaysNothingOfARestart) {
 
 TEST(StationParts, WhatIsKeptOfAChannelIsOfPacketsThatCame) {
     Owner owner;
-    const auto& channel = owner.watch.channels().at(groupOf(1));
-    const auto& observed = channel.observed[Source::kProbe];
+    auto& channel = owner.watch.channels().at(groupOf(1));
+    auto& observed = channel.observed[Source::kProbe];
     const std::size_t packets = measureOf("packetsReceived").place;
+    const auto lastMinute = [&] { return observed.minute.sums(owner.now.steady)[packets]; };
     owner.snapshot();
     const WallTime first = owner.now.wall;
     owner.received[groupOf(1)] += 100;
@@ -210,16 +203,11 @@ TEST(StationParts, WhatIsKeptOfAChannelIsOfPacketsThatCame) {
     owner.probe.update(owner.now.steady, {});
     EXPECT_TRUE(owner.intake.hasSignal(groupOf(1), owner.now.steady));
     EXPECT_FALSE(owner.intake.hasSignal(groupOf(1), owner.now.steady + 4s)) << "too old to tell";
-    EXPECT_EQ(
-        owner.watch.channels().at(groupOf(1)).observed[Source::kProbe].minute.sums(owner.now.steady)[packets],
-        200U);
+    EXPECT_EQ(lastMinute(), 200U);
     owner.pass(58s);
     owner.received[groupOf(1)] += 50;
     owner.snapshot();
-    EXPECT_EQ(
-        owner.watch.channels().at(groupOf(1)).observed[Source::kProbe].minute.sums(owner.now.steady)[packets],
-        150U)
-        << "what came a minute ago is gone";
+    EXPECT_EQ(lastMinute(), 150U) << "what came a minute ago is gone";
 }
 
 TEST(StationParts, ReportsOfTheMeterAreSamplesAndEventsOfTheirChannels) {
@@ -243,6 +231,8 @@ TEST(StationParts, ReportsOfTheMeterAreSamplesAndEventsOfTheirChannels) {
         batch.happened.push_back({group, "codec", "PID 257 is HEVC"});
         batch.happened.push_back({group, "", "splice_insert"});
         batch.happened.push_back({group, "service", "News is Sport"});
+        batch.happened.push_back({group, "flow", "It comes from elsewhere"});
+        batch.happened.push_back({group, "version", "of no interest"});
     }
     const MeterIntake::Result result = owner.meterIntake.apply(batch, owner.now);
     std::vector<std::string> told;
@@ -253,6 +243,7 @@ TEST(StationParts, ReportsOfTheMeterAreSamplesAndEventsOfTheirChannels) {
         }
     }
     EXPECT_THAT(told, testing::UnorderedElementsAre("239.1.1.1 service_changed News is Sport",
+                                                    "239.1.1.1 flow_changed It comes from elsewhere",
                                                     "239.1.1.1 streams_changed PID 257 is HEVC"))
         << "a disabled channel has no events";
     ASSERT_EQ(result.cues.size(), 1U);
@@ -265,19 +256,6 @@ TEST(StationParts, ReportsOfTheMeterAreSamplesAndEventsOfTheirChannels) {
     owner.publish(owner.now);
     const auto state = owner.publisher.latest();
     EXPECT_FALSE(state->find(groupOf(3))->measured[Source::kMeter].shown) << "by its own source's presence";
-}
-
-TEST(StationParts, BriefsOfTheMeterAreThoseOfTheirChannels) {
-    Owner owner;
-    const WallTime cue = owner.now.wall;
-    owner.briefs = {{groupOf(0).hostOrder(), {{}, cue + 9s, {}}},
-                    {groupOf(1).hostOrder(), {{}, cue + 1s, {}}},
-                    {groupOf(3).hostOrder(), {{}, cue + 3s, {}}}};
-    owner.publish(owner.now);
-    const auto state = owner.publisher.latest();
-    EXPECT_EQ(state->find(groupOf(1))->meter.lastCue, cue + 1s);
-    EXPECT_EQ(state->find(groupOf(2))->meter.lastCue, WallTime{});
-    EXPECT_EQ(state->find(groupOf(3))->meter.lastCue, cue + 3s);
 }
 
 TEST(StationParts, AnAcknowledgementIsShownWithTheNextState) {
@@ -374,10 +352,17 @@ TEST(StationParts, NumbersAreAboveThoseOfAFileThatTookThePlaceOfTheOwnOne) {
 
 TEST(StationParts, StatesAreNumberedAndStayAsTheyWere) {
     Owner owner;
+    const WallTime cue = owner.now.wall;
+    owner.briefs = {{groupOf(0).hostOrder(), {{}, cue + 9s, {}}},
+                    {groupOf(1).hostOrder(), {{}, cue + 1s, {}}},
+                    {groupOf(3).hostOrder(), {{}, cue + 3s, {}}}};
     owner.snapshot();
     owner.publish(owner.now);
     const StatePointer first = owner.publisher.latest();
     ASSERT_EQ(first->channels.size(), 3U);
+    EXPECT_EQ(first->find(groupOf(1))->meter.lastCue, cue + 1s);
+    EXPECT_EQ(first->find(groupOf(2))->meter.lastCue, WallTime{});
+    EXPECT_EQ(first->find(groupOf(3))->meter.lastCue, cue + 3s);
     EXPECT_TRUE(first->channels[0]->measured[Source::kProbe].sample.signal);
     owner.received.erase(groupOf(1));
     owner.pass(3s);
