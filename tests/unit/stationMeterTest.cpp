@@ -1,31 +1,26 @@
 // The station's end of the link to kestor-meter: what a meter sends, and the socket where it does.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <random>
-#include <thread>
 
-#include "basics/descriptor.h"
 #include "meter/meterPort.h"
 #include "meter/meterSession.h"
 #include "meter/reportText.h"
 #include "meter/sourceJoins.h"
 #include "support/fullReport.h"
 #include "support/scratch.h"
+#include "support/unixPeer.h"
 
 namespace station {
 namespace {
 
 using namespace std::chrono_literals;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 constexpr uint32_t kA = 0xEF010101;
 constexpr uint32_t kB = 0xEF010102;
@@ -74,6 +69,15 @@ struct StationMeterSession : testing::Test {
     MeterState state() const {
         return book.state(now.steady);
     }
+    void hear(std::vector<metering::GroupReport> reports) {
+        session.received(metering::framed(second(std::move(reports))), now);
+    }
+    void happen(uint32_t group, const std::function<void(metering::Happened&)>& fill) {
+        metering::FromMeter message;
+        message.mutable_happened()->set_group(group);
+        fill(*message.mutable_happened());
+        session.received(metering::framed(message), now);
+    }
 
     MeterBook book;
     MeterSession session{book};
@@ -117,7 +121,7 @@ TEST_F(StationMeterSession, KeepsTheNewestReportOfEachGroup) {
 
     book.watch({kB}, 0);
     EXPECT_FALSE(book.find(kGroupA));
-    session.received(metering::framed(second({test::reportMessage(test::fullReport(kB))})), now);
+    hear({test::reportMessage(test::fullReport(kB))});
     EXPECT_TRUE(book.find(kGroupB));
     book.disconnected(now);
     EXPECT_FALSE(book.find(kGroupB)) << "nothing is known without a meter";
@@ -130,23 +134,18 @@ TEST_F(StationMeterSession, CountsWhatHappenedAndEachSecondsLossOnce) {
         meter::Report report = test::fullReport(group);
         report.seconds = seconds;
         report.network->lossRate = lossRate;
-        session.received(metering::framed(second({test::reportMessage(report)})), now);
+        hear({test::reportMessage(report)});
     };
-    const auto happen = [&](uint32_t group, bool cue) {
-        metering::FromMeter message;
-        message.mutable_happened()->set_group(group);
-        cue ? static_cast<void>(message.mutable_happened()->mutable_cue())
-            : static_cast<void>(message.mutable_happened()->mutable_change());
-        session.received(metering::framed(message), now);
-    };
-    happen(kA, true);  // before the first report of the group
+    const auto cue = [](metering::Happened& what) { what.mutable_cue(); };
+    const auto change = [](metering::Happened& what) { what.mutable_change(); };
+    happen(kA, cue);  // before the first report of the group
     say(kA, 10.1, 3);
     say(kA, 10.9, 3);  // the same second of the analysis
     say(kA, 11.1, 4);
     say(kB, 11.1, 5);
-    happen(kA, false);
-    happen(kA, false);
-    happen(0xEF0909FF, true);  // nobody wants it
+    happen(kA, change);
+    happen(kA, change);
+    happen(0xEF0909FF, cue);  // nobody wants it
     const MeterTallies a = book.find(kGroupA)->tallies;
     EXPECT_EQ(a.cues, 1U);
     EXPECT_EQ(a.changes, 2U);
@@ -215,23 +214,17 @@ TEST_F(StationMeterSession, MakesSamplesOfReportsAndHandsOverWhatHappens) {
     int told = 0;
     book.mail().setReady([&] { ++told; });
     session.received(hello(), now);
-    const auto happened = [&](uint32_t group, auto fill) {
-        metering::FromMeter message;
-        message.mutable_happened()->set_group(group);
-        fill(*message.mutable_happened());
-        session.received(metering::framed(message), now);
-    };
     const auto cue = [](metering::Happened& what) { what.mutable_cue()->set_command("splice_insert\x07"); };
     meter::Report report = test::fullReport(kA);
-    session.received(metering::framed(second({test::reportMessage(report)})), now);
-    happened(kA, cue);
-    happened(0xEF0909FF, cue);  // nobody watches it
-    happened(kA, [](metering::Happened& what) {
+    hear({test::reportMessage(report)});
+    happen(kA, cue);
+    happen(0xEF0909FF, cue);  // nobody watches it
+    happen(kA, [](metering::Happened& what) {
         what.mutable_change()->set_what("codec");
         what.mutable_change()->set_text(std::string(2000, 'x'));
     });
     report.packets.received += 100;
-    session.received(metering::framed(second({test::reportMessage(report)})), now);
+    hear({test::reportMessage(report)});
     EXPECT_EQ(told, 4);
     MeterMail::Batch batch = book.mail().drain();
     ASSERT_EQ(batch.figures.size(), 1U);
@@ -250,7 +243,7 @@ TEST_F(StationMeterSession, MakesSamplesOfReportsAndHandsOverWhatHappens) {
     blind.mutable_second()->mutable_capture()->set_problem("eth0 is down");
     session.received(metering::framed(blind), now);
     EXPECT_TRUE(book.mail().drain().figures.empty()) << "it knows nothing of channels";
-    session.received(metering::framed(second({test::reportMessage(report)})), now);
+    hear({test::reportMessage(report)});
     book.disconnected(now);
     EXPECT_TRUE(book.mail().drain().figures.empty());
 }
@@ -259,13 +252,13 @@ TEST_F(StationMeterSession, SaysInBriefWhatAChannelIs) {
     session.received(hello(), now);
     meter::Report report = test::fullReport(kA);
     std::swap(report.services[0], report.services[1]);  // "one" has the lower number
-    session.received(metering::framed(second({test::reportMessage(report)})), now);
+    hear({test::reportMessage(report)});
     ASSERT_EQ(book.briefs(now.steady).size(), 1U);
     MeterBrief brief = book.briefs(now.steady)[0].second;
     EXPECT_EQ(*brief.facts, (MeterFacts{"one", "1920x1080i", "H.264"}));
     EXPECT_EQ(brief.lastCue, WallTime{});
     // Not told again, and still so.
-    session.received(metering::framed(second({test::reportMessage(report, false)})), now);
+    hear({test::reportMessage(report, false)});
     ASSERT_TRUE(book.briefs(now.steady)[0].second.facts);
 
     report.services.resize(2);
@@ -273,7 +266,7 @@ TEST_F(StationMeterSession, SaysInBriefWhatAChannelIs) {
         2, "\xC2\x85 \xC3\x84\n " + std::string(400, 'x'), {}, {}, {}, 300, {}, {}, {}, {}, {}, {}, {}, {}};
     report.services[1].name.reset();
     report.services[1].streams[0].video.reset();
-    session.received(metering::framed(second({test::reportMessage(report)})), now);
+    hear({test::reportMessage(report)});
     brief = book.briefs(now.steady)[0].second;
     EXPECT_TRUE(brief.facts->serviceName.starts_with("\xC3\x84 x")) << brief.facts->serviceName;
     EXPECT_LE(brief.facts->serviceName.size(), kNameLimit);
@@ -285,17 +278,16 @@ TEST_F(StationMeterSession, KeepsTheNewestCuesWithinItsBounds) {
     session.received(hello(), now);
     const auto cue = [&](uint32_t group, uint32_t event, std::optional<bool> out,
                          const std::string& upid = "") {
-        metering::FromMeter message;
-        message.mutable_happened()->set_group(group);
-        metering::Cue& made = *message.mutable_happened()->mutable_cue();
-        made.set_command("splice_insert");
-        made.set_event_id(event);
-        if (out) {
-            made.set_out(*out);
-        }
-        made.add_segmentation()->set_upid(upid);
         now.wall += 1s;
-        session.received(metering::framed(message), now);
+        happen(group, [&](metering::Happened& what) {
+            metering::Cue& made = *what.mutable_cue();
+            made.set_command("splice_insert");
+            made.set_event_id(event);
+            if (out) {
+                made.set_out(*out);
+            }
+            made.add_segmentation()->set_upid(upid);
+        });
     };
     for (uint32_t event = 1; event <= MeterBook::kCuesKept + 3; ++event) {
         cue(kA, event, event % 2 == 0);
@@ -390,7 +382,7 @@ TEST_F(StationMeterSession, SkipsAReportThatIsTooLargeAndTakesThoseBesideIt) {
     metering::GroupReport large;
     large.set_group(kA);
     large.mutable_flow()->set_encapsulation(std::string(metering::kReportLimit, 'x'));
-    session.received(metering::framed(second({large, test::reportMessage(test::fullReport(kB))})), now);
+    hear({large, test::reportMessage(test::fullReport(kB))});
     EXPECT_FALSE(book.find(kGroupA));
     EXPECT_TRUE(book.find(kGroupB));
     EXPECT_EQ(state().reportsDropped, 1U);
@@ -411,7 +403,7 @@ TEST_F(StationMeterSession, SurvivesReportsThatAreDamaged) {
             continue;
         }
         report.set_group(kA);
-        session.received(metering::framed(second({report})), now);
+        hear({report});
         const meter::Report read = book.find(kGroupA)->read();
         EXPECT_TRUE(nlohmann::json::accept(meter::toJson(read)));
         EXPECT_FALSE(meter::reportText(read, {}).empty());
@@ -510,45 +502,7 @@ TEST(StationSourceJoins, KeepThoseThatOnlyTheMeterCanJoinWhereThereAreTooMany) {
     EXPECT_EQ(book.state({}).groupsLeftOut, 1U);
 }
 
-// A meter that does as the test says.
-class Peer {
-  public:
-    explicit Peer(const std::filesystem::path& path)
-        : socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.string().copy(address.sun_path, sizeof address.sun_path - 1);
-        connected = connect(socket_.number(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
-    void send(const std::string& bytes) const {
-        EXPECT_EQ(::send(socket_.number(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(bytes.size()));
-    }
-    // The next message; none when the station ended the connection.
-    std::optional<metering::FromStation> next() {
-        for (;;) {
-            if (const auto text = unframer_.next()) {
-                metering::FromStation message;
-                EXPECT_TRUE(message.ParseFromArray(text->data(), static_cast<int>(text->size())));
-                return message;
-            }
-            pollfd poll{socket_.number(), POLLIN, 0};
-            EXPECT_EQ(::poll(&poll, 1, 10'000), 1);
-            std::array<char, 4096> bytes;
-            const ssize_t count = recv(socket_.number(), bytes.data(), bytes.size(), MSG_DONTWAIT);
-            if (count <= 0) {
-                return std::nullopt;
-            }
-            unframer_.add({bytes.data(), static_cast<std::size_t>(count)});
-        }
-    }
-
-    bool connected = false;
-
-  private:
-    basics::Descriptor socket_;
-    metering::Unframer unframer_;
-};
+using Peer = UnixPeer<metering::FromStation>;
 
 struct StationMeterPort : testing::Test {
     StationMeterPort() : path(directory.path() / "meter.sock") {}
@@ -560,10 +514,6 @@ struct StationMeterPort : testing::Test {
     bool shows(const std::function<bool(const MeterState&)>& what) const {
         return eventually([&] { return what(book.state(std::chrono::steady_clock::now())); });
     }
-    bool listens() const {
-        return eventually([this] { return Peer(path).connected; });
-    }
-
     ScratchDirectory directory;
     std::filesystem::path path;
     MeterBook book;
@@ -572,11 +522,10 @@ struct StationMeterPort : testing::Test {
 
 TEST_F(StationMeterPort, TellsOneMeterWhatToWatchAndEachChange) {
     open();
-    ASSERT_TRUE(listens());
+    Peer meter(path);
     struct stat status {};
     ASSERT_EQ(stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0660U);
-    Peer meter(path);
     const auto said = meter.next();
     ASSERT_TRUE(said && said->has_hello());
     EXPECT_EQ(said->hello().version(), "4.5.6");
@@ -609,7 +558,6 @@ TEST_F(StationMeterPort, TellsOneMeterWhatToWatchAndEachChange) {
 
 TEST_F(StationMeterPort, EndsWithWhoSendsNonsenseAndTakesTheNextOne) {
     open();
-    ASSERT_TRUE(listens());
     const std::pair<std::string, const char*> kCases[] = {{"GET / HTTP/1.1\r\n\r\n", "the meter sent"},
                                                           {hello(2, "9.9"), "speaks version 2"},
                                                           {hello() + hello(), "twice"}};
@@ -634,10 +582,10 @@ TEST_F(StationMeterPort, FindsItsSocketAgain) {
         shows([](const MeterState& state) { return state.problem.find("no socket") != std::string::npos; }));
     EXPECT_TRUE(std::filesystem::is_regular_file(path)) << "it is not the station's";
     std::filesystem::remove(path);
-    EXPECT_TRUE(listens());
+    Peer{path};
     EXPECT_TRUE(shows([](const MeterState& state) { return state.problem.empty(); }));
     std::filesystem::remove(path);
-    EXPECT_TRUE(listens()) << "somebody removed it";
+    Peer{path};  // though somebody removed it
     MeterBook otherBook;
     MeterPort other(path, "4.5.6", otherBook);
     EXPECT_TRUE(eventually(

@@ -1,19 +1,16 @@
 // Pictures at the station: what kestor-picture sends, the socket where it does, and what alarms make of it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <map>
+#include <sstream>
 
-#include <thread>
-
-#include "basics/descriptor.h"
 #include "framing.h"
 #include "pictureDesk.h"
 #include "pictureLimits.h"
 #include "pictures/picturePort.h"
 #include "pictures/pictureReader.h"
 #include "support/scratch.h"
+#include "support/unixPeer.h"
 
 namespace station {
 namespace {
@@ -158,44 +155,7 @@ TEST(StationPictureReader, RefusesWhatMakesNoSense) {
     EXPECT_NE(book.find(kGroupA), nullptr);
 }
 
-// The other end of the port.
-struct Peer {
-    explicit Peer(const std::filesystem::path& path) : socket(::socket(AF_UNIX, SOCK_STREAM, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.string().copy(address.sun_path, sizeof address.sun_path - 1);
-        for (int i = 0; i < 6000; ++i) {
-            if (connect(socket.number(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
-                return;
-            std::this_thread::sleep_for(10ms);
-        }
-        ADD_FAILURE() << "nobody listens";
-    }
-    void say(const std::string& bytes) {
-        EXPECT_EQ(send(socket.number(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(bytes.size()));
-    }
-    // None at the end of the connection, or after 10 s.
-    std::optional<picturing::FromStation> hear() {
-        for (;;) {
-            if (const auto bytes = unframer.next()) {
-                picturing::FromStation message;
-                EXPECT_TRUE(message.ParseFromArray(bytes->data(), static_cast<int>(bytes->size())));
-                return message;
-            }
-            pollfd poll{socket.number(), POLLIN, 0};
-            std::array<char, 4096> read;
-            if (::poll(&poll, 1, 10'000) <= 0)
-                return std::nullopt;
-            const ssize_t count = recv(socket.number(), read.data(), read.size(), 0);
-            if (count <= 0)
-                return std::nullopt;
-            unframer.add({read.data(), static_cast<std::size_t>(count)});
-        }
-    }
-    basics::Descriptor socket;
-    metering::Unframer unframer;
-};
+using Peer = UnixPeer<picturing::FromStation>;
 
 TEST(StationPicturePort, TellsOneKestorPictureTheChannelsAndRefusesAnother) {
     const ScratchDirectory directory;
@@ -204,24 +164,24 @@ TEST(StationPicturePort, TellsOneKestorPictureTheChannelsAndRefusesAnother) {
     PicturePort port(path, "1", book);
     port.tell({{kA, true, false}, {kB, false, true}}, 0.25);
     Peer peer(path);
-    EXPECT_TRUE(peer.hear()->has_hello());
-    peer.say(hello());
-    const auto channels = peer.hear()->channels();
+    EXPECT_TRUE(peer.next()->has_hello());
+    peer.send(hello());
+    const auto channels = peer.next()->channels();
     ASSERT_EQ(channels.channel_size(), 2);
     EXPECT_EQ(channels.cores(), 0.25);
     EXPECT_TRUE(channels.channel(0).urgent());
     EXPECT_TRUE(channels.channel(1).looked_at());
     EXPECT_TRUE(channels.channel(1).audio());
     Peer second(path);
-    EXPECT_TRUE(second.hear()->has_refused());
-    EXPECT_FALSE(second.hear()) << "and closed";
+    EXPECT_TRUE(second.next()->has_refused());
+    EXPECT_FALSE(second.next()) << "and closed";
     port.tell({{kA, true, false}, {kB, false, true}}, 0.25);
     port.tell({{kA, false, false}}, 0.25);
-    EXPECT_EQ(peer.hear()->channels().channel_size(), 1) << "only what changed";
-    peer.say("nonsense");
-    EXPECT_FALSE(peer.hear());
+    EXPECT_EQ(peer.next()->channels().channel_size(), 1) << "only what changed";
+    peer.send("nonsense");
+    EXPECT_FALSE(peer.next());
     Peer third(path);
-    EXPECT_TRUE(third.hear()->has_hello());
+    EXPECT_TRUE(third.next()->has_hello());
 }
 
 // ---- alarms
@@ -264,6 +224,19 @@ PictureFigures moving() {
     return figures;
 }
 
+PictureFigures still() {
+    PictureFigures figures = moving();
+    figures.change = 0;
+    return figures;
+}
+
+PictureFigures scrambled() {
+    PictureFigures figures;
+    figures.group = kA;
+    figures.outcome = PictureOutcome::kScrambled;
+    return figures;
+}
+
 TEST(StationPictureAlarms, TellWhatIsFrozenBlackOrSilentByPicturesAlone) {
     PictureFigures frozen = moving();
     frozen.difference = 0.1;
@@ -279,43 +252,30 @@ TEST(StationPictureAlarms, TellWhatIsFrozenBlackOrSilentByPicturesAlone) {
     silent.loudness = -120;
     PictureFigures noSound = moving();
     noSound.loudness.reset();
-    PictureFigures scrambled;
-    scrambled.group = kA;
-    scrambled.outcome = PictureOutcome::kScrambled;
-    using Step = std::pair<const PictureFigures*, const char*>;  // a picture each 20 s
-    const PictureFigures well = moving();
-    const struct {
-        const char* what;
-        std::vector<Step> steps;
-    } cases[] = {
-        {"frozen",
-         {{&well, ""},
-          {&frozen, ""},
-          {&frozen, ""},
-          {&frozen, "+frozen"},
-          {&frozen, ""},
-          {&well, "-frozen"}}},
-        {"moves now and then",
-         {{&frozen, ""}, {&frozen, ""}, {&well, ""}, {&frozen, ""}, {&frozen, ""}, {&well, ""}}},
-        {"a small part moves", {{&clockMoves, ""}, {&clockMoves, ""}, {&clockMoves, ""}, {&clockMoves, ""}}},
-        {"black, which is not frozen too",
-         {{&black, ""}, {&black, "+black"}, {&black, ""}, {&black, ""}, {&well, "-black"}}},
-        {"black but for a logo", {{&logo, ""}, {&logo, ""}, {&logo, "+frozen"}, {&logo, ""}}},
-        {"silent", {{&silent, ""}, {&silent, ""}, {&silent, "+silent"}, {&well, "-silent"}}},
-        {"no sound that could be heard", {{&noSound, ""}, {&noSound, ""}, {&noSound, ""}}},
-        {"scrambled, which says nothing",
-         {{&frozen, ""},
-          {&scrambled, ""},
-          {&frozen, ""},
-          {&frozen, ""},
-          {&frozen, "+frozen"},
-          {&scrambled, ""}}},
-    };
-    for (const auto& [what, steps] : cases) {
+    const std::map<std::string, PictureFigures> pictures = {
+        {"well", moving()}, {"frozen", frozen}, {"clock", clockMoves}, {"black", black},
+        {"logo", logo},     {"silent", silent}, {"mute", noSound},     {"scrambled", scrambled()}};
+    // A picture each 20 s, and what it raises (+) and clears (-).
+    for (const std::string script : {
+             "well; frozen; frozen; frozen +frozen; frozen; well -frozen",
+             "frozen; frozen; well; frozen; frozen; well",  // it moves now and then
+             "clock; clock; clock; clock",
+             "black; black +black; black; black; well -black",  // and not frozen too
+             "logo; logo; logo +frozen; logo",
+             "silent; silent; silent +silent; well -silent",
+             "mute; mute; mute",  // no sound that could be heard
+             "frozen; scrambled; frozen; frozen; frozen +frozen; scrambled",
+         }) {
         Watched watched;
         double when = 0;
-        for (const auto& [figures, expected] : steps)
-            EXPECT_EQ(watched.see(*figures, when += 20), expected) << what << " after " << when << " s";
+        std::string told;
+        std::istringstream steps(script);
+        for (std::string step; std::getline(steps >> std::ws, step, ';');) {
+            const std::string picture = step.substr(0, step.find(' '));
+            const std::string changes = watched.see(pictures.at(picture), when += 20);
+            told += (told.empty() ? "" : "; ") + picture + (changes.empty() ? "" : " " + changes);
+        }
+        EXPECT_EQ(told, script);
     }
 }
 
@@ -339,10 +299,8 @@ TEST(StationPictureAlarms, AreSilentWhereNobodyExpectsPicturesAndGivenUpAfterALo
             times += raised(desk.judgePresence(watched.engine, configuration.pictures, at(second)));
         EXPECT_EQ(times, expected ? 1 : 0);
         EXPECT_FALSE(desk.fresh(at(59).steady, at(60).steady));
-        PictureFigures frozen = moving();
-        frozen.change = 0;
         for (int i = 0; i < 4; ++i)
-            watched.see(frozen, 60 + 20 * i);
+            watched.see(still(), 60 + 20 * i);
         ASSERT_EQ(watched.engine.activeOf(kGroupA).size(), 1U);
         desk.judgePresence(watched.engine, configuration.pictures, at(599));
         EXPECT_EQ(watched.engine.activeOf(kGroupA).size(), 1U);
@@ -360,22 +318,19 @@ TEST(StationPictureAlarms, AreGivenUpWhereAChannelHasNoPictureForLong) {
         desk.take(figures, watched.watch.channels().at(kGroupA), watched.watch, watched.engine, at(when),
                   changes);
     };
-    PictureFigures still = moving();
-    still.change = 0;
-    still.loudness = -120;
+    PictureFigures dead = still();
+    dead.loudness = -120;
     double when = 0;
     for (; when < 100; when += 20)
-        take(still, when);
+        take(dead, when);
     const double last = when - 20;
     ASSERT_EQ(watched.engine.activeOf(kGroupA).size(), 2U) << "frozen and silent";
-    PictureFigures scrambled;
-    scrambled.group = kA;
-    scrambled.outcome = PictureOutcome::kScrambled;
-    scrambled.loudness = -120;  // the sound is not
-    PictureFigures partly = scrambled;
+    PictureFigures hidden = scrambled();
+    hidden.loudness = -120;  // the sound is not
+    PictureFigures partly = hidden;
     partly.outcome = PictureOutcome::kTaken;  // and not measured
     for (bool none = false; when <= last + 600; when += 20, none = !none) {
-        take(none ? scrambled : partly, when);
+        take(none ? hidden : partly, when);
         ASSERT_TRUE(changes.empty()) << when;
     }
     take(partly, when);
@@ -385,7 +340,7 @@ TEST(StationPictureAlarms, AreGivenUpWhereAChannelHasNoPictureForLong) {
                 HasSubstr("no whole picture of the channel for 10 min (Parts of them are lost)"));
     // Its pictures come back, and are as they were.
     for (int i = 0; i < 4; ++i)
-        take(still, when += 20);
+        take(dead, when += 20);
     EXPECT_EQ(watched.engine.activeOf(kGroupA).size(), 2U);
 }
 
@@ -396,14 +351,15 @@ TEST(StationPictureAlarms, TellThatAConnectedOneGetsNoPacketsButNotThatNoneAreWa
     PictureDesk desk;
     desk.start(configuration, "1", [] {});
     Peer peer(configuration.pictures.socket);
-    peer.say(hello());
+    peer.send(hello());
     const auto tellMeter = [&](bool meter) {
         picturing::ToStation message;
         message.mutable_status()->set_meter(meter);
-        peer.say(framed(message));
-        for (int i = 0;
-             i < 6000 && (!desk.state(systemNow()).connected || desk.state(systemNow()).meter != meter); ++i)
-            std::this_thread::sleep_for(10ms);
+        peer.send(framed(message));
+        EXPECT_TRUE(eventually([&] {
+            const auto state = desk.state(systemNow());
+            return state.connected && state.meter == meter;
+        }));
     };
     tellMeter(false);
     // The port has the time from the clock: what is judged lies before what it heard last.
@@ -417,10 +373,8 @@ TEST(StationPictureAlarms, TellThatAConnectedOneGetsNoPacketsButNotThatNoneAreWa
                           std::back_inserter(changes));
     ASSERT_EQ(changes.size(), 1U);
     EXPECT_THAT(changes[0].text, HasSubstr("gets no packets"));
-    PictureFigures frozen = moving();
-    frozen.change = 0;
     for (int second = 1900; second > 1800; second -= 20)
-        watched.watch.observe(watched.watch.channels().at(kGroupA), sampleOf(frozen), before(second),
+        watched.watch.observe(watched.watch.channels().at(kGroupA), sampleOf(still()), before(second),
                               changes);
     ASSERT_EQ(watched.engine.activeOf(kGroupA).size(), 1U);
     tellMeter(true);
