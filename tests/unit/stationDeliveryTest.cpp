@@ -10,6 +10,7 @@
 #include "store/delivery.h"
 #include "store/payload.h"
 #include "support/databaseHolder.h"
+#include "support/recordLine.h"
 #include "support/scratch.h"
 #include "support/webhookServer.h"
 
@@ -164,12 +165,14 @@ TEST(Delivery, TellsOfAClearOnlyWhereTheRaiseMayHaveArrived) {
         const char* what;
         int status;
         std::vector<std::string> told;
+        bool restarted = false;  // the station, and it is over by then
     };
     const Case cases[] = {
         {"refused", 500, {}},
         {"given up by a gateway, which may have passed it on", 504, {"raised 1", "cleared 1"}},
         {"sent and not answered", WebhookServer::kClose, {"raised 1", "cleared 1"}},
         {"taken", 200, {"raised 1", "cleared 1"}},
+        {"sent and not answered before a restart", WebhookServer::kClose, {"raised 1", "cleared 1"}, true},
     };
     for (const Case& one : cases) {
         SCOPED_TRACE(one.what);
@@ -178,7 +181,12 @@ TEST(Delivery, TellsOfAClearOnlyWhereTheRaiseMayHaveArrived) {
         receiving.start();
         receiving.tell({raised(1)});
         EXPECT_TRUE(eventually([&] { return receiving.server.requests().size() >= 1; }));
-        receiving.tell({cleared(1)});
+        if (one.restarted) {
+            receiving.restart({});
+            receiving.delivery->resume({});
+        } else {
+            receiving.tell({cleared(1)});
+        }
         if (one.told.empty()) {
             ASSERT_TRUE(receiving.settles()) << "it is over before it is taken";
         }
@@ -257,29 +265,6 @@ std::set<int64_t> heldFor(const WebhookServer& server) {
     return held;
 }
 
-TEST(Delivery, ClearsAfterARestartWhatWasSentAndNotAnswered) {
-    Receiving receiving;
-    receiving.server.answer(std::deque<int>(1000, WebhookServer::kClose));
-    receiving.start();
-    receiving.tell({raised(1)});
-    ASSERT_TRUE(eventually([&] { return !receiving.server.requests().empty(); }));
-    receiving.delivery.reset();
-    ASSERT_THAT(heldFor(receiving.server), ElementsAre(1));
-    receiving.server.answer({});
-    receiving.start();
-    receiving.delivery->resume({});  // it is over by now
-    EXPECT_TRUE(eventually([&] { return heldFor(receiving.server).empty(); }));
-}
-
-TEST(Delivery, TellsEachOfTwoWebhooksWithOneUrl) {
-    Receiving receiving;
-    receiving.start();
-    receiving.delivery->configure({receiving.webhook, receiving.webhook});
-    receiving.tell({raised(1)});
-    EXPECT_TRUE(eventually([&] { return receiving.told().size() == 2; }));
-    EXPECT_THAT(receiving.delivery->statistics(), SizeIs(2));
-}
-
 TEST(Delivery, TellsANewUrlWhatIsRaisedAndTheOldOneWhatIsOver) {
     Receiving receiving;
     receiving.start();
@@ -309,12 +294,13 @@ TEST(Delivery, GivesUpSingleOnesOfTheManyThatAreConfiguredNoMore) {
     std::vector<Webhook> webhooks;
     for (std::size_t i = 0; i < kWebhooks; ++i) {
         webhooks.push_back(receiving.webhook);
-        webhooks.back().url += "/" + std::to_string(i);
+        webhooks.back().url += "/" + std::to_string(i / 2);  // two of each are two all the same
     }
     receiving.start();
     receiving.delivery->configure(webhooks);
     receiving.tell({raised(1)});
     ASSERT_TRUE(eventually([&] { return receiving.told().size() == kWebhooks; }));
+    EXPECT_THAT(receiving.delivery->statistics(), SizeIs(kWebhooks));
     testing::internal::CaptureStderr();
     receiving.delivery->configure({});
     receiving.tell({cleared(1)});
@@ -500,16 +486,13 @@ TEST(Delivery, KeepsAnAlertmanagerInformed) {
 }
 
 TEST(InfluxWriter, WritesEachSnapshotOnceAndNamesThatTheProtocolTakes) {
-    const auto columns = records::columnsOf(records::Kind::kStream);
-    std::string line = "239.1.1.1;0;-1;-1";
-    for (std::size_t i = records::kCommonColumns.size(); i < columns.size(); ++i) {
-        const bool fraction = columns[i].type == records::Type::kFraction;
-        line += columns[i].name == "packetsLost" ? ";18446744073709551615"
-                : fraction                       ? ";0.250000"
-                : columns[i].name == "bitRate"   ? ";3000000"
-                : columns[i].maximum < 7         ? ";1"
-                                                 : ";7";
-    }
+    const auto other = [](const records::Column& column) {
+        return column.type == records::Type::kFraction ? "0.250000" : column.maximum < 7 ? "1" : "7";
+    };
+    const std::string line = recordLine(
+        records::Kind::kStream,
+        {{"kind", "0"}, {"pid", "-1"}, {"packetsLost", "18446744073709551615"}, {"bitRate", "3000000"}},
+        other);
     const auto stream = std::get<records::Record>(records::parseRecord(line));
     ChannelState channel{.channel = {.group = *Group::parse("239.1.1.1")}};
     channel.channel.name = "News, HD=1 \\";

@@ -144,9 +144,6 @@ struct Store : EventStore {
     std::vector<std::string> syncedBy(const Event& one) {
         return syncedBy([&](Stored stored) { record(one, std::move(stored)); });
     }
-    bool settled() {
-        return eventually([this] { return statistics().waiting == 0; });
-    }
 };
 
 TEST(StationDurability, WhatBelongsToAnAlarmIsOnTheDiskWhenItIsSaidToBe) {
@@ -195,49 +192,6 @@ TEST(StationDurability, WhatAReceiverMayKnowIsOnTheDiskBeforeItIsSent) {
     EXPECT_TRUE(stored.at("receiver").owed[0].sent);
     database.replace(stored);
     EXPECT_EQ(database.load().at("receiver").owed.size(), 1U);
-}
-
-TEST(StationDurability, AFileThatIsLostTakesNoAlarmAlong) {
-    const ScratchDirectory directory;
-    {
-        Store store(directory);
-        Event said = event(2, EventKind::kAcknowledged, 1);
-        said.by = "ann";
-        store.record(event(1, EventKind::kRaised, 1));
-        store.record(said);
-        store.putMaintenance({3, kTime, kTime + 1h, {}, "works", "bob"});
-        store.record(event(4, EventKind::kRaised, 4));
-        store.record(event(5, EventKind::kCleared, 4));
-        ASSERT_TRUE(store.settled());
-        std::filesystem::remove_all(directory.path());
-        store.syncedBy(event(6, EventKind::kChannelChanged));
-    }
-    const Store again(directory);
-    ASSERT_EQ(again.initial().active.size(), 1U);
-    EXPECT_EQ(again.initial().active[0].id, 1);
-    ASSERT_TRUE(again.initial().active[0].acknowledged);
-    EXPECT_EQ(again.initial().active[0].acknowledged->by, "ann");
-    ASSERT_EQ(again.initial().maintenance.size(), 1U);
-    EXPECT_EQ(again.initial().maintenance[0].remark, "works");
-}
-
-TEST(StationDurability, AFileThatCannotBeOpenedGivesNoNumberTwice) {
-    const ScratchDirectory directory;
-    std::filesystem::create_directory(directory.path() / "events.db");
-    {
-        Store store(directory);
-        EXPECT_THAT(store.initial().problem, HasSubstr("cannot be opened"));
-        EXPECT_GE(store.initial().lastId,
-                  std::chrono::floor<std::chrono::seconds>(kTime.time_since_epoch()).count())
-            << "above all that were ever given";
-        // What happens meanwhile is stored as soon as that can be done.
-        const int64_t id = store.initial().lastId + 1;
-        store.record(event(id, EventKind::kRaised, id));
-        std::filesystem::remove(directory.path() / "events.db");
-        EXPECT_TRUE(store.settled());
-        EXPECT_TRUE(eventually([&] { return store.statistics().written == 1; }));
-    }
-    EXPECT_EQ(Store(directory).initial().active.size(), 1U);
 }
 
 TEST(StationDurability, ASaveThatFailedIsMadeUpForAtTheEnd) {

@@ -12,6 +12,7 @@
 #include "alarms/passed.h"
 #include "alarms/shelf.h"
 #include "store/eventStore.h"
+#include "support/movedTime.h"
 #include "support/scratch.h"
 #include "web/apiJson.h"
 
@@ -48,10 +49,6 @@ struct Room {
     void ready() {
         incidents.setChannels(channels);
     }
-    void pass(std::chrono::milliseconds time) {
-        now.steady += time;
-        now.wall += time;
-    }
     Alarm alarm(const Subject& about, std::size_t type = kNoSignal) {
         Alarm one;
         one.id = ++lastId;
@@ -72,7 +69,7 @@ struct Room {
         incidents.raise(alarms, now);
         return ids;
     }
-    std::vector<int> range(int from, int count) {
+    static std::vector<int> range(int from, int count) {
         std::vector<int> numbers;
         for (int i = 0; i < count; ++i) {
             numbers.push_back(from + i);
@@ -90,13 +87,15 @@ struct Room {
 };
 
 // A thousand channels: 400 of the site north, all others south; 900 of one country.
-void thousand(Room& room) {
+Room thousand() {
+    Room room;
     for (int i = 0; i < 1000; ++i) {
         room.channel(i, {{"site", i < 400 ? "north" : "south"},
                          {"country", i < 900 ? "de" : "at"},
                          {"rack", std::to_string(i / 10)}});
     }
     room.ready();
+    return room;
 }
 
 }  // namespace
@@ -107,8 +106,7 @@ TEST(StationIncidents, WhatExplainsMostIsWhatIsShared) {
         std::vector<std::vector<int>> seconds;  // channels that fail, second by second
         std::vector<std::string> shared;
     };
-    Room names;
-    const auto range = [&names](int from, int count) { return names.range(from, count); };
+    const auto range = Room::range;
     const std::vector<Case> cases = {
         {"a lone alarm", {{5}}, {}},
         {"two of 900, of different racks and sites", {{5}, {850}}, {}},
@@ -124,22 +122,20 @@ TEST(StationIncidents, WhatExplainsMostIsWhatIsShared) {
         {"too late", {{11, 12, 13}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {14}}, {"rack=1 3"}},
     };
     for (const Case& one : cases) {
-        Room room;
-        thousand(room);
+        Room room = thousand();
         for (const auto& numbers : one.seconds) {
             room.fail(numbers);
-            room.pass(1s);
+            room.now += 1s;
         }
         EXPECT_EQ(room.shared(), one.shared) << one.what;
     }
 }
 
 TEST(StationIncidents, AChainEndsAfterAMinute) {
-    Room room;
-    thousand(room);
+    Room room = thousand();
     const auto first = room.fail({11, 12});
     for (int turn = 0; turn < 8; ++turn) {
-        room.pass(9s);
+        room.now += 9s;
         room.fail({13 + turn % 7});
     }
     const auto all = room.incidents.all();
@@ -156,21 +152,21 @@ TEST(StationIncidents, WithoutLabelsSenderChannelAndMachineAreShared) {
     room.ready();
     room.fail({1, 2, 3});
     EXPECT_THAT(room.shared(), ElementsAre("sender 10.0.0.1 3"));
-    room.pass(1min);
+    room.now += 1min;
     room.fail({20, 30});
     EXPECT_THAT(room.shared(), SizeIs(1)) << "2 of 40 are two faults";
-    room.pass(1min);
+    room.now += 1min;
     const Alarm loss = room.alarm(groupOf(20), kPacketsLost);
     const Alarm signal = room.alarm(groupOf(20));
     room.incidents.raise(std::vector{loss, signal}, room.now);
     EXPECT_THAT(room.shared(), ElementsAre("channel 239.1.0.21 2", "sender 10.0.0.1 3"));
-    room.pass(1min);
+    room.now += 1min;
     const Alarm silent = room.alarm(Source::kMeter, *findAlarmType("meter_silent"));
     room.incidents.raise(std::vector{silent}, room.now);
-    room.pass(1s);
+    room.now += 1s;
     room.fail({33});
     EXPECT_EQ(room.shared().front(), "this machine 2") << "what is wrong here explains what else begins";
-    room.pass(1min);
+    room.now += 1min;
     const Alarm delivery = room.alarm(Source::kProbe, *findAlarmType("delivery_failing"));
     room.incidents.raise(std::vector{delivery}, room.now);
     room.fail({34});
@@ -179,17 +175,16 @@ TEST(StationIncidents, WithoutLabelsSenderChannelAndMachineAreShared) {
 
 TEST(StationIncidents, ChannelsThatAreWellSpeakAgainstTheMachine) {
     const auto after = [](const char* type, const std::vector<int>& failed, const std::vector<int>& then) {
-        Room room;
-        thousand(room);
+        Room room = thousand();
         room.fail(failed);
-        room.pass(1s);
+        room.now += 1s;
         const std::size_t found = *findAlarmType(type);
         room.incidents.raise(std::vector{room.alarm(*alarmTypes()[found].ofSource, found)}, room.now);
-        room.pass(1s);
+        room.now += 1s;
         room.fail(then);
         return room.shared();
     };
-    const auto range = [](int from, int count) { return Room{}.range(from, count); };
+    const auto range = Room::range;
     // What is not joined is some groups: it says nothing of 997 that are well.
     for (const char* const type : {"not_joined", "probe_not_asking"}) {
         EXPECT_THAT(after(type, {11, 12, 13}, {}), ElementsAre("rack=1 3")) << type;
@@ -204,8 +199,7 @@ TEST(StationIncidents, ChannelsThatAreWellSpeakAgainstTheMachine) {
 }
 
 TEST(StationIncidents, AnIncidentIsOverWithItsLastAlarmAndKeepsItsId) {
-    Room room;
-    thousand(room);
+    Room room = thousand();
     const auto ids = room.fail({11, 12, 13});
     const int64_t incident = room.incidents.incidentOf(ids[1]);
     EXPECT_EQ(incident, ids[0]);
@@ -214,16 +208,16 @@ TEST(StationIncidents, AnIncidentIsOverWithItsLastAlarmAndKeepsItsId) {
     room.incidents.clear(ids[1], room.now);
     EXPECT_EQ(room.incidents.clear(ids[2], room.now)->incident.over, room.now.wall);
     EXPECT_FALSE(room.incidents.clear(ids[2], room.now));
-    room.pass(2s);
+    room.now += 2s;
     const auto again = room.fail({11});
     EXPECT_EQ(room.incidents.incidentOf(again[0]), incident) << "it flaps";
     EXPECT_FALSE(room.incidents.find(incident)->over);
-    room.pass(1min);
+    room.now += 1min;
     const auto later = room.fail({11, 12, 13});
     EXPECT_EQ(room.incidents.incidentOf(later[0]), later[0]) << "another fault, and another id";
 
     for (std::size_t turn = 0; turn < Incidents::kOver + 20; ++turn) {
-        room.pass(1min);
+        room.now += 1min;
         for (const int64_t id : room.fail({21, 22, 23})) {
             room.incidents.clear(id, room.now);
         }
@@ -235,15 +229,13 @@ TEST(StationIncidents, AnIncidentIsOverWithItsLastAlarmAndKeepsItsId) {
 }
 
 TEST(StationIncidents, ARestartNeitherSplitsNorRenumbers) {
-    Room room;
-    thousand(room);
+    Room room = thousand();
     const auto ids = room.fail({11, 12, 13});
     room.incidents.clear(ids[0], room.now);
-    Room after;
-    thousand(after);
+    Room after = thousand();
     after.now = room.now;
     after.lastId = room.lastId;
-    after.pass(3s);
+    after.now += 3s;
     after.now.steady = SteadyTime{} + 5s;  // the machine was started anew
     std::vector<Alarm> raised(room.raised.begin() + 1, room.raised.end());
     for (Alarm& alarm : raised) {
@@ -262,7 +254,7 @@ TEST(StationIncidents, ARestartNeitherSplitsNorRenumbers) {
     EXPECT_EQ(after.incidents.find(ids[0])->active, 2U);
     after.fail({14});
     EXPECT_EQ(after.incidents.find(ids[0])->alarms, 4U) << "its chain goes on";
-    after.pass(1min);
+    after.now += 1min;
     after.fail({15, 16, 17});
     EXPECT_THAT(after.incidents.all(), SizeIs(3));
     EXPECT_TRUE(after.incidents.clear(ids[1], after.now));
@@ -369,8 +361,7 @@ TEST(StationIncidents, OutliveTheStationAndTheirFile) {
     for (const bool lost : {false, true}) {
         const ScratchDirectory directory;
         const auto clock = [] { return Now{std::chrono::steady_clock::now(), kBegin}; };
-        Room room;
-        thousand(room);
+        Room room = thousand();
         const auto ids = room.fail({11, 12, 13});
         const Shelving shelving{.id = 900,
                                 .type = kPacketsLost,
@@ -399,12 +390,22 @@ TEST(StationIncidents, OutliveTheStationAndTheirFile) {
                                  .about = "site=north"};
         {
             EventStore store(directory.path(), {90, 1'000'000}, clock);
+            const auto record = [&](int64_t id, EventKind kind, int64_t alarm, const Group& group) {
+                store.record({.id = id,
+                              .time = kBegin,
+                              .kind = kind,
+                              .group = group,
+                              .alarm = "no_signal",
+                              .alarmId = alarm,
+                              .severity = Severity::kCritical,
+                              .by = "ann"});
+            };
             for (const Alarm& alarm : room.raised) {
-                Event event{
-                    .id = alarm.id, .time = kBegin, .group = alarm.about.group(), .alarm = "no_signal"};
-                event.severity = Severity::kCritical;
-                store.record(event);
+                record(alarm.id, EventKind::kRaised, alarm.id, *alarm.about.group());
             }
+            record(200, EventKind::kAcknowledged, ids[0], groupOf(11));
+            record(201, EventKind::kRaised, 201, groupOf(20));
+            record(202, EventKind::kCleared, 201, groupOf(20));
             Incident first = room.incidents.all().front();
             first.alarms = 2;
             store.putIncident({first, {ids[0], ids[1]}});
@@ -433,8 +434,11 @@ TEST(StationIncidents, OutliveTheStationAndTheirFile) {
         EXPECT_THAT(state.passed, ElementsAre(passed));
         EXPECT_THAT(state.maintenance, ElementsAre(window));
         ASSERT_THAT(state.incidents, SizeIs(1));
-        Room after;
-        thousand(after);
+        ASSERT_THAT(state.active, SizeIs(3)) << "the last one is over";
+        for (const Alarm& alarm : state.active) {
+            EXPECT_EQ(alarm.acknowledged ? alarm.acknowledged->by : "", alarm.id == ids[0] ? "ann" : "");
+        }
+        Room after = thousand();
         EXPECT_THAT(after.incidents.restore(state.incidents, state.active, {}, after.now), IsEmpty());
         EXPECT_EQ(after.incidents.all(), room.incidents.all()) << lost;
     }

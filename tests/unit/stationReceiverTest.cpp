@@ -187,35 +187,23 @@ struct World {
         keep(receiver->settle(outcome, now()));
     }
     void step() {
-        switch (roll(12)) {
-            case 0:
-            case 1:
-            case 2:
-                raise();
-                break;
-            case 3:
-            case 4:
-                clear();
-                break;
-            case 5:
-                roll(6) == 0 ? restart() : clear();
-                break;
-            case 6:
-                time += std::chrono::seconds(roll(100));
-                break;
-            case 7:
-                if (roll(5) == 0) {
-                    webhook.minimumSeverity = roll(2) ? Severity::kWarning : Severity::kMajor;
-                    receiver->configure(webhook);
-                }
-                break;
-            case 8:
-            case 9:
-                prepare();
-                break;
-            default:
-                prepare();
-                answer();
+        const unsigned what = roll(12);
+        if (what <= 2) {
+            raise();
+        } else if (what <= 4) {
+            clear();
+        } else if (what == 5) {
+            roll(6) == 0 ? restart() : clear();
+        } else if (what == 6) {
+            time += std::chrono::seconds(roll(100));
+        } else if (what == 7 && roll(5) == 0) {
+            webhook.minimumSeverity = roll(2) ? Severity::kWarning : Severity::kMajor;
+            receiver->configure(webhook);
+        } else if (what >= 8) {
+            prepare();
+        }
+        if (what >= 10) {
+            answer();
         }
         if (receiver->wantsActive()) {
             keep(receiver->resume(allActive(), lastSequence, now().wall));

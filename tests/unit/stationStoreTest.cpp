@@ -26,6 +26,7 @@ using testing::SizeIs;
 constexpr WallTime kTime{std::chrono::hours(24 * 365 * 50)};
 const Group kGroup = *Group::parse("239.1.1.1");
 const Group kOther = *Group::parse("239.1.1.2");
+const Maintenance kWorks{9, kTime - 1h, kTime + 1h, kGroup, "works", "ann"};
 
 Now atTime(WallTime wall) {
     return {std::chrono::steady_clock::now(), wall};
@@ -64,13 +65,19 @@ struct Store : EventStore {
         }
         ASSERT_TRUE(eventually([&] { return statistics().written == before + events.size(); }));
     }
-    // Until the store's thread has gone round and looked at the clock.
+    // Once the store's thread has gone round.
+    void expectStored() {
+        std::promise<std::string> stored;
+        removeMaintenance(77, [&](const std::string& problem) { stored.set_value(problem); });
+        EXPECT_EQ(stored.get_future().get(), "");
+    }
+    // Until it has also looked at the clock.
     void look() {
-        for (int i = 0; i < 2; ++i) {
-            std::promise<std::string> stored;
-            removeMaintenance(77, [&](const std::string& problem) { stored.set_value(problem); });
-            EXPECT_EQ(stored.get_future().get(), "");
-        }
+        expectStored();
+        expectStored();
+    }
+    bool settles() const {
+        return eventually([this] { return statistics().waiting == 0; });
     }
     std::vector<int64_t> ids(const EventFilter& filter) {
         std::promise<std::vector<int64_t>> answer;
@@ -108,7 +115,6 @@ std::vector<std::string> filesOf(const ScratchDirectory& directory, std::string_
 
 TEST(EventStore, KnowsAfterARestartWhatIsRaised) {
     const ScratchDirectory directory;
-    const Maintenance window{9, kTime - 1h, kTime + 1h, kGroup, "works", "ann"};
     const std::string kept(Alarm::kTextBytes - 1, 'x');
     {
         Store store(directory);
@@ -122,7 +128,7 @@ TEST(EventStore, KnowsAfterARestartWhatIsRaised) {
         first.text = kept + "\nü, beyond the bound";
         store.recordAll({first, raised(2, kOther), event(3, EventKind::kCleared, 2), said,
                          event(5, EventKind::kChannelChanged)});
-        store.putMaintenance(window);
+        store.putMaintenance(kWorks);
         store.putMaintenance({10, kTime - 2h, kTime - 1h, {}, "over", ""});
         store.putMaintenance({11, kTime, kTime + 1h, {}, "taken back", ""});
         store.removeMaintenance(11);
@@ -141,7 +147,7 @@ TEST(EventStore, KnowsAfterARestartWhatIsRaised) {
     alarm.source = Source::kMeter;
     alarm.acknowledged = Acknowledgement{kTime + 3s, "ann", "on it"};
     EXPECT_THAT(again.initial().active, ElementsAre(alarm));
-    EXPECT_THAT(again.initial().maintenance, ElementsAre(window));
+    EXPECT_THAT(again.initial().maintenance, ElementsAre(kWorks));
 }
 
 TEST(EventStore, TakesUpAFileOfTheFirstSchema) {
@@ -400,7 +406,6 @@ TEST(EventStore, KnowsWhetherAMeterWasThere) {
 
 TEST(EventStore, SaysOfAFileThatIsHeldThatNothingIsStored) {
     const ScratchDirectory directory;
-    const Maintenance window{3, kTime - 1h, kTime + 1h, kGroup, "works", "ann"};
     {
         std::optional<Store> open(directory);
         Store& store = *open;
@@ -409,17 +414,15 @@ TEST(EventStore, SaysOfAFileThatIsHeldThatNothingIsStored) {
         const auto begin = std::chrono::steady_clock::now();
         std::promise<std::string> first;
         std::promise<std::string> second;
-        store.putMaintenance(window, [&](const std::string& problem) { first.set_value(problem); });
+        store.putMaintenance(kWorks, [&](const std::string& problem) { first.set_value(problem); });
         store.record(event(4, EventKind::kAcknowledged, 1),
                      [&](const std::string& problem) { second.set_value(problem); });
         EXPECT_NE(first.get_future().get(), "");
         EXPECT_NE(second.get_future().get(), "");
         EXPECT_LT(std::chrono::steady_clock::now() - begin, 20s);
         holder.reset();
-        EXPECT_TRUE(eventually([&] { return store.statistics().waiting == 0; }));
-        std::promise<std::string> third;
-        store.removeMaintenance(77, [&](const std::string& problem) { third.set_value(problem); });
-        EXPECT_EQ(third.get_future().get(), "");
+        EXPECT_TRUE(store.settles());
+        store.expectStored();
         holder.emplace(directory.path() / "events.db");
         store.record(raised(5, kOther));
         const auto end = std::chrono::steady_clock::now();
@@ -427,7 +430,7 @@ TEST(EventStore, SaysOfAFileThatIsHeldThatNothingIsStored) {
         EXPECT_LT(std::chrono::steady_clock::now() - end, 5s);
     }
     const Store again(directory);
-    EXPECT_THAT(again.initial().maintenance, ElementsAre(window));
+    EXPECT_THAT(again.initial().maintenance, ElementsAre(kWorks));
     EXPECT_THAT(again.activeIds(), ElementsAre(1));
 }
 
@@ -448,7 +451,7 @@ TEST(EventStore, KnowsWhatDroppedEventsSaidOfAlarms) {
         }
         EXPECT_TRUE(eventually([&] { return store.statistics().dropped >= 3; }));
         holder.reset();
-        EXPECT_TRUE(eventually([&] { return store.statistics().waiting == 0; }));
+        EXPECT_TRUE(store.settles());
     }
     const Store again(directory);
     EXPECT_THAT(again.activeIds(), testing::UnorderedElementsAre(2, 6));
@@ -459,11 +462,10 @@ TEST(EventStore, KnowsWhatDroppedEventsSaidOfAlarms) {
 
 TEST(EventStore, TakesUpAFileThatCanBeReadLaterThanTheStart) {
     const ScratchDirectory directory;
-    const Maintenance window{3, kTime - 1h, kTime + 1h, kGroup, "works", "ann"};
     {
         Store store(directory);
         store.recordAll({raised(1), raised(2, kOther), event(4, EventKind::kCleared, 2)});
-        store.putMaintenance(window);
+        store.putMaintenance(kWorks);
     }
     for (const int64_t meanwhile : {0, 1, 2}) {
         SCOPED_TRACE(meanwhile);
@@ -471,6 +473,7 @@ TEST(EventStore, TakesUpAFileThatCanBeReadLaterThanTheStart) {
         std::filesystem::create_directory(directory.path() / "events.db");
         Store store(directory);
         EXPECT_FALSE(store.initial().loaded);
+        EXPECT_THAT(store.initial().problem, testing::HasSubstr("cannot be opened"));
         EXPECT_EQ(store.reservedTo(), 0);
         const int64_t first = store.initial().lastId + 1;
         EXPECT_GT(first, 1'000'000'000'000);
@@ -484,13 +487,13 @@ TEST(EventStore, TakesUpAFileThatCanBeReadLaterThanTheStart) {
         ASSERT_TRUE(eventually([&] { return (late = store.late()).has_value(); }));
         EXPECT_EQ(late->active.at(0).about.group(), kGroup);
         EXPECT_EQ(late->active.at(0).id, 1);
-        EXPECT_THAT(late->maintenance, ElementsAre(window));
-        EXPECT_TRUE(eventually([&] { return store.statistics().waiting == 0; }));
+        EXPECT_THAT(late->maintenance, ElementsAre(kWorks));
+        EXPECT_TRUE(store.settles());
         EXPECT_THAT(store.ids({.group = kGroup, .kind = EventKind::kRaised}), ElementsAre(1));
     }
     const Store again(directory);
     EXPECT_THAT(again.activeIds(), SizeIs(2));
-    EXPECT_THAT(again.initial().maintenance, ElementsAre(window));
+    EXPECT_THAT(again.initial().maintenance, ElementsAre(kWorks));
 }
 
 TEST(EventStore, ReservesIdsSoThatNoneIsGivenTwice) {
