@@ -9,7 +9,7 @@
 #include <condition_variable>
 #include <fstream>
 #include <mutex>
-#include <sstream>
+#include <stdexcept>
 #include <thread>
 
 #include "channelBook.h"
@@ -120,11 +120,14 @@ class StationFiles : public InScratch {
     }
     // What is delivered next, with so many channels where a number is given: what is new at the start may be
     // read twice.
-    std::optional<LoadedFiles> delivered(std::optional<std::size_t> count = {}) {
+    LoadedFiles delivered(std::optional<std::size_t> count = {}) {
         for (;;) {
             auto files = mailbox.drainUntil(std::chrono::steady_clock::now() + 60s).files;
-            if (!files || !count || channels(*files) == *count) {
-                return files;
+            if (!files) {
+                throw std::runtime_error("nothing is delivered");  // which fails the test
+            }
+            if (!count || channels(*files) == *count) {
+                return std::move(*files);
             }
         }
     }
@@ -142,8 +145,12 @@ class StationFiles : public InScratch {
     std::unique_ptr<FileReader> reader;
 };
 
-PutChannel put(const std::string& group, const std::string& name = {}) {
-    PutChannel action(*Group::parse(group));
+Group group(const std::string& text) {
+    return *Group::parse(text);
+}
+
+PutChannel put(const std::string& where, const std::string& name = {}) {
+    PutChannel action(group(where));
     return name.empty() ? action : action.set(&Channel::name, name);
 }
 
@@ -164,42 +171,37 @@ TEST_F(StationFiles, WhatIsHalfWrittenIsNotReadForAnythingElse) {
     std::ofstream half(directory / "a.m3u", std::ios::binary);
     half << entries(1, 17) << std::flush;
     write("b.m3u", entries(101, 3));
-    auto files = delivered(37);
-    ASSERT_TRUE(files);
+    LoadedFiles files = delivered(37);
     EXPECT_THAT(share.takeRead(), ElementsAre("b.m3u")) << "a change of one file has that one read";
 
     std::optional<ReadResult> asked;
     reader->readAll([&](const ReadResult& result) { asked = result; });
     files = delivered();
-    ASSERT_TRUE(files);
-    EXPECT_EQ(channels(*files), 37u);
-    ASSERT_THAT(files->askers, SizeIs(1));
-    files->askers[0]();
+    EXPECT_EQ(channels(files), 37u);
+    ASSERT_THAT(files.askers, SizeIs(1));
+    files.askers[0]();
     EXPECT_THAT(asked->notes,
                 ElementsAre(AllOf(HasSubstr("a.m3u is being written"), HasSubstr("34 channels"))));
 
     half << "udp://@239.1.1.99:5000\n";
     half.close();
     files = delivered();
-    ASSERT_TRUE(files);
-    EXPECT_EQ(channels(*files), 21u);
-    EXPECT_THAT(files->result.notes, IsEmpty());
+    EXPECT_EQ(channels(files), 21u);
+    EXPECT_THAT(files.result.notes, IsEmpty());
 
     // Half of a configuration is valid as well; and one that was just written is read by a reading on demand.
     std::ofstream open(directory / "station.toml", std::ios::binary);
     open << "state_dir = \"state\"\n" << playlist("a.m3u") << std::flush;
     reader->readAll(nullptr);
     files = delivered();
-    ASSERT_TRUE(files);
-    EXPECT_THAT(files->configuration->playlists, SizeIs(2));
-    EXPECT_THAT(files->result.notes, Contains(HasSubstr("station.toml is being written")));
+    EXPECT_THAT(files.configuration->playlists, SizeIs(2));
+    EXPECT_THAT(files.result.notes, Contains(HasSubstr("station.toml is being written")));
     open << playlist("b.m3u") << "[events]\nkeep_days = 7\n";
     open.close();
     reader->readAll(nullptr);
     files = delivered();
-    ASSERT_TRUE(files);
-    EXPECT_EQ(files->configuration->keepDays, 7u);
-    EXPECT_THAT(files->configuration->playlists, SizeIs(2));
+    EXPECT_EQ(files.configuration->keepDays, 7u);
+    EXPECT_THAT(files.configuration->playlists, SizeIs(2));
 }
 
 TEST_F(StationFiles, CopiesHoldForWhatIsHalfWrittenAtTheStart) {
@@ -228,10 +230,9 @@ TEST_F(StationFiles, CopiesHoldForWhatIsHalfWrittenAtTheStart) {
         writer = {};
         file << whole.substr(half.size());
         file.close();
-        const auto read = delivered();
-        ASSERT_TRUE(read);
-        EXPECT_EQ(channels(*read), 36u);
-        EXPECT_THAT(read->result.notes, IsEmpty());
+        const LoadedFiles read = delivered();
+        EXPECT_EQ(channels(read), 36u);
+        EXPECT_THAT(read.result.notes, IsEmpty());
         reader.reset();
     }
 }
@@ -252,12 +253,11 @@ TEST_F(StationFiles, AGoodConfigurationHoldsWhenABadOneFollowsBeforeItIsTaken) {
     configure("[events]\nkeep_days = \n");
     ask("bad");
     ASSERT_TRUE(eventually([&] { return answers == 2; }));
-    const auto files = delivered();
-    ASSERT_TRUE(files);
-    EXPECT_EQ(files->configuration->keepDays, 7u);
-    EXPECT_THAT(files->result.refusals, ElementsAre(HasSubstr("station.toml:3")));
-    EXPECT_THAT(files->refused, SizeIs(testing::Ge(1u)));
-    for (const auto& asker : files->askers) {
+    const LoadedFiles files = delivered();
+    EXPECT_EQ(files.configuration->keepDays, 7u);
+    EXPECT_THAT(files.result.refusals, ElementsAre(HasSubstr("station.toml:3")));
+    EXPECT_THAT(files.refused, SizeIs(testing::Ge(1u)));
+    for (const auto& asker : files.askers) {
         asker();
     }
     EXPECT_THAT(told, testing::UnorderedElementsAre("good fine", "bad refused")) << "each of its own reading";
@@ -297,7 +297,7 @@ TEST_F(StationFiles, CopiesOfPlaylistsHoldForTheirOwnPathAlone) {
     EXPECT_EQ(channels(start()), 3u);
     fs::create_directory(directory / "a-b");
     write("a-b/x.m3u", entries(7, 4));
-    EXPECT_TRUE(delivered(4));
+    delivered(4);
     EXPECT_TRUE(
         eventually([&] { return copied() == 1 && !fs::exists(directory / "state/playlists" / old); }));
 }
@@ -322,10 +322,9 @@ TEST_F(StationFiles, AShareThatHangsHoldsUpNobody) {
     EXPECT_FALSE(reader->end(100ms));
     EXPECT_LT(std::chrono::steady_clock::now() - before, 10s);
     share.hang(false);
-    const auto late = delivered();
-    ASSERT_TRUE(late);
-    EXPECT_EQ(channels(*late), 5u);
-    EXPECT_THAT(late->result.refusals, IsEmpty());
+    const LoadedFiles late = delivered();
+    EXPECT_EQ(channels(late), 5u);
+    EXPECT_THAT(late.result.refusals, IsEmpty());
 }
 
 TEST_F(StationFiles, AStartWithABrokenConfigurationTakesUpItsCopy) {
@@ -356,38 +355,34 @@ TEST_F(StationFiles, AStartWithABrokenConfigurationTakesUpItsCopy) {
                     Contains(HasSubstr("the last good configuration stays in force, a copy of 20")));
     }
     configure("[events]\nkeep_days = 8\n");
-    auto corrected = delivered();
-    while (corrected && !(corrected->configuration && corrected->configuration->keepDays == 8)) {
+    LoadedFiles corrected = delivered();
+    while (!corrected.configuration || corrected.configuration->keepDays != 8) {
         corrected = delivered();  // that one was of a reading before
     }
-    ASSERT_TRUE(corrected);
-    EXPECT_FALSE(corrected->result.configurationRefused);
-    EXPECT_THAT(corrected->result.notes, IsEmpty());
+    EXPECT_FALSE(corrected.result.configurationRefused);
+    EXPECT_THAT(corrected.result.notes, IsEmpty());
     EXPECT_TRUE(eventually([&] { return read(copy).find("keep_days = 8") != std::string::npos; }));
 }
 
-TEST_F(StationFiles, EachPlaylistThatIsReadIsALineOfTheLog) {
-    write("a.m3u", entries(1, 3) + "http://nothing/here\n");
-    write("b.m3u", entries(4, 2));
-    configure(playlist("a.m3u") + playlist("b.m3u"));
-    testing::internal::CaptureStderr();
-    start();
-    flushLog(10s);
-    const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_THAT(said, HasSubstr("a.m3u: read, 3 channels, 1 line skipped; line 5: "));
-    EXPECT_THAT(said, HasSubstr("b.m3u: read, 2 channels\n"));
-}
-
-TEST_F(StationFiles, SkippedLinesAreCountedForEachList) {
+TEST_F(StationFiles, WhatIsReadAndSkippedOfEachPlaylistIsToldAndLogged) {
     std::string bad;
     for (int i = 0; i < 250; ++i) {
         bad += "http://nothing/here\n";
     }
-    write("a.m3u", entries(1, 1) + bad);
-    write("b.m3u", entries(2, 1) + "udp://@239.1.1.2:5000\nno\n");
-    configure(playlist("a.m3u") + playlist("b.m3u"));
+    write("a.m3u", entries(1, 3) + bad);
+    write("b.m3u", entries(4, 2) + "udp://@239.1.1.4:5000\nno\n");
+    write("c.m3u", entries(6, 2) + "http://nothing/here\n");
+    write("d.m3u", entries(8, 2));
+    configure(playlist("a.m3u") + playlist("b.m3u") + playlist("c.m3u") + playlist("d.m3u"));
+    testing::internal::CaptureStderr();
     const LoadedFiles files = start();
-    EXPECT_THAT(files.result.notes, SizeIs(2 + KnownFiles::kNotes));
+    flushLog(10s);
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_THAT(said, HasSubstr("a.m3u: read, 3 channels, 250 lines skipped; line 5: "));
+    EXPECT_THAT(said, HasSubstr("b.m3u: read, 2 channels, 2 lines skipped; line 4: "));
+    EXPECT_THAT(said, HasSubstr("c.m3u: read, 2 channels, 1 line skipped; line 4: "));
+    EXPECT_THAT(said, HasSubstr("d.m3u: read, 2 channels\n"));
+    EXPECT_THAT(files.result.notes, SizeIs(3 + KnownFiles::kNotes));
     EXPECT_EQ(files.result.notes[0], "a.m3u: 250 lines skipped");
     EXPECT_EQ(files.result.notes[1], "b.m3u: 2 lines skipped");
 }
@@ -455,8 +450,8 @@ TEST_F(StationFiles, RefusedChangesChangeNothing) {
     RuntimeChannels removed = book.runtime();
     const Channel sample = removed.begin()->second.channel;
     for (std::size_t i = removed.size(); i < kRemovalsLimit; ++i) {
-        const Group group = *Group::parse("239.3." + std::to_string(i / 250) + "." + std::to_string(i % 250));
-        removed.emplace(group, RuntimeChannel{{.group = group}, true});
+        const Group other = group("239.3." + std::to_string(i / 250) + "." + std::to_string(i % 250));
+        removed.emplace(other, RuntimeChannel{{.group = other}, true});
     }
     book.setRuntime({removed, {}});
     const ChannelMap before = book.channels();
@@ -500,7 +495,6 @@ TEST_F(StationFiles, ChannelsWithoutANameGoByTheirStreams) {
     }
     book.setFiles({}, {{PlaylistSource{}, parsePlaylist(list)}});
     book.takeDifference();
-    const auto group = [](const std::string& text) { return *Group::parse(text); };
     const auto nameOf = [&](const std::string& text) { return book.channels().at(group(text)).name; };
 
     EXPECT_FALSE(book.takeStreamNames({{group("239.1.1.1"), "Other"}, {group("239.9.9.9"), "Nobody's"}}))
@@ -541,7 +535,6 @@ TEST_F(StationFiles, ChannelsWithoutANameGoByTheirStreams) {
 
 // A restart, and whatever became of the file meanwhile.
 TEST_F(StationFiles, NamesOfStreamsOutliveARestart) {
-    const auto group = [](const std::string& text) { return *Group::parse(text); };
     const StreamNames names{{group("239.1.1.1"), "News  HD"}, {group("239.1.1.2"), "\xC3\x84 2"}};
     const auto read = [this] { return StreamNameKeeper(directory / "state").takeRead(10s); };
     EXPECT_EQ(read(), StreamNames{}) << "none yet";

@@ -5,10 +5,9 @@
 #include <numeric>
 
 #include <cerrno>
-#include <fstream>
 
 #include "machine/machineReader.h"
-#include "support/scratch.h"
+#include "support/inScratch.h"
 
 using namespace station;
 using testing::ElementsAre;
@@ -16,15 +15,14 @@ using testing::IsEmpty;
 
 namespace {
 
-class MachineFiles : public ::testing::Test {
+class MachineFiles : public InScratch {
   protected:
-    void write(const std::string& name, const std::string& text) const {
-        const auto path = proc / name;
-        std::filesystem::create_directories(path.parent_path());
-        std::ofstream(path) << text;
+    MachineFiles() {
+        for (const char* const part : {"self/net", "sys/net/ipv4"}) {
+            std::filesystem::create_directories(proc / part);
+        }
     }
-    ScratchDirectory scratch;
-    const std::filesystem::path& proc = scratch.path();
+    const std::filesystem::path& proc = directory;
 };
 
 TEST_F(MachineFiles, TellsMembershipsOfEachInterface) {

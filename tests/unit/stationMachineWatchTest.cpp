@@ -60,6 +60,16 @@ struct Bench {
         }
         return again;
     }
+    // A second in which the link is down, for what this says.
+    void expectDown(const char* why) {
+        second();
+        EXPECT_EQ(found.linkDown, true) << why;
+        EXPECT_THAT(text("link_down"), HasSubstr(why));
+    }
+    void expectUp(int seconds, const char* why) {
+        second(seconds);
+        EXPECT_EQ(found.linkDown, false) << why;
+    }
     std::string text(const char* type) const {
         return watch.raisedText(type, defaultRules()[*findAlarmType(type)], now).value_or("");
     }
@@ -149,24 +159,18 @@ TEST(MachineWatch, HasGroupsJoinedAgainEverMoreSeldom) {
 TEST(MachineWatch, TellsOfAProbeThatWasStartedBeforeItsCard) {
     Bench bench;
     bench.captured = false;
-    bench.second(15);
-    EXPECT_EQ(bench.found.linkDown, false) << "a guard may see to it";
-    bench.second(10);
-    EXPECT_EQ(bench.found.linkDown, true);
-    EXPECT_THAT(bench.text("link_down"), HasSubstr("eth0 is up, but nobody captures there"));
+    bench.expectUp(15, "a guard may see to it");
+    bench.second(9);
+    bench.expectDown("eth0 is up, but nobody captures there");
     bench.card->carrier = false;
-    bench.second();
-    EXPECT_THAT(bench.text("link_down"), HasSubstr("no carrier"));
+    bench.expectDown("no carrier");
     bench.card->carrier = true;
-    bench.second();
-    EXPECT_THAT(bench.text("link_down"), HasSubstr("nobody captures there"));
+    bench.expectDown("nobody captures there");
     bench.captured = true;
-    bench.second(kSettled);
-    EXPECT_EQ(bench.found.linkDown, false);
+    bench.expectUp(kSettled, "captured on");
     bench.captured = false;
     bench.probe.connected = false;
-    bench.second(60);
-    EXPECT_EQ(bench.found.linkDown, false) << "there is no probe that could";
+    bench.expectUp(60, "there is no probe that could");
 }
 
 TEST(MachineWatch, TellsALinkThatIsDownGoneOrFlaps) {
@@ -178,29 +182,21 @@ TEST(MachineWatch, TellsALinkThatIsDownGoneOrFlaps) {
     EXPECT_EQ(bench.found.linkDown, true);
     bench.card->carrier = true;
     bench.card->carrierChanges = 1;
-    bench.second();
-    EXPECT_EQ(bench.found.linkDown, false);
+    bench.expectUp(1, "it has a carrier");
     bench.card->carrierChanges += 2;
-    bench.second();
-    EXPECT_EQ(bench.found.linkDown, true);
+    bench.expectDown("lost its carrier");
     EXPECT_GE(bench.now - bench.found.linkDownSince, 1s);
-    EXPECT_THAT(bench.text("link_down"), HasSubstr("lost its carrier"));
-    bench.second();
-    EXPECT_EQ(bench.found.linkDown, false);
+    bench.expectUp(1, "that was all");
 
     bench.card->carrier = false;
-    bench.second();
-    EXPECT_EQ(bench.found.linkDown, true);
+    bench.expectDown("eth0 has no carrier: is the cable plugged in");
     EXPECT_EQ(bench.remark("no_signal"), "eth0 has no carrier") << "what to do is told once, by link_down";
-    EXPECT_THAT(bench.text("link_down"), HasSubstr("eth0 has no carrier: is the cable plugged in"));
     bench.card->received.packets += 10;
-    bench.second();
-    EXPECT_EQ(bench.found.linkDown, false) << "a driver that does not tell";
+    bench.expectUp(1, "a driver that does not tell");
     bench.look(10ms);
     EXPECT_EQ(bench.found.linkDown, false) << "a look on demand, in which none came";
     bench.card->up = false;
-    bench.second();
-    EXPECT_THAT(bench.text("link_down"), HasSubstr("ip link set eth0 up"));
+    bench.expectDown("ip link set eth0 up");
     bench.card->up = bench.card->carrier = true;
     bench.second();
     EXPECT_EQ(bench.remark("no_signal"), "eth0 receives nothing at all");
@@ -215,36 +211,29 @@ TEST(MachineWatch, TellsALinkThatIsDownGoneOrFlaps) {
     bench.card->index = kOther;
     bench.captured = false;
     bench.astray = {astray(1, "eth0", "eth0")};
-    bench.second();
-    EXPECT_THAT(bench.text("link_down"), HasSubstr("eth0 is gone"));
+    bench.expectDown("eth0 is gone");
     EXPECT_EQ(bench.found.notJoined, std::nullopt);
     bench.captured = true;
-    bench.second(kSettled);
-    EXPECT_EQ(bench.found.linkDown, false) << "a probe that was started anew captures there";
+    bench.expectUp(kSettled, "a probe that was started anew captures there");
 
     // It goes and comes back, and the probe that was started in between found none.
     const auto card = *bench.card;
     bench.card.reset();
     bench.captured = false;
-    bench.second();
-    EXPECT_THAT(bench.text("link_down"), HasSubstr("veth0f3a is gone"));
+    bench.expectDown("veth0f3a is gone");
     bench.card = card;
-    bench.second(2);
-    EXPECT_EQ(bench.found.linkDown, true);
-    EXPECT_THAT(bench.text("link_down"), HasSubstr("is back, but nobody captures there"));
+    bench.second();
+    bench.expectDown("is back, but nobody captures there");
     // The meter's new socket, until the station knows it for one.
     bench.captured = true;
     for (int i = 0; i < kSettled - 1; ++i) {
-        bench.second();
-        EXPECT_EQ(bench.found.linkDown, true) << i;
+        bench.expectDown("");
     }
     bench.captured = false;
     bench.second();
     bench.captured = true;
-    bench.second();
-    EXPECT_EQ(bench.found.linkDown, true);
-    bench.second(kSettled);
-    EXPECT_EQ(bench.found.linkDown, false);
+    bench.expectDown("");
+    bench.expectUp(kSettled, "captured on");
 
     Bench none;
     none.card.reset();

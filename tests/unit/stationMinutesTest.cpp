@@ -13,6 +13,7 @@
 
 #include "measures/history.h"
 #include "store/minuteStore.h"
+#include "support/movedTime.h"
 #include "support/scratch.h"
 
 namespace {
@@ -270,12 +271,8 @@ TEST(StationMinutes, OfBeforeARestartAreInPointsAndStrips) {
     sample.signal = true;
     sample.seconds = 1;
     Now now{SteadyTime(500s), WallTime(std::chrono::seconds(kBegin))};
-    const auto pass = [&now](std::chrono::seconds time) {
-        now.steady += time;
-        now.wall += time;
-    };
     History before;
-    for (int second = 0; second < 20 * 60 + 10; ++second, pass(1s)) {
+    for (int second = 0; second < 20 * 60 + 10; ++second, now += 1s) {
         sample.level(measureOf("bitRate")) = 1'000'000 + second / 60;
         before.add(sample, second / 60 >= 10 && second / 60 < 13 ? StripCell::kNoSignal : StripCell::kOk,
                    now);
@@ -286,7 +283,7 @@ TEST(StationMinutes, OfBeforeARestartAreInPointsAndStrips) {
     before.takeMinutes(stored, now);
     EXPECT_EQ(stored.size(), 20U);  // each once
 
-    pass(5min);
+    now += 5min;
     now.steady += 77s;  // the machine was started anew
     History after;
     after.add(sample, StripCell::kOk, now);

@@ -113,6 +113,29 @@ struct Site {
     }
 };
 
+// The station of a site, with what its main thread has.
+struct Running {
+    const SignalMask mask;
+    Mailbox mailbox;
+    FileKeeper keeper{{"", [](Configuration&) {}, readTextFile}, mailbox};
+    Station station;
+
+    Running(const Site& site, LoadedRuntime&& channels)
+        : station(read(site, [](Configuration&) {}), std::move(channels), keeper, mailbox) {}
+
+    static LoadedFiles read(const Site& site, const std::function<void(Configuration&)>& change) {
+        LoadedFiles files;
+        const auto configuration = std::make_shared<Configuration>(*site.configuration);
+        change(*configuration);
+        files.configuration = configuration;
+        return files;
+    }
+    // Files are read anew, and the configuration has this change.
+    void reload(const Site& site, const std::function<void(Configuration&)>& change) {
+        mailbox.send(read(site, change));
+    }
+};
+
 // The station's answer to a GET over its socket.
 nlohmann::json asked(const fs::path& path, const std::string& target) {
     const int connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -142,13 +165,7 @@ TEST(Station, AlarmsAndWindowsOutliveFilesThatCanBeReadLater) {
             fs::rename(site.state / "events.db", site.state / "elsewhere");
             fs::create_directory(site.state / "events.db");
         }
-        const SignalMask mask;
-        Mailbox mailbox;
-        FileKeeper keeper({"", [](Configuration&) {}, readTextFile}, mailbox);
-        LoadedFiles files;
-        files.configuration = site.configuration;
-        const Station station(std::move(files), {std::nullopt, "channels.json cannot be read"}, keeper,
-                              mailbox);
+        Running running(site, {std::nullopt, "channels.json cannot be read"});
         // By then receivers were told what is raised.
         ASSERT_TRUE(eventually([&] { return site.count("raised", "probe_silent") == 1; }));
         if (eventsToo) {
@@ -161,10 +178,10 @@ TEST(Station, AlarmsAndWindowsOutliveFilesThatCanBeReadLater) {
             return windows.size() == 1;
         })) << windows;
         EXPECT_EQ(windows[0]["id"], kWindow);
-        mailbox.send(LoadedRuntime{site.channels(), {}});
+        running.mailbox.send(LoadedRuntime{site.channels(), {}});
         std::this_thread::sleep_for(1500ms);
         EXPECT_EQ(site.count("cleared", "no_signal"), 0);
-        mailbox.send(LoadedRuntime{RuntimeChannels{}, {}});
+        running.mailbox.send(LoadedRuntime{RuntimeChannels{}, {}});
         EXPECT_TRUE(eventually([&] { return site.count("cleared", "no_signal") == 1; })) << "it was raised";
     }
 }
@@ -173,18 +190,9 @@ TEST(Station, TellsAWebhookThatAReloadAddsWhatIsRaised) {
     Site site;
     site.raiseBefore();
     const WebhookServer added;
-    const SignalMask mask;
-    Mailbox mailbox;
-    FileKeeper keeper({"", [](Configuration&) {}, readTextFile}, mailbox);
-    LoadedFiles files;
-    files.configuration = site.configuration;
-    const Station station(std::move(files), {site.channels(), {}}, keeper, mailbox);
+    Running running(site, {site.channels(), {}});
     ASSERT_TRUE(eventually([&] { return site.count("raised", "probe_silent") == 1; }));
-    LoadedFiles read;
-    const auto configuration = std::make_shared<Configuration>(*site.configuration);
-    configuration->webhooks.emplace_back().url = added.url();
-    read.configuration = configuration;
-    mailbox.send(std::move(read));
+    running.reload(site, [&](Configuration& read) { read.webhooks.emplace_back().url = added.url(); });
     EXPECT_TRUE(eventually([&] {
         const auto bodies = added.taken();
         return std::ranges::any_of(bodies, [](const std::string& body) {
@@ -196,29 +204,22 @@ TEST(Station, TellsAWebhookThatAReloadAddsWhatIsRaised) {
 
 TEST(Station, NotesWhatNeedsARestartAsLongAsItDoes) {
     const Site site;
-    const SignalMask mask;
-    Mailbox mailbox;
-    FileKeeper keeper({"", [](Configuration&) {}, readTextFile}, mailbox);
-    const auto files = [&](const char* listen) {
-        LoadedFiles read;
-        const auto configuration = std::make_shared<Configuration>(*site.configuration);
-        configuration->listen = listen;
-        read.configuration = configuration;
-        return read;
+    Running running(site, {RuntimeChannels{}, {}});
+    const auto listen = [&](const char* where) {
+        running.reload(site, [where](Configuration& read) { read.listen = where; });
     };
-    const Station station(files(""), {RuntimeChannels{}, {}}, keeper, mailbox);
     const auto notes = [&] {
         const auto status = asked(site.configuration->socket, "/api/v1/status");
         return status.is_object() ? status["notes"].dump() : "no answer";
     };
     EXPECT_EQ(notes(), "[]");
     const char* const kNote = "listen was changed to";
-    mailbox.send(files("127.0.0.1:1"));
+    listen("127.0.0.1:1");
     EXPECT_TRUE(eventually([&] { return notes().find(kNote) != std::string::npos; })) << notes();
-    mailbox.send(files("127.0.0.1:1"));
+    listen("127.0.0.1:1");
     std::this_thread::sleep_for(1500ms);
     EXPECT_NE(notes().find(kNote), std::string::npos) << "a reload that changes nothing mends nothing";
-    mailbox.send(files(""));
+    listen("");
     EXPECT_TRUE(eventually([&] { return notes() == "[]"; })) << notes();
 }
 
@@ -270,7 +271,8 @@ struct Kept {
     std::thread serving;
     std::atomic<bool> over{false};
 
-    Kept() {
+    // With the files loaded and their changes followed, or with neither.
+    explicit Kept(bool serves = true) {
         std::ofstream(directory.path() / "station.toml") << "[[playlist]]\nfile = \"a.m3u\"\n";
         write(1);
         keeper.emplace(FileReader::Options{directory.path() / "station.toml", [](Configuration&) {},
@@ -280,6 +282,9 @@ struct Kept {
                                                return readTextFile(file, limit, problem);
                                            }},
                        mailbox);
+        if (!serves) {
+            return;
+        }
         EXPECT_EQ(keeper->load()->playlists.at(0).second.channels.size(), 1U);
         EXPECT_TRUE(keeper->loadRuntime(directory.path()).channels);
         serving = std::thread([this] {
@@ -291,7 +296,9 @@ struct Kept {
         if (!over) {
             kill(getpid(), SIGTERM);
         }
-        serving.join();
+        if (serving.joinable()) {
+            serving.join();
+        }
         keeper.reset();
     }
     // The playlist, so that nothing tells that it changed but what is in it.
@@ -319,28 +326,17 @@ TEST(FileKeeper, ReadsAllFilesOnSighupAndEndsOnSigterm) {
 }
 
 TEST(FileKeeper, EndsOnSigtermWhileTheFirstReadingHangs) {
-    const ScratchDirectory directory;
-    const SignalMask mask;
-    Mailbox mailbox;
-    std::mutex hanging;
-    std::unique_lock hang(hanging);
-    std::ofstream(directory.path() / "station.toml") << "[[playlist]]\nfile = \"a.m3u\"\n";
-    FileKeeper keeper({directory.path() / "station.toml", [](Configuration&) {},
-                       [&](const fs::path& file, std::size_t limit, auto& problem) {
-                           const std::lock_guard lock(hanging);
-                           return readTextFile(file, limit, problem);
-                       }},
-                      mailbox);
+    Kept kept(false);
+    std::unique_lock hang(kept.hanging);
     std::optional<LoadedFiles> files;
-    std::atomic<bool> over{false};
     std::thread loading([&] {
-        files = keeper.load();
-        over = true;
+        files = kept.keeper->load();
+        kept.over = true;
     });
     std::this_thread::sleep_for(200ms);
-    EXPECT_FALSE(over) << "the disk hangs";
+    EXPECT_FALSE(kept.over) << "the disk hangs";
     kill(getpid(), SIGTERM);
-    EXPECT_TRUE(eventually([&] { return over.load(); }));
+    EXPECT_TRUE(eventually([&] { return kept.over.load(); }));
     hang.unlock();
     loading.join();
     EXPECT_FALSE(files) << "nothing is started any more";

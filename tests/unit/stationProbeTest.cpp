@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -19,7 +18,7 @@
 #include "probe/pipeReader.h"
 #include "probe/probeLink.h"
 #include "probeWatch.h"
-#include "support/scratch.h"
+#include "support/inScratch.h"
 
 using namespace std::chrono_literals;
 using station::Group;
@@ -72,15 +71,24 @@ struct FakeProbe {
     }
 };
 
+struct StationProbe : testing::Test {
+    // It has been told so many groups, and shows them.
+    void settle(int count, int seconds = 2) {
+        link.want(groups(count));
+        for (int i = 0; i < seconds; ++i) {
+            probe.second();
+        }
+        ASSERT_EQ(probe.list, groups(count));
+    }
+
+    ProbeLink link;
+    FakeProbe probe{link};
+};
+
 }  // namespace
 
-TEST(StationProbe, HasGroupsJoinedAgainWithoutTouchingOthers) {
-    ProbeLink link;
-    link.want(groups(3));
-    FakeProbe probe(link);
-    probe.second();
-    probe.second();
-    ASSERT_EQ(probe.list, groups(3));
+TEST_F(StationProbe, HasGroupsJoinedAgainWithoutTouchingOthers) {
+    settle(3);
     link.rejoin({group(1), group(7)});
     const auto answer = probe.ask();
     EXPECT_THAT(answer.remove, ElementsAre(group(1)));
@@ -121,11 +129,9 @@ struct ProbesMemberships {
     Groups passively;
 };
 
-TEST(StationProbe, HasSomeGroupsJoinedWithoutIgmp) {
-    ProbeLink link;
-    FakeProbe probe(link);
+TEST_F(StationProbe, HasSomeGroupsJoinedWithoutIgmp) {
     ProbesMemberships held;
-    const auto settle = [&] {
+    const auto settled = [&] {
         for (int i = 0; i < 12; ++i) {
             held.act(probe.ask());
             if (i % 2 == 1) {
@@ -141,11 +147,11 @@ TEST(StationProbe, HasSomeGroupsJoinedWithoutIgmp) {
         rest.erase(one);
     }
     link.want(groups(10));
-    settle();
+    settled();
     EXPECT_EQ(held.igmp, groups(10));
     for (int i = 0; i < 2; ++i) {
         link.want(groups(10), some);
-        settle();
+        settled();
         EXPECT_EQ(held.igmp, rest);
         EXPECT_EQ(held.passively, some);
         for (int quiet = 0; quiet < 10; ++quiet) {
@@ -155,7 +161,7 @@ TEST(StationProbe, HasSomeGroupsJoinedWithoutIgmp) {
             EXPECT_EQ(answer.passive, false);
         }
         link.want(groups(10));
-        settle();
+        settled();
         EXPECT_EQ(held.igmp, groups(10));
         EXPECT_THAT(held.passively, IsEmpty());
     }
@@ -164,37 +170,31 @@ TEST(StationProbe, HasSomeGroupsJoinedWithoutIgmp) {
     FakeProbe second(fresh);
     ProbesMemberships anew;
     fresh.want(groups(10), some);
-    for (int i = 0; i < 6; ++i) {
-        anew.act(second.ask());
-    }
+    // Whether it was told to clear its counters.
+    const auto turns = [&](int count) {
+        bool cleared = false;
+        for (int i = 0; i < count; ++i) {
+            const auto answer = second.ask();
+            cleared = cleared || answer.clearAll;
+            anew.act(answer);
+        }
+        return cleared;
+    };
+    turns(6);
     EXPECT_EQ(anew.igmp, rest);
     EXPECT_EQ(anew.passively, some);
     fresh.clearCounters();
-    bool cleared = false;
-    for (int i = 0; i < 8; ++i) {
-        const auto answer = second.ask();
-        cleared = cleared || answer.clearAll;
-        anew.act(answer);
-    }
-    EXPECT_TRUE(cleared);
+    EXPECT_TRUE(turns(8));
     EXPECT_EQ(anew.igmp, rest);
     fresh.want({});
-    for (int i = 0; i < 6; ++i) {
-        anew.act(second.ask());
-    }
+    turns(6);
     EXPECT_THAT(anew.igmp, IsEmpty());
     EXPECT_THAT(anew.passively, IsEmpty());
     EXPECT_FALSE(anew.passive);
 }
 
-TEST(StationProbe, JoinsManyAgainAtTheProbesPace) {
-    ProbeLink link;
-    link.want(groups(2000));
-    FakeProbe probe(link);
-    for (int i = 0; i < 12; ++i) {
-        probe.second();
-    }
-    ASSERT_EQ(probe.list, groups(2000));
+TEST_F(StationProbe, JoinsManyAgainAtTheProbesPace) {
+    settle(2000, 12);
     Groups most = groups(1990);
     link.rejoin(most);
     std::size_t largest = 0;
@@ -212,10 +212,8 @@ TEST(StationProbe, JoinsManyAgainAtTheProbesPace) {
     EXPECT_EQ(probe.list, groups(2000));
 }
 
-TEST(StationProbe, TellsAFreshProbeTwoHundredGroupsAnAnswerOnce) {
-    ProbeLink link;
+TEST_F(StationProbe, TellsAFreshProbeTwoHundredGroupsAnAnswerOnce) {
     link.want(groups(450));
-    FakeProbe probe(link);
     EXPECT_THAT(probe.ask().append, IsEmpty()) << "whether it monitors is not known yet";
     EXPECT_THAT(probe.ask().append, SizeIs(200));
     EXPECT_THAT(probe.ask().append, SizeIs(200));
@@ -227,13 +225,8 @@ TEST(StationProbe, TellsAFreshProbeTwoHundredGroupsAnAnswerOnce) {
     EXPECT_EQ(probe.list, groups(450));
 }
 
-TEST(StationProbe, TellsAProbeThatLostItsListAllGroupsAgain) {
-    ProbeLink link;
-    link.want(groups(3));
-    FakeProbe probe(link);
-    probe.second();
-    probe.second();
-    ASSERT_EQ(probe.list, groups(3));
+TEST_F(StationProbe, TellsAProbeThatLostItsListAllGroupsAgain) {
+    settle(3);
     // It is back at once, and the one before is not known to be gone yet.
     probe.sequence = 0;
     probe.list.clear();
@@ -255,7 +248,7 @@ TEST(StationProbe, TellsAProbeThatLostItsListAllGroupsAgain) {
     EXPECT_EQ(probe.event, ProbeLink::Event::kReplaced);
 }
 
-TEST(StationProbe, TellsOneOfTwoAndSaysThatThereAreTwo) {
+TEST_F(StationProbe, TellsOneOfTwoAndSaysThatThereAreTwo) {
     struct Case {
         const char* what;
         int32_t second;                         // its first number
@@ -273,38 +266,36 @@ TEST(StationProbe, TellsOneOfTwoAndSaysThatThereAreTwo) {
     };
     for (const Case& one : cases) {
         SCOPED_TRACE(one.what);
-        ProbeLink link;
-        link.want(groups(3));
-        FakeProbe probe(link);
-        probe.second();
+        ProbeLink asked;
+        asked.want(groups(3));
+        FakeProbe first(asked);
+        first.second();
         int32_t number = one.second;
         for (int i = 0; i < 240; ++i) {
-            probe.ask();
-            ASSERT_EQ(probe.event, ProbeLink::Event::kNone) << i;
-            ASSERT_EQ(link.request(number, probe.now + one.offset), ProbeLink::Event::kAside) << i;
-            const auto answer = link.answer(probe.now + one.offset);
+            first.ask();
+            ASSERT_EQ(first.event, ProbeLink::Event::kNone) << i;
+            ASSERT_EQ(asked.request(number, first.now + one.offset), ProbeLink::Event::kAside) << i;
+            const auto answer = asked.answer(first.now + one.offset);
             EXPECT_TRUE(answer.append.empty() && answer.remove.empty() && !answer.clearAll);
             number = one.next(number);
-            link.shown(probe.list, probe.now);
+            asked.shown(first.list, first.now);
             if (i == 0) {
-                EXPECT_FALSE(link.secondAsker(probe.now)) << "may be a restart";
+                EXPECT_FALSE(asked.secondAsker(first.now)) << "may be a restart";
             }
         }
-        EXPECT_TRUE(link.secondAsker(probe.now));
-        EXPECT_EQ(probe.told, 3U);
+        EXPECT_TRUE(asked.secondAsker(first.now));
+        EXPECT_EQ(first.told, 3U);
         // The other one is gone.
         for (int i = 0; i < 22; ++i) {
-            probe.ask();
+            first.ask();
         }
-        EXPECT_FALSE(link.secondAsker(probe.now));
+        EXPECT_FALSE(asked.secondAsker(first.now));
     }
 }
 
-TEST(StationProbe, TellsAnotherWhenTheFirstAskerDoesNotDoAsItIsTold) {
-    ProbeLink link;
+TEST_F(StationProbe, TellsAnotherWhenTheFirstAskerDoesNotDoAsItIsTold) {
     link.want(groups(3));
     FakeProbe idle(link);
-    FakeProbe probe(link);
     idle.sequence = 50;
     for (int i = 0; i < 20; ++i) {
         idle.ask();
@@ -316,10 +307,8 @@ TEST(StationProbe, TellsAnotherWhenTheFirstAskerDoesNotDoAsItIsTold) {
     EXPECT_TRUE(link.secondAsker(probe.now));
 }
 
-TEST(StationProbe, TellsAProbeThatWasRunningOnlyTheDifference) {
-    ProbeLink link;
+TEST_F(StationProbe, TellsAProbeThatWasRunningOnlyTheDifference) {
     link.want(groups(3));
-    FakeProbe probe(link);
     probe.sequence = 1000;
     probe.list = {group(0), group(1), group(7)};
     probe.second();
@@ -333,13 +322,8 @@ TEST(StationProbe, TellsAProbeThatWasRunningOnlyTheDifference) {
     EXPECT_EQ(probe.list, groups(3));
 }
 
-TEST(StationProbe, TellsAGroupAgainThatThreeSnapshotsMissed) {
-    ProbeLink link;
-    link.want(groups(2));
-    FakeProbe probe(link);
-    probe.second();
-    probe.second();
-    probe.second();
+TEST_F(StationProbe, TellsAGroupAgainThatThreeSnapshotsMissed) {
+    settle(2, 3);
     ASSERT_EQ(probe.told, 2U);
     probe.list.erase(group(1));
     for (int i = 0; i < 3; ++i) {
@@ -351,11 +335,9 @@ TEST(StationProbe, TellsAGroupAgainThatThreeSnapshotsMissed) {
     EXPECT_EQ(probe.list, groups(2));
 }
 
-TEST(StationProbe, LeavesAScanningProbeAlone) {
-    ProbeLink link;
+TEST_F(StationProbe, LeavesAScanningProbeAlone) {
     link.want(groups(2));
     link.clearCounters();
-    FakeProbe probe(link);
     for (int i = 0; i < 5; ++i) {
         const auto answer = probe.ask(2500ms);
         EXPECT_FALSE(answer.clearAll);
@@ -364,14 +346,8 @@ TEST(StationProbe, LeavesAScanningProbeAlone) {
     EXPECT_TRUE(link.scanning());
 }
 
-TEST(StationProbe, RemovesFewGroupsAnAnswerFromALongList) {
-    ProbeLink link;
-    link.want(groups(1000));
-    FakeProbe probe(link);
-    for (int i = 0; i < 10; ++i) {
-        probe.second();
-    }
-    ASSERT_EQ(probe.list.size(), 1000U);
+TEST_F(StationProbe, RemovesFewGroupsAnAnswerFromALongList) {
+    settle(1000, 10);
     link.want(groups(900));
     for (int i = 0; i < 2; ++i) {
         EXPECT_THAT(probe.ask().remove, SizeIs(16)) << "the probe prints a million lines for each";
@@ -389,17 +365,15 @@ TEST(StationProbe, RemovesFewGroupsAnAnswerFromALongList) {
 namespace {
 
 // A pipe with a reader that takes at most 100 kB, and a writer that opens and closes it like the probe.
-class StationPipe : public testing::Test {
+class StationPipe : public station::InScratch {
   protected:
-    std::filesystem::path directory{testing::TempDir() + "pipe." + std::to_string(getpid())};
-    std::filesystem::path path{directory / "results"};
+    const std::filesystem::path path{directory / "results"};
     std::mutex mutex;
     std::vector<std::string> taken;
     basics::Descriptor closings;  // of the reader's end
     std::unique_ptr<station::PipeReader> reader;
 
     void SetUp() override {
-        std::filesystem::create_directories(directory);
         makePipe();
         reader = std::make_unique<station::PipeReader>(
             path,
@@ -411,7 +385,6 @@ class StationPipe : public testing::Test {
     }
     void TearDown() override {
         reader.reset();
-        std::filesystem::remove_all(directory);
     }
     void makePipe() {
         ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
@@ -437,7 +410,7 @@ class StationPipe : public testing::Test {
         pollfd item{closings.number(), POLLIN, 0};
         EXPECT_EQ(poll(&item, 1, 60'000), 1);
         std::array<char, 4096> event;
-        EXPECT_GT(read(closings.number(), event.data(), event.size()), 0);
+        EXPECT_GT(::read(closings.number(), event.data(), event.size()), 0);
     }
     std::vector<std::string> takeAll() {
         const std::lock_guard lock(mutex);
@@ -571,23 +544,19 @@ TEST(StationProbeWatch, TellsTheFaultsApart) {
     station::PipeReader::Statistics large;
     large.tooLarge = 1;
     large.lastTooLarge = station::SteadyTime{2h};
+    const ProbeWatch::Ends taken{"port taken", {}};
+    const ProbeWatch::Ends alone{"", {}, "no interface"};
     const Case cases[] = {
         {"all is well", true, true, {}, false, false, ""},
         {"gone", false, false, {}, true, {}, "is kestor -s running?"},
-        {"gone, and the port is not ours", false, false, {"port taken", {}}, true, {}, "port taken"},
-        {"gone, and nothing to capture on",
-         false,
-         false,
-         {"", {}, "no interface"},
-         true,
-         {},
-         "3 s: no interface"},
+        {"gone, and the port is not ours", false, false, taken, true, {}, "port taken"},
+        {"gone, and nothing to capture on", false, false, alone, true, {}, "3 s: no interface"},
         {"asks alone", true, false, {}, true, false, "does something else read its pipe?"},
         {"asks, and has no pipe", true, false, {"", removed}, true, false, "no pipe"},
         {"asks, and says too much", true, false, {"", large}, true, false, "larger than 64 MiB"},
         {"shows, and at times says too much", true, true, {"", large}, false, false, "some snapshots"},
         {"shows alone", false, true, {}, false, true, "did not ask what to watch"},
-        {"shows, and the port is not ours", false, true, {"port taken", {}}, false, true, "port taken"},
+        {"shows, and the port is not ours", false, true, taken, false, true, "port taken"},
     };
     for (const Case& one : cases) {
         SCOPED_TRACE(one.what);

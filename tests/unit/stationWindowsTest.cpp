@@ -3,10 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "eventDesk.h"
+#include "support/movedTime.h"
 #include "support/scratch.h"
 #include "support/webhookServer.h"
 
@@ -18,6 +21,8 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 constexpr WallTime kTime{std::chrono::hours(24 * 365 * 57)};
+
+const std::size_t kNoSignal = *findAlarmType("no_signal");
 
 Group groupOf(int number) {
     return *Group::parse("239.1.1." + std::to_string(number));
@@ -49,10 +54,6 @@ struct Desk {
         EXPECT_THAT(engine->restore(store->initial().active, now), IsEmpty());
         desk->restore(engine->active(), channels, now);
     }
-    void pass(std::chrono::seconds time) {
-        now.steady += time;
-        now.wall += time;
-    }
     void tick() {
         desk->tick(engine->active(), channels, now);
     }
@@ -64,7 +65,7 @@ struct Desk {
     // Twenty seconds without packets, or with some.
     void look(const Group& group, bool signal) {
         for (int second = 0; second < 20; ++second) {
-            pass(1s);
+            now += 1s;
             std::vector<AlarmChange> changes;
             ChannelSample sample;
             sample.signal = true;
@@ -82,6 +83,9 @@ struct Desk {
         alarm.about = group;
         take({{.what = AlarmChange::What::kHappened, .alarm = alarm, .text = "changed"}});
     }
+    HandleAlarms until(int seconds) const {
+        return {.until = now.wall + std::chrono::seconds(seconds)};
+    }
     void window(std::optional<Group> group, std::chrono::seconds time) {
         SetMaintenance action{now.wall, now.wall + time, std::move(group), "ann", "works"};
         desk->store(desk->setMaintenance(action, channels, now), {});
@@ -98,34 +102,32 @@ struct Desk {
         std::string what, whom;
         int count = 0;
         words >> what >> whom >> count;
-        const auto number = [&] { return std::stoi(whom); };
-        if (what == "raise" || what == "clear") {
-            look(groupOf(number()), what == "clear");
-        } else if (what == "happen") {
-            happen(groupOf(number()));
-        } else if (what == "window") {
-            window(whom == "all" ? std::nullopt : std::optional(groupOf(number())),
-                   std::chrono::seconds(count));
-        } else if (what == "shelve" || what == "unshelve") {
-            const HandleAlarms action{.until = now.wall + std::chrono::seconds(count)};
-            const std::size_t type = *findAlarmType("no_signal");
-            const Group group = groupOf(number());
-            EXPECT_TRUE(what == "shelve" ? desk->shelve(group, type, action, channels, now)
-                                         : desk->unshelve(group, type, action, channels, now));
+        const int number = whom.empty() || whom == "all" ? 0 : std::stoi(whom);
+        const std::optional<Group> group = whom == "all" ? std::nullopt : std::optional(groupOf(number));
+        const std::map<std::string, std::function<void()>> acts = {
+            {"raise", [&] { look(*group, false); }},
+            {"clear", [&] { look(*group, true); }},
+            {"happen", [&] { happen(*group); }},
+            {"window", [&] { window(group, std::chrono::seconds(count)); }},
+            {"shelve", [&] { EXPECT_TRUE(desk->shelve(*group, kNoSignal, until(count), channels, now)); }},
+            {"unshelve", [&] { EXPECT_TRUE(desk->unshelve(*group, kNoSignal, {}, channels, now)); }},
+            {"end", [&] { end(); }},
+            {"pass",
+             [&] {
+                 for (int second = 0; second < number; ++second) {
+                     now += 1s;
+                     tick();
+                 }
+             }},
+            {"down",  // the station, for so long
+             [&] {
+                 now += std::chrono::seconds(number);
+                 start();
+             }},
+        };
+        acts.at(what)();
+        if (what.ends_with("shelve") || what == "end") {
             tick();
-        } else if (what == "end") {
-            end();
-            tick();
-        } else if (what == "pass") {
-            for (int second = 0; second < number(); ++second) {
-                pass(1s);
-                tick();
-            }
-        } else if (what == "down") {  // the station, for so long
-            pass(std::chrono::seconds(number()));
-            start();
-        } else {
-            FAIL() << step;
         }
     }
     // Waits until all that came so far is told, and says what that is: "raised 1" and so on.
@@ -168,63 +170,44 @@ struct Desk {
 };
 
 TEST(StationWindows, SilenceWhatIsTheirsAndNothingIsLostBehindThem) {
-    struct Case {
-        const char* what;
-        std::vector<std::string> steps;
-        std::string within;               // told after these
-        std::vector<std::string> behind;  // further steps
-        std::string after;                // all that was told then
-    };
-    const Case cases[] = {
-        {"none", {"raise 1"}, "raised 1", {"clear 1"}, "raised 1, cleared 1"},
-        {"over before its end", {"window 1 100", "raise 1"}, "", {"clear 1", "pass 100"}, ""},
-        {"still raised at its end", {"window 1 100", "raise 1", "pass 79"}, "", {"pass 1"}, "raised 1"},
+    // Steps, and behind => all that was told until then.
+    const std::pair<const char*, const char*> cases[] = {
+        {"none", "raise 1 => raised 1; clear 1 => raised 1, cleared 1"},
+        {"over before its end", "window 1 100, raise 1 => ; clear 1, pass 100 => "},
+        {"still raised at its end", "window 1 100, raise 1, pass 79 => ; pass 1 => raised 1"},
         {"told once behind it, and cleared",
-         {"window 1 100", "raise 1"},
-         "",
-         {"pass 90", "pass 5", "clear 1"},
-         "raised 1, cleared 1"},
-        {"ended on demand", {"window 1 1000", "raise 1"}, "", {"end"}, "raised 1"},
-        {"raised before it", {"raise 1", "window 1 100"}, "raised 1", {"clear 1"}, "raised 1, cleared 1"},
-        {"raised before it, and longer", {"raise 1", "window 1 50"}, "raised 1", {"pass 60"}, "raised 1"},
-        {"of another", {"window 2 100", "raise 1"}, "raised 1", {"raise 2"}, "raised 1"},
-        {"of all", {"window all 100", "raise 1", "raise 2"}, "", {"clear 2", "pass 100"}, "raised 1"},
-        {"two at once", {"window 1 50", "window all 100", "raise 1", "pass 40"}, "", {"pass 40"}, "raised 1"},
-        {"what happens once", {"window 1 50", "happen 1"}, "", {"pass 50", "happen 1"}, "happened 1"},
-        {"a restart within it", {"window 1 100", "raise 1", "down 5"}, "", {"pass 80"}, "raised 1"},
+         "window 1 100, raise 1 => ; pass 90, pass 5, clear 1 => raised 1, cleared 1"},
+        {"ended on demand", "window 1 1000, raise 1 => ; end => raised 1"},
+        {"raised before it", "raise 1, window 1 100 => raised 1; clear 1 => raised 1, cleared 1"},
+        {"raised before it, and longer", "raise 1, window 1 50 => raised 1; pass 60 => raised 1"},
+        {"of another", "window 2 100, raise 1 => raised 1; raise 2 => raised 1"},
+        {"of all", "window all 100, raise 1, raise 2 => ; clear 2, pass 100 => raised 1"},
+        {"two at once", "window 1 50, window all 100, raise 1, pass 40 => ; pass 40 => raised 1"},
+        {"what happens once", "window 1 50, happen 1 => ; pass 50, happen 1 => happened 1"},
+        {"a restart within it", "window 1 100, raise 1, down 5 => ; pass 80 => raised 1"},
         {"a restart within it, of what was told",
-         {"raise 1", "window 1 100", "down 5"},
-         "raised 1",
-         {"pass 100", "clear 1"},
-         "raised 1, cleared 1"},
+         "raise 1, window 1 100, down 5 => raised 1; pass 100, clear 1 => raised 1, cleared 1"},
         {"shelved, and it flaps",
-         {"shelve 1 200", "raise 1", "clear 1", "raise 1", "pass 139"},
-         "",
-         {"pass 1"},
-         "raised 1"},
-        {"shelved over a restart", {"shelve 1 100", "raise 1", "down 5"}, "", {"pass 80"}, "raised 1"},
-        {"taken off the shelf", {"shelve 1 1000", "raise 1"}, "", {"unshelve 1"}, "raised 1"},
-        {"shelved after it was told",
-         {"raise 1", "shelve 1 100"},
-         "raised 1",
-         {"clear 1"},
-         "raised 1, cleared 1"},
-        {"shelved, and another one is not", {"shelve 1 100", "raise 2"}, "raised 2", {"raise 1"}, "raised 2"},
-        {"over while the station is down", {"window 1 50", "raise 1", "down 50"}, "raised 1", {}, "raised 1"},
+         "shelve 1 200, raise 1, clear 1, raise 1, pass 139 => ; pass 1 => raised 1"},
+        {"shelved over a restart", "shelve 1 100, raise 1, down 5 => ; pass 80 => raised 1"},
+        {"taken off the shelf", "shelve 1 1000, raise 1 => ; unshelve 1 => raised 1"},
+        {"shelved after it was told", "raise 1, shelve 1 100 => raised 1; clear 1 => raised 1, cleared 1"},
+        {"shelved, and another one is not", "shelve 1 100, raise 2 => raised 2; raise 1 => raised 2"},
+        {"over while the station is down", "window 1 50, raise 1, down 50 => raised 1"},
     };
-    for (const Case& one : cases) {
-        SCOPED_TRACE(one.what);
+    for (const auto& [what, script] : cases) {
+        SCOPED_TRACE(what);
         Desk desk;
-        for (const std::string& step : one.steps) {
-            desk.act(step);
-            desk.told();
+        std::istringstream parts(script);
+        for (std::string part; std::getline(parts >> std::ws, part, ';');) {
+            const std::size_t end = part.find(" => ");
+            std::istringstream steps(part.substr(0, end));
+            for (std::string step; std::getline(steps, step, ',');) {
+                desk.act(step);
+                desk.told();
+            }
+            EXPECT_EQ(desk.told(), part.substr(end + 4)) << part;
         }
-        EXPECT_EQ(desk.told(), one.within);
-        for (const std::string& step : one.behind) {
-            desk.act(step);
-            desk.told();
-        }
-        EXPECT_EQ(desk.told(), one.after);
     }
 }
 
@@ -244,12 +227,12 @@ TEST(StationWindows, HoldFromTheirBeginUpToTheirEnd) {
         EXPECT_FALSE(desk.desk->inMaintenance(Source::kProbe, then)) << "the probe is no channel";
     }
     desk.desk->store(id, {});
-    desk.pass(19s);
+    desk.now += 19s;
     desk.tick();
     EXPECT_THAT(desk.desk->maintenance(), SizeIs(1));
     desk.start();
     EXPECT_THAT(desk.desk->maintenance(), SizeIs(1)) << "kept on the disk";
-    desk.pass(1s);
+    desk.now += 1s;
     desk.tick();
     EXPECT_THAT(desk.desk->maintenance(), IsEmpty());
     desk.start();
