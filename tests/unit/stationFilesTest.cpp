@@ -8,6 +8,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <fstream>
+#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -588,27 +589,19 @@ TEST_F(StationFiles, SavesAreTriedAgainAndNobodyIsToldTooLate) {
     const fs::path state = directory / "state";
     ChannelSaver saver(state, [](LoadedRuntime&&) {});
     ASSERT_TRUE(saver.load(5s).channels);
-    std::mutex mutex;
-    std::vector<std::string> told;
-    const auto tell = [&](const std::string& problem) {
-        const std::lock_guard lock(mutex);
-        told.push_back(problem);
+    const auto saved = [&](const char* name) {
+        std::promise<std::string> told;
+        saver.save(oneChannel(name), [&](const std::string& problem) { told.set_value(problem); });
+        return told.get_future().get();
     };
-    const auto count = [&] {
-        const std::lock_guard lock(mutex);
-        return told.size();
-    };
-    saver.save(oneChannel("one"), tell);
-    ASSERT_TRUE(eventually([&] { return count() == 1; }));
-    EXPECT_EQ(told[0], "");
+    EXPECT_EQ(saved("one"), "");
     fs::create_directory(state / "channels.json.new");  // cannot be written
-    saver.save(oneChannel("two"), tell);
-    ASSERT_TRUE(eventually([&] { return count() == 2; }));
-    EXPECT_THAT(told[1], HasSubstr("cannot be created"));
+    EXPECT_THAT(saved("two"), HasSubstr("cannot be created"));
     saver.mute();
-    saver.save(oneChannel("three"), tell);
+    std::atomic<int> late{0};
+    saver.save(oneChannel("three"), [&](const std::string&) { ++late; });
     fs::remove(state / "channels.json.new");
     EXPECT_TRUE(saver.end(5s));
-    EXPECT_EQ(count(), 2u);
+    EXPECT_EQ(late, 0);
     EXPECT_EQ(RuntimeChannelFile(state).load().channels->begin()->second.channel.name, "three");
 }

@@ -221,17 +221,12 @@ TEST_F(StationMeterMetrics, WithstandWhatAStreamSaysOfItself) {
         stream.pid = static_cast<uint16_t>(program + 1000);
         stream.kind = meter::StreamKind::kVideo;
     }
+    const meter::ClockReport clock = hostile.clocks[0];
+    hostile.clocks.clear();
     for (uint16_t pid = 0; pid < 2000; ++pid) {
-        meter::PidReport one = hostile.pids[0];
-        one.pid = pid;
-        hostile.pids.push_back(one);
-        hostile.clocks.push_back(hostile.clocks[0]);
-        hostile.clocks.back().pid = pid;
+        hostile.pids.emplace_back(hostile.pids[0]).pid = pid;
+        hostile.clocks.emplace_back(clock).pid = pid;
     }
-    std::ranges::stable_sort(hostile.clocks, {}, &meter::ClockReport::pid);
-    hostile.clocks.erase(std::unique(hostile.clocks.begin(), hostile.clocks.end(),
-                                     [](const auto& a, const auto& b) { return a.pid == b.pid; }),
-                         hostile.clocks.end());
     report(hostile);
     const Series found = series();
     const auto count = [&](const std::string& family) {

@@ -165,23 +165,18 @@ struct World {
         HttpOutcome outcome = status(200);
         const bool bad = std::ranges::any_of(message->notifications,
                                              [this](const Notification& one) { return isBad(one.alarmId); });
-        switch (healthy ? 9 : roll(10)) {
-            case 0:
-                outcome = status(500);
-                break;
-            case 1:
-                outcome = noAnswer(false);
-                break;
-            case 2:
-                remember();
-                outcome = noAnswer(true);
-                break;
-            case 3:
-                reach();
-                outcome = noAnswer(true);
-                break;
-            default:
-                bad ? static_cast<void>(outcome = status(400)) : reach();
+        const unsigned what = healthy ? 9 : roll(10);
+        if (what == 0) {
+            outcome = status(500);
+        } else if (what == 1) {
+            outcome = noAnswer(false);
+        } else if (what <= 3) {
+            what == 2 ? remember() : reach();
+            outcome = noAnswer(true);
+        } else if (bad) {
+            outcome = status(400);
+        } else {
+            reach();
         }
         message.reset();
         keep(receiver->settle(outcome, now()));
