@@ -4,6 +4,7 @@
 
 #include "fuzz/fuzzing.h"
 #include "meter/channelAnalyser.h"
+#include "meter/reportText.h"
 #include "support/psiBuilder.h"
 
 using psi::Bytes;
@@ -17,6 +18,8 @@ constexpr uint8_t kCue = 0x86;
 // Tables, a program's streams, null packets and one that nobody knows.
 constexpr std::array<uint16_t, 16> kPids = {0,     1,     16,    17,    18,    20,    0x100,  0x101,
                                             0x102, 0x103, 0x104, 0x200, 0x101, 0x101, 0x1FFF, 0x300};
+// Those that carry sections.
+constexpr std::array<uint16_t, 8> kTablePids = {0, 1, 16, 17, 18, 20, 0x100, 0x103};
 
 // Reads the fuzzer's bytes; zeros behind their end.
 class Input {
@@ -62,6 +65,59 @@ void appendPacket(Bytes& payload, Input& input, std::array<uint8_t, 16>& counter
     payload.insert(payload.end(), packet.begin(), packet.end());
 }
 
+// A section of the input's making, but for its length and its CRC_32, which are right: what is behind the
+// checksum is reached.
+Bytes sectionPackets(Input& input, std::array<uint8_t, 8>& counters) {
+    const unsigned which = input.byte();
+    Bytes section(3 + ((which & 8) != 0 ? 4U : 1U) * input.byte());
+    input.into(section);
+    const std::size_t length = section.size() + 4 - 3;
+    section[1] = static_cast<uint8_t>((section[1] & 0xF0) | length >> 8);
+    section[2] = psi::low8(length);
+    section = psi::concat({{0}, psi::withCrc(section)});
+    Bytes packets;
+    for (std::size_t at = 0; at < section.size(); at += kPacketSize - 4) {
+        uint8_t& counter = counters[which & 7];
+        counter = (counter + 1) & 0x0F;
+        packets = psi::concat({packets,
+                               {0x47},
+                               psi::u16((at == 0 ? 0x4000U : 0U) | kTablePids[which & 7]),
+                               {static_cast<uint8_t>(0x10 | counter)}});
+        const std::size_t size = std::min(section.size() - at, kPacketSize - 4);
+        packets.insert(packets.end(), section.begin() + static_cast<long>(at),
+                       section.begin() + static_cast<long>(at + size));
+        packets.resize((packets.size() + kPacketSize - 1) / kPacketSize * kPacketSize, 0xFF);
+    }
+    return packets;
+}
+
+// Packets with a PCR at even distances, of one PID or of one after the other: what needs seconds of a stream,
+// or more PIDs than have a place.
+struct Regular {
+    explicit Regular(Input& input)
+        : pid(input.word()), count(4U * input.byte()), gapMs(input.byte()), lateNs(input.word()) {}
+    Bytes next() {
+        pcr = (pcr + gapMs * 27'000) % ((uint64_t{1} << 33) * 300);
+        const uint64_t base = pcr / 300;
+        const unsigned extension = static_cast<unsigned>(pcr % 300);
+        Bytes packet = psi::concat({{0x47},
+                                    psi::u16(pid & 0x1FFF),
+                                    {0x20, 183, 0x10},
+                                    psi::u32(base >> 1),
+                                    psi::u16((base & 1) << 15 | 0x7E00 | extension)});
+        packet.resize(kPacketSize, 0xFF);
+        if ((pid & 0x2000) != 0) {
+            pid = (pid & 0xE000) | ((pid + 1) & 0x1FFF);
+        }
+        return packet;
+    }
+    unsigned pid;  // 13 bits, and whether the next one's is another
+    unsigned count;
+    unsigned gapMs;
+    int64_t lateNs;  // every other one
+    uint64_t pcr = 0;
+};
+
 // Tables that are right, so that there are programs, streams and a CAT.
 Bytes tables() {
     const Bytes german = psi::descriptor(0x0A, {'d', 'e', 'u', 0});
@@ -105,7 +161,19 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     datagram.destination = 0xEF010101;
     datagram.destinationPort = 5000;
     std::array<uint8_t, 16> counters{};
+    std::array<uint8_t, 8> tableCounters{};
     uint16_t sequence = 0;
+    unsigned regularLeft = 4096;
+    const auto feed = [&](const Bytes& payload) {
+        // In a block of its own size, so that a byte too many is noticed.
+        const std::vector<uint8_t> bytes(payload);
+        if (settings.bare) {
+            analyser.feedPackets(bytes);
+        } else {
+            datagram.payload = bytes;
+            analyser.feed(datagram);
+        }
+    };
     while (!input.empty()) {
         const uint8_t record = input.byte();
         // Up to three hours at once, and back.
@@ -130,8 +198,23 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
                 datagram.source = input.byte();
                 datagram.fragment = (datagram.source & 0x80) != 0;
                 continue;
-            case 4:
             case 5:
+                payload = sectionPackets(input, tableCounters);
+                break;
+            case 7: {
+                Regular regular(input);
+                for (; regular.count > 0 && regularLeft > 0; --regular.count, --regularLeft) {
+                    const int64_t gap = regular.gapMs * int64_t{1'000'000} +
+                                        ((regular.count & 1) != 0 ? regular.lateNs : -regular.lateNs);
+                    if (__builtin_add_overflow(datagram.arrival, gap, &datagram.arrival)) {
+                        break;
+                    }
+                    datagram.wall = datagram.arrival;
+                    feed(regular.next());
+                }
+                continue;
+            }
+            case 4:
                 payload = rtpHeader(input, sequence);
                 [[fallthrough]];
             default:
@@ -139,14 +222,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
                     appendPacket(payload, input, counters);
                 }
         }
-        // In a block of its own size, so that a byte too many is noticed.
-        const std::vector<uint8_t> bytes(payload);
-        if (settings.bare) {
-            analyser.feedPackets(bytes);
-        } else {
-            datagram.payload = bytes;
-            analyser.feed(datagram);
-        }
+        feed(payload);
         if (record == 0x1D || analyser.excerptIsEnded()) {
             analyser.takeExcerpt();
             analyser.beginExcerpt((datagram.arrival & 1) != 0);
@@ -154,7 +230,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     }
     meter::toJson(analyser.report());
     analyser.finish();
-    meter::toJson(analyser.report());
+    const meter::Report report = analyser.report();
+    meter::toJson(report);
+    meter::reportText(report, "");
     analyser.takeEvents();
     return 0;
 }
