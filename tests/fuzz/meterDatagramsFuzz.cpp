@@ -5,7 +5,7 @@
 #include "fuzz/fuzzing.h"
 #include "meter/channelAnalyser.h"
 #include "meter/reportText.h"
-#include "support/psiBuilder.h"
+#include "support/meterStream.h"
 
 using psi::Bytes;
 
@@ -74,21 +74,12 @@ Bytes sectionPackets(Input& input, std::array<uint8_t, 8>& counters) {
     const std::size_t length = section.size() + 4 - 3;
     section[1] = static_cast<uint8_t>((section[1] & 0xF0) | length >> 8);
     section[2] = psi::low8(length);
-    section = psi::concat({{0}, psi::withCrc(section)});
-    Bytes packets;
-    for (std::size_t at = 0; at < section.size(); at += kPacketSize - 4) {
-        uint8_t& counter = counters[which & 7];
-        counter = (counter + 1) & 0x0F;
-        packets = psi::concat({packets,
-                               {0x47},
-                               psi::u16((at == 0 ? 0x4000U : 0U) | kTablePids[which & 7]),
-                               {static_cast<uint8_t>(0x10 | counter)}});
-        const std::size_t size = std::min(section.size() - at, kPacketSize - 4);
-        packets.insert(packets.end(), section.begin() + static_cast<long>(at),
-                       section.begin() + static_cast<long>(at + size));
-        packets.resize((packets.size() + kPacketSize - 1) / kPacketSize * kPacketSize, 0xFF);
+    std::vector<psi::TsPacket> packets;
+    test::MeterStream::addSection(packets, kTablePids[which & 7], psi::withCrc(section));
+    for (psi::TsPacket& packet : packets) {
+        packet[3] = static_cast<uint8_t>(packet[3] | (++counters[which & 7] & 0x0F));
     }
-    return packets;
+    return test::joined(packets);
 }
 
 // Packets with a PCR at even distances, of one PID or of one after the other: what needs seconds of a stream,
@@ -96,26 +87,20 @@ Bytes sectionPackets(Input& input, std::array<uint8_t, 8>& counters) {
 struct Regular {
     explicit Regular(Input& input)
         : pid(input.word()), count(2U * input.byte()), gapMs(input.byte()), lateNs(input.word()) {}
-    const Bytes& next() {
-        pcr = (pcr + gapMs * 27'000) % ((uint64_t{1} << 33) * 300);
-        const uint64_t base = pcr / 300;
-        const Bytes head = psi::concat({{0x47},
-                                        psi::u16(pid & 0x1FFF),
-                                        {0x20, 183, 0x10},
-                                        psi::u32(base >> 1),
-                                        psi::u16((base & 1) << 15 | 0x7E00 | pcr % 300)});
-        std::ranges::copy(head, packet.begin());
+    Bytes next() {
+        pcr = (pcr + gapMs * 27'000) % (300ULL << 33);
+        psi::TsPacket packet = test::MeterStream::header(pid & 0x1FFF, false, 0x20);
+        std::ranges::copy(psi::concat({{183, 0x10}, test::MeterStream::pcrField(pcr)}), packet.begin() + 4);
         if ((pid & 0x2000) != 0) {
             pid = (pid & 0xE000) | ((pid + 1) & 0x1FFF);
         }
-        return packet;
+        return {packet.begin(), packet.end()};
     }
     unsigned pid;  // 13 bits, and whether the next one's is another
     unsigned count;
     unsigned gapMs;
     int64_t lateNs;  // every other one
     uint64_t pcr = 0;
-    Bytes packet = Bytes(kPacketSize, 0xFF);
 };
 
 // Tables that are right, so that there are programs, streams and a CAT.

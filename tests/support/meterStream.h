@@ -119,6 +119,22 @@ struct MeterStream : StreamPlan {
         return static_cast<uint16_t>((packet[1] & 0x1F) << 8 | packet[2]);
     }
 
+    // Its packets; their counters are 0.
+    static void addSection(std::vector<TsPacket>& waiting, uint16_t pid, const Bytes& section) {
+        const Bytes bytes = psi::concat({{0}, section});
+        for (std::size_t at = 0; at < bytes.size(); at += 184) {
+            TsPacket packet = header(pid, at == 0, 0x10);
+            std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at),
+                        std::min<std::size_t>(bytes.size() - at, 184), packet.begin() + 4);
+            waiting.push_back(packet);
+        }
+    }
+    // program_clock_reference in 27 MHz, of ISO/IEC 13818-1, 2.4.3.5.
+    static Bytes pcrField(uint64_t value) {
+        const uint64_t base = value / 300;
+        return psi::concat({psi::u32(base >> 1), psi::u16(base << 15 | 0x7E00 | value % 300)});
+    }
+
   private:
     void count4(TsPacket& packet) {
         packet[3] = static_cast<uint8_t>((packet[3] & 0xF0) | (counters_[pidOf(packet)]++ & 0xF));
@@ -135,10 +151,8 @@ struct MeterStream : StreamPlan {
         TsPacket packet = header(pid, true, pcr ? 0x30 : 0x10);
         std::size_t at = 4;
         if (pcr) {
-            const auto value = static_cast<uint64_t>(clock(ticks)) % (300ULL << 33);
-            const uint64_t base = value / 300;
             const Bytes field =
-                psi::concat({{7, 0x10}, psi::u32(base >> 1), psi::u16(base << 15 | 0x7E00 | value % 300)});
+                psi::concat({{7, 0x10}, pcrField(static_cast<uint64_t>(clock(ticks)) % (300ULL << 33))});
             std::ranges::copy(field, packet.begin() + 4);
             at += field.size();
         }
@@ -149,15 +163,6 @@ struct MeterStream : StreamPlan {
         std::ranges::copy(start, packet.begin() + static_cast<std::ptrdiff_t>(at));
         count4(packet);
         return packet;
-    }
-    static void addSection(std::vector<TsPacket>& waiting, uint16_t pid, const Bytes& section) {
-        const Bytes bytes = psi::concat({{0}, section});
-        for (std::size_t at = 0; at < bytes.size(); at += 184) {
-            TsPacket packet = header(pid, at == 0, 0x10);
-            std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at),
-                        std::min<std::size_t>(bytes.size() - at, 184), packet.begin() + 4);
-            waiting.push_back(packet);
-        }
     }
 
     std::map<uint16_t, uint8_t> counters_;
